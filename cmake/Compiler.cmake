@@ -1,0 +1,20 @@
+# Language level, warnings and sanitizers of everything built in this tree.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Kind of build" FORCE)
+endif()
+
+add_library(brantle_options INTERFACE)
+target_compile_options(brantle_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(PROJECT_IS_TOP_LEVEL)
+  target_compile_options(brantle_options INTERFACE -Werror)
+endif()
+if(BRANTLE_SANITIZE)
+  target_compile_options(brantle_options INTERFACE
+    -fsanitize=${BRANTLE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(brantle_options INTERFACE -fsanitize=${BRANTLE_SANITIZE})
+endif()

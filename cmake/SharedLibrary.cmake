@@ -1,0 +1,22 @@
+# brantle_shared_library(NAME VERSION v SOVERSION s MACRO M LINKS ...)
+#
+# A shared library of this tree: hidden visibility, one export macro (M_API, switched by
+# M_BUILDING), a version script NAME.map beside this file with `local: *`, and the alias
+# brantle::NAME under which the tree and an installed package know it alike.
+function(brantle_shared_library name)
+  cmake_parse_arguments(ARG "" "VERSION;SOVERSION;MACRO" "LINKS" ${ARGN})
+  add_library(${name} SHARED)
+  add_library(brantle::${name} ALIAS ${name})
+  set(script ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
+  set_target_properties(${name} PROPERTIES
+    VERSION ${ARG_VERSION} SOVERSION ${ARG_SOVERSION}
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+    LINK_DEPENDS ${script})
+  target_compile_definitions(${name} PRIVATE ${ARG_MACRO}_BUILDING)
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_compile_features(${name} PUBLIC cxx_std_17)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${script})
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:brantle_options>)
+endfunction()

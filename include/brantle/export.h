@@ -1,0 +1,11 @@
+#ifndef BRANTLE_BRANTLE_EXPORT_H
+#define BRANTLE_BRANTLE_EXPORT_H
+
+/// Marks what libbrantle offers to other objects; everything else stays hidden inside it.
+#ifdef BRANTLE_BUILDING
+#define BRANTLE_API __attribute__((visibility("default")))
+#else
+#define BRANTLE_API
+#endif
+
+#endif
