@@ -1,0 +1,163 @@
+#ifndef BRANTLE_EVENT_IOMULTIPLEXER_H
+#define BRANTLE_EVENT_IOMULTIPLEXER_H
+
+#include <cstdint>
+
+#include <generic/gcmp>
+#include <generic/handle>
+#include <generic/tmap>
+#include <generic/tppqueue>
+#include <generic/tpvarr>
+#include <generic/tslist>
+#include <generic/tsortedvector>
+
+#include <brantle/event/iomultiplexer_dispatcher.h>
+#include <brantle/event/locks.h>
+#include <brantle/export.h>
+#include <brantle/thornel/sock_io.h>
+
+/// The poll-based event core: a table from descriptor to dispatcher, the records for poll(2), the
+/// callbacks that are told of an unregistered descriptor, and a queue of timers.
+///
+/// It has no thread and no loop; `IOMultiplexerTask` drives it. It owns the clones of the dispatchers
+/// registered. Callbacks and timers stay the caller's, unless `DestroyCallbacks` or `DestroyTimers` is
+/// called, and must outlive their stay in it.
+///
+/// Threads: table, poll records and callbacks are guarded by the read-write lock that the class derives
+/// from, so `Register`, `Unregister`, `Clear` and the callback list may be used from any thread. poll(2)
+/// and the dispatchers run outside the lock: unregistering a descriptor from another thread while a
+/// dispatch is under way is not safe. The timer queue takes no lock and belongs to the loop's thread.
+/// Nothing wakes a sleeping poll(2): a change made by another thread takes effect when it returns.
+class BRANTLE_API IOMultiplexer : public RWLock {
+public:
+    /// Seconds and milliseconds. 1000 is a legal millisecond count: only what is greater is carried
+    /// over. Arithmetic wraps in 32 bits.
+    struct BRANTLE_API Timeval {
+        Timeval() : Timeval(0, 0) {}
+        Timeval(unsigned long sec, unsigned int msec);
+
+        Timeval& operator+=(Timeval const& t);
+        Timeval& operator-=(Timeval const& t);
+
+        /// The wall clock, since the Unix epoch.
+        static Timeval Now();
+
+        std::uint32_t _sec;
+        std::uint32_t _msec;
+    };
+
+    /// Work to be done at a point of time. Derive from `OnceTimer` or `PeriodicTimer`
+    /// (<brantle/event/timers.h>) and implement `Fire`.
+    class BRANTLE_API Timer {
+    public:
+        /// Due now.
+        Timer();
+        /// Due at `t`.
+        explicit Timer(Timeval const& t);
+        Timer(Timer const&) = default;
+        Timer& operator=(Timer const&) = default;
+
+        /// The timer's work. `now` is the time at which the multiplexer looked at its timers. May
+        /// insert and unregister timers.
+        virtual void Fire(Timeval const& now) = 0;
+        /// Computes and stores the next due time and returns it; zero takes the timer out of the
+        /// queue for good.
+        virtual Timeval ScheduleNext() = 0;
+        virtual ~Timer();
+
+        Timeval _start;
+        Timeval _next; ///< the due time; not to be changed from outside while the timer is queued
+
+        /// Gives the timer queue its key.
+        struct Adapter {
+            static Timeval const& Key(Timer const& timer) { return timer._next; }
+        };
+    };
+
+    class OnceTimer;
+    class PeriodicTimer;
+
+    typedef TSortedVector<SockIO::PollFd, SockIO::PollFd::Compare> PollFds;
+
+    IOMultiplexer();
+    ~IOMultiplexer();
+    IOMultiplexer(IOMultiplexer const&) = delete;
+    IOMultiplexer& operator=(IOMultiplexer const&) = delete;
+
+    /// Registers a clone of `d` for `fd`, in place of the dispatcher that was registered for it.
+    /// Returns 0, or EINVAL for a negative `fd`. A type other than the two of
+    /// `IOMultiplexerDispatcherType` ends the process.
+    int Register(int fd, IOMultiplexerDispatcher const& d);
+    /// Deletes the dispatcher of `fd` and then calls the callbacks, also when `fd` was not registered.
+    /// Returns 0, or EINVAL for a negative `fd`.
+    int Unregister(int fd);
+    /// Deletes all dispatchers. Callbacks are not called, and timers stay.
+    void Clear();
+
+    /// Puts a callback at the front, or at the end, of the list.
+    void Insert(IOMultiplexerCallback* callback);
+    void Append(IOMultiplexerCallback* callback);
+    /// Takes the first callback that `cmp` matches out of the list and returns it, or null.
+    IOMultiplexerCallback* Unregister(IOMultiplexerCallback::Cmp const& cmp);
+    /// Calls the callbacks with `fd` from the front, until one returns non-zero.
+    void CallCallbacks(int fd);
+    /// Deletes all callbacks of the list and empties it.
+    void DestroyCallbacks();
+
+    /// Queues a timer.
+    void Insert(Timer* timer);
+    /// Takes the first timer in array order that `cmp` matches out of the queue and returns it, or
+    /// null.
+    Timer* Unregister(TPVarrCmp<Timer> const& cmp);
+    /// Fires all timers that are due and returns how long to sleep: until the next one is due, or
+    /// 60 seconds.
+    Timeval CheckTimers();
+    /// Fires every queued timer once, due or not, without rescheduling.
+    void InvokeTimers();
+    /// Deletes every queued timer.
+    void DestroyTimers();
+
+    /// Fills `fds` with the descriptors whose dispatchers have input buffered, and returns their
+    /// number. The caller holds the lock.
+    int InAvail(PollFds& fds);
+    /// Waits until a descriptor is ready or `timeout` is over. `fds` becomes the set looked at, with
+    /// its `revents`. Returns the number of ready descriptors, 0 at the end of the time, or -1 with
+    /// `errno` set. poll(2) is not called when input is buffered. A time that is negative in 32-bit
+    /// milliseconds is no limit at all.
+    int Poll(PollFds& fds, Timeval const& timeout);
+    /// The next ready descriptor of `fds` behind position `cursor`, which moves on to it, round robin;
+    /// -1 when none is ready. `cursor` starts at -1 and lives with the caller.
+    static int Nextfd(int& cursor, PollFds const& fds);
+    /// Lets the dispatcher of `fd` serve it, without any lock, and returns its result; 0 for an
+    /// unknown descriptor.
+    int Dispatch(int fd);
+
+    /// A new request for `fd`, which the caller owns, or null for an unknown descriptor.
+    IOMultiplexerRequest* MakeRequest(int fd);
+    /// Processes `request`, without any lock, if `fd` is registered. `request` may be null and stays
+    /// the caller's.
+    void ProcessRequest(int fd, IOMultiplexerRequest* request);
+
+private:
+    typedef TMap<int, Handle<IOMultiplexerDispatcher>, GCmp<int>> Dispatchers;
+    typedef TPPQueue<Timeval, Timer, Timer::Adapter> Timers;
+
+    void _Unregister(int fd);
+    IOMultiplexerDispatcher* FindDispatcher(int fd) const;
+
+    Dispatchers _dispatchers;
+    PollFds _pollFds;
+    TSList<IOMultiplexerCallback> _callbacks;
+    Timers _timers;
+};
+
+BRANTLE_API IOMultiplexer::Timeval operator+(IOMultiplexer::Timeval const& a,
+                                             IOMultiplexer::Timeval const& b);
+BRANTLE_API IOMultiplexer::Timeval operator-(IOMultiplexer::Timeval const& a,
+                                             IOMultiplexer::Timeval const& b);
+
+/// Due times are ordered by seconds and then milliseconds, both as signed 32-bit numbers.
+BRANTLE_API bool operator<(IOMultiplexer::Timeval const& a, IOMultiplexer::Timeval const& b);
+inline bool operator>(IOMultiplexer::Timeval const& a, IOMultiplexer::Timeval const& b) { return b < a; }
+
+#endif

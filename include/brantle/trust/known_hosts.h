@@ -1,0 +1,69 @@
+#ifndef BRANTLE_TRUST_KNOWN_HOSTS_H
+#define BRANTLE_TRUST_KNOWN_HOSTS_H
+
+#include <istream>
+
+#include <generic/gcmp>
+#include <generic/tmap>
+
+#include <brantle/cindral/public_key.h>
+#include <brantle/event/locks.h>
+#include <brantle/export.h>
+#include <brantle/thornel/string_t.h>
+
+namespace cindral {
+
+/// The client's store of server host keys, which decides by trust on first use: a host that is not
+/// in the store is accepted and added, a host that is there must show the same key.
+///
+/// The store is filled from `.ssh/known_hosts` of the home directory, and new hosts are appended to
+/// that file; it is never rewritten, so a host whose key has changed is edited out by hand. Hosts are
+/// known under the canonical name "[host]:port"; a host text that begins with a bracket is canonical
+/// as it is. Hashed names and patterns match nothing.
+///
+/// The static operations work on the one store of the process. All operations may be called from any
+/// thread.
+class BRANTLE_API KnownHosts {
+public:
+    /// The store of the process, built at the first call and destroyed at exit.
+    static KnownHosts* GetInstance();
+    /// The host key algorithms that the client offers: "ssh-rsa,ssh-dss".
+    static String_t KeyAlgorithms();
+    /// The result of the last read: 0, or a negative errno value.
+    static int Errnum();
+    /// Adds the entries of a file, or of a stream in the file's format, to the store. The first entry
+    /// of a host counts. Returns 0, or the negative errno value of a file that cannot be opened.
+    static int Read(char const* path);
+    static int Read(std::basic_istream<char, std::char_traits<char>>& in);
+    /// Non-zero when `key` may be trusted for `host`, which must not be empty. A new host is appended to
+    /// the file, without a report if that fails. `address` may be empty; an address that is not known
+    /// gets the key too, in memory only, and has no influence on the result.
+    static int IsIn(String_t const& host, unsigned short port, String_t const& address, PublicKey const& key);
+
+    /// A store of its own, filled from the default file, from the file named, or from the stream.
+    /// New hosts are appended to the default file in every case.
+    KnownHosts();
+    explicit KnownHosts(char const* path);
+    explicit KnownHosts(std::basic_istream<char, std::char_traits<char>>& in);
+    ~KnownHosts();
+    KnownHosts(KnownHosts const&) = delete;
+    KnownHosts& operator=(KnownHosts const&) = delete;
+
+    /// The operations above on this object.
+    int _Read(char const* path);
+    int _Read(std::basic_istream<char, std::char_traits<char>>& in);
+    int _IsIn(String_t const& host, unsigned short port, String_t const& address, PublicKey const& key);
+
+private:
+    void Append(String_t const& name, PublicKey const& key, String_t const& key64);
+    void SetErrnum(int errnum);
+
+    RMutex _mutex;
+    String_t _path;
+    TMap<String_t, String_t, GStringCmp> _hosts;
+    int _errnum;
+};
+
+} // namespace cindral
+
+#endif
