@@ -1,0 +1,149 @@
+#ifndef BRANTLE_PACKET_AUTH_MESSAGES_H
+#define BRANTLE_PACKET_AUTH_MESSAGES_H
+
+#include <brantle/cindral/public_key.h>
+#include <brantle/export.h>
+#include <brantle/packet/packet.h>
+#include <brantle/thornel/byte_string.h>
+#include <brantle/thornel/string_t.h>
+#include <generic/tolist>
+
+namespace cindral {
+
+class Signature;
+
+/// Asks which methods may continue (RFC 4252, section 5.2).
+class BRANTLE_API PacketUserAuthNoneRequest : public Packet {
+public:
+    PacketUserAuthNoneRequest(String_t const& user, String_t const& service);
+    ~PacketUserAuthNoneRequest() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    String_t _user;
+    String_t _service;
+    String_t _method;
+};
+
+/// Offers a public key, or proves possession of its private half (RFC 4252, section 7).
+class BRANTLE_API PacketUserAuthPubkeyRequest : public Packet {
+public:
+    /// The query whether the key would do. `key` outlives the message.
+    PacketUserAuthPubkeyRequest(String_t const& user, String_t const& service, String_t const& algorithm,
+                                PublicKey& key);
+    /// The request with a signature; null makes it the query. `key` and `signature` outlive the message.
+    PacketUserAuthPubkeyRequest(String_t const& user, String_t const& service, String_t const& algorithm,
+                                PublicKey& key, Signature* signature);
+    ~PacketUserAuthPubkeyRequest() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    String_t _user;
+    String_t _service;
+    String_t _method;
+    String_t _algorithm;
+    PublicKey* _key;
+    Signature* _signatureBlob; ///< null in the query
+};
+
+/// Presents a password (RFC 4252, section 8).
+class BRANTLE_API PacketUserAuthPasswdRequest : public Packet {
+public:
+    PacketUserAuthPasswdRequest(String_t const& user, String_t const& service, String_t const& password);
+    /// Overwrites the text of the password with zero bytes, in the caller's value too, since both share it.
+    /// The bytes kept in `_payload` stay.
+    ~PacketUserAuthPasswdRequest() override;
+    PacketUserAuthPasswdRequest(PacketUserAuthPasswdRequest const&) = delete;
+    PacketUserAuthPasswdRequest& operator=(PacketUserAuthPasswdRequest const&) = delete;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    String_t _user;
+    String_t _service;
+    String_t _method;
+    String_t _password;
+};
+
+/// Starts keyboard-interactive authentication (RFC 4256, section 3.1).
+class BRANTLE_API PacketUserAuthInteractive : public Packet {
+public:
+    PacketUserAuthInteractive(String_t const& user, String_t const& service, String_t const& submethods);
+    ~PacketUserAuthInteractive() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    String_t _user;
+    String_t _service;
+    String_t _method;
+    String_t _language;
+    String_t _submethods;
+};
+
+/// Refuses a request and lists the methods that may continue (RFC 4252, section 5.1).
+class BRANTLE_API PacketUserAuthFailure : public Packet {
+public:
+    explicit PacketUserAuthFailure(PacketDecoder& decoder);
+    ~PacketUserAuthFailure() override;
+
+    String_t _methods; ///< comma-separated
+    int _partialSuccess = 0;
+};
+
+/// Ends authentication (RFC 4252, section 5.1).
+class BRANTLE_API PacketUserAuthSuccess : public Packet {
+public:
+    explicit PacketUserAuthSuccess(PacketDecoder& decoder);
+    ~PacketUserAuthSuccess() override;
+};
+
+/// Text for the user (RFC 4252, section 5.4).
+class BRANTLE_API PacketUserAuthBanner : public Packet {
+public:
+    explicit PacketUserAuthBanner(PacketDecoder& decoder);
+    ~PacketUserAuthBanner() override;
+
+    String_t _message;
+    String_t _language;
+};
+
+/// Tells that the key offered would do (RFC 4252, section 7).
+///
+/// Its number is also that of `PacketUserAuthInfoReq`: the method requested last says which one it is.
+class BRANTLE_API PacketUserAuthPkOk : public Packet {
+public:
+    PacketUserAuthPkOk(String_t const& algorithm, ByteString const& blob);
+    explicit PacketUserAuthPkOk(PacketDecoder& decoder);
+    ~PacketUserAuthPkOk() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    String_t _algorithm;
+    PublicKey _key;
+};
+
+/// One question of the server.
+struct Prompt {
+    String_t _text;
+    int _echo = 0; ///< non-zero: the answer may be shown while it is typed
+};
+
+/// Asks the user questions (RFC 4256, section 3.2).
+class BRANTLE_API PacketUserAuthInfoReq : public Packet {
+public:
+    explicit PacketUserAuthInfoReq(PacketDecoder& decoder);
+    ~PacketUserAuthInfoReq() override;
+
+    String_t _name;
+    String_t _instruction;
+    String_t _language;
+    TOList<Prompt> _prompts;
+};
+
+/// The user's answers, one for each prompt in its order (RFC 4256, section 3.4).
+class BRANTLE_API PacketUserAuthInfoResp : public Packet {
+public:
+    explicit PacketUserAuthInfoResp(TOList<String_t> const& responses);
+    ~PacketUserAuthInfoResp() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    TOList<String_t> _responses;
+};
+
+} // namespace cindral
+
+#endif

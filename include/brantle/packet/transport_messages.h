@@ -1,0 +1,59 @@
+#ifndef BRANTLE_PACKET_TRANSPORT_MESSAGES_H
+#define BRANTLE_PACKET_TRANSPORT_MESSAGES_H
+
+#include <brantle/export.h>
+#include <brantle/packet/packet.h>
+#include <brantle/thornel/byte_string.h>
+#include <brantle/thornel/string_t.h>
+
+namespace cindral {
+
+/// Ends the connection (RFC 4253, section 11.1).
+class BRANTLE_API PacketDisconnect : public Packet {
+public:
+    PacketDisconnect(int reason, String_t const& description, String_t const& language);
+    explicit PacketDisconnect(PacketDecoder& decoder);
+    ~PacketDisconnect() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    int _reason = 0; ///< one of `SSH_DISCONNECT_...`
+    String_t _description;
+    String_t _language;
+};
+
+/// Data that the receiver drops (RFC 4253, section 11.2).
+class BRANTLE_API PacketIgnore : public Packet {
+public:
+    explicit PacketIgnore(ByteString const& data);
+    explicit PacketIgnore(PacketDecoder& decoder);
+    ~PacketIgnore() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    ByteString _data;
+};
+
+/// Asks for a service by name (RFC 4253, section 10).
+class BRANTLE_API PacketServiceRequest : public Packet {
+public:
+    explicit PacketServiceRequest(String_t const& service);
+    explicit PacketServiceRequest(PacketDecoder& decoder);
+    ~PacketServiceRequest() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    String_t _service;
+};
+
+/// Grants a service (RFC 4253, section 10).
+class BRANTLE_API PacketServiceAccept : public Packet {
+public:
+    explicit PacketServiceAccept(String_t const& service);
+    explicit PacketServiceAccept(PacketDecoder& decoder);
+    ~PacketServiceAccept() override;
+    ByteString Payload(BlockCipher& cipher) override;
+
+    String_t _service;
+};
+
+} // namespace cindral
+
+#endif
