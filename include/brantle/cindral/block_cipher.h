@@ -1,0 +1,62 @@
+#ifndef BRANTLE_CINDRAL_BLOCK_CIPHER_H
+#define BRANTLE_CINDRAL_BLOCK_CIPHER_H
+
+#include <brantle/cindral/export.h>
+#include <brantle/thornel/byte_string.h>
+#include <brantle/thornel/string_t.h>
+
+namespace cindral {
+
+/// A handle on the cipher of one direction of a connection (RFC 4253 section 6.3, RFC 4344 section 4).
+///
+/// The handle stays the same object while `Redefine` exchanges the implementation, so that others
+/// may keep references to it and see each change at once. One thread at a time.
+class CINDRAL_API BlockCipher {
+public:
+    enum Mode : int { ENCRYPT = 0, DECRYPT = 1 };
+
+    /// A cipher in use, with its key and its chaining state.
+    class CINDRAL_API Rep {
+    public:
+        virtual ~Rep();
+        /// Bytes of a block; never 0.
+        virtual unsigned int BlockSize() const = 0;
+        /// `BlockCipher::NONE` for the cipher that changes nothing, another number for all others.
+        virtual int Kind() const = 0;
+        /// Processes `length` bytes, a multiple of the block size, from `source` to `destination`,
+        /// which may be the same array; a following call goes on where this one ended.
+        /// Returns the number of bytes produced, negative on failure.
+        virtual int Process(unsigned char const* source, unsigned int length, unsigned char* destination) = 0;
+        /// 0 asks for whole blocks without padding, which is how every cipher here works, and
+        /// returns 0; padding is not offered, so any other value returns a negative number.
+        virtual int SetPadding(int padding) = 0;
+    };
+
+    /// What `Rep::Kind` says of the `none` cipher.
+    static constexpr int NONE = 0;
+
+    /// The `none` cipher: passes bytes through; its block size is 8.
+    BlockCipher();
+    ~BlockCipher();
+    BlockCipher(BlockCipher const&) = delete;
+    BlockCipher& operator=(BlockCipher const&) = delete;
+
+    /// The names of the ciphers, comma-separated, most preferred first. "none" is not among them.
+    static String_t AvailableCiphers();
+    /// Block size in bytes; 0 for a name that is not known, 8 for "none".
+    static unsigned int BlockSize(char const* name);
+    /// Key length in bytes; 0 for a name that is not known and for "none".
+    static unsigned int KeyLen(char const* name);
+
+    /// Replaces the implementation by a fresh one. The first bytes of `key` and `iv` are used; there
+    /// may be more. Throws `InvalidArgument` for an unknown name, or a key or vector too short for
+    /// the cipher, and `OpenSSLError`; the old implementation then stays.
+    void Redefine(char const* name, Mode mode, ByteString const& key, ByteString const& iv);
+
+    /// Never null.
+    Rep* _rep;
+};
+
+} // namespace cindral
+
+#endif

@@ -1,0 +1,65 @@
+#ifndef BRANTLE_CINDRAL_PRIVATE_KEY_H
+#define BRANTLE_CINDRAL_PRIVATE_KEY_H
+
+#include <brantle/cindral/enter_password.h>
+#include <brantle/cindral/export.h>
+#include <brantle/cindral/key_types.h>
+#include <brantle/thornel/byte_string.h>
+
+struct evp_pkey_st;
+
+namespace cindral {
+
+/// A private key, rsa or dsa, or no key at all. One thread at a time.
+class CINDRAL_API PrivateKey {
+public:
+    /// Negative results of `Read` that are no errno value.
+    enum Failure : int {
+        BROKEN_FILE = -1001,      ///< no key file in a known format, or cut or damaged
+        WRONG_PASSPHRASE = -1002, ///< no passphrase offered was the right one
+        UNSUPPORTED_KEY = -1003,  ///< a key neither rsa nor dsa, or a cipher or format version not known
+        NO_PASSPHRASE = -1004,    ///< encrypted, and no passphrase can be asked for
+    };
+
+    /// The implementation; owns the OpenSSL key.
+    class CINDRAL_API Rep {
+    public:
+        /// Takes over `key`, an rsa or dsa key pair.
+        explicit Rep(evp_pkey_st* key);
+        virtual ~Rep();
+        Rep(Rep const&) = delete;
+        Rep& operator=(Rep const&) = delete;
+
+        /// Non-zero when the object holds a key.
+        virtual int IsLoaded() const;
+
+        KeyType Type() const;
+        /// The key as an agent's add-identity message takes it: the algorithm name as string, then
+        /// the numbers as mpint: n, e, d, iqmp, p, q for rsa; p, q, g, y, x for dsa. An rsa file may
+        /// lack the inverse; it is then computed. Throws `OpenSSLError`.
+        ByteString EncodeSSH() const;
+
+        evp_pkey_st* _key;
+    };
+
+    /// No key.
+    PrivateKey();
+    ~PrivateKey();
+    PrivateKey(PrivateKey const&) = delete;
+    PrivateKey& operator=(PrivateKey const&) = delete;
+
+    /// Reads a key file: PEM (PKCS#1, PKCS#8, DSA) or "BEGIN OPENSSH PRIVATE KEY", plain or
+    /// encrypted (the latter with aes256-ctr or aes256-cbc and bcrypt). `enter` is called only for
+    /// an encrypted key: once more than its number of tries when a secret is preset, as that one is
+    /// offered first. Returns 0; minus errno when the file can't be read; a `Failure`; or the
+    /// negative result of `enter`. On failure the object stays as it was. Passphrase and decrypted
+    /// bytes are wiped.
+    int Read(char const* path, EnterPassword& enter);
+
+    /// Null until a `Read` succeeds.
+    Rep* _rep;
+};
+
+} // namespace cindral
+
+#endif
