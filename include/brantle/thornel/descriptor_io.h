@@ -1,0 +1,58 @@
+#ifndef BRANTLE_THORNEL_DESCRIPTOR_IO_H
+#define BRANTLE_THORNEL_DESCRIPTOR_IO_H
+
+#include <poll.h>
+#include <sys/types.h>
+
+#include <cstddef>
+
+#include <brantle/thornel/export.h>
+
+/// Reads and writes on one descriptor: the one place where interrupted calls, short counts, closed
+/// peers, non-blocking descriptors and time limits are dealt with.
+///
+/// Sockets, pipes, terminals and files are told apart once, when the descriptor is set, so that a
+/// transfer on the fast path is a single system call. A write to a closed peer fails with EPIPE and
+/// raises no SIGPIPE. The descriptor stays the caller's. A limit is in seconds and holds for each
+/// wait by itself; 0 is no limit; a wait that ends by it fails with ETIMEDOUT.
+class THORNEL_API DescriptorIO {
+public:
+    /// The system calls beneath, replaceable as a whole so that tests can interrupt and shorten them.
+    struct Calls {
+        ssize_t (*recv)(int, void*, std::size_t, int);
+        ssize_t (*send)(int, void const*, std::size_t, int);
+        ssize_t (*read)(int, void*, std::size_t);
+        ssize_t (*write)(int, void const*, std::size_t);
+        int (*poll)(pollfd*, nfds_t, int);
+    };
+    static Calls& SystemCalls();
+
+    explicit DescriptorIO(int fd = -1) { Set(fd); }
+
+    /// Works on `fd` from now on; a negative one is none, and every transfer then fails with EBADF.
+    void Set(int fd);
+    int Fd() const { return _fd; }
+
+    /// Reads what there is, at least one byte and at most `size`, after a wait if there is none.
+    /// Returns the number, 0 at the end of the input, -1 on failure with errno set.
+    int Read(char* to, std::size_t size, unsigned int limit) const;
+
+    /// As Read, but stops behind the first `last` and takes no byte behind that out of the descriptor.
+    int ReadThrough(char* to, std::size_t size, char last, unsigned int limit) const;
+
+    /// Writes everything from `from` to `end` and advances `from` by what has gone. Returns 0, or -1
+    /// with errno set.
+    int Write(char const*& from, char const* end, unsigned int limit) const;
+
+private:
+    enum Kind { SOCKET, PIPE, OTHER };
+
+    ssize_t ReadOnce(char* to, std::size_t size, int flags, unsigned int limit) const;
+    ssize_t WriteOnce(char const* from, std::size_t size, unsigned int limit) const;
+    int Wait(short events, unsigned int limit) const;
+
+    int _fd;
+    Kind _kind;
+};
+
+#endif

@@ -1,0 +1,108 @@
+#ifndef BRANTLE_THORNEL_STREAM_BUFFER_H
+#define BRANTLE_THORNEL_STREAM_BUFFER_H
+
+#include <algorithm>
+#include <cstddef>
+
+#include <brantle/thornel/export.h>
+
+/// The window of an input stream: what has been read and not yet been taken lies in [_pos, _end).
+///
+/// The array is allocated once, by the constructor, and belongs to this object. A derived class says
+/// in Fill() where the bytes come from and may move `_end` and `_pos` within the array.
+///
+/// Invariant: _start <= _pos <= _end <= _start + _capacity.
+template <class T>
+class InputBuffer {
+public:
+    explicit InputBuffer(unsigned int capacity)
+        : _start(new T[capacity]), _end(_start), _pos(_start), _capacity(capacity) {}
+    virtual ~InputBuffer() { delete[] _start; }
+    InputBuffer(InputBuffer const&) = delete;
+    InputBuffer& operator=(InputBuffer const&) = delete;
+
+    /// Makes more elements available and sets `_end` and `_pos`. Returns their number, 0 at the end
+    /// of the input, a negative value on failure.
+    virtual int Fill() = 0;
+
+    /// Takes one element. Returns 1, or Fill()'s result if that is below 1.
+    virtual int Get(T& element) {
+        if (_pos >= _end) {
+            int filled = Fill();
+            if (filled < 1) return filled;
+        }
+        element = *_pos++;
+        return 1;
+    }
+
+    /// Takes what the window holds now, at most up to `end`, without a Fill(). Returns the number.
+    std::size_t TakeBuffered(T* begin, T* end) {
+        std::size_t count = static_cast<std::size_t>(std::min(end - begin, _end - _pos));
+        std::copy_n(_pos, count, begin);
+        _pos += count;
+        return count;
+    }
+
+    T* _start;              ///< the array, owned
+    T* _end;                ///< end of the valid range
+    T* _pos;                ///< next element to take
+    unsigned int _capacity; ///< size of the array
+};
+
+/// The window of an output stream: what has been put and not yet been written lies in [_start, _pos).
+///
+/// The array is allocated once, by the constructor, and belongs to this object. A derived class says
+/// in Flush() where the bytes go; it may set `_end` lower to write in smaller pieces.
+///
+/// Invariant: _start <= _pos <= _end <= _start + _capacity.
+template <class T>
+class OutputBuffer {
+public:
+    explicit OutputBuffer(unsigned int capacity)
+        : _start(new T[capacity]), _end(_start + capacity), _pos(_start), _capacity(capacity) {}
+    virtual ~OutputBuffer() { delete[] _start; }
+    OutputBuffer(OutputBuffer const&) = delete;
+    OutputBuffer& operator=(OutputBuffer const&) = delete;
+
+    /// Passes on what has been put and makes room. Negative on failure; what could not be passed on
+    /// stays.
+    virtual int Flush() = 0;
+
+    /// Puts one element. A full window is flushed first; if there is no room even then, the element
+    /// is dropped. Returns Flush()'s result, or 0 if there was no need of one.
+    virtual int Put(T const& element) {
+        int flushed = 0;
+        if (_pos >= _end) {
+            flushed = Flush();
+            if (_pos >= _end) return flushed;
+        }
+        *_pos++ = element;
+        return flushed;
+    }
+
+    /// Puts a range, with a Flush() each time the window is full and more is to come. Returns the
+    /// number of elements taken, or a negative value if there was no room for some of them: Flush()'s
+    /// result, or -1 where that did not say so.
+    int PutRange(T const* begin, T const* end) {
+        for (T const* next = begin; next != end;) {
+            if (_pos >= _end) {
+                int flushed = Flush();
+                if (_pos >= _end) return flushed < 0 ? flushed : -1;
+            }
+            std::ptrdiff_t count = std::min(end - next, _end - _pos);
+            _pos = std::copy_n(next, count, _pos);
+            next += count;
+        }
+        return static_cast<int>(end - begin);
+    }
+
+    T* _start;              ///< the array, owned
+    T* _end;                ///< end of the room
+    T* _pos;                ///< where the next element goes
+    unsigned int _capacity; ///< size of the array
+};
+
+extern template class THORNEL_API InputBuffer<char>;
+extern template class THORNEL_API OutputBuffer<char>;
+
+#endif
