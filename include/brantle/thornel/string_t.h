@@ -1,0 +1,100 @@
+#ifndef BRANTLE_THORNEL_STRING_T_H
+#define BRANTLE_THORNEL_STRING_T_H
+
+#include <cstddef>
+#include <iosfwd>
+
+#include <brantle/thornel/export.h>
+#include <brantle/thornel/text.h>
+
+/// A text value. Copies share one counted representation, and a text is not changed while it is shared.
+///
+/// The text pointer of a default-built value is null; every operation takes such a value as an empty
+/// text. The count is a plain integer: values that share a representation belong to one thread at a
+/// time, or under an outer lock.
+class THORNEL_API String_t {
+public:
+    /// What the copies of a value share. Owned by them together; the last one frees it.
+    struct THORNEL_API Srep {
+        char* _text; ///< NUL-terminated, owned, may be null
+        int _count;  ///< values that share this representation
+
+        explicit Srep(char* text) : _text(text), _count(1) {}
+        ~Srep() { delete[] _text; }
+        Srep(Srep const&) = delete;
+        Srep& operator=(Srep const&) = delete;
+
+        static void* operator new(std::size_t size);
+        static void operator delete(void* rep, std::size_t size);
+    };
+
+    /// An empty text with a null pointer.
+    String_t() : _rep(new Srep(nullptr)) {}
+    /// Copies a text; null gives an empty text with a null pointer.
+    String_t(char const* text);
+    /// Copies exactly `length` bytes and terminates them. A null `text` gives `length` bytes of 0.
+    String_t(char const* text, unsigned int length);
+    /// A private array of `length` + 1 bytes, all 0, for the caller to fill through `Buffer()`. Takes an
+    /// unsigned number (`0u`), since a plain 0 could as well be a null text.
+    explicit String_t(unsigned int length);
+
+    String_t(String_t const& other) noexcept : _rep(other._rep) { ++_rep->_count; }
+    ~String_t() { Release(_rep); }
+    String_t& operator=(String_t const& other) noexcept {
+        ++other._rep->_count;
+        Srep* const old = _rep;
+        _rep = other._rep;
+        Release(old);
+        return *this;
+    }
+
+    /// Replaces the text; null makes it empty. The argument may lie within the present text.
+    String_t& operator=(char const* text);
+    /// Appends a text; null appends nothing. The argument may lie within the present text.
+    String_t& operator+=(char const* text);
+    String_t& operator+=(String_t const& other) { return *this += other.Text(); }
+
+    /// The text, null for a default-built value. Valid until the value changes or goes.
+    char const* Text() const { return _rep->_text; }
+
+    /// The writable array, never null, made private first. The room is that of the `Reserve` or
+    /// `String_t(unsigned int)` just before, else that of the present text.
+    char* Buffer();
+
+    /// Makes the array private, with room for `length` characters and the terminator, and keeps as much
+    /// of the text as fits. The bytes behind the text are 0.
+    void Reserve(unsigned int length);
+
+    /// At most `length` characters from `start`; empty if `start` is behind the end.
+    String_t SubStr(unsigned int start, unsigned int length) const;
+
+    /// The text without blanks, tabs, line ends, vertical tabs and form feeds at both ends.
+    String_t Trim() const;
+
+    /// Reads up to a delimiter, which is consumed and not stored, and replaces the target's text.
+    ///
+    /// \param in          the stream; eofbit at the end of input, and failbit if nothing was read there
+    /// \param target      takes the text
+    /// \param delimiters  each of its characters ends the text
+    static std::istream& Getline(std::istream& in, String_t& target, char const* delimiters);
+
+    bool operator==(char const* text) const { return str_cmp(Text(), text) == 0; }
+    bool operator!=(char const* text) const { return !(*this == text); }
+    bool operator==(String_t const& other) const { return _rep == other._rep || *this == other.Text(); }
+    bool operator!=(String_t const& other) const { return !(*this == other); }
+
+    Srep* _rep;
+
+private:
+    static void Release(Srep* rep) noexcept {
+        if (--rep->_count == 0) Destroy(rep);
+    }
+    static void Destroy(Srep* rep) noexcept;
+};
+
+/// Writes the text; an empty one writes nothing.
+THORNEL_API std::ostream& operator<<(std::ostream& out, String_t const& text);
+/// Reads one word, delimited by white space.
+THORNEL_API std::istream& operator>>(std::istream& in, String_t& text);
+
+#endif

@@ -1,0 +1,30 @@
+#ifndef BRANTLE_THORNEL_STRING_TOK_H
+#define BRANTLE_THORNEL_STRING_TOK_H
+
+#include <brantle/thornel/export.h>
+#include <brantle/thornel/string_t.h>
+
+/// Takes a text apart token by token, with a choice of delimiters each time. A run of delimiters counts
+/// as one. Works on a private copy, in which the tokens stay valid as long as the tokeniser.
+class THORNEL_API StringTok {
+public:
+    /// \param text  the text, may be null
+    explicit StringTok(char const* text);
+    StringTok(StringTok const&) = delete;
+    StringTok& operator=(StringTok const&) = delete;
+
+    /// The next token, null when the text is used up.
+    ///
+    /// \param delimiters  each of its characters ends a token
+    char const* operator()(char const* delimiters);
+
+    /// The delimiter that ended the last token; 0 at the end of the text.
+    char Delimiter() const { return _delimiter; }
+
+private:
+    String_t _copy;
+    char* _rest;
+    char _delimiter;
+};
+
+#endif
