@@ -23,6 +23,8 @@ public:
     /// 2 stands in the place of the modulus and the prime in that of the generator, so that `GenerateKey`
     /// refuses every size.
     explicit DhExchange(KexType type);
+    /// Without a group yet.
+    DhExchange();
     virtual ~DhExchange();
     DhExchange(DhExchange const&) = delete;
     DhExchange& operator=(DhExchange const&) = delete;
@@ -52,10 +54,6 @@ public:
                     ByteString const& hostKey, BigNum const& peer, BigNum const& secret) const;
 
     dh_st* _dh; ///< owned: p, g and the key pair
-
-protected:
-    /// Without a group yet.
-    DhExchange();
 };
 
 /// The exchange over a group that the server sent (RFC 4419).
