@@ -1,0 +1,96 @@
+// What the examples have in common: from a command line to a session that is logged in and run.
+
+#ifndef EXAMPLES_LOGIN_H
+#define EXAMPLES_LOGIN_H
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include <poll.h>
+
+#include <brantle/brantle.h>
+
+namespace examples {
+
+/// The exit statuses of the examples.
+enum Status {
+    DONE = 0,
+    USAGE = 2,
+    BAD_TARGET = 3,
+    NOT_CONNECTED = 4,
+    NO_KEY_EXCHANGE = 5,
+    NOT_LOGGED_IN = 6,
+    CHANNEL_REFUSED = 7,
+    CONNECTION_FAILED = 8,
+};
+
+constexpr unsigned int CONNECT_SECONDS = 20;
+constexpr unsigned int PASSWORD_TRIES = 3;
+
+inline int Fail(Status status, String_t const& what) {
+    std::cerr << what << std::endl;
+    return status;
+}
+
+/// [-i IDENTITY] [USER@]HOST[:PORT], and what follows.
+struct CommandLine {
+    String_t _identity;
+    String_t _user;
+    String_t _target;
+    char** _rest = nullptr; ///< null at its end
+
+    /// Returns DONE, or a failure that has been reported.
+    int Read(char** argv, char const* usage) {
+        ++argv;
+        if (*argv && std::strcmp(*argv, "-i") == 0) {
+            if (!*++argv) return Fail(USAGE, usage);
+            _identity = *argv++;
+        }
+        if (!*argv) return Fail(USAGE, usage);
+        if (cindral::SshSession::ParseUrl(*argv, _user, _target) < 0)
+            return Fail(BAD_TARGET, "the target can't be read: an address in brackets needs its \"]\"");
+        _rest = argv + 1;
+        return DONE;
+    }
+};
+
+/// Some servers send messages of their own right after the login, and a channel can be opened only
+/// when they have been read. Takes what arrives until the server has been quiet for a moment.
+inline void ReadSurplus(cindral::SshSession& session) {
+    constexpr int QUIET_MILLISECONDS = 300;
+    pollfd socket = {session.Fd(), POLLIN, 0};
+    while (session.HasBufferedInput() || poll(&socket, 1, QUIET_MILLISECONDS) > 0) session.AuthReadPacket();
+}
+
+/// Connects, exchanges keys and logs in.
+inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
+    if (int const error = session.Connect(CONNECT_SECONDS); error < 0)
+        return Fail(NOT_CONNECTED, String_t("can't connect: ") += std::strerror(-error));
+    if (session.KeyExchange() < 0)
+        return Fail(NO_KEY_EXCHANGE, "key exchange failed: no common algorithm, or a host key that can't be "
+                                     "trusted (is it another one than in ~/.ssh/known_hosts?)");
+    if (std::getenv("VERBOSE"))
+        std::cerr << "server " << session.ServerVersion() << "; group exchange with SHA-1; to the server "
+                  << session.CipherName(0) << " and " << session.MacName(0) << "; from it "
+                  << session.CipherName(1) << " and " << session.MacName(1) << std::endl;
+    cindral::EnterPassword password(PASSWORD_TRIES, "Password: ");
+    cindral::KbdInteractiveCallback questions;
+    if (session.Authenticate(arguments._identity, arguments._user, String_t(), password, questions) < 0)
+        return Fail(NOT_LOGGED_IN, "the server accepts no login");
+    ReadSurplus(session);
+    return DONE;
+}
+
+/// Logs in and runs the session to its end.
+inline int RunToEnd(cindral::SshSession& session, CommandLine const& arguments) {
+    if (int const status = Login(session, arguments); status != DONE) return status;
+    int const result = session.Run();
+    if (result == 1) return Fail(CHANNEL_REFUSED, "the server refuses the channel");
+    if (result > 0) return Fail(CONNECTION_FAILED, String_t("poll failed: ") += std::strerror(result));
+    return DONE;
+}
+
+} // namespace examples
+
+#endif

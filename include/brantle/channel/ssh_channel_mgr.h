@@ -1,0 +1,92 @@
+#ifndef BRANTLE_CHANNEL_SSH_CHANNEL_MGR_H
+#define BRANTLE_CHANNEL_SSH_CHANNEL_MGR_H
+
+#include <generic/gcmp>
+#include <generic/tpmap>
+
+#include <brantle/channel/ssh_channel.h>
+#include <brantle/export.h>
+#include <brantle/thornel/file_descriptor.h>
+
+namespace cindral {
+
+/// Makes a channel of a program's own class. The caller of the operator owns the result.
+class BRANTLE_API SshChannelMakerBase {
+public:
+    virtual SshChannel* operator()(unsigned int localId, unsigned int remoteId, String_t const& name,
+                                   unsigned int windowSize, ISshPacketStream* in,
+                                   OSshPacketStream* out) const = 0;
+    virtual ~SshChannelMakerBase();
+};
+
+/// The table of a session's channels. It owns them, hands out their local numbers from 0 upwards,
+/// never one twice, and drops without a word whatever is meant for a number that it does not know.
+/// Used on the thread that runs the session.
+class BRANTLE_API SshChannelMgr {
+public:
+    /// The session channel: what the peer sends is written to its descriptor at once and whole.
+    class BRANTLE_API TtyChannel : public SshChannel {
+    public:
+        using SshChannel::SshChannel;
+        ~TtyChannel() override;
+
+        /// One write(2) to `_fdOut`. Throws SystemError "write failed" with errno and the detail
+        /// "data" if it took fewer than `n` bytes.
+        void Forward(char const* data, unsigned int n) override;
+
+        /// The same on `_fdErr`.
+        void ForwardExtended(char const* data, unsigned int n) override;
+    };
+
+    /// A forwarded connection, which owns its descriptor and closes it.
+    class BRANTLE_API FdChannel : public SshChannel {
+    public:
+        using SshChannel::SshChannel;
+        ~FdChannel() override;
+
+        int _fd = -1;
+    };
+
+    SshChannelMgr();
+    SshChannelMgr(SshChannelMgr const&) = delete;
+    SshChannelMgr& operator=(SshChannelMgr const&) = delete;
+    /// Deletes every channel.
+    ~SshChannelMgr();
+
+    /// Each of these enters a new channel under the next local number. The table owns the result.
+    SshChannel* NewTtyChannel(unsigned int remoteId, String_t const& name, unsigned int windowSize, int fdIn,
+                              int fdOut, int fdErr, ISshPacketStream* in, OSshPacketStream* out);
+    /// Takes the descriptor over and leaves -1 in `fd`.
+    SshChannel* NewTcpConnection(unsigned int remoteId, String_t const& name, unsigned int windowSize,
+                                 FileDescriptor& fd, ISshPacketStream* in, OSshPacketStream* out);
+    SshChannel* NewChannel(unsigned int remoteId, String_t const& name, unsigned int windowSize,
+                           ISshPacketStream* in, OSshPacketStream* out, SshChannelMakerBase const& maker);
+
+    /// Puts a channel made by `maker` in the place of channel `id`, under its numbers, name and
+    /// window, and deletes the old one; the maker chooses the descriptors. Returns the new channel,
+    /// null for an unknown number.
+    SshChannel* ReplaceChannel(int id, SshChannelMakerBase const& maker);
+
+    /// Deletes channel `id` and returns the `_fdIn` it had, -1 for an unknown number.
+    int RemoveChannel(int id);
+
+    /// The channel of that number, null if there is none. The table keeps it.
+    SshChannel* Find(int id) const;
+
+    /// Hands data of the peer's to the channel's Forward. Extended data takes the same path.
+    void Forward(int id, char const* data, unsigned int n);
+    void ForwardExtended(int id, char const* data, unsigned int n);
+
+    /// Flushes every channel, in ascending number order.
+    void FlushAllChannels();
+
+private:
+    SshChannel* Enter(SshChannel* channel);
+
+    TPMap<unsigned int, SshChannel, GCmp<unsigned int>> _channels;
+    unsigned int _nextId;
+};
+
+} // namespace cindral
+
+#endif

@@ -1,0 +1,45 @@
+#ifndef BRANTLE_SESSION_KBD_INTERACTIVE_H
+#define BRANTLE_SESSION_KBD_INTERACTIVE_H
+
+#include <generic/tolist>
+
+#include <brantle/export.h>
+#include <brantle/packet/auth_messages.h>
+#include <brantle/thornel/string_t.h>
+
+namespace cindral {
+
+/// Answers the questions of keyboard-interactive authentication (RFC 4256). This class asks on the
+/// terminal; a program derives from it to answer by itself.
+class BRANTLE_API KbdInteractiveCallback {
+public:
+    KbdInteractiveCallback();
+    KbdInteractiveCallback(KbdInteractiveCallback const&) = default;
+    KbdInteractiveCallback& operator=(KbdInteractiveCallback const&) = default;
+    virtual ~KbdInteractiveCallback();
+
+    /// Called once for each request of the server's. `name` and `instruction` may be empty, and so
+    /// may `prompts`. Returns one answer for each prompt, in order.
+    ///
+    /// Here: prints name, instruction and prompts to standard output; reads an answer that may be
+    /// echoed as one word of standard input, any other without echo, up to 128 bytes.
+    virtual TOList<String_t> operator()(String_t const& name, String_t const& instruction,
+                                        TOList<Prompt> const& prompts);
+};
+
+/// Gives the same answer, such as a password, to every prompt.
+class BRANTLE_API KbdCopyCallback : public KbdInteractiveCallback {
+public:
+    explicit KbdCopyCallback(String_t const& answer);
+    ~KbdCopyCallback() override;
+
+    TOList<String_t> operator()(String_t const& name, String_t const& instruction,
+                                TOList<Prompt> const& prompts) override;
+
+private:
+    String_t _answer;
+};
+
+} // namespace cindral
+
+#endif

@@ -1,0 +1,71 @@
+#include <brantle/packet/packet_stream.h>
+
+#include <cstring>
+
+#include <brantle/cindral/exceptions.h>
+#include <brantle/cindral/random.h>
+
+namespace cindral {
+
+namespace {
+
+constexpr unsigned int TIME_LIMIT = 180;
+constexpr unsigned int MIN_PACKET_LENGTH = 2;
+constexpr unsigned int MAX_PACKET_LENGTH = 0x40000;
+constexpr unsigned int LENGTH_FIELD = 4;
+
+} // namespace
+
+int MessageNumber(ByteString const& packet) { return packet.Length() > 1 ? packet.Data()[1] : 0; }
+
+OSshPacketStream::OSshPacketStream(BlockCipher& cipher, Mac& mac)
+    : _sshBuffer(&_socketBuffer, cipher, mac), _adapter(_sshBuffer), _byteCount(0) {
+    _socketBuffer._timeout = TIME_LIMIT;
+}
+
+void OSshPacketStream::WritePacket(Packet& packet) {
+    _sshBuffer.StartPacket();
+    ByteString const payload = packet.Payload(_sshBuffer._cipher);
+    auto const padding = static_cast<unsigned int>(packet._padLen);
+    unsigned int const length = padding + 1 + payload.Length();
+    _adapter << length << static_cast<unsigned char>(padding);
+    _adapter.Write(reinterpret_cast<char const*>(payload.Data()), static_cast<int>(payload.Length()));
+    WritePadChars(padding);
+    _adapter.Flush();
+    if (_sshBuffer.FinalizePacket() < 0) return;
+    static_cast<OSockStream&>(_socketBuffer).Flush();
+    _byteCount += length + LENGTH_FIELD;
+}
+
+void OSshPacketStream::WritePadChars(unsigned int count) {
+    if (_sshBuffer._cipher._rep->Kind() == BlockCipher::NONE) {
+        _adapter.WriteChars('\0', count);
+        return;
+    }
+    for (; count > 0; --count) _adapter.Put(static_cast<char>(PseudoRand::NextByte()));
+}
+
+ISshPacketStream::ISshPacketStream(BlockCipher& cipher, Mac& mac)
+    : _sshBuffer(&_socketBuffer, cipher, mac), _adapter(_sshBuffer), _byteCount(0) {
+    _socketBuffer._timeout = TIME_LIMIT;
+}
+
+ByteString ISshPacketStream::ReadPacket() {
+    unsigned int const block = _sshBuffer._cipher._rep->BlockSize();
+    _sshBuffer.StartPacket(block);
+    unsigned int length = 0;
+    _adapter >> length;
+    if (length < MIN_PACKET_LENGTH) throw SshProtocolError("packet length less than 2");
+    if (length > MAX_PACKET_LENGTH)
+        throw SshProtocolError("packet length exceeds maximum value", static_cast<int>(length));
+    _sshBuffer.ContinuePacket(length + LENGTH_FIELD - block);
+    ByteString packet(length);
+    _adapter.Read(reinterpret_cast<char*>(packet.Data()), static_cast<int>(length));
+    auto const arrived = static_cast<unsigned int>(_adapter.Gcount());
+    std::memset(packet.Data() + arrived, 0, length - arrived);
+    if (_sshBuffer.FinalizePacket() < 0) return ByteString();
+    _byteCount += length + LENGTH_FIELD;
+    return packet;
+}
+
+} // namespace cindral

@@ -1,0 +1,192 @@
+// The loop's side of a session: dispatchers, and the handlers of messages (RFC 4254).
+
+#include <brantle/session/ssh_session.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include <unistd.h>
+
+#include <brantle/cindral/exceptions.h>
+#include <brantle/packet/channel_messages.h>
+#include <brantle/packet/session_requests.h>
+#include <brantle/packet/transport_messages.h>
+#include <brantle/thornel/sock_io.h>
+
+namespace cindral {
+
+/// Leads the socket to its session.
+class SshSession::SshDispatcher : public IOMultiplexerDispatcher {
+public:
+    explicit SshDispatcher(SshSession* session)
+        : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session) {}
+    SshDispatcher* Clone() const override { return new SshDispatcher(*this); }
+    int Dispatch(int fd) override { return _session->Dispatch(fd); }
+
+private:
+    SshSession* _session;
+};
+
+/// Leads a local descriptor to its channel, by the channel's local number: a channel may be replaced
+/// or closed while its descriptor is registered.
+class SshSession::FdDispatcher : public IOMultiplexerDispatcher {
+public:
+    FdDispatcher(SshSession* session, SshChannel const* channel)
+        : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session), _channel(channel->_localId) {}
+    FdDispatcher* Clone() const override { return new FdDispatcher(*this); }
+    int Dispatch(int fd) override;
+
+private:
+    SshSession* _session;
+    unsigned int _channel;
+};
+
+int SshSession::FdDispatcher::Dispatch(int fd) {
+    SshChannel* channel = _session->_channels.Find(static_cast<int>(_channel));
+    if (!channel) return 0;
+    char buffer[8192];
+    ssize_t const n = read(fd, buffer, sizeof buffer);
+    if (n > 0) {
+        channel->ForwardToSshd(buffer, static_cast<unsigned int>(n));
+        return 1;
+    }
+    if (n == 0) {
+        _session->CloseChannel(_channel);
+        return 0;
+    }
+    std::cerr << "error on " << fd << ' ' << std::strerror(errno) << _eol << std::flush;
+    return 1;
+}
+
+void SshSession::InitDispatcher() {
+    _handlers.Insert(Packet::SSH_MSG_CHANNEL_DATA, &SshSession::HandleChannelData);
+    _handlers.Insert(Packet::SSH_MSG_CHANNEL_EXTENDED_DATA, &SshSession::HandleChannelExtendedData);
+    _handlers.Insert(Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST, &SshSession::HandleChannelWindowAdjust);
+    _handlers.Insert(Packet::SSH_MSG_CHANNEL_REQUEST, &SshSession::HandleChannelRequest);
+    _handlers.Insert(Packet::SSH_MSG_CHANNEL_OPEN, &SshSession::HandleChannelOpen);
+    _handlers.Insert(Packet::SSH_MSG_CHANNEL_CLOSE, &SshSession::HandleChannelClose);
+    _handlers.Insert(Packet::SSH_MSG_CHANNEL_EOF, &SshSession::HandleChannelEof);
+    _handlers.Insert(Packet::SSH_MSG_IGNORE, &SshSession::HandleIgnore);
+    _handlers.Insert(Packet::SSH_MSG_DISCONNECT, &SshSession::HandleDisconnect);
+    _mux.Register(_fd._fd, SshDispatcher(this));
+    SshChannel* terminal = _channels.NewTtyChannel(_remoteChannel, "client-session", _windowSize, STDIN_FILENO,
+                                                   STDOUT_FILENO, STDERR_FILENO, &_in, &_out);
+    _mux.Register(STDIN_FILENO, FdDispatcher(this, terminal));
+    SetNodelay(_fd._fd);
+    SockIO::SetCloseOnExec(_fd._fd);
+}
+
+void SshSession::RegisterFdDispatcher(SshChannel* channel) {
+    SetNodelay(channel->_fdIn);
+    SockIO::SetCloseOnExec(channel->_fdIn);
+    _mux.Register(channel->_fdIn, FdDispatcher(this, channel));
+}
+
+void SshSession::CloseChannel(unsigned int id) {
+    SshChannel* channel = _channels.Find(static_cast<int>(id));
+    if (!channel) return;
+    channel->_eofSent = 1;
+    PacketChannelEof eof(channel->_remoteId);
+    _out.WritePacket(eof);
+}
+
+SshChannel* SshSession::ReplaceChannel(unsigned int id, SshChannelMakerBase const& maker) {
+    return _channels.ReplaceChannel(static_cast<int>(id), maker);
+}
+
+int SshSession::Dispatch(int fd) {
+    if (fd != _fd._fd) throw SystemError("invalid input", EINVAL, CryptoException::EncodeInt(fd));
+    int result = 1;
+    do {
+        PacketDecoder decoder(_in.ReadPacket());
+        int const number = MessageNumber(decoder._data);
+        if (Handler const* handler = _handlers.Find(number)) {
+            result = (this->**handler)(decoder);
+            if (result == 0) break;
+        } else {
+            ReportIgnored(number);
+        }
+    } while (_in.HasBufferedInput());
+    _channels.FlushAllChannels();
+    return result;
+}
+
+void SshSession::ReportIgnored(int number) {
+    std::cerr << "ignore packet ";
+    if (char const* name = Packet::MsgName(static_cast<unsigned int>(number)))
+        std::cerr << name;
+    else
+        std::cerr.setstate(std::ios::badbit);
+    std::cerr << '\n' << std::flush;
+}
+
+int SshSession::HandleDisconnect(PacketDecoder& decoder) {
+    PacketDisconnect const message(decoder);
+    std::cerr << "connection closed by peer, " << message._description << _eol << std::flush;
+    _task.Stop();
+    return 1;
+}
+
+int SshSession::HandleIgnore(PacketDecoder& decoder) {
+    PacketIgnore const message(decoder);
+    return 1;
+}
+
+int SshSession::HandleChannelData(PacketDecoder& decoder) {
+    PacketChannelData const message(decoder);
+    _channels.Forward(static_cast<int>(message._recipientChannel),
+                      reinterpret_cast<char const*>(message._bytes.Data()), message._bytes.Length());
+    return 1;
+}
+
+int SshSession::HandleChannelExtendedData(PacketDecoder& decoder) {
+    PacketChannelExtendedData const message(decoder);
+    _channels.ForwardExtended(static_cast<int>(message._recipientChannel),
+                              reinterpret_cast<char const*>(message._bytes.Data()), message._bytes.Length());
+    return 1;
+}
+
+int SshSession::HandleChannelWindowAdjust(PacketDecoder& decoder) {
+    PacketChannelWindowAdjust const message(decoder);
+    return 1;
+}
+
+int SshSession::HandleChannelRequest(PacketDecoder& decoder) {
+    PacketChannelRequest const message(decoder);
+    if (!(message._request == "exit-status") && !(message._request == "exit-signal")) return 1;
+    Terminate();
+    return 0;
+}
+
+int SshSession::HandleChannelEof(PacketDecoder& decoder) {
+    PacketChannelEof const message(decoder);
+    SshChannel const* channel = _channels.Find(static_cast<int>(message._recipientChannel));
+    if (!channel) return 1;
+    unsigned int const remoteId = channel->_remoteId;
+    if (!channel->_eofSent) {
+        PacketChannelEof eof(remoteId);
+        _out.WritePacket(eof);
+    }
+    _mux.Unregister(channel->_fdIn);
+    PacketChannelClose close(remoteId);
+    _out.WritePacket(close);
+    return 1;
+}
+
+int SshSession::HandleChannelClose(PacketDecoder& decoder) {
+    PacketChannelClose const message(decoder);
+    int const fd = _channels.RemoveChannel(static_cast<int>(message._recipientChannel));
+    if (fd >= 0) _mux.Unregister(fd);
+    return 1;
+}
+
+int SshSession::HandleChannelOpen(PacketDecoder& decoder) {
+    PacketOpenTcpChannel const message(decoder);
+    PacketChannelOpenFailure refusal(message._senderChannel, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED,
+                                     "open failed", String_t());
+    _out.WritePacket(refusal);
+    return 1;
+}
+
+} // namespace cindral

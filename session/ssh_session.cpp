@@ -1,0 +1,91 @@
+#include <brantle/session/ssh_session.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <brantle/cindral/exceptions.h>
+#include <brantle/thornel/sock_stream.h>
+#include <brantle/thornel/text.h>
+
+namespace cindral {
+
+char const* const SshSession::_defaultClientVersion = "SSH-2.0-libbrantle_0.1";
+char const* const SshSession::_eol = "\r\n";
+
+namespace {
+
+void RequireUsable(ClientSocketIn const& socket, String_t const& host) {
+    if (!socket) throw SystemError("initialize client socket failed", errno, host);
+}
+
+} // namespace
+
+SshSession::SshSession(Mode mode, unsigned short port, String_t const& host)
+    : _mode(mode), _socket(port, host.Text()), _fd(-1), _out(_ciphers[_mode], _macs[_mode]),
+      _in(_ciphers[!_mode], _macs[!_mode]), _kexType(KEX_NONE), _clientVersion(_defaultClientVersion),
+      _keyNeed(16), _authenticated(0), _remoteChannel(0), _windowSize(0), _task(_mux) {
+    RequireUsable(_socket, host);
+}
+
+SshSession::SshSession(Mode mode, String_t const& host)
+    : _mode(mode), _socket(host.Text()), _fd(-1), _out(_ciphers[_mode], _macs[_mode]),
+      _in(_ciphers[!_mode], _macs[!_mode]), _kexType(KEX_NONE), _clientVersion(_defaultClientVersion),
+      _keyNeed(16), _authenticated(0), _remoteChannel(0), _windowSize(0), _task(_mux) {
+    RequireUsable(_socket, host);
+}
+
+SshSession::~SshSession() = default;
+
+int SshSession::ParseUrl(char const* url, String_t& user, String_t& host) {
+    if (!url) return -EINVAL;
+    char const* rest = url;
+    if (char const* at = std::strrchr(url, '@')) {
+        user = String_t(url, static_cast<unsigned int>(at - url));
+        rest = at + 1;
+    } else {
+        user = getusername();
+    }
+    host = rest;
+    if (*rest == '[') {
+        rest = std::strchr(rest, ']');
+        if (!rest) return -EINVAL;
+        ++rest;
+    }
+    if (!std::strchr(rest, ':')) host += ":22";
+    return 0;
+}
+
+void SshSession::SetNodelay(int fd) {
+    int const on = 1;
+    if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) < 0)
+        throw SystemError("setsockopt", errno, CryptoException::EncodeInt(fd));
+}
+
+int SshSession::Connect(unsigned int timeout) {
+    int error = 0;
+    int const fd = _socket.Connect(timeout, error);
+    if (fd != _fd._fd) {
+        if (_fd._fd >= 0) close(_fd._fd);
+        _fd._fd = fd;
+    }
+    if (fd < 0) return -error;
+    IOSockStream line(fd);
+    line.Readln(_serverVersion, "\n");
+    line.Writeln(_clientVersion, "\n");
+    line.Flush();
+    _serverVersion = _serverVersion.Trim();
+    _out._socketBuffer.Bind(fd);
+    _in._socketBuffer.Bind(fd);
+    return 0;
+}
+
+int SshSession::Run() { return _task.Run(); }
+
+int SshSession::Terminate() { return _task.Stop(); }
+
+} // namespace cindral
