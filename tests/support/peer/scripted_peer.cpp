@@ -1,0 +1,134 @@
+#include "support/peer/scripted_peer.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace peer {
+
+struct ScriptedPeer::Run {
+    Run(int fd, int abortFd, ServerSettings const& settings, std::size_t index)
+        : connection(fd, abortFd, settings, index) {}
+
+    Connection connection;
+    std::thread thread;
+    std::exception_ptr failure;
+    std::string error;
+    bool cut = false;
+    bool ended = false;
+};
+
+namespace {
+
+int Check(int result, char const* call) {
+    if (result < 0) throw PeerError(std::string(call) + ": " + std::strerror(errno));
+    return result;
+}
+
+void Raise(int eventFd) {
+    std::uint64_t const one = 1;
+    if (write(eventFd, &one, sizeof one) != sizeof one) std::terminate();
+}
+
+} // namespace
+
+ScriptedPeer::ScriptedPeer(Script script, ServerSettings settings)
+    : _script(std::move(script)), _settings(std::move(settings)) {
+    _stopFd = Check(eventfd(0, EFD_CLOEXEC), "eventfd");
+    _abortFd = Check(eventfd(0, EFD_CLOEXEC), "eventfd");
+    _listener = Check(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    Check(bind(_listener, reinterpret_cast<sockaddr*>(&address), length), "bind");
+    Check(listen(_listener, 64), "listen");
+    Check(getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
+    _port = ntohs(address.sin_port);
+    _acceptor = std::thread([this] { Accept(); });
+}
+
+ScriptedPeer::~ScriptedPeer() {
+    Raise(_abortFd);
+    Stop();
+    for (int fd : {_listener, _stopFd, _abortFd}) close(fd);
+}
+
+void ScriptedPeer::Accept() {
+    for (;;) {
+        std::array<pollfd, 2> fds{pollfd{_listener, POLLIN, 0}, pollfd{_stopFd, POLLIN, 0}};
+        if (poll(fds.data(), fds.size(), -1) < 0) continue;
+        if (fds[1].revents != 0) return;
+        int const fd = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) continue;
+        std::lock_guard<std::mutex> const lock(_mutex);
+        _runs.push_back(std::make_unique<Run>(fd, _abortFd, _settings, _runs.size()));
+        Run& run = *_runs.back();
+        run.thread = std::thread([this, &run] { Perform(run); });
+    }
+}
+
+void ScriptedPeer::Perform(Run& run) {
+    try {
+        _script(run.connection);
+    } catch (Cut const&) {
+        run.cut = true;
+    } catch (std::exception const& error) {
+        run.failure = std::current_exception();
+        run.error = error.what();
+    }
+    run.connection.Wire().ShutdownWrite();
+    {
+        std::lock_guard<std::mutex> const lock(_mutex);
+        run.ended = true;
+        _changed.notify_all();
+    }
+    run.connection.Wire().DrainUntil(_stopFd);
+}
+
+void ScriptedPeer::Stop() {
+    if (!_acceptor.joinable()) return;
+    Raise(_stopFd);
+    _acceptor.join();
+    for (auto const& run : _runs) run->thread.join();
+}
+
+void ScriptedPeer::Join(std::size_t connections) {
+    bool complete = false;
+    {
+        std::unique_lock<std::mutex> lock(_mutex);
+        complete = _changed.wait_for(lock, 2 * Link::timeLimit, [&] {
+            std::size_t ended = 0;
+            for (auto const& run : _runs) ended += run->ended ? 1 : 0;
+            return ended >= connections && ended == _runs.size();
+        });
+    }
+    if (!complete) Raise(_abortFd);
+    Stop();
+    if (!complete)
+        throw PeerError("scripts of " + std::to_string(connections) + " connections did not end in time");
+}
+
+void ScriptedPeer::Finish(std::size_t connections) {
+    Join(connections);
+    for (auto const& run : _runs)
+        if (run->failure) std::rethrow_exception(run->failure);
+}
+
+std::string ScriptedPeer::Error(std::size_t index) const { return _runs.at(index)->error; }
+
+bool ScriptedPeer::RanToItsEnd(std::size_t index) const {
+    Run const& run = *_runs.at(index);
+    return run.ended && !run.cut && !run.failure;
+}
+
+Connection const& ScriptedPeer::At(std::size_t index) const { return _runs.at(index)->connection; }
+
+} // namespace peer
