@@ -70,7 +70,7 @@ public:
 
         /// Gives the timer queue its key.
         struct Adapter {
-            static Timeval const& Key(Timer const& timer) { return timer._next; }
+            static Timeval const& Key(Timer const* timer) { return timer->_next; }
         };
     };
 

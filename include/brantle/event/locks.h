@@ -64,7 +64,7 @@ public:
 
 private:
     bool IsOwner() const;
-    void Own();
+    void SetOwner(pthread_t owner);
 
     pthread_mutex_t _mutex;
     pthread_t _owner;

@@ -55,6 +55,7 @@ public:
     int _IsIn(String_t const& host, unsigned short port, String_t const& address, PublicKey const& key);
 
 private:
+    void ReadLine(String_t const& line);
     void Append(String_t const& name, PublicKey const& key, String_t const& key64);
     void SetErrnum(int errnum);
 

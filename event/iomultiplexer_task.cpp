@@ -1,0 +1,30 @@
+#include <brantle/event/iomultiplexer_task.h>
+
+#include <cerrno>
+
+IOMultiplexerTask::IOMultiplexerTask(IOMultiplexer& mux) : _mux(mux), _timeout(0, 0), _stop(0) {}
+
+IOMultiplexerTask::IOMultiplexerTask(IOMultiplexer& mux, IOMultiplexer::Timeval const& timeout)
+    : _mux(mux), _timeout(timeout), _stop(0) {}
+
+// Another thread may stop the task: the plain word is read and written atomically, in no order with
+// anything else.
+bool IOMultiplexerTask::IsStopped() const { return __atomic_load_n(&_stop, __ATOMIC_RELAXED) != 0; }
+
+int IOMultiplexerTask::Stop() { return __atomic_exchange_n(&_stop, 1, __ATOMIC_RELAXED); }
+
+int IOMultiplexerTask::Run() {
+    int cursor = -1;
+    while (!IsStopped()) {
+        _timeout = _mux.CheckTimers();
+        if (IsStopped()) break;
+        IOMultiplexer::PollFds fds;
+        int const ready = _mux.Poll(fds, _timeout);
+        if (ready < 0 && errno != EINTR) return errno;
+        if (ready > 0) {
+            int const fd = IOMultiplexer::Nextfd(cursor, fds);
+            if (fd >= 0 && !_mux.Dispatch(fd)) _mux.Unregister(fd);
+        }
+    }
+    return -1;
+}
