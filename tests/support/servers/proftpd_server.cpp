@@ -1,0 +1,98 @@
+#include "support/servers/proftpd_server.h"
+
+#include <filesystem>
+#include <stdexcept>
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+namespace servers {
+
+namespace {
+
+constexpr char const* CONFIGURATION = R"(
+LoadModule mod_sftp.c
+ServerName peer
+ServerType standalone
+DefaultAddress 127.0.0.1
+SocketBindTight on
+Port @PORT@
+UseIPv6 off
+User @USER@
+Group @GROUP@
+RootLogin on
+PidFile @DIRECTORY@/proftpd.pid
+ScoreboardFile @DIRECTORY@/scoreboard
+DelayEngine off
+WtmpLog off
+TransferLog none
+SystemLog @DIRECTORY@/log
+RequireValidShell off
+UseFtpUsers off
+AuthOrder mod_auth_file.c
+AuthUserFile @DIRECTORY@/passwd
+AuthGroupFile @DIRECTORY@/group
+AllowOverwrite on
+<IfModule mod_sftp.c>
+SFTPEngine on
+SFTPLog @DIRECTORY@/mod_sftp.log
+SFTPHostKey @DIRECTORY@/host_rsa
+SFTPHostKey @DIRECTORY@/host_dsa
+SFTPDHParamFile /etc/proftpd/dhparams.pem
+SFTPKeyExchanges diffie-hellman-group-exchange-sha1
+SFTPCiphers aes128-ctr aes128-cbc
+SFTPDigests hmac-sha1
+SFTPAuthorizedUserKeys file:@DIRECTORY@/authorized_rfc4716
+SFTPAuthMethods publickey password
+SFTPOptions NoHostkeyRotation @KEXINIT@
+SFTPRekey none
+</IfModule>
+)";
+
+std::string CurrentUser() {
+    passwd const* const entry = getpwuid(geteuid());
+    if (!entry) throw std::runtime_error("this process's user has no name");
+    return entry->pw_name;
+}
+
+std::string CurrentGroup() {
+    group const* const entry = getgrgid(getegid());
+    if (!entry) throw std::runtime_error("this process's group has no name");
+    return entry->gr_name;
+}
+
+std::string WithoutLineEnd(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+}
+
+} // namespace
+
+ProftpdServer::ProftpdServer(Kexinit kexinit) : RealServer(CurrentUser(), "an open secret") {
+    WriteAccounts();
+    StartOnFreePort([this, kexinit](std::uint16_t port) {
+        WriteFile(File("proftpd.conf"), Configuration(port, kexinit));
+        return std::vector<std::string>{"/usr/sbin/proftpd", "-n", "-c", File("proftpd.conf")};
+    });
+}
+
+void ProftpdServer::WriteAccounts() const {
+    std::filesystem::create_directory(File("home"));
+    std::string const hash = WithoutLineEnd(RunOrThrow({"openssl", "passwd", "-6", Password()}));
+    std::string const uid = std::to_string(geteuid());
+    std::string const gid = std::to_string(getegid());
+    WriteFile(File("passwd"),
+              User() + ":" + hash + ":" + uid + ":" + gid + "::" + File("home") + ":/bin/bash\n");
+    WriteFile(File("group"), CurrentGroup() + ":x:" + gid + ":\n");
+}
+
+std::string ProftpdServer::Configuration(std::uint16_t port, Kexinit kexinit) const {
+    return FillIn(CONFIGURATION, {{"PORT", std::to_string(port)},
+                                  {"USER", User()},
+                                  {"GROUP", CurrentGroup()},
+                                  {"DIRECTORY", File(".")},
+                                  {"KEXINIT", kexinit == Kexinit::AFTER_CLIENT ? "PessimisticKexinit" : ""}});
+}
+
+} // namespace servers

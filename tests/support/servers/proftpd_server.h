@@ -1,0 +1,27 @@
+#ifndef BRANTLE_TESTS_SUPPORT_SERVERS_PROFTPD_SERVER_H
+#define BRANTLE_TESTS_SUPPORT_SERVERS_PROFTPD_SERVER_H
+
+#include <cstdint>
+#include <string>
+
+#include "support/servers/real_server.h"
+
+namespace servers {
+
+/// ProFTPD with mod_sftp, as the user of this process: logins by key and by password, and SFTP; no
+/// commands. The account carries this user's own name, its home is File("home").
+class ProftpdServer : public RealServer {
+public:
+    /// When the server sends its KEXINIT: at once with its identification line, or after the client's.
+    enum class Kexinit { EARLY, AFTER_CLIENT };
+
+    explicit ProftpdServer(Kexinit kexinit = Kexinit::AFTER_CLIENT);
+
+private:
+    void WriteAccounts() const;
+    std::string Configuration(std::uint16_t port, Kexinit kexinit) const;
+};
+
+} // namespace servers
+
+#endif
