@@ -1,0 +1,61 @@
+#include <brantle/thornel/byte_string.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace {
+
+/// A representation of its own with room for `length` bytes.
+ByteString::Srep* NewRep(unsigned int length) {
+    std::unique_ptr<unsigned char[]> data(new unsigned char[length]);
+    ByteString::Srep* const rep = new ByteString::Srep(data.get(), length);
+    data.release();
+    return rep;
+}
+
+/// memcpy that takes a null source for no bytes.
+void Copy(unsigned char* to, void const* from, unsigned int length) {
+    if (length > 0) std::memcpy(to, from, length);
+}
+
+} // namespace
+
+void* ByteString::Srep::operator new(std::size_t size) { return ::operator new(size); }
+void ByteString::Srep::operator delete(void* rep, std::size_t) { ::operator delete(rep); }
+void ByteString::Destroy(Srep* rep) noexcept { delete rep; }
+
+ByteString::ByteString(unsigned int length) : _rep(NewRep(length)) {}
+
+ByteString::ByteString(void const* data, unsigned int length) : _rep(NewRep(data ? length : 0)) {
+    Copy(_rep->_data, data, Length());
+}
+
+ByteString ByteString::SubStr(unsigned int start, unsigned int length) const {
+    if (start >= Length()) return ByteString();
+    return ByteString(Data() + start, std::min(length, Length() - start));
+}
+
+void ByteString::Reserve(unsigned int length) {
+    if (_rep->_count == 1 && Data() && length <= Length()) {
+        _rep->_length = length;
+        return;
+    }
+    Srep* const rep = NewRep(length);
+    Copy(rep->_data, Data(), std::min(length, Length()));
+    Adopt(rep);
+}
+
+void ByteString::Append(void const* data, unsigned int length) {
+    if (!data || length == 0) return;
+    Srep* const rep = NewRep(Length() + length);
+    Copy(rep->_data, Data(), Length());
+    Copy(rep->_data + Length(), data, length);
+    Adopt(rep);
+}
+
+bool operator==(ByteString const& a, ByteString const& b) {
+    if (a.Length() != b.Length()) return false;
+    return a.Length() == 0 || std::memcmp(a.Data(), b.Data(), a.Length()) == 0;
+}

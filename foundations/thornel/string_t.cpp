@@ -1,0 +1,116 @@
+#include <brantle/thornel/string_t.h>
+
+#include <algorithm>
+#include <cstring>
+#include <istream>
+#include <memory>
+#include <new>
+#include <ostream>
+#include <string>
+
+namespace {
+
+using Chars = std::unique_ptr<char[]>;
+
+/// An array of `length` + 1 bytes, all 0.
+Chars Blank(unsigned int length) { return Chars(new char[std::size_t(length) + 1]()); }
+
+/// A terminated copy of `length` bytes.
+Chars Copy(char const* text, unsigned int length) {
+    if (!text) return Blank(length);
+    Chars copy(new char[std::size_t(length) + 1]);
+    std::memcpy(copy.get(), text, length);
+    copy[length] = '\0';
+    return copy;
+}
+
+/// A representation of its own for a text.
+String_t::Srep* NewRep(Chars text) {
+    String_t::Srep* const rep = new String_t::Srep(text.get());
+    text.release();
+    return rep;
+}
+
+bool IsSpace(char c) { return c != '\0' && std::strchr(" \t\n\v\f\r", c); }
+
+} // namespace
+
+void* String_t::Srep::operator new(std::size_t size) { return ::operator new(size); }
+void String_t::Srep::operator delete(void* rep, std::size_t) { ::operator delete(rep); }
+void String_t::Destroy(Srep* rep) noexcept { delete rep; }
+
+String_t::String_t(char const* text) : _rep(NewRep(text ? Copy(text, str_len(text)) : nullptr)) {}
+String_t::String_t(char const* text, unsigned int length) : _rep(NewRep(Copy(text, length))) {}
+String_t::String_t(unsigned int length) : _rep(NewRep(Blank(length))) {}
+
+String_t& String_t::operator=(char const* text) { return *this = String_t(text); }
+
+String_t& String_t::operator+=(char const* text) {
+    unsigned int const added = str_len(text);
+    if (added == 0) return *this;
+    unsigned int const length = str_len(Text());
+    String_t longer(length + added);
+    if (length > 0) std::memcpy(longer._rep->_text, Text(), length);
+    std::memcpy(longer._rep->_text + length, text, added);
+    return *this = longer;
+}
+
+char* String_t::Buffer() {
+    if (!Text() || _rep->_count > 1) Reserve(str_len(Text()));
+    return _rep->_text;
+}
+
+void String_t::Reserve(unsigned int length) {
+    String_t roomy(length);
+    unsigned int const kept = std::min(length, str_len(Text()));
+    if (kept > 0) std::memcpy(roomy._rep->_text, Text(), kept);
+    *this = roomy;
+}
+
+String_t String_t::SubStr(unsigned int start, unsigned int length) const {
+    unsigned int const whole = str_len(Text());
+    if (start >= whole) return String_t("");
+    return String_t(Text() + start, std::min(length, whole - start));
+}
+
+String_t String_t::Trim() const {
+    unsigned int start = 0;
+    unsigned int end = str_len(Text());
+    while (start < end && IsSpace(Text()[start])) ++start;
+    while (start < end && IsSpace(Text()[end - 1])) --end;
+    return SubStr(start, end - start);
+}
+
+std::istream& String_t::Getline(std::istream& in, String_t& target, char const* delimiters) {
+    std::string const stops = delimiters ? delimiters : "";
+    std::string line;
+    std::istream::sentry const ready(in, true);
+    if (ready) {
+        using Traits = std::istream::traits_type;
+        std::ios_base::iostate state = std::ios_base::goodbit;
+        for (;;) {
+            Traits::int_type const next = in.rdbuf()->sbumpc();
+            if (Traits::eq_int_type(next, Traits::eof())) {
+                state = line.empty() ? std::ios_base::eofbit | std::ios_base::failbit : std::ios_base::eofbit;
+                break;
+            }
+            char const c = Traits::to_char_type(next);
+            if (stops.find(c) != std::string::npos) break;
+            line += c;
+        }
+        in.setstate(state);
+    }
+    target = String_t(line.data(), static_cast<unsigned int>(line.size()));
+    return in;
+}
+
+std::ostream& operator<<(std::ostream& out, String_t const& text) {
+    if (str_len(text.Text()) > 0) out << text.Text();
+    return out;
+}
+
+std::istream& operator>>(std::istream& in, String_t& text) {
+    std::string word;
+    if (in >> word) text = word.c_str();
+    return in;
+}
