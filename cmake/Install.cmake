@@ -1,0 +1,40 @@
+# What `cmake --install` lays down: the libraries, include/ as it stands, a CMake package and a
+# pkg-config file for each library.
+option(BRANTLE_INSTALL "Install the libraries" ${PROJECT_IS_TOP_LEVEL})
+if(NOT BRANTLE_INSTALL)
+  return()
+endif()
+
+include(CMakePackageConfigHelpers)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/brantle)
+
+install(TARGETS thornel cindral brantle EXPORT brantle
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+install(EXPORT brantle NAMESPACE brantle:: FILE brantleTargets.cmake DESTINATION ${package_dir})
+configure_package_config_file(cmake/brantleConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/brantleConfig.cmake
+                              INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/brantleConfigVersion.cmake
+                                 COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/brantleConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/brantleConfigVersion.cmake
+        DESTINATION ${package_dir})
+
+# brantle_pkg_config(NAME DESCRIPTION text [REQUIRES packages] [REQUIRES_PRIVATE packages] [LIBS_PRIVATE flags])
+# The file finds its prefix from where it lies, as the CMake package does, so that an installed tree may move.
+function(brantle_pkg_config name)
+  cmake_parse_arguments(PC "" "DESCRIPTION;REQUIRES;REQUIRES_PRIVATE;LIBS_PRIVATE" "" ${ARGN})
+  set(PC_NAME ${name})
+  file(RELATIVE_PATH PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+  get_target_property(PC_VERSION ${name} VERSION)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${CMAKE_CURRENT_BINARY_DIR}/lib${name}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/lib${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+
+brantle_pkg_config(thornel DESCRIPTION "Value types, text, containers, sockets and socket streams"
+                   LIBS_PRIVATE -pthread)
+brantle_pkg_config(cindral DESCRIPTION "Ciphers, MACs, keys, signatures and stacked streams"
+                   REQUIRES libthornel REQUIRES_PRIVATE libcrypto)
+brantle_pkg_config(brantle DESCRIPTION "Client side of SSH protocol version 2"
+                   REQUIRES "libcindral libthornel" REQUIRES_PRIVATE libcrypto LIBS_PRIVATE -pthread)

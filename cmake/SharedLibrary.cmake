@@ -1,13 +1,16 @@
 # brantle_shared_library(NAME VERSION v SOVERSION s MACRO M LINKS ...)
 #
 # A shared library of this tree: hidden visibility, one export macro (M_API, switched by
-# M_BUILDING), a version script NAME.map beside this file with `local: *`, and the alias
-# brantle::NAME under which the tree and an installed package know it alike.
+# M_BUILDING), a version script made from library.map.in beside this file with the one node
+# M_SOVERSION, and the alias brantle::NAME under which the tree and an installed package know it
+# alike.
 function(brantle_shared_library name)
   cmake_parse_arguments(ARG "" "VERSION;SOVERSION;MACRO" "LINKS" ${ARGN})
   add_library(${name} SHARED)
   add_library(brantle::${name} ALIAS ${name})
-  set(script ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
+  set(NODE ${ARG_MACRO}_${ARG_SOVERSION})
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.map)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/library.map.in ${script} @ONLY)
   set_target_properties(${name} PROPERTIES
     VERSION ${ARG_VERSION} SOVERSION ${ARG_SOVERSION}
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
