@@ -20,7 +20,6 @@ void StartMac(Mac& mac, unsigned int sequence) {
 
 char const* Chars(unsigned char const* bytes) { return reinterpret_cast<char const*>(bytes); }
 char* Chars(unsigned char* bytes) { return reinterpret_cast<char*>(bytes); }
-unsigned char const* Bytes(char const* chars) { return reinterpret_cast<unsigned char const*>(chars); }
 unsigned char* Bytes(char* chars) { return reinterpret_cast<unsigned char*>(chars); }
 
 } // namespace

@@ -1,0 +1,245 @@
+// The benchmark program: one job a run, with a RESULT line for the harness that compares clients.
+//
+//   bench_brantle JOB HOST PORT USER KEY ...        exit status 77: does not do that job
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <brantle/brantle.h>
+
+namespace {
+
+using namespace cindral;
+
+constexpr int UNSUPPORTED = 77;
+constexpr unsigned int CONNECT_SECONDS = 20;
+/// What OpenSSH's server sends between a login by key and the first channel.
+constexpr int SURPLUS_PACKETS = 3;
+
+[[noreturn]] void Die(std::string const& what) {
+    std::fprintf(stderr, "bench_brantle: %s\n", what.c_str());
+    std::exit(1);
+}
+
+double Now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+struct Usage {
+    double _wall;
+    double _user;
+    double _system;
+
+    static Usage Current() {
+        rusage used;
+        getrusage(RUSAGE_SELF, &used);
+        auto const seconds = [](timeval const& t) {
+            return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+        };
+        return {Now(), seconds(used.ru_utime), seconds(used.ru_stime)};
+    }
+};
+
+/// Standard output as it was at the start: a job gives descriptor 1 to the session channel.
+class Report {
+public:
+    explicit Report(char const* job) : _job(job), _stream(fdopen(dup(STDOUT_FILENO), "w")) {}
+
+    void Print(Usage const& start, Usage const& end, long long bytes, long count) {
+        double const wall = end._wall - start._wall;
+        std::fprintf(_stream, "RESULT job=%s bytes=%lld n=%ld wall=%.6f user=%.6f sys=%.6f", _job, bytes, count,
+                     wall, end._user - start._user, end._system - start._system);
+        if (bytes) std::fprintf(_stream, " MBps=%.1f", static_cast<double>(bytes) / 1e6 / wall);
+        if (count) std::fprintf(_stream, " mean_ms=%.3f", wall * 1e3 / static_cast<double>(count));
+        std::fprintf(_stream, "\n");
+        std::fflush(_stream);
+    }
+
+private:
+    char const* _job;
+    std::FILE* _stream;
+};
+
+/// Known hosts of this run alone.
+class PrivateHome {
+public:
+    PrivateHome() {
+        std::string name = (std::filesystem::temp_directory_path() / "bench-home-XXXXXX").string();
+        if (!mkdtemp(name.data())) Die("mkdtemp failed");
+        _path = name;
+        std::filesystem::create_directory(_path / ".ssh");
+        setenv("HOME", name.c_str(), 1);
+    }
+    ~PrivateHome() {
+        std::error_code ignored;
+        std::filesystem::remove_all(_path, ignored);
+    }
+    PrivateHome(PrivateHome const&) = delete;
+    PrivateHome& operator=(PrivateHome const&) = delete;
+
+private:
+    std::filesystem::path _path;
+};
+
+struct Target {
+    char const* _host;
+    unsigned short _port;
+    char const* _user;
+    char const* _key;
+};
+
+/// The session channel, with a count of what came and when the last of it did.
+class CountingChannel : public SshChannelMgr::TtyChannel {
+public:
+    struct Total {
+        long long _bytes = 0;
+        double _last = 0;
+    };
+
+    class Maker : public SshChannelMakerBase {
+    public:
+        explicit Maker(Total& total) : _total(total) {}
+        SshChannel* operator()(unsigned int localId, unsigned int remoteId, String_t const& name,
+                               unsigned int windowSize, ISshPacketStream* in,
+                               OSshPacketStream* out) const override {
+            return new CountingChannel(_total, localId, remoteId, name, windowSize, in, out);
+        }
+
+    private:
+        Total& _total;
+    };
+
+    CountingChannel(Total& total, unsigned int localId, unsigned int remoteId, String_t const& name,
+                    unsigned int windowSize, ISshPacketStream* in, OSshPacketStream* out)
+        : TtyChannel(localId, remoteId, name, windowSize, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, in, out),
+          _total(total) {}
+
+    void Forward(char const* data, unsigned int n) override {
+        TtyChannel::Forward(data, n);
+        _total._bytes += n;
+        _total._last = Now();
+    }
+
+private:
+    Total& _total;
+};
+
+class BenchSession : public SshSession {
+public:
+    explicit BenchSession(Target const& target)
+        : SshSession(CLIENT, target._port, String_t(target._host)) {
+        if (int const error = Connect(CONNECT_SECONDS); error < 0) Die("connect: " + std::to_string(error));
+        if (KeyExchange() < 0) Die("key exchange failed");
+        EnterPassword none(0, String_t());
+        KbdCopyCallback empty((String_t()));
+        if (Authenticate(target._key, target._user, String_t(), none, empty) < 0) Die("login failed");
+    }
+
+    void ReadSurplus() {
+        for (int i = 0; i < SURPLUS_PACKETS; ++i) AuthReadPacket();
+    }
+
+    /// Runs a command whose output goes to descriptor 1 and whose input comes from descriptor 0.
+    CountingChannel::Total RunCommand(String_t const& command) {
+        CountingChannel::Total total;
+        if (Open() < 0) Die("channel refused");
+        StartCommand(command);
+        InitDispatcher();
+        ReplaceChannel(0, CountingChannel::Maker(total));
+        Run();
+        return total;
+    }
+};
+
+void Redirect(int to, char const* path, int flags) {
+    int const fd = open(path, flags, 0644);
+    if (fd < 0 || dup2(fd, to) < 0) Die(std::string("can't open ") + path);
+    close(fd);
+}
+
+int Handshake(Target const& target, Report& report, char** arguments) {
+    long const count = std::atol(arguments[0]);
+    Usage const start = Usage::Current();
+    for (long i = 0; i < count; ++i) BenchSession session(target);
+    report.Print(start, Usage::Current(), 0, count);
+    return 0;
+}
+
+int ExecSource(Target const& target, Report& report, char** arguments) {
+    Redirect(STDIN_FILENO, "/dev/null", O_RDONLY);
+    Redirect(STDOUT_FILENO, arguments[1], O_WRONLY | O_CREAT | O_TRUNC);
+    BenchSession session(target);
+    session.ReadSurplus();
+    Usage const start = Usage::Current();
+    // Data behind exit-status is dropped, so the command outlives its output.
+    String_t command("head -c ");
+    ((command += arguments[0]) += " /dev/zero; sleep 1");
+    CountingChannel::Total const total = session.RunCommand(command);
+    Usage end = Usage::Current();
+    end._wall = total._last;
+    report.Print(start, end, total._bytes, 0);
+    return total._bytes == std::atoll(arguments[0]) ? 0 : 1;
+}
+
+int ExecSink(Target const& target, Report& report, char** arguments) {
+    Redirect(STDIN_FILENO, arguments[0], O_RDONLY);
+    struct stat file;
+    if (fstat(STDIN_FILENO, &file) < 0) Die("fstat failed");
+    BenchSession session(target);
+    session.ReadSurplus();
+    Usage const start = Usage::Current();
+    session.RunCommand("cat >/dev/null");
+    report.Print(start, Usage::Current(), file.st_size, 0);
+    return 0;
+}
+
+int Hold(Target const& target, Report&, char**) {
+    BenchSession session(target);
+    std::printf("READY\n");
+    std::fflush(stdout);
+    char byte;
+    while (read(STDIN_FILENO, &byte, 1) > 0) {
+    }
+    return 0;
+}
+
+struct Job {
+    int _arguments;
+    int (*_run)(Target const&, Report&, char**);
+};
+
+std::map<std::string, Job> const jobs = {
+    {"handshake", {1, Handshake}},
+    {"exec-source", {2, ExecSource}},
+    {"exec-sink", {1, ExecSink}},
+    {"hold", {0, Hold}},
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 6) Die("usage: bench_brantle JOB HOST PORT USER KEY ...");
+    auto const job = jobs.find(argv[1]);
+    if (job == jobs.end()) {
+        std::printf("UNSUPPORTED %s\n", argv[1]);
+        return UNSUPPORTED;
+    }
+    if (argc - 6 != job->second._arguments) Die(std::string("wrong number of arguments for ") + argv[1]);
+    PrivateHome home;
+    Report report(argv[1]);
+    Target const target = {argv[2], static_cast<unsigned short>(std::atoi(argv[3])), argv[4], argv[5]};
+    try {
+        return job->second._run(target, report, argv + 6);
+    } catch (Except const& failure) {
+        Die(failure.what());
+    }
+}
