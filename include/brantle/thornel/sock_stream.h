@@ -104,8 +104,8 @@ public:
     /// and END_OF_INPUT is added to the status.
     ISockStream& Read(char* data, int size);
 
-    /// Reads a line up to and including `eol` and stores it without `eol`. Takes no byte behind the
-    /// line end out of the descriptor. If the input ends or fails first, what came is stored and
+    /// Reads a line up to and including `eol`, or "\n" if that is empty, and stores it without. Takes no byte
+    /// behind the line end out of the descriptor. If the input ends or fails first, what came is stored and
     /// END_OF_INPUT added to the status; a line above MAX_LINE bytes is given up with MALFORMED added,
     /// and what was read of it is stored.
     ISockStream& Readln(String_t& line, char const* eol);

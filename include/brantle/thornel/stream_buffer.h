@@ -81,13 +81,13 @@ public:
     }
 
     /// Puts a range, with a Flush() each time the window is full and more is to come. Returns the
-    /// number of elements taken, or a negative value if there was no room for some of them: Flush()'s
-    /// result, or -1 where that did not say so.
+    /// number of elements taken, or a negative value once a Flush() failed or made no room: its result,
+    /// or -1 where that is not negative.
     int PutRange(T const* begin, T const* end) {
         for (T const* next = begin; next != end;) {
             if (_pos >= _end) {
                 int flushed = Flush();
-                if (_pos >= _end) return flushed < 0 ? flushed : -1;
+                if (flushed < 0 || _pos >= _end) return std::min(flushed, -1);
             }
             std::ptrdiff_t count = std::min(end - next, _end - _pos);
             _pos = std::copy_n(next, count, _pos);

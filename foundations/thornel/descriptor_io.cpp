@@ -1,0 +1,138 @@
+#include <brantle/thornel/descriptor_io.h>
+
+#include <limits.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "deadline.h"
+
+namespace {
+
+/// Keeps the SIGPIPE of a write in this thread from being delivered, for descriptors that have no
+/// MSG_NOSIGNAL. A SIGPIPE that was pending before stays pending.
+class SigpipeShield {
+public:
+    SigpipeShield() : _consume(true) {
+        sigemptyset(&_sigpipe);
+        sigaddset(&_sigpipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &_sigpipe, &_before);
+        if (sigismember(&_before, SIGPIPE)) {
+            sigset_t pending;
+            sigpending(&pending);
+            _consume = !sigismember(&pending, SIGPIPE);
+        }
+    }
+
+    /// `broken` says that the write has raised the signal.
+    void Drop(bool broken) {
+        int error = errno;
+        timespec const now{0, 0};
+        if (broken && _consume) {
+            while (sigtimedwait(&_sigpipe, nullptr, &now) < 0 && errno == EINTR) {
+            }
+        }
+        pthread_sigmask(SIG_SETMASK, &_before, nullptr);
+        errno = error;
+    }
+
+private:
+    sigset_t _sigpipe;
+    sigset_t _before;
+    bool _consume;
+};
+
+bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
+
+} // namespace
+
+DescriptorIO::Calls& DescriptorIO::SystemCalls() {
+    static Calls calls{::recv, ::send, ::read, ::write, ::poll};
+    return calls;
+}
+
+void DescriptorIO::Set(int fd) {
+    _fd = fd;
+    _kind = OTHER;
+    struct stat status;
+    if (fd < 0 || fstat(fd, &status) < 0) return;
+    if (S_ISSOCK(status.st_mode)) _kind = SOCKET;
+    if (S_ISFIFO(status.st_mode)) _kind = PIPE;
+}
+
+int DescriptorIO::Read(char* to, std::size_t size, unsigned int limit) const {
+    return static_cast<int>(ReadOnce(to, size, 0, limit));
+}
+
+int DescriptorIO::ReadThrough(char* to, std::size_t size, char last, unsigned int limit) const {
+    if (_kind != SOCKET) return Read(to, std::min<std::size_t>(size, 1), limit);
+    ssize_t ahead = ReadOnce(to, size, MSG_PEEK, limit);
+    if (ahead < 1) return static_cast<int>(ahead);
+    auto wanted = static_cast<std::size_t>(ahead);
+    if (auto* stop = static_cast<char*>(std::memchr(to, last, wanted))) {
+        wanted = static_cast<std::size_t>(stop - to) + 1;
+    }
+    return Read(to, wanted, limit);
+}
+
+int DescriptorIO::Write(char const*& from, char const* end, unsigned int limit) const {
+    while (from != end) {
+        ssize_t written = WriteOnce(from, static_cast<std::size_t>(end - from), limit);
+        if (written < 0) return -1;
+        from += written;
+    }
+    return 0;
+}
+
+ssize_t DescriptorIO::ReadOnce(char* to, std::size_t size, int flags, unsigned int limit) const {
+    if (_fd < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    if (limit && _kind != SOCKET && Wait(POLLIN, limit) < 0) return -1;
+    for (;;) {
+        ssize_t count = _kind == SOCKET
+                            ? SystemCalls().recv(_fd, to, size, limit ? flags | MSG_DONTWAIT : flags)
+                            : SystemCalls().read(_fd, to, size);
+        if (count >= 0) return count;
+        if (errno == EINTR) continue;
+        if (!WouldBlock() || Wait(POLLIN, limit) < 0) return -1;
+    }
+}
+
+ssize_t DescriptorIO::WriteOnce(char const* from, std::size_t size, unsigned int limit) const {
+    if (_fd < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    if (limit && _kind != SOCKET) {
+        if (Wait(POLLOUT, limit) < 0) return -1;
+        size = std::min<std::size_t>(size, PIPE_BUF); // what a ready pipe takes without blocking
+    }
+    for (;;) {
+        ssize_t count;
+        if (_kind == SOCKET) {
+            count = SystemCalls().send(_fd, from, size, limit ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL);
+        } else if (_kind == PIPE) {
+            SigpipeShield shield;
+            count = SystemCalls().write(_fd, from, size);
+            shield.Drop(count < 0 && errno == EPIPE);
+        } else {
+            count = SystemCalls().write(_fd, from, size);
+        }
+        if (count > 0) return count;
+        if (count == 0) errno = EIO;
+        if (count < 0 && errno == EINTR) continue;
+        if (!WouldBlock() || Wait(POLLOUT, limit) < 0) return -1;
+    }
+}
+
+int DescriptorIO::Wait(short events, unsigned int limit) const {
+    return Deadline(std::chrono::seconds(limit)).Wait(SystemCalls().poll, _fd, events);
+}

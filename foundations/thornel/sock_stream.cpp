@@ -1,0 +1,277 @@
+#include <brantle/thornel/sock_stream.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// A frame no longer than this is allocated at once, a longer one as its bytes come in.
+constexpr unsigned int FIRST_PIECE = 64 * 1024;
+
+template <class T>
+OSockStream& WriteNumber(OSockStream& out, T value) {
+    char bytes[sizeof(T)];
+    for (std::size_t i = sizeof(T); i-- > 0; value = static_cast<T>(value >> 7 >> 1)) {
+        bytes[i] = static_cast<char>(value & 0xff);
+    }
+    return out.Write(bytes, sizeof(T));
+}
+
+/// Whether exactly `size` bytes could be read.
+bool ReadWhole(ISockStream& in, char* data, unsigned int size) {
+    return in.Read(data, static_cast<int>(size)).Gcount() == static_cast<int>(size);
+}
+
+template <class T>
+bool ReadNumber(ISockStream& in, T& value) {
+    unsigned char bytes[sizeof(T)];
+    if (!ReadWhole(in, reinterpret_cast<char*>(bytes), sizeof(T))) return false;
+    unsigned long long number = 0;
+    for (unsigned char byte : bytes) number = number << 8 | byte;
+    value = static_cast<T>(number);
+    return true;
+}
+
+bool ReadFrame(ISockStream& in, unsigned int length, ByteString& value) {
+    if (length <= FIRST_PIECE) {
+        ByteString frame(length);
+        if (!ReadWhole(in, reinterpret_cast<char*>(frame.Data()), length)) return false;
+        value = frame;
+        return true;
+    }
+    std::vector<char> frame;
+    while (frame.size() < length) {
+        std::size_t had = frame.size();
+        std::size_t piece = std::min<std::size_t>(std::max<std::size_t>(had, FIRST_PIECE), length - had);
+        frame.resize(had + piece);
+        if (!ReadWhole(in, frame.data() + had, static_cast<unsigned int>(piece))) return false;
+    }
+    value = ByteString(frame.data(), length);
+    return true;
+}
+
+bool EndsWith(std::string const& text, char const* end, std::size_t length) {
+    return text.size() >= length && text.compare(text.size() - length, length, end) == 0;
+}
+
+} // namespace
+
+SockStream::SockStream() : _status(0) {}
+
+SockStream::~SockStream() = default;
+
+OSockStream::OSockStream() : OSockStream(-1) {}
+
+OSockStream::OSockStream(int fd) : OutputBuffer(BUFFER_SIZE), _timeout(0), _io(fd), _failure(0) {}
+
+OSockStream::~OSockStream() = default;
+
+int OSockStream::Flush() {
+    char const* from = _start;
+    int sent = Send(from, _pos);
+    auto gone = from - _start;
+    std::copy<char const*>(from, _pos, _start);
+    _pos -= gone;
+    return sent < 0 ? sent : static_cast<int>(gone);
+}
+
+int OSockStream::Send(char const*& from, char const* end) {
+    if (from == end) return 0;
+    if (_failure == 0) {
+        if (_io.Write(from, end, _timeout) == 0) return 0;
+        _failure = errno;
+    }
+    SetStatus(Status() | FAILED);
+    errno = _failure;
+    return -1;
+}
+
+void OSockStream::Bind(int fd) {
+    _io.Set(fd);
+    _pos = _start;
+    _failure = 0;
+    SetStatus(0);
+}
+
+void OSockStream::Unbind() { OSockStream::Bind(-1); }
+
+OSockStream& OSockStream::Write(char const* data, int size) {
+    if (size > 0 && PutRange(data, data + size) < 0) SetStatus(Status() | FAILED);
+    return *this;
+}
+
+OSockStream& OSockStream::Writeln(String_t const& text, char const* eol) {
+    Write(text.Text(), static_cast<int>(str_len(text.Text())));
+    return Write(eol, static_cast<int>(str_len(eol)));
+}
+
+ISockStream::ISockStream(OSockStream* tied)
+    : InputBuffer(BUFFER_SIZE), _timeout(0), _failure(0), _gcount(0), _tied(tied) {}
+
+ISockStream::~ISockStream() = default;
+
+int ISockStream::Refill() {
+    if (_tied) _tied->Flush();
+    return Fill();
+}
+
+int ISockStream::Fill() {
+    if (_tied) _tied->Flush();
+    return NoteFilled(_failure ? -1 : _io.Read(_start, _capacity, _timeout));
+}
+
+int ISockStream::FillLine(char last) {
+    if (_tied) _tied->Flush();
+    return NoteFilled(_failure ? -1 : _io.ReadThrough(_start, _capacity, last, _timeout));
+}
+
+int ISockStream::NoteFilled(int count) {
+    _pos = _start;
+    _end = _start + std::max(count, 0);
+    if (count < 0) {
+        if (_failure == 0) _failure = errno;
+        errno = _failure;
+    }
+    return count;
+}
+
+int ISockStream::Get(char& byte) {
+    if (_pos >= _end) {
+        int filled = Refill();
+        if (filled < 1) return filled;
+    }
+    byte = *_pos++;
+    return 1;
+}
+
+void ISockStream::Bind(int fd) {
+    _io.Set(fd);
+    _pos = _end = _start;
+    _failure = 0;
+    SetStatus(0);
+}
+
+void ISockStream::Unbind() { ISockStream::Bind(-1); }
+
+ISockStream& ISockStream::Read(char* data, int size) {
+    _gcount = 0;
+    while (_gcount < size) {
+        if (_pos >= _end && Refill() < 1) {
+            SetStatus(Status() | END_OF_INPUT);
+            break;
+        }
+        _gcount += static_cast<int>(TakeBuffered(data + _gcount, data + size));
+    }
+    return *this;
+}
+
+ISockStream& ISockStream::Readln(String_t& line, char const* eol) {
+    if (str_len(eol) == 0) eol = "\n";
+    std::size_t const eolLength = std::strlen(eol);
+    char const last = eol[eolLength - 1];
+    std::string text;
+    for (;;) {
+        if (_pos >= _end && (Fd() >= 0 ? FillLine(last) : Refill()) < 1) {
+            SetStatus(Status() | END_OF_INPUT);
+            break;
+        }
+        std::size_t room =
+            std::min<std::size_t>(static_cast<std::size_t>(_end - _pos), MAX_LINE + eolLength - text.size());
+        char* stop = static_cast<char*>(std::memchr(_pos, last, room));
+        char* taken = stop ? stop + 1 : _pos + room;
+        text.append(_pos, taken);
+        _pos = taken;
+        if (stop && EndsWith(text, eol, eolLength)) {
+            text.resize(text.size() - eolLength);
+            break;
+        }
+        if (text.size() == MAX_LINE + eolLength) {
+            SetStatus(Status() | MALFORMED);
+            break;
+        }
+    }
+    line = String_t(text.data(), static_cast<unsigned int>(text.size()));
+    return *this;
+}
+
+IOSockStream::IOSockStream() : ISockStream(static_cast<OSockStream*>(this)) {}
+
+IOSockStream::IOSockStream(int fd) : ISockStream(static_cast<OSockStream*>(this)), OSockStream(fd) {
+    ISockStream::Bind(fd);
+}
+
+IOSockStream::~IOSockStream() = default;
+
+void IOSockStream::Bind(int fd) {
+    ISockStream::Bind(fd);
+    OSockStream::Bind(fd);
+}
+
+void IOSockStream::Unbind() { IOSockStream::Bind(-1); }
+
+OSockStream& endm(OSockStream& out) {
+    out.Flush();
+    return out;
+}
+
+OSockStream& operator<<(OSockStream& out, OSockStream& (*manipulator)(OSockStream&)) {
+    return manipulator(out);
+}
+
+OSockStream& operator<<(OSockStream& out, unsigned char value) { return WriteNumber(out, value); }
+
+OSockStream& operator<<(OSockStream& out, unsigned int value) { return WriteNumber(out, value); }
+
+OSockStream& operator<<(OSockStream& out, int value) {
+    return WriteNumber(out, static_cast<unsigned int>(value));
+}
+
+OSockStream& operator<<(OSockStream& out, unsigned long long value) { return WriteNumber(out, value); }
+
+OSockStream& operator<<(OSockStream& out, long long value) {
+    return WriteNumber(out, static_cast<unsigned long long>(value));
+}
+
+OSockStream& operator<<(OSockStream& out, ByteString const& value) {
+    WriteNumber(out, value.Length());
+    return out.Write(reinterpret_cast<char const*>(value.Data()), static_cast<int>(value.Length()));
+}
+
+ISockStream& operator>>(ISockStream& in, unsigned char& value) {
+    ReadNumber(in, value);
+    return in;
+}
+
+ISockStream& operator>>(ISockStream& in, unsigned int& value) {
+    ReadNumber(in, value);
+    return in;
+}
+
+ISockStream& operator>>(ISockStream& in, int& value) {
+    ReadNumber(in, value);
+    return in;
+}
+
+ISockStream& operator>>(ISockStream& in, unsigned long long& value) {
+    ReadNumber(in, value);
+    return in;
+}
+
+ISockStream& operator>>(ISockStream& in, long long& value) {
+    ReadNumber(in, value);
+    return in;
+}
+
+ISockStream& operator>>(ISockStream& in, ByteString& value) {
+    unsigned int length;
+    if (!ReadNumber(in, length)) return in;
+    if (length > ISockStream::MAX_FRAME) {
+        in.SetStatus(in.Status() | SockStream::MALFORMED);
+    } else {
+        ReadFrame(in, length, value);
+    }
+    return in;
+}

@@ -1,0 +1,4 @@
+#include <brantle/thornel/stream_buffer.h>
+
+template class InputBuffer<char>;
+template class OutputBuffer<char>;

@@ -1,0 +1,80 @@
+#include <brantle/thornel/sock_io.h>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <brantle/thornel/file_descriptor.h>
+
+#include "support/descriptors.h"
+
+using support::DescriptorPair;
+
+namespace {
+
+TEST(SockIO, SetCloseOnExecSetsTheFlag) {
+    DescriptorPair pair = DescriptorPair::Sockets();
+    EXPECT_EQ(SockIO::SetCloseOnExec(pair.Ours()), 0);
+    EXPECT_EQ(fcntl(pair.Ours(), F_GETFD), FD_CLOEXEC);
+    errno = 0;
+    EXPECT_EQ(SockIO::SetCloseOnExec(-1), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(SockIO, PollFdHasTheLayoutOfThePollRecord) {
+    SockIO::PollFd records[2] = {SockIO::PollFd(5, POLLIN), SockIO::PollFd(6, POLLOUT, POLLHUP)};
+    pollfd const* raw = records;
+    EXPECT_EQ(raw[1].fd, 6);
+    EXPECT_EQ(raw[1].events, POLLOUT);
+    EXPECT_EQ(raw[1].revents, POLLHUP);
+    EXPECT_EQ(SockIO::PollFd().fd, -1);
+}
+
+TEST(SockIO, PollFdsCompareByDescriptorAlone) {
+    SockIO::PollFd low(3, POLLIN);
+    SockIO::PollFd high(4, 0);
+    EXPECT_LT(SockIO::PollFd::Compare::Cmp(low, high), 0);
+    EXPECT_GT(SockIO::PollFd::Compare::Cmp(high, low), 0);
+    EXPECT_EQ(SockIO::PollFd::Compare::Cmp(low, SockIO::PollFd(3, POLLOUT)), 0);
+}
+
+TEST(SockAddr, HoldsHostPortAndAddress) {
+    SockIO::SockAddr addr(String_t("name"), 22);
+    EXPECT_STREQ(addr.Host().Text(), "name");
+    EXPECT_EQ(addr.Port(), 22);
+    EXPECT_TRUE(addr.IpAddr() == "");
+    sockaddr_in6 loopback{};
+    loopback.sin6_family = AF_INET6;
+    loopback.sin6_addr = in6addr_loopback;
+    addr.SetAddress(reinterpret_cast<sockaddr*>(&loopback), sizeof(loopback));
+    EXPECT_STREQ(addr.IpAddr().Text(), "::1");
+}
+
+TEST(FileDescriptor, ClosesWhatItOwns) {
+    DescriptorPair pair = DescriptorPair::Sockets();
+    int closed = dup(pair.Ours());
+    int given = dup(pair.Ours());
+    {
+        FileDescriptor owner(closed);
+        FileDescriptor giver(given);
+        FileDescriptor none;
+        EXPECT_EQ(none._fd, -1);
+        giver._fd = -1;
+    }
+    EXPECT_EQ(fcntl(closed, F_GETFD), -1);
+    EXPECT_EQ(fcntl(given, F_GETFD), 0);
+    close(given);
+}
+
+TEST(FileDescriptor, DescriptorIsItsFirstMember) {
+    static_assert(offsetof(FileDescriptor, _fd) == 0, "the descriptor comes first");
+    FileDescriptor owner;
+    owner._fd = dup(0);
+    EXPECT_GE(owner._fd, 0);
+}
+
+} // namespace
