@@ -30,8 +30,8 @@ public:
     PacketDecoder(PacketDecoder const&) = delete;
     PacketDecoder& operator=(PacketDecoder const&) = delete;
 
-    /// Starts at the front of another packet, which is shared. A decoder that has come to the end of its
-    /// packet stays there.
+    /// Starts at the front of another packet, which is shared. The state of the stream stays: a `Skip` that
+    /// has come to the end makes a later one see the end at once.
     void Assign(ByteString const& data);
 
     int ReadTypeCode();

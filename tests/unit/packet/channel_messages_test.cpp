@@ -1,0 +1,139 @@
+#include <brantle/packet/channel_messages.h>
+
+#include <gtest/gtest.h>
+
+#include <brantle/cindral/block_cipher.h>
+
+#include "decode.h"
+
+using namespace cindral;
+
+namespace {
+
+TEST(PacketOpenSessionChannelTest, FieldsAreReadWithAnyChannelType) {
+    auto const open =
+        Decode<PacketOpenSessionChannel>(Wire("5a 00000005 'other' 00000001 00000002 00000003"));
+    EXPECT_STREQ(open._channelType.Text(), "other");
+    EXPECT_EQ(open._senderChannel, 1u);
+    EXPECT_EQ(open._windowSize, 2u);
+    EXPECT_EQ(open._maxPacketSize, 3u);
+}
+
+TEST(PacketOpenTcpChannelTest, DirectOpenHasItsOriginator) {
+    auto const open =
+        Decode<PacketOpenTcpChannel>(Wire("5a 0000000c 'direct-tcpip' 00000001 00000002 00000003 00000004 "
+                                          "'host' 00000016 00000002 'me' 00001000"));
+    EXPECT_STREQ(open._channelType.Text(), "direct-tcpip");
+    EXPECT_EQ(open._senderChannel, 1u);
+    EXPECT_EQ(open._windowSize, 2u);
+    EXPECT_EQ(open._maxPacketSize, 3u);
+    EXPECT_STREQ(open._host.Text(), "host");
+    EXPECT_EQ(open._port, 22u);
+    EXPECT_STREQ(open._originatorHost.Text(), "me");
+    EXPECT_EQ(open._originatorPort, 4096u);
+}
+
+TEST(PacketOpenTcpChannelTest, X11OpenHasOneAddress) {
+    auto const open = Decode<PacketOpenTcpChannel>(
+        Wire("5a 00000003 'x11' 00000001 00000002 00000003 00000009 '127.0.0.1' 00001770"));
+    EXPECT_STREQ(open._channelType.Text(), "x11");
+    EXPECT_STREQ(open._host.Text(), "127.0.0.1");
+    EXPECT_EQ(open._port, 6000u);
+    EXPECT_EQ(Str(open._originatorHost), "");
+    EXPECT_EQ(open._originatorPort, 0u);
+}
+
+TEST(PacketOpenTcpChannelTest, ForwardedOpenWithItsOriginatorIsRefused) {
+    ExpectError<SshProtocolError>(
+        "additional characters in packet after padding", "SSH_MSG_CHANNEL_OPEN", [] {
+            Decode<PacketOpenTcpChannel>(Wire("5a 0000000f 'forwarded-tcpip' 00000001 00000002 00000003"
+                                              "00000004 'host' 00000016 00000002 'me' 00001000"));
+        });
+}
+
+TEST(PacketOpenTcpChannelTest, ForwardedOpenWithOneAddressIsTaken) {
+    auto const open = Decode<PacketOpenTcpChannel>(
+        Wire("5a 0000000f 'forwarded-tcpip' 00000001 00000002 00000003 00000004 'host' 00000016"));
+    EXPECT_STREQ(open._host.Text(), "host");
+    EXPECT_EQ(open._port, 22u);
+    EXPECT_EQ(open._originatorPort, 0u);
+}
+
+TEST(PacketChannelOpenConfirmationTest, FieldsAreRead) {
+    auto const confirmation =
+        Decode<PacketChannelOpenConfirmation>(Wire("5b 00000001 00000002 80000003 00000004"));
+    EXPECT_EQ(confirmation._recipientChannel, 1u);
+    EXPECT_EQ(confirmation._senderChannel, 2u);
+    EXPECT_EQ(confirmation._windowSize, 0x80000003u);
+    EXPECT_EQ(confirmation._maxPacketSize, 4u);
+}
+
+TEST(PacketChannelOpenFailureTest, FieldsAreRead) {
+    auto const failure =
+        Decode<PacketChannelOpenFailure>(Wire("5c 00000001 00000004 00000004 'full' 00000002 'en'"));
+    EXPECT_EQ(failure._recipientChannel, 1u);
+    EXPECT_EQ(failure._reason, 4u);
+    EXPECT_STREQ(failure._description.Text(), "full");
+    EXPECT_STREQ(failure._language.Text(), "en");
+}
+
+TEST(PacketChannelWindowAdjustTest, FieldsAreRead) {
+    auto const adjust = Decode<PacketChannelWindowAdjust>(Wire("5d 00000001 ffffffff"));
+    EXPECT_EQ(adjust._recipientChannel, 1u);
+    EXPECT_EQ(adjust._bytesToAdd, 4294967295u);
+}
+
+TEST(PacketChannelDataTest, FieldsAreRead) {
+    auto const data = Decode<PacketChannelData>(Wire("5e 00000001 00000004 64617400"));
+    EXPECT_EQ(data._recipientChannel, 1u);
+    EXPECT_EQ(Str(data._bytes), Wire("64617400"));
+    EXPECT_EQ(Decode<PacketChannelData>(Wire("5e 00000001 00000000"))._bytes.Length(), 0u);
+}
+
+TEST(PacketChannelDataTest, PointerIsCopiedAndValueShared) {
+    char bytes[] = "data";
+    PacketChannelData const copy(1, bytes, 4);
+    bytes[0] = 'x';
+    EXPECT_EQ(Str(copy._bytes), "data");
+    ByteString const value = Bytes("data");
+    EXPECT_EQ(PacketChannelData(1, value)._bytes._rep, value._rep);
+}
+
+TEST(PacketChannelDataTest, LargeDataGrowTheEncoder) {
+    BlockCipher cipher;
+    std::string bytes;
+    for (unsigned int i = 0; i < 32768; ++i) bytes += static_cast<char>(i % 251);
+    PacketChannelData data(9, bytes.data(), 32768);
+    std::string const payload = Wire("5e 00000009 00008000") + bytes;
+    EXPECT_EQ(Str(data.Payload(cipher)), payload);
+    EXPECT_EQ(data._padLen, 10); // 4 + 1 + 32777 + 10 = 32792
+    EXPECT_EQ(Str(Decode<PacketChannelData>(payload)._bytes), bytes);
+}
+
+TEST(PacketChannelExtendedDataTest, FieldsAreRead) {
+    auto const data = Decode<PacketChannelExtendedData>(Wire("5f 00000001 00000002 00000004 64617400"));
+    EXPECT_EQ(data._recipientChannel, 1u);
+    EXPECT_EQ(data._dataType, 2u);
+    EXPECT_EQ(Str(data._bytes), Wire("64617400"));
+}
+
+TEST(PacketChannelEndTest, FieldsAreRead) {
+    EXPECT_EQ(Decode<PacketChannelEof>(Wire("60 00000007"))._recipientChannel, 7u);
+    EXPECT_EQ(Decode<PacketChannelClose>(Wire("61 00000007"))._recipientChannel, 7u);
+}
+
+TEST(PacketChannelResponseTest, NumberIsWhateverWasReceived) {
+    for (int number : {99, 100, 0, 255}) {
+        auto const response = Decode<PacketChannelResponse>(static_cast<char>(number) + Wire("00000007"));
+        EXPECT_EQ(response._type, number);
+        EXPECT_EQ(response._recipientChannel, 7u);
+    }
+}
+
+TEST(PacketChannelResponseTest, ReceivedResponseIsWrittenWithItsNumber) {
+    BlockCipher cipher;
+    auto response = Decode<PacketChannelResponse>(Wire("64 00000007"));
+    EXPECT_EQ(Str(response.Payload(cipher)), Wire("64 00000007"));
+}
+
+} // namespace

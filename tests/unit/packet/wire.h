@@ -1,0 +1,65 @@
+#ifndef BRANTLE_TESTS_UNIT_PACKET_WIRE_H
+#define BRANTLE_TESTS_UNIT_PACKET_WIRE_H
+
+#include <string>
+#include <typeinfo>
+
+#include <gtest/gtest.h>
+
+#include <brantle/cindral/exceptions.h>
+#include <brantle/thornel/byte_string.h>
+#include <brantle/thornel/string_t.h>
+
+/// Bytes from a line of hexadecimal digits and quoted text: "5e 00000003 'abc'". Blanks only separate.
+inline std::string Wire(std::string const& line) {
+    std::string bytes;
+    for (std::size_t i = 0; i < line.size();) {
+        if (line[i] == ' ') {
+            ++i;
+        } else if (line[i] == '\'') {
+            std::size_t const close = line.find('\'', i + 1);
+            bytes += line.substr(i + 1, close - i - 1);
+            i = close + 1;
+        } else {
+            bytes += static_cast<char>(std::stoi(line.substr(i, 2), nullptr, 16));
+            i += 2;
+        }
+    }
+    return bytes;
+}
+
+/// A packet as it is received: padding length, payload, padding.
+inline std::string Framed(std::string const& payload, unsigned int padding = 0) {
+    return static_cast<char>(padding) + payload + std::string(padding, '\xa5');
+}
+
+inline ByteString Bytes(std::string const& bytes) {
+    return ByteString(bytes.data(), static_cast<unsigned int>(bytes.size()));
+}
+
+inline std::string Str(ByteString const& bytes) {
+    return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
+}
+
+inline std::string Str(String_t const& text) { return text.Text() ? text.Text() : ""; }
+
+/// Expects that `action` throws exactly an `Error` with these words.
+template <typename Error, typename Action>
+void ExpectError(std::string const& text, std::string const& detail, Action action) {
+    try {
+        action();
+        ADD_FAILURE() << "no error; expected \"" << text << '"';
+    } catch (cindral::CryptoException const& error) {
+        EXPECT_EQ(typeid(error), typeid(Error)) << error.what();
+        EXPECT_EQ(Str(error.Text()), text);
+        EXPECT_EQ(Str(error.Detail()), detail);
+    }
+}
+
+/// Expects that `action` finds the end of its input too early.
+template <typename Action>
+void ExpectPrematureEnd(Action action) {
+    EXPECT_THROW(action(), cindral::BadInput);
+}
+
+#endif
