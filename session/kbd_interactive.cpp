@@ -47,7 +47,7 @@ KbdCopyCallback::~KbdCopyCallback() = default;
 
 TOList<String_t> KbdCopyCallback::operator()(String_t const&, String_t const&, TOList<Prompt> const& prompts) {
     TOList<String_t> answers;
-    for (int i = prompts.Len(); i > 0; --i) answers.Append(_answer);
+    for (unsigned int i = prompts.Len(); i > 0; --i) answers.Append(_answer);
     return answers;
 }
 
