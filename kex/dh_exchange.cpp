@@ -101,7 +101,8 @@ DhExchange::DhExchange() : _dh(DH_new()) {
 }
 
 DhExchange::DhExchange(KexType type) : DhExchange() {
-    SetGroup(_dh, FromHex("2", "BN_hex2bn(2)"), FixedGroup(type));
+    OwnedNumber p = FromHex("2", "BN_hex2bn(2)");
+    SetGroup(_dh, std::move(p), FixedGroup(type));
 }
 
 DhExchange::~DhExchange() { DH_free(_dh); }
