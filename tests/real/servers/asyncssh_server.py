@@ -237,7 +237,6 @@ class Server(asyncssh.SSHServer):
 
 def parse_options():
     parser = common.parser(__doc__)
-    parser.add_argument("--key-exchanges", default=common.KEY_EXCHANGE, type=lambda text: text.split(","))
     parser.add_argument("--quick-acknowledgements", action="store_true", help="acknowledge each segment at once")
     return parser.parse_args()
 

@@ -227,7 +227,7 @@ def join(channel, peer):
 def serve_connection(options, host_key, connection):
     transport = paramiko.Transport(connection)
     security = transport.get_security_options()
-    security.kex = (common.KEY_EXCHANGE,)
+    security.kex = options.key_exchanges
     security.ciphers = options.ciphers
     security.digests = options.macs
     transport.packetizer.REKEY_BYTES = NO_REKEYING

@@ -19,6 +19,7 @@ def parser(description):
     result.add_argument("directory", help="where the host keys and authorized_keys are")
     result.add_argument("--port", type=int, default=0, help="0 takes any free one")
     result.add_argument("--host-key", default="rsa", choices=("rsa", "dsa"))
+    result.add_argument("--key-exchanges", default=KEY_EXCHANGE, type=lambda text: text.split(","))
     result.add_argument("--ciphers", default="aes128-ctr,aes128-cbc", type=lambda text: text.split(","))
     result.add_argument("--macs", default="hmac-sha1", type=lambda text: text.split(","))
     result.add_argument("--banner", help="sent before the answer to the first login request")
