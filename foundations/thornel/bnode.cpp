@@ -185,8 +185,7 @@ AVLnode* AVLnode::Insert(AVLnode* root, int (*compare)(bnode_t const*, void cons
         return root;
     }
     Side const side = order > 0 ? LEFT : RIGHT;
-    SetChild(root, side,
-             Insert(Child(root, side), compare, key, create, createArg, found, foundArg, grown));
+    SetChild(root, side, Insert(Child(root, side), compare, key, create, createArg, found, foundArg, grown));
     return GrowOn(root, side, grown);
 }
 

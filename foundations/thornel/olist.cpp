@@ -150,7 +150,8 @@ void olist_t::Sort(int (*compare)(olink_t const*, olink_t const*, void const*), 
     unsigned int const length = Len();
     _last->_next = nullptr;
     Chain const first = SortFront(rest, length, Order{compare, arg});
-    for (_last = first; _last->_next; _last = _last->_next) {}
+    for (_last = first; _last->_next; _last = _last->_next) {
+    }
     _last->_next = first;
 }
 

@@ -107,7 +107,8 @@ public:
     /// Goes to the next element; null at the end, and from then on.
     Element* Next() {
         if (!_node) return nullptr;
-        return MoveTo(_node->_right ? bnode_t::Iterator::LDown(_node->_right) : bnode_t::Iterator::LUp(_node));
+        return MoveTo(_node->_right ? bnode_t::Iterator::LDown(_node->_right)
+                                    : bnode_t::Iterator::LUp(_node));
     }
     /// Goes to the element before; null at the end, and from then on.
     Element* Prev() {
