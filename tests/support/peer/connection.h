@@ -283,6 +283,8 @@ public:
     void InstallSending();
     void InstallReceiving();
 
+    void SetSendSequence(std::uint32_t sequence) { _sendSequence = sequence; }
+
     std::uint32_t SendSequence() const { return _sendSequence; }
     std::uint32_t ReceiveSequence() const { return _receiveSequence; }
 

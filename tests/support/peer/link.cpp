@@ -99,7 +99,7 @@ bool Link::WaitReadable(std::chrono::milliseconds limit) {
 void Link::WaitFor(short events, char const* what) {
     if (_fd < 0) throw Closed(std::string("connection was reset before this ") + what);
     std::array<pollfd, 2> fds{pollfd{_fd, events, 0}, pollfd{_abortFd, POLLIN, 0}};
-    auto const end = std::chrono::steady_clock::now() + timeLimit;
+    auto const end = std::chrono::steady_clock::now() + waitLimit;
     for (;;) {
         auto const left =
             std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());

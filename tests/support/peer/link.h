@@ -33,7 +33,7 @@ struct Faults {
 };
 
 /// The socket of one connection, with counted and recorded bytes in both directions. Every wait ends after
-/// `timeLimit`, or at once when the test gives up (readable `abortFd`).
+/// `waitLimit`, or at once when the test gives up (readable `abortFd`).
 class Link {
 public:
     static constexpr std::chrono::seconds timeLimit{30};
@@ -45,6 +45,7 @@ public:
     Link& operator=(Link const&) = delete;
 
     Faults faults;
+    std::chrono::milliseconds waitLimit = timeLimit;
     bool recording = true; ///< keep the raw streams; to be switched off for bulk data
 
     /// Performs a cut at position 0, if one is asked for.
