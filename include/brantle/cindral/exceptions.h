@@ -8,7 +8,8 @@
 namespace cindral {
 
 /// Base of everything that libcindral and libbrantle throw: a text that says what went wrong, and a
-/// detail that may be empty. Thrown by value. Like the `String_t` values inside, an exception object
+/// detail that may be empty. `what()` is the text, and with a detail ": " and the detail behind it.
+/// Thrown by value. Like the `String_t` values inside, an exception object
 /// belongs to one thread at a time.
 class CINDRAL_API CryptoException : public Except {
 public:
@@ -24,13 +25,9 @@ public:
     String_t const& Text() const { return _text; }
     String_t const& Detail() const { return _detail; }
 
-    /// The text, and with a detail ": " and the detail behind it; never null.
-    char const* what() const noexcept override;
-
 private:
     String_t _text;
     String_t _detail;
-    String_t _what;
 };
 
 /// The peer broke the protocol. A number as detail is the number of the message received.

@@ -35,8 +35,8 @@ public:
 
         KeyType Type() const;
         /// The key as an agent's add-identity message takes it: the algorithm name as string, then
-        /// the numbers as mpint: n, e, d, iqmp, p, q for rsa; p, q, g, y, x for dsa. An rsa file may
-        /// lack the inverse; it is then computed. Throws `OpenSSLError`.
+        /// the numbers as mpint: n, e, d, the inverse of q modulo p, p, q for rsa; p, q, g, y, x for
+        /// dsa. Holds the secret numbers. Throws `OpenSSLError`.
         ByteString EncodeSSH() const;
 
         evp_pkey_st* _key;

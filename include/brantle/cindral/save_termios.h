@@ -30,7 +30,6 @@ private:
     termios _settings;
     int _fd;
     bool _isTerminal;
-    bool _isRaw;
 };
 
 } // namespace cindral

@@ -1,0 +1,138 @@
+#include "openssh_key.h"
+
+#include <cstring>
+
+#include <openssl/core_names.h>
+
+#include <brantle/cindral/big_num.h>
+#include <brantle/cindral/block_cipher.h>
+#include <brantle/cindral/exceptions.h>
+#include <brantle/cindral/private_key.h>
+
+#include "bcrypt_pbkdf.h"
+#include "openssl_ptr.h"
+#include "pkey.h"
+
+namespace cindral {
+
+namespace {
+
+constexpr char MAGIC[] = "openssh-key-v1"; ///< with its terminator
+constexpr unsigned int KEY_LENGTH = 32;    ///< of AES-256, the cipher of both modes
+constexpr unsigned int IV_LENGTH = 16;
+constexpr unsigned int PLAIN_BLOCK = 8;
+
+bool IsOfferedType(Span const& name) { return name.Is(KeyName(KEY_RSA)) || name.Is(KeyName(KEY_DSA)); }
+
+/// Wipes what a handle on key bytes leaves behind.
+class WipedBytes : public ByteString {
+public:
+    using ByteString::ByteString;
+    ~WipedBytes() { OPENSSL_cleanse(Data(), Length()); }
+};
+
+void Decrypt(Span const& cipherName, SecretBytes const& keyAndIv, SecretBytes& bytes) {
+    String_t const name(reinterpret_cast<char const*>(cipherName._data), cipherName._length);
+    WipedBytes const key(keyAndIv.data(), KEY_LENGTH);
+    ByteString const iv(keyAndIv.data() + KEY_LENGTH, IV_LENGTH);
+    BlockCipher cipher;
+    cipher.Redefine(name.Text(), BlockCipher::DECRYPT, key, iv);
+    if (cipher._rep->Process(bytes.data(), static_cast<unsigned int>(bytes.size()), bytes.data()) < 0)
+        throw OpenSSLError("EVP_CipherUpdate");
+}
+
+/// d modulo one less than the prime, which the file does not hold.
+bool Exponent(BigNum& result, BigNum const& d, BigNum const& prime, BN_CTX* context) {
+    BigNum less(prime);
+    BN_set_flags(d._bn, BN_FLG_CONSTTIME);
+    return BN_sub_word(less._bn, 1) == 1 && BN_mod(result._bn, d._bn, less._bn, context) == 1;
+}
+
+evp_pkey_st* ReadRsa(WireReader& reader) {
+    BigNum n, e, d, inverse, p, q, dp, dq;
+    for (BigNum* number : {&n, &e, &d, &inverse, &p, &q}) reader.Mpint(number->_bn);
+    BnCtxPtr const context(BN_CTX_new());
+    if (!reader.Ok() || !context || !Exponent(dp, d, p, context.get()) || !Exponent(dq, d, q, context.get()))
+        return nullptr;
+    return MakePkey(KEY_RSA, EVP_PKEY_KEYPAIR,
+                    {{OSSL_PKEY_PARAM_RSA_N, n._bn},
+                     {OSSL_PKEY_PARAM_RSA_E, e._bn},
+                     {OSSL_PKEY_PARAM_RSA_D, d._bn},
+                     {OSSL_PKEY_PARAM_RSA_FACTOR1, p._bn},
+                     {OSSL_PKEY_PARAM_RSA_FACTOR2, q._bn},
+                     {OSSL_PKEY_PARAM_RSA_EXPONENT1, dp._bn},
+                     {OSSL_PKEY_PARAM_RSA_EXPONENT2, dq._bn},
+                     {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, inverse._bn}});
+}
+
+evp_pkey_st* ReadDsa(WireReader& reader) {
+    BigNum p, q, g, y, x;
+    for (BigNum* number : {&p, &q, &g, &y, &x}) reader.Mpint(number->_bn);
+    if (!reader.Ok()) return nullptr;
+    return MakePkey(KEY_DSA, EVP_PKEY_KEYPAIR,
+                    {{OSSL_PKEY_PARAM_FFC_P, p._bn},
+                     {OSSL_PKEY_PARAM_FFC_Q, q._bn},
+                     {OSSL_PKEY_PARAM_FFC_G, g._bn},
+                     {OSSL_PKEY_PARAM_PUB_KEY, y._bn},
+                     {OSSL_PKEY_PARAM_PRIV_KEY, x._bn}});
+}
+
+/// The padding counts 1, 2, 3 and so on up to the block's end.
+bool IsPadding(Span const& bytes) {
+    for (unsigned int i = 0; i < bytes._length; ++i)
+        if (bytes._data[i] != ((i + 1) & 0xff)) return false;
+    return true;
+}
+
+int ReadPlain(SecretBytes const& plain, bool encrypted, evp_pkey_st*& key) {
+    WireReader reader(plain.data(), static_cast<unsigned int>(plain.size()));
+    unsigned int const check = reader.Int();
+    if (check != reader.Int()) return encrypted ? PrivateKey::WRONG_PASSPHRASE : PrivateKey::BROKEN_FILE;
+    Span const name = reader.String();
+    PkeyPtr made(name.Is(KeyName(KEY_RSA))   ? ReadRsa(reader)
+                 : name.Is(KeyName(KEY_DSA)) ? ReadDsa(reader)
+                                             : nullptr);
+    reader.String(); // the comment
+    Span const padding = reader.Rest();
+    if (!made || !reader.Ok() || !IsPadding(padding)) return PrivateKey::BROKEN_FILE;
+    key = made.release();
+    return 0;
+}
+
+} // namespace
+
+int OpenSSHKey::Open(unsigned char const* body, unsigned int length) {
+    WireReader reader(body, length);
+    Span const magic = reader.Bytes(sizeof MAGIC);
+    if (!reader.Ok() || std::memcmp(magic._data, MAGIC, sizeof MAGIC) != 0) return PrivateKey::BROKEN_FILE;
+    _cipher = reader.String();
+    Span const derivation = reader.String();
+    WireReader options(reader.String());
+    unsigned int const keys = reader.Int();
+    Span const publicBlob = reader.String();
+    _private = reader.String();
+    Span const type = WireReader(publicBlob).String();
+    if (!reader.Ok()) return PrivateKey::BROKEN_FILE;
+    if (keys != 1 || !IsOfferedType(type)) return PrivateKey::UNSUPPORTED_KEY;
+
+    _encrypted = !_cipher.Is("none");
+    if (_encrypted) {
+        if (!derivation.Is("bcrypt") || !(_cipher.Is("aes256-ctr") || _cipher.Is("aes256-cbc")))
+            return PrivateKey::UNSUPPORTED_KEY;
+        _salt = options.String();
+        _rounds = options.Int();
+        if (!options.Ok() || !options.AtEnd() || _salt._length == 0 || _rounds == 0)
+            return PrivateKey::BROKEN_FILE;
+    }
+    unsigned int const block = _encrypted ? IV_LENGTH : PLAIN_BLOCK;
+    bool const whole = reader.AtEnd() && _private._length > 0 && _private._length % block == 0;
+    return whole ? 0 : PrivateKey::BROKEN_FILE;
+}
+
+int OpenSSHKey::Read(Span const& passphrase, evp_pkey_st*& key) const {
+    SecretBytes bytes(_private._data, _private._data + _private._length);
+    if (_encrypted) Decrypt(_cipher, BcryptPbkdf(passphrase, _salt, _rounds, KEY_LENGTH + IV_LENGTH), bytes);
+    return ReadPlain(bytes, _encrypted, key);
+}
+
+} // namespace cindral

@@ -1,0 +1,31 @@
+#ifndef CINDRAL_OPENSSH_KEY_H
+#define CINDRAL_OPENSSH_KEY_H
+
+#include "wire_format.h"
+
+struct evp_pkey_st;
+
+namespace cindral {
+
+/// The body of an "OPENSSH PRIVATE KEY" file, opened without its passphrase. All spans point into
+/// the memory given to `Open`.
+class OpenSSHKey {
+public:
+    /// Returns 0 or a `PrivateKey::Failure`.
+    int Open(unsigned char const* body, unsigned int length);
+    bool IsEncrypted() const { return _encrypted; }
+    /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
+    /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
+    int Read(Span const& passphrase, evp_pkey_st*& key) const;
+
+private:
+    Span _cipher;
+    Span _salt;
+    unsigned int _rounds = 0;
+    Span _private;
+    bool _encrypted = false;
+};
+
+} // namespace cindral
+
+#endif

@@ -1,0 +1,41 @@
+#ifndef CINDRAL_PEM_KEY_H
+#define CINDRAL_PEM_KEY_H
+
+#include "openssh_key.h"
+#include "secret_bytes.h"
+
+namespace cindral {
+
+/// A key file, opened without its passphrase: one of the PEM forms, or the form that has a body of
+/// its own in the same armour.
+class PemKey {
+public:
+    PemKey() = default;
+    ~PemKey();
+    PemKey(PemKey const&) = delete;
+    PemKey& operator=(PemKey const&) = delete;
+
+    /// Returns 0 or a `PrivateKey::Failure`.
+    int Open(SecretBytes const& contents);
+    bool IsEncrypted() const;
+    /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
+    /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
+    int Read(Span const& passphrase, evp_pkey_st*& key) const;
+
+private:
+    bool IsLabel(char const* label) const;
+    void Clear();
+    int CheckEncryption();
+    int ReadTraditional(Span const& passphrase, evp_pkey_st*& key) const;
+    int ReadEncryptedPkcs8(Span const& passphrase, evp_pkey_st*& key) const;
+
+    char* _label = nullptr;
+    char* _header = nullptr;
+    unsigned char* _body = nullptr;
+    long _length = 0;
+    OpenSSHKey _openSSH;
+};
+
+} // namespace cindral
+
+#endif

@@ -1,0 +1,33 @@
+#include "pkey.h"
+
+#include "openssl_ptr.h"
+
+namespace cindral {
+
+char const* KeyName(KeyType type) {
+    switch (type) {
+    case KEY_RSA:
+        return "ssh-rsa";
+    case KEY_DSA:
+        return "ssh-dss";
+    case KEY_NONE:
+        break;
+    }
+    return nullptr;
+}
+
+evp_pkey_st* MakePkey(KeyType type, int selection, std::initializer_list<KeyNumber> numbers) {
+    ParamBuildPtr const build(OSSL_PARAM_BLD_new());
+    if (!build) return nullptr;
+    for (KeyNumber const& number : numbers)
+        if (OSSL_PARAM_BLD_push_BN(build.get(), number._name, number._value) != 1) return nullptr;
+    ParamPtr const parameters(OSSL_PARAM_BLD_to_param(build.get()));
+    PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_name(nullptr, type == KEY_RSA ? "RSA" : "DSA", nullptr));
+    EVP_PKEY* key = nullptr;
+    if (!parameters || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+        EVP_PKEY_fromdata(context.get(), &key, selection, parameters.get()) != 1)
+        return nullptr;
+    return key;
+}
+
+} // namespace cindral

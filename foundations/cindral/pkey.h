@@ -1,0 +1,28 @@
+#ifndef CINDRAL_PKEY_H
+#define CINDRAL_PKEY_H
+
+#include <initializer_list>
+
+#include <brantle/cindral/key_types.h>
+
+struct bignum_st;
+struct evp_pkey_st;
+
+namespace cindral {
+
+/// The SSH name of a type of key; null for `KEY_NONE`.
+char const* KeyName(KeyType type);
+
+/// A number of a key under the name that OpenSSL has for it (OSSL_PKEY_PARAM_...).
+struct KeyNumber {
+    char const* _name;
+    bignum_st const* _value;
+};
+
+/// A new OpenSSL key out of its numbers; null when OpenSSL doesn't take them.
+/// `selection` is EVP_PKEY_PUBLIC_KEY or EVP_PKEY_KEYPAIR.
+evp_pkey_st* MakePkey(KeyType type, int selection, std::initializer_list<KeyNumber> numbers);
+
+} // namespace cindral
+
+#endif

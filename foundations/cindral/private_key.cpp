@@ -1,0 +1,100 @@
+#include <brantle/cindral/private_key.h>
+
+#include <cstdint>
+
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+
+#include <brantle/cindral/big_num.h>
+#include <brantle/cindral/exceptions.h>
+
+#include "pem_key.h"
+#include "pkey.h"
+#include "read_file.h"
+#include "wire_format.h"
+
+namespace cindral {
+
+namespace {
+
+constexpr char const* RSA_NUMBERS[] = {
+    OSSL_PKEY_PARAM_RSA_N,       OSSL_PKEY_PARAM_RSA_E,
+    OSSL_PKEY_PARAM_RSA_D,       OSSL_PKEY_PARAM_RSA_COEFFICIENT1,
+    OSSL_PKEY_PARAM_RSA_FACTOR1, OSSL_PKEY_PARAM_RSA_FACTOR2,
+};
+constexpr char const* DSA_NUMBERS[] = {
+    OSSL_PKEY_PARAM_FFC_P,   OSSL_PKEY_PARAM_FFC_Q,    OSSL_PKEY_PARAM_FFC_G,
+    OSSL_PKEY_PARAM_PUB_KEY, OSSL_PKEY_PARAM_PRIV_KEY,
+};
+constexpr unsigned int MAX_PASSPHRASE = 1024;
+
+template <unsigned int COUNT>
+void AppendNumbers(ByteString& to, EVP_PKEY const* key, char const* const (&names)[COUNT]) {
+    for (char const* name : names) {
+        BigNum number;
+        if (EVP_PKEY_get_bn_param(key, name, &number._bn) != 1) throw OpenSSLError("EVP_PKEY_get_bn_param");
+        ByteString encoded = EncodeMpint(number._bn);
+        to.Append(encoded.Data(), encoded.Length());
+        OPENSSL_cleanse(encoded.Data(), encoded.Length());
+    }
+}
+
+/// Offers what `enter` answers until a passphrase fits or no more tries are left.
+int ReadEncrypted(PemKey const& file, EnterPassword& enter, evp_pkey_st*& key) {
+    std::uint64_t const tries = std::uint64_t{enter._tries} + (enter.HasPreset() ? 1 : 0);
+    int result = PrivateKey::NO_PASSPHRASE;
+    SecretBytes passphrase(MAX_PASSPHRASE);
+    for (std::uint64_t asked = 0; asked < tries; ++asked) {
+        int const length = enter(reinterpret_cast<char*>(passphrase.data()), MAX_PASSPHRASE);
+        if (length < 0) return length;
+        result = file.Read(Span{passphrase.data(), static_cast<unsigned int>(length)}, key);
+        if (result != PrivateKey::WRONG_PASSPHRASE) return result;
+    }
+    return result;
+}
+
+} // namespace
+
+PrivateKey::Rep::Rep(evp_pkey_st* key) : _key(key) {}
+
+PrivateKey::Rep::~Rep() { EVP_PKEY_free(_key); }
+
+int PrivateKey::Rep::IsLoaded() const { return _key != nullptr; }
+
+KeyType PrivateKey::Rep::Type() const {
+    if (!_key) return KEY_NONE;
+    return EVP_PKEY_is_a(_key, "RSA") ? KEY_RSA : EVP_PKEY_is_a(_key, "DSA") ? KEY_DSA : KEY_NONE;
+}
+
+ByteString PrivateKey::Rep::EncodeSSH() const {
+    ByteString encoded;
+    KeyType const type = Type();
+    if (type == KEY_NONE) return encoded;
+    AppendString(encoded, KeyName(type));
+    if (type == KEY_RSA)
+        AppendNumbers(encoded, _key, RSA_NUMBERS);
+    else
+        AppendNumbers(encoded, _key, DSA_NUMBERS);
+    return encoded;
+}
+
+PrivateKey::PrivateKey() : _rep(nullptr) {}
+
+PrivateKey::~PrivateKey() { delete _rep; }
+
+int PrivateKey::Read(char const* path, EnterPassword& enter) {
+    SecretBytes contents;
+    if (int const failure = ReadFile(path, contents)) return failure;
+    PemKey file;
+    evp_pkey_st* key = nullptr;
+    int result = file.Open(contents);
+    if (result == 0) result = file.IsEncrypted() ? ReadEncrypted(file, enter, key) : file.Read(Span(), key);
+    ERR_clear_error(); // a file that is no key is a result here, not an error to find later
+    if (result != 0) return result;
+    delete _rep;
+    _rep = new Rep(key);
+    return 0;
+}
+
+} // namespace cindral

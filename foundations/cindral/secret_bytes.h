@@ -1,0 +1,39 @@
+#ifndef CINDRAL_SECRET_BYTES_H
+#define CINDRAL_SECRET_BYTES_H
+
+#include <cstddef>
+#include <vector>
+
+#include <openssl/crypto.h>
+
+namespace cindral {
+
+/// Wipes what it gives back, the arrays that a growing vector leaves behind included.
+template <typename T>
+struct WipingAllocator {
+    using value_type = T;
+
+    WipingAllocator() = default;
+    template <typename Other>
+    WipingAllocator(WipingAllocator<Other> const&) {}
+
+    T* allocate(std::size_t count) { return static_cast<T*>(::operator new(count * sizeof(T))); }
+    void deallocate(T* memory, std::size_t count) {
+        OPENSSL_cleanse(memory, count * sizeof(T));
+        ::operator delete(memory);
+    }
+    template <typename Other>
+    bool operator==(WipingAllocator<Other> const&) const {
+        return true;
+    }
+    template <typename Other>
+    bool operator!=(WipingAllocator<Other> const&) const {
+        return false;
+    }
+};
+
+using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
+
+} // namespace cindral
+
+#endif

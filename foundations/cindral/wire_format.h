@@ -1,0 +1,61 @@
+#ifndef CINDRAL_WIRE_FORMAT_H
+#define CINDRAL_WIRE_FORMAT_H
+
+#include <brantle/thornel/byte_string.h>
+
+struct bignum_st;
+
+namespace cindral {
+
+/// Big-endian numbers and the strings of RFC 4251 section 5, in memory.
+
+inline void PutInt(unsigned char* bytes, unsigned int value) {
+    for (int i = 3; i >= 0; --i, value >>= 8) bytes[i] = static_cast<unsigned char>(value);
+}
+
+inline unsigned int GetInt(unsigned char const* bytes) {
+    return static_cast<unsigned int>(bytes[0]) << 24 | static_cast<unsigned int>(bytes[1]) << 16 |
+           static_cast<unsigned int>(bytes[2]) << 8 | static_cast<unsigned int>(bytes[3]);
+}
+
+/// Bytes that belong to someone else.
+struct Span {
+    unsigned char const* _data = nullptr;
+    unsigned int _length = 0;
+
+    bool Is(char const* text) const;
+};
+
+void AppendString(ByteString& to, void const* bytes, unsigned int length);
+void AppendString(ByteString& to, char const* text);
+
+/// The mpint with its length in front; null counts as zero.
+ByteString EncodeMpint(bignum_st const* number);
+/// The number in the body of an mpint. False when OpenSSL has no memory.
+bool DecodeMpint(unsigned char const* body, unsigned int length, bignum_st* number);
+
+/// Reads a memory area from its front. What runs past the end gives zeros and empty values and
+/// clears `Ok()`; nothing behind the end is touched.
+class WireReader {
+public:
+    WireReader(unsigned char const* bytes, unsigned int length) : _pos(bytes), _left(length) {}
+    explicit WireReader(Span const& area) : WireReader(area._data, area._length) {}
+
+    Span Bytes(unsigned int length);
+    unsigned int Int();
+    Span String() { return Bytes(Int()); }
+    Span Rest() { return Bytes(_left); }
+    void Mpint(bignum_st* number);
+
+    bool Ok() const { return _ok; }
+    bool AtEnd() const { return _left == 0; }
+
+private:
+    unsigned char const* _pos;
+    unsigned int _left;
+    bool _ok = true;
+};
+
+} // namespace cindral
+
+#endif

@@ -1,0 +1,86 @@
+#ifndef BRANTLE_TESTS_CINDRAL_KEY_FILES_H
+#define BRANTLE_TESTS_CINDRAL_KEY_FILES_H
+
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <brantle/cindral/enter_password.h>
+#include <brantle/thornel/byte_string.h>
+
+/// A directory of its own for key files, and the tools that make them.
+class KeyFiles : public testing::Test {
+protected:
+    KeyFiles() {
+        std::string name = (std::filesystem::temp_directory_path() / "brantle-keys-XXXXXX").string();
+        if (!mkdtemp(name.data())) std::abort();
+        _directory = name;
+    }
+    ~KeyFiles() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(_directory, ignored);
+    }
+
+    std::string Path(std::string const& name) const { return (_directory / name).string(); }
+
+    /// Runs a command line in the directory; it has to succeed.
+    void Run(std::string const& command) const {
+        std::string const line = "cd '" + _directory.string() + "' && (" + command + ") </dev/null >log 2>&1";
+        ASSERT_EQ(std::system(line.c_str()), 0) << command << "\n" << Read("log");
+    }
+    /// A key pair `name` and `name`.pub. Empty `passphrase` means not encrypted.
+    void Keygen(std::string const& name, std::string const& options,
+                std::string const& passphrase = "") const {
+        Run("ssh-keygen -q -f " + name + " -C comment -N '" + passphrase + "' " + options);
+    }
+
+    std::string Read(std::string const& name) const {
+        std::ifstream in(Path(name), std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    void Write(std::string const& name, std::string const& text) const {
+        std::ofstream(Path(name), std::ios::binary) << text;
+    }
+
+    static ByteString Bytes(std::string const& text) {
+        return ByteString(text.data(), static_cast<unsigned int>(text.size()));
+    }
+    static std::string Text(ByteString const& bytes) {
+        return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
+    }
+
+    std::filesystem::path _directory;
+};
+
+/// Answers from a list instead of the terminal; -77 when the list is used up.
+class ScriptedAnswers : public cindral::EnterPassword {
+public:
+    static constexpr int NO_ANSWER = -77;
+
+    ScriptedAnswers(unsigned int tries, std::deque<std::string> answers)
+        : EnterPassword(tries, "unused"), _answers(std::move(answers)) {}
+
+    int operator()(char* buffer, unsigned int size) override {
+        if (HasPreset()) return EnterPassword::operator()(buffer, size);
+        ++_asked;
+        if (_answers.empty()) return NO_ANSWER;
+        std::string const answer = _answers.front();
+        _answers.pop_front();
+        answer.copy(buffer, size);
+        return static_cast<int>(answer.size());
+    }
+
+    unsigned int _asked = 0;
+
+private:
+    std::deque<std::string> _answers;
+};
+
+#endif

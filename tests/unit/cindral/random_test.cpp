@@ -1,0 +1,55 @@
+#include <brantle/cindral/random.h>
+
+#include <set>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <brantle/cindral/euc_vector.h>
+
+#include "hex.h"
+
+using namespace cindral;
+
+namespace {
+
+std::string Padding(int count) {
+    std::string bytes;
+    while (count-- > 0) bytes += static_cast<char>(PseudoRand::NextByte());
+    return bytes;
+}
+
+TEST(RandomBytes, GivesTheLengthAskedFor) {
+    for (unsigned int length : {0u, 1u, 16u, 3000000u}) EXPECT_EQ(RandomBytes(length).Length(), length);
+}
+
+TEST(RandomBytes, DiffersEachTime) { EXPECT_NE(ToHex(RandomBytes(16)), ToHex(RandomBytes(16))); }
+
+TEST(PseudoRand, GivesEveryByteValue) {
+    std::string const bytes = Padding(20000);
+    EXPECT_EQ(std::set<char>(bytes.begin(), bytes.end()).size(), 256u);
+}
+
+TEST(PseudoRand, ThreadsDrawApart) {
+    std::string first;
+    std::string second;
+    std::thread one([&] { first = Padding(64); });
+    std::thread two([&] { second = Padding(64); });
+    one.join();
+    two.join();
+    EXPECT_NE(first, second);
+}
+
+TEST(EUCVector, HoldsThatManyBytes) {
+    EUCVector vector(16);
+    ASSERT_NE(vector._data, nullptr);
+    for (int i = 0; i < 16; ++i) EXPECT_EQ(vector._data[i]++, 0);
+}
+
+TEST(EUCVector, LengthBelowOneIsEmpty) {
+    EXPECT_NE(EUCVector(0)._data, nullptr);
+    EXPECT_EQ(EUCVector(-5)._length, 0u);
+}
+
+} // namespace
