@@ -1,6 +1,7 @@
 #include <brantle/thornel/byte_string.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -49,6 +50,7 @@ void ByteString::Reserve(unsigned int length) {
 
 void ByteString::Append(void const* data, unsigned int length) {
     if (!data || length == 0) return;
+    if (length > UINT_MAX - Length()) throw std::bad_alloc();
     Srep* const rep = NewRep(Length() + length);
     Copy(rep->_data, Data(), Length());
     Copy(rep->_data + Length(), data, length);

@@ -1,6 +1,7 @@
 #include <brantle/thornel/string_t.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <istream>
 #include <memory>
@@ -49,6 +50,7 @@ String_t& String_t::operator+=(char const* text) {
     unsigned int const added = str_len(text);
     if (added == 0) return *this;
     unsigned int const length = str_len(Text());
+    if (added > UINT_MAX - length) throw std::bad_alloc();
     String_t longer(length + added);
     if (length > 0) std::memcpy(longer._rep->_text, Text(), length);
     std::memcpy(longer._rep->_text + length, text, added);

@@ -58,7 +58,7 @@ public:
     void Reserve(unsigned int length);
 
     /// Adds bytes at the end; copies that share the representation keep theirs. The bytes may be this
-    /// value's own. A null `data` adds nothing.
+    /// value's own. A null `data` adds nothing. Throws std::bad_alloc where the length would exceed 32 bits.
     void Append(void const* data, unsigned int length);
 
     Srep* _rep;

@@ -1,6 +1,7 @@
 #include <brantle/thornel/byte_string.h>
 
 #include <cstring>
+#include <new>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -133,6 +134,14 @@ TEST(ByteString, AppendsItsOwnBytes) {
     ByteString bytes = Bytes("abc");
     bytes.Append(bytes.Data() + 1, 2);
     EXPECT_EQ(Text(bytes), "abcbc");
+}
+
+TEST(ByteString, LengthBeyond32BitsIsRefused) {
+    ByteString bytes = Bytes("abc");
+    bytes._rep->_length = 4294967295u;
+    EXPECT_THROW(bytes.Append("x", 1), std::bad_alloc);
+    bytes._rep->_length = 3;
+    EXPECT_EQ(Text(bytes), "abc");
 }
 
 TEST(ByteString, EqualityIsOfLengthAndBytes) {
