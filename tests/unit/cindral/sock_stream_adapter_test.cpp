@@ -1,0 +1,188 @@
+#include <brantle/cindral/sock_stream_adapter.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <brantle/cindral/socket_buffer.h>
+#include <brantle/cindral/string_buffer.h>
+
+#include "support/descriptors.h"
+
+using namespace cindral;
+using support::DescriptorPair;
+
+namespace {
+
+std::string Content(OStringBuffer const& buffer) { return std::string(buffer.Str(), buffer.Len()); }
+
+/// A layer over another that shows no more than it has been allowed, as one that frames packets.
+class Fence : public CascadableIStreamBuffer {
+public:
+    explicit Fence(CascadableIStreamBuf* next) : CascadableIStreamBuffer(next, 4) {}
+    int Fill() override {
+        if (_allowed == 0) return 0;
+        int count = _next->get(_start, _start + (_allowed < 4 ? _allowed : 4));
+        if (count < 1) return count;
+        _allowed -= count;
+        _pos = _start;
+        _end = _start + count;
+        return count;
+    }
+    int _allowed = 0;
+};
+
+/// A sink that refuses, or takes less than it is given.
+class Grudging : public CascadableOStreamBuf {
+public:
+    int put(char const* begin, char const* end) override {
+        if (_failing) return -6;
+        int count = end - begin > 3 ? 3 : static_cast<int>(end - begin);
+        _text.append(begin, begin + count);
+        return count;
+    }
+    std::string _text;
+    bool _failing = false;
+};
+
+TEST(ISockStreamAdapter, TypedValuesComeOutOfTheLayer) {
+    IStringBuffer memory("\0\0\0\7\0\0\0\2ok!", 11);
+    ISockStreamAdapter in(memory);
+    unsigned int number = 0;
+    ByteString bytes;
+    unsigned char last = 0;
+    in >> number >> bytes >> last;
+    EXPECT_EQ(number, 7u);
+    EXPECT_TRUE(bytes == ByteString("ok", 2));
+    EXPECT_EQ(last, '!');
+    EXPECT_EQ(in.Status(), 0u);
+    in >> number;
+    EXPECT_EQ(number, 7u);
+    EXPECT_EQ(in.Status(), SockStream::END_OF_INPUT);
+}
+
+TEST(ISockStreamAdapter, FillHandsOnTheResultOfTheLayer) {
+    IStringBuffer memory("abc");
+    ISockStreamAdapter in(memory);
+    EXPECT_EQ(in.Fill(), 3);
+    EXPECT_EQ(std::string(in._pos, in._end), "abc");
+    EXPECT_EQ(in.Fill(), 0);
+    EXPECT_EQ(in._pos, in._end);
+    OStringBuffer wrong;
+    ISockStreamAdapter failing(wrong);
+    EXPECT_EQ(failing.Fill(), -1);
+    char byte;
+    EXPECT_EQ(failing.Get(byte), -1);
+}
+
+TEST(ISockStreamAdapter, LinesComeOutOfTheLayer) {
+    IStringBuffer memory("one\ntwo");
+    ISockStreamAdapter in(memory);
+    String_t line;
+    in.Readln(line, "\n");
+    EXPECT_STREQ(line.Text(), "one");
+    in.Readln(line, "\n");
+    EXPECT_STREQ(line.Text(), "two");
+    EXPECT_EQ(in.Status(), SockStream::END_OF_INPUT);
+}
+
+TEST(ISockStreamAdapter, AnEndIsNotFinal) {
+    IStringBuffer memory("\0\0\0\1ab\0\0\0\2cd", 12);
+    Fence fence(&memory);
+    ISockStreamAdapter in(fence);
+    unsigned int number = 0;
+    fence._allowed = 6;
+    char bytes[8];
+    in >> number;
+    EXPECT_EQ(number, 1u);
+    in.Read(bytes, 4);
+    EXPECT_EQ(in.Gcount(), 2);
+    EXPECT_EQ(in.Status(), SockStream::END_OF_INPUT);
+    fence._allowed = 6;
+    in >> number;
+    EXPECT_EQ(number, 2u);
+    in.Read(bytes, 2);
+    EXPECT_EQ(in.Gcount(), 2);
+    EXPECT_EQ(std::string(bytes, 2), "cd");
+}
+
+TEST(ISockStreamAdapter, NoByteBehindTheFenceIsTakenFromTheSocket) {
+    DescriptorPair pair = DescriptorPair::Sockets();
+    ISocketBuffer socket;
+    socket.Bind(pair.Ours());
+    Fence fence(&socket);
+    ISockStreamAdapter in(fence);
+    pair.Send("packetMAC");
+    fence._allowed = 6;
+    char bytes[8];
+    in.Read(bytes, 6);
+    EXPECT_EQ(std::string(bytes, 6), "packet");
+    EXPECT_EQ(socket.get(bytes, bytes + 3), 3);
+    EXPECT_EQ(std::string(bytes, 3), "MAC");
+}
+
+TEST(OSockStreamAdapter, TypedValuesReachTheLayerWithTheFlush) {
+    OStringBuffer memory;
+    OSockStreamAdapter out(memory);
+    out << 7u << ByteString("ok", 2);
+    EXPECT_EQ(memory.Len(), 0u);
+    EXPECT_EQ(out.Flush(), 10);
+    EXPECT_EQ(out.Flush(), 0);
+    EXPECT_EQ(Content(memory), std::string("\0\0\0\7\0\0\0\2ok", 10));
+}
+
+TEST(OSockStreamAdapter, LongRangesPassThrough) {
+    OStringBuffer memory;
+    OSockStreamAdapter out(memory);
+    std::string const text(100000, 'x');
+    out.Write(text.data(), 100000);
+    EXPECT_GE(memory.Len(), 100000u - 8192u);
+    out.Flush();
+    EXPECT_TRUE(Content(memory) == text);
+}
+
+TEST(OSockStreamAdapter, WriteCharsRepeatsTheCharacter) {
+    OStringBuffer memory;
+    OSockStreamAdapter out(memory);
+    for (unsigned int count : {0u, 1u, 63u, 64u, 65u, 300u}) {
+        unsigned int before = memory.Len();
+        EXPECT_EQ(&out.WriteChars('c', count), &out);
+        out.Flush();
+        EXPECT_EQ(memory.Len() - before, count);
+    }
+    out.WriteChars('\0', 2);
+    out.Flush();
+    EXPECT_EQ(Content(memory), std::string(493, 'c') + std::string(2, '\0'));
+}
+
+TEST(OSockStreamAdapter, FlushGoesOnWhereTheLayerStopped) {
+    Grudging layer;
+    OSockStreamAdapter out(layer);
+    out.Write("abcde", 5);
+    EXPECT_EQ(out.Flush(), 3);
+    EXPECT_EQ(out.Flush(), 2);
+    EXPECT_EQ(layer._text, "abcde");
+}
+
+TEST(OSockStreamAdapter, RefusalOfTheLayerKeepsTheBytes) {
+    Grudging layer;
+    OSockStreamAdapter out(layer);
+    out.Write("abc", 3);
+    layer._failing = true;
+    EXPECT_EQ(out.Flush(), -6);
+    EXPECT_EQ(out.Status(), SockStream::FAILED);
+    layer._failing = false;
+    EXPECT_EQ(out.Flush(), 3);
+    EXPECT_EQ(layer._text, "abc");
+}
+
+TEST(OSockStreamAdapter, DestructorDropsWhatIsBuffered) {
+    OStringBuffer memory;
+    {
+        OSockStreamAdapter out(memory);
+        out.Write("lost", 4);
+    }
+    EXPECT_EQ(memory.Len(), 0u);
+}
+
+} // namespace

@@ -1,0 +1,203 @@
+#include <brantle/cindral/socket_buffer.h>
+
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/descriptors.h"
+
+using namespace cindral;
+using support::CallCounter;
+using support::DescriptorPair;
+using support::FaultyCalls;
+
+namespace {
+
+class SocketBuffers : public testing::Test {
+protected:
+    SocketBuffers() : _pair(DescriptorPair::Sockets()) {
+        _in.Bind(_pair.Ours());
+        _out.Bind(_pair.Ours());
+    }
+    int Put(std::string const& text) { return _out.put(text.data(), text.data() + text.size()); }
+
+    DescriptorPair _pair;
+    ISocketBuffer _in;
+    OSocketBuffer _out;
+    char _bytes[16384];
+};
+
+TEST_F(SocketBuffers, HaveNoTimeLimitAtFirst) {
+    EXPECT_EQ(_in._timeout, 0u);
+    EXPECT_EQ(_out._timeout, 0u);
+}
+
+TEST_F(SocketBuffers, ReadAheadLiesInTheWindow) {
+    _pair.Send("abcdef");
+    EXPECT_FALSE(_in._pos < _in._end);
+    EXPECT_EQ(_in.get(_bytes, _bytes + 4), 4);
+    EXPECT_TRUE(_in._pos < _in._end);
+    EXPECT_EQ(_in.getchr(_bytes[0]), 1);
+    EXPECT_EQ(_in.getchr(_bytes[0]), 1);
+    EXPECT_EQ(_bytes[0], 'f');
+    EXPECT_FALSE(_in._pos < _in._end);
+}
+
+TEST_F(SocketBuffers, GetWaitsUntilTheRangeIsFull) {
+    std::thread peer([this] {
+        for (int i = 0; i < 8; ++i) {
+            _pair.Send("ab");
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    EXPECT_EQ(_in.get(_bytes, _bytes + 16), 16);
+    peer.join();
+    EXPECT_EQ(std::string(_bytes, 16), "abababababababab");
+}
+
+TEST_F(SocketBuffers, GetReadsAWholeWindowAtATime) {
+    std::string const text(10000, 'x');
+    _pair.Send(text);
+    CallCounter counter;
+    EXPECT_EQ(_in.get(_bytes, _bytes + 10000), 10000);
+    EXPECT_EQ(counter.Transfers(), 2);
+    EXPECT_EQ(counter.Polls(), 0);
+}
+
+TEST_F(SocketBuffers, EndOfInputShowsBehindTheBytesThatCame) {
+    _pair.Send("abc");
+    _pair.ClosePeer();
+    EXPECT_EQ(_in.get(_bytes, _bytes + 8), 3);
+    EXPECT_EQ(_in.get(_bytes, _bytes + 8), 0);
+    EXPECT_EQ(_in.getchr(_bytes[0]), 0);
+}
+
+TEST_F(SocketBuffers, PeerThatStopsInTheMiddleEndsAtTheLimit) {
+    _in._timeout = 1;
+    _pair.Send("abc");
+    auto const started = std::chrono::steady_clock::now();
+    EXPECT_EQ(_in.get(_bytes, _bytes + 8), 3);
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(990));
+    errno = 0;
+    EXPECT_LT(_in.get(_bytes, _bytes + 8), 0);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1900)); // no second wait
+    errno = 0;
+    EXPECT_LT(_in.Fill(), 0);
+    EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST_F(SocketBuffers, LimitHoldsForEachWaitByItself) {
+    _in._timeout = 1;
+    std::thread peer([this] {
+        for (int i = 0; i < 3; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            _pair.Send("ab");
+        }
+    });
+    EXPECT_EQ(_in.get(_bytes, _bytes + 6), 6);
+    peer.join();
+}
+
+TEST_F(SocketBuffers, PeerThatTakesNothingEndsAWriteAtTheLimit) {
+    _out._timeout = 1;
+    auto const started = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_LT(Put(std::string(4 << 20, 'x')), 0);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    errno = 0;
+    EXPECT_LT(Put(std::string(8192, 'y')), 0);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1900)); // no second wait
+}
+
+TEST_F(SocketBuffers, SmallRangesGatherUntilTheFlush) {
+    EXPECT_EQ(Put("abc"), 3);
+    EXPECT_EQ(_out.putchr('d'), 0);
+    EXPECT_EQ(_pair.Received(), "");
+    EXPECT_EQ(_out.Flush(), 4);
+    EXPECT_EQ(_pair.Received(), "abcd");
+    Put("e");
+    EXPECT_EQ(_out.Finalize(), 0);
+    EXPECT_EQ(_pair.Received(), "e");
+}
+
+TEST_F(SocketBuffers, RangeAsLargeAsTheBufferIsWrittenThrough) {
+    CallCounter counter;
+    EXPECT_EQ(Put(std::string(8191, 'x')), 8191);
+    EXPECT_EQ(counter.Transfers(), 0);
+    EXPECT_EQ(_out.Flush(), 8191);
+    EXPECT_EQ(Put(std::string(8192, 'y')), 8192);
+    EXPECT_EQ(counter.Transfers(), 2);
+    EXPECT_EQ(_out.Flush(), 0);
+    EXPECT_EQ(_pair.Received(), std::string(8191, 'x') + std::string(8192, 'y'));
+}
+
+TEST_F(SocketBuffers, OrderIsKeptWhenTheBufferHoldsSomething) {
+    Put("abc");
+    EXPECT_EQ(Put(std::string(20000, 'x')), 20000);
+    Put("z");
+    _out.Flush();
+    EXPECT_EQ(_pair.Received(), "abc" + std::string(20000, 'x') + "z");
+}
+
+TEST_F(SocketBuffers, InterruptsAndShortCountsDoNotShow) {
+    {
+        FaultyCalls faults(500);
+        EXPECT_EQ(Put(std::string(8192, 'x') + "end"), 8195);
+        EXPECT_EQ(_out.Finalize(), 0);
+        EXPECT_EQ(faults.Interrupted(), 17);
+    }
+    EXPECT_EQ(_pair.Received(), std::string(8192, 'x') + "end");
+    FaultyCalls faults(5);
+    _pair.Send("abcdefghijklmnop");
+    EXPECT_EQ(_in.get(_bytes, _bytes + 16), 16);
+    EXPECT_EQ(std::string(_bytes, 16), "abcdefghijklmnop");
+}
+
+TEST_F(SocketBuffers, ClosedPeerFailsAWriteWithoutASignal) {
+    _pair.ClosePeer();
+    Put("abc");
+    errno = 0;
+    EXPECT_EQ(_out.Finalize(), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_LT(Put(std::string(8192, 'x')), 0);
+}
+
+TEST_F(SocketBuffers, FailedWriteDoesNotReachTheNextDescriptor) {
+    _pair.ClosePeer();
+    Put("old");
+    _out.Flush();
+    DescriptorPair other = DescriptorPair::Sockets();
+    _out.Bind(other.Ours());
+    Put("new");
+    EXPECT_EQ(_out.Flush(), 3);
+    EXPECT_EQ(other.Received(), "new");
+}
+
+TEST_F(SocketBuffers, AreSocketStreamsToo) {
+    _out << 5u;
+    _out.Flush();
+    EXPECT_EQ(_pair.Received(), std::string("\0\0\0\5", 4));
+    _pair.Send("line\nrest");
+    String_t line;
+    _in.Readln(line, "\n");
+    EXPECT_STREQ(line.Text(), "line");
+    EXPECT_FALSE(_in._pos < _in._end);
+}
+
+TEST_F(SocketBuffers, PipeServesAsDescriptor) {
+    DescriptorPair incoming = DescriptorPair::Pipe(true);
+    DescriptorPair outgoing = DescriptorPair::Pipe(false);
+    _in.Bind(incoming.Ours());
+    _out.Bind(outgoing.Ours());
+    incoming.Send("abc");
+    EXPECT_EQ(_in.get(_bytes, _bytes + 3), 3);
+    EXPECT_EQ(Put(std::string(8192, 'x')), 8192);
+    EXPECT_EQ(outgoing.Received(), std::string(8192, 'x'));
+}
+
+} // namespace
