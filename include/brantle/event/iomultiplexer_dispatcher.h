@@ -53,8 +53,8 @@ public:
 class BRANTLE_API IOMultiplexerCallback {
 public:
     IOMultiplexerCallback() = default;
-    IOMultiplexerCallback(IOMultiplexerCallback const&) {}
-    IOMultiplexerCallback& operator=(IOMultiplexerCallback const&) { return *this; }
+    IOMultiplexerCallback(IOMultiplexerCallback const&) = default;
+    IOMultiplexerCallback& operator=(IOMultiplexerCallback const&) = default;
 
     /// Called with the descriptor, under the multiplexer's read lock: it must not take the write
     /// lock of the same multiplexer. A non-zero result keeps the callbacks behind it from being
