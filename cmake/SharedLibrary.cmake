@@ -14,6 +14,7 @@ function(brantle_shared_library name)
   set_target_properties(${name} PROPERTIES
     VERSION ${ARG_VERSION} SOVERSION ${ARG_SOVERSION}
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+    INSTALL_RPATH $ORIGIN
     LINK_DEPENDS ${script})
   target_compile_definitions(${name} PRIVATE ${ARG_MACRO}_BUILDING)
   target_include_directories(${name} PUBLIC

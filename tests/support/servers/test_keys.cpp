@@ -19,6 +19,7 @@ void MakeKey(std::string const& path, std::string const& type) {
 void Reformat(std::string const& path, std::string const& copy, std::string const& format,
               std::string const& passphrase) {
     std::filesystem::copy_file(path, copy);
+    std::filesystem::copy_file(path + ".pub", copy + ".pub");
     RunOrThrow({"ssh-keygen", "-q", "-p", "-m", format, "-P", "", "-N", passphrase, "-f", copy});
 }
 

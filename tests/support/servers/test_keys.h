@@ -8,10 +8,10 @@ namespace servers {
 /// The passphrase of the encrypted keys.
 inline constexpr char const* KEY_PASSPHRASE = "a throw-away passphrase";
 
-/// Throw-away keys made by ssh-keygen in `directory`:
+/// Throw-away keys made by ssh-keygen in `directory`, NAME.pub beside each private key NAME:
 ///
-///     host_rsa host_dsa                            PEM, and .pub beside each
-///     user_rsa user_dsa                            PEM, and .pub beside each
+///     host_rsa host_dsa                            PEM
+///     user_rsa user_dsa                            PEM
 ///     user_rsa.openssh user_dsa.openssh            the same keys as "BEGIN OPENSSH PRIVATE KEY"
 ///     user_rsa.encrypted user_dsa.encrypted        the same keys as PEM under KEY_PASSPHRASE
 ///     user_rsa.openssh.encrypted user_dsa.openssh.encrypted
