@@ -191,7 +191,7 @@ TEST(ClientSocketIn, SilentPeerEndsAtTheLimit) {
     for (int fd; queued.size() < 8 && (fd = client.Connect(1, error)) >= 0;) queued.push_back(fd);
     EXPECT_LT(queued.size(), 8u);
     EXPECT_EQ(error, ETIMEDOUT);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(4));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
     for (int fd : queued) close(fd);
 }
 
