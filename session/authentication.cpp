@@ -129,6 +129,9 @@ int SshSession::SignAuthData(PublicKey const& key, String_t const& identity, Str
     PrivateKey privateKey;
     result = ReadIdentity(privateKey, identity, password, enter);
     if (result < 0) return result;
+    // The private key need not be the other half of the public one. Whether its signature will do is
+    // for the server to say.
+    signature = Signature(privateKey._rep->Type());
     return signature.Sign(data, DIGEST_SHA1, privateKey);
 }
 
@@ -225,9 +228,11 @@ int SshSession::ReadIdentity(PrivateKey& privateKey, String_t const& identity, S
         enter.SetPrompt("Enter passphrase for", path);
         return privateKey.Read(path.Text(), enter);
     };
-    if (!IsEmpty(identity)) return read(identity);
-    int const result = read(DefaultIdentity("id_rsa"));
-    return result < 0 ? read(DefaultIdentity("id_dsa")) : result;
+    int result = read(IsEmpty(identity) ? DefaultIdentity("id_rsa") : identity);
+    if (result < 0 && IsEmpty(identity)) result = read(DefaultIdentity("id_dsa"));
+    // It was offered for the key alone; a password prompt that follows is for the user.
+    enter.Preset(String_t());
+    return result;
 }
 
 } // namespace cindral

@@ -101,6 +101,8 @@ struct KexInitLists {
 
 /// What the host and its user accounts are like; a script may change it up to the step that uses it.
 struct ServerSettings {
+    /// Listen on ::1 in place of 127.0.0.1; to be set before the peer starts.
+    bool ipv6 = false;
     std::string versionLine = "SSH-2.0-ScriptedPeer_1.0\r\n";
     /// Send KEXINIT in the same segment as the version line.
     bool kexInitWithVersion = false;

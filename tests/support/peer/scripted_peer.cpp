@@ -32,6 +32,21 @@ int Check(int result, char const* call) {
     return result;
 }
 
+/// A sockaddr_in, or a sockaddr_in6, on any port.
+sockaddr_in6 LoopbackAddress(bool ipv6) {
+    sockaddr_in6 address{};
+    if (ipv6) {
+        address.sin6_family = AF_INET6;
+        address.sin6_addr = in6addr_loopback;
+    } else {
+        sockaddr_in v4{};
+        v4.sin_family = AF_INET;
+        v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        std::memcpy(&address, &v4, sizeof v4);
+    }
+    return address;
+}
+
 void Raise(int eventFd) {
     std::uint64_t const one = 1;
     if (write(eventFd, &one, sizeof one) != sizeof one) std::terminate();
@@ -43,15 +58,14 @@ ScriptedPeer::ScriptedPeer(Script script, ServerSettings settings)
     : _script(std::move(script)), _settings(std::move(settings)) {
     _stopFd = Check(eventfd(0, EFD_CLOEXEC), "eventfd");
     _abortFd = Check(eventfd(0, EFD_CLOEXEC), "eventfd");
-    _listener = Check(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in6 address = LoopbackAddress(_settings.ipv6);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t length = sizeof address;
-    Check(bind(_listener, reinterpret_cast<sockaddr*>(&address), length), "bind");
+    _listener = Check(socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    Check(bind(_listener, generic, length), "bind");
     Check(listen(_listener, 64), "listen");
-    Check(getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
-    _port = ntohs(address.sin_port);
+    Check(getsockname(_listener, generic, &length), "getsockname");
+    _port = ntohs(address.sin6_port); // where sockaddr_in has it, too
     _acceptor = std::thread([this] { Accept(); });
 }
 

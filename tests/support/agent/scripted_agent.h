@@ -1,0 +1,60 @@
+#ifndef TESTS_SUPPORT_AGENT_SCRIPTED_AGENT_H
+#define TESTS_SUPPORT_AGENT_SCRIPTED_AGENT_H
+
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/peer/peer_crypto.h"
+
+namespace peer {
+
+/// A key agent on a Unix socket of its own, which answers by a script. While it lives, SSH_AUTH_SOCK names
+/// that socket; afterwards the variable is unset.
+///
+/// It serves one connection at a time. Messages are given and taken as their bodies, without the length.
+class ScriptedAgent {
+public:
+    /// The body of the reply; none closes the connection.
+    using Script = std::function<std::optional<Bytes>(Bytes const& request)>;
+
+    static constexpr std::uint8_t failure = 5;
+    static constexpr std::uint8_t success = 6;
+    static constexpr std::uint8_t signRequest = 13;
+    static constexpr std::uint8_t signResponse = 14;
+
+    explicit ScriptedAgent(Script script);
+    ~ScriptedAgent();
+    ScriptedAgent(ScriptedAgent const&) = delete;
+    ScriptedAgent& operator=(ScriptedAgent const&) = delete;
+
+    /// The script of an agent that holds exactly this key, which outlives it, and signs with it.
+    static Script Holding(KeyPair const& key);
+
+    /// The bodies of all requests so far, over all connections.
+    std::vector<Bytes> Requests() const;
+    std::size_t Connections() const;
+
+private:
+    void Accept();
+    void Serve(int fd);
+    bool WaitReadable(int fd) const;
+    std::optional<Bytes> Receive(int fd, std::size_t count) const;
+
+    Script _script;
+    std::string _directory;
+    std::string _path;
+    int _listener = -1;
+    int _stopFd = -1;
+    mutable std::mutex _mutex;
+    std::vector<Bytes> _requests;
+    std::size_t _connections = 0;
+    std::thread _thread;
+};
+
+} // namespace peer
+
+#endif

@@ -1,0 +1,205 @@
+// What authentication works with before anything is sent: the data to be signed and the key files.
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <brantle/session/ssh_session.h>
+
+#include "support/peer/peer_crypto.h"
+#include "support/session/recording_callbacks.h"
+
+namespace fs = std::filesystem;
+using cindral::PrivateKey;
+using cindral::PublicKey;
+using peer::KeyPair;
+
+namespace {
+
+class OpenSession : public cindral::SshSession {
+public:
+    OpenSession() : SshSession(CLIENT, 22, String_t("127.0.0.1")) {}
+
+    using SshSession::_sessionId;
+    using SshSession::MakeAuthData;
+    using SshSession::ReadIdentity;
+    using SshSession::ReadPubkey;
+};
+
+ByteString FromPeer(peer::Bytes const& bytes) {
+    return ByteString(bytes.data(), static_cast<unsigned int>(bytes.size()));
+}
+
+peer::Bytes ToPeer(ByteString const& bytes) {
+    return bytes.Length() == 0 ? peer::Bytes() : peer::Bytes(bytes.Data(), bytes.Data() + bytes.Length());
+}
+
+peer::Bytes BlobOf(PublicKey const& key) { return key._rep ? ToPeer(key._rep->EncodeSSH()) : peer::Bytes(); }
+
+/// Key files in `.ssh` of the home directory, gone with the test.
+class KeyFiles : public testing::Test {
+protected:
+    KeyFiles() : directory(fs::path(std::getenv("HOME")) / ".ssh") { fs::create_directories(directory); }
+    ~KeyFiles() override { fs::remove_all(directory); }
+
+    std::string Write(std::string const& name, std::string const& text) const {
+        fs::path const path = directory / name;
+        std::ofstream(path) << text;
+        fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
+        return path.string();
+    }
+    std::string WritePublic(std::string const& name, KeyPair const& key) const {
+        return Write(name, key.PublicLine() + "\n");
+    }
+    std::string Path(std::string const& name) const { return (directory / name).string(); }
+
+    int ReadPubkey(std::string const& identity) { return session.ReadPubkey(publicKey, identity.c_str()); }
+    int ReadIdentity(std::string const& identity, char const* password = "") {
+        return session.ReadIdentity(privateKey, identity.c_str(), password, enter);
+    }
+
+    fs::path directory;
+    OpenSession session;
+    PublicKey publicKey;
+    PrivateKey privateKey;
+    RecordingPassword enter{3};
+};
+
+} // namespace
+
+TEST(MakeAuthData, IsTheSessionIdAndTheRequestWithoutSignature) {
+    OpenSession session;
+    session._sessionId = ByteString("0123456789abcdefghij", 20);
+    for (KeyPair const* pair : {&KeyPair::UserRsa(), &KeyPair::UserDsa()}) {
+        PublicKey const key(FromPeer(pair->Blob()));
+        ASSERT_NE(key._rep, nullptr);
+        peer::Bytes const expected = peer::Writer()
+                                         .String("0123456789abcdefghij")
+                                         .U8(50)
+                                         .String("tester")
+                                         .String("ssh-connection")
+                                         .String("publickey")
+                                         .U8(1)
+                                         .String(pair->Type())
+                                         .String(pair->Blob());
+        EXPECT_EQ(peer::Difference(expected, ToPeer(session.MakeAuthData("ssh-connection", "tester", key))),
+                  "");
+    }
+}
+
+TEST(MakeAuthData, EmptyValuesAndTextsBeyondTheBufferAreWritten) {
+    OpenSession session;
+    PublicKey const key(FromPeer(KeyPair::UserRsa().Blob()));
+    std::string const user(5000, 'u');
+    for (std::string const& name : {std::string(), user}) {
+        peer::Bytes const expected = peer::Writer()
+                                         .String("")
+                                         .U8(50)
+                                         .String(name)
+                                         .String("")
+                                         .String("publickey")
+                                         .U8(1)
+                                         .String("ssh-rsa")
+                                         .String(KeyPair::UserRsa().Blob());
+        EXPECT_EQ(peer::Difference(expected, ToPeer(session.MakeAuthData("", name.c_str(), key))), "");
+    }
+}
+
+TEST_F(KeyFiles, PublicKeyThatIsLoadedIsLeftAlone) {
+    publicKey = PublicKey(FromPeer(KeyPair::UserDsa().Blob()));
+    WritePublic("own.pub", KeyPair::UserRsa());
+    EXPECT_EQ(ReadPubkey(Path("own")), 0);
+    EXPECT_EQ(BlobOf(publicKey), KeyPair::UserDsa().Blob());
+}
+
+TEST_F(KeyFiles, ExtensionSshComesBeforePub) {
+    WritePublic("own.ssh", KeyPair::UserDsa());
+    WritePublic("own.pub", KeyPair::UserRsa());
+    EXPECT_EQ(ReadPubkey(Path("own")), 0);
+    EXPECT_EQ(BlobOf(publicKey), KeyPair::UserDsa().Blob());
+}
+
+TEST_F(KeyFiles, ExtensionPubComesSecond) {
+    WritePublic("own.pub", KeyPair::UserRsa());
+    EXPECT_EQ(ReadPubkey(Path("own")), 0);
+    EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
+}
+
+TEST_F(KeyFiles, BrokenFileWithExtensionSshGivesWayToPub) {
+    Write("own.ssh", "no key\n");
+    WritePublic("own.pub", KeyPair::UserRsa());
+    EXPECT_EQ(ReadPubkey(Path("own")), 0);
+    EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
+}
+
+TEST_F(KeyFiles, ExtensionOfTheIdentityIsReplaced) {
+    WritePublic("own.pub", KeyPair::UserRsa());
+    EXPECT_EQ(ReadPubkey(Path("own.pem")), 0);
+    EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
+}
+
+TEST_F(KeyFiles, LastResultOfAnIdentityIsThatOfPub) {
+    WritePublic("id_rsa.pub", KeyPair::UserRsa());
+    EXPECT_EQ(ReadPubkey(Path("own")), -ENOENT);
+    EXPECT_EQ(publicKey._rep, nullptr);
+    Write("own.pub", "no key\n");
+    EXPECT_EQ(ReadPubkey(Path("own")), -EINVAL);
+}
+
+TEST_F(KeyFiles, DefaultPublicKeyIsRsaThenDsa) {
+    WritePublic("id_dsa.pub", KeyPair::UserDsa());
+    PublicKey dsa;
+    EXPECT_EQ(session.ReadPubkey(dsa, String_t()), 0);
+    EXPECT_EQ(BlobOf(dsa), KeyPair::UserDsa().Blob());
+    WritePublic("id_rsa.pub", KeyPair::UserRsa());
+    EXPECT_EQ(ReadPubkey(""), 0);
+    EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
+}
+
+TEST_F(KeyFiles, DefaultPublicKeyThatIsMissingIsNegative) { EXPECT_EQ(ReadPubkey(""), -ENOENT); }
+
+TEST_F(KeyFiles, PrivateKeyOfTheIdentityIsRead) {
+    EXPECT_EQ(ReadIdentity(Write("own", KeyPair::UserRsa().Pem())), 0);
+    ASSERT_NE(privateKey._rep, nullptr);
+    EXPECT_EQ(privateKey._rep->Type(), cindral::KEY_RSA);
+    EXPECT_EQ(enter.prompt, "Enter passphrase for|" + Path("own"));
+    EXPECT_TRUE(enter.questions.empty());
+}
+
+TEST_F(KeyFiles, PrivateKeyThatIsLoadedIsLeftAlone) {
+    ASSERT_EQ(ReadIdentity(Write("own", KeyPair::UserDsa().Pem())), 0);
+    enter.prompt.clear();
+    enter.presets.clear();
+    EXPECT_EQ(ReadIdentity(Write("other", KeyPair::UserRsa().Pem()), "secret"), 0);
+    EXPECT_EQ(privateKey._rep->Type(), cindral::KEY_DSA);
+    EXPECT_EQ(enter.prompt, "");
+    EXPECT_TRUE(enter.presets.empty());
+}
+
+TEST_F(KeyFiles, PasswordIsPresetForThePassphraseAndWithdrawn) {
+    EXPECT_EQ(ReadIdentity(Path("none"), "open sesame"), -ENOENT);
+    EXPECT_THAT(enter.presets, testing::ElementsAre("open sesame", ""));
+}
+
+TEST_F(KeyFiles, DefaultPrivateKeyIsRsaThenDsa) {
+    Write("id_dsa", KeyPair::UserDsa().Pem());
+    PrivateKey dsa;
+    EXPECT_EQ(session.ReadIdentity(dsa, String_t(), String_t("pw"), enter), 0);
+    EXPECT_EQ(dsa._rep->Type(), cindral::KEY_DSA);
+    EXPECT_EQ(enter.prompt, "Enter passphrase for|" + Path("id_dsa"));
+    EXPECT_THAT(enter.presets, testing::ElementsAre("pw", ""));
+    Write("id_rsa", KeyPair::UserRsa().Pem());
+    EXPECT_EQ(ReadIdentity(""), 0);
+    EXPECT_EQ(privateKey._rep->Type(), cindral::KEY_RSA);
+    EXPECT_EQ(enter.prompt, "Enter passphrase for|" + Path("id_rsa"));
+}
+
+TEST_F(KeyFiles, DefaultPrivateKeyThatIsMissingIsNegative) {
+    EXPECT_EQ(ReadIdentity(""), -ENOENT);
+    EXPECT_EQ(privateKey._rep, nullptr);
+}

@@ -1,0 +1,274 @@
+// The frame of user authentication, RFC 4252: the service, "none", the walk over the methods, banners.
+
+#include <gmock/gmock.h>
+
+#include "wire/auth_fixture.h"
+
+using namespace peer;
+using testing::ElementsAre;
+
+namespace {
+
+class AuthService : public AuthTest {};
+class AuthWalk : public AuthTest {};
+class AuthBanner : public AuthTest {};
+
+} // namespace
+
+TEST_F(AuthService, NoneAcceptedNeedsNothingMore) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  c.SendAuthSuccess();
+              }),
+              "0");
+    EXPECT_EQ(authenticated, 1);
+    EXPECT_THAT(Sent(), ElementsAre(ServiceRequest(), NoneRequest()));
+    EXPECT_EQ(enter.prompt, "");
+    EXPECT_TRUE(enter.limits.empty());
+    EXPECT_TRUE(callback.requests.empty());
+    EXPECT_EQ(Text(password), "secret");
+}
+
+TEST_F(AuthService, OtherAnswerToNoneIsABreach) {
+    for (std::uint8_t type : {IGNORE, DEBUG, USERAUTH_REQUEST, USERAUTH_PK_OK, CHANNEL_OPEN}) {
+        EXPECT_EQ(Authenticate([type](Connection& c) {
+                      c.ServiceAccept();
+                      c.ReadAuthRequest();
+                      c.SendPacket(Writer().U8(type).String(""));
+                  }),
+                  "SshProtocolError: expected either USERAUTH_FAILURE or USERAUTH_SUCCESS packet: " +
+                      std::to_string(type));
+        EXPECT_EQ(authenticated, 0);
+    }
+}
+
+TEST_F(AuthService, CloseBehindNoneIsABreach) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  c.Wire().ShutdownWrite();
+              }),
+              closedEarly);
+}
+
+TEST_F(AuthService, OtherAnswerToTheServiceRequestIsABreach) {
+    for (std::uint8_t type : {IGNORE, DISCONNECT, SERVICE_REQUEST, USERAUTH_SUCCESS, USERAUTH_BANNER}) {
+        EXPECT_EQ(Authenticate([type](Connection& c) {
+                      c.ExpectPacket(SERVICE_REQUEST);
+                      c.SendPacket(Writer().U8(type).String("ssh-userauth"));
+                  }),
+                  "SshProtocolError: expected SERVICE_ACCEPT package, received: " + std::to_string(type));
+        EXPECT_THAT(Sent(), ElementsAre(ServiceRequest()));
+    }
+}
+
+TEST_F(AuthService, NameOfTheServiceAcceptedIsNotCompared) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ExpectPacket(SERVICE_REQUEST);
+                  c.SendPacket(Writer().U8(SERVICE_ACCEPT).String("ssh-tea"));
+                  c.ReadAuthRequest();
+                  c.SendAuthSuccess();
+              }),
+              "0");
+}
+
+TEST_F(AuthService, SecondCallRepeatsTheWholeSequence) {
+    EXPECT_EQ(Run(
+                  [](Connection& c) {
+                      c.ServiceAccept();
+                      c.ReadAuthRequest();
+                      c.SendAuthSuccess();
+                      Refuse(c, "");
+                  },
+                  [this](AuthSession& session) {
+                      EXPECT_EQ(session.Authenticate("", "tester", password, enter, callback), 0);
+                      return session.Authenticate("", "tester", password, enter, callback);
+                  }),
+              "0")
+        << "a success is not forgotten";
+    EXPECT_THAT(Sent(), ElementsAre(ServiceRequest(), NoneRequest(), ServiceRequest(), NoneRequest()));
+    EXPECT_EQ(authenticated, 1);
+}
+
+TEST_F(AuthWalk, EmptyListSendsNothingElse) {
+    EXPECT_EQ(Login("", Nothing), "-1");
+    EXPECT_TRUE(SentBehindNone().empty());
+    EXPECT_EQ(authenticated, 0);
+}
+
+TEST_F(AuthWalk, UnknownMethodsArePassedOver) {
+    EXPECT_EQ(Login("none,hostbased,Password,passwor,password2,gssapi-with-mic", Nothing), "-1");
+    EXPECT_TRUE(SentBehindNone().empty());
+}
+
+TEST_F(AuthWalk, KnownMethodAmongUnknownOnesIsTried) {
+    EXPECT_EQ(Login("hostbased,,password,gssapi",
+                    [](Connection& c) {
+                        c.ReadAuthRequest();
+                        c.SendAuthSuccess();
+                    }),
+              "0");
+    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret")));
+}
+
+TEST_F(AuthWalk, OrderIsTheServers) {
+    auto const refuseBoth = [](Connection& c) {
+        for (int i = 0; i < 2; ++i) {
+            c.ReadAuthRequest();
+            c.SendAuthFailure("keyboard-interactive,password");
+        }
+    };
+    enter._tries = 1;
+    EXPECT_EQ(Login("keyboard-interactive,password", refuseBoth), "-1");
+    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest(), PasswordRequest("secret")));
+    password = "secret";
+    EXPECT_EQ(Login("password,keyboard-interactive", refuseBoth), "-1");
+    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret"), InteractiveRequest()));
+}
+
+TEST_F(AuthWalk, SuccessEndsTheWalk) {
+    EXPECT_EQ(Login("keyboard-interactive,password,keyboard-interactive",
+                    [](Connection& c) {
+                        c.ReadAuthRequest();
+                        c.SendAuthFailure("password");
+                        c.ReadAuthRequest();
+                        c.SendAuthSuccess();
+                    }),
+              "0");
+    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest(), PasswordRequest("secret")));
+    EXPECT_EQ(authenticated, 1);
+}
+
+TEST_F(AuthWalk, MethodListedTwiceIsTriedTwice) {
+    EXPECT_EQ(Login("keyboard-interactive,keyboard-interactive",
+                    [](Connection& c) {
+                        for (int i = 0; i < 2; ++i) {
+                            c.ReadAuthRequest();
+                            c.SendAuthFailure("");
+                        }
+                    }),
+              "-1");
+    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest(), InteractiveRequest()));
+}
+
+TEST_F(AuthWalk, ListsOfLaterFailuresAndPartialSuccessAreReadByNobody) {
+    enter._tries = 1;
+    EXPECT_EQ(Login("password,keyboard-interactive",
+                    [](Connection& c) {
+                        c.ReadAuthRequest();
+                        c.SendAuthFailure("publickey,password", true);
+                        c.ReadAuthRequest();
+                        c.SendAuthFailure("hostbased", true);
+                    }),
+              "-1");
+    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret"), InteractiveRequest()));
+    EXPECT_EQ(authenticated, 0);
+}
+
+TEST_F(AuthWalk, PartialSuccessOfNoneIsAFailureLikeAnyOther) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  c.SendAuthFailure("keyboard-interactive", true);
+                  c.ReadAuthRequest();
+                  c.SendAuthSuccess();
+              }),
+              "0");
+}
+
+TEST_F(AuthWalk, LaterFailureMayBeMalformed) {
+    EXPECT_EQ(Login("keyboard-interactive",
+                    [](Connection& c) {
+                        c.ReadAuthRequest();
+                        c.SendPacket(Writer().U8(USERAUTH_FAILURE));
+                    }),
+              "-1");
+}
+
+TEST_F(AuthWalk, BreachEndsTheWalk) {
+    EXPECT_EQ(Login("keyboard-interactive,password",
+                    [](Connection& c) {
+                        c.ReadAuthRequest();
+                        c.SendIgnore();
+                    }),
+              "SshProtocolError: unexpected ssh response: SSH_MSG_IGNORE");
+    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest()));
+}
+
+TEST_F(AuthBanner, IsPrintedAsItIsAndKept) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  c.SendBanner("Keep out", "en");
+                  c.SendAuthSuccess();
+              }),
+              "0");
+    EXPECT_EQ(output.Text(), "Keep out");
+    EXPECT_GE(output.Flushes(), 1);
+    EXPECT_EQ(banner, "Keep out");
+}
+
+TEST_F(AuthBanner, OfTwoTheSecondIsKept) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  c.SendBanner("first\r\n");
+                  c.SendBanner("second\r\n");
+                  c.SendAuthSuccess();
+              }),
+              "0");
+    EXPECT_EQ(output.Text(), "first\r\nsecond\r\n");
+    EXPECT_EQ(banner, "second\r\n");
+}
+
+TEST_F(AuthBanner, EmptyOneReplacesTheFormer) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  c.SendBanner("first");
+                  c.SendBanner("");
+                  c.SendAuthSuccess();
+              }),
+              "0");
+    EXPECT_EQ(output.Text(), "first");
+    EXPECT_EQ(banner, "");
+}
+
+TEST_F(AuthBanner, DisturbsNoExchange) {
+    callback.answers = {{"a"}, {}};
+    EXPECT_EQ(Login("password,keyboard-interactive",
+                    [](Connection& c) {
+                        for (char const* text : {"1", "2", "3"}) {
+                            c.ReadAuthRequest();
+                            c.SendBanner(text);
+                            c.SendAuthFailure("");
+                        }
+                        c.ReadAuthRequest();
+                        c.SendBanner("4");
+                        c.SendInfoRequest("", "", {{"?", true}});
+                        c.ReadInfoResponse();
+                        c.SendBanner("5");
+                        c.SendBanner("6");
+                        c.SendInfoRequest("", "", {});
+                        c.ReadInfoResponse();
+                        c.SendBanner("7");
+                        c.SendAuthSuccess();
+                    }),
+              "0");
+    EXPECT_EQ(output.Text(), "1234567");
+    EXPECT_EQ(banner, "7");
+}
+
+TEST_F(AuthBanner, WithoutItsLanguageIsABreach) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  SendOptions options;
+                  options.padding = Bytes(14, 0xff); // no length that the language could have
+                  c.SendPacket(Writer().U8(USERAUTH_BANNER).String("Keep out"), options);
+              }),
+              "SshProtocolError: string length exceeds packet length");
+    EXPECT_EQ(banner, "");
+    EXPECT_EQ(output.Text(), "");
+}
