@@ -20,20 +20,20 @@ constexpr int FAILURE = -1;
 constexpr int DSS_NUMBER = 20; ///< bytes of r and of s (RFC 4253 section 6.6)
 
 /// The two strings of a signature blob.
-struct Parts {
+struct Pieces {
     KeyType _type = KEY_NONE; ///< `KEY_NONE` when the blob is malformed
     Span _value;
 };
 
-Parts Parse(ByteString const& blob) {
+Pieces Parse(ByteString const& blob) {
     WireReader reader(blob.Data(), blob.Length());
     Span const name = reader.String();
-    Parts parts;
-    parts._value = reader.String();
-    if (!reader.Ok() || !reader.AtEnd()) return parts;
-    if (name.Is(KeyName(KEY_RSA)) && parts._value._length > 0) parts._type = KEY_RSA;
-    if (name.Is(KeyName(KEY_DSA)) && parts._value._length == 2 * DSS_NUMBER) parts._type = KEY_DSA;
-    return parts;
+    Pieces pieces;
+    pieces._value = reader.String();
+    if (!reader.Ok() || !reader.AtEnd()) return pieces;
+    if (name.Is(KeyName(KEY_RSA)) && pieces._value._length > 0) pieces._type = KEY_RSA;
+    if (name.Is(KeyName(KEY_DSA)) && pieces._value._length == 2 * DSS_NUMBER) pieces._type = KEY_DSA;
+    return pieces;
 }
 
 /// What OpenSSL makes: the blob's value for rsa, a DER sequence for dsa. Empty on failure.
@@ -97,8 +97,8 @@ Signature::Rep::~Rep() = default;
 ByteString Signature::Rep::Encode() const { return _blob; }
 
 int Signature::Rep::Decode(ByteString const& blob, DigestType digest) {
-    Parts const parts = Parse(blob);
-    if (digest != DIGEST_SHA1 || parts._type == KEY_NONE || parts._type != _type) return FAILURE;
+    Pieces const pieces = Parse(blob);
+    if (digest != DIGEST_SHA1 || pieces._type == KEY_NONE || pieces._type != _type) return FAILURE;
     _blob = blob;
     return 0;
 }
@@ -132,15 +132,16 @@ int Signature::Sign(ByteString const& data, DigestType digest, PrivateKey const&
 }
 
 int Signature::Verify(ByteString const& data, DigestType digest, PublicKey const& key) {
-    Parts const parts = Parse(_rep->_blob);
-    if (digest != DIGEST_SHA1 || parts._type == KEY_NONE || !key._rep || key._rep->Type() != parts._type)
+    Pieces const pieces = Parse(_rep->_blob);
+    if (digest != DIGEST_SHA1 || pieces._type == KEY_NONE || !key._rep || key._rep->Type() != pieces._type)
         return FAILURE;
     PkeyPtr const pkey(key._rep->NewPkey());
     MdCtxPtr const context(EVP_MD_CTX_new());
     if (!pkey || !context) return FAILURE;
     std::vector<unsigned char> const value =
-        parts._type == KEY_DSA ? DerFromDss(parts._value)
-                               : PaddedRsa(parts._value, static_cast<size_t>(EVP_PKEY_get_size(pkey.get())));
+        pieces._type == KEY_DSA
+            ? DerFromDss(pieces._value)
+            : PaddedRsa(pieces._value, static_cast<size_t>(EVP_PKEY_get_size(pkey.get())));
     if (value.empty() ||
         EVP_DigestVerifyInit_ex(context.get(), nullptr, "SHA1", nullptr, nullptr, pkey.get(), nullptr) != 1)
         return FAILURE;

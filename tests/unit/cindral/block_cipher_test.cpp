@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 #include <sstream>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -189,6 +191,21 @@ TEST(BlockCipher, PaddingIsNotOffered) {
     cipher.Redefine("aes128-cbc", BlockCipher::DECRYPT, FromHex(KEY128), FromHex(CBC_IV));
     EXPECT_EQ(cipher._rep->SetPadding(0), 0);
     EXPECT_LT(cipher._rep->SetPadding(1), 0);
+}
+
+TEST(BlockCipher, HandlesOfSeveralThreadsWorkApart) {
+    std::vector<std::thread> threads;
+    for (Vector const& vector : VECTORS)
+        for (int i = 0; i < 2; ++i)
+            threads.emplace_back([&vector] {
+                BlockCipher cipher;
+                cipher.Redefine(vector._name, BlockCipher::ENCRYPT, FromHex(vector._key),
+                                FromHex(vector._iv));
+                ByteString bytes = FromHex(vector._plain);
+                cipher._rep->Process(bytes.Data(), bytes.Length(), bytes.Data());
+                EXPECT_EQ(ToHex(bytes), ToHex(FromHex(vector._cipher)));
+            });
+    for (std::thread& thread : threads) thread.join();
 }
 
 TEST(BlockCipher, UnknownNameHasNoSizesAndIsRefused) {
