@@ -15,7 +15,8 @@ namespace peer {
 /// An SSH server that follows a script, for tests of clients.
 ///
 /// It listens on an ephemeral port of 127.0.0.1 (::1 if the settings say so) and runs the script once for
-/// every connection it accepts, each in a thread of its own. The well-behaved server is one line, and a misbehaving one a few more:
+/// every connection it accepts, each in a thread of its own. The well-behaved server is one line, and a
+/// misbehaving one a few more:
 ///
 ///     ScriptedPeer server([](Connection& c) {
 ///         c.WellBehaved(Stage::NewKeys);              // identification, KEXINIT, group exchange, NEWKEYS
