@@ -4,6 +4,10 @@
 # M_BUILDING), a version script made from library.map.in beside this file with the one node
 # M_SOVERSION, and the alias brantle::NAME under which the tree and an installed package know it
 # alike.
+include(CheckLinkerFlag)
+check_linker_flag(CXX -Wl,-z,pack-relative-relocs BRANTLE_HAVE_RELR)
+set(BRANTLE_RELR $<$<BOOL:${BRANTLE_HAVE_RELR}>:-Wl,-z,pack-relative-relocs>)
+
 function(brantle_shared_library name)
   cmake_parse_arguments(ARG "" "VERSION;SOVERSION;MACRO" "LINKS" ${ARGN})
   add_library(${name} SHARED)
@@ -21,6 +25,11 @@ function(brantle_shared_library name)
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} PUBLIC cxx_std_17)
-  target_link_options(${name} PRIVATE -Wl,--version-script=${script})
+  # Built for size, as small targets are among those served: the time goes into libcrypto and the
+  # kernel. Calls inside a library are bound when it is linked.
+  target_compile_options(${name} PRIVATE -fno-plt $<$<CONFIG:Release>:-Os>
+    $<$<AND:$<CONFIG:Release>,$<CXX_COMPILER_ID:GNU>>:-flto=auto>)
+  target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,-Bsymbolic-functions
+    -Wl,-z,noseparate-code ${BRANTLE_RELR})
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:brantle_options>)
 endfunction()

@@ -20,8 +20,6 @@ ByteString PacketUserAuthNoneRequest::Payload(BlockCipher& cipher) {
     });
 }
 
-PacketUserAuthNoneRequest::~PacketUserAuthNoneRequest() = default;
-
 PacketUserAuthPubkeyRequest::PacketUserAuthPubkeyRequest(String_t const& user, String_t const& service,
                                                          String_t const& algorithm, PublicKey& key)
     : PacketUserAuthPubkeyRequest(user, service, algorithm, key, nullptr) {}
@@ -43,8 +41,6 @@ ByteString PacketUserAuthPubkeyRequest::Payload(BlockCipher& cipher) {
         if (_signatureBlob) out.WriteSignature(*_signatureBlob);
     });
 }
-
-PacketUserAuthPubkeyRequest::~PacketUserAuthPubkeyRequest() = default;
 
 PacketUserAuthPasswdRequest::PacketUserAuthPasswdRequest(String_t const& user, String_t const& service,
                                                          String_t const& password)
@@ -82,8 +78,6 @@ ByteString PacketUserAuthInteractive::Payload(BlockCipher& cipher) {
     });
 }
 
-PacketUserAuthInteractive::~PacketUserAuthInteractive() = default;
-
 PacketUserAuthFailure::PacketUserAuthFailure(PacketDecoder& decoder)
     : Packet(SSH_MSG_USERAUTH_FAILURE, decoder._data) {
     Decode(decoder, "expected USERAUTH_FAILURE package, received", [this](PacketDecoder& in) {
@@ -92,14 +86,10 @@ PacketUserAuthFailure::PacketUserAuthFailure(PacketDecoder& decoder)
     });
 }
 
-PacketUserAuthFailure::~PacketUserAuthFailure() = default;
-
 PacketUserAuthSuccess::PacketUserAuthSuccess(PacketDecoder& decoder)
     : Packet(SSH_MSG_USERAUTH_SUCCESS, decoder._data) {
     Decode(decoder, "expected USERAUTH_SUCCESS package, received", [](PacketDecoder&) {});
 }
-
-PacketUserAuthSuccess::~PacketUserAuthSuccess() = default;
 
 PacketUserAuthBanner::PacketUserAuthBanner(PacketDecoder& decoder)
     : Packet(SSH_MSG_USERAUTH_BANNER, decoder._data) {
@@ -108,8 +98,6 @@ PacketUserAuthBanner::PacketUserAuthBanner(PacketDecoder& decoder)
         _language = in.ReadString();
     });
 }
-
-PacketUserAuthBanner::~PacketUserAuthBanner() = default;
 
 PacketUserAuthPkOk::PacketUserAuthPkOk(String_t const& algorithm, ByteString const& blob)
     : Packet(SSH_MSG_USERAUTH_PK_OK), _algorithm(algorithm), _key(blob) {}
@@ -129,8 +117,6 @@ PacketUserAuthPkOk::PacketUserAuthPkOk(PacketDecoder& decoder)
     });
 }
 
-PacketUserAuthPkOk::~PacketUserAuthPkOk() = default;
-
 PacketUserAuthInfoReq::PacketUserAuthInfoReq(PacketDecoder& decoder)
     : Packet(SSH_MSG_USERAUTH_INFO_REQUEST, decoder._data) {
     Decode(decoder, "expected USERAUTH_INFO_REQUEST package, received", [this](PacketDecoder& in) {
@@ -146,15 +132,11 @@ PacketUserAuthInfoReq::PacketUserAuthInfoReq(PacketDecoder& decoder)
     });
 }
 
-PacketUserAuthInfoReq::~PacketUserAuthInfoReq() = default;
-
 PacketUserAuthInfoResp::PacketUserAuthInfoResp(TOList<String_t> const& responses)
     : Packet(SSH_MSG_USERAUTH_INFO_RESPONSE), _responses(responses) {}
 
 ByteString PacketUserAuthInfoResp::Payload(BlockCipher& cipher) {
     return Encode(cipher, LARGE, [this](PacketEncoder& out) { out.WriteStringList(_responses); });
 }
-
-PacketUserAuthInfoResp::~PacketUserAuthInfoResp() = default;
 
 } // namespace cindral

@@ -29,8 +29,6 @@ PacketOpenSessionChannel::PacketOpenSessionChannel(PacketDecoder& decoder)
     });
 }
 
-PacketOpenSessionChannel::~PacketOpenSessionChannel() = default;
-
 PacketOpenTcpChannel::PacketOpenTcpChannel(unsigned int senderChannel, unsigned int windowSize,
                                            unsigned int maxPacketSize, String_t const& host,
                                            unsigned int port, String_t const& originatorHost,
@@ -68,8 +66,6 @@ PacketOpenTcpChannel::PacketOpenTcpChannel(PacketDecoder& decoder)
     });
 }
 
-PacketOpenTcpChannel::~PacketOpenTcpChannel() = default;
-
 PacketChannelOpenConfirmation::PacketChannelOpenConfirmation(unsigned int recipientChannel,
                                                              unsigned int senderChannel,
                                                              unsigned int windowSize,
@@ -96,8 +92,6 @@ PacketChannelOpenConfirmation::PacketChannelOpenConfirmation(PacketDecoder& deco
     });
 }
 
-PacketChannelOpenConfirmation::~PacketChannelOpenConfirmation() = default;
-
 PacketChannelOpenFailure::PacketChannelOpenFailure(unsigned int recipientChannel, unsigned int reason,
                                                    String_t const& description, String_t const& language)
     : Packet(SSH_MSG_CHANNEL_OPEN_FAILURE), _recipientChannel(recipientChannel), _reason(reason),
@@ -122,8 +116,6 @@ PacketChannelOpenFailure::PacketChannelOpenFailure(PacketDecoder& decoder)
     });
 }
 
-PacketChannelOpenFailure::~PacketChannelOpenFailure() = default;
-
 PacketChannelWindowAdjust::PacketChannelWindowAdjust(unsigned int recipientChannel, unsigned int bytesToAdd)
     : Packet(SSH_MSG_CHANNEL_WINDOW_ADJUST), _recipientChannel(recipientChannel), _bytesToAdd(bytesToAdd) {}
 
@@ -141,8 +133,6 @@ PacketChannelWindowAdjust::PacketChannelWindowAdjust(PacketDecoder& decoder)
         _bytesToAdd = in.ReadInt();
     });
 }
-
-PacketChannelWindowAdjust::~PacketChannelWindowAdjust() = default;
 
 PacketChannelData::PacketChannelData(unsigned int recipientChannel, char const* data, unsigned int length)
     : PacketChannelData(recipientChannel, ByteString(data, length)) {}
@@ -163,8 +153,6 @@ PacketChannelData::PacketChannelData(PacketDecoder& decoder) : Packet(SSH_MSG_CH
         _bytes = in.ReadBytes();
     });
 }
-
-PacketChannelData::~PacketChannelData() = default;
 
 PacketChannelExtendedData::PacketChannelExtendedData(unsigned int recipientChannel, unsigned int dataType,
                                                      ByteString const& bytes)
@@ -188,8 +176,6 @@ PacketChannelExtendedData::PacketChannelExtendedData(PacketDecoder& decoder)
     });
 }
 
-PacketChannelExtendedData::~PacketChannelExtendedData() = default;
-
 PacketChannelEof::PacketChannelEof(unsigned int recipientChannel)
     : Packet(SSH_MSG_CHANNEL_EOF), _recipientChannel(recipientChannel) {}
 
@@ -201,8 +187,6 @@ PacketChannelEof::PacketChannelEof(PacketDecoder& decoder) : Packet(SSH_MSG_CHAN
     Decode(decoder, "expected CHANNEL_EOF package, received",
            [this](PacketDecoder& in) { _recipientChannel = in.ReadInt(); });
 }
-
-PacketChannelEof::~PacketChannelEof() = default;
 
 PacketChannelClose::PacketChannelClose(unsigned int recipientChannel)
     : Packet(SSH_MSG_CHANNEL_CLOSE), _recipientChannel(recipientChannel) {}
@@ -217,8 +201,6 @@ PacketChannelClose::PacketChannelClose(PacketDecoder& decoder)
            [this](PacketDecoder& in) { _recipientChannel = in.ReadInt(); });
 }
 
-PacketChannelClose::~PacketChannelClose() = default;
-
 PacketChannelResponse::PacketChannelResponse(int type, unsigned int recipientChannel)
     : Packet(type), _recipientChannel(recipientChannel) {}
 
@@ -229,7 +211,5 @@ ByteString PacketChannelResponse::Payload(BlockCipher& cipher) {
 PacketChannelResponse::PacketChannelResponse(PacketDecoder& decoder) : Packet(SSH_MSG_CHANNEL_SUCCESS) {
     Decode(decoder, ANY_TYPE, [this](PacketDecoder& in) { _recipientChannel = in.ReadInt(); });
 }
-
-PacketChannelResponse::~PacketChannelResponse() = default;
 
 } // namespace cindral

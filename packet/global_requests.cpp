@@ -29,8 +29,6 @@ PacketGlobalRequest::PacketGlobalRequest(PacketDecoder& decoder) : Packet(SSH_MS
     });
 }
 
-PacketGlobalRequest::~PacketGlobalRequest() = default;
-
 PacketRequestResult::PacketRequestResult(int type) : Packet(type) {}
 
 ByteString PacketRequestResult::Payload(BlockCipher& cipher) {
@@ -42,7 +40,5 @@ ByteString PacketRequestResult::Payload(BlockCipher& cipher) {
 PacketRequestResult::PacketRequestResult(PacketDecoder& decoder) : Packet(0) {
     Decode(decoder, ANY_TYPE, [](PacketDecoder&) {});
 }
-
-PacketRequestResult::~PacketRequestResult() = default;
 
 } // namespace cindral

@@ -55,8 +55,6 @@ PacketKexInit::PacketKexInit(PacketDecoder& decoder) : Packet(SSH_MSG_KEXINIT, d
     });
 }
 
-PacketKexInit::~PacketKexInit() = default;
-
 PacketNewKeys::PacketNewKeys() : Packet(SSH_MSG_NEWKEYS) {}
 
 ByteString PacketNewKeys::Payload(BlockCipher& cipher) {
@@ -67,15 +65,11 @@ PacketNewKeys::PacketNewKeys(PacketDecoder& decoder) : Packet(SSH_MSG_NEWKEYS, d
     Decode(decoder, "expected NEWKEYS package, received", [](PacketDecoder&) {});
 }
 
-PacketNewKeys::~PacketNewKeys() = default;
-
 PacketKexDhInit::PacketKexDhInit(BigNum const& e) : Packet(SSH_MSG_KEXDH_INIT), _e(e) {}
 
 ByteString PacketKexDhInit::Payload(BlockCipher& cipher) {
     return Encode(cipher, SMALL, [this](PacketEncoder& out) { out.WriteBignum2(_e._bn); });
 }
-
-PacketKexDhInit::~PacketKexDhInit() = default;
 
 PacketKexDhReply::PacketKexDhReply(PacketDecoder& decoder) : Packet(SSH_MSG_KEXDH_REPLY, decoder._data) {
     Decode(decoder, "expected KEXDH_REPLY package, received", [this](PacketDecoder& in) {
@@ -84,8 +78,6 @@ PacketKexDhReply::PacketKexDhReply(PacketDecoder& decoder) : Packet(SSH_MSG_KEXD
         _signature = in.ReadBytes();
     });
 }
-
-PacketKexDhReply::~PacketKexDhReply() = default;
 
 PacketDhGexReq::PacketDhGexReq(int min, int preferred, int max)
     : Packet(SSH_MSG_KEX_DH_GEX_REQUEST), _parameters(min, preferred, max) {}
@@ -106,8 +98,6 @@ int PacketDhGexReq::CheckNBits(BigNum const& modulus) const {
     return bits >= _parameters.min && bits <= _parameters.max;
 }
 
-PacketDhGexReq::~PacketDhGexReq() = default;
-
 PacketDhGexGroup::PacketDhGexGroup(PacketDecoder& decoder) : Packet(SSH_MSG_KEX_DH_GEX_GROUP) {
     Decode(decoder, "expected KEX_DH_GEX_GROUP package, received", [this](PacketDecoder& in) {
         _p = in.ReadBignum2();
@@ -115,15 +105,11 @@ PacketDhGexGroup::PacketDhGexGroup(PacketDecoder& decoder) : Packet(SSH_MSG_KEX_
     });
 }
 
-PacketDhGexGroup::~PacketDhGexGroup() = default;
-
 PacketDhGexInit::PacketDhGexInit(BigNum const& e) : Packet(SSH_MSG_KEX_DH_GEX_INIT), _e(e) {}
 
 ByteString PacketDhGexInit::Payload(BlockCipher& cipher) {
     return Encode(cipher, SMALL, [this](PacketEncoder& out) { out.WriteBignum2(_e._bn); });
 }
-
-PacketDhGexInit::~PacketDhGexInit() = default;
 
 PacketDhGexReply::PacketDhGexReply(PacketDecoder& decoder) : Packet(SSH_MSG_KEX_DH_GEX_REPLY) {
     Decode(decoder, "expected KEX_DH_GEX_REPLY package, received", [this](PacketDecoder& in) {
@@ -132,7 +118,5 @@ PacketDhGexReply::PacketDhGexReply(PacketDecoder& decoder) : Packet(SSH_MSG_KEX_
         _signature = in.ReadBytes();
     });
 }
-
-PacketDhGexReply::~PacketDhGexReply() = default;
 
 } // namespace cindral

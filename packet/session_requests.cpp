@@ -52,8 +52,6 @@ PacketSessionPtyRequest::PacketSessionPtyRequest(PacketDecoder& decoder)
     });
 }
 
-PacketSessionPtyRequest::~PacketSessionPtyRequest() = default;
-
 PacketSessionStartShell::PacketSessionStartShell(unsigned int recipientChannel, int wantReply)
     : Packet(SSH_MSG_CHANNEL_REQUEST), _recipientChannel(recipientChannel), _request("shell"),
       _wantReply(wantReply) {}
@@ -74,8 +72,6 @@ PacketSessionStartShell::PacketSessionStartShell(PacketDecoder& decoder)
         _wantReply = in.ReadBool();
     });
 }
-
-PacketSessionStartShell::~PacketSessionStartShell() = default;
 
 PacketSessionStartCmd::PacketSessionStartCmd(unsigned int recipientChannel, int wantReply,
                                              String_t const& command)
@@ -101,8 +97,6 @@ PacketSessionStartCmd::PacketSessionStartCmd(PacketDecoder& decoder)
     });
 }
 
-PacketSessionStartCmd::~PacketSessionStartCmd() = default;
-
 PacketSessionStartSubsystem::PacketSessionStartSubsystem(unsigned int recipientChannel, int wantReply,
                                                          String_t const& subsystem)
     : Packet(SSH_MSG_CHANNEL_REQUEST), _recipientChannel(recipientChannel), _request("subsystem"),
@@ -126,8 +120,6 @@ PacketSessionStartSubsystem::PacketSessionStartSubsystem(PacketDecoder& decoder)
         _subsystem = in.ReadString();
     });
 }
-
-PacketSessionStartSubsystem::~PacketSessionStartSubsystem() = default;
 
 PacketSessionX11Request::PacketSessionX11Request(unsigned int recipientChannel, int wantReply,
                                                  int singleConnection, String_t const& authProtocol,
@@ -160,8 +152,6 @@ PacketSessionX11Request::PacketSessionX11Request(PacketDecoder& decoder) : Packe
     });
 }
 
-PacketSessionX11Request::~PacketSessionX11Request() = default;
-
 PacketChannelRequest::PacketChannelRequest(unsigned int recipientChannel, String_t const& request,
                                            int wantReply)
     : Packet(SSH_MSG_CHANNEL_REQUEST), _recipientChannel(recipientChannel), _request(request),
@@ -191,7 +181,5 @@ PacketChannelRequest::PacketChannelRequest(PacketDecoder& decoder)
         }
     });
 }
-
-PacketChannelRequest::~PacketChannelRequest() = default;
 
 } // namespace cindral

@@ -24,8 +24,6 @@ PacketDisconnect::PacketDisconnect(PacketDecoder& decoder) : Packet(SSH_MSG_DISC
     });
 }
 
-PacketDisconnect::~PacketDisconnect() = default;
-
 PacketIgnore::PacketIgnore(ByteString const& data) : Packet(SSH_MSG_IGNORE), _data(data) {}
 
 ByteString PacketIgnore::Payload(BlockCipher& cipher) {
@@ -36,8 +34,6 @@ PacketIgnore::PacketIgnore(PacketDecoder& decoder) : Packet(SSH_MSG_IGNORE) {
     Decode(decoder, "expected IGNORE package, received",
            [this](PacketDecoder& in) { _data = in.ReadBytes(); });
 }
-
-PacketIgnore::~PacketIgnore() = default;
 
 PacketServiceRequest::PacketServiceRequest(String_t const& service)
     : Packet(SSH_MSG_SERVICE_REQUEST), _service(service) {}
@@ -51,8 +47,6 @@ PacketServiceRequest::PacketServiceRequest(PacketDecoder& decoder) : Packet(SSH_
            [this](PacketDecoder& in) { _service = in.ReadString(); });
 }
 
-PacketServiceRequest::~PacketServiceRequest() = default;
-
 PacketServiceAccept::PacketServiceAccept(String_t const& service)
     : Packet(SSH_MSG_SERVICE_ACCEPT), _service(service) {}
 
@@ -64,7 +58,5 @@ PacketServiceAccept::PacketServiceAccept(PacketDecoder& decoder) : Packet(SSH_MS
     Decode(decoder, "expected SERVICE_ACCEPT package, received",
            [this](PacketDecoder& in) { _service = in.ReadString(); });
 }
-
-PacketServiceAccept::~PacketServiceAccept() = default;
 
 } // namespace cindral

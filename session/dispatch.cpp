@@ -60,15 +60,21 @@ int SshSession::FdDispatcher::Dispatch(int fd) {
 }
 
 void SshSession::InitDispatcher() {
-    _handlers.Insert(Packet::SSH_MSG_CHANNEL_DATA, &SshSession::HandleChannelData);
-    _handlers.Insert(Packet::SSH_MSG_CHANNEL_EXTENDED_DATA, &SshSession::HandleChannelExtendedData);
-    _handlers.Insert(Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST, &SshSession::HandleChannelWindowAdjust);
-    _handlers.Insert(Packet::SSH_MSG_CHANNEL_REQUEST, &SshSession::HandleChannelRequest);
-    _handlers.Insert(Packet::SSH_MSG_CHANNEL_OPEN, &SshSession::HandleChannelOpen);
-    _handlers.Insert(Packet::SSH_MSG_CHANNEL_CLOSE, &SshSession::HandleChannelClose);
-    _handlers.Insert(Packet::SSH_MSG_CHANNEL_EOF, &SshSession::HandleChannelEof);
-    _handlers.Insert(Packet::SSH_MSG_IGNORE, &SshSession::HandleIgnore);
-    _handlers.Insert(Packet::SSH_MSG_DISCONNECT, &SshSession::HandleDisconnect);
+    static struct {
+        int _number;
+        Handler _handler;
+    } const table[] = {
+        {Packet::SSH_MSG_CHANNEL_DATA, &SshSession::HandleChannelData},
+        {Packet::SSH_MSG_CHANNEL_EXTENDED_DATA, &SshSession::HandleChannelExtendedData},
+        {Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST, &SshSession::HandleChannelWindowAdjust},
+        {Packet::SSH_MSG_CHANNEL_REQUEST, &SshSession::HandleChannelRequest},
+        {Packet::SSH_MSG_CHANNEL_OPEN, &SshSession::HandleChannelOpen},
+        {Packet::SSH_MSG_CHANNEL_CLOSE, &SshSession::HandleChannelClose},
+        {Packet::SSH_MSG_CHANNEL_EOF, &SshSession::HandleChannelEof},
+        {Packet::SSH_MSG_IGNORE, &SshSession::HandleIgnore},
+        {Packet::SSH_MSG_DISCONNECT, &SshSession::HandleDisconnect},
+    };
+    for (auto const& entry : table) _handlers.Insert(entry._number, entry._handler);
     _mux.Register(_fd._fd, SshDispatcher(this));
     SshChannel* terminal = _channels.NewTtyChannel(_remoteChannel, "client-session", _windowSize, STDIN_FILENO,
                                                    STDOUT_FILENO, STDERR_FILENO, &_in, &_out);

@@ -26,16 +26,14 @@ void RequireUsable(ClientSocketIn const& socket, String_t const& host) {
 } // namespace
 
 SshSession::SshSession(Mode mode, unsigned short port, String_t const& host)
-    : _mode(mode), _socket(port, host.Text()), _fd(-1), _out(_ciphers[_mode], _macs[_mode]),
-      _in(_ciphers[!_mode], _macs[!_mode]), _kexType(KEX_NONE), _clientVersion(_defaultClientVersion),
-      _keyNeed(16), _authenticated(0), _remoteChannel(0), _windowSize(0), _task(_mux) {
+    : _mode(mode), _socket(port, host.Text()), _out(_ciphers[_mode], _macs[_mode]),
+      _in(_ciphers[!_mode], _macs[!_mode]), _task(_mux) {
     RequireUsable(_socket, host);
 }
 
 SshSession::SshSession(Mode mode, String_t const& host)
-    : _mode(mode), _socket(host.Text()), _fd(-1), _out(_ciphers[_mode], _macs[_mode]),
-      _in(_ciphers[!_mode], _macs[!_mode]), _kexType(KEX_NONE), _clientVersion(_defaultClientVersion),
-      _keyNeed(16), _authenticated(0), _remoteChannel(0), _windowSize(0), _task(_mux) {
+    : _mode(mode), _socket(host.Text()), _out(_ciphers[_mode], _macs[_mode]),
+      _in(_ciphers[!_mode], _macs[!_mode]), _task(_mux) {
     RequireUsable(_socket, host);
 }
 

@@ -27,10 +27,19 @@ void* ByteString::Srep::operator new(std::size_t size) { return ::operator new(s
 void ByteString::Srep::operator delete(void* rep, std::size_t) { ::operator delete(rep); }
 void ByteString::Destroy(Srep* rep) noexcept { delete rep; }
 
+ByteString::ByteString() : _rep(new Srep(nullptr, 0)) {}
 ByteString::ByteString(unsigned int length) : _rep(NewRep(length)) {}
 
 ByteString::ByteString(void const* data, unsigned int length) : _rep(NewRep(data ? length : 0)) {
     Copy(_rep->_data, data, Length());
+}
+
+ByteString& ByteString::operator=(ByteString const& other) noexcept {
+    ++other._rep->_count;
+    Srep* const old = _rep;
+    _rep = other._rep;
+    Release(old);
+    return *this;
 }
 
 ByteString ByteString::SubStr(unsigned int start, unsigned int length) const {

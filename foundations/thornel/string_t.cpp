@@ -40,9 +40,18 @@ void* String_t::Srep::operator new(std::size_t size) { return ::operator new(siz
 void String_t::Srep::operator delete(void* rep, std::size_t) { ::operator delete(rep); }
 void String_t::Destroy(Srep* rep) noexcept { delete rep; }
 
+String_t::String_t() : _rep(new Srep(nullptr)) {}
 String_t::String_t(char const* text) : _rep(NewRep(text ? Copy(text, str_len(text)) : nullptr)) {}
 String_t::String_t(char const* text, unsigned int length) : _rep(NewRep(Copy(text, length))) {}
 String_t::String_t(unsigned int length) : _rep(NewRep(Blank(length))) {}
+
+String_t& String_t::operator=(String_t const& other) noexcept {
+    ++other._rep->_count;
+    Srep* const old = _rep;
+    _rep = other._rep;
+    Release(old);
+    return *this;
+}
 
 String_t& String_t::operator=(char const* text) { return *this = String_t(text); }
 

@@ -16,7 +16,6 @@ class Signature;
 class BRANTLE_API PacketUserAuthNoneRequest : public Packet {
 public:
     PacketUserAuthNoneRequest(String_t const& user, String_t const& service);
-    ~PacketUserAuthNoneRequest() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _user;
@@ -33,7 +32,6 @@ public:
     /// The request with a signature; null makes it the query. `key` and `signature` outlive the message.
     PacketUserAuthPubkeyRequest(String_t const& user, String_t const& service, String_t const& algorithm,
                                 PublicKey& key, Signature* signature);
-    ~PacketUserAuthPubkeyRequest() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _user;
@@ -65,7 +63,6 @@ public:
 class BRANTLE_API PacketUserAuthInteractive : public Packet {
 public:
     PacketUserAuthInteractive(String_t const& user, String_t const& service, String_t const& submethods);
-    ~PacketUserAuthInteractive() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _user;
@@ -79,7 +76,6 @@ public:
 class BRANTLE_API PacketUserAuthFailure : public Packet {
 public:
     explicit PacketUserAuthFailure(PacketDecoder& decoder);
-    ~PacketUserAuthFailure() override;
 
     String_t _methods; ///< comma-separated
     int _partialSuccess = 0;
@@ -89,14 +85,12 @@ public:
 class BRANTLE_API PacketUserAuthSuccess : public Packet {
 public:
     explicit PacketUserAuthSuccess(PacketDecoder& decoder);
-    ~PacketUserAuthSuccess() override;
 };
 
 /// Text for the user (RFC 4252, section 5.4).
 class BRANTLE_API PacketUserAuthBanner : public Packet {
 public:
     explicit PacketUserAuthBanner(PacketDecoder& decoder);
-    ~PacketUserAuthBanner() override;
 
     String_t _message;
     String_t _language;
@@ -109,7 +103,6 @@ class BRANTLE_API PacketUserAuthPkOk : public Packet {
 public:
     PacketUserAuthPkOk(String_t const& algorithm, ByteString const& blob);
     explicit PacketUserAuthPkOk(PacketDecoder& decoder);
-    ~PacketUserAuthPkOk() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _algorithm;
@@ -126,7 +119,6 @@ struct Prompt {
 class BRANTLE_API PacketUserAuthInfoReq : public Packet {
 public:
     explicit PacketUserAuthInfoReq(PacketDecoder& decoder);
-    ~PacketUserAuthInfoReq() override;
 
     String_t _name;
     String_t _instruction;
@@ -138,7 +130,6 @@ public:
 class BRANTLE_API PacketUserAuthInfoResp : public Packet {
 public:
     explicit PacketUserAuthInfoResp(TOList<String_t> const& responses);
-    ~PacketUserAuthInfoResp() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     TOList<String_t> _responses;

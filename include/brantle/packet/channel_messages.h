@@ -13,7 +13,6 @@ class BRANTLE_API PacketOpenSessionChannel : public Packet {
 public:
     PacketOpenSessionChannel(unsigned int senderChannel, unsigned int windowSize, unsigned int maxPacketSize);
     explicit PacketOpenSessionChannel(PacketDecoder& decoder);
-    ~PacketOpenSessionChannel() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _channelType;
@@ -33,7 +32,6 @@ public:
                          String_t const& host, unsigned int port, String_t const& originatorHost,
                          unsigned int originatorPort);
     explicit PacketOpenTcpChannel(PacketDecoder& decoder);
-    ~PacketOpenTcpChannel() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _channelType;
@@ -52,7 +50,6 @@ public:
     PacketChannelOpenConfirmation(unsigned int recipientChannel, unsigned int senderChannel,
                                   unsigned int windowSize, unsigned int maxPacketSize);
     explicit PacketChannelOpenConfirmation(PacketDecoder& decoder);
-    ~PacketChannelOpenConfirmation() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -67,7 +64,6 @@ public:
     PacketChannelOpenFailure(unsigned int recipientChannel, unsigned int reason, String_t const& description,
                              String_t const& language);
     explicit PacketChannelOpenFailure(PacketDecoder& decoder);
-    ~PacketChannelOpenFailure() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -81,7 +77,6 @@ class BRANTLE_API PacketChannelWindowAdjust : public Packet {
 public:
     PacketChannelWindowAdjust(unsigned int recipientChannel, unsigned int bytesToAdd);
     explicit PacketChannelWindowAdjust(PacketDecoder& decoder);
-    ~PacketChannelWindowAdjust() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -96,7 +91,6 @@ public:
     /// Shares the value.
     PacketChannelData(unsigned int recipientChannel, ByteString const& bytes);
     explicit PacketChannelData(PacketDecoder& decoder);
-    ~PacketChannelData() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -108,7 +102,6 @@ class BRANTLE_API PacketChannelExtendedData : public Packet {
 public:
     PacketChannelExtendedData(unsigned int recipientChannel, unsigned int dataType, ByteString const& bytes);
     explicit PacketChannelExtendedData(PacketDecoder& decoder);
-    ~PacketChannelExtendedData() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -121,7 +114,6 @@ class BRANTLE_API PacketChannelEof : public Packet {
 public:
     explicit PacketChannelEof(unsigned int recipientChannel);
     explicit PacketChannelEof(PacketDecoder& decoder);
-    ~PacketChannelEof() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -132,7 +124,6 @@ class BRANTLE_API PacketChannelClose : public Packet {
 public:
     explicit PacketChannelClose(unsigned int recipientChannel);
     explicit PacketChannelClose(PacketDecoder& decoder);
-    ~PacketChannelClose() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -145,7 +136,6 @@ class BRANTLE_API PacketChannelResponse : public Packet {
 public:
     PacketChannelResponse(int type, unsigned int recipientChannel);
     explicit PacketChannelResponse(PacketDecoder& decoder);
-    ~PacketChannelResponse() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;

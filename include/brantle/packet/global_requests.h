@@ -14,7 +14,6 @@ class BRANTLE_API PacketGlobalRequest : public Packet {
 public:
     PacketGlobalRequest(String_t const& request, int wantReply, String_t const& address, unsigned int port);
     explicit PacketGlobalRequest(PacketDecoder& decoder);
-    ~PacketGlobalRequest() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _request;
@@ -31,7 +30,6 @@ class BRANTLE_API PacketRequestResult : public Packet {
 public:
     explicit PacketRequestResult(int type);
     explicit PacketRequestResult(PacketDecoder& decoder);
-    ~PacketRequestResult() override;
     /// Sets the padding of an empty payload, and returns that.
     ByteString Payload(BlockCipher& cipher) override;
 };

@@ -21,7 +21,6 @@ public:
     /// The client's offer with a fresh cookie; `kexAlgorithms` is a comma-separated list.
     explicit PacketKexInit(char const* kexAlgorithms);
     explicit PacketKexInit(PacketDecoder& decoder);
-    ~PacketKexInit() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     ByteString _cookie; ///< 16 bytes
@@ -43,7 +42,6 @@ class BRANTLE_API PacketNewKeys : public Packet {
 public:
     PacketNewKeys();
     explicit PacketNewKeys(PacketDecoder& decoder);
-    ~PacketNewKeys() override;
     ByteString Payload(BlockCipher& cipher) override;
 };
 
@@ -51,7 +49,6 @@ public:
 class BRANTLE_API PacketKexDhInit : public Packet {
 public:
     explicit PacketKexDhInit(BigNum const& e);
-    ~PacketKexDhInit() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     BigNum _e;
@@ -61,7 +58,6 @@ public:
 class BRANTLE_API PacketKexDhReply : public Packet {
 public:
     explicit PacketKexDhReply(PacketDecoder& decoder);
-    ~PacketKexDhReply() override;
 
     PublicKey _hostKey;
     BigNum _f;
@@ -74,7 +70,6 @@ public:
     /// Throws what `DhGexParameters` throws.
     PacketDhGexReq(int min, int preferred, int max);
     explicit PacketDhGexReq(DhGexParameters const& parameters);
-    ~PacketDhGexReq() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     /// 1 if the size of `modulus` lies between the two limits asked for, both inclusive, else 0.
@@ -87,7 +82,6 @@ public:
 class BRANTLE_API PacketDhGexGroup : public Packet {
 public:
     explicit PacketDhGexGroup(PacketDecoder& decoder);
-    ~PacketDhGexGroup() override;
 
     BigNum _p;
     BigNum _g;
@@ -97,7 +91,6 @@ public:
 class BRANTLE_API PacketDhGexInit : public Packet {
 public:
     explicit PacketDhGexInit(BigNum const& e);
-    ~PacketDhGexInit() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     BigNum _e;
@@ -107,7 +100,6 @@ public:
 class BRANTLE_API PacketDhGexReply : public Packet {
 public:
     explicit PacketDhGexReply(PacketDecoder& decoder);
-    ~PacketDhGexReply() override;
 
     PublicKey _hostKey;
     BigNum _f;

@@ -18,7 +18,6 @@ public:
     /// for.
     PacketSessionPtyRequest(unsigned int recipientChannel, int fd, termios const& settings);
     explicit PacketSessionPtyRequest(PacketDecoder& decoder);
-    ~PacketSessionPtyRequest() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -37,7 +36,6 @@ class BRANTLE_API PacketSessionStartShell : public Packet {
 public:
     PacketSessionStartShell(unsigned int recipientChannel, int wantReply);
     explicit PacketSessionStartShell(PacketDecoder& decoder);
-    ~PacketSessionStartShell() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -50,7 +48,6 @@ class BRANTLE_API PacketSessionStartCmd : public Packet {
 public:
     PacketSessionStartCmd(unsigned int recipientChannel, int wantReply, String_t const& command);
     explicit PacketSessionStartCmd(PacketDecoder& decoder);
-    ~PacketSessionStartCmd() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -64,7 +61,6 @@ class BRANTLE_API PacketSessionStartSubsystem : public Packet {
 public:
     PacketSessionStartSubsystem(unsigned int recipientChannel, int wantReply, String_t const& subsystem);
     explicit PacketSessionStartSubsystem(PacketDecoder& decoder);
-    ~PacketSessionStartSubsystem() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -79,7 +75,6 @@ public:
     PacketSessionX11Request(unsigned int recipientChannel, int wantReply, int singleConnection,
                             String_t const& authProtocol, String_t const& authCookie, unsigned int screen);
     explicit PacketSessionX11Request(PacketDecoder& decoder);
-    ~PacketSessionX11Request() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;
@@ -99,7 +94,6 @@ class BRANTLE_API PacketChannelRequest : public Packet {
 public:
     PacketChannelRequest(unsigned int recipientChannel, String_t const& request, int wantReply);
     explicit PacketChannelRequest(PacketDecoder& decoder);
-    ~PacketChannelRequest() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;

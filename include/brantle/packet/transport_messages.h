@@ -13,7 +13,6 @@ class BRANTLE_API PacketDisconnect : public Packet {
 public:
     PacketDisconnect(int reason, String_t const& description, String_t const& language);
     explicit PacketDisconnect(PacketDecoder& decoder);
-    ~PacketDisconnect() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     int _reason = 0; ///< one of `SSH_DISCONNECT_...`
@@ -26,7 +25,6 @@ class BRANTLE_API PacketIgnore : public Packet {
 public:
     explicit PacketIgnore(ByteString const& data);
     explicit PacketIgnore(PacketDecoder& decoder);
-    ~PacketIgnore() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     ByteString _data;
@@ -37,7 +35,6 @@ class BRANTLE_API PacketServiceRequest : public Packet {
 public:
     explicit PacketServiceRequest(String_t const& service);
     explicit PacketServiceRequest(PacketDecoder& decoder);
-    ~PacketServiceRequest() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _service;
@@ -48,7 +45,6 @@ class BRANTLE_API PacketServiceAccept : public Packet {
 public:
     explicit PacketServiceAccept(String_t const& service);
     explicit PacketServiceAccept(PacketDecoder& decoder);
-    ~PacketServiceAccept() override;
     ByteString Payload(BlockCipher& cipher) override;
 
     String_t _service;

@@ -204,11 +204,11 @@ protected:
     // that are built after them.
     Mode _mode;
     ClientSocketIn _socket;
-    FileDescriptor _fd; ///< the connected socket
+    FileDescriptor _fd{-1}; ///< the connected socket
     OSshPacketStream _out;
     ISshPacketStream _in;
-    KexType _kexType;
-    String_t _clientVersion;
+    KexType _kexType = KEX_NONE;
+    String_t _clientVersion = _defaultClientVersion;
     String_t _serverVersion;
     String_t _banner;
     String_t _cipherNames[2];
@@ -216,10 +216,10 @@ protected:
     BlockCipher _ciphers[2];
     Mac _macs[2];
     ByteString _sessionId;
-    unsigned int _keyNeed; ///< bytes of each key
-    int _authenticated;
-    unsigned int _remoteChannel; ///< the peer's number of the session channel
-    unsigned int _windowSize;    ///< what this side grants each channel, in bytes
+    unsigned int _keyNeed = 16; ///< bytes of each key
+    int _authenticated = 0;
+    unsigned int _remoteChannel = 0; ///< the peer's number of the session channel
+    unsigned int _windowSize = 0;    ///< what this side grants each channel, in bytes
     TMap<int, Handler, GCmp<int>> _handlers;
     SshChannelMgr _channels;
     IOMultiplexer _mux;

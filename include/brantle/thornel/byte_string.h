@@ -27,7 +27,7 @@ public:
     };
 
     /// No bytes; the data pointer is null.
-    ByteString() : _rep(new Srep(nullptr, 0)) {}
+    ByteString();
     /// A private array of `length` bytes; its contents are the caller's to fill.
     explicit ByteString(unsigned int length);
     /// Copies `length` bytes; null `data` gives no bytes.
@@ -35,13 +35,7 @@ public:
 
     ByteString(ByteString const& other) noexcept : _rep(other._rep) { ++_rep->_count; }
     ~ByteString() { Release(_rep); }
-    ByteString& operator=(ByteString const& other) noexcept {
-        ++other._rep->_count;
-        Srep* const old = _rep;
-        _rep = other._rep;
-        Release(old);
-        return *this;
-    }
+    ByteString& operator=(ByteString const& other) noexcept;
 
     /// The bytes, null for a default-built value. Valid until the value changes or goes.
     unsigned char const* Data() const { return _rep->_data; }

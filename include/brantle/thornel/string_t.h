@@ -29,7 +29,7 @@ public:
     };
 
     /// An empty text with a null pointer.
-    String_t() : _rep(new Srep(nullptr)) {}
+    String_t();
     /// Copies a text; null gives an empty text with a null pointer.
     String_t(char const* text);
     /// Copies exactly `length` bytes and terminates them. A null `text` gives `length` bytes of 0.
@@ -40,13 +40,7 @@ public:
 
     String_t(String_t const& other) noexcept : _rep(other._rep) { ++_rep->_count; }
     ~String_t() { Release(_rep); }
-    String_t& operator=(String_t const& other) noexcept {
-        ++other._rep->_count;
-        Srep* const old = _rep;
-        _rep = other._rep;
-        Release(old);
-        return *this;
-    }
+    String_t& operator=(String_t const& other) noexcept;
 
     /// Replaces the text; null makes it empty. The argument may lie within the present text.
     String_t& operator=(char const* text);
