@@ -1,7 +1,6 @@
 // The binary packet format of RFC 4253, section 6, at its limits and with peers that break it.
 
-#include <brantle/packet/channel_messages.h>
-#include <brantle/packet/transport_messages.h>
+#include <sys/socket.h>
 
 #include "wire/test_session.h"
 
@@ -310,6 +309,38 @@ TEST(Close, WithinTheBodyLeavesThePacketItsFullSize) {
         });
         EXPECT_EQ(ReadOutcome(encrypted.session), "60") << came;
         EXPECT_EQ(ReadOutcome(encrypted.session), closedEarly) << came;
+        encrypted.server.Finish();
+    }
+}
+
+TEST(Close, ByResetInTheMacsPlaceGivesAnEmptyPacket) {
+    EncryptedSession encrypted([](Connection& c) {
+        Bytes const packet = c.Encode(Writer().U8(IGNORE).String("x"));
+        c.SendRaw(Slice(packet, 0, packet.size() - 20));
+        c.Wire().Reset();
+    });
+    unsigned const counted = encrypted.session._in._byteCount;
+    EXPECT_EQ(ReadOutcome(encrypted.session), "0");
+    EXPECT_EQ(encrypted.session._in._byteCount, counted);
+    EXPECT_EQ(encrypted.session._in._sshBuffer._sequence, 4u);
+    EXPECT_EQ(ReadOutcome(encrypted.session), closedEarly);
+    encrypted.server.Finish();
+}
+
+TEST(Silence, IsAFailedReadOnceTheTimeLimitIsOver) {
+    // Nothing, a part of the first block, a part of the body, all but the MAC.
+    std::vector<std::pair<std::size_t, std::string>> const cases = {
+        {0, closedEarly}, {3, closedEarly}, {16, "0"}, {32, "0"}};
+    for (auto const& [came, outcome] : cases) {
+        EncryptedSession encrypted([came = came](Connection& c) {
+            Bytes const packet = c.Encode(Writer().U8(IGNORE).String("sixteen and more"));
+            c.SendRaw(Slice(packet, 0, came));
+            c.ReadUntilClosed();
+        });
+        EXPECT_EQ(encrypted.session._in._socketBuffer._timeout, 180u);
+        encrypted.session._in._socketBuffer._timeout = 1;
+        EXPECT_EQ(ReadOutcome(encrypted.session), outcome) << came;
+        shutdown(encrypted.session._fd._fd, SHUT_WR);
         encrypted.server.Finish();
     }
 }

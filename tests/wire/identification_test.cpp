@@ -2,6 +2,10 @@
 
 #include <cerrno>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "wire/test_session.h"
 
 using namespace peer;
@@ -143,14 +147,18 @@ TEST(Identification, SingleByteSegmentsMakeNoDifference) {
 }
 
 TEST(Identification, RefusedConnectionIsANegatedErrno) {
-    std::uint16_t port = 0;
-    {
-        ScriptedPeer gone([](Connection&) {});
-        port = gone.Port();
-    }
-    TestSession session(port);
+    // A port that is taken, so that nobody else gets it, but not listened on.
+    int const taken = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    TestSession session(ntohs(address.sin_port));
     EXPECT_EQ(session.Connect(10), -ECONNREFUSED);
     EXPECT_LT(session._fd._fd, 0);
+    close(taken);
 }
 
 TEST(Identification, SecondConnectClosesTheFirstConnection) {

@@ -14,10 +14,16 @@
 
 namespace peer {
 
-Link::Link(int fd, int abortFd) : _fd(fd), _abortFd(abortFd) {
+namespace {
+
+void SwitchOn(int fd, int tcpOption) {
     int const on = 1;
-    setsockopt(_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, tcpOption, &on, sizeof on);
 }
+
+} // namespace
+
+Link::Link(int fd, int abortFd) : _fd(fd), _abortFd(abortFd) { SwitchOn(_fd, TCP_NODELAY); }
 
 Link::~Link() {
     if (_fd >= 0) close(_fd);
@@ -77,6 +83,9 @@ Bytes Link::ReceiveUpTo(std::size_t count) {
     Bytes bytes(count);
     std::size_t at = 0;
     while (at < count) {
+        // A client that leaves Nagle's algorithm on must not wait 40 ms for each acknowledgement. The kernel
+        // forgets the option again.
+        SwitchOn(_fd, TCP_QUICKACK);
         WaitFor(POLLIN, "read");
         ssize_t const n = recv(_fd, bytes.data() + at, count - at, MSG_DONTWAIT);
         if (n == 0 || (n < 0 && errno == ECONNRESET)) break;

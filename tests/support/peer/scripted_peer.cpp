@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <set>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -47,6 +48,25 @@ sockaddr_in6 LoopbackAddress(bool ipv6) {
     return address;
 }
 
+/// A socket bound to an ephemeral port of the loopback interface that no other socket of this process has
+/// had: clients remember the host key of a port for as long as they run.
+int BindToNewPort(bool ipv6, std::uint16_t& port) {
+    static std::mutex mutex;
+    static std::set<std::uint16_t> used;
+    std::lock_guard<std::mutex> const lock(mutex);
+    for (;;) {
+        sockaddr_in6 address = LoopbackAddress(ipv6);
+        auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        socklen_t length = sizeof address;
+        int const fd = Check(socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+        Check(bind(fd, generic, length), "bind");
+        Check(getsockname(fd, generic, &length), "getsockname");
+        port = ntohs(address.sin6_port); // where sockaddr_in has it, too
+        if (used.insert(port).second) return fd;
+        close(fd);
+    }
+}
+
 void Raise(int eventFd) {
     std::uint64_t const one = 1;
     if (write(eventFd, &one, sizeof one) != sizeof one) std::terminate();
@@ -58,14 +78,8 @@ ScriptedPeer::ScriptedPeer(Script script, ServerSettings settings)
     : _script(std::move(script)), _settings(std::move(settings)) {
     _stopFd = Check(eventfd(0, EFD_CLOEXEC), "eventfd");
     _abortFd = Check(eventfd(0, EFD_CLOEXEC), "eventfd");
-    sockaddr_in6 address = LoopbackAddress(_settings.ipv6);
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t length = sizeof address;
-    _listener = Check(socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-    Check(bind(_listener, generic, length), "bind");
+    _listener = BindToNewPort(_settings.ipv6, _port);
     Check(listen(_listener, 64), "listen");
-    Check(getsockname(_listener, generic, &length), "getsockname");
-    _port = ntohs(address.sin6_port); // where sockaddr_in has it, too
     _acceptor = std::thread([this] { Accept(); });
 }
 

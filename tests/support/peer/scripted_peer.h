@@ -54,6 +54,9 @@ namespace peer {
 /// and `kex` (versions, KEXINIT payloads, group request, p, g, e, f, K, H, the six keys). For bulk data
 /// set `Wire().recording = false`.
 ///
+/// No two peers of a process listen on the same port, as a client remembers the host key of each.
+/// `Wire().waitLimit` shortens the waits of one connection.
+///
 /// When a script ends, well or not, the peer closes its sending side and drops what the client still
 /// sends. No wait lasts longer than Link::timeLimit.
 class ScriptedPeer {
