@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include "wire/all_algorithms.h"
 #include "wire/test_session.h"
 
 using namespace peer;
@@ -89,7 +90,7 @@ std::string PlainLength(std::uint32_t length, std::size_t bytesBehind) {
     return outcome;
 }
 
-class FramingWith : public testing::TestWithParam<std::tuple<char const*, char const*>> {};
+class FramingWith : public testing::TestWithParam<Algorithms> {};
 
 } // namespace
 
@@ -453,16 +454,4 @@ TEST_P(FramingWith, ManyPacketsInOneSegmentPass) {
     encrypted.server.Finish();
 }
 
-INSTANTIATE_TEST_SUITE_P(AllAlgorithms, FramingWith,
-                         testing::Combine(testing::Values("aes128-ctr", "aes192-ctr", "aes256-ctr",
-                                                          "aes128-cbc", "aes192-cbc", "aes256-cbc",
-                                                          "3des-cbc"),
-                                          testing::Values("hmac-sha1", "hmac-sha1-96", "hmac-md5",
-                                                          "hmac-sha2-256", "hmac-sha2-512")),
-                         [](auto const& param) {
-                             std::string name =
-                                 std::string(std::get<0>(param.param)) + "_" + std::get<1>(param.param);
-                             for (char& c : name)
-                                 if (c == '-') c = '_';
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Every, FramingWith, AllAlgorithms(), AlgorithmsName);

@@ -1,7 +1,6 @@
 // A whole session with the connection cut after each byte in turn, and with each byte of the server's
 // changed in turn: it must end in a result or exception that says so, and never as if nothing had been.
 
-#include <map>
 #include <mutex>
 
 #include <brantle/cindral/enter_password.h>
@@ -136,14 +135,10 @@ struct Layout {
     }
 };
 
-Layout const& SessionLayout(char const* cipher) {
-    static std::map<std::string, Layout> layouts;
-    auto const found = layouts.find(cipher);
-    if (found != layouts.end()) return found->second;
+Layout SessionLayout(char const* cipher) {
     SweptServer server(cipher);
     Connection const& c = server.Finish(0);
-    return layouts[cipher] =
-               Layout{c.Wire().SentCount(), c.Wire().ReceivedCount(), c.kex.serverVersion.size(), c.sent};
+    return {c.Wire().SentCount(), c.Wire().ReceivedCount(), c.kex.serverVersion.size(), c.sent};
 }
 
 std::size_t const shards = 8;
@@ -151,91 +146,89 @@ std::size_t const shards = 8;
 /// One cipher, and one of the shards into which the positions are dealt.
 class Sweep : public testing::TestWithParam<std::tuple<char const*, std::size_t>> {
 protected:
-    char const* Algorithm() const { return std::get<0>(GetParam()); }
-    std::size_t Shard() const { return std::get<1>(GetParam()); }
+    void SetUp() override { _layout = SessionLayout(std::get<0>(GetParam())); }
+
+    /// Gives each position of this shard below end to a check, with a server to run its session against.
+    void ForEachPosition(std::size_t end, std::function<void(SweptServer&, std::size_t)> const& check) {
+        SweptServer server(std::get<0>(GetParam()));
+        std::size_t sessions = 0;
+        for (std::size_t n = std::get<1>(GetParam()); n < end; n += shards, ++sessions) {
+            SCOPED_TRACE("position " + std::to_string(n));
+            check(server, n);
+        }
+        server.Finish(sessions);
+    }
+
+    Layout _layout;
 };
+
+Faults CutAfterReceived(std::size_t count, bool reset) {
+    Faults faults;
+    faults.cutAfterReceived = count;
+    faults.reset = reset;
+    return faults;
+}
 
 } // namespace
 
 TEST_P(Sweep, CutAfterEachByteOfTheServer) {
-    Layout const& layout = SessionLayout(Algorithm());
-    SweptServer server(Algorithm());
-    std::size_t sessions = 0;
-    for (std::size_t n = Shard(); n < layout.sent; n += shards, ++sessions) {
+    ForEachPosition(_layout.sent, [&](SweptServer& server, std::size_t n) {
         Faults faults;
         faults.cutAfterSent = n;
         std::string const outcome = server.Run(faults);
-        PacketRecord const* packet = layout.At(n);
-        bool const inLast = packet && packet == layout.At(layout.sent - 1);
+        PacketRecord const* packet = _layout.At(n);
+        bool const inLast = packet && packet == &_layout.packets.back();
         if (inLast && n >= packet->streamOffset + packet->raw.size()) {
-            EXPECT_EQ(outcome, done) << n;
+            EXPECT_EQ(outcome, done);
         } else if (inLast && n >= packet->streamOffset + packet->blockSize) {
             // What is missing reads as zeros, and so do a status of zero and padding that is not looked at.
-            EXPECT_TRUE(IsRefusal(outcome) || outcome == done) << n << ": " << outcome;
+            EXPECT_TRUE(IsRefusal(outcome) || outcome == done) << outcome;
         } else if (!packet || n < packet->streamOffset + 4 ||
                    n >= packet->streamOffset + packet->raw.size()) {
-            EXPECT_TRUE(EndsWith(outcome, closedEarly)) << n << ": " << outcome;
+            EXPECT_TRUE(EndsWith(outcome, closedEarly)) << outcome;
         } else {
-            EXPECT_TRUE(IsRefusal(outcome)) << n << ": " << outcome;
+            EXPECT_TRUE(IsRefusal(outcome)) << outcome;
         }
-    }
-    server.Finish(sessions);
+    });
 }
 
 TEST_P(Sweep, CutAfterEachByteOfTheClient) {
-    Layout const& layout = SessionLayout(Algorithm());
-    SweptServer server(Algorithm());
-    std::size_t sessions = 0;
-    for (std::size_t n = Shard(); n < layout.received; n += shards, ++sessions) {
-        Faults faults;
-        faults.cutAfterReceived = n;
-        std::string const outcome = server.Run(faults);
-        EXPECT_TRUE(EndsWith(outcome, closedEarly)) << n << ": " << outcome;
-    }
-    server.Finish(sessions);
+    ForEachPosition(_layout.received, [&](SweptServer& server, std::size_t n) {
+        std::string const outcome = server.Run(CutAfterReceived(n, false));
+        EXPECT_TRUE(EndsWith(outcome, closedEarly)) << outcome;
+    });
 }
 
 TEST_P(Sweep, ResetAfterEachByteOfTheClient) {
-    Layout const& layout = SessionLayout(Algorithm());
-    SweptServer server(Algorithm());
-    std::size_t sessions = 0;
-    for (std::size_t n = Shard(); n < layout.received; n += shards, ++sessions) {
-        Faults faults;
-        faults.cutAfterReceived = n;
-        faults.reset = true;
-        std::string const outcome = server.Run(faults);
-        EXPECT_TRUE(IsRefusal(outcome)) << n << ": " << outcome;
-    }
-    server.Finish(sessions);
+    ForEachPosition(_layout.received, [&](SweptServer& server, std::size_t n) {
+        std::string const outcome = server.Run(CutAfterReceived(n, true));
+        EXPECT_TRUE(IsRefusal(outcome)) << outcome;
+    });
 }
 
 TEST_P(Sweep, EachByteOfTheServerChanged) {
-    Layout const& layout = SessionLayout(Algorithm());
-    SweptServer server(Algorithm());
-    std::size_t sessions = 0;
-    for (std::size_t n = Shard(); n < layout.sent; n += shards, ++sessions) {
+    ForEachPosition(_layout.sent, [&](SweptServer& server, std::size_t n) {
         Faults faults;
         faults.flipSent = n;
-        PacketRecord const* packet = layout.At(n);
+        PacketRecord const* packet = _layout.At(n);
         std::size_t const at = packet ? n - packet->streamOffset : 0;
         // A changed length or line end makes both sides wait for the other; the server gives up soon then.
         bool const lengthChanged =
-            packet ? at < (packet->encrypted ? packet->blockSize : 4) : n == layout.lineEnd + 1;
+            packet ? at < (packet->encrypted ? packet->blockSize : 4) : n == _layout.lineEnd + 1;
         std::string const outcome =
             server.Run(faults, lengthChanged ? std::chrono::milliseconds(300) : Link::timeLimit);
-        bool const trimmed = n == layout.lineEnd; // CR becomes another blank that is cut off as well
+        bool const trimmed = n == _layout.lineEnd; // CR becomes another blank that is cut off as well
         if (trimmed || (packet && !packet->encrypted && at >= packet->raw.size() - packet->padding.size())) {
-            EXPECT_EQ(outcome, done) << "nothing protects byte " << n;
+            EXPECT_EQ(outcome, done) << "nothing protects this byte";
         } else if (packet && !packet->encrypted && at == 4) {
             // One byte of padding more than there is passes where the payload is not hashed.
-            EXPECT_TRUE(IsRefusal(outcome) || outcome == done) << n << ": " << outcome;
+            EXPECT_TRUE(IsRefusal(outcome) || outcome == done) << outcome;
         } else if (packet && packet->encrypted && at >= packet->blockSize) {
-            EXPECT_TRUE(EndsWith(outcome, "SshProtocolError: invalid mac value")) << n << ": " << outcome;
+            EXPECT_TRUE(EndsWith(outcome, "SshProtocolError: invalid mac value")) << outcome;
         } else {
-            EXPECT_TRUE(IsRefusal(outcome)) << n << ": " << outcome;
+            EXPECT_TRUE(IsRefusal(outcome)) << outcome;
         }
-    }
-    server.Finish(sessions);
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Positions, Sweep,

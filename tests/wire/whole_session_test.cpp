@@ -11,6 +11,7 @@
 
 #include <brantle/cindral/enter_password.h>
 
+#include "wire/all_algorithms.h"
 #include "wire/standard_streams.h"
 #include "wire/test_session.h"
 
@@ -146,7 +147,7 @@ std::vector<Bytes> NoneAndPassword(Connection const&) {
     return {AuthHead("none"), AuthHead("password").Bool(false).String("secret")};
 }
 
-class WholeSession : public testing::TestWithParam<std::tuple<char const*, char const*>> {};
+class WholeSession : public testing::TestWithParam<Algorithms> {};
 
 } // namespace
 
@@ -158,19 +159,7 @@ TEST_P(WholeSession, IsTheSameByteForByte) {
     CompareSession(settings, "", NoneAndPassword);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllAlgorithms, WholeSession,
-                         testing::Combine(testing::Values("aes128-ctr", "aes192-ctr", "aes256-ctr",
-                                                          "aes128-cbc", "aes192-cbc", "aes256-cbc",
-                                                          "3des-cbc"),
-                                          testing::Values("hmac-sha1", "hmac-sha1-96", "hmac-md5",
-                                                          "hmac-sha2-256", "hmac-sha2-512")),
-                         [](auto const& param) {
-                             std::string name =
-                                 std::string(std::get<0>(param.param)) + "_" + std::get<1>(param.param);
-                             for (char& c : name)
-                                 if (c == '-') c = '_';
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Every, WholeSession, AllAlgorithms(), AlgorithmsName);
 
 TEST(WholeSessionByMethod, None) {
     ServerSettings settings;
