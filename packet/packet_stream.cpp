@@ -26,9 +26,9 @@ OSshPacketStream::OSshPacketStream(BlockCipher& cipher, Mac& mac)
 void OSshPacketStream::WritePacket(Packet& packet) {
     _sshBuffer.StartPacket();
     ByteString const payload = packet.Payload(_sshBuffer._cipher);
-    auto const padding = static_cast<unsigned int>(packet._padLen);
-    unsigned int const length = padding + 1 + payload.Length();
-    _adapter << length << static_cast<unsigned char>(padding);
+    auto const padding = static_cast<unsigned char>(packet._padLen);
+    unsigned int const length = padding + 1u + payload.Length();
+    _adapter << length << padding;
     _adapter.Write(reinterpret_cast<char const*>(payload.Data()), static_cast<int>(payload.Length()));
     WritePadChars(padding);
     _adapter.Flush();

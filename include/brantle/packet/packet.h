@@ -105,7 +105,7 @@ public:
     static char const* MsgName(unsigned int number);
 
     ByteString _payload; ///< the encoded message; empty before it is encoded
-    int _padLen;         ///< bytes of padding
+    int _padLen;         ///< bytes of padding, of which the low 8 bits count
     int _type;           ///< message number
 
 protected:

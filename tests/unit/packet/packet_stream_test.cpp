@@ -354,6 +354,24 @@ TEST_F(PacketStream, PacketThatCannotBeWrittenIsNotCountedAndNothingIsThrown) {
     EXPECT_EQ(0u, _out._sshBuffer._sequence);
 }
 
+TEST_F(PacketStream, PaddingThatFindsNoRoomIsDropped) {
+    UseKeys();
+    HangUp();
+    RawPacket packet(Bytes(32768, 1), 255);
+    for (int i = 0; i < 3; ++i) EXPECT_NO_THROW(_out.WritePacket(packet));
+    EXPECT_NO_THROW(_out.WritePadChars(100000));
+    EXPECT_EQ(0u, _out._byteCount);
+}
+
+TEST_F(PacketStream, LowEightBitsOfThePaddingCount) {
+    RawPacket seven({94, 1, 2, 3}, 256 + 7);
+    _out.WritePacket(seven);
+    EXPECT_EQ((Bytes{0, 0, 0, 12, 7, 94, 1, 2, 3}) + Bytes(7, 0), Received());
+    RawPacket most({94}, -1);
+    _out.WritePacket(most);
+    EXPECT_EQ((Bytes{0, 0, 1, 1, 255, 94}) + Bytes(255, 0), Received());
+}
+
 TEST(MessageNumber, IsTheByteBehindThePaddingLengthAndZeroWithoutOne) {
     EXPECT_EQ(94, MessageNumber(ByteString("\x05\x5e\x01", 3)));
     EXPECT_EQ(0, MessageNumber(ByteString("\x05", 1)));
