@@ -6,6 +6,8 @@ namespace {
 
 std::int32_t Signed(std::uint32_t value) { return static_cast<std::int32_t>(value); }
 
+bool IsZero(IOMultiplexer::Timeval const& t) { return t._sec == 0 && t._msec == 0; }
+
 } // namespace
 
 IOMultiplexer::Timeval::Timeval(unsigned long sec, unsigned int msec)
@@ -82,6 +84,7 @@ IOMultiplexer::PeriodicTimer::PeriodicTimer(Timeval const& start, Timeval const&
 }
 
 IOMultiplexer::Timeval IOMultiplexer::PeriodicTimer::ScheduleNext() {
+    if (IsZero(_next) && IsZero(_interval)) return _next; // nothing would ever move it from there
     Timeval next = _next + _interval;
     Timeval const now = Timeval::Now();
     if (!(next > now)) next = now + _interval;

@@ -26,7 +26,8 @@ public:
     PeriodicTimer(PeriodicTimer const&) = default;
     PeriodicTimer& operator=(PeriodicTimer const&) = default;
 
-    /// One interval behind the last due time, or from now when that is not in the future.
+    /// One interval behind the last due time, or from now when that is not in the future. A timer at zero
+    /// without an interval stays there, which takes it out of the queue.
     Timeval ScheduleNext() override;
 
     Timeval _interval;

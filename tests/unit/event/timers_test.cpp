@@ -219,6 +219,16 @@ TEST(PeriodicTimer, WithoutIntervalStaysAtThePresent) {
     EXPECT_PRED3(IsBetween, before, tick._next, Timeval::Now());
 }
 
+TEST(PeriodicTimer, AtZeroWithoutIntervalIsNotQueuedAgain) {
+    Tick tick(Timeval(0, 0), Timeval(0, 0));
+    EXPECT_THAT(tick._next, IsTime(0, 0));
+    EXPECT_THAT(tick.ScheduleNext(), IsTime(0, 0));
+    IOMultiplexer mux;
+    mux.Insert(&tick);
+    EXPECT_THAT(mux.CheckTimers(), IsTime(60, 0));
+    EXPECT_EQ(mux.Unregister(Same(tick)), nullptr);
+}
+
 TEST(PeriodicTimer, CopiesAllFields) {
     Tick first(FUTURE - Timeval(50, 0), Timeval(10, 0));
     Tick const copy(first);
