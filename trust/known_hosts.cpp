@@ -13,17 +13,6 @@ namespace {
 
 constexpr unsigned short DEFAULT_PORT = 22;
 
-class Guard {
-public:
-    explicit Guard(RMutex& mutex) : _mutex(mutex) { _mutex.Lock(); }
-    ~Guard() { _mutex.Unlock(); }
-    Guard(Guard const&) = delete;
-    Guard& operator=(Guard const&) = delete;
-
-private:
-    RMutex& _mutex;
-};
-
 bool IsEmpty(String_t const& text) { return str_len(text.Text()) == 0; }
 
 char const* TextOf(String_t const& text) { return text.Text() ? text.Text() : ""; }
@@ -79,7 +68,7 @@ KnownHosts::KnownHosts(std::istream& in) : _path(DefaultPath()), _errnum(0) { _R
 KnownHosts::~KnownHosts() = default;
 
 int KnownHosts::_Read(char const* path) {
-    Guard guard(_mutex);
+    MutexGuard guard(_mutex);
     SetErrnum(0);
     std::ifstream in(path ? path : "");
     if (!in) {
@@ -90,7 +79,7 @@ int KnownHosts::_Read(char const* path) {
 }
 
 int KnownHosts::_Read(std::istream& in) {
-    Guard guard(_mutex);
+    MutexGuard guard(_mutex);
     SetErrnum(0);
     String_t line;
     while (String_t::Getline(in, line, "\n")) ReadLine(line);
@@ -111,7 +100,7 @@ void KnownHosts::ReadLine(String_t const& line) {
 
 int KnownHosts::_IsIn(String_t const& host, unsigned short port, String_t const& address,
                       PublicKey const& key) {
-    Guard guard(_mutex);
+    MutexGuard guard(_mutex);
     String_t const key64 = key._rep ? key._rep->EncodeSSH64() : String_t("");
     String_t const* known = nullptr;
     if (!IsEmpty(host)) {

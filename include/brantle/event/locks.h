@@ -30,22 +30,6 @@ private:
     static constexpr std::uint32_t VALID = 0x33343536;
 };
 
-/// Holds a `Mutex` from construction to the end of the scope. A lock that fails is tolerated: the
-/// scope is entered all the same, and nothing is unlocked at its end.
-class MutexGuard {
-public:
-    explicit MutexGuard(Mutex& mutex) : _mutex(mutex), _locked(mutex.Lock() == 0) {}
-    ~MutexGuard() {
-        if (_locked) _mutex.Unlock();
-    }
-    MutexGuard(MutexGuard const&) = delete;
-    MutexGuard& operator=(MutexGuard const&) = delete;
-
-private:
-    Mutex& _mutex;
-    bool _locked;
-};
-
 /// A recursive mutex: its holder may lock it again, and it is free after as many unlocks.
 class BRANTLE_API RMutex {
 public:
@@ -69,6 +53,23 @@ private:
     pthread_mutex_t _mutex;
     pthread_t _owner;
     int _depth;
+};
+
+/// Holds a `Mutex` or an `RMutex` from construction to the end of the scope. A lock that fails is
+/// tolerated: the scope is entered all the same, and nothing is unlocked at its end.
+template <class M>
+class MutexGuard {
+public:
+    explicit MutexGuard(M& mutex) : _mutex(mutex), _locked(mutex.Lock() == 0) {}
+    ~MutexGuard() {
+        if (_locked) _mutex.Unlock();
+    }
+    MutexGuard(MutexGuard const&) = delete;
+    MutexGuard& operator=(MutexGuard const&) = delete;
+
+private:
+    M& _mutex;
+    bool _locked;
 };
 
 /// A reader-writer lock that prefers readers: they enter while writers wait, so a stream of readers
