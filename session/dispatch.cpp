@@ -16,6 +16,20 @@
 
 namespace cindral {
 
+namespace {
+
+/// Whether a CHANNEL_OPEN ends with the fields that all channel types have, as that of a session does
+/// (RFC 4254, section 6.1): type, number, window and packet size.
+bool IsWithoutAddress(ByteString const& packet) {
+    PacketDecoder decoder(packet);
+    unsigned int const padding = decoder.ReadByte();
+    decoder.ReadTypeCode();
+    unsigned int const typeLength = decoder.ReadInt();
+    return packet.Length() == 2 + 4 + typeLength + 12 + padding;
+}
+
+} // namespace
+
 /// Leads the socket to its session.
 class SshSession::SshDispatcher : public IOMultiplexerDispatcher {
 public:
@@ -55,7 +69,8 @@ int SshSession::FdDispatcher::Dispatch(int fd) {
         _session->CloseChannel(_channel);
         return 0;
     }
-    std::cerr << "error on " << fd << ' ' << std::strerror(errno) << _eol << std::flush;
+    char const* const reason = std::strerror(errno);
+    std::cerr << "error on " << fd << ' ' << reason << _eol << std::flush;
     return 1;
 }
 
@@ -182,15 +197,20 @@ int SshSession::HandleChannelEof(PacketDecoder& decoder) {
 
 int SshSession::HandleChannelClose(PacketDecoder& decoder) {
     PacketChannelClose const message(decoder);
-    int const fd = _channels.RemoveChannel(static_cast<int>(message._recipientChannel));
+    auto const id = static_cast<int>(message._recipientChannel);
+    // Data that came in front of the CLOSE is not lost with the channel.
+    if (SshChannel* channel = _channels.Find(id)) channel->Flush();
+    int const fd = _channels.RemoveChannel(id);
     if (fd >= 0) _mux.Unregister(fd);
     return 1;
 }
 
 int SshSession::HandleChannelOpen(PacketDecoder& decoder) {
-    PacketOpenTcpChannel const message(decoder);
-    PacketChannelOpenFailure refusal(message._senderChannel, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED,
-                                     "open failed", String_t());
+    unsigned int const sender = IsWithoutAddress(decoder._data)
+                                    ? PacketOpenSessionChannel(decoder)._senderChannel
+                                    : PacketOpenTcpChannel(decoder)._senderChannel;
+    PacketChannelOpenFailure refusal(sender, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED, "open failed",
+                                     String_t());
     _out.WritePacket(refusal);
     return 1;
 }

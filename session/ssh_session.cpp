@@ -41,9 +41,10 @@ SshSession::~SshSession() = default;
 
 int SshSession::ParseUrl(char const* url, String_t& user, String_t& host) {
     if (!url) return -EINVAL;
-    char const* rest = url;
-    if (char const* at = std::strrchr(url, '@')) {
-        user = String_t(url, static_cast<unsigned int>(at - url));
+    String_t const text(url); // `url` may be the text of one of the outputs
+    char const* rest = text.Text();
+    if (char const* at = std::strrchr(rest, '@')) {
+        user = String_t(rest, static_cast<unsigned int>(at - rest));
         rest = at + 1;
     } else {
         user = getusername();

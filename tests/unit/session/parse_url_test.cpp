@@ -91,6 +91,18 @@ TEST(ParseUrl, EmptyTextIsTheDefaultPortOfNoHost) {
     EXPECT_EQ(Parse("ann@"), (Target{0, "ann", ":22"}));
 }
 
+TEST(ParseUrl, TextOfAnOutputMayBeTheTarget) {
+    String_t user("ann@example.org");
+    String_t host("bob@[::1]");
+    EXPECT_EQ(cindral::SshSession::ParseUrl(host.Text(), user, host), 0);
+    EXPECT_STREQ(user.Text(), "bob");
+    EXPECT_STREQ(host.Text(), "[::1]:22");
+    user = "ann@example.org:2222";
+    EXPECT_EQ(cindral::SshSession::ParseUrl(user.Text(), user, host), 0);
+    EXPECT_STREQ(user.Text(), "ann");
+    EXPECT_STREQ(host.Text(), "example.org:2222");
+}
+
 TEST(ParseUrl, NullIsRefusedAndChangesNothing) {
     EXPECT_EQ(Parse(nullptr), (Target{-EINVAL, "old user", "old host"}));
 }
