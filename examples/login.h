@@ -23,6 +23,7 @@ enum Status {
     NOT_LOGGED_IN = 6,
     CHANNEL_REFUSED = 7,
     CONNECTION_FAILED = 8,
+    UNKNOWN_HOST = 9,
 };
 
 constexpr unsigned int CONNECT_SECONDS = 20;
@@ -67,9 +68,14 @@ inline void ReadSurplus(cindral::SshSession& session) {
 inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
     if (int const error = session.Connect(CONNECT_SECONDS); error < 0)
         return Fail(NOT_CONNECTED, String_t("can't connect: ") += std::strerror(-error));
-    if (session.KeyExchange() < 0)
-        return Fail(NO_KEY_EXCHANGE, "key exchange failed: no common algorithm, or a host key that can't be "
-                                     "trusted (is it another one than in ~/.ssh/known_hosts?)");
+    try {
+        if (session.KeyExchange() < 0)
+            return Fail(NO_KEY_EXCHANGE, "key exchange failed: no common algorithm, or a host key that can't "
+                                         "be trusted (is it another one than in ~/.ssh/known_hosts?)");
+    } catch (cindral::InvalidArgument const&) {
+        return Fail(NO_KEY_EXCHANGE, "key exchange failed: the server has no group exchange with SHA-1, or "
+                                     "its group is too small");
+    }
     if (std::getenv("VERBOSE"))
         std::cerr << "server " << session.ServerVersion() << "; group exchange with SHA-1; to the server "
                   << session.CipherName(0) << " and " << session.MacName(0) << "; from it "
@@ -83,12 +89,28 @@ inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
 }
 
 /// Logs in and runs the session to its end.
-inline int RunToEnd(cindral::SshSession& session, CommandLine const& arguments) {
+inline int LoginAndRun(cindral::SshSession& session, CommandLine const& arguments) {
     if (int const status = Login(session, arguments); status != DONE) return status;
     int const result = session.Run();
     if (result == 1) return Fail(CHANNEL_REFUSED, "the server refuses the channel");
     if (result > 0) return Fail(CONNECTION_FAILED, String_t("poll failed: ") += std::strerror(result));
     return DONE;
+}
+
+/// Makes a session of that class from the target and `more`, logs in and runs it to its end.
+template <class Session, class... More>
+int RunSession(CommandLine const& arguments, More const&... more) {
+    bool hostIsKnown = false;
+    try {
+        Session session(arguments._target, more...); // looks up the host
+        hostIsKnown = true;
+        return LoginAndRun(session, arguments);
+    } catch (Except const& failure) {
+        if (!hostIsKnown)
+            return Fail(UNKNOWN_HOST, String_t("no such host, or no port number behind it: ") +=
+                                      arguments._target);
+        return Fail(CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
+    }
 }
 
 } // namespace examples

@@ -9,10 +9,5 @@ int main(int, char** argv) {
     if (!*arguments._rest) return examples::Fail(examples::USAGE, usage);
     String_t command(*arguments._rest);
     for (char** word = arguments._rest + 1; *word; ++word) (command += " ") += *word;
-    try {
-        cindral::SshCmdSession session(arguments._target, command);
-        return examples::RunToEnd(session, arguments);
-    } catch (Except const& failure) {
-        return examples::Fail(examples::CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
-    }
+    return examples::RunSession<cindral::SshCmdSession>(arguments, command);
 }

@@ -7,10 +7,5 @@ int main(int, char** argv) {
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
     if (*arguments._rest) return examples::Fail(examples::USAGE, usage);
-    try {
-        cindral::SshInteractiveSession session(arguments._target);
-        return examples::RunToEnd(session, arguments);
-    } catch (Except const& failure) {
-        return examples::Fail(examples::CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
-    }
+    return examples::RunSession<cindral::SshInteractiveSession>(arguments);
 }
