@@ -55,12 +55,13 @@ protected:
 class NoDescriptors {
 public:
     NoDescriptors() { getrlimit(RLIMIT_NOFILE, &_old); }
-    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &_old); }
+    ~NoDescriptors() { End(); }
     void Begin() {
         rlimit none = _old;
         none.rlim_cur = 0;
         setrlimit(RLIMIT_NOFILE, &none);
     }
+    void End() { setrlimit(RLIMIT_NOFILE, &_old); }
 
 private:
     rlimit _old;
@@ -251,7 +252,9 @@ TEST_F(Task, FailedPollEndsTheRunWithItsErrorWithoutAnotherStopCheck) {
         task.Stop();
         return 0;
     }));
-    EXPECT_EQ(task.Run(), EINVAL);
+    int const result = task.Run();
+    limit.End();
+    EXPECT_EQ(result, EINVAL);
     EXPECT_THAT(log, IsEmpty());
 }
 
