@@ -2,12 +2,10 @@
 #define TESTS_SUPPORT_AGENT_SCRIPTED_AGENT_H
 
 #include <functional>
-#include <mutex>
 #include <optional>
-#include <string>
-#include <thread>
 #include <vector>
 
+#include "support/agent/raw_agent.h"
 #include "support/peer/peer_crypto.h"
 
 namespace peer {
@@ -26,7 +24,7 @@ public:
     static constexpr std::uint8_t signRequest = 13;
     static constexpr std::uint8_t signResponse = 14;
 
-    explicit ScriptedAgent(Script script);
+    explicit ScriptedAgent(Script const& script);
     ~ScriptedAgent();
     ScriptedAgent(ScriptedAgent const&) = delete;
     ScriptedAgent& operator=(ScriptedAgent const&) = delete;
@@ -36,23 +34,10 @@ public:
 
     /// The bodies of all requests so far, over all connections.
     std::vector<Bytes> Requests() const;
-    std::size_t Connections() const;
+    std::size_t Connections() const { return _agent.Connections(); }
 
 private:
-    void Accept();
-    void Serve(int fd);
-    bool WaitReadable(int fd) const;
-    std::optional<Bytes> Receive(int fd, std::size_t count) const;
-
-    Script _script;
-    std::string _directory;
-    std::string _path;
-    int _listener = -1;
-    int _stopFd = -1;
-    mutable std::mutex _mutex;
-    std::vector<Bytes> _requests;
-    std::size_t _connections = 0;
-    std::thread _thread;
+    support::RawAgent _agent;
 };
 
 } // namespace peer

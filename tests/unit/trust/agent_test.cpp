@@ -18,7 +18,7 @@
 
 #include <brantle/cindral/exceptions.h>
 
-#include "raw_agent.h"
+#include "support/agent/raw_agent.h"
 #include "wire_text.h"
 
 using cindral::BadInput;
@@ -27,6 +27,7 @@ using cindral::PublicKey;
 using cindral::Signature;
 using cindral::SshAgentAccess;
 using cindral::SshProtocolError;
+using support::RawAgent;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/temporary_directory.h"
 #include "wire_text.h"
 
 using cindral::KnownHosts;
@@ -25,33 +26,26 @@ std::string Base64(PublicKey const& key) { return key._rep->EncodeSSH64().Text()
 class KnownHostsTest : public testing::Test {
 protected:
     KnownHostsTest() {
-        std::string name = (std::filesystem::temp_directory_path() / "brantle-known-XXXXXX").string();
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        _directory = name;
-        _home = getenv("HOME");
-        setenv("HOME", name.c_str(), 1);
+        setenv("HOME", _directory.Path().c_str(), 1);
         std::filesystem::create_directory(_directory / ".ssh");
     }
-    ~KnownHostsTest() override {
-        setenv("HOME", _home.c_str(), 1);
-        std::filesystem::remove_all(_directory);
-    }
+    ~KnownHostsTest() override { setenv("HOME", _home.c_str(), 1); }
 
-    std::filesystem::path File() const { return _directory / ".ssh" / "known_hosts"; }
+    std::string File() const { return _directory / ".ssh/known_hosts"; }
     std::string Content() const {
         std::ifstream in(File());
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
     void SetContent(std::string const& content) const { std::ofstream(File()) << content; }
 
-    std::filesystem::path _directory;
+    support::TemporaryDirectory _directory;
     PublicKey const _key = RsaKey(17);
     PublicKey const _other = RsaKey(18);
     std::string const _key64 = Base64(_key);
     std::string const _other64 = Base64(_other);
 
 private:
-    std::string _home;
+    std::string const _home = getenv("HOME");
 };
 
 /// A store filled from lines.
@@ -254,7 +248,7 @@ TEST_F(KnownHostsTest, MissingFileIsRememberedAndNoMore) {
     EXPECT_EQ(hosts._Read(File().c_str()), -ENOENT);
     EXPECT_NE(hosts._IsIn("host", 22, "", _key), 0);
     EXPECT_EQ(hosts._Read(File().c_str()), 0);
-    EXPECT_EQ(hosts._Read((_directory / "none" / "file").c_str()), -ENOENT);
+    EXPECT_EQ(hosts._Read((_directory / "none/file").c_str()), -ENOENT);
     EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);
     EXPECT_EQ(hosts._Read(static_cast<char const*>(nullptr)), -ENOENT);
 }
@@ -268,7 +262,7 @@ TEST_F(KnownHostsTest, NewHostIsAcceptedWhenTheFileCannotBeWritten) {
 }
 
 TEST_F(KnownHostsTest, NewHostGoesToTheDefaultFileWhateverWasRead) {
-    std::filesystem::path const elsewhere = _directory / "elsewhere";
+    std::string const elsewhere = _directory / "elsewhere";
     std::ofstream(elsewhere) << "host ssh-rsa " << _key64 << "\n";
     KnownHosts hosts(elsewhere.c_str());
     EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);

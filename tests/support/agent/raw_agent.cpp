@@ -1,13 +1,14 @@
-#include "raw_agent.h"
+#include "support/agent/raw_agent.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+namespace support {
 
 namespace {
 
@@ -27,13 +28,13 @@ bool ReceiveMessage(int fd, std::string& body) {
 
 } // namespace
 
-RawAgent::RawAgent(Script script) : _script(std::move(script)), _connection(-1) {
-    _directory = (std::filesystem::temp_directory_path() / "brantle-agent-XXXXXX").string();
-    if (!mkdtemp(_directory.data())) throw std::runtime_error("mkdtemp");
-    _path = _directory + "/agent";
+RawAgent::RawAgent(Script script) : _script(std::move(script)) {
+    std::string const path = Path();
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, _path.c_str(), sizeof address.sun_path - 1);
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error("path of the agent's socket is too long");
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     _listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (bind(_listener, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0 ||
         listen(_listener, 16) != 0)
@@ -52,12 +53,16 @@ RawAgent::~RawAgent() {
     }
     _thread.join();
     close(_listener);
-    std::filesystem::remove_all(_directory);
 }
 
 std::vector<std::string> RawAgent::Requests() const {
     std::lock_guard<std::mutex> const lock(_mutex);
     return _requests;
+}
+
+unsigned int RawAgent::Connections() const {
+    std::lock_guard<std::mutex> const lock(_mutex);
+    return _connections;
 }
 
 void RawAgent::Run() {
@@ -66,6 +71,7 @@ void RawAgent::Run() {
         if (fd < 0) return;
         {
             std::lock_guard<std::mutex> const lock(_mutex);
+            ++_connections;
             _connection = fd;
             if (_stopping) shutdown(fd, SHUT_RDWR);
         }
@@ -89,3 +95,5 @@ void RawAgent::Serve(int fd) {
             return;
     }
 }
+
+} // namespace support

@@ -1,11 +1,15 @@
-#ifndef BRANTLE_TESTS_UNIT_TRUST_RAW_AGENT_H
-#define BRANTLE_TESTS_UNIT_TRUST_RAW_AGENT_H
+#ifndef BRANTLE_TESTS_SUPPORT_AGENT_RAW_AGENT_H
+#define BRANTLE_TESTS_SUPPORT_AGENT_RAW_AGENT_H
 
 #include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "support/temporary_directory.h"
+
+namespace support {
 
 /// A key agent on a Unix socket that answers with whatever bytes the test gives it, framing included. It
 /// serves one connection at a time.
@@ -21,23 +25,28 @@ public:
     RawAgent(RawAgent const&) = delete;
     RawAgent& operator=(RawAgent const&) = delete;
 
-    std::string const& Path() const { return _path; }
+    /// Its socket.
+    std::string Path() const { return _directory / "agent"; }
     /// The bodies of all requests so far.
     std::vector<std::string> Requests() const;
+    /// Connections taken so far.
+    unsigned int Connections() const;
 
 private:
     void Run();
     void Serve(int fd);
 
     Script _script;
-    std::string _directory;
-    std::string _path;
+    TemporaryDirectory _directory;
     int _listener;
     mutable std::mutex _mutex; ///< protects what follows
     std::vector<std::string> _requests;
-    int _connection;
+    unsigned int _connections = 0;
+    int _connection = -1;
     bool _stopping = false;
     std::thread _thread;
 };
+
+} // namespace support
 
 #endif
