@@ -24,10 +24,11 @@
 /// called, and must outlive their stay in it.
 ///
 /// Threads: table, poll records and callbacks are guarded by the read-write lock that the class derives
-/// from, so `Register`, `Unregister`, `Clear` and the callback list may be used from any thread. poll(2)
-/// and the dispatchers run outside the lock: unregistering a descriptor from another thread while a
-/// dispatch is under way is not safe. The timer queue takes no lock and belongs to the loop's thread.
-/// Nothing wakes a sleeping poll(2): a change made by another thread takes effect when it returns.
+/// from, so `Register`, `Unregister`, `Clear` and the callback list may be used from any thread. poll(2),
+/// the look-up of a dispatcher and the dispatcher itself run outside the lock: a change of the table by
+/// another thread while a dispatch is under way is not safe. The timer queue takes no lock and belongs
+/// to the loop's thread. Nothing wakes a sleeping poll(2): a change made by another thread takes effect
+/// when it returns.
 class BRANTLE_API IOMultiplexer : public RWLock {
 public:
     /// Seconds and milliseconds. 1000 is a legal millisecond count: only what is greater is carried
