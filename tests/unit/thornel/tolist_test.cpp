@@ -308,6 +308,38 @@ TEST(TOListIterator, BindGoesOverToAnotherList) {
     EXPECT_EQ(it(), nullptr);
 }
 
+TEST(TOListIterator, CallsEndBehindTheLinkThatWasLastAtFirst) {
+    List list = Of({1, 2});
+    std::vector<int> seen;
+    TOListIterator<int> it(list);
+    while (int const* const element = it()) {
+        seen.push_back(*element);
+        list.Append(*element + 10);
+    }
+    EXPECT_THAT(seen, ElementsAre(1, 2));
+    EXPECT_THAT(Values(list), ElementsAre(1, 2, 11, 12));
+}
+
+TEST(TOListIterator, IncrementEndsWhereTheListBeginsAgain) {
+    List list = Of({1, 2});
+    TOListIterator<int> it(list);
+    ++it;
+    list.Append(3);
+    list.Insert(0);
+    EXPECT_EQ(*++it, 3);
+    EXPECT_FALSE(++it);
+    EXPECT_FALSE(++it);
+}
+
+TEST(TOListIterator, EndsThoughTheLastLinkHasGone) {
+    List list = Of({1, 2, 3});
+    TOListIterator<int> it(list);
+    EXPECT_EQ(list.Get(), 3);
+    EXPECT_EQ(*it(), 1);
+    EXPECT_EQ(*it(), 2);
+    EXPECT_EQ(it(), nullptr);
+}
+
 TEST(TOListIterator, ArrowReachesTheElement) {
     TOList<String_t> list;
     list.Append("text");
