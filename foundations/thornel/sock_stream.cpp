@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -236,6 +237,10 @@ OSockStream& operator<<(OSockStream& out, long long value) {
 }
 
 OSockStream& operator<<(OSockStream& out, ByteString const& value) {
+    if (value.Length() > INT_MAX) {
+        out.SetStatus(out.Status() | SockStream::FAILED);
+        return out;
+    }
     WriteNumber(out, value.Length());
     return out.Write(reinterpret_cast<char const*>(value.Data()), static_cast<int>(value.Length()));
 }

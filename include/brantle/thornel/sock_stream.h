@@ -152,7 +152,8 @@ public:
 THORNEL_API OSockStream& endm(OSockStream& out);
 THORNEL_API OSockStream& operator<<(OSockStream& out, OSockStream& (*manipulator)(OSockStream&));
 
-/// Numbers, most significant byte first; a ByteString is its 32-bit length and its bytes.
+/// Numbers, most significant byte first; a ByteString is its 32-bit length and its bytes. One of more than
+/// INT_MAX bytes is not written at all, with FAILED in the status.
 THORNEL_API OSockStream& operator<<(OSockStream& out, unsigned char value);
 THORNEL_API OSockStream& operator<<(OSockStream& out, unsigned int value);
 THORNEL_API OSockStream& operator<<(OSockStream& out, int value);

@@ -90,6 +90,15 @@ TEST_F(SockStreams, ByteStringIsItsLengthAndItsBytes) {
     EXPECT_EQ(_in.Status(), 0u);
 }
 
+TEST_F(SockStreams, ByteStringTooLongToCountIsNotWritten) {
+    ByteString bytes("x", 1);
+    bytes._rep->_length = 0x80000000u;
+    _out << bytes;
+    bytes._rep->_length = 1;
+    EXPECT_EQ(_out.Status(), SockStream::FAILED);
+    EXPECT_EQ(Flushed(), "");
+}
+
 TEST_F(SockStreams, ShortReadLeavesEveryTargetAlone) {
     unsigned char byte = 1;
     unsigned int word = 2;
