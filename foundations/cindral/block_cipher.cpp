@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "fetched.h"
+#include "named_algorithms.h"
 
 namespace cindral {
 
@@ -33,13 +34,6 @@ constexpr unsigned int NONE_BLOCK_SIZE = 8;
 constexpr int EVP_KIND = BlockCipher::NONE + 1;
 
 bool IsNone(char const* name) { return name && std::strcmp(name, NONE_NAME) == 0; }
-
-Algorithm* Find(char const* name) {
-    if (!name) return nullptr;
-    for (Algorithm& algorithm : algorithms)
-        if (std::strcmp(algorithm._name, name) == 0) return &algorithm;
-    return nullptr;
-}
 
 int Refuse() {
     errno = EINVAL;
@@ -114,23 +108,16 @@ BlockCipher::~BlockCipher() {
     if (_rep != None()) delete _rep;
 }
 
-String_t BlockCipher::AvailableCiphers() {
-    String_t names;
-    for (Algorithm const& algorithm : algorithms) {
-        if (&algorithm != algorithms) names += ",";
-        names += algorithm._name;
-    }
-    return names;
-}
+String_t BlockCipher::AvailableCiphers() { return NamesOf(algorithms); }
 
 unsigned int BlockCipher::BlockSize(char const* name) {
     if (IsNone(name)) return NONE_BLOCK_SIZE;
-    Algorithm const* algorithm = Find(name);
+    Algorithm const* algorithm = FindAlgorithm(algorithms, name);
     return algorithm ? algorithm->_blockSize : 0;
 }
 
 unsigned int BlockCipher::KeyLen(char const* name) {
-    Algorithm const* algorithm = Find(name);
+    Algorithm const* algorithm = FindAlgorithm(algorithms, name);
     return algorithm ? algorithm->_keyLength : 0;
 }
 
@@ -138,7 +125,7 @@ void BlockCipher::Redefine(char const* name, Mode mode, ByteString const& key, B
     constexpr char const* PLACE = "BlockCipher::Redefine";
     Rep* fresh = None();
     if (!IsNone(name)) {
-        Algorithm* algorithm = Find(name);
+        Algorithm* algorithm = FindAlgorithm(algorithms, name);
         if (!algorithm) throw InvalidArgument(PLACE, "unknown cipher");
         if (key.Length() < algorithm->_keyLength) throw InvalidArgument(PLACE, "key too short");
         if (iv.Length() < algorithm->_blockSize)

@@ -1,11 +1,11 @@
 #include <brantle/cindral/mac.h>
 
-#include <cstring>
-
 #include <openssl/core_names.h>
 #include <openssl/params.h>
 
 #include "fetched.h"
+#include "named_algorithms.h"
+#include "wire_format.h"
 
 namespace cindral {
 
@@ -25,13 +25,6 @@ constexpr Algorithm algorithms[] = {
 };
 
 constexpr unsigned int MAX_LENGTH = 64;
-
-Algorithm const* Find(char const* name) {
-    if (!name) return nullptr;
-    for (Algorithm const& algorithm : algorithms)
-        if (std::strcmp(algorithm._name, name) == 0) return &algorithm;
-    return nullptr;
-}
 
 FetchedMac hmac("HMAC");
 
@@ -80,22 +73,15 @@ Mac::Mac() : _rep(nullptr) {}
 
 Mac::~Mac() { delete _rep; }
 
-String_t Mac::AvailableMacs() {
-    String_t names;
-    for (Algorithm const& algorithm : algorithms) {
-        if (&algorithm != algorithms) names += ",";
-        names += algorithm._name;
-    }
-    return names;
-}
+String_t Mac::AvailableMacs() { return NamesOf(algorithms); }
 
 unsigned int Mac::KeyLength(char const* name) {
-    Algorithm const* algorithm = Find(name);
+    Algorithm const* algorithm = FindAlgorithm(algorithms, name);
     return algorithm ? algorithm->_keyLength : 0;
 }
 
 void Mac::Redefine(char const* name, ByteString const& key) {
-    Algorithm const* algorithm = Find(name);
+    Algorithm const* algorithm = FindAlgorithm(algorithms, name);
     if (!algorithm) throw InvalidArgument("Mac::Redefine", "unknown mac");
     if (key.Length() < algorithm->_keyLength) throw InvalidArgument("Mac::Redefine", "key too short");
     Rep* fresh = new Hmac(*algorithm, key.Data());
@@ -105,9 +91,8 @@ void Mac::Redefine(char const* name, ByteString const& key) {
 
 void Mac::UpdateInt(unsigned int value) {
     if (!_rep) return;
-    unsigned char const bytes[] = {static_cast<unsigned char>(value >> 24),
-                                   static_cast<unsigned char>(value >> 16),
-                                   static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value)};
+    unsigned char bytes[4];
+    PutInt(bytes, value);
     _rep->Update(bytes, sizeof bytes);
 }
 
