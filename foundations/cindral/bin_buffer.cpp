@@ -1,8 +1,7 @@
 #include <brantle/cindral/bin_buffer.h>
 
-#include <cstring>
-
 #include <brantle/cindral/exceptions.h>
+#include <brantle/thornel/text.h>
 
 namespace cindral {
 
@@ -68,7 +67,7 @@ unsigned int BinBuffer::WriteByteString(std::ostream& out, ByteString const& val
 }
 
 unsigned int BinBuffer::WriteCharString(std::ostream& out, char const* text) {
-    auto length = static_cast<unsigned int>(text ? std::strlen(text) : 0);
+    unsigned int length = str_len(text);
     unsigned int written = WriteInt(out, length);
     return written + WriteBytes(out, text, length);
 }

@@ -1,7 +1,5 @@
 #include <brantle/cindral/digest.h>
 
-#include <cstring>
-
 #include "fetched.h"
 #include "wire_format.h"
 
@@ -52,10 +50,9 @@ void Digest::UpdateInt(unsigned int value) {
 }
 
 void Digest::UpdateString(String_t const& text) {
-    char const* chars = text.Text() ? text.Text() : "";
-    auto const length = static_cast<unsigned int>(std::strlen(chars));
+    unsigned int const length = str_len(text.Text());
     UpdateInt(length);
-    _rep->Update(reinterpret_cast<unsigned char const*>(chars), length);
+    _rep->Update(reinterpret_cast<unsigned char const*>(text.Text()), length);
 }
 
 void Digest::Update(ByteString const& bytes) {

@@ -1,7 +1,5 @@
 #include <brantle/cindral/exceptions.h>
 
-#include <cstdio>
-
 namespace cindral {
 
 namespace {
@@ -23,9 +21,8 @@ CryptoException::CryptoException(char const* text, String_t const& detail)
 CryptoException::~CryptoException() = default;
 
 String_t CryptoException::EncodeInt(int value) {
-    char digits[16];
-    std::snprintf(digits, sizeof digits, "%d", value);
-    return String_t(digits);
+    char digits[12];
+    return String_t(str_int2str10(digits, sizeof digits, value, 0, 0));
 }
 
 SshProtocolError::SshProtocolError(char const* text) : CryptoException(text, String_t()) {}
