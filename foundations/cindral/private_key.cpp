@@ -9,6 +9,7 @@
 #include <brantle/cindral/big_num.h>
 #include <brantle/cindral/exceptions.h>
 
+#include "openssl_ptr.h"
 #include "pem_key.h"
 #include "pkey.h"
 #include "read_file.h"
@@ -30,12 +31,12 @@ constexpr char const* DSA_NUMBERS[] = {
 constexpr unsigned int MAX_PASSPHRASE = 1024;
 
 template <unsigned int COUNT>
-void AppendNumbers(ByteString& to, EVP_PKEY const* key, char const* const (&names)[COUNT]) {
+void AppendNumbers(SecretBytes& to, EVP_PKEY const* key, char const* const (&names)[COUNT]) {
     for (char const* name : names) {
         BigNum number;
         if (EVP_PKEY_get_bn_param(key, name, &number._bn) != 1) throw OpenSSLError("EVP_PKEY_get_bn_param");
         ByteString encoded = EncodeMpint(number._bn);
-        to.Append(encoded.Data(), encoded.Length());
+        to.insert(to.end(), encoded.Data(), encoded.Data() + encoded.Length());
         OPENSSL_cleanse(encoded.Data(), encoded.Length());
     }
 }
@@ -68,15 +69,16 @@ KeyType PrivateKey::Rep::Type() const {
 }
 
 ByteString PrivateKey::Rep::EncodeSSH() const {
-    ByteString encoded;
     KeyType const type = Type();
-    if (type == KEY_NONE) return encoded;
-    AppendString(encoded, KeyName(type));
+    if (type == KEY_NONE) return ByteString();
+    ByteString name;
+    AppendString(name, KeyName(type));
+    SecretBytes encoded(name.Data(), name.Data() + name.Length());
     if (type == KEY_RSA)
         AppendNumbers(encoded, _key, RSA_NUMBERS);
     else
         AppendNumbers(encoded, _key, DSA_NUMBERS);
-    return encoded;
+    return ByteString(encoded.data(), static_cast<unsigned int>(encoded.size()));
 }
 
 PrivateKey::PrivateKey() : _rep(nullptr) {}
@@ -92,8 +94,11 @@ int PrivateKey::Read(char const* path, EnterPassword& enter) {
     if (result == 0) result = file.IsEncrypted() ? ReadEncrypted(file, enter, key) : file.Read(Span(), key);
     ERR_clear_error(); // a file that is no key is a result here, not an error to find later
     if (result != 0) return result;
+    PkeyPtr owned(key);
+    Rep* const fresh = new Rep(key);
+    owned.release();
     delete _rep;
-    _rep = new Rep(key);
+    _rep = fresh;
     return 0;
 }
 

@@ -36,7 +36,7 @@ public:
         KeyType Type() const;
         /// The key as an agent's add-identity message takes it: the algorithm name as string, then
         /// the numbers as mpint: n, e, d, the inverse of q modulo p, p, q for rsa; p, q, g, y, x for
-        /// dsa. Holds the secret numbers. Throws `OpenSSLError`.
+        /// dsa. Holds the secret numbers, which are the caller's to wipe. Throws `OpenSSLError`.
         ByteString EncodeSSH() const;
 
         evp_pkey_st* _key;
