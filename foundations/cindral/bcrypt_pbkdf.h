@@ -1,5 +1,5 @@
-#ifndef CINDRAL_BCRYPT_PBKDF_H
-#define CINDRAL_BCRYPT_PBKDF_H
+#ifndef BRANTLE_FOUNDATIONS_CINDRAL_BCRYPT_PBKDF_H
+#define BRANTLE_FOUNDATIONS_CINDRAL_BCRYPT_PBKDF_H
 
 #include "secret_bytes.h"
 #include "wire_format.h"

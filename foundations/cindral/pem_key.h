@@ -1,5 +1,5 @@
-#ifndef CINDRAL_PEM_KEY_H
-#define CINDRAL_PEM_KEY_H
+#ifndef BRANTLE_FOUNDATIONS_CINDRAL_PEM_KEY_H
+#define BRANTLE_FOUNDATIONS_CINDRAL_PEM_KEY_H
 
 #include "openssh_key.h"
 #include "secret_bytes.h"

@@ -1,5 +1,5 @@
-#ifndef CINDRAL_PKEY_H
-#define CINDRAL_PKEY_H
+#ifndef BRANTLE_FOUNDATIONS_CINDRAL_PKEY_H
+#define BRANTLE_FOUNDATIONS_CINDRAL_PKEY_H
 
 #include <initializer_list>
 

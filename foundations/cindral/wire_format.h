@@ -1,5 +1,5 @@
-#ifndef CINDRAL_WIRE_FORMAT_H
-#define CINDRAL_WIRE_FORMAT_H
+#ifndef BRANTLE_FOUNDATIONS_CINDRAL_WIRE_FORMAT_H
+#define BRANTLE_FOUNDATIONS_CINDRAL_WIRE_FORMAT_H
 
 #include <brantle/thornel/byte_string.h>
 
