@@ -1,5 +1,6 @@
 #include <brantle/cindral/big_num.h>
 
+#include <cstddef>
 #include <memory>
 #include <sstream>
 #include <utility>
@@ -150,6 +151,8 @@ TEST(BigNum, DefaultIsAnAllocatedZero) {
     ASSERT_NE(number._bn, nullptr);
     EXPECT_TRUE(BN_is_zero(number._bn));
 }
+
+TEST(BigNum, NumberIsItsFirstMember) { EXPECT_EQ(offsetof(BigNum, _bn), 0u); }
 
 TEST(BigNum, BytesAreBigEndianAndNotNegative) {
     unsigned char const bytes[] = {0x80, 0x00, 0x01};

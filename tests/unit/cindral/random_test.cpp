@@ -1,8 +1,10 @@
 #include <brantle/cindral/random.h>
 
+#include <cstddef>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -26,6 +28,15 @@ TEST(RandomBytes, GivesTheLengthAskedFor) {
 
 TEST(RandomBytes, DiffersEachTime) { EXPECT_NE(ToHex(RandomBytes(16)), ToHex(RandomBytes(16))); }
 
+TEST(RandomBytes, ServesSeveralThreadsAtOnce) {
+    constexpr std::size_t THREADS = 4;
+    std::vector<std::string> drawn(THREADS);
+    std::vector<std::thread> threads;
+    for (std::string& bytes : drawn) threads.emplace_back([&bytes] { bytes = ToHex(RandomBytes(32)); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(std::set<std::string>(drawn.begin(), drawn.end()).size(), THREADS);
+}
+
 TEST(PseudoRand, GivesEveryByteValue) {
     std::string const bytes = Padding(20000);
     EXPECT_EQ(std::set<char>(bytes.begin(), bytes.end()).size(), 256u);
@@ -46,6 +57,8 @@ TEST(EUCVector, HoldsThatManyBytes) {
     ASSERT_NE(vector._data, nullptr);
     for (int i = 0; i < 16; ++i) EXPECT_EQ(vector._data[i]++, 0);
 }
+
+TEST(EUCVector, DataIsItsFirstMember) { EXPECT_EQ(offsetof(EUCVector, _data), 0u); }
 
 TEST(EUCVector, LengthBelowOneIsEmpty) {
     EXPECT_NE(EUCVector(0)._data, nullptr);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <numeric>
 #include <random>
 #include <set>
@@ -128,6 +129,14 @@ void ExpectHolds(Tree const& tree, std::vector<int> const& keys) {
     ASSERT_EQ(tree.KeysByStepping(true), keys);
     ASSERT_EQ(tree.KeysByStepping(false), keys);
     ASSERT_TRUE(tree.HasRightParents());
+}
+
+TEST(AVLnode, HoldsParentLeftRightAndBalanceInThisOrder) {
+    Node const node(1);
+    std::less<void const*> const before;
+    EXPECT_TRUE(before(&node._parent, &node._left));
+    EXPECT_TRUE(before(&node._left, &node._right));
+    EXPECT_TRUE(before(&node._right, &node._balance));
 }
 
 TEST(AVLnode, InsertOnANullRootCreatesTheRoot) {

@@ -1,5 +1,6 @@
 #include <brantle/thornel/byte_string.h>
 
+#include <cstddef>
 #include <cstring>
 #include <new>
 #include <string>
@@ -23,6 +24,13 @@ TEST(ByteString, DefaultBuiltHasNullDataAndLengthZero) {
     EXPECT_EQ(bytes._rep->_count, 1);
     EXPECT_EQ(bytes.Data(), nullptr);
     EXPECT_EQ(bytes.Length(), 0u);
+}
+
+TEST(ByteString, RepHoldsDataThenLengthThenCount) {
+    EXPECT_EQ(offsetof(ByteString::Srep, _data), 0u);
+    EXPECT_EQ(offsetof(ByteString::Srep, _length), sizeof(unsigned char*));
+    EXPECT_EQ(offsetof(ByteString::Srep, _count), sizeof(unsigned char*) + sizeof(unsigned int));
+    EXPECT_EQ(offsetof(ByteString, _rep), 0u);
 }
 
 TEST(ByteString, LengthIsZeroWithNullDataWhateverTheRepSays) {

@@ -1,3 +1,4 @@
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -39,6 +40,19 @@ public:
     int _flushes = 0;
     int _stuck = 0;
 };
+
+template <class Buffer>
+void ExpectFieldsInOrder(Buffer const& buffer) {
+    std::less<void const*> const before;
+    EXPECT_TRUE(before(&buffer._start, &buffer._end));
+    EXPECT_TRUE(before(&buffer._end, &buffer._pos));
+    EXPECT_TRUE(before(&buffer._pos, &buffer._capacity));
+}
+
+TEST(StreamBuffers, HoldStartEndPositionAndCapacityInThisOrder) {
+    ExpectFieldsInOrder(Source(""));
+    ExpectFieldsInOrder(Sink());
+}
 
 TEST(InputBuffer, GetFillsOnlyWhenTheWindowIsUsedUp) {
     Source source("abcdef");

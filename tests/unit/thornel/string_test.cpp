@@ -1,5 +1,6 @@
 #include <brantle/thornel/string_t.h>
 
+#include <cstddef>
 #include <cstring>
 #include <iomanip>
 #include <sstream>
@@ -17,6 +18,12 @@ TEST(String, DefaultBuiltHasARepWithNullText) {
     EXPECT_EQ(text._rep->_count, 1);
     EXPECT_EQ(text.Text(), nullptr);
     EXPECT_EQ(str_len(text.Text()), 0u);
+}
+
+TEST(String, RepHoldsTextThenCount) {
+    EXPECT_EQ(offsetof(String_t::Srep, _text), 0u);
+    EXPECT_EQ(offsetof(String_t::Srep, _count), sizeof(char*));
+    EXPECT_EQ(offsetof(String_t, _rep), 0u);
 }
 
 TEST(String, NullTextIsAnEmptyString) {

@@ -31,6 +31,32 @@ TEST_F(TPMapOfNumbers, IsEmptyAtFirst) {
     EXPECT_EQ(_map.Remove(1), nullptr);
 }
 
+TEST_F(TPMapOfNumbers, CallbacksOfANodeFillTheArgumentBlock) {
+    unsigned int const key = 2;
+    Counted object(7);
+    TPMapData<unsigned int, Counted> block{&key, &object, nullptr, nullptr};
+    AVLnode* const node = Map::Node::Create(&block);
+    EXPECT_EQ(*block._result, &object);
+    EXPECT_EQ(block._found, nullptr);
+    unsigned int const later = 3;
+    EXPECT_EQ(Map::Node::Cmp(node, &key), 0);
+    EXPECT_LT(Map::Node::Cmp(node, &later), 0);
+    Counted** const place = block._result;
+    block._result = nullptr;
+    EXPECT_EQ(Map::Node::Found(node, &block), 0);
+    EXPECT_EQ(block._result, place);
+    EXPECT_EQ(block._found, place);
+    delete node;
+}
+
+TEST_F(TPMapOfNumbers, CopyOfANodeHasBalanceZero) {
+    for (unsigned int const key : {1u, 2u}) _map.Insert(key, nullptr);
+    ASSERT_EQ(_map.Root()->_balance, 1);
+    Map const copy(_map);
+    EXPECT_EQ(copy.Root()->_balance, 0);
+    ASSERT_NE(copy.Root()->_right, nullptr);
+}
+
 TEST_F(TPMapOfNumbers, InsertKeepsThePointerThatIsThere) {
     Counted* const one = new Counted(1);
     auto const first = _map.Insert(1, one);

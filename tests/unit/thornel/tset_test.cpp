@@ -117,6 +117,20 @@ TEST(TSet, CopiesAreDeep) {
     EXPECT_EQ(copy.Size(), 0u);
 }
 
+TEST(TSetNode, CallbacksFillTheArgumentBlock) {
+    int element = 5;
+    TSetData<int> block{&element, 0};
+    AVLnode* const node = Set::Node::Create(&block);
+    EXPECT_NE(block._element, &element);
+    EXPECT_EQ(*block._element, 5);
+    EXPECT_EQ(block._isNew, 1);
+    TSetData<int> again{&element, 0};
+    EXPECT_EQ(Set::Node::Found(node, &again), 0);
+    EXPECT_EQ(again._element, block._element);
+    EXPECT_EQ(again._isNew, 0);
+    delete node;
+}
+
 TEST(TSetNode, DupCopiesTheBalanceFactorAndNoLinks) {
     Set set = Of({1, 2});
     ASSERT_EQ(set.Root()->_balance, 1);
