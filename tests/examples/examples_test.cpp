@@ -1,0 +1,180 @@
+// The example programs as a user runs them: what they print and what they exit with.
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <sys/wait.h>
+
+#include <gmock/gmock.h>
+
+#include "support/peer/scripted_peer.h"
+
+using namespace peer;
+using testing::HasSubstr;
+
+namespace {
+
+/// What a command line of the shell came to.
+struct Ran {
+    int status;
+    std::string output;
+    std::string errors;
+};
+
+std::ostream& operator<<(std::ostream& out, Ran const& ran) {
+    return out << "status " << ran.status << ", output \"" << ran.output << "\", errors \"" << ran.errors
+               << '"';
+}
+
+std::string TakeFile(std::string const& path) {
+    std::ifstream in(path);
+    std::string text{std::istreambuf_iterator<char>(in), {}};
+    std::remove(path.c_str());
+    return text;
+}
+
+Ran Execute(std::string const& command) {
+    std::string const home = std::getenv("HOME");
+    std::string const output = home + "/output";
+    std::string const errors = home + "/errors";
+    // In a session of its own, so that no prompt reaches the terminal of who runs the tests.
+    int const status = std::system(("setsid -w " + command + " >" + output + " 2>" + errors).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TakeFile(output), TakeFile(errors)};
+}
+
+Ran Execute(std::string const& program, std::string const& arguments) {
+    return Execute(program + " " + arguments + " </dev/null");
+}
+
+/// A program's run against a server with this script.
+Ran ExecuteAgainst(ScriptedPeer::Script const& script, std::string const& program = RUN_COMMAND,
+                   std::string const& arguments = "echo hello", ServerSettings settings = {}) {
+    settings.group = DhGroup::Modp(1024);
+    settings.noneAccepted = true;
+    ScriptedPeer server(script, settings);
+    Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
+    server.Finish();
+    return ran;
+}
+
+auto Fails(int status, std::string const& line) {
+    return testing::AllOf(testing::Field(&Ran::status, status), testing::Field(&Ran::output, ""),
+                          testing::Field(&Ran::errors, line + "\n"));
+}
+
+} // namespace
+
+TEST(Examples, CommandGetsInputAndGivesOutput) {
+    ServerSettings settings;
+    settings.group = DhGroup::Modp(1024);
+    settings.noneAccepted = true;
+    ScriptedPeer server(
+        [](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            Reader request(c.ReadPacket());
+            request.U8();
+            request.U32();
+            EXPECT_EQ(request.String(), "exec");
+            request.U8();
+            EXPECT_EQ(request.String(), "wc -c two words");
+            Reader data = c.ExpectPacket(CHANNEL_DATA);
+            data.U32();
+            EXPECT_EQ(data.String(), "typed");
+            c.ExpectPacket(CHANNEL_EOF);
+            c.SendData("5\n");
+            c.SendExitStatus(0);
+        },
+        settings);
+    Ran const ran =
+        Execute("printf typed | VERBOSE=1 " RUN_COMMAND " tester@127.0.0.1:" + std::to_string(server.Port()) +
+                " wc -c 'two words'");
+    server.Finish();
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_EQ(ran.output, "5\n");
+    EXPECT_THAT(ran.errors,
+                HasSubstr("server SSH-2.0-ScriptedPeer_1.0; group exchange with SHA-1; to the server "
+                          "aes128-ctr and hmac-sha1; from it aes128-ctr and hmac-sha1\n"));
+}
+
+TEST(Examples, ShellEndsWithTheClosingLine) {
+    Ran const ran = ExecuteAgainst(
+        [](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            c.ReadChannelRequest();
+            c.SendData("$ ");
+            c.SendExitStatus(0);
+        },
+        SHELL, "");
+    EXPECT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.output, "$ Connection to 127.0.0.1 closed.\n");
+    EXPECT_EQ(ran.errors, "");
+}
+
+TEST(Examples, MessagesBetweenLoginAndChannelAreRead) {
+    Ran const ran = ExecuteAgainst([](Connection& c) {
+        c.WellBehaved(Stage::Service);
+        c.ReadAuthRequest();
+        Bytes const debug = Writer().U8(DEBUG).Bool(false).String("text").String("");
+        c.SendTogether({Writer().U8(USERAUTH_SUCCESS),
+                        Writer().U8(GLOBAL_REQUEST).String("hostkeys-00@openssh.com").Bool(false), debug,
+                        debug});
+        c.ConfirmOpen();
+        c.ReadChannelRequest();
+        c.SendExitStatus(0);
+    });
+    EXPECT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.errors, "");
+}
+
+TEST(Examples, WrongArgumentsAreAnsweredByTheUsage) {
+    std::string const command = "usage: run_command [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
+    for (char const* arguments : {"", "-i", "-i key", "host"})
+        EXPECT_THAT(Execute(RUN_COMMAND, arguments), Fails(2, command)) << arguments;
+    for (char const* arguments : {"", "-i", "-i key", "host surplus"})
+        EXPECT_THAT(Execute(SHELL, arguments), Fails(2, "usage: shell [-i IDENTITY] [USER@]HOST[:PORT]"))
+            << arguments;
+}
+
+TEST(Examples, EachFailureHasALineAndAStatus) {
+    EXPECT_THAT(Execute(RUN_COMMAND, "me@[::1 true"),
+                Fails(3, "the target can't be read: an address in brackets needs its \"]\""));
+    EXPECT_THAT(Execute(RUN_COMMAND, "me@127.0.0.1: true"),
+                Fails(9, "no such host, or no port number behind it: 127.0.0.1:"));
+    EXPECT_THAT(Execute(SHELL, "me@127.0.0.1:65536"),
+                Fails(9, "no such host, or no port number behind it: 127.0.0.1:65536"));
+    EXPECT_THAT(Execute(RUN_COMMAND, "me@127.0.0.1:1 true"), Fails(4, "can't connect: Connection refused"));
+    auto const refuseChannel = [](Connection& c) {
+        c.WellBehaved(Stage::Authenticated);
+        c.ReadChannelOpen();
+        c.SendOpenFailure(1, "");
+    };
+    EXPECT_THAT(ExecuteAgainst(refuseChannel), Fails(7, "the server refuses the channel"));
+    EXPECT_THAT(ExecuteAgainst(refuseChannel, SHELL, ""), Fails(7, "the server refuses the channel"));
+    EXPECT_THAT(ExecuteAgainst([](Connection& c) {
+                    c.WellBehaved(Stage::Service);
+                    c.ReadAuthRequest();
+                    c.SendAuthFailure("hostbased");
+                }),
+                Fails(6, "the server accepts no login"));
+    EXPECT_THAT(ExecuteAgainst([](Connection& c) { c.WellBehaved(Stage::NewKeys); }),
+                Fails(8, "connection failed: packet length less than 2"));
+}
+
+TEST(Examples, KeyExchangeTellsARefusalFromAServerOfAnotherKind) {
+    ServerSettings settings;
+    settings.kexInit.kex = "curve25519-sha256";
+    auto const lists = [](Connection& c) { c.WellBehaved(Stage::KexInitExchanged); };
+    EXPECT_THAT(ExecuteAgainst(lists, RUN_COMMAND, "true", settings),
+                Fails(5,
+                      "key exchange failed: no common algorithm, or a host key that can't be trusted (is it "
+                      "another one than in ~/.ssh/known_hosts?)"));
+    settings.kexInit.kex = "diffie-hellman-group14-sha1";
+    EXPECT_THAT(ExecuteAgainst(lists, RUN_COMMAND, "true", settings),
+                Fails(5,
+                      "key exchange failed: the server has no group exchange with SHA-1, or its group is too "
+                      "small"));
+}
