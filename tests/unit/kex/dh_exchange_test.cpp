@@ -2,7 +2,6 @@
 
 #include <climits>
 #include <string>
-#include <typeinfo>
 
 #include <gtest/gtest.h>
 #include <openssl/bn.h>
@@ -11,10 +10,12 @@
 #include <brantle/cindral/exceptions.h>
 
 #include "openssl_calls.h"
+#include "support/expect_error.h"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 using namespace cindral;
+using support::ExpectError;
 
 namespace {
 
@@ -71,18 +72,6 @@ struct Group : DhGroupExchange {
         DH_set0_key(_dh, BN_dup(pub._bn), BN_dup(priv._bn));
     }
 };
-
-template <typename Error, typename Action>
-void ExpectError(char const* text, char const* detail, Action action) {
-    try {
-        action();
-        ADD_FAILURE() << "no error; expected \"" << text << '"';
-    } catch (CryptoException const& error) {
-        EXPECT_EQ(typeid(error), typeid(Error)) << error.what();
-        EXPECT_STREQ(error.Text().Text(), text);
-        EXPECT_STREQ(error.Detail().Text() ? error.Detail().Text() : "", detail);
-    }
-}
 
 template <typename Action>
 void ExpectOpenSSLError(char const* call, Action action) {

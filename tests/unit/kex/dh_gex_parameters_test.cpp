@@ -4,6 +4,8 @@
 
 #include <brantle/cindral/exceptions.h>
 
+#include "support/expect_error.h"
+
 using namespace cindral;
 
 namespace {
@@ -16,13 +18,8 @@ void ExpectSizes(DhGexParameters const& parameters, int min, int pref, int max) 
 
 template <typename... Sizes>
 void ExpectRefused(char const* word, Sizes... sizes) {
-    try {
-        DhGexParameters const parameters(sizes...);
-        ADD_FAILURE() << "taken; expected \"" << word << '"';
-    } catch (InvalidArgument const& error) {
-        EXPECT_STREQ(error.Text().Text(), "DhGexParameters::DhGexParameters");
-        EXPECT_STREQ(error.Detail().Text(), word);
-    }
+    support::ExpectError<InvalidArgument>("DhGexParameters::DhGexParameters", word,
+                                          [&] { DhGexParameters const parameters(sizes...); });
 }
 
 TEST(DhGexParametersTest, DefaultTakesTheWholeRange) { ExpectSizes(DhGexParameters(), 1024, 1024, 8192); }

@@ -2,13 +2,14 @@
 #define BRANTLE_TESTS_UNIT_PACKET_WIRE_H
 
 #include <string>
-#include <typeinfo>
 
 #include <gtest/gtest.h>
 
 #include <brantle/cindral/exceptions.h>
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/string_t.h>
+
+#include "support/expect_error.h"
 
 /// Bytes from a line of hexadecimal digits and quoted text: "5e 00000003 'abc'". Blanks only separate.
 inline std::string Wire(std::string const& line) {
@@ -43,18 +44,7 @@ inline std::string Str(ByteString const& bytes) {
 
 inline std::string Str(String_t const& text) { return text.Text() ? text.Text() : ""; }
 
-/// Expects that `action` throws exactly an `Error` with these words.
-template <typename Error, typename Action>
-void ExpectError(std::string const& text, std::string const& detail, Action action) {
-    try {
-        action();
-        ADD_FAILURE() << "no error; expected \"" << text << '"';
-    } catch (cindral::CryptoException const& error) {
-        EXPECT_EQ(typeid(error), typeid(Error)) << error.what();
-        EXPECT_EQ(Str(error.Text()), text);
-        EXPECT_EQ(Str(error.Detail()), detail);
-    }
-}
+using support::ExpectError;
 
 /// Expects that `action` finds the end of its input too early.
 template <typename Action>
