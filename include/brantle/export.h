@@ -8,4 +8,7 @@
 #define BRANTLE_API
 #endif
 
+/// Keeps a class that is declared within an offered one, and defined in a source file, inside.
+#define BRANTLE_LOCAL __attribute__((visibility("hidden")))
+
 #endif

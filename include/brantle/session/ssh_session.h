@@ -152,8 +152,8 @@ public:
     bool IsAuthenticated() const { return _authenticated != 0; }
 
 protected:
-    class SshDispatcher;
-    class FdDispatcher;
+    class BRANTLE_LOCAL SshDispatcher;
+    class BRANTLE_LOCAL FdDispatcher;
     using Handler = int (SshSession::*)(PacketDecoder&);
     using KexFunction = int (SshSession::*)(PacketKexInit& own, PacketKexInit& peer);
 
