@@ -67,7 +67,8 @@ public:
     /// null for an unknown number.
     SshChannel* ReplaceChannel(int id, SshChannelMakerBase const& maker);
 
-    /// Deletes channel `id` and returns the `_fdIn` it had, -1 for an unknown number.
+    /// Deletes channel `id` and returns the `_fdIn` it had, -1 for an unknown number. What has not been
+    /// flushed is lost.
     int RemoveChannel(int id);
 
     /// The channel of that number, null if there is none. The table keeps it.
@@ -77,7 +78,7 @@ public:
     void Forward(int id, char const* data, unsigned int n);
     void ForwardExtended(int id, char const* data, unsigned int n);
 
-    /// Flushes every channel, in ascending number order.
+    /// Flushes every channel, in ascending number order. REQUIRES: no Flush enters or removes a channel.
     void FlushAllChannels();
 
 private:
