@@ -30,6 +30,9 @@ function(brantle_shared_library name)
   target_compile_options(${name} PRIVATE -fno-plt $<$<CONFIG:Release>:-Os>
     $<$<AND:$<CONFIG:Release>,$<CXX_COMPILER_ID:GNU>>:-flto=auto>)
   target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,-Bsymbolic-functions
-    -Wl,-z,noseparate-code ${BRANTLE_RELR} $<$<NOT:$<BOOL:${BRANTLE_SANITIZE}>>:-Wl,--no-undefined>)
+    -Wl,-z,noseparate-code ${BRANTLE_RELR})
+  if(NOT BRANTLE_SANITIZE)
+    target_link_options(${name} PRIVATE -Wl,--no-undefined)
+  endif()
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:brantle_options>)
 endfunction()
