@@ -7,7 +7,6 @@
 #include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
-#include <openssl/params.h>
 
 namespace cindral {
 
@@ -29,7 +28,6 @@ using MdCtxPtr = OpenSSLPtr<EVP_MD_CTX, EVP_MD_CTX_free>;
 using PkeyPtr = OpenSSLPtr<EVP_PKEY, EVP_PKEY_free>;
 using PkeyCtxPtr = OpenSSLPtr<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 using ParamBuildPtr = OpenSSLPtr<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
-using ParamPtr = OpenSSLPtr<OSSL_PARAM, OSSL_PARAM_free>;
 
 } // namespace cindral
 

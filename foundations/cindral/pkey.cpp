@@ -1,8 +1,23 @@
 #include "pkey.h"
 
+#include <openssl/params.h>
+
 #include "openssl_ptr.h"
 
 namespace cindral {
+
+namespace {
+
+/// The numbers of a private key stand in the parameters.
+void FreeWiped(OSSL_PARAM* parameters) {
+    for (OSSL_PARAM* parameter = parameters; parameter->key; ++parameter)
+        OPENSSL_cleanse(parameter->data, parameter->data_size);
+    OSSL_PARAM_free(parameters);
+}
+
+using ParamPtr = OpenSSLPtr<OSSL_PARAM, FreeWiped>;
+
+} // namespace
 
 char const* KeyName(KeyType type) {
     switch (type) {

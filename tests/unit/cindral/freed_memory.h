@@ -1,0 +1,25 @@
+#ifndef BRANTLE_TESTS_CINDRAL_FREED_MEMORY_H
+#define BRANTLE_TESTS_CINDRAL_FREED_MEMORY_H
+
+#include <string>
+
+/// Looks through every block that operator delete and OpenSSL give back while it lives, the libraries'
+/// own included, for bytes that should have been wiped. One at a time, and one thread.
+class FreedMemory {
+public:
+    /// `secret` is looked for as it stands and with its bytes turned round, as big numbers are held.
+    explicit FreedMemory(std::string const& secret);
+    ~FreedMemory();
+    FreedMemory(FreedMemory const&) = delete;
+    FreedMemory& operator=(FreedMemory const&) = delete;
+
+    /// Blocks of one source.
+    struct Count {
+        unsigned int _freed;      ///< given back at all
+        unsigned int _withSecret; ///< given back with the secret in them
+    };
+    Count OfNew() const;
+    Count OfOpenSSL() const;
+};
+
+#endif
