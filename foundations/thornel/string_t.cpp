@@ -92,25 +92,31 @@ String_t String_t::Trim() const {
     return SubStr(start, end - start);
 }
 
-std::istream& String_t::Getline(std::istream& in, String_t& target, char const* delimiters) {
-    std::string const stops = delimiters ? delimiters : "";
-    std::string line;
-    std::istream::sentry const ready(in, true);
-    if (ready) {
-        using Traits = std::istream::traits_type;
-        std::ios_base::iostate state = std::ios_base::goodbit;
+namespace {
+
+/// Reads up to a delimiter, and gives the state that the stream is in behind that.
+std::ios_base::iostate ReadTo(std::string const& stops, std::streambuf& in, std::string& line) {
+    using Traits = std::streambuf::traits_type;
+    try {
         for (;;) {
-            Traits::int_type const next = in.rdbuf()->sbumpc();
-            if (Traits::eq_int_type(next, Traits::eof())) {
-                state = line.empty() ? std::ios_base::eofbit | std::ios_base::failbit : std::ios_base::eofbit;
-                break;
-            }
+            Traits::int_type const next = in.sbumpc();
+            if (Traits::eq_int_type(next, Traits::eof()))
+                return line.empty() ? std::ios_base::eofbit | std::ios_base::failbit : std::ios_base::eofbit;
             char const c = Traits::to_char_type(next);
-            if (stops.find(c) != std::string::npos) break;
+            if (stops.find(c) != std::string::npos) return std::ios_base::goodbit;
             line += c;
         }
-        in.setstate(state);
+    } catch (std::ios_base::failure const&) {
+        return std::ios_base::badbit;
     }
+}
+
+} // namespace
+
+std::istream& String_t::Getline(std::istream& in, String_t& target, char const* delimiters) {
+    std::string line;
+    std::istream::sentry const ready(in, true);
+    if (ready) in.setstate(ReadTo(delimiters ? delimiters : "", *in.rdbuf(), line));
     target = String_t(line.data(), static_cast<unsigned int>(line.size()));
     return in;
 }

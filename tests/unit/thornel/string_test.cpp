@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <string>
@@ -226,6 +227,15 @@ TEST(StringGetline, ConsumesTheDelimiterAndDoesNotStoreIt) {
     EXPECT_TRUE(in.eof());
     EXPECT_FALSE(in.fail());
     EXPECT_FALSE(String_t::Getline(in, line, "\n"));
+}
+
+TEST(StringGetline, FailingBufferSetsBadbit) {
+    std::ifstream in("/");
+    ASSERT_TRUE(in);
+    String_t line("before");
+    EXPECT_FALSE(String_t::Getline(in, line, "\n"));
+    EXPECT_TRUE(in.bad());
+    EXPECT_EQ(str_len(line.Text()), 0);
 }
 
 TEST(StringGetline, EndOfInputWithoutTextSetsFailbit) {

@@ -253,6 +253,14 @@ TEST_F(KnownHostsTest, MissingFileIsRememberedAndNoMore) {
     EXPECT_EQ(hosts._Read(static_cast<char const*>(nullptr)), -ENOENT);
 }
 
+TEST_F(KnownHostsTest, FileThatOpensButCannotBeReadIsAnEmptyOne) {
+    std::filesystem::create_directory(File());
+    KnownHosts hosts;
+    EXPECT_EQ(hosts._Read(File().c_str()), 0);
+    EXPECT_NE(hosts._IsIn("host", 22, "", _key), 0);
+    EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);
+}
+
 TEST_F(KnownHostsTest, NewHostIsAcceptedWhenTheFileCannotBeWritten) {
     std::filesystem::remove_all(_directory / ".ssh");
     KnownHosts hosts;
