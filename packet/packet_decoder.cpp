@@ -82,7 +82,7 @@ TOList<String_t> PacketDecoder::ReadStringList() {
 }
 
 void PacketDecoder::Skip(unsigned int count) {
-    while (count-- > 0) _stream.get();
+    _stream.ignore(count);
     if (_stream.get() == std::istream::traits_type::eof()) return;
     unsigned int const type = _data.Length() > 1 ? _data.Data()[1] : 0u;
     throw SshProtocolError("additional characters in packet after padding", String_t(Packet::MsgName(type)));

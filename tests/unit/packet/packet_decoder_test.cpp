@@ -185,6 +185,7 @@ TEST(PacketDecoderTest, SkipEndsAtTheEnd) {
 TEST(PacketDecoderTest, SkipToleratesTheEnd) {
     EXPECT_NO_THROW(PacketDecoder(Bytes("abc")).Skip(4));
     EXPECT_NO_THROW(PacketDecoder(Bytes("abc")).Skip(255));
+    EXPECT_NO_THROW(PacketDecoder(Bytes("abc")).Skip(4294967295u));
     EXPECT_NO_THROW(PacketDecoder().Skip(1));
 }
 
