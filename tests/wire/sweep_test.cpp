@@ -3,16 +3,11 @@
 
 #include <mutex>
 
-#include <brantle/cindral/enter_password.h>
-
-#include "wire/standard_streams.h"
-#include "wire/test_session.h"
+#include "wire/swept_session.h"
 
 using namespace peer;
 
 namespace {
-
-char const* const done = "Run -1";
 
 ServerSettings SweepSettings(char const* cipher) {
     ServerSettings settings;
@@ -31,37 +26,6 @@ void ServeCommand(Connection& c) {
     c.ExpectPacket(CHANNEL_EOF);
     c.ExpectPacket(CHANNEL_CLOSE);
     c.SendExitStatus(0);
-}
-
-/// Runs a session and gives the step that did not succeed with what it came to, or the end of the run.
-std::string RunSession(std::uint16_t port) {
-    StandardStreams const streams;
-    TestSession session(port);
-    cindral::EnterPassword enter(0, String_t());
-    enter._tries = 1;
-    enter.Preset(String_t("wrong"));
-    cindral::KbdCopyCallback callback(String_t("secret"));
-    std::vector<std::pair<char const*, std::function<int()>>> const steps = {
-        {"Connect ", [&] { return session.Connect(10); }},
-        {"KeyExchange ", [&] { return session.KeyExchange(); }},
-        {"Authenticate ",
-         [&] {
-             return session.Authenticate(String_t(), String_t("tester"), String_t("secret"), enter, callback);
-         }},
-        {"Open ", [&] { return session.Open(); }},
-        {"Start ",
-         [&] {
-             session.StartCommand(String_t("command"));
-             session.InitDispatcher();
-             return 0;
-         }},
-        {"Run ", [&] { return session.Run(); }},
-    };
-    for (auto const& [name, step] : steps) {
-        std::string const outcome = Outcome(step);
-        if (outcome != "0") return name + outcome;
-    }
-    return "nothing";
 }
 
 bool EndsWith(std::string const& text, std::string const& end) {

@@ -108,6 +108,7 @@ Bytes Connection::Encode(Bytes const& payload, SendOptions const& options) {
     record.plain =
         Writer().U32(record.packetLength).U8(record.paddingLength).Raw(payload).Raw(record.padding).Data();
     record.sequence = _sendSequence++;
+    if (tamper) tamper(record.sequence, record.plain);
     record.encrypted = !_sendCipher.IsNone();
     record.mac = _sendMac.Compute(record.sequence, record.plain);
     record.raw = _sendCipher.Process(record.plain);

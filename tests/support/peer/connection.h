@@ -202,6 +202,8 @@ public:
     std::vector<PacketRecord> received;
     std::vector<PacketRecord> sent;
     std::size_t const index; ///< 0 for the first connection accepted by this peer
+    /// Changes a packet, from packet_length to padding, before its MAC is computed and it is encrypted.
+    std::function<void(std::uint32_t sequence, Bytes& plain)> tamper;
 
     // --- bytes
     Link& Wire() { return _link; }

@@ -45,6 +45,7 @@ namespace peer {
 /// reverse of the sensible one, so that the client's preference shows.
 ///
 /// SendOptions lie about packet_length and padding_length, set the padding bytes, damage or shorten the MAC.
+/// `c.tamper` changes packets as they are sent, ahead of MAC and encryption.
 /// `c.Wire().faults` acts on the whole stream: cutAfterSent and cutAfterReceived close after that many
 /// bytes (with a reset if wanted), flipSent changes the n-th byte sent, segment and delay slow it down. A
 /// cut ends the script without being a failure.
