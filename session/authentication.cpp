@@ -230,8 +230,9 @@ int SshSession::ReadIdentity(PrivateKey& privateKey, String_t const& identity, S
     };
     int result = read(IsEmpty(identity) ? DefaultIdentity("id_rsa") : identity);
     if (result < 0 && IsEmpty(identity)) result = read(DefaultIdentity("id_dsa"));
-    // It was offered for the key alone; a password prompt that follows is for the user.
-    enter.Preset(String_t());
+    // It was offered for the key alone; a password prompt that follows is for the user. An override of
+    // Preset is told the one secret, and no more.
+    enter.EnterPassword::Preset(String_t());
     return result;
 }
 

@@ -183,7 +183,8 @@ TEST_F(KeyFiles, PrivateKeyThatIsLoadedIsLeftAlone) {
 
 TEST_F(KeyFiles, PasswordIsPresetForThePassphraseAndWithdrawn) {
     EXPECT_EQ(ReadIdentity(Path("none"), "open sesame"), -ENOENT);
-    EXPECT_THAT(enter.presets, testing::ElementsAre("open sesame", ""));
+    EXPECT_THAT(enter.presets, testing::ElementsAre("open sesame"));
+    EXPECT_FALSE(enter.HasPreset());
 }
 
 TEST_F(KeyFiles, DefaultPrivateKeyIsRsaThenDsa) {
@@ -192,7 +193,8 @@ TEST_F(KeyFiles, DefaultPrivateKeyIsRsaThenDsa) {
     EXPECT_EQ(session.ReadIdentity(dsa, String_t(), String_t("pw"), enter), 0);
     EXPECT_EQ(dsa._rep->Type(), cindral::KEY_DSA);
     EXPECT_EQ(enter.prompt, "Enter passphrase for|" + Path("id_dsa"));
-    EXPECT_THAT(enter.presets, testing::ElementsAre("pw", ""));
+    EXPECT_THAT(enter.presets, testing::ElementsAre("pw"));
+    EXPECT_FALSE(enter.HasPreset());
     Write("id_rsa", KeyPair::UserRsa().Pem());
     EXPECT_EQ(ReadIdentity(""), 0);
     EXPECT_EQ(privateKey._rep->Type(), cindral::KEY_RSA);
