@@ -67,17 +67,6 @@ private:
 
 } // namespace
 
-TemporaryDirectory::TemporaryDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "brantle-servers-XXXXXX").string();
-    if (!mkdtemp(name.data())) throw LastError(name);
-    _path = name;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(_path, ignored);
-}
-
 std::string ReadFile(std::string const& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) throw std::runtime_error("cannot read " + path);

@@ -1,28 +1,16 @@
 #ifndef BRANTLE_TESTS_SUPPORT_SERVERS_PROCESS_H
 #define BRANTLE_TESTS_SUPPORT_SERVERS_PROCESS_H
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include <sys/types.h>
 
+#include "support/temporary_directory.h"
+
 namespace servers {
 
-/// A directory of this process alone, gone with everything in it when the object goes.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(TemporaryDirectory const&) = delete;
-    TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
-
-    std::filesystem::path const& Path() const { return _path; }
-    std::string operator/(std::string const& name) const { return (_path / name).string(); }
-
-private:
-    std::filesystem::path _path;
-};
+using support::TemporaryDirectory;
 
 std::string ReadFile(std::string const& path);
 void WriteFile(std::string const& path, std::string const& content, mode_t mode = 0600);
