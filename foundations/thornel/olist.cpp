@@ -94,42 +94,36 @@ olink_t* olist_t::find(int (*match)(olink_t const*, void const*), void const* ar
 
 olink_t* olist_t::remove(int (*match)(olink_t const*, void const*), void const* arg) {
     olink_t* before = _last;
-    for (olink_t* link = top(); link; before = link, link = link == _last ? nullptr : link->_next) {
-        if (!match(link, arg)) continue;
-        before->_next = link->_next;
-        if (link == _last) _last = link == before ? nullptr : before;
-        link->_next = nullptr;
-        return link;
-    }
+    for (olink_t* link = top(); link; before = link, link = link == _last ? nullptr : link->_next)
+        if (match(link, arg)) return removeBehind(before);
     return nullptr;
 }
 
-olink_t* olist_t::removeTop() {
-    olink_t* const link = top();
-    if (!link) return nullptr;
-    _last->_next = link->_next;
-    if (link == _last) _last = nullptr;
+olink_t* olist_t::removeBehind(olink_t* before) {
+    olink_t* const link = before->_next;
+    before->_next = link->_next;
+    if (link == _last) _last = link == before ? nullptr : before;
     link->_next = nullptr;
     return link;
 }
+
+olink_t* olist_t::removeTop() { return _last ? removeBehind(_last) : nullptr; }
 
 olink_t* olist_t::removeBottom() {
     return remove([](olink_t const* link, void const* last) { return link == last ? 1 : 0; }, _last);
 }
 
 unsigned int olist_t::removeLoop(int (*match)(olink_t const*, void const*), void const* arg) {
-    olist_t kept;
     unsigned int removed = 0;
-    while (olink_t* const link = removeTop()) {
-        if (match(link, arg)) {
-            delete link;
+    olink_t* before = _last;
+    for (unsigned int left = Len(); left > 0; --left) {
+        if (match(before->_next, arg)) {
+            delete removeBehind(before);
             ++removed;
         } else {
-            kept.append(link);
+            before = before->_next;
         }
     }
-    _last = kept._last;
-    kept._last = nullptr;
     return removed;
 }
 

@@ -4,7 +4,8 @@
 #include <brantle/thornel/export.h>
 
 /// Core of a binary tree node. A tree is known by its root; a null root is the empty tree. Comparisons
-/// get a node and a key, and order the node's key against that one: negative, 0 or positive.
+/// get a node and a key, and order the node's key against that one: negative, 0 or positive. Nothing locks:
+/// one thread at a time, or an outer lock.
 class THORNEL_API bnode_t {
 public:
     /// Steps through a tree in order. From a node with a right child the successor is `LDown` of that

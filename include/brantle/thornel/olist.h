@@ -26,7 +26,8 @@ public:
 };
 
 /// Core of the owned list: a circular chain of links that it owns and destroys. The predicates return
-/// non-zero for a match; they and the functions called on links get the caller's argument second.
+/// non-zero for a match; they and the functions called on links get the caller's argument second. Nothing
+/// locks: one thread at a time, or an outer lock.
 class THORNEL_API olist_t {
 public:
     olist_t() : _last(nullptr) {}
@@ -70,11 +71,14 @@ public:
     olink_t* _last; ///< null when empty; its successor is the first link
 
 protected:
+    /// Unlinks the link behind another one, which may be the same when it is alone.
+    olink_t* removeBehind(olink_t* before);
+
     /// As `Sort`, with an argument for the comparison in third place.
     void Sort(int (*compare)(olink_t const*, olink_t const*, void const*), void const* arg);
 };
 
-/// A list of pointers to elements that it does not own.
+/// A list of pointers to elements that it does not own. Nothing locks.
 class THORNEL_API slist_t {
 public:
     /// One position of the list.

@@ -1,5 +1,6 @@
 #include <brantle/thornel/olist.h>
 
+#include <stdexcept>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -151,6 +152,29 @@ TEST_F(OList, RemoveLoopTakesAComparisonObject) {
     Append({1, 3});
     EXPECT_EQ(_list.removeLoop(odd), 2u);
     EXPECT_EQ(_list._last, nullptr);
+}
+
+TEST_F(OList, RemoveLoopAcrossTheEndKeepsTheChainClosed) {
+    int const value = 2;
+    for (std::vector<int> const& values : {std::vector<int>{1, 2}, {2, 1}, {1, 2, 2}, {2, 2, 1}, {2, 1, 2}}) {
+        _list.clear();
+        Append(values);
+        _list.removeLoop(Is, &value);
+        Append({7});
+        EXPECT_THAT(Values(), ElementsAre(1, 7));
+    }
+}
+
+TEST_F(OList, RemoveLoopThatIsBrokenOffKeepsTheRest) {
+    Append({1, 2, 3});
+    EXPECT_THROW(_list.removeLoop(
+                     [](olink_t const* link, void const*) {
+                         if (Value(link) == 2) throw std::runtime_error("broken off");
+                         return 1;
+                     },
+                     nullptr),
+                 std::runtime_error);
+    EXPECT_THAT(Values(), ElementsAre(2, 3));
 }
 
 TEST_F(OList, SortIsStable) {
