@@ -258,6 +258,15 @@ TEST_F(Dispatch, OutputThatCanNotBeWrittenEndsTheRun) {
     close(full);
 }
 
+TEST_F(Dispatch, OutputThatIsTakenInPartEndsTheRunToo) {
+    int ends[2];
+    Checked(pipe2(ends, O_CLOEXEC | O_NONBLOCK), "pipe2");
+    std::string const tooMuch(200000, 'x');
+    EXPECT_EQ(Receive({Data(tooMuch)}, [&](LoopSession&) { dup2(ends[1], 1); }),
+              "SystemError: write failed: data");
+    for (int fd : ends) close(fd);
+}
+
 TEST_F(Dispatch, WindowAdjustOfTheServerChangesNothing) {
     EXPECT_EQ(Receive({WindowAdjust(0, 0xffffffff), WindowAdjust(0, 0), WindowAdjust(9, 1), Data("on"),
                        ExitStatus(0)}),

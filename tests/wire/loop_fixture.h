@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <gmock/gmock.h>
@@ -178,6 +179,7 @@ protected:
             Login(session);
             if (session.Open() != 0) throw std::runtime_error("no channel");
             session.StartCommand("x");
+            fcntl(session.Fd(), F_SETFD, 0); // as a socket of other make would be
             session.InitDispatcher();
             if (prepare) prepare(session);
             outcome = Outcome([&] { return session.Run(); });
