@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <deque>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -13,24 +12,17 @@
 #include <brantle/cindral/enter_password.h>
 #include <brantle/thornel/byte_string.h>
 
+#include "support/temporary_directory.h"
+
 /// A directory of its own for key files, and the tools that make them.
 class KeyFiles : public testing::Test {
 protected:
-    KeyFiles() {
-        std::string name = (std::filesystem::temp_directory_path() / "brantle-keys-XXXXXX").string();
-        if (!mkdtemp(name.data())) std::abort();
-        _directory = name;
-    }
-    ~KeyFiles() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(_directory, ignored);
-    }
-
-    std::string Path(std::string const& name) const { return (_directory / name).string(); }
+    std::string Path(std::string const& name) const { return _directory / name; }
 
     /// Runs a command line in the directory; it has to succeed.
     void Run(std::string const& command) const {
-        std::string const line = "cd '" + _directory.string() + "' && (" + command + ") </dev/null >log 2>&1";
+        std::string const line =
+            "cd '" + _directory.Path().string() + "' && (" + command + ") </dev/null >log 2>&1";
         ASSERT_EQ(std::system(line.c_str()), 0) << command << "\n" << Read("log");
     }
     /// A key pair `name` and `name`.pub. Empty `passphrase` means not encrypted.
@@ -56,7 +48,7 @@ protected:
         return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
     }
 
-    std::filesystem::path _directory;
+    support::TemporaryDirectory _directory;
 };
 
 /// Answers from a list instead of the terminal; -77 when the list is used up.

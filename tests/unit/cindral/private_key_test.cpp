@@ -144,7 +144,7 @@ TEST_F(PrivateKeyFile, AbsentFileIsToldByErrno) {
     Write("id", "");
     ScriptedAnswers none(1, {});
     EXPECT_EQ(_key.Read(Path("id/below").c_str(), none), -ENOTDIR);
-    EXPECT_EQ(_key.Read(_directory.c_str(), none), -EISDIR);
+    EXPECT_EQ(_key.Read(_directory.Path().c_str(), none), -EISDIR);
     EXPECT_EQ(_key.Read(nullptr, none), -ENOENT);
 }
 

@@ -56,7 +56,7 @@ TEST_F(PublicKeyFile, OtherTypesAreRefused) {
 TEST_F(PublicKeyFile, AbsentFileIsToldByErrno) {
     EXPECT_EQ(_key.ReadSSH(Path("absent").c_str()), -ENOENT);
     EXPECT_EQ(_key.ReadSSH(nullptr), -ENOENT);
-    EXPECT_EQ(_key.ReadSSH(_directory.c_str()), -EISDIR);
+    EXPECT_EQ(_key.ReadSSH(_directory.Path().c_str()), -EISDIR);
 }
 
 TEST_F(PublicKeyFile, HugeFileIsRefused) { EXPECT_EQ(ReadText(std::string((1 << 20) + 1, 'x')), -EFBIG); }

@@ -37,7 +37,7 @@ protected:
         Write("data", DATA);
         Write("raw", raw);
         Run("ssh-keygen -p -q -m PEM -N '' -f id && openssl pkey -in id -pubout -out pem");
-        return std::system(("cd '" + _directory.string() +
+        return std::system(("cd '" + _directory.Path().string() +
                             "' && openssl dgst -sha1 -verify pem -signature raw data >/dev/null 2>&1")
                                .c_str()) == 0;
     }

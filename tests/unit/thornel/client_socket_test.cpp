@@ -15,6 +15,8 @@
 
 #include <brantle/thornel/file_descriptor.h>
 
+#include "support/temporary_directory.h"
+
 namespace {
 
 std::string Text(String_t const& text) { return text.Text() ? text.Text() : ""; }
@@ -46,15 +48,10 @@ private:
     unsigned short _port;
 };
 
-/// A directory of its own for sockets, removed at the end with what is in it.
+/// A path for a socket in a directory of its own.
 class SocketPath {
 public:
-    SocketPath() { EXPECT_NE(mkdtemp(_directory), nullptr); }
-    ~SocketPath() {
-        unlink(Path().c_str());
-        rmdir(_directory);
-    }
-    std::string Path() const { return std::string(_directory) + "/s"; }
+    std::string Path() const { return _directory / "s"; }
     int Listen(int backlog) const {
         int fd = socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address{};
@@ -66,7 +63,7 @@ public:
     }
 
 private:
-    char _directory[32] = "/tmp/brantle-un-XXXXXX";
+    support::TemporaryDirectory _directory;
 };
 
 TEST(ClientSocketIn, ConnectsToAHostAndPortText) {

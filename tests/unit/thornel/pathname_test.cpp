@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/temporary_directory.h"
+
 namespace {
 
 char const* TakesString(String_t const& text) { return text.Text(); }
@@ -157,18 +159,14 @@ INSTANTIATE_TEST_SUITE_P(Paths, PathnameChExt,
 
 class PathnameGlob : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string name = (std::filesystem::temp_directory_path() / "brantle-glob-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        _dir = name;
+    PathnameGlob() {
         for (char const* file : {"a1.txt", "a2.txt", "b1.txt"}) std::ofstream(_dir / file) << file;
     }
-    void TearDown() override { std::filesystem::remove_all(_dir); }
 
     int Glob(char const* pattern) { return Pathname::Glob(Pathname((_dir / pattern).c_str()), 0, _names); }
     std::string Leaf(int index) const { return Pathname(*_names[index]).Leaf(nullptr).Text(); }
 
-    std::filesystem::path _dir;
+    support::TemporaryDirectory _dir;
     TOList<String_t> _names;
 };
 
@@ -196,7 +194,7 @@ TEST_F(PathnameGlob, NoMatchIsZero) {
 TEST_F(PathnameGlob, UnreadableDirectoryIsAFailureWhenErrorsCount) {
     std::ofstream(_dir / "file") << "x";
     std::filesystem::create_directory_symlink("loop", _dir / "loop");
-    EXPECT_LT(Pathname::Glob(Pathname((_dir / "loop" / "*").c_str()), GLOB_ERR, _names), 0);
+    EXPECT_LT(Pathname::Glob(Pathname((_dir / "loop/*").c_str()), GLOB_ERR, _names), 0);
 }
 
 } // namespace

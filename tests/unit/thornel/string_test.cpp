@@ -235,7 +235,7 @@ TEST(StringGetline, FailingBufferSetsBadbit) {
     String_t line("before");
     EXPECT_FALSE(String_t::Getline(in, line, "\n"));
     EXPECT_TRUE(in.bad());
-    EXPECT_EQ(str_len(line.Text()), 0);
+    EXPECT_EQ(str_len(line.Text()), 0u);
 }
 
 TEST(StringGetline, EndOfInputWithoutTextSetsFailbit) {
