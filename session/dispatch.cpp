@@ -90,12 +90,12 @@ void SshSession::InitDispatcher() {
         {Packet::SSH_MSG_DISCONNECT, &SshSession::HandleDisconnect},
     };
     for (auto const& entry : table) _handlers.Insert(entry._number, entry._handler);
-    _mux.Register(_fd._fd, SshDispatcher(this));
+    _mux.Register(_fd, SshDispatcher(this));
     SshChannel* terminal = _channels.NewTtyChannel(_remoteChannel, "client-session", _windowSize, STDIN_FILENO,
                                                    STDOUT_FILENO, STDERR_FILENO, &_in, &_out);
     _mux.Register(STDIN_FILENO, FdDispatcher(this, terminal));
-    SetNodelay(_fd._fd);
-    SockIO::SetCloseOnExec(_fd._fd);
+    SetNodelay(_fd);
+    SockIO::SetCloseOnExec(_fd);
 }
 
 void SshSession::RegisterFdDispatcher(SshChannel* channel) {
@@ -117,7 +117,7 @@ SshChannel* SshSession::ReplaceChannel(unsigned int id, SshChannelMakerBase cons
 }
 
 int SshSession::Dispatch(int fd) {
-    if (fd != _fd._fd) throw SystemError("invalid input", EINVAL, CryptoException::EncodeInt(fd));
+    if (fd != _fd) throw SystemError("invalid input", EINVAL, CryptoException::EncodeInt(fd));
     int result = 1;
     do {
         PacketDecoder decoder(_in.ReadPacket());

@@ -68,8 +68,8 @@ void SshSession::SetNodelay(int fd) {
 int SshSession::Connect(unsigned int timeout) {
     int error = 0;
     int const fd = _socket.Connect(timeout, error);
-    if (fd != _fd._fd) {
-        if (_fd._fd >= 0) close(_fd._fd);
+    if (fd != _fd) {
+        if (_fd >= 0) close(_fd);
         _fd._fd = fd;
     }
     if (fd < 0) return -error;

@@ -137,7 +137,7 @@ public:
 
     /// The connected socket, for a program that wants to poll it; negative while there is none. And
     /// whether bytes of a further packet have been read from it already.
-    int Fd() const { return _fd._fd; }
+    int Fd() const { return _fd; }
     bool HasBufferedInput() const { return _in.HasBufferedInput(); }
 
     /// What has been agreed and received so far; texts are empty before their step.

@@ -11,6 +11,9 @@ public:
     FileDescriptor(FileDescriptor const&) = delete;
     FileDescriptor& operator=(FileDescriptor const&) = delete;
 
+    /// Reads like the plain descriptor.
+    operator int() const { return _fd; }
+
     int _fd; ///< the descriptor; negative is none
 };
 

@@ -70,6 +70,13 @@ TEST(FileDescriptor, ClosesWhatItOwns) {
     close(given);
 }
 
+TEST(FileDescriptor, ReadsLikeTheDescriptor) {
+    FileDescriptor owner(dup(0));
+    int const plain = owner;
+    EXPECT_EQ(plain, owner._fd);
+    EXPECT_LT(FileDescriptor(), 0);
+}
+
 TEST(FileDescriptor, DescriptorIsItsFirstMember) {
     static_assert(offsetof(FileDescriptor, _fd) == 0, "the descriptor comes first");
     FileDescriptor owner;
