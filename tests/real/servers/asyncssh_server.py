@@ -53,6 +53,17 @@ def widen_forwarded_channels():
     asyncssh.connection.SSHConnection.create_tcp_channel.__defaults__ = (None, "strict", WINDOW, PACKET_SIZE)
 
 
+_tasks = set()
+
+
+def run_task(coroutine):
+    """Runs a coroutine beside the others; the event loop alone would not keep it from being collected."""
+    task = asyncio.ensure_future(coroutine)
+    _tasks.add(task)
+    task.add_done_callback(_tasks.discard)
+    return task
+
+
 class Session(asyncssh.SSHServerSession):
     """One session channel: runs a command, a shell or the SFTP server, and joins it to the channel."""
 
@@ -95,7 +106,7 @@ class Session(asyncssh.SSHServerSession):
         return True
 
     def session_started(self):
-        asyncio.ensure_future(self._run_on_terminal() if self.terminal_type else self._run_on_pipes())
+        run_task(self._run_on_terminal() if self.terminal_type else self._run_on_pipes())
 
     def data_received(self, data, datatype):
         self.input.put_nowait(data)
@@ -132,7 +143,7 @@ class Session(asyncssh.SSHServerSession):
 
     async def _run_on_pipes(self):
         self.process = common.start_piped(self.command, self._environment())
-        feeding = asyncio.ensure_future(self._feed(self.process.stdin))
+        feeding = run_task(self._feed(self.process.stdin))
         await asyncio.gather(self._copy_out(self.process.stdout, None),
                              self._copy_out(self.process.stderr, asyncssh.EXTENDED_DATA_STDERR))
         await self._report_end()
@@ -140,7 +151,7 @@ class Session(asyncssh.SSHServerSession):
 
     async def _run_on_terminal(self):
         self.process, self.master = common.start_on_terminal(self.command, self._environment(), self.window_size)
-        feeding = asyncio.ensure_future(self._feed(os.fdopen(os.dup(self.master), "wb", 0)))
+        feeding = run_task(self._feed(os.fdopen(os.dup(self.master), "wb", 0)))
         await self._copy_out(os.fdopen(os.dup(self.master), "rb", 0), None)
         await self._report_end()
         feeding.cancel()

@@ -23,10 +23,10 @@ HostKey @DIRECTORY@/host_rsa
 HostKey @DIRECTORY@/host_dsa
 PidFile @DIRECTORY@/sshd.pid
 KexAlgorithms diffie-hellman-group-exchange-sha1
-HostKeyAlgorithms ssh-rsa,ssh-dss
+HostKeyAlgorithms @HOST_KEYS@
 PubkeyAcceptedAlgorithms +ssh-rsa,ssh-dss
-Ciphers aes128-ctr,aes128-cbc
-MACs hmac-sha1
+Ciphers @CIPHERS@
+MACs @MACS@
 AuthorizedKeysFile @DIRECTORY@/authorized_keys
 PasswordAuthentication yes
 KbdInteractiveAuthentication yes
@@ -37,6 +37,8 @@ MaxStartups 1000
 X11Forwarding yes
 AllowTcpForwarding yes
 Subsystem sftp /usr/lib/openssh/sftp-server
+Match User @OPEN_USER@
+PermitEmptyPasswords yes
 )";
 
 constexpr char const* USER_PREFIX = "brantle-test-";
@@ -82,13 +84,16 @@ std::vector<std::string> OrphanedUsers() {
 
 std::string ThrowAwayUser::NameFor(pid_t pid) { return USER_PREFIX + std::to_string(pid); }
 
-ThrowAwayUser::ThrowAwayUser(std::string const& home, std::string const& password) {
+ThrowAwayUser::ThrowAwayUser(std::string const& name, std::string const& home, std::string const& password)
+    : _name(name) {
     if (geteuid() != 0) throw std::runtime_error("a system account can be made by root alone");
     for (std::string const& orphan : OrphanedUsers()) RemoveUser(orphan);
-    std::string const name = NameFor(getpid());
     ChangeAccounts(
         {"/usr/sbin/useradd", "--no-create-home", "--home-dir", home, "--shell", "/bin/bash", name});
-    ChangeAccounts({"/usr/sbin/chpasswd"}, name + ":" + password + "\n");
+    if (password.empty())
+        ChangeAccounts({"passwd", "--delete", name});
+    else
+        ChangeAccounts({"/usr/sbin/chpasswd"}, name + ":" + password + "\n");
     passwd const* const entry = getpwnam(name.c_str());
     std::filesystem::create_directory(home);
     if (!entry || chown(home.c_str(), entry->pw_uid, entry->pw_gid) != 0)
@@ -97,27 +102,33 @@ ThrowAwayUser::ThrowAwayUser(std::string const& home, std::string const& passwor
 
 ThrowAwayUser::~ThrowAwayUser() {
     try {
-        RemoveUser(NameFor(getpid()));
+        RemoveUser(_name);
     } catch (std::exception const&) {
         // The next test program removes it as an orphan.
     }
 }
 
-OpensshServer::OpensshServer()
-    : RealServer(ThrowAwayUser::NameFor(getpid()), "An-0pen-Secret"), _account(File("home"), Password()) {
+OpensshServer::OpensshServer(OpensshAlgorithms const& algorithms)
+    : RealServer(ThrowAwayUser::NameFor(getpid()), "An-0pen-Secret"),
+      _account(User(), File("home"), Password()), _openAccount(OpenUser(), File("open_home"), {}) {
     // sshd reads authorized_keys, and its sessions their home, as the user who logs in.
     if (chmod(File("").c_str(), 0711) != 0) throw std::runtime_error("cannot open " + File(""));
     std::filesystem::create_directories("/run/sshd");
-    StartOnFreePort([this](std::uint16_t port) {
-        WriteFile(File("sshd_config"), Configuration(port));
+    StartOnFreePort([&](std::uint16_t port) {
+        WriteFile(File("sshd_config"), Configuration(port, algorithms));
         return std::vector<std::string>{"/usr/sbin/sshd", "-D", "-e", "-f", File("sshd_config")};
     });
 }
 
 OpensshServer::~OpensshServer() { Stop(); }
 
-std::string OpensshServer::Configuration(std::uint16_t port) const {
-    return FillIn(CONFIGURATION, {{"PORT", std::to_string(port)}, {"DIRECTORY", File(".")}});
+std::string OpensshServer::Configuration(std::uint16_t port, OpensshAlgorithms const& algorithms) const {
+    return FillIn(CONFIGURATION, {{"PORT", std::to_string(port)},
+                                  {"DIRECTORY", File(".")},
+                                  {"OPEN_USER", OpenUser()},
+                                  {"CIPHERS", algorithms.ciphers},
+                                  {"MACS", algorithms.macs},
+                                  {"HOST_KEYS", algorithms.hostKeys}});
 }
 
 } // namespace servers

@@ -52,7 +52,7 @@ std::vector<std::string> Environment(std::vector<std::string> const& additions) 
 class OpenFile {
 public:
     OpenFile(std::string const& path, int flags)
-        : _descriptor(open(path.empty() ? "/dev/null" : path.c_str(), flags | O_CLOEXEC, 0600)) {
+        : _descriptor(open(path.empty() ? "/dev/null" : path.c_str(), flags | O_CLOEXEC | O_NOCTTY, 0600)) {
         if (_descriptor < 0) throw LastError(path);
     }
     ~OpenFile() { close(_descriptor); }

@@ -1,0 +1,89 @@
+#ifndef BRANTLE_TESTS_SUPPORT_CLIENT_SESSION_CLIENT_H
+#define BRANTLE_TESTS_SUPPORT_CLIENT_SESSION_CLIENT_H
+
+#include <functional>
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/client/terminal.h"
+#include "support/servers/process.h"
+#include "support/servers/real_server.h"
+#include "support/servers/ssh_agent.h"
+
+namespace client {
+
+/// What a session came to.
+struct Report {
+    /// The result of a step, those of a repeated one joined by commas; empty for a step not reached.
+    std::string operator[](std::string const& step) const;
+
+    std::map<std::string, std::string> steps;
+    std::string output; ///< on descriptor 1
+    std::string errors; ///< on descriptor 2
+    int status = 0;     ///< of the program: 0 unless it crashed, or a sanitizer found something
+};
+
+std::ostream& operator<<(std::ostream& out, Report const& report);
+
+/// Waits for a condition while a process lives; throws std::runtime_error when the process ends first, or
+/// after a minute.
+void WaitUntil(servers::ChildProcess& process, std::function<bool()> const& condition);
+
+/// A program on this library that logs in at a server, in a process and with a home directory of its own.
+/// It has no credential but what it is given, so that a login tells which method took it. Runs of one
+/// object share the home, and with it the hosts known.
+class SessionClient {
+public:
+    explicit SessionClient(servers::RealServer const& server);
+
+    SessionClient& As(std::string const& user) { return Set("user", user); }
+    /// With a private key of the server's directory, and its passphrase.
+    SessionClient& WithKey(std::string const& name, std::string const& passphrase = {});
+    /// With a public key of the server's directory, the private half of which an agent holds.
+    SessionClient& WithKeyInAgent(std::string const& name, servers::SshAgent const& agent);
+    SessionClient& WithPassword(std::string const& password);
+    /// With an answer to every keyboard-interactive prompt.
+    SessionClient& Answering(std::string const& answer) { return Set("answer", answer); }
+    /// Asking for a password on the terminal when the first try, with an empty one, has failed.
+    SessionClient& AskingForAPassword() { return Set("tries", "2").Set("ask", "yes"); }
+    /// Reads that many packets between the login and the channel.
+    SessionClient& ReadingSurplus(unsigned int packets) { return Set("surplus", std::to_string(packets)); }
+
+    SessionClient& WithTerminalType(std::string const& type);
+
+    /// Each runs a session and gives what it came to: as far as the login, as far as the session channel, or
+    /// a command with that input.
+    Report LogIn() const { return Finish(Arguments("login"), {}); }
+    Report OpenChannel() const { return Finish(Arguments("open"), {}); }
+    Report Run(std::string const& command, std::string const& input = {}) const;
+
+    /// Starts a command whose input and output are these descriptors; -1 is /dev/null.
+    std::unique_ptr<servers::ChildProcess> StartCommand(std::string const& command, int input,
+                                                        int output) const;
+    /// Starts a shell (or, for "login", a login alone) with that terminal for its three descriptors.
+    std::unique_ptr<servers::ChildProcess> StartOnTerminal(std::string const& action,
+                                                           Terminal const& terminal) const;
+    /// What a session that was started came to, when it has ended.
+    Report ReportOf(servers::ChildProcess& process) const;
+
+    std::string File(std::string const& name) const { return _files / name; }
+    std::string KnownHosts() const { return File(".ssh/known_hosts"); }
+
+private:
+    SessionClient& Set(std::string const& name, std::string const& value);
+    std::vector<std::string> Arguments(std::string const& action) const;
+    std::vector<std::string> CommandArguments(std::string const& command) const;
+    Report Finish(std::vector<std::string> const& arguments, std::string const& input) const;
+
+    servers::RealServer const& _server;
+    std::map<std::string, std::string> _options;
+    std::vector<std::string> _environment;
+    servers::TemporaryDirectory _files; ///< the home directory too
+};
+
+} // namespace client
+
+#endif
