@@ -21,8 +21,8 @@ namespace cindral {
 /// its construction must not coincide with an operation of another thread.
 class BRANTLE_API SshAgentAccess {
 public:
-    class Rep;
-    class IteratorRep;
+    class BRANTLE_LOCAL Rep;
+    class BRANTLE_LOCAL IteratorRep;
     class Iterator;
 
     static char const* const SSH_AUTH_SOCK; ///< "SSH_AUTH_SOCK"
