@@ -27,7 +27,7 @@ function(brantle_shared_library name)
   target_compile_features(${name} PUBLIC cxx_std_17)
   # Built for size, as small targets are among those served: the time goes into libcrypto and the
   # kernel. Calls inside a library are bound when it is linked.
-  target_compile_options(${name} PRIVATE -fno-plt $<$<CONFIG:Release>:-Os>
+  target_compile_options(${name} PRIVATE -fno-plt -fno-semantic-interposition $<$<CONFIG:Release>:-Os>
     $<$<AND:$<CONFIG:Release>,$<CXX_COMPILER_ID:GNU>>:-flto=auto>)
   target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,-Bsymbolic-functions
     -Wl,-z,noseparate-code ${BRANTLE_RELR})

@@ -1,6 +1,7 @@
 #include <brantle/cindral/sock_stream_adapter.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace cindral {
@@ -14,6 +15,12 @@ int ISockStreamAdapter::Fill() {
     int filled = _layer.get(_start, _start + _capacity);
     _end = _start + std::max(filled, 0);
     return filled;
+}
+
+int ISockStreamAdapter::Fetch(char* begin, char* end) {
+    if (end - begin < static_cast<std::ptrdiff_t>(_capacity)) return ISockStream::Fetch(begin, end);
+    FlushTied();
+    return _layer.get(begin, end);
 }
 
 OSockStreamAdapter::OSockStreamAdapter(CascadableStreamBuf& layer) : _layer(layer) {}

@@ -24,7 +24,7 @@ int OStringBuffer::put(char const* begin, char const* end) {
     auto count = static_cast<std::size_t>(end - begin);
     if (count == 0) return 0;
     if (count > _capacity - _length) Reserve(count);
-    std::memcpy(_data + _length, begin, count);
+    std::copy_n(begin, count, _data + _length);
     _length += count;
     return static_cast<int>(count);
 }

@@ -16,9 +16,10 @@ ByteString::Srep* NewRep(unsigned int length) {
     return rep;
 }
 
-/// memcpy that takes a null source for no bytes.
+/// Copies bytes; a null source is no bytes. A memmove stays a call into the C library, where a memcpy
+/// built for size becomes a copy byte by byte.
 void Copy(unsigned char* to, void const* from, unsigned int length) {
-    if (length > 0) std::memcpy(to, from, length);
+    if (length > 0) std::memmove(to, from, length);
 }
 
 } // namespace

@@ -114,13 +114,17 @@ ISockStream::ISockStream(OSockStream* tied)
 
 ISockStream::~ISockStream() = default;
 
-int ISockStream::Refill() {
+void ISockStream::FlushTied() {
     if (_tied) _tied->Flush();
+}
+
+int ISockStream::Refill() {
+    FlushTied();
     return Fill();
 }
 
 int ISockStream::Fill() {
-    if (_tied) _tied->Flush();
+    FlushTied();
     return NoteFilled(_failure ? -1 : _io.Read(_start, _capacity, _timeout));
 }
 
@@ -158,15 +162,21 @@ void ISockStream::Bind(int fd) {
 void ISockStream::Unbind() { ISockStream::Bind(-1); }
 
 ISockStream& ISockStream::Read(char* data, int size) {
-    _gcount = 0;
+    _gcount = static_cast<int>(TakeBuffered(data, data + size));
     while (_gcount < size) {
-        if (_pos >= _end && Refill() < 1) {
+        int const fetched = Fetch(data + _gcount, data + size);
+        if (fetched < 1) {
             SetStatus(Status() | END_OF_INPUT);
             break;
         }
-        _gcount += static_cast<int>(TakeBuffered(data + _gcount, data + size));
+        _gcount += fetched;
     }
     return *this;
+}
+
+int ISockStream::Fetch(char* begin, char* end) {
+    int const filled = Refill();
+    return filled < 1 ? filled : static_cast<int>(TakeBuffered(begin, end));
 }
 
 ISockStream& ISockStream::Readln(String_t& line, char const* eol) {

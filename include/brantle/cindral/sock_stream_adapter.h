@@ -20,6 +20,10 @@ public:
     /// Fetches from the layer, with its result.
     int Fill() override;
 
+protected:
+    /// Takes a range as large as the window straight from the layer.
+    int Fetch(char* begin, char* end) override;
+
 private:
     CascadableStreamBuf& _layer;
 };

@@ -122,8 +122,14 @@ public:
     unsigned int _timeout;
 
 protected:
+    /// Flushes the tied stream, if there is one.
+    void FlushTied();
     /// Flushes the tied stream, then calls Fill().
     int Refill();
+    /// Stores a part of a range that Read wants, with an empty window: here what a Refill() brings. A
+    /// derived class may fetch large ranges past the window. Returns the number of bytes, 0 at the end
+    /// of the input, a negative value on failure.
+    virtual int Fetch(char* begin, char* end);
 
 private:
     int FillLine(char last);
