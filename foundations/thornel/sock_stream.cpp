@@ -162,7 +162,7 @@ void ISockStream::Bind(int fd) {
 void ISockStream::Unbind() { ISockStream::Bind(-1); }
 
 ISockStream& ISockStream::Read(char* data, int size) {
-    _gcount = static_cast<int>(TakeBuffered(data, data + size));
+    _gcount = size > 0 ? static_cast<int>(TakeBuffered(data, data + size)) : 0;
     while (_gcount < size) {
         int const fetched = Fetch(data + _gcount, data + size);
         if (fetched < 1) {

@@ -75,6 +75,26 @@ TEST(ISockStreamAdapter, FillHandsOnTheResultOfTheLayer) {
     EXPECT_EQ(failing.Get(byte), -1);
 }
 
+TEST(ISockStreamAdapter, LargeRangesPassTheWindowBy) {
+    std::string const text = "head" + std::string(3 * ISockStream::BUFFER_SIZE, 'b') + "tail";
+    IStringBuffer memory(text.data(), static_cast<unsigned int>(text.size()));
+    Fence fence(&memory);
+    ISockStreamAdapter in(fence);
+    fence._allowed = static_cast<int>(text.size()) - 4;
+    std::string read(4 + 3 * ISockStream::BUFFER_SIZE, '-');
+    in.Read(read.data(), 4);
+    in.Read(read.data() + 4, 3 * ISockStream::BUFFER_SIZE);
+    EXPECT_EQ(in.Gcount(), static_cast<int>(3 * ISockStream::BUFFER_SIZE));
+    EXPECT_EQ(in.Status(), 0u);
+    EXPECT_EQ(read, text.substr(0, text.size() - 4));
+    std::string rest(ISockStream::BUFFER_SIZE, '-');
+    fence._allowed = 2;
+    in.Read(rest.data(), ISockStream::BUFFER_SIZE);
+    EXPECT_EQ(in.Gcount(), 2);
+    EXPECT_EQ(in.Status(), SockStream::END_OF_INPUT);
+    EXPECT_EQ(rest.substr(0, 3), "ta-");
+}
+
 TEST(ISockStreamAdapter, LinesComeOutOfTheLayer) {
     IStringBuffer memory("one\ntwo");
     ISockStreamAdapter in(memory);

@@ -200,6 +200,16 @@ TEST_F(SockStreams, ReadDeliversExactlyTheBytesWanted) {
     EXPECT_EQ(_in._end - _in._pos, 2);
 }
 
+TEST_F(SockStreams, ReadOfFewerThanNoBytesTakesNothing) {
+    _pair.Send("abc");
+    char bytes[8];
+    _in.Read(bytes, 1);
+    _in.Read(bytes, -1);
+    EXPECT_EQ(_in.Gcount(), 0);
+    EXPECT_EQ(_in.Status(), 0u);
+    EXPECT_EQ(_in._end - _in._pos, 2);
+}
+
 TEST_F(SockStreams, ReadAtTheEndTellsHowManyCame) {
     _pair.Send("abc");
     _pair.ClosePeer();
