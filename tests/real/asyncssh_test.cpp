@@ -31,6 +31,7 @@ TEST_F(Asyncssh, AgreesOnTheFirstChoices) {
 TEST_F(Asyncssh, LetsOpenUserInWithNothing) { ExpectOpenUserNeedsNothing(ThePeer(), TheServer().OpenUser()); }
 TEST_F(Asyncssh, TakesKeys) { ExpectKeyLogins(ThePeer()); }
 TEST_F(Asyncssh, TakesEncryptedKeysWithTheirPassphrase) { ExpectEncryptedKeyLogins(ThePeer()); }
+TEST_F(Asyncssh, RefusesWrongPassphrase) { ExpectWrongPassphraseRefused(ThePeer()); }
 TEST_F(Asyncssh, TakesDefaultKeys) { ExpectDefaultKeyLogins(ThePeer()); }
 TEST_F(Asyncssh, TakesKeysOfAnAgent) { ExpectAgentLogins(ThePeer()); }
 TEST_F(Asyncssh, RefusesUnknownKey) { ExpectUnknownKeyRefused(ThePeer()); }

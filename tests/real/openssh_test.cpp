@@ -30,6 +30,7 @@ protected:
 TEST_F(Openssh, LetsOpenUserInWithNothing) { ExpectOpenUserNeedsNothing(ThePeer(), TheServer().OpenUser()); }
 TEST_F(Openssh, TakesKeys) { ExpectKeyLogins(ThePeer()); }
 TEST_F(Openssh, TakesEncryptedKeysWithTheirPassphrase) { ExpectEncryptedKeyLogins(ThePeer()); }
+TEST_F(Openssh, RefusesWrongPassphrase) { ExpectWrongPassphraseRefused(ThePeer()); }
 TEST_F(Openssh, TakesDefaultKeys) { ExpectDefaultKeyLogins(ThePeer()); }
 TEST_F(Openssh, TakesKeysOfAnAgent) { ExpectAgentLogins(ThePeer()); }
 TEST_F(Openssh, RefusesUnknownKey) { ExpectUnknownKeyRefused(ThePeer()); }

@@ -31,6 +31,7 @@ TEST_F(Paramiko, AgreesOnTheFirstChoices) {
 TEST_F(Paramiko, LetsOpenUserInWithNothing) { ExpectOpenUserNeedsNothing(ThePeer(), TheServer().OpenUser()); }
 TEST_F(Paramiko, TakesKeys) { ExpectKeyLogins(ThePeer()); }
 TEST_F(Paramiko, TakesEncryptedKeysWithTheirPassphrase) { ExpectEncryptedKeyLogins(ThePeer()); }
+TEST_F(Paramiko, RefusesWrongPassphrase) { ExpectWrongPassphraseRefused(ThePeer()); }
 TEST_F(Paramiko, TakesDefaultKeys) { ExpectDefaultKeyLogins(ThePeer()); }
 TEST_F(Paramiko, TakesKeysOfAnAgent) { ExpectAgentLogins(ThePeer()); }
 TEST_F(Paramiko, RefusesUnknownKey) { ExpectUnknownKeyRefused(ThePeer()); }

@@ -95,8 +95,11 @@ void ExpectEncryptedKeyLogins(Peer const& peer) {
             SessionClient client(peer.server);
             client.WithKey(key + format, servers::KEY_PASSPHRASE).ReadingSurplus(peer.surplusAfterKey);
             ExpectWelcome(client);
-            ExpectRefused(SessionClient(peer.server).WithKey(key + format, "wrong"));
         }
+}
+
+void ExpectWrongPassphraseRefused(Peer const& peer) {
+    ExpectRefused(SessionClient(peer.server).WithKey("user_rsa.openssh.encrypted", "wrong"));
 }
 
 void ExpectDefaultKeyLogins(Peer const& peer) {
@@ -220,7 +223,7 @@ void ExpectShellOnTerminal(Peer const& peer) {
     client::Terminal terminal(133, 41);
     termios const before = terminal.Settings();
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.surplusAfterKey).WithTerminalType("vt220");
+    client.WithKey("user_rsa").ReadingSurplus(peer.surplusAfterKey).WithVariable("TERM=vt220");
     auto const session = client.StartOnTerminal("shell", terminal);
     client::WaitUntil(*session, [&] { return terminal.IsRaw(); });
     terminal.Type("stty size; echo type=$TERM" + peer.lastWords + "; exit\r");

@@ -21,6 +21,7 @@ struct Peer {
 void ExpectOpenUserNeedsNothing(Peer const& peer, std::string const& openUser);
 void ExpectKeyLogins(Peer const& peer);
 void ExpectEncryptedKeyLogins(Peer const& peer);
+void ExpectWrongPassphraseRefused(Peer const& peer);
 void ExpectDefaultKeyLogins(Peer const& peer);
 void ExpectAgentLogins(Peer const& peer);
 void ExpectUnknownKeyRefused(Peer const& peer);

@@ -43,8 +43,11 @@ std::ostream& operator<<(std::ostream& out, Report const& report) {
 
 void WaitUntil(servers::ChildProcess& process, std::function<bool()> const& condition) {
     auto const limit = std::chrono::steady_clock::now() + WAIT_LIMIT;
-    while (!condition()) {
-        if (!process.IsRunning()) throw std::runtime_error("the program ended too early");
+    for (;;) {
+        // Asked first: what a process does last still counts.
+        bool const isRunning = process.IsRunning();
+        if (condition()) return;
+        if (!isRunning) throw std::runtime_error("the program ended too early");
         if (std::chrono::steady_clock::now() > limit) throw std::runtime_error("waited for too long");
         std::this_thread::sleep_for(POLL_INTERVAL);
     }
@@ -76,8 +79,8 @@ SessionClient& SessionClient::WithPassword(std::string const& password) {
     return Set("password", password).Set("tries", "1");
 }
 
-SessionClient& SessionClient::WithTerminalType(std::string const& type) {
-    _environment.push_back("TERM=" + type);
+SessionClient& SessionClient::WithVariable(std::string const& variable) {
+    _environment.push_back(variable);
     return *this;
 }
 

@@ -52,7 +52,8 @@ public:
     /// Reads that many packets between the login and the channel.
     SessionClient& ReadingSurplus(unsigned int packets) { return Set("surplus", std::to_string(packets)); }
 
-    SessionClient& WithTerminalType(std::string const& type);
+    /// With "NAME=VALUE" in its environment.
+    SessionClient& WithVariable(std::string const& variable);
 
     /// Each runs a session and gives what it came to: as far as the login, as far as the session channel, or
     /// a command with that input.
