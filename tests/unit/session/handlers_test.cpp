@@ -36,16 +36,14 @@ ByteString Packed(Bytes payload, std::size_t padding = 19, unsigned char value =
 
 Bytes Word(unsigned char low) { return {0, 0, 0, low}; }
 
-Bytes Text(std::string const& text) {
-    Bytes bytes = Word(static_cast<unsigned char>(text.size()));
-    bytes.insert(bytes.end(), text.begin(), text.end());
-    return bytes;
-}
-
 Bytes Joined(std::vector<Bytes> const& fields) {
     Bytes all;
     for (Bytes const& field : fields) all.insert(all.end(), field.begin(), field.end());
     return all;
+}
+
+Bytes Text(std::string const& text) {
+    return Joined({Word(static_cast<unsigned char>(text.size())), Bytes(text.begin(), text.end())});
 }
 
 /// Sender's number 5, window 1, packet size 2, and what follows.
