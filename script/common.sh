@@ -40,7 +40,7 @@ apt_install() { apt-get install --yes --no-install-recommends "$@"; }
 build() {
     local preset=$1
     shift
-    cmake --preset "$preset" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >"build/$preset.log" ||
+    cmake --preset "$preset" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DBRANTLE_BUILD_BENCH=ON >"build/$preset.log" ||
         { cat "build/$preset.log" && return 1; }
     cmake --build --preset "$preset" ${1:+--target "$@"}
 }
