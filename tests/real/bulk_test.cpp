@@ -27,8 +27,9 @@ constexpr std::size_t BULK = std::size_t{1} << 30;
 constexpr std::size_t PIECE = 65536;
 
 /// How much larger the client may become while the data passes: its buffers are built by then, and a page
-/// here and there is touched for the first time.
-constexpr long GROWTH_LIMIT_KIB = 4096;
+/// here and there is touched for the first time. Sanitizers keep some megabytes more, such as the stacks of
+/// functions that have returned.
+constexpr long GROWTH_LIMIT_KIB = BUILT_WITH_SANITIZER ? 16384 : 4096;
 
 /// Bytes among which none can be lost, doubled or moved unseen: the key stream of AES in counter mode, with a
 /// key and a counter of zeros.

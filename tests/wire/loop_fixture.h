@@ -72,7 +72,7 @@ public:
     }
 
 private:
-    static constexpr int MOST = 16;
+    static constexpr int MOST = 256; // more than are open: sanitizers open some of their own
 
     rlimit _before{};
     AtOnce _lower{[this] {
