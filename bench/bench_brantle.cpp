@@ -138,6 +138,7 @@ public:
     explicit BenchSession(Target const& target)
         : SshSession(CLIENT, target._port, String_t(target._host)) {
         if (int const error = Connect(CONNECT_SECONDS); error < 0) Die("connect: " + std::to_string(error));
+        SetNodelay(Fd()); // as the programs of the other clients do
         if (KeyExchange() < 0) Die("key exchange failed");
         EnterPassword none(0, String_t());
         KbdCopyCallback empty((String_t()));
