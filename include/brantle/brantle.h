@@ -92,4 +92,13 @@
 #include <brantle/apps/ssh_cmd_session.h>
 #include <brantle/apps/ssh_interactive_session.h>
 
+#include <brantle/sftp/sftp_file_attr.h>
+#include <brantle/sftp/sftp_file_handle.h>
+#include <brantle/sftp/sftp_name.h>
+#include <brantle/sftp/sftp_packet.h>
+#include <brantle/sftp/sftp_replies.h>
+#include <brantle/sftp/sftp_requests.h>
+#include <brantle/sftp/sftp_status.h>
+#include <brantle/sftp/sftp_string.h>
+
 #endif

@@ -1,0 +1,29 @@
+#ifndef BRANTLE_SFTP_SFTP_NAME_H
+#define BRANTLE_SFTP_SFTP_NAME_H
+
+#include <brantle/export.h>
+#include <brantle/sftp/sftp_file_attr.h>
+#include <brantle/thornel/sock_stream.h>
+#include <brantle/thornel/string_t.h>
+#include <generic/tolist>
+
+namespace cindral {
+
+/// A directory entry as the server tells it. The texts are the server's, whatever they hold.
+class BRANTLE_API SftpName {
+public:
+    String_t _filename;
+    String_t _longname; ///< the entry as a line of a listing
+    SftpFileAttr _attrs;
+};
+
+BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpName const& name);
+/// An empty text fails, as with ReadSftpString.
+BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpName& name);
+
+/// The number of names, then each.
+BRANTLE_API OSockStream& operator<<(OSockStream& out, TOList<SftpName> const& names);
+
+} // namespace cindral
+
+#endif
