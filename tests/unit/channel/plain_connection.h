@@ -28,6 +28,20 @@ public:
     PlainConnection(PlainConnection const&) = delete;
     PlainConnection& operator=(PlainConnection const&) = delete;
 
+    /// Lets a packet with that payload come in.
+    void Receive(Bytes const& payload) {
+        unsigned char const padding = 4;
+        auto const length = static_cast<unsigned int>(1 + payload.size() + padding);
+        Bytes packet{static_cast<unsigned char>(length >> 24), static_cast<unsigned char>(length >> 16),
+                     static_cast<unsigned char>(length >> 8), static_cast<unsigned char>(length), padding};
+        packet.insert(packet.end(), payload.begin(), payload.end());
+        packet.insert(packet.end(), padding, 0);
+        EXPECT_EQ(static_cast<ssize_t>(packet.size()), send(_fds[1], packet.data(), packet.size(), 0));
+    }
+
+    /// Lets the far end close both directions.
+    void HangUp() { EXPECT_EQ(0, shutdown(_fds[1], SHUT_RDWR)); }
+
     /// The payloads of all packets that have been written since the last call.
     std::vector<Bytes> Sent() {
         Bytes wire(1 << 18);
@@ -45,11 +59,11 @@ public:
 private:
     cindral::BlockCipher _outCipher;
     cindral::BlockCipher _inCipher;
-    cindral::Mac _outMac;
-    cindral::Mac _inMac;
     int _fds[2];
 
 public:
+    cindral::Mac _outMac;
+    cindral::Mac _inMac;
     cindral::OSshPacketStream _out;
     cindral::ISshPacketStream _in;
 };

@@ -1,0 +1,82 @@
+#ifndef BRANTLE_CHANNEL_SSH_DATA_STREAM_H
+#define BRANTLE_CHANNEL_SSH_DATA_STREAM_H
+
+#include <brantle/export.h>
+#include <brantle/packet/packet_stream.h>
+#include <brantle/thornel/byte_string.h>
+#include <brantle/thornel/sock_stream.h>
+
+namespace cindral {
+
+// The session channel as a pair of blocking byte streams, for work that runs without the event loop. Neither
+// stream has a descriptor: Bind and Unbind are of no use here. The packet streams and the window belong to
+// the session and must outlive the data streams. Both streams of a session belong to one thread, as the input
+// stream writes too.
+
+/// Sends what is written as CHANNEL_DATA (RFC 4254, section 5.2), each of at most MAX_DATA bytes, once
+/// that many are buffered or Flush is called. So a protocol of requests flushes behind each one.
+///
+/// Windows of the peer's are not waited for; what has been sent is granted to the peer by the rule of
+/// CheckForWindowAdjust.
+class BRANTLE_API OSshDataStream : public OSockStream {
+public:
+    /// Most bytes in one message.
+    static constexpr unsigned int MAX_DATA = BUFFER_SIZE - 48;
+
+    /// `remoteChannel` is the recipient number of every message, `windowSize` in bytes is looked up afresh
+    /// on each check.
+    OSshDataStream(OSshPacketStream& out, unsigned int remoteChannel, unsigned int const& windowSize);
+    /// Flushes. What goes wrong with it, as an Except, is dropped.
+    ~OSshDataStream() override;
+
+    /// Sends what is buffered as one message, and blocks until it is written. Returns the number of bytes.
+    /// What WritePacket throws passes through, and the bytes stay.
+    int Flush() override;
+
+    /// Sends a WINDOW_ADJUST when the bytes written on the connection have used up two thirds of the window,
+    /// and starts counting anew.
+    void CheckForWindowAdjust();
+
+    OSshPacketStream& _out;
+    unsigned int _remoteChannel;
+    unsigned int const& _windowSize;
+};
+
+/// Reads the data of the peer's CHANNEL_DATA messages, whatever channel number they carry.
+///
+/// There is no end of file: the protocol on the channel says where its data ends. WINDOW_ADJUST and channel
+/// requests, "exit-status" among them, are skipped; any other message, CHANNEL_EOF and CHANNEL_CLOSE
+/// too, leaves a read as the SshProtocolError of PacketChannelData. What ReadPacket throws passes through as
+/// well. The destructor drops what has not been read.
+class BRANTLE_API ISshDataStream : public ISockStream {
+public:
+    /// As for OSshDataStream; `out` takes the window adjustments. The stream is not tied.
+    ISshDataStream(ISshPacketStream& in, OSshPacketStream& out, unsigned int remoteChannel,
+                   unsigned int const& windowSize);
+    ~ISshDataStream() override;
+
+    /// Fills the window, whatever it holds, from the last message or else from the next one that has data.
+    /// Returns the number of bytes, 0 if the packet stream has ended within a packet's MAC.
+    int Fill() override;
+
+    /// As in OSshDataStream, for the bytes read on the connection.
+    void CheckForWindowAdjust();
+
+    ISshPacketStream& _in;
+    OSshPacketStream& _out;
+    unsigned int _remoteChannel;
+    ByteString _pending; ///< rest of the last message
+    unsigned int const& _windowSize;
+
+protected:
+    /// Takes a range as large as the window straight from the message.
+    int Fetch(char* begin, char* end) override;
+
+private:
+    bool Receive();
+    unsigned int TakePending(char* to, unsigned int room);
+};
+
+} // namespace cindral
+
+#endif

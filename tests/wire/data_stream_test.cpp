@@ -1,0 +1,132 @@
+// The session channel as a pair of byte streams, without the loop.
+
+#include <brantle/channel/ssh_data_stream.h>
+
+#include "wire/apps_fixture.h"
+
+using namespace peer;
+using testing::ElementsAre;
+
+namespace {
+
+/// A session with streams that are there before its channel is, as programs have them.
+class StreamSession : public TestSession {
+public:
+    using TestSession::TestSession;
+
+    cindral::OSshDataStream output{_out, 0, _windowSize};
+    cindral::ISshDataStream input{_in, _out, 0, _windowSize};
+};
+
+class DataStreams : public AppTest {
+protected:
+    /// What the client's work on an open channel came to. The server's number of the channel is 42.
+    std::string Run(Script const& script, std::function<int(StreamSession&)> const& client) {
+        Serve([script](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            script(c);
+        });
+        std::string outcome;
+        {
+            StreamSession session(server->Port());
+            Login(session);
+            EXPECT_EQ(session.Open(), 0);
+            EXPECT_EQ(session._remoteChannel, 42u);
+            outcome = Outcome([&] { return client(session); });
+        }
+        server->Finish();
+        return outcome;
+    }
+
+    /// The window adjustments among the client's messages: what each grants.
+    std::vector<std::uint32_t> Granted() const {
+        std::vector<std::uint32_t> grants;
+        for (Bytes const& payload : Sent()) {
+            Reader reader(payload);
+            if (reader.U8() != CHANNEL_WINDOW_ADJUST) continue;
+            EXPECT_EQ(reader.U32(), 0u);
+            grants.push_back(reader.U32());
+        }
+        return grants;
+    }
+};
+
+} // namespace
+
+TEST_F(DataStreams, MessagesGoToChannel0WhateverNumberThePeerHas) {
+    EXPECT_EQ(Run(
+                  [](Connection& c) {
+                      c.ExpectPacket(CHANNEL_DATA);
+                      c.SendData("answer\n");
+                  },
+                  [](StreamSession& session) {
+                      session.output.Writeln("question", "\n");
+                      session.output.Flush();
+                      String_t line;
+                      session.input.Readln(line, "\n");
+                      EXPECT_EQ(Text(line), "answer");
+                      session.output.Put('.');
+                      return session.input.Gcount();
+                  }),
+              "0");
+    EXPECT_THAT(Sent(), ElementsAre(OpenRequest(), Data("question\n"), Data(".")));
+}
+
+TEST_F(DataStreams, WhatIsSentIsGrantedAboveTwoThirdsOfTheWindow) {
+    EXPECT_EQ(Run([](Connection&) {},
+                  [](StreamSession& session) {
+                      std::string const block(8144, 'x');
+                      for (int i = 0; i < 200; ++i) session.output.Write(block.data(), 8144);
+                      return session.output.Flush();
+                  }),
+              "8144");
+    EXPECT_THAT(Granted(), ElementsAre(testing::AllOf(testing::Gt(1398102u), testing::Lt(1398102u + 8300))));
+    EXPECT_EQ(Sent().size(), 202u);
+}
+
+TEST_F(DataStreams, WhatIsReadIsGrantedAboveTwoThirdsOfTheWindow) {
+    std::string const block(32768, 'x');
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      for (int i = 0; i < 50; ++i) c.SendData(block);
+                  },
+                  [&](StreamSession& session) {
+                      std::string bytes(block.size(), '\0');
+                      for (int i = 0; i < 50; ++i) {
+                          session.input.Read(bytes.data(), 32768);
+                          EXPECT_EQ(bytes, block);
+                      }
+                      return static_cast<int>(session.input.Status());
+                  }),
+              "0");
+    EXPECT_THAT(Granted(), ElementsAre(testing::AllOf(testing::Gt(1398102u), testing::Lt(1398102u + 32900))));
+}
+
+TEST_F(DataStreams, EndOfTheChannelThrowsOutOfARead) {
+    for (std::uint8_t type : {CHANNEL_EOF, CHANNEL_CLOSE}) {
+        EXPECT_EQ(Run(
+                      [type](Connection& c) {
+                          c.SendExitStatus(0);
+                          c.SendChannelMessage(type);
+                      },
+                      [](StreamSession& session) {
+                          char c = 0;
+                          return session.input.Get(c);
+                      }),
+                  "SshProtocolError: expected CHANNEL_DATA package, received: " + std::to_string(type));
+    }
+}
+
+TEST_F(DataStreams, ResetInAMacsPlaceEndsTheInput) {
+    EXPECT_EQ(Run(
+                  [](Connection& c) {
+                      Bytes const packet = c.Encode(Data("x"));
+                      c.SendRaw(Slice(packet, 0, packet.size() - 20));
+                      c.Wire().Reset();
+                  },
+                  [](StreamSession& session) {
+                      session.output.Put('x'); // goes out as the streams go, and nobody is there
+                      return session.input.Fill();
+                  }),
+              "0");
+}
