@@ -90,6 +90,7 @@
 #include <brantle/session/kbd_interactive.h>
 #include <brantle/session/ssh_session.h>
 
+#include <brantle/apps/scp_session.h>
 #include <brantle/apps/ssh_cmd_session.h>
 #include <brantle/apps/ssh_interactive_session.h>
 

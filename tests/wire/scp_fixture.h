@@ -1,0 +1,184 @@
+#ifndef TESTS_WIRE_SCP_FIXTURE_H
+#define TESTS_WIRE_SCP_FIXTURE_H
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <string>
+#include <system_error>
+
+#include <sys/stat.h>
+
+#include <brantle/apps/scp_session.h>
+
+#include "support/temporary_directory.h"
+#include "wire/apps_fixture.h"
+
+/// A session that lets tests see and call what programs can't.
+class ScpClient : public cindral::ScpSession {
+public:
+    explicit ScpClient(std::uint16_t port) : ScpSession(port, "127.0.0.1") {}
+
+    using ScpSession::_input;
+    using ScpSession::ParseCLine;
+    using ScpSession::Readln;
+    using ScpSession::ReadResponse;
+};
+
+/// The scp program's side of the channel, in the hands of a script.
+class RemoteScp {
+public:
+    explicit RemoteScp(peer::Connection& connection) : _connection(connection) {}
+
+    /// Grants the channel and gives the command.
+    std::string TakeCommand() {
+        _connection.ConfirmOpen();
+        peer::ChannelRequest const request = _connection.ReadChannelRequest();
+        if (request.type != "exec") throw peer::PeerError("a request of type " + request.type);
+        return peer::Reader(request.rest).String();
+    }
+
+    void Send(std::string_view bytes) { _connection.SendData(bytes); }
+    void Acknowledge() { Send(std::string(1, '\0')); }
+    /// In place of any further message: a packet the MAC of which never comes. REQUIRES: the client has
+    /// nothing more to send before it reads, or it would learn of the end by that.
+    void Break() {
+        peer::Bytes const packet = _connection.Encode(Data("\1"));
+        _connection.SendRaw(peer::Slice(packet, 0, packet.size() - 20));
+        _connection.Wire().Reset();
+    }
+
+    std::string Read(std::size_t count) {
+        while (_bytes.size() < count) {
+            peer::Reader reader = _connection.ExpectPacket(peer::CHANNEL_DATA);
+            if (reader.U32() != 0) throw peer::PeerError("data for another channel");
+            _bytes += reader.String();
+        }
+        std::string const taken = _bytes.substr(0, count);
+        _bytes.erase(0, count);
+        return taken;
+    }
+    std::string ReadLine() {
+        std::string line;
+        while (line.empty() || line.back() != '\n') line += Read(1);
+        return line;
+    }
+    void ExpectAcknowledgement() {
+        if (Read(1)[0] != 0) throw peer::PeerError("no acknowledgement");
+    }
+
+    /// Takes a file, if all goes well.
+    void TakeFile(std::size_t size) {
+        ReadLine();
+        Acknowledge();
+        Read(size);
+        ExpectAcknowledgement();
+        Acknowledge();
+    }
+    /// Gives a file, if all goes well.
+    void GiveFile(std::string const& head, std::string const& body) {
+        ExpectAcknowledgement();
+        Send(head);
+        ExpectAcknowledgement();
+        for (std::size_t at = 0; at < body.size(); at += 32768)
+            Send(std::string_view(body).substr(at, 32768));
+        Acknowledge();
+    }
+
+private:
+    peer::Connection& _connection;
+    std::string _bytes;
+};
+
+/// Transfers from and to a directory of the test's own. The server's number of the channel is 42.
+class ScpTest : public AppTest {
+protected:
+    /// What the client's call came to, behind a login; the server's script begins at the opening of the
+    /// channel.
+    std::string Run(std::function<void(RemoteScp&)> const& script,
+                    std::function<int(ScpClient&)> const& client) {
+        return RunWith(
+            [script](peer::Connection& c) {
+                RemoteScp remote(c);
+                script(remote);
+            },
+            client);
+    }
+    std::string RunWith(Script const& script, std::function<int(ScpClient&)> const& client) {
+        Serve([script](peer::Connection& c) {
+            c.WellBehaved(peer::Stage::Authenticated);
+            script(c);
+        });
+        std::string outcome;
+        {
+            ScpClient session(server->Port());
+            Login(session);
+            std::size_t const before = OpenDescriptors();
+            outcome = Outcome([&] { return client(session); });
+            EXPECT_EQ(OpenDescriptors(), before);
+        }
+        server->Finish();
+        return outcome;
+    }
+
+    /// Descriptors of files in the directory.
+    std::size_t OpenDescriptors() const {
+        std::size_t count = 0;
+        for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            auto const target = std::filesystem::read_symlink(entry.path(), gone).string();
+            count += !gone && target.rfind(directory / "", 0) == 0;
+        }
+        return count;
+    }
+
+    String_t Directory() const { return directory.Path().c_str(); }
+    std::string Path(std::string const& name) const { return directory / name; }
+
+    void Store(std::string const& name, std::string const& text, mode_t mode = 0644) {
+        std::ofstream(Path(name), std::ios::binary) << text;
+        chmod(Path(name).c_str(), mode);
+    }
+    std::string Stored(std::string const& name) const {
+        std::ifstream file(Path(name), std::ios::binary);
+        EXPECT_TRUE(file) << name;
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+    /// Names in the directory, in order and each behind a blank.
+    std::string Names() const {
+        std::vector<std::string> names;
+        for (auto const& entry : std::filesystem::directory_iterator(directory.Path()))
+            names.push_back(entry.path().filename());
+        std::sort(names.begin(), names.end());
+        std::string text;
+        for (auto const& name : names) text += " " + name;
+        return text;
+    }
+    mode_t ModeOf(std::string const& name) const {
+        struct stat status {};
+        EXPECT_EQ(stat(Path(name).c_str(), &status), 0);
+        return status.st_mode & 07777;
+    }
+
+    static TOList<String_t> List(std::initializer_list<char const*> names) {
+        TOList<String_t> list;
+        for (char const* name : names) list.Append(name);
+        return list;
+    }
+    static peer::Bytes Exec(std::string const& command) { return Request("exec").String(command); }
+    /// CHANNEL_DATA that is one octet 0.
+    static peer::Bytes Null() { return Data(std::string(1, '\0')); }
+    /// That many characters, no two neighbours of which are the same.
+    static std::string Pattern(std::size_t size) {
+        std::string text(size, '\0');
+        for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + i % 23);
+        return text;
+    }
+
+    support::TemporaryDirectory directory;
+};
+
+#endif

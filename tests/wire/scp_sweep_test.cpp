@@ -1,0 +1,126 @@
+// Transfers with the connection cut after each byte of the server's in turn, and with each message of its
+// replaced by others: the result or exception says so, and nothing stays open.
+
+#include "wire/scp_fixture.h"
+
+using namespace peer;
+
+namespace {
+
+/// A transfer of one file in one direction.
+struct Direction {
+    std::string name;
+    std::function<void(RemoteScp&)> remote;
+    std::function<int(ScpClient&, String_t const& directory)> client;
+};
+
+Direction const directions[] = {
+    {"Sending",
+     [](RemoteScp& remote) {
+         remote.TakeCommand();
+         remote.Acknowledge();
+         remote.TakeFile(5);
+     },
+     [](ScpClient& session, String_t const& directory) { return session.SendFile(directory, "t", "sent"); }},
+    {"Receiving",
+     [](RemoteScp& remote) {
+         remote.TakeCommand();
+         remote.GiveFile("C0644 5 name\n", "world");
+     },
+     [](ScpClient& session, String_t const& directory) {
+         return session.ReceiveFile("", directory, "received");
+     }},
+};
+
+bool IsFailure(std::string const& outcome) {
+    return outcome == "-1" || outcome.find("SshProtocolError: ") == 0 || outcome.find("BadInput: ") == 0;
+}
+
+unsigned const numbers[] = {0,  1,  2,  3,  4,  5,  6,  20, 21, 30, 31, 32, 33, 34, 50, 51,  52, 53,
+                            60, 61, 80, 81, 82, 90, 91, 92, 93, 94, 95, 96, 97, 98, 99, 100, 255};
+
+class ScpSweep : public ScpTest, public testing::WithParamInterface<Direction> {
+protected:
+    ScpSweep() { Store("sent", "hello"); }
+
+    /// What the transfer came to with a server that is changed first. It ends the stream when it has come to
+    /// the end of its patience.
+    std::string Transfer(std::function<void(Connection&)> const& change) {
+        return RunWith(
+            [&](Connection& c) {
+                start = c.Wire().SentCount();
+                change(c);
+                RemoteScp remote(c);
+                try {
+                    GetParam().remote(remote);
+                    ended = true;
+                    ReadToTheEnd(c);
+                } catch (Cut const&) {
+                    throw;
+                } catch (PeerError const&) {
+                    c.Wire().waitLimit = Link::timeLimit;
+                    c.Wire().ShutdownWrite();
+                }
+            },
+            [this](ScpClient& session) { return GetParam().client(session, Directory()); });
+    }
+    /// The server's messages of a transfer that nothing disturbs.
+    std::vector<PacketRecord> Undisturbed() {
+        EXPECT_EQ(Transfer([](Connection&) {}), "0");
+        std::vector<PacketRecord> messages;
+        for (PacketRecord const& packet : server->At(0).sent)
+            if (packet.streamOffset >= start) messages.push_back(packet);
+        return messages;
+    }
+
+    std::size_t start = 0; ///< bytes that the server had sent before the change
+    bool ended = false;    ///< the server has come to the end of its part
+};
+
+} // namespace
+
+TEST_P(ScpSweep, CutAfterEachByteOfTheServer) {
+    std::vector<PacketRecord> const messages = Undisturbed();
+    std::size_t const lastBegins = messages.back().streamOffset - messages.front().streamOffset;
+    std::size_t const length = lastBegins + messages.back().raw.size() + messages.back().mac.size();
+    for (std::size_t n = 0; n <= length; ++n) {
+        ended = false;
+        std::string const outcome =
+            Transfer([n](Connection& c) { c.Wire().faults.cutAfterSent = c.Wire().SentCount() + n; });
+        // What is missing of a packet reads as zeros, and so does the last acknowledgement.
+        bool const mayPass = n > lastBegins;
+        EXPECT_TRUE(IsFailure(outcome) || (mayPass && outcome == "0")) << n << ": " << outcome;
+        EXPECT_FALSE(ended);
+    }
+}
+
+TEST_P(ScpSweep, EachMessageOfTheServerAsEveryOther) {
+    for (PacketRecord const& message : Undisturbed()) {
+        for (unsigned const number : numbers) {
+            std::string const outcome = Transfer([&](Connection& c) {
+                if (number == CHANNEL_WINDOW_ADJUST || number == CHANNEL_REQUEST ||
+                    number == CHANNEL_OPEN_FAILURE)
+                    c.Wire().waitLimit = std::chrono::milliseconds(100); // both sides wait
+                c.tamper = [&](std::uint32_t sequence, Bytes& plain) {
+                    if (sequence == message.sequence) plain[5] = static_cast<std::uint8_t>(number);
+                };
+            });
+            bool const skipped = number == CHANNEL_WINDOW_ADJUST || number == CHANNEL_REQUEST;
+            std::string expected = skipped ? closedEarly
+                                           : "SshProtocolError: expected CHANNEL_DATA package, received: " +
+                                                 std::to_string(number);
+            if (number == message.Type()) {
+                expected = "0";
+            } else if (message.Type() == CHANNEL_OPEN_CONFIRMATION) {
+                expected = number == CHANNEL_OPEN_FAILURE
+                               ? closedEarly // the transfer goes on, to a server that expects its command
+                               : "SshProtocolError: expected either CHANNEL_OPEN_CONFIRMATION or "
+                                 "CHANNEL_OPEN_FAILURE packet";
+            }
+            EXPECT_EQ(outcome, expected) << message.sequence << " as " << number;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Directions, ScpSweep, testing::ValuesIn(directions),
+                         [](auto const& param) { return param.param.name; });
