@@ -24,6 +24,7 @@ enum Status {
     CHANNEL_REFUSED = 7,
     CONNECTION_FAILED = 8,
     UNKNOWN_HOST = 9,
+    NOT_COPIED = 10,
 };
 
 constexpr unsigned int CONNECT_SECONDS = 20;
@@ -88,9 +89,25 @@ inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
     return DONE;
 }
 
-/// Logs in and runs the session to its end.
-inline int LoginAndRun(cindral::SshSession& session, CommandLine const& arguments) {
-    if (int const status = Login(session, arguments); status != DONE) return status;
+/// Makes a session of that class from the target and `more`, logs in and does the work on it, which gives
+/// the exit status.
+template <class Session, class Work, class... More>
+int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... more) {
+    bool hostIsKnown = false;
+    try {
+        Session session(arguments._target, more...); // looks up the host
+        hostIsKnown = true;
+        if (int const status = Login(session, arguments); status != DONE) return status;
+        return work(session);
+    } catch (Except const& failure) {
+        if (!hostIsKnown)
+            return Fail(UNKNOWN_HOST, String_t("no such host, or no port number behind it: ") +=
+                                      arguments._target);
+        return Fail(CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
+    }
+}
+
+inline int RunToTheEnd(cindral::SshSession& session) {
     int const result = session.Run();
     if (result == 1) return Fail(CHANNEL_REFUSED, "the server refuses the channel");
     if (result > 0) return Fail(CONNECTION_FAILED, String_t("poll failed: ") += std::strerror(result));
@@ -100,17 +117,7 @@ inline int LoginAndRun(cindral::SshSession& session, CommandLine const& argument
 /// Makes a session of that class from the target and `more`, logs in and runs it to its end.
 template <class Session, class... More>
 int RunSession(CommandLine const& arguments, More const&... more) {
-    bool hostIsKnown = false;
-    try {
-        Session session(arguments._target, more...); // looks up the host
-        hostIsKnown = true;
-        return LoginAndRun(session, arguments);
-    } catch (Except const& failure) {
-        if (!hostIsKnown)
-            return Fail(UNKNOWN_HOST, String_t("no such host, or no port number behind it: ") +=
-                                      arguments._target);
-        return Fail(CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
-    }
+    return LoginAndWork<Session>(arguments, RunToTheEnd, more...);
 }
 
 } // namespace examples

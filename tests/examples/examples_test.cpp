@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include <sys/wait.h>
 
@@ -114,6 +115,81 @@ TEST(Examples, ShellEndsWithTheClosingLine) {
     EXPECT_EQ(ran.errors, "");
 }
 
+TEST(Examples, ScpCopyPutsFiles) {
+    std::string const home = std::getenv("HOME");
+    std::ofstream(home + "/first") << "1";
+    std::ofstream(home + "/second") << "22";
+    std::vector<std::string> sent;
+    Ran const ran = ExecuteAgainst(
+        [&](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            sent.push_back(ToText(c.ReadChannelRequest().rest).substr(4));
+            c.SendData(std::string(1, '\0'));
+            for (int i = 0; i < 5; ++i) {
+                Reader data = c.ExpectPacket(CHANNEL_DATA);
+                data.U32();
+                sent.push_back(data.String());
+                if (i < 4) c.SendData(std::string(1, '\0'));
+            }
+        },
+        SCP_COPY, "put " + home + "/first " + home + "/second target");
+    EXPECT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.errors, "");
+    std::string const end(1, '\0');
+    ASSERT_EQ(sent.size(), 6u);
+    EXPECT_EQ(sent[0], "scp -t target");
+    EXPECT_THAT(sent[1], testing::MatchesRegex("C0... 1 first\n"));
+    EXPECT_EQ(sent[2], "1" + end);
+    EXPECT_THAT(sent[3], testing::MatchesRegex("C0... 2 second\n"));
+    EXPECT_EQ(sent[4], "22" + end);
+    EXPECT_EQ(sent[5], "E\n");
+}
+
+TEST(Examples, ScpCopyGetsFilesIntoADirectory) {
+    std::string const home = std::getenv("HOME");
+    std::string command;
+    Ran const ran = ExecuteAgainst(
+        [&](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            command = ToText(c.ReadChannelRequest().rest).substr(4);
+            c.SendData("C0644 3 ../elsewhere\nabc" + std::string(1, '\0'));
+            c.SendData("C0644 0 b\n" + std::string(1, '\0'));
+        },
+        SCP_COPY, "get /dir/got other " + home);
+    EXPECT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.errors, "");
+    EXPECT_EQ(command, "scp -f /dir/got other");
+    EXPECT_EQ(TakeFile(home + "/got"), "abc");
+    EXPECT_EQ(TakeFile(home + "/other"), "");
+}
+
+TEST(Examples, ScpCopyTellsWhatFailed) {
+    auto const answering = [](std::string const& answer) {
+        return [answer](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            c.SendData(answer);
+        };
+    };
+    EXPECT_THAT(
+        ExecuteAgainst(answering("\1scp: x: No such file or directory\n"), SCP_COPY, "put /dev/null x"),
+        Fails(10, "scp terminated with error: scp: x: No such file or directory"));
+    EXPECT_THAT(ExecuteAgainst(answering(std::string(1, '\0')), SCP_COPY, "put /missing x"),
+                Fails(10, "/missing: No such file or directory"));
+    EXPECT_THAT(ExecuteAgainst(answering("C0644 2 full\nab"), SCP_COPY, "get full /dev"),
+                Fails(10, "write failed: data, No space left on device"));
+    EXPECT_THAT(ExecuteAgainst(answering("C0644 2 x\nab"), SCP_COPY, "get x /missing"),
+                Fails(10, "x: No such file or directory"));
+    EXPECT_THAT(ExecuteAgainst(
+                    [](Connection& c) {
+                        c.WellBehaved(Stage::Authenticated);
+                        c.ReadChannelOpen();
+                        c.SendOpenFailure(1, "");
+                    },
+                    SCP_COPY, "put /dev/null x"),
+                Fails(7, "the server refuses the channel"));
+}
+
 TEST(Examples, MessagesBetweenLoginAndChannelAreRead) {
     Ran const ran = ExecuteAgainst([](Connection& c) {
         c.WellBehaved(Stage::Service);
@@ -137,6 +213,12 @@ TEST(Examples, WrongArgumentsAreAnsweredByTheUsage) {
     for (char const* arguments : {"", "-i", "-i key", "host surplus"})
         EXPECT_THAT(Execute(SHELL, arguments), Fails(2, "usage: shell [-i IDENTITY] [USER@]HOST[:PORT]"))
             << arguments;
+    for (char const* arguments :
+         {"", "host", "host put", "host put file", "host get file", "host move a b"}) {
+        Ran const ran = Execute(SCP_COPY, arguments);
+        EXPECT_EQ(ran.status, 2) << arguments;
+        EXPECT_THAT(ran.errors, HasSubstr("usage: scp_copy [-i IDENTITY] [USER@]HOST[:PORT] put FILE..."));
+    }
 }
 
 TEST(Examples, EachFailureHasALineAndAStatus) {

@@ -1,0 +1,79 @@
+// Copies files to or from a remote host, through the scp program there.
+
+#include "login.h"
+
+namespace {
+
+using cindral::ScpSession;
+using examples::Fail;
+
+int StartFailed(int result) {
+    if (result > 0) return Fail(examples::CHANNEL_REFUSED, "the server refuses the channel");
+    return Fail(examples::NOT_COPIED, "the remote scp has not answered");
+}
+
+/// -1 is minus the errno of a file that may not be opened, too.
+int FileFailed(String_t const& file, int result) {
+    String_t what(file);
+    what += ": ";
+    what += result == -1 ? "not permitted, or the remote scp has not answered" : std::strerror(-result);
+    return Fail(examples::NOT_COPIED, what);
+}
+
+int Put(ScpSession& session, char** files, char** last) {
+    if (int const result = session.StartSend(*last); result != 0) return StartFailed(result);
+    for (; files != last; ++files) {
+        Pathname const file(*files);
+        if (int const result = session.SendFile(file.Dir(), file.Leaf(nullptr)); result < 0)
+            return FileFailed(file, result);
+    }
+    session.TerminateSend();
+    return examples::DONE;
+}
+
+int Get(ScpSession& session, char** files, char** last) {
+    TOList<String_t> names;
+    for (char** file = files; file != last; ++file) names.Append(*file);
+    if (int const result = session.StartReceive(String_t(), names); result != 0) return StartFailed(result);
+    for (; files != last; ++files) {
+        // The name is the one that was asked for, not one that the server chooses.
+        Pathname const file(*files);
+        if (int const result = session.ReceiveFile(*last, file.Leaf(nullptr)); result < 0)
+            return FileFailed(file, result);
+    }
+    return examples::DONE;
+}
+
+/// What the remote program complains of comes as an exception with its words, and so does a disk that is
+/// full; an incomplete file stays.
+template <class Copy>
+int Try(Copy const& copy) {
+    try {
+        return copy();
+    } catch (cindral::SystemError const& failure) {
+        return Fail(examples::NOT_COPIED,
+                    (String_t(failure.what()) += ", ") += std::strerror(failure.Errno()));
+    } catch (cindral::SshProtocolError const& failure) {
+        return Fail(examples::NOT_COPIED, failure.what());
+    }
+}
+
+} // namespace
+
+int main(int, char** argv) {
+    char const usage[] = "usage: scp_copy [-i IDENTITY] [USER@]HOST[:PORT] put FILE... REMOTE_TARGET\n"
+                         "       scp_copy [-i IDENTITY] [USER@]HOST[:PORT] get REMOTE_FILE... DIRECTORY";
+    examples::CommandLine arguments;
+    if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
+    char** const words = arguments._rest;
+    String_t const direction(*words);
+    if (direction != "put" && direction != "get") return Fail(examples::USAGE, usage);
+    if (!words[1] || !words[2]) return Fail(examples::USAGE, usage);
+    char** last = words + 2;
+    while (last[1]) ++last;
+    return examples::LoginAndWork<ScpSession>(arguments, [&](ScpSession& session) {
+        return Try([&] {
+            return direction == "put" ? Put(session, words + 1, last) : Get(session, words + 1, last);
+        });
+    });
+}
