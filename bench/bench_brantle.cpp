@@ -133,6 +133,19 @@ private:
     Total& _total;
 };
 
+void LogIn(SshSession& session, Target const& target) {
+    if (int const error = session.Connect(CONNECT_SECONDS); error < 0)
+        Die("connect: " + std::to_string(error));
+    if (session.KeyExchange() < 0) Die("key exchange failed");
+    EnterPassword none(0, String_t());
+    KbdCopyCallback empty((String_t()));
+    if (session.Authenticate(target._key, target._user, String_t(), none, empty) < 0) Die("login failed");
+}
+
+void ReadSurplus(SshSession& session) {
+    for (int i = 0; i < SURPLUS_PACKETS; ++i) session.AuthReadPacket();
+}
+
 class BenchSession : public SshSession {
 public:
     explicit BenchSession(Target const& target)
@@ -147,6 +160,7 @@ public:
 
     void ReadSurplus() {
         for (int i = 0; i < SURPLUS_PACKETS; ++i) AuthReadPacket();
+        LogIn(*this, target);
     }
 
     /// Runs a command whose output goes to descriptor 1 and whose input comes from descriptor 0.
@@ -179,7 +193,7 @@ int ExecSource(Target const& target, Report& report, char** arguments) {
     Redirect(STDIN_FILENO, "/dev/null", O_RDONLY);
     Redirect(STDOUT_FILENO, arguments[1], O_WRONLY | O_CREAT | O_TRUNC);
     BenchSession session(target);
-    session.ReadSurplus();
+    ReadSurplus(session);
     Usage const start = Usage::Current();
     // Data behind exit-status is dropped, so the command outlives its output.
     String_t command("head -c ");
@@ -191,15 +205,34 @@ int ExecSource(Target const& target, Report& report, char** arguments) {
     return total._bytes == std::atoll(arguments[0]) ? 0 : 1;
 }
 
+long long SizeOf(char const* path) {
+    struct stat file;
+    if (stat(path, &file) < 0) Die(std::string("no file ") + path);
+    return file.st_size;
+}
+
 int ExecSink(Target const& target, Report& report, char** arguments) {
     Redirect(STDIN_FILENO, arguments[0], O_RDONLY);
-    struct stat file;
-    if (fstat(STDIN_FILENO, &file) < 0) Die("fstat failed");
     BenchSession session(target);
-    session.ReadSurplus();
+    ReadSurplus(session);
     Usage const start = Usage::Current();
     session.RunCommand("cat >/dev/null");
-    report.Print(start, Usage::Current(), file.st_size, 0);
+    report.Print(start, Usage::Current(), SizeOf(arguments[0]), 0);
+    return 0;
+}
+
+int ScpGet(Target const& target, Report& report, char** arguments) {
+    ScpSession session(target._port, String_t(target._host));
+    LogIn(session, target);
+    ReadSurplus(session);
+    Pathname const local(arguments[1]);
+    TOList<String_t> remote;
+    remote.Append(arguments[0]);
+    Usage const start = Usage::Current();
+    if (session.StartReceive(String_t(), remote) != 0) Die("scp did not start");
+    if (session.ReceiveFile(local.Dir(), local.Leaf(nullptr)) != 0) Die("scp failed");
+    // The harness receives into a device; its server is on this host.
+    report.Print(start, Usage::Current(), SizeOf(arguments[0]), 0);
     return 0;
 }
 
@@ -222,6 +255,7 @@ std::map<std::string, Job> const jobs = {
     {"handshake", {1, Handshake}},
     {"exec-source", {2, ExecSource}},
     {"exec-sink", {1, ExecSink}},
+    {"scp-get", {2, ScpGet}},
     {"hold", {0, Hold}},
 };
 

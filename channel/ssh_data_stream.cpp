@@ -77,7 +77,8 @@ bool ISshDataStream::Receive() {
 
 unsigned int ISshDataStream::TakePending(char* to, unsigned int room) {
     unsigned int const n = std::min(room, _pending.Length());
-    std::memcpy(to, _pending.Data(), n);
+    // A call into the C library, where a memcpy built for size becomes a copy byte by byte.
+    std::memmove(to, _pending.Data(), n);
     _pending = _pending.SubStr(n, UINT_MAX);
     return n;
 }
