@@ -21,11 +21,11 @@ namespace cindral {
 /// caller, and what names the server gives does not matter.
 ///
 /// All results are 0 or a count when all is well. -1 stands for a session without a login and for a channel
-/// that has ended, a further negative value for minus the errno of open(2) or fstat(2) on a local file, and 1
-/// for a channel that the server refused. What the remote program complains of is thrown, as an
-/// SshProtocolError "scp terminated with error" with its words as the detail, or "scp returned illegal error
-/// code"; what else breaks the protocol is thrown as elsewhere. After an exception nothing is deleted: a file
-/// that was being received stays as far as it came.
+/// that has ended, a further negative value for minus the errno of open(2) on a local file, and 1 for a
+/// channel that the server refused. What the remote program complains of is thrown, as an SshProtocolError
+/// "scp terminated with error", with its words as the detail unless they come in place of a file that is to
+/// be received, or "scp returned illegal error code"; what else breaks the protocol is thrown as elsewhere.
+/// After an exception nothing is deleted: a file that was being received stays as far as it came.
 class BRANTLE_API ScpSession : public SshSession {
 public:
     /// The target as for SshSession.
