@@ -1,0 +1,180 @@
+#ifndef BRANTLE_SFTP_SFTP_CLIENT_H
+#define BRANTLE_SFTP_SFTP_CLIENT_H
+
+#include <brantle/channel/ssh_data_stream.h>
+#include <brantle/export.h>
+#include <brantle/sftp/sftp_file_attr.h>
+#include <brantle/sftp/sftp_file_handle.h>
+#include <brantle/sftp/sftp_name.h>
+#include <brantle/sftp/sftp_packet.h>
+#include <brantle/sftp/sftp_status.h>
+#include <brantle/thornel/byte_string.h>
+#include <brantle/thornel/string_t.h>
+#include <generic/tolist>
+
+namespace cindral {
+
+/// The client's side of SFTP, version 3 (draft-ietf-secsh-filexfer-02): one operation for each request, which
+/// sends it and waits for its reply. Start comes first, the others follow in any order.
+///
+/// Paths are sent as they are; none is relative to anything but what the server takes it to be.
+///
+/// Failures go two ways. What the server refuses is told in the caller's SftpStatus, which a status reply
+/// overwrites and any other reply leaves alone, and in the result: most operations return 0 or else the
+/// negated code of the status. A broken conversation is an SshProtocolError: "error reading sftp response",
+/// "invalid request id", "invalid sftp response received" with the type of the reply, or the words of a
+/// message that can't be decoded. No request can follow one. What the streams throw passes through.
+///
+/// The streams are the caller's and must outlive the client. One thread at a time may use it.
+class BRANTLE_API SftpClient {
+public:
+    // How a file is opened (section 6.3).
+    static constexpr unsigned int SSH_FXF_READ = 0x01;
+    static constexpr unsigned int SSH_FXF_WRITE = 0x02;
+    static constexpr unsigned int SSH_FXF_APPEND = 0x04;
+    static constexpr unsigned int SSH_FXF_CREAT = 0x08;
+    static constexpr unsigned int SSH_FXF_TRUNC = 0x10;
+    static constexpr unsigned int SSH_FXF_EXCL = 0x20;
+
+    /// The version that Start announces.
+    static constexpr unsigned int VERSION = 3;
+    /// Most bytes that one Write sends.
+    static constexpr unsigned int MAX_WRITE = 32786;
+
+    class DirReader;
+    class FileControl;
+
+    SftpClient(OSshDataStream& out, ISshDataStream& in);
+    ~SftpClient();
+
+    /// Begins the conversation. Returns the server's version, whatever it is; version 3 is spoken all the
+    /// same.
+    int Start();
+
+    /// Reads the reply to the request with that id: the payload of a message, at least 5 bytes.
+    ByteString ReadResponse(unsigned int id);
+
+    /// Opens a file.
+    ///
+    /// \param pflags  bits of SSH_FXF_*
+    /// \param attrs   of a file that is created
+    /// \return the handle, to be closed with Close; an empty one if the server refused
+    SftpFileHandle Open(SftpStatus& status, String_t const& path, unsigned int pflags,
+                        SftpFileAttr const& attrs);
+    /// Opens a directory for ReadDir; as Open.
+    SftpFileHandle OpenDir(SftpStatus& status, String_t const& path);
+    /// Closes a file or directory; `status` alone tells how it went.
+    void Close(SftpStatus& status, SftpFileHandle const& handle);
+
+    /// Reads up to `length` bytes from `offset` into `buffer`. Returns their number, 0 at the end of the
+    /// file, which is no failure: the code is then 0. More bytes than asked for are dropped and end in -5,
+    /// with that code.
+    int Read(SftpStatus& status, SftpFileHandle const& handle, long long offset, char* buffer,
+             unsigned int length);
+    /// Writes the first MAX_WRITE of `length` bytes to `offset`. Returns how many that are.
+    int Write(SftpStatus& status, SftpFileHandle const& handle, long long offset, char const* data,
+              unsigned int length);
+
+    /// Appends the next entries of a directory to `names`. Returns their number; -1 on a status reply, which
+    /// has the code 1 at the end of the directory.
+    int ReadDir(SftpStatus& status, SftpFileHandle const& handle, TOList<SftpName>& names);
+
+    int Mkdir(SftpStatus& status, String_t const& path, SftpFileAttr const& attrs);
+    int Rmdir(SftpStatus& status, String_t const& path);
+    int Remove(SftpStatus& status, String_t const& path);
+
+    /// Attributes of a file, of a symbolic link itself or else of what it leads to.
+    int Lstat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
+    int Stat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
+    /// Either of them: `type` is FXP_LSTAT or FXP_STAT.
+    int StatCore(int type, SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
+    int Fstat(SftpStatus& status, SftpFileHandle const& handle, SftpFileAttr& attrs);
+    /// Sets the attributes that are present.
+    int SetStat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
+    int SetFstat(SftpStatus& status, SftpFileHandle const& handle, SftpFileAttr& attrs);
+
+    int Rename(SftpStatus& status, String_t const& oldPath, String_t const& newPath);
+    /// Creates a symbolic link. The paths go out in this order; servers differ on which is the link.
+    int Symlink(SftpStatus& status, String_t const& firstPath, String_t const& secondPath);
+    /// Where a symbolic link leads. A reply of other than one name ends in -5 and leaves `result` and
+    /// `status` alone.
+    int Readlink(SftpStatus& status, String_t const& path, String_t& result);
+    /// The absolute form of a path; as Readlink.
+    int Realpath(SftpStatus& status, String_t const& path, String_t& result);
+
+    OSshDataStream& _out;
+    ISshDataStream& _in;
+    unsigned int _nextId; ///< of the next request; wraps
+
+private:
+    void Send(SftpPacket& request);
+    ByteString Exchange(SftpPacket& request);
+    SftpFileHandle ExchangeForHandle(SftpStatus& status, SftpPacket& request);
+    int ExchangeForStatus(SftpStatus& status, SftpPacket& request);
+    int ExchangeForAttrs(SftpStatus& status, SftpPacket& request, SftpFileAttr& attrs);
+    int ExchangeForPath(SftpStatus& status, SftpPacket& request, String_t& path);
+};
+
+/// Walks over a remote directory:
+///
+///     for (DirReader reader(client, path); reader._state == DirReader::OPEN; ++reader) ...
+///
+/// The entry at hand stands in the fields. State and status belong to the reader and tell the rest: a path
+/// that could not be opened leaves the state without OPEN, the end of the listing and a failure on the way
+/// add FINISHED, with the code 1 in the status at the end.
+class BRANTLE_API SftpClient::DirReader {
+public:
+    static constexpr unsigned int OPEN = 1;
+    static constexpr unsigned int FINISHED = 2;
+
+    /// Opens the directory.
+    DirReader(SftpClient& client, String_t const& path);
+    /// Closes it; what goes wrong with that is dropped.
+    ~DirReader();
+    DirReader(DirReader const&) = delete;
+    DirReader& operator=(DirReader const&) = delete;
+
+    /// Opens a directory and takes its first entry. Returns 0, or -1 if there is none. A code that the status
+    /// has from before counts as a failure to open.
+    int Open(String_t const& path);
+    /// Takes the next entry. At the end the last one stays.
+    DirReader& operator++();
+    /// Closes the directory if it is open.
+    void Close();
+
+    SftpClient& _client;
+    SftpFileHandle _handle;
+    TOList<SftpName> _names; ///< received and not taken yet
+    String_t _filename;      ///< this and the next two as in SftpName
+    String_t _longname;
+    SftpFileAttr _attrs;
+    SftpStatus _status; ///< of the last request that was refused
+    unsigned int _state;
+
+private:
+    bool Receive();
+    void Take();
+};
+
+/// Closes a handle at the end of a scope, an empty one too. What comes of it is dropped.
+class BRANTLE_API SftpClient::FileControl {
+public:
+    FileControl(SftpClient& client, SftpFileHandle const& handle);
+    ~FileControl();
+    FileControl(FileControl const&) = delete;
+    FileControl& operator=(FileControl const&) = delete;
+
+    SftpClient& _client;
+    SftpFileHandle _handle;
+};
+
+/// An empty base for what offers the operations of SFTP to programs.
+class BRANTLE_API SftpInterface {
+public:
+    SftpInterface();
+    virtual ~SftpInterface() = 0;
+};
+
+} // namespace cindral
+
+#endif
