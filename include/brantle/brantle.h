@@ -94,6 +94,7 @@
 #include <brantle/apps/ssh_cmd_session.h>
 #include <brantle/apps/ssh_interactive_session.h>
 
+#include <brantle/sftp/dir_entry.h>
 #include <brantle/sftp/sftp_client.h>
 #include <brantle/sftp/sftp_file_attr.h>
 #include <brantle/sftp/sftp_file_handle.h>
