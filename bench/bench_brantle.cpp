@@ -136,6 +136,7 @@ private:
 void LogIn(SshSession& session, Target const& target) {
     if (int const error = session.Connect(CONNECT_SECONDS); error < 0)
         Die("connect: " + std::to_string(error));
+    SshSession::SetNodelay(session.Fd()); // as the programs of the other clients do
     if (session.KeyExchange() < 0) Die("key exchange failed");
     EnterPassword none(0, String_t());
     KbdCopyCallback empty((String_t()));
@@ -150,16 +151,6 @@ class BenchSession : public SshSession {
 public:
     explicit BenchSession(Target const& target)
         : SshSession(CLIENT, target._port, String_t(target._host)) {
-        if (int const error = Connect(CONNECT_SECONDS); error < 0) Die("connect: " + std::to_string(error));
-        SetNodelay(Fd()); // as the programs of the other clients do
-        if (KeyExchange() < 0) Die("key exchange failed");
-        EnterPassword none(0, String_t());
-        KbdCopyCallback empty((String_t()));
-        if (Authenticate(target._key, target._user, String_t(), none, empty) < 0) Die("login failed");
-    }
-
-    void ReadSurplus() {
-        for (int i = 0; i < SURPLUS_PACKETS; ++i) AuthReadPacket();
         LogIn(*this, target);
     }
 
