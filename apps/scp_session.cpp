@@ -12,6 +12,7 @@
 
 #include <brantle/cindral/exceptions.h>
 #include <brantle/thornel/file_descriptor.h>
+#include <brantle/thornel/text.h>
 
 namespace cindral {
 
@@ -22,8 +23,6 @@ constexpr char ACKNOWLEDGED = 0;
 constexpr char ERROR_WITH_TEXT = 1;
 constexpr char FATAL_ERROR = 2;
 constexpr char const* EOL = "\n";
-
-char const* TextOf(String_t const& text) { return text.Text() ? text.Text() : ""; }
 
 Pathname Join(String_t const& dir, String_t const& name) { return Pathname(dir).Append(name.Text()); }
 
@@ -57,13 +56,13 @@ int ScpSession::StartSend(String_t const& target) {
 
 int ScpSession::SendFile(String_t const& dir, String_t const& name) {
     Pathname const path = Join(dir, name);
-    FileDescriptor const fd(open64(TextOf(path), O_RDONLY));
+    FileDescriptor const fd(open64(str_text(path.Text()), O_RDONLY));
     if (fd < 0) return -errno;
     struct stat64 status;
     if (int const result = fstat64(fd, &status); result < 0) return result;
     char block[BLOCK_SIZE];
     std::snprintf(block, sizeof block, "C0%03o %lld %s", status.st_mode & 0777u,
-                  static_cast<long long>(status.st_size), TextOf(name));
+                  static_cast<long long>(status.st_size), str_text(name.Text()));
     _output.Writeln(block, EOL);
     if (int const result = ReadResponse(); result < 0) return result;
     for (ssize_t n; (n = read(fd, block, sizeof block)) > 0;) _output.Write(block, static_cast<int>(n));
@@ -123,7 +122,7 @@ int ScpSession::ReceiveFile(String_t const& dir, String_t const& name) {
     ParseCLine(line.SubStr(1, UINT_MAX), mode, size, announced);
     _output.Put(ACKNOWLEDGED);
     Pathname const path = Join(dir, name);
-    FileDescriptor const fd(open64(TextOf(path), O_WRONLY | O_CREAT | O_TRUNC, mode));
+    FileDescriptor const fd(open64(str_text(path.Text()), O_WRONLY | O_CREAT | O_TRUNC, mode));
     if (fd < 0) return -errno;
     ReceiveBody(fd, size);
     int const result = ReadResponse();
@@ -172,7 +171,7 @@ int ScpSession::ReceiveFiles(String_t const& sourceDir, String_t const& targetDi
 }
 
 void ScpSession::ParseCLine(String_t const& line, unsigned int& mode, long long& size, Pathname& name) {
-    std::istringstream in(TextOf(line));
+    std::istringstream in(str_text(line.Text()));
     in >> std::oct >> mode >> std::dec >> size >> name;
     if (in.fail()) throw SshProtocolError("invalid head line returned from scp", line);
 }

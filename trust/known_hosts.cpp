@@ -15,8 +15,6 @@ constexpr unsigned short DEFAULT_PORT = 22;
 
 bool IsEmpty(String_t const& text) { return str_len(text.Text()) == 0; }
 
-char const* TextOf(String_t const& text) { return text.Text() ? text.Text() : ""; }
-
 /// The name under which a host is known.
 String_t HostKeyName(char const* host, unsigned short port) {
     char name[1024];
@@ -59,7 +57,7 @@ int KnownHosts::IsIn(String_t const& host, unsigned short port, String_t const& 
     return GetInstance()->_IsIn(host, port, address, key);
 }
 
-KnownHosts::KnownHosts() : _path(DefaultPath()), _errnum(0) { _Read(TextOf(_path)); }
+KnownHosts::KnownHosts() : _path(DefaultPath()), _errnum(0) { _Read(str_text(_path.Text())); }
 
 KnownHosts::KnownHosts(char const* path) : _path(DefaultPath()), _errnum(0) { _Read(path); }
 
@@ -118,7 +116,7 @@ int KnownHosts::_IsIn(String_t const& host, unsigned short port, String_t const&
 }
 
 void KnownHosts::Append(String_t const& name, PublicKey const& key, String_t const& key64) {
-    std::ofstream out(TextOf(_path), std::ios::out | std::ios::app);
+    std::ofstream out(str_text(_path.Text()), std::ios::out | std::ios::app);
     if (!out) return;
     out << name << ' ';
     if (char const* const algorithm = AlgorithmName(key)) {

@@ -96,6 +96,7 @@
 
 #include <brantle/sftp/dir_entry.h>
 #include <brantle/sftp/sftp_client.h>
+#include <brantle/sftp/sftp_client_session.h>
 #include <brantle/sftp/sftp_file_attr.h>
 #include <brantle/sftp/sftp_file_handle.h>
 #include <brantle/sftp/sftp_name.h>

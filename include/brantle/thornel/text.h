@@ -5,13 +5,16 @@
 
 #include <brantle/thornel/export.h>
 
+/// The text itself, an empty one for a null pointer.
+inline char const* str_text(char const* text) { return text ? text : ""; }
+
 /// Length of a text in bytes; 0 for a null pointer.
 inline unsigned int str_len(char const* text) {
     return text ? static_cast<unsigned int>(std::strlen(text)) : 0;
 }
 
 /// Three-way comparison by unsigned bytes: negative, 0 or positive. A null pointer is an empty text.
-inline int str_cmp(char const* a, char const* b) { return std::strcmp(a ? a : "", b ? b : ""); }
+inline int str_cmp(char const* a, char const* b) { return std::strcmp(str_text(a), str_text(b)); }
 
 /// Reads a decimal integer with an optional sign from the very start of a text; nothing is skipped.
 ///

@@ -10,6 +10,12 @@
 
 namespace {
 
+TEST(StrText, NullPointerIsAnEmptyText) {
+    char const text[] = "text";
+    EXPECT_EQ(str_text(text), text);
+    EXPECT_STREQ(str_text(nullptr), "");
+}
+
 TEST(StrLen, NullPointerIsZero) {
     EXPECT_EQ(str_len(nullptr), 0u);
     EXPECT_EQ(str_len(""), 0u);

@@ -1,0 +1,106 @@
+// SftpClientSession: directories and patterns.
+
+#include <brantle/sftp/sftp_client_session.h>
+
+#include <climits>
+#include <cstring>
+
+#include <fnmatch.h>
+
+#include <brantle/thornel/text.h>
+
+namespace cindral {
+
+namespace {
+
+bool IsOpen(SftpClient::DirReader const& reader) { return reader._state & SftpClient::DirReader::OPEN; }
+
+bool HasEntry(SftpClient::DirReader const& reader) { return reader._state == SftpClient::DirReader::OPEN; }
+
+bool IsSelfOrParent(String_t const& name) { return name == "." || name == ".."; }
+
+bool IsHidden(String_t const& name) { return *str_text(name.Text()) == '.'; }
+
+bool Matches(String_t const& name, String_t const& pattern) {
+    return str_len(pattern.Text()) == 0 || fnmatch(pattern.Text(), str_text(name.Text()), 0) == 0;
+}
+
+} // namespace
+
+int SftpClientSession::ListDir(SftpStatus& status, TSet<DirEntry, DirEntry::Compare>& entries,
+                               String_t const& path, int all) {
+    Pathname const resolved = RemotePathname(path);
+    SftpClient::DirReader reader(_client, resolved);
+    if (IsOpen(reader)) {
+        int count = 0;
+        for (; HasEntry(reader); ++reader) {
+            if (IsSelfOrParent(reader._filename) || (!all && IsHidden(reader._filename))) continue;
+            entries.Insert(DirEntry(reader._filename, reader._longname, reader._attrs));
+            ++count;
+        }
+        return count;
+    }
+    TOList<String_t> names;
+    int const found = Glob(status, names, resolved);
+    if (found < 1) return found;
+    TOListIterator<String_t> next(names);
+    while (String_t const* const name = next()) {
+        SftpFileAttr attrs;
+        if (_client.Lstat(status, *name, attrs) == 0) entries.Insert(DirEntry(*name, String_t(), attrs));
+    }
+    return found;
+}
+
+bool SftpClientSession::IsWildcardPath(String_t const& path) {
+    return std::strpbrk(str_text(path.Text()), "*?[") != nullptr;
+}
+
+int SftpClientSession::Glob(SftpStatus& status, TOList<String_t>& names, Pathname path) {
+    if (str_len(path.Text()) == 0) path = ".";
+    bool const relative = !path.IsAbs();
+    if (relative) path.Insert(".");
+    int const found = GlobRec(status, names, path, String_t());
+    if (relative) {
+        TOListIterator<String_t> next(names);
+        while (String_t* const name = next()) *name = name->SubStr(2, UINT_MAX);
+    }
+    return found;
+}
+
+int SftpClientSession::GlobRec(SftpStatus& status, TOList<String_t>& names, Pathname const& path,
+                               String_t const& rest) {
+    if (str_len(path.Text()) == 0) return 0;
+    bool const isWhole = str_len(rest.Text()) == 0;
+    SftpClient::DirReader reader(_client, path);
+    if (IsOpen(reader)) {
+        if (!isWhole) return ReadDir(reader, rest, names, path);
+        names.Append(path);
+        return static_cast<int>(names.Len());
+    }
+    TOList<String_t> inner;
+    int const found = GlobRec(status, inner, path.Dir(), path.Leaf(nullptr));
+    if (isWhole) {
+        names = inner;
+        return static_cast<int>(names.Len());
+    }
+    TOListIterator<String_t> next(inner);
+    while (String_t const* const dir = next()) {
+        SftpClient::DirReader subReader(_client, *dir);
+        if (IsOpen(subReader)) ReadDir(subReader, rest, names, *dir);
+    }
+    return found;
+}
+
+int SftpClientSession::ReadDir(SftpClient::DirReader& reader, String_t const& pattern,
+                               TOList<String_t>& names, String_t const& dir) {
+    int count = 0;
+    for (; HasEntry(reader); ++reader) {
+        String_t const& name = reader._filename;
+        if (IsSelfOrParent(name) || !Matches(name, pattern)) continue;
+        names.Append(Pathname(dir).Append(name.Text()));
+        ++count;
+    }
+    return count;
+}
+
+} // namespace cindral
