@@ -7,8 +7,11 @@
 #include <functional>
 #include <initializer_list>
 #include <iterator>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <vector>
 
 #include <sys/stat.h>
 
@@ -41,7 +44,16 @@ public:
         return peer::Reader(request.rest).String();
     }
 
-    void Send(std::string_view bytes) { _connection.SendData(bytes); }
+    /// Has other bytes sent in place of the n-th message, counted from 0.
+    void Replace(std::size_t n, std::string const& bytes) {
+        _replaced = n;
+        _replacement = bytes;
+    }
+
+    void Send(std::string_view bytes) {
+        bool const replaced = _sent++ == _replaced;
+        _connection.SendData(replaced ? _replacement : bytes);
+    }
     void Acknowledge() { Send(std::string(1, '\0')); }
     /// In place of any further message: a packet the MAC of which never comes. REQUIRES: the client has
     /// nothing more to send before it reads, or it would learn of the end by that.
@@ -91,6 +103,9 @@ public:
 private:
     peer::Connection& _connection;
     std::string _bytes;
+    std::optional<std::size_t> _replaced;
+    std::string _replacement;
+    std::size_t _sent = 0; ///< messages
 };
 
 /// Transfers from and to a directory of the test's own. The server's number of the channel is 42.

@@ -1,5 +1,6 @@
-// Transfers with the connection cut after each byte of the server's in turn, and with each message of its
-// replaced by others: the result or exception says so, and nothing stays open.
+// Transfers with the connection cut after each byte of either side in turn, and with each message of the
+// server's and each answer of the remote program replaced by others: the result or exception says so, and
+// nothing stays open.
 
 #include "wire/scp_fixture.h"
 
@@ -7,15 +8,25 @@ using namespace peer;
 
 namespace {
 
+/// What the remote program says to the client, among its messages.
+struct Answer {
+    std::size_t position;
+    std::string bytes;
+
+    bool IsHeader() const { return bytes[0] == 'C'; }
+};
+
 /// A transfer of one file in one direction.
 struct Direction {
     std::string name;
+    std::vector<Answer> answers;
     std::function<void(RemoteScp&)> remote;
     std::function<int(ScpClient&, String_t const& directory)> client;
 };
 
 Direction const directions[] = {
     {"Sending",
+     {{0, {'\0'}}, {1, {'\0'}}, {2, {'\0'}}},
      [](RemoteScp& remote) {
          remote.TakeCommand();
          remote.Acknowledge();
@@ -23,6 +34,7 @@ Direction const directions[] = {
      },
      [](ScpClient& session, String_t const& directory) { return session.SendFile(directory, "t", "sent"); }},
     {"Receiving",
+     {{0, "C0644 5 name\n"}, {2, {'\0'}}},
      [](RemoteScp& remote) {
          remote.TakeCommand();
          remote.GiveFile("C0644 5 name\n", "world");
@@ -45,12 +57,15 @@ protected:
 
     /// What the transfer came to with a server that is changed first. It ends the stream when it has come to
     /// the end of its patience.
-    std::string Transfer(std::function<void(Connection&)> const& change) {
+    std::string Transfer(
+        std::function<void(Connection&)> const& change,
+        std::function<void(RemoteScp&)> const& changeRemote = [](RemoteScp&) {}) {
         return RunWith(
             [&](Connection& c) {
                 start = c.Wire().SentCount();
                 change(c);
                 RemoteScp remote(c);
+                changeRemote(remote);
                 try {
                     GetParam().remote(remote);
                     ended = true;
@@ -94,6 +109,25 @@ TEST_P(ScpSweep, CutAfterEachByteOfTheServer) {
     }
 }
 
+TEST_P(ScpSweep, CutAfterEachByteOfTheClient) {
+    Undisturbed();
+    std::vector<PacketRecord> const records = server->At(0).received;
+    std::size_t const begin = records[6].streamOffset; // behind the login
+    PacketRecord const& last = records.back();
+    std::size_t const length = last.streamOffset + last.raw.size() + last.mac.size() - begin;
+    for (std::size_t n = 1; n < length; ++n) {
+        std::string const outcome = Transfer([n](Connection& c) {
+            c.Wire().faults.cutAfterReceived = c.Wire().ReceivedCount() + n;
+            c.Wire().faults.reset = n % 2 == 0;
+        });
+        // The last message has no answer.
+        if (begin + n > last.streamOffset)
+            EXPECT_EQ(outcome, "0") << n;
+        else
+            EXPECT_TRUE(IsFailure(outcome)) << n << ": " << outcome;
+    }
+}
+
 TEST_P(ScpSweep, EachMessageOfTheServerAsEveryOther) {
     for (PacketRecord const& message : Undisturbed()) {
         for (unsigned const number : numbers) {
@@ -118,6 +152,32 @@ TEST_P(ScpSweep, EachMessageOfTheServerAsEveryOther) {
                                  "CHANNEL_OPEN_FAILURE packet";
             }
             EXPECT_EQ(outcome, expected) << message.sequence << " as " << number;
+        }
+    }
+}
+
+TEST_P(ScpSweep, EachAnswerOfTheRemoteProgramAsEveryOther) {
+    std::string const acknowledgement(1, '\0');
+    std::string const error = "\1scp: no\n";
+    std::string const fatal = "\2";
+    std::string const terminated = "SshProtocolError: scp terminated with error";
+    for (Answer const& answer : GetParam().answers) {
+        for (std::string const& other :
+             {acknowledgement, error, fatal, std::string("\7"), std::string("C0644 5 name\n"),
+              std::string("T0 0 0 0\n"), std::string("D0755 0 sub\n"), std::string("E\n")}) {
+            if (other == answer.bytes) continue;
+            std::string expected = "SshProtocolError: scp returned illegal error code";
+            if (other == error) {
+                expected = terminated + (answer.IsHeader() ? "" : ": scp: no");
+            } else if (answer.IsHeader()) {
+                expected = closedEarly; // the client goes on reading, to a server that expects its answer
+            } else if (other == fatal) {
+                expected = terminated;
+            }
+            EXPECT_EQ(Transfer([](Connection& c) { c.Wire().waitLimit = std::chrono::milliseconds(100); },
+                               [&](RemoteScp& remote) { remote.Replace(answer.position, other); }),
+                      expected)
+                << answer.position << " as " << other;
         }
     }
 }

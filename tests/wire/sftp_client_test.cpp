@@ -2,12 +2,20 @@
 
 #include <brantle/sftp/sftp_client.h>
 
+#include <algorithm>
+#include <functional>
+#include <iterator>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "wire/apps_fixture.h"
 
 using namespace peer;
 using cindral::SftpClient;
+using cindral::SftpFileAttr;
+using cindral::SftpFileHandle;
+using cindral::SftpStatus;
 using testing::HasSubstr;
 
 namespace {
@@ -35,20 +43,26 @@ std::vector<Bytes> Replies() {
     };
 }
 
-/// Fetches a file: the version, what it holds and how it was closed, or else what broke.
-std::string Fetch(std::uint16_t port) {
+/// What a client's work on an open channel came to.
+std::string Converse(std::uint16_t port, std::function<int(SftpClient&, SftpStatus&)> const& work) {
     TestSession session(port);
     cindral::OSshDataStream output(session._out, 0, session._windowSize);
     cindral::ISshDataStream input(session._in, session._out, 0, session._windowSize);
     Login(session);
     if (session.Open() != 0) throw std::runtime_error("no channel");
-
-    std::string fetched;
-    std::string const outcome = Outcome([&] {
+    return Outcome([&] {
         SftpClient client(output, input);
-        cindral::SftpStatus status;
+        SftpStatus status;
+        return work(client, status);
+    });
+}
+
+/// Fetches a file: the version, what it holds and how it was closed, or else what broke.
+std::string Fetch(std::uint16_t port) {
+    std::string fetched;
+    std::string const outcome = Converse(port, [&](SftpClient& client, SftpStatus& status) {
         fetched = std::to_string(client.Start()) + " ";
-        auto const handle = client.Open(status, "/f", SftpClient::SSH_FXF_READ, cindral::SftpFileAttr());
+        auto const handle = client.Open(status, "/f", SftpClient::SSH_FXF_READ, SftpFileAttr());
         char buffer[100];
         int const count = client.Read(status, handle, 0, buffer, sizeof(buffer));
         if (count > 0) fetched.append(buffer, static_cast<std::size_t>(count)) += ' ';
@@ -98,8 +112,79 @@ private:
 };
 
 /// The packets of the conversation, in one direction.
-std::vector<PacketRecord> Conversation(std::vector<PacketRecord> const& records) {
-    return {records.end() - 4, records.end()};
+std::vector<PacketRecord> Conversation(std::vector<PacketRecord> const& records, std::ptrdiff_t count = 4) {
+    return {records.end() - count, records.end()};
+}
+
+/// The payloads that carry these messages, one each.
+std::vector<Bytes> InDataMessages(std::vector<Bytes> const& messages) {
+    std::vector<Bytes> payloads;
+    for (Bytes const& message : messages) payloads.push_back(Data(ToText(Writer().String(message))));
+    return payloads;
+}
+
+/// An operation on the wire. All of them in order are a conversation.
+struct Exchange {
+    Bytes _request;
+    Bytes _reply;
+    int _result;
+    std::function<int(SftpClient&, SftpStatus&)> _call;
+};
+
+Writer Success(std::uint32_t id) { return Head(101, id).U32(0).String("ok").String("en"); }
+Writer Mode(std::uint32_t id) { return Head(105, id).U32(4).U32(0100640); }
+Writer Name(std::uint32_t id, char const* name) {
+    return Head(104, id).U32(1).String(name).String("long").U32(0);
+}
+
+std::vector<Exchange> Exchanges() {
+    static SftpFileHandle const handle(ByteString("handle", 6));
+    static SftpFileAttr mode = SftpFileAttr::Default(0640);
+    static char block[4];
+    static TOList<cindral::SftpName> names;
+    static String_t path;
+    return {
+        {Writer().U8(1).U32(3), Writer().U8(2).U32(3), 3, [](auto& c, auto&) { return c.Start(); }},
+        {Head(3, 0).String("/f").U32(0x1a).U32(4).U32(0640), Head(102, 0).String("handle"), 6,
+         [](auto& c, auto& s) { return static_cast<int>(c.Open(s, "/f", 0x1a, mode)._bytes.Length()); }},
+        {Head(11, 1).String("/d"), Head(102, 1).String("handle"), 6,
+         [](auto& c, auto& s) { return static_cast<int>(c.OpenDir(s, "/d")._bytes.Length()); }},
+        {Head(4, 2).String("handle"), Success(2), 0,
+         [](auto& c, auto& s) {
+             c.Close(s, handle);
+             return s._code;
+         }},
+        {Head(5, 3).String("handle").U64(0x100000001).U32(4), Head(103, 3).String("data"), 4,
+         [](auto& c, auto& s) { return c.Read(s, handle, 0x100000001, block, 4); }},
+        {Head(6, 4).String("handle").U64(0x100000001).String("abc"), Success(4), 3,
+         [](auto& c, auto& s) { return c.Write(s, handle, 0x100000001, "abc", 3); }},
+        {Head(12, 5).String("handle"), Name(5, "x"), 1,
+         [](auto& c, auto& s) { return c.ReadDir(s, handle, names); }},
+        {Head(14, 6).String("/d").U32(4).U32(0640), Success(6), 0,
+         [](auto& c, auto& s) { return c.Mkdir(s, "/d", mode); }},
+        {Head(15, 7).String("/d"), Success(7), 0, [](auto& c, auto& s) { return c.Rmdir(s, "/d"); }},
+        {Head(13, 8).String("/f"), Success(8), 0, [](auto& c, auto& s) { return c.Remove(s, "/f"); }},
+        {Head(7, 9).String("/f").U32(15), Mode(9), 0,
+         [](auto& c, auto& s) { return c.Lstat(s, "/f", mode); }},
+        {Head(17, 10).String("/f").U32(15), Mode(10), 0,
+         [](auto& c, auto& s) { return c.Stat(s, "/f", mode); }},
+        {Head(8, 11).String("handle").U32(15), Mode(11), 0,
+         [](auto& c, auto& s) { return c.Fstat(s, handle, mode); }},
+        {Head(9, 12).String("/f").U32(4).U32(0100640), Success(12), 0,
+         [](auto& c, auto& s) { return c.SetStat(s, "/f", mode); }},
+        {Head(10, 13).String("handle").U32(4).U32(0100640), Success(13), 0,
+         [](auto& c, auto& s) { return c.SetFstat(s, handle, mode); }},
+        {Head(18, 14).String("/old").String("/new").U32(0), Success(14), 0,
+         [](auto& c, auto& s) { return c.Rename(s, "/old", "/new"); }},
+        {Head(20, 15).String("first").String("second"), Success(15), 0,
+         [](auto& c, auto& s) { return c.Symlink(s, "first", "second"); }},
+        {Head(19, 16).String("/l"), Name(16, "/f"), 0,
+         [](auto& c, auto& s) { return c.Readlink(s, "/l", path); }},
+        {Head(16, 17).String("."), Name(17, "/home"), 0,
+         [](auto& c, auto& s) { return c.Realpath(s, ".", path); }},
+        {Head(13, 18).String("/no"), Head(101, 18).U32(2).String("No such file").String("en"), -2,
+         [](auto& c, auto& s) { return c.Remove(s, "/no"); }},
+    };
 }
 
 std::size_t EndOf(PacketRecord const& packet) {
@@ -114,9 +199,38 @@ TEST(SftpWire, EachMessageIsOneOfTheChannel) {
     ASSERT_EQ(c.received.size(), 7u + 4);
     std::vector<Bytes> requests;
     for (PacketRecord const& packet : Conversation(c.received)) requests.push_back(packet.payload);
+    EXPECT_EQ(requests, InDataMessages(Requests()));
+}
+
+TEST(SftpWire, EveryRequestIsExact) {
+    std::vector<Exchange> const exchanges = Exchanges();
+    ScriptedPeer server(
+        [&](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            for (Exchange const& exchange : exchanges) {
+                c.ExpectPacket(CHANNEL_DATA);
+                c.SendData(ToText(Writer().String(exchange._reply)));
+            }
+            ReadToTheEnd(c);
+        },
+        QuickSettings());
+    EXPECT_EQ(Converse(server.Port(),
+                       [&](SftpClient& client, SftpStatus& status) {
+                           for (Exchange const& exchange : exchanges)
+                               EXPECT_EQ(exchange._call(client, status), exchange._result);
+                           EXPECT_EQ(Text(status._message), "No such file");
+                           return status._code;
+                       }),
+              "2");
+    server.Join(1);
+    ASSERT_EQ(server.At(0).received.size(), 7 + exchanges.size());
+    std::vector<Bytes> requests;
+    for (PacketRecord const& packet :
+         Conversation(server.At(0).received, static_cast<std::ptrdiff_t>(exchanges.size())))
+        requests.push_back(packet.payload);
     std::vector<Bytes> expected;
-    for (Bytes const& request : Requests()) expected.push_back(Data(ToText(Writer().String(request))));
-    EXPECT_EQ(requests, expected);
+    for (Exchange const& exchange : exchanges) expected.push_back(exchange._request);
+    EXPECT_EQ(requests, InDataMessages(expected));
 }
 
 TEST(SftpWire, CutAfterEachByteOfTheRepliesIsAnError) {

@@ -168,13 +168,18 @@ TEST(SftpPacketNameTest, EncodingWritesTheCountTwice) {
 }
 
 TEST(SftpPacketNameTest, DecodingTakesTheSecondCountForAName) {
-    // The count 1 reads as the length of a filename, which is then the first byte of the name's own.
-    TOList<SftpName> names;
-    ExpectError<SshProtocolError>("input too short", "", [&] {
-        SftpPacketName(Bytes(Wire("68 00000007 00000001 00000001 00000001 'a' 00000001 'l' 00000000")),
-                       names);
-    });
-    EXPECT_EQ(names.Len(), 0u);
+    // The count reads as the length of a filename, which is then the first bytes of the name's own.
+    SftpName name;
+    name._filename = "a";
+    name._longname = "l";
+    for (int count : {1, 2}) {
+        TOList<SftpName> sent;
+        for (int i = 0; i < count; ++i) sent.Append(name);
+        ByteString const payload = SftpPacketName(7, sent).Payload();
+        TOList<SftpName> names;
+        ExpectError<SshProtocolError>("input too short", "", [&] { SftpPacketName(payload, names); });
+        EXPECT_EQ(names.Len(), 0u);
+    }
 }
 
 TEST(SftpPacketNameTest, NoNamesAreTaken) {
