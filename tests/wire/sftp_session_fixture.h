@@ -7,6 +7,7 @@
 #include <functional>
 #include <initializer_list>
 #include <iterator>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -112,7 +113,7 @@ inline Message Status(std::uint32_t code, std::string_view text = "told", std::s
     return {101, peer::Writer().U32(code).String(text).String(language)};
 }
 inline Message Done() { return Status(0, "done"); }
-inline Message Handle(std::string_view handle) { return {102, peer::Writer().String(handle)}; }
+inline Message Opened(std::string_view handle) { return {102, peer::Writer().String(handle)}; }
 inline Message FileData(std::string_view data) { return {103, peer::Writer().String(data)}; }
 /// Every name has the long form "-name" and those attributes.
 inline Message Names(std::vector<std::string> const& names, peer::Bytes const& attrs = NoAttrs()) {
@@ -122,6 +123,15 @@ inline Message Names(std::vector<std::string> const& names, peer::Bytes const& a
     return {104, fields};
 }
 inline Message Attrs(peer::Bytes const& attrs) { return {105, attrs}; }
+
+/// One of each type, and such as no reply has.
+inline std::map<unsigned, Message> Replies() {
+    return {
+        {2, Message(2, {})},     {101, Status(4)},        {102, Opened("h")},
+        {103, FileData("data")}, {104, Names({"/name"})}, {105, Attrs(Mode(0644))},
+        {0, Message(0, {})},     {3, Open("/f", 1)},      {200, Message(200, {})},
+    };
+}
 
 /// Greets and tells the home directory.
 inline Dialogue Beginning(std::string_view home = "/home/u") {
@@ -134,7 +144,7 @@ inline Dialogue Beginning(std::string_view home = "/home/u") {
 /// What a directory is read with whose names come in one reply. The handle is "d", then its path.
 inline Dialogue Listing(std::string const& path, std::vector<std::string> const& names,
                         peer::Bytes const& attrs = NoAttrs()) {
-    Dialogue listing{{OpenDir(path), Handle("d" + path)}};
+    Dialogue listing{{OpenDir(path), Opened("d" + path)}};
     if (!names.empty()) listing.push_back({ReadDir("d" + path), Names(names, attrs)});
     listing.push_back({ReadDir("d" + path), Status(1, "end")});
     listing.push_back({Close("d" + path), Done()});
