@@ -23,6 +23,7 @@ public:
 /// The same for groups.
 class BRANTLE_API GroupNameMap : public TMap<int, String_t> {
 public:
+    /// As in UserNameMap.
     String_t operator[](int gid);
 };
 
@@ -40,6 +41,7 @@ public:
         }
     };
 
+    /// Empty texts and a status of zeros.
     DirEntry();
     /// To search for.
     explicit DirEntry(String_t const& name);

@@ -44,7 +44,9 @@ public:
     class DirReader;
     class FileControl;
 
+    /// The streams are those of a channel on which the `sftp` subsystem runs by the time of Start.
     SftpClient(OSshDataStream& out, ISshDataStream& in);
+    /// Sends nothing: what is open stays open.
     ~SftpClient();
 
     /// Begins the conversation. Returns the server's version, whatever it is; version 3 is spoken all the
@@ -79,20 +81,26 @@ public:
     /// has the code 1 at the end of the directory.
     int ReadDir(SftpStatus& status, SftpFileHandle const& handle, TOList<SftpName>& names);
 
+    /// Creates a directory with these attributes.
     int Mkdir(SftpStatus& status, String_t const& path, SftpFileAttr const& attrs);
+    /// Removes a directory, which has to be empty.
     int Rmdir(SftpStatus& status, String_t const& path);
+    /// Removes a file.
     int Remove(SftpStatus& status, String_t const& path);
 
-    /// Attributes of a file, of a symbolic link itself or else of what it leads to.
+    /// Attributes of a file, of a symbolic link itself or else of what it leads to. Fields of `attrs`
+    /// that the server does not tell stay as they are; the flags say which are told.
     int Lstat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     int Stat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     /// Either of them: `type` is FXP_LSTAT or FXP_STAT.
     int StatCore(int type, SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
+    /// The same of an open file.
     int Fstat(SftpStatus& status, SftpFileHandle const& handle, SftpFileAttr& attrs);
-    /// Sets the attributes that are present.
+    /// Sets the attributes that are present, of a file or of an open one.
     int SetStat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     int SetFstat(SftpStatus& status, SftpFileHandle const& handle, SftpFileAttr& attrs);
 
+    /// Renames a file or directory; what is there under the new name is a matter of the server's.
     int Rename(SftpStatus& status, String_t const& oldPath, String_t const& newPath);
     /// Creates a symbolic link. The paths go out in this order; servers differ on which is the link.
     int Symlink(SftpStatus& status, String_t const& firstPath, String_t const& secondPath);
@@ -139,7 +147,7 @@ public:
     int Open(String_t const& path);
     /// Takes the next entry. At the end the last one stays.
     DirReader& operator++();
-    /// Closes the directory if it is open.
+    /// Closes the directory if it is open. After an exception it counts as open still.
     void Close();
 
     SftpClient& _client;
@@ -148,7 +156,7 @@ public:
     String_t _filename;      ///< this and the next two as in SftpName
     String_t _longname;
     SftpFileAttr _attrs;
-    SftpStatus _status; ///< of the last request that was refused
+    SftpStatus _status; ///< of the last reply that was one
     unsigned int _state;
 
 private:
@@ -159,6 +167,7 @@ private:
 /// Closes a handle at the end of a scope, an empty one too. What comes of it is dropped.
 class BRANTLE_API SftpClient::FileControl {
 public:
+    /// The client must outlive the scope.
     FileControl(SftpClient& client, SftpFileHandle const& handle);
     ~FileControl();
     FileControl(FileControl const&) = delete;

@@ -17,6 +17,7 @@ public:
     ByteString _bytes;
 };
 
+/// The bytes with their length in front, as of any ByteString.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpFileHandle const& handle);
 BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpFileHandle& handle);
 

@@ -17,6 +17,7 @@ public:
     SftpFileAttr _attrs;
 };
 
+/// Both texts and the attributes.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpName const& name);
 /// An empty text fails, as with ReadSftpString.
 BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpName& name);

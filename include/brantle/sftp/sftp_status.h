@@ -20,6 +20,7 @@ public:
     String_t _language; ///< tag of the message's language (RFC 3066)
 };
 
+/// The code and both texts.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpStatus const& status);
 /// An empty text sets MALFORMED, as with ReadSftpString.
 BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpStatus& status);
