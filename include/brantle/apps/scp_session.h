@@ -18,7 +18,7 @@ namespace cindral {
 ///
 /// Permission bits are copied, times and directories are not. Paths are local unless told otherwise; the
 /// remote ones go to the server's shell as they stand, without quotes. Received files are named by the
-/// caller, and what names the server gives does not matter.
+/// caller, and what names the server gives does not matter. Every call blocks; one thread at a time.
 ///
 /// All results are 0 or a count when all is well. -1 stands for a session without a login and for a channel
 /// that has ended, a further negative value for minus the errno of open(2) on a local file, and 1 for a

@@ -10,8 +10,8 @@ namespace cindral {
 
 // The session channel as a pair of blocking byte streams, for work that runs without the event loop. Neither
 // stream has a descriptor: Bind and Unbind are of no use here. The packet streams and the window belong to
-// the session and must outlive the data streams. Both streams of a session belong to one thread, as the input
-// stream writes too.
+// the session and must outlive the data streams, which may be built before the channel is open and used once
+// it is. Both streams of a session belong to one thread, as the input stream writes too.
 
 /// Sends what is written as CHANNEL_DATA (RFC 4254, section 5.2), each of at most MAX_DATA bytes, once
 /// that many are buffered or Flush is called. So a protocol of requests flushes behind each one.
