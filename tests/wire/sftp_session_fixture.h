@@ -39,6 +39,7 @@ public:
     /// One that is these bytes, whatever id is due.
     explicit Message(peer::Bytes payload) : _isWhole(true), _fields(std::move(payload)) {}
 
+    unsigned Type() const { return Payload(0).at(0); }
     peer::Bytes Payload(std::uint32_t id) const {
         return _isWhole ? _fields : peer::Bytes(peer::Writer().U8(_type).U32(id).Raw(_fields));
     }
@@ -56,6 +57,9 @@ struct Exchange {
 };
 
 using Dialogue = std::vector<Exchange>;
+
+constexpr unsigned CLOSE = 4;
+constexpr unsigned READ_DIR = 12;
 
 inline Dialogue operator+(Dialogue first, Dialogue const& second) {
     first.insert(first.end(), second.begin(), second.end());
@@ -131,6 +135,24 @@ inline std::map<unsigned, Message> Replies() {
         {103, FileData("data")}, {104, Names({"/name"})}, {105, Attrs(Mode(0644))},
         {0, Message(0, {})},     {3, Open("/f", 1)},      {200, Message(200, {})},
     };
+}
+
+/// Whether a request of the one type has replies of the other.
+inline bool Accepts(unsigned request, unsigned reply) {
+    switch (reply) {
+    case 101:
+        return true;
+    case 102:
+        return request == 3 || request == 11;
+    case 103:
+        return request == 5;
+    case 104:
+        return request == 12 || request == 16 || request == 19;
+    case 105:
+        return request == 7 || request == 8 || request == 17;
+    default:
+        return false;
+    }
 }
 
 /// Greets and tells the home directory.
@@ -276,6 +298,31 @@ protected:
             ADD_FAILURE() << error.what();
         }
         return outcome;
+    }
+
+    /// Replaces each reply of a dialogue by each that its request does not have: that breaks the
+    /// conversation. `tail` is what the client says all the same behind that exchange. What closes a file in
+    /// passing is passed over.
+    void ExpectBreaches(sftp::Dialogue const& dialogue, Call const& call,
+                        std::function<sftp::Dialogue(std::size_t)> const& tail = {}) {
+        std::string const expected = Run(dialogue, call);
+        for (std::size_t i = 0; i < dialogue.size(); ++i) {
+            unsigned const request = dialogue[i].request.Type();
+            for (auto const& [type, reply] : sftp::Replies()) {
+                if (sftp::Accepts(request, type)) continue;
+                SCOPED_TRACE("reply " + std::to_string(i) + " is of type " + std::to_string(type));
+                sftp::Dialogue broken = dialogue;
+                broken[i].reply = reply;
+                if (request != sftp::CLOSE) {
+                    broken.resize(i + 1, dialogue[0]);
+                    if (tail) broken = broken + tail(i);
+                }
+                EXPECT_EQ(Run(broken, call), request == sftp::CLOSE ? expected : Breach(type));
+            }
+        }
+    }
+    static std::string Breach(unsigned type) {
+        return "SshProtocolError: invalid sftp response received: " + std::to_string(type);
     }
 
     static std::size_t OpenDescriptors() {
