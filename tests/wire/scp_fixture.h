@@ -26,6 +26,7 @@ public:
     explicit ScpClient(std::uint16_t port) : ScpSession(port, "127.0.0.1") {}
 
     using ScpSession::_input;
+    using ScpSession::_output;
     using ScpSession::ParseCLine;
     using ScpSession::Readln;
     using ScpSession::ReadResponse;

@@ -331,16 +331,24 @@ TEST_F(ScpReceive, ChannelThatEndsInPlaceOfAHeaderGivesMinusOne) {
 }
 
 TEST_F(ScpReceive, ChannelThatEndsInPlaceOfTheAnswerGivesMinusOne) {
-    EXPECT_EQ(Receive([](RemoteScp& remote) {
-                  remote.ExpectAcknowledgement();
-                  remote.Send("C0644 2 name\n");
-                  remote.ExpectAcknowledgement();
-                  remote.Send("ab");
-                  remote.Break();
-              }),
+    EXPECT_EQ(Run(
+                  [](RemoteScp& remote) {
+                      remote.TakeCommand();
+                      remote.ExpectAcknowledgement();
+                      remote.Send("C0644 2 name\n");
+                      remote.ExpectAcknowledgement();
+                      remote.Send("ab");
+                      remote.Break();
+                  },
+                  [&](ScpClient& session) {
+                      EXPECT_EQ(session.StartReceive("dir", List({"name"})), 0);
+                      int const result = session.ReceiveFile(Directory(), "name");
+                      EXPECT_EQ(session._output._pos, session._output._start); // nothing is acknowledged
+                      return result;
+                  }),
               "-1");
     EXPECT_EQ(Stored("name"), "ab");
-    EXPECT_EQ(Sent().size(), 4u); // the body is not acknowledged
+    EXPECT_EQ(Sent().size(), 4u);
 }
 
 TEST_F(ScpReceive, BlockThatComesInPartIsNotWritten) {
