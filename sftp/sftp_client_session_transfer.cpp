@@ -2,6 +2,7 @@
 
 #include <brantle/sftp/sftp_client_session.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -46,11 +47,13 @@ int SftpClientSession::Receive(SftpStatus& status, String_t const& remote, int f
     return ReceiveBlocks(status, handle, fd);
 }
 
+/// A negative code of the server's looks like a number of bytes, though none have come: the block may still
+/// be as it was made, and the number greater than the block.
 int SftpClientSession::ReceiveBlocks(SftpStatus& status, SftpFileHandle const& handle, int fd) {
-    char block[READ_SIZE];
+    char block[READ_SIZE] = {};
     long long offset = 0;
     for (int n; (n = _client.Read(status, handle, offset, block, READ_SIZE)) > 0; offset += n)
-        if (write(fd, block, static_cast<unsigned int>(n)) < 0) return -errno;
+        if (write(fd, block, std::min(static_cast<unsigned int>(n), READ_SIZE)) < 0) return -errno;
     return Outcome(status);
 }
 
