@@ -1,0 +1,80 @@
+#ifndef TESTS_WIRE_SFTP_TRANSFER_FIXTURE_H
+#define TESTS_WIRE_SFTP_TRANSFER_FIXTURE_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+
+#include <brantle/thornel/file_descriptor.h>
+
+#include "wire/local_directory.h"
+#include "wire/sftp_session_fixture.h"
+
+namespace sftp {
+
+constexpr std::uint32_t READING = 1;
+constexpr std::uint32_t WRITING = 26; ///< creating and truncating, too
+constexpr std::uint32_t READ_SIZE = 32562;
+constexpr std::uint32_t WRITE_SIZE = 32544;
+constexpr std::uint32_t REGULAR = 0100000;
+
+/// The code of a status that is below 0.
+inline std::uint32_t Code(std::int32_t code) { return static_cast<std::uint32_t>(code); }
+
+inline Dialogue Closing() { return {{Close("h"), Done()}}; }
+
+/// What a remote file is read with that goes well. The handle is "h".
+inline Dialogue Fetching(std::string_view path, std::string_view text, std::uint32_t mode = 0644) {
+    Dialogue fetching{{Open(path, READING), Opened("h")},
+                      {Fstat("h"), Attrs(AllAttrs(text.size(), 0, 0, REGULAR | mode))}};
+    for (std::size_t at = 0; at < text.size(); at += READ_SIZE)
+        fetching.push_back({Read("h", at, READ_SIZE), FileData(text.substr(at, READ_SIZE))});
+    fetching.push_back({Read("h", text.size(), READ_SIZE), Status(1, "end")});
+    return fetching + Closing();
+}
+/// What a remote file is written with that goes well.
+inline Dialogue Storing(std::string_view path, std::string_view text, std::uint32_t mode = 0644) {
+    Dialogue storing{{Open(path, WRITING), Opened("h")}, {SetFstat("h", Mode(REGULAR | mode)), Done()}};
+    for (std::size_t at = 0; at < text.size(); at += WRITE_SIZE)
+        storing.push_back({Write("h", at, text.substr(at, WRITE_SIZE)), Done()});
+    return storing + Closing();
+}
+/// What comes of a file that the server does not open.
+inline Dialogue Refusing(std::string_view path, std::uint32_t flags) {
+    return {{Open(path, flags), Status(3, "denied")}, {Close(""), Status(4, "no handle")}};
+}
+inline Dialogue Removing(std::string_view path) { return {{Remove(path), Done()}}; }
+
+} // namespace sftp
+
+/// Transfers between a scripted server and a directory of the test's own, the session's local current one.
+/// The working directory of the process is another.
+class SftpTransferTest : public SftpSessionTest {
+protected:
+    std::string Transfer(sftp::Dialogue const& dialogue, Call const& call) {
+        return Run(dialogue, InDirectory(call));
+    }
+    std::string TransferWith(RemoteScript const& script, Call const& call) {
+        return RunWith(script, InDirectory(call));
+    }
+    Call InDirectory(Call const& call) const {
+        return [this, call](SftpProgram& session) {
+            session.LCd(local.Name());
+            return call(session);
+        };
+    }
+
+    /// That many characters, no two blocks of which are the same.
+    static std::string Pattern(std::size_t size) {
+        std::string text(size, '\0');
+        for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i % 251 + i / 32544);
+        return text;
+    }
+
+    LocalDirectory local;
+    cindral::SftpStatus status;
+};
+
+#endif
