@@ -25,6 +25,8 @@ enum Status {
     CONNECTION_FAILED = 8,
     UNKNOWN_HOST = 9,
     NOT_COPIED = 10,
+    NOT_LISTED = 11,
+    NOT_CHANGED = 12,
 };
 
 constexpr unsigned int CONNECT_SECONDS = 20;

@@ -1,0 +1,45 @@
+// What the SFTP examples have in common: a session that is started, and words for what failed.
+
+#ifndef EXAMPLES_SFTP_H
+#define EXAMPLES_SFTP_H
+
+#include <cctype>
+#include <string>
+
+#include "login.h"
+
+namespace examples {
+
+/// A text of the server's, without what could steer a terminal.
+inline String_t Printable(String_t const& text) {
+    std::string clean(text.Text() ? text.Text() : "");
+    for (char& c : clean)
+        if (std::iscntrl(static_cast<unsigned char>(c))) c = '?';
+    return clean.c_str();
+}
+
+/// Says what has failed: in the server's own words if it has refused something, which a fresh status then
+/// tells, or else in those of this system.
+inline int FileFailed(Status status, String_t const& file, int result, cindral::SftpStatus const& answer) {
+    String_t what = Printable(file);
+    what += ": ";
+    what += answer._code != cindral::SftpStatus::FX_OK ? Printable(answer._message).Text()
+                                                       : std::strerror(-result);
+    return Fail(status, what);
+}
+
+/// Logs in, starts SFTP and does the work on the session, which gives the exit status.
+template <class Work>
+int WorkOnFiles(CommandLine const& arguments, Work const& work) {
+    using cindral::SftpClientSession;
+    return LoginAndWork<SftpClientSession>(arguments, [&work](SftpClientSession& session) {
+        int const result = session.Start();
+        if (result > 0) return Fail(CHANNEL_REFUSED, "the server refuses the channel");
+        if (result < 0) return Fail(CONNECTION_FAILED, "the server does not tell its directory");
+        return work(session);
+    });
+}
+
+} // namespace examples
+
+#endif

@@ -1,0 +1,238 @@
+// Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories.
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "sftp.h"
+
+namespace {
+
+using cindral::DirEntry;
+using cindral::SftpClientSession;
+using cindral::SftpFileAttr;
+using cindral::SftpStatus;
+using examples::DONE;
+using examples::Fail;
+
+int Failed(String_t const& file, int result, SftpStatus const& status) {
+    return examples::FileFailed(examples::NOT_COPIED, file, result, status);
+}
+
+int FailedHere(String_t const& file) { return Failed(file, -errno, SftpStatus()); }
+
+/// Does a step for each name and goes on behind one that fails. Returns DONE, or the last failure.
+template <class Step>
+int ForEach(TOList<String_t> const& names, Step const& step) {
+    int outcome = DONE;
+    TOListIterator<String_t> next(names);
+    while (String_t const* const name = next())
+        if (int const status = step(*name); status != DONE) outcome = status;
+    return outcome;
+}
+
+/// A copy can end well and yet be incomplete: what a local descriptor does not take of a block is left out,
+/// and so is a block that the server refuses ahead of the last. The sizes tell.
+int CompareSizes(SftpClientSession& session, String_t const& remote, String_t const& local) {
+    SftpStatus status;
+    SftpFileAttr attrs;
+    if (int const result = session.Stat(status, remote, attrs); result < 0)
+        return Failed(remote, result, status);
+    struct stat64 file;
+    if (stat64(local.Text(), &file) < 0) return FailedHere(local);
+    auto const localSize = static_cast<unsigned long long>(file.st_size);
+    if (!S_ISREG(file.st_mode) || attrs._size == localSize) return DONE;
+    std::string const sizes = ": not complete, " + std::to_string(attrs._size) + " bytes there and " +
+                              std::to_string(localSize) + " here";
+    return Fail(examples::NOT_COPIED, examples::Printable(remote) += sizes.c_str());
+}
+
+Pathname Under(Pathname dir, String_t const& name) { return dir.Append(name.Text()); }
+
+Pathname PlaceIn(String_t const& dir, Pathname const& file) { return Under(dir, file.Leaf(nullptr)); }
+
+// --- from the server
+
+int GetFile(SftpClientSession& session, String_t const& remote, String_t const& dir) {
+    SftpStatus status;
+    Pathname const local = PlaceIn(dir, remote);
+    if (int const result = session.Get(status, remote, local); result < 0)
+        return Failed(remote, result, status);
+    return CompareSizes(session, remote, local);
+}
+
+int GetMatching(SftpClientSession& session, String_t const& pattern, String_t const& dir) {
+    SftpStatus status;
+    int const count = session.MGet(status, pattern, dir);
+    if (count < 0) return Failed(pattern, count, status);
+    if (count == 0) return Fail(examples::NOT_COPIED, String_t(pattern) += ": nothing matches");
+    TOList<String_t> names;
+    session.Glob(status, names, session.RemotePathname(pattern));
+    return ForEach(names,
+                   [&](String_t const& name) { return CompareSizes(session, name, PlaceIn(dir, name)); });
+}
+
+/// Whether a name is one of a file in a directory. A server may send any: "..", "/etc/passwd", "a/../../b".
+bool IsPlainName(String_t const& name) {
+    return name != "" && name != "." && name != ".." && !std::strchr(name.Text(), '/');
+}
+
+/// Makes a directory unless there is one. A link to one leads elsewhere.
+bool MakeDirectory(Pathname const& dir) {
+    struct stat64 file;
+    if (mkdir(dir.Text(), 0777) == 0) return true;
+    if (errno != EEXIST || lstat64(dir.Text(), &file) < 0) return false;
+    errno = ENOTDIR;
+    return S_ISDIR(file.st_mode);
+}
+
+/// Copies through a descriptor of this program's own, which no link can lead elsewhere.
+int GetFileInto(SftpClientSession& session, String_t const& remote, Pathname const& local) {
+    int const fd = open64(local.Text(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0) return FailedHere(local);
+    SftpStatus status;
+    int const result = session.Receive(status, remote, fd);
+    close(fd);
+    return result < 0 ? Failed(remote, result, status) : CompareSizes(session, remote, local);
+}
+
+/// Copies what a remote directory holds into a local one, which is made.
+int GetDirectory(SftpClientSession& session, Pathname const& remote, Pathname const& local) {
+    if (!MakeDirectory(local)) return FailedHere(local);
+    SftpStatus status;
+    TSet<DirEntry, DirEntry::Compare> entries;
+    session.ListDir(status, entries, remote, 1);
+    int outcome = DONE;
+    TSet<DirEntry, DirEntry::Compare>::Iterator next(entries, 0);
+    while (DirEntry const* const entry = next()) {
+        int result = DONE;
+        if (!IsPlainName(entry->_name))
+            result = Fail(examples::NOT_COPIED,
+                          examples::Printable(entry->_name) += ": not a name in a directory");
+        else if (S_ISDIR(entry->_status.st_mode))
+            result = GetDirectory(session, Under(remote, entry->_name), Under(local, entry->_name));
+        else if (S_ISREG(entry->_status.st_mode))
+            result = GetFileInto(session, Under(remote, entry->_name), Under(local, entry->_name));
+        else
+            std::cerr << examples::Printable(entry->_name) << ": left out, not a file or directory"
+                      << std::endl;
+        if (result != DONE) outcome = result;
+    }
+    return outcome;
+}
+
+int GetAll(SftpClientSession& session, String_t const& remote, String_t const& dir) {
+    SftpStatus status;
+    SftpFileAttr attrs;
+    if (int const result = session.Stat(status, remote, attrs); result < 0)
+        return Failed(remote, result, status);
+    if (!S_ISDIR(attrs._permissions)) return GetFile(session, remote, dir);
+    Pathname const source = session.RemotePathname(remote).Collapse();
+    return GetDirectory(session, source, PlaceIn(dir, source));
+}
+
+int Get(SftpClientSession& session, bool recursive, String_t const& remote, String_t const& dir) {
+    if (recursive) return GetAll(session, remote, dir);
+    if (SftpClientSession::IsWildcardPath(remote)) return GetMatching(session, remote, dir);
+    return GetFile(session, remote, dir);
+}
+
+// --- to the server
+
+/// Copies a list of files into a remote directory; it ends at the first that can't be copied. `what` is their
+/// common name.
+int PutFiles(SftpClientSession& session, String_t const& what, TOList<String_t> const& names,
+             String_t const& dir) {
+    SftpStatus status;
+    if (int const count = session.Put(status, names, dir); count < 0) return Failed(what, count, status);
+    return ForEach(names,
+                   [&](String_t const& name) { return CompareSizes(session, PlaceIn(dir, name), name); });
+}
+
+int PutMatching(SftpClientSession& session, String_t const& pattern, String_t const& dir) {
+    SftpStatus status;
+    int const count = session.MPut(status, pattern, dir);
+    if (count < 0) return Failed(pattern, count, status);
+    if (count == 0) return Fail(examples::NOT_COPIED, String_t(pattern) += ": nothing matches");
+    TOList<String_t> names;
+    Pathname::Glob(pattern, 0, names);
+    return ForEach(names,
+                   [&](String_t const& name) { return CompareSizes(session, PlaceIn(dir, name), name); });
+}
+
+/// Makes a remote directory unless there is one.
+int MakeRemoteDirectory(SftpClientSession& session, Pathname const& dir) {
+    SftpStatus refusal;
+    int const made = session.Mkdir(refusal, dir, 0777);
+    if (made == 0) return DONE;
+    SftpStatus status;
+    SftpFileAttr attrs;
+    bool const isThere = session.Stat(status, dir, attrs) == 0 && S_ISDIR(attrs._permissions);
+    return isThere ? DONE : Failed(dir, made, refusal);
+}
+
+/// Copies what a local directory holds into a remote one, which is made.
+int PutDirectory(SftpClientSession& session, Pathname const& local, Pathname const& remote) {
+    if (int const status = MakeRemoteDirectory(session, remote); status != DONE) return status;
+    TOList<String_t> files;
+    int outcome = DONE;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(local.Text(), error), end; !error && entry != end;
+         entry.increment(error)) {
+        Pathname const file(entry->path().c_str());
+        struct stat64 attrs;
+        int result = DONE;
+        if (lstat64(file.Text(), &attrs) < 0)
+            result = FailedHere(file);
+        else if (S_ISDIR(attrs.st_mode))
+            result = PutDirectory(session, file, PlaceIn(remote, file));
+        else if (S_ISREG(attrs.st_mode))
+            files.Append(file);
+        else
+            std::cerr << file << ": left out, not a file or directory" << std::endl;
+        if (result != DONE) outcome = result;
+    }
+    if (error) return Failed(local, -error.value(), SftpStatus());
+    int const result = PutFiles(session, local, files, remote);
+    return result != DONE ? result : outcome;
+}
+
+int Put(SftpClientSession& session, bool recursive, String_t const& file, String_t const& dir) {
+    struct stat64 attrs;
+    if (recursive && stat64(file.Text(), &attrs) == 0 && S_ISDIR(attrs.st_mode))
+        return PutDirectory(session, file, PlaceIn(dir, file));
+    if (SftpClientSession::IsWildcardPath(file)) return PutMatching(session, file, dir);
+    TOList<String_t> names;
+    names.Append(file);
+    return PutFiles(session, file, names, dir);
+}
+
+} // namespace
+
+int main(int, char** argv) {
+    char const usage[] =
+        "usage: sftp_copy [-i IDENTITY] [USER@]HOST[:PORT] put [-r] FILE_OR_PATTERN... REMOTE_DIRECTORY\n"
+        "       sftp_copy [-i IDENTITY] [USER@]HOST[:PORT] get [-r] REMOTE_FILE_OR_PATTERN... DIRECTORY";
+    examples::CommandLine arguments;
+    if (int const status = arguments.Read(argv, usage); status != DONE) return status;
+    char** words = arguments._rest;
+    String_t const direction(*words);
+    if (direction != "put" && direction != "get") return Fail(examples::USAGE, usage);
+    ++words;
+    bool const recursive = *words && std::strcmp(*words, "-r") == 0;
+    if (recursive) ++words;
+    if (!words[0] || !words[1]) return Fail(examples::USAGE, usage);
+    TOList<String_t> names;
+    for (; words[1]; ++words) names.Append(*words);
+    String_t const dir(*words);
+    return examples::WorkOnFiles(arguments, [&](SftpClientSession& session) {
+        return ForEach(names, [&](String_t const& name) {
+            return direction == "put" ? Put(session, recursive, name, dir)
+                                      : Get(session, recursive, name, dir);
+        });
+    });
+}

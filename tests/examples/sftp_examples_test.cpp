@@ -1,0 +1,360 @@
+// The SFTP examples as a user runs them: against OpenSSH's sftp-server, and against a server that means ill.
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+
+#include "examples/execute.h"
+#include "support/peer/scripted_peer.h"
+#include "support/servers/python_servers.h"
+#include "support/servers/server_suite.h"
+
+using namespace execute;
+using namespace peer;
+using servers::ReadFile;
+using servers::WriteFile;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+namespace {
+
+/// A real server, and a directory on either side.
+class SftpExamples : public servers::ServerSuite<servers::AsyncsshServer> {
+protected:
+    Ran Run(std::string const& program, std::string const& arguments, std::string const& before = {}) {
+        return Execute(before + program + " -i " + TheServer().File("user_rsa") + " " + TheServer().User() +
+                       "@127.0.0.1:" + std::to_string(TheServer().Port()) + " " + arguments + " </dev/null");
+    }
+    std::string There(std::string const& name = {}) const { return _there / name; }
+    std::string Here(std::string const& name = {}) const { return _here / name; }
+
+private:
+    servers::TemporaryDirectory _there;
+    servers::TemporaryDirectory _here;
+};
+
+auto Succeeds(std::string const& output = {}) {
+    return testing::AllOf(testing::Field(&Ran::status, 0), testing::Field(&Ran::output, output),
+                          testing::Field(&Ran::errors, ""));
+}
+
+bool SameTrees(std::string const& a, std::string const& b) {
+    return servers::Run({"diff", "-r", a, b}).status == 0;
+}
+
+mode_t ModeOf(std::string const& path) {
+    struct stat file;
+    return stat(path.c_str(), &file) == 0 ? file.st_mode & 07777 : 0;
+}
+
+} // namespace
+
+TEST_F(SftpExamples, LsListsInTheLongForm) {
+    WriteFile(There("b"), "content", 0640);
+    WriteFile(There("a"), "", 0600);
+    WriteFile(There(".hidden"), "");
+    auto const lines = [](std::string const& a, std::string const& b) { return a + b; };
+    std::string const a = "-rw------- [^\n]* a\n", b = "-rw-r----- [^\n]* 7 [^\n]* b\n";
+    EXPECT_THAT(Run(SFTP_LS, There()).output, MatchesRegex(lines(a, b)));
+    EXPECT_THAT(Run(SFTP_LS, "-r " + There()).output, MatchesRegex(lines(b, a)));
+    EXPECT_THAT(Run(SFTP_LS, "-a " + There()).output, HasSubstr(".hidden\n-rw------- "));
+    Ran const matching = Run(SFTP_LS, "'" + There("[b]*") + "'");
+    EXPECT_THAT(matching.output, MatchesRegex("-rw-r-----    0 [^\n]* 7 [^\n]*/b\n")) << matching;
+    EXPECT_EQ(matching.errors, "");
+    std::filesystem::create_directory(There("empty"));
+    EXPECT_THAT(Run(SFTP_LS, There("empty")), Succeeds());
+}
+
+TEST_F(SftpExamples, LsTellsWhatFailed) {
+    EXPECT_THAT(Run(SFTP_LS, There("missing")), Fails(11, There("missing") + ": No such file"));
+    EXPECT_THAT(Run(SFTP_LS, "'" + There("x*") + "'"), Fails(11, There("x*") + ": nothing matches"));
+}
+
+TEST_F(SftpExamples, CopyPutsAndGetsFiles) {
+    WriteFile(Here("a"), "first", 0640);
+    WriteFile(Here("b"), std::string(100000, 'b'), 0600);
+    EXPECT_THAT(Run(SFTP_COPY, "put " + Here("a") + " " + Here("b") + " " + There()), Succeeds());
+    EXPECT_TRUE(SameTrees(Here(), There()));
+    EXPECT_EQ(ModeOf(There("a")), 0640u);
+    std::filesystem::create_directory(Here("back"));
+    EXPECT_THAT(Run(SFTP_COPY, "get " + There("b") + " " + There("a") + " " + Here("back")), Succeeds());
+    EXPECT_TRUE(SameTrees(Here("back"), There()));
+    EXPECT_EQ(ModeOf(Here("back/a")), 0640u);
+}
+
+TEST_F(SftpExamples, CopyTakesPatterns) {
+    for (char const* name : {"a1", "a2", "b"}) WriteFile(Here(name), name);
+    EXPECT_THAT(Run(SFTP_COPY, "put '" + Here("a?") + "' " + There()), Succeeds());
+    EXPECT_EQ(ReadFile(There("a1")) + ReadFile(There("a2")), "a1a2");
+    EXPECT_FALSE(std::filesystem::exists(There("b")));
+    std::filesystem::create_directory(Here("back"));
+    EXPECT_THAT(Run(SFTP_COPY, "get '" + There("*2") + "' " + Here("back")), Succeeds());
+    EXPECT_EQ(ReadFile(Here("back/a2")), "a2");
+    EXPECT_FALSE(std::filesystem::exists(Here("back/a1")));
+}
+
+TEST_F(SftpExamples, CopyWalksThroughDirectories) {
+    std::filesystem::create_directories(Here("tree/sub/deep"));
+    WriteFile(Here("tree/one"), "1", 0600);
+    WriteFile(Here("tree/.two"), "2", 0640);
+    WriteFile(Here("tree/sub/deep/three"), "3");
+    EXPECT_THAT(Run(SFTP_COPY, "put -r " + Here("tree") + " " + There()), Succeeds());
+    EXPECT_TRUE(SameTrees(Here("tree"), There("tree")));
+    std::filesystem::create_directory(Here("back"));
+    EXPECT_THAT(Run(SFTP_COPY, "get -r " + There("tree") + " " + Here("back")), Succeeds());
+    EXPECT_TRUE(SameTrees(Here("tree"), Here("back/tree")));
+    EXPECT_EQ(ModeOf(Here("back/tree/.two")), 0640u);
+    EXPECT_THAT(Run(SFTP_COPY, "put -r " + Here("tree") + " " + There()), Succeeds()) << "once more";
+
+    std::filesystem::create_symlink("one", There("tree/link"));
+    Ran const ran = Run(SFTP_COPY, "get -r " + There("tree") + " " + Here("back"));
+    EXPECT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.errors, "link: left out, not a file or directory\n");
+    EXPECT_FALSE(std::filesystem::exists(Here("back/tree/link")));
+}
+
+TEST_F(SftpExamples, CopyGoesOnBehindWhatFails) {
+    WriteFile(There("a"), "1");
+    EXPECT_THAT(Run(SFTP_COPY, "get " + There("missing") + " " + There("a") + " " + Here()),
+                Fails(10, There("missing") + ": No such file"));
+    EXPECT_EQ(ReadFile(Here("a")), "1");
+    EXPECT_THAT(Run(SFTP_COPY, "put " + Here("none") + " " + There()),
+                Fails(10, Here("none") + ": No such file or directory"));
+    EXPECT_THAT(Run(SFTP_COPY, "put " + Here("a") + " " + There("no/such")),
+                Fails(10, Here("a") + ": No such file"));
+    EXPECT_THAT(Run(SFTP_COPY, "put -r " + Here() + " " + There("no/such")).errors,
+                HasSubstr(": No such file\n"));
+    EXPECT_THAT(Run(SFTP_COPY, "get '" + There("x*") + "' " + Here()),
+                Fails(10, There("x*") + ": nothing matches"));
+    EXPECT_THAT(Run(SFTP_COPY, "get -r " + There("gone") + " " + Here()),
+                Fails(10, There("gone") + ": No such file"));
+}
+
+// A file that may not grow takes the first part of a block, and the library does not offer the rest again.
+TEST_F(SftpExamples, CopyNoticesWhatWasLeftOut) {
+    WriteFile(There("file"), std::string(20000, 'x'));
+    std::string const limit = "bash -c 'trap \"\" XFSZ; ulimit -f 2; exec \"$@\"' limited ";
+    EXPECT_THAT(Run(SFTP_COPY, "get " + There("file") + " " + Here(), limit),
+                Fails(10, There("file") + ": not complete, 20000 bytes there and 2048 here"));
+}
+
+TEST_F(SftpExamples, ChangeDoesOneThing) {
+    EXPECT_THAT(Run(SFTP_CHANGE, "mkdir " + There("made")), Succeeds());
+    EXPECT_TRUE(std::filesystem::is_directory(There("made")));
+    WriteFile(There("made/old"), "content");
+    EXPECT_THAT(Run(SFTP_CHANGE, "rename " + There("made/old") + " " + There("made/new")), Succeeds());
+    EXPECT_EQ(ReadFile(There("made/new")), "content");
+    EXPECT_THAT(Run(SFTP_CHANGE, "chmod 640 '" + There("made/*") + "'"), Succeeds());
+    EXPECT_EQ(ModeOf(There("made/new")), 0640u);
+    EXPECT_THAT(Run(SFTP_CHANGE, "rmdir " + There("made")), Fails(12, There("made") + ": Failure"));
+    EXPECT_THAT(Run(SFTP_CHANGE, "remove " + There("made/new")), Succeeds());
+    EXPECT_THAT(Run(SFTP_CHANGE, "rmdir " + There("made")), Succeeds());
+    EXPECT_FALSE(std::filesystem::exists(There("made")));
+    EXPECT_THAT(Run(SFTP_CHANGE, "remove '" + There("x*") + "'"),
+                Fails(12, There("x*") + ": nothing matches"));
+}
+
+namespace {
+
+/// What a server says that it has: directories with the names in them, which end in "/" if they are
+/// directories. Any other path is a file with the path for its content.
+using Claims = std::map<std::string, std::vector<std::string>>;
+
+/// An SFTP server that follows its claims.
+class Claimant {
+public:
+    Claimant(Connection& connection, Claims claims) : _connection(connection), _claims(std::move(claims)) {}
+
+    /// Answers until the client goes.
+    void Serve() {
+        _connection.WellBehaved(Stage::Opened);
+        _connection.ReadChannelRequest();
+        try {
+            for (;;) Answer();
+        } catch (Closed const&) {
+        }
+    }
+
+private:
+    enum Type {
+        INIT = 1,
+        VERSION,
+        OPEN,
+        CLOSE,
+        READ,
+        LSTAT = 7,
+        FSTAT,
+        OPENDIR = 11,
+        READDIR,
+        MKDIR = 14,
+        REALPATH = 16,
+        STAT
+    };
+    enum Reply { STATUS = 101, HANDLE, DATA, NAME, ATTRS };
+
+    void Answer() {
+        Reader packet = _connection.ExpectPacket(CHANNEL_DATA);
+        packet.U32();
+        Reader frame(packet.Blob());
+        Reader request(frame.Blob());
+        int const type = request.U8();
+        std::uint32_t const id = request.U32();
+        _connection.SendData(ToText(Writer().String(ReplyTo(type, id, request))));
+    }
+
+    Bytes ReplyTo(int type, std::uint32_t id, Reader& request) {
+        if (type == INIT) return Writer().U8(VERSION).U32(3);
+        std::string const subject = request.String(); // a path, or the handle, which is one
+        switch (type) {
+        case REALPATH:
+            return Writer().U8(NAME).U32(id).U32(1).String("/home").String("/home").U32(0);
+        case OPENDIR:
+            _listed = false;
+            return IsDirectory(subject) ? Writer().U8(HANDLE).U32(id).String(subject) : Status(id, 2);
+        case READDIR:
+            return _listed ? Status(id, 1) : Names(id, _claims[subject]);
+        case OPEN:
+            return Writer().U8(HANDLE).U32(id).String(subject);
+        case READ:
+            return request.U64() == 0 ? Writer().U8(DATA).U32(id).String(subject) : Status(id, 1);
+        case CLOSE:
+            return Status(id, 0);
+        case MKDIR:
+            return Status(id, 4);
+        default:
+            return Writer().U8(ATTRS).U32(id).Raw(Attributes(subject.size(), IsDirectory(subject)));
+        }
+    }
+
+    bool IsDirectory(std::string const& path) const { return _claims.count(path) != 0; }
+
+    static Bytes Attributes(std::size_t size, bool isDirectory) {
+        return Writer().U32(5).U64(size).U32(isDirectory ? 040755 : 0100644);
+    }
+
+    Bytes Names(std::uint32_t id, std::vector<std::string> const& names) {
+        _listed = true;
+        Writer reply;
+        reply.U8(NAME).U32(id).U32(static_cast<std::uint32_t>(names.size()));
+        for (std::string name : names) {
+            bool const isDirectory = name.back() == '/';
+            if (isDirectory) name.pop_back();
+            reply.String(name).String("long " + name).Raw(Attributes(0, isDirectory));
+        }
+        return reply;
+    }
+
+    static Bytes Status(std::uint32_t id, std::uint32_t code) {
+        return Writer().U8(STATUS).U32(id).U32(code).String("\033[31mno\n").String("en");
+    }
+
+    Connection& _connection;
+    Claims _claims;
+    bool _listed = false;
+};
+
+/// A program's run against a server that makes these claims.
+Ran RunAgainst(Claims const& claims, std::string const& program, std::string const& arguments) {
+    ServerSettings settings;
+    settings.group = DhGroup::Modp(1024);
+    settings.noneAccepted = true;
+    ScriptedPeer server([&claims](Connection& c) { Claimant(c, claims).Serve(); }, settings);
+    Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
+    server.Finish();
+    return ran;
+}
+
+std::vector<std::string> FilesBelow(std::string const& directory) {
+    std::vector<std::string> files;
+    for (auto const& entry : std::filesystem::recursive_directory_iterator(directory))
+        files.push_back(entry.path().lexically_relative(directory));
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+} // namespace
+
+TEST(SftpExamplesAgainstMalice, RecursiveGetStaysInItsDirectory) {
+    servers::TemporaryDirectory const outer;
+    std::filesystem::create_directories(outer / "in/tree");
+    std::filesystem::create_directory(outer / "out");
+    WriteFile(outer / "out/file", "untouched");
+    std::filesystem::create_symlink("../../out/file", outer / "in/tree/linked");
+    std::filesystem::create_symlink("../../out", outer / "in/tree/elsewhere");
+    std::string const absolute = outer / "out/made";
+    Claims const claims{
+        {"/tree",
+         {"good", "../escaped", "../../out/file", absolute, "a/..", "a/../../../out/made", "sub/", "../out/",
+          "linked", "elsewhere/", "new\nline\033[31m", "..x"}},
+        {"/tree/sub", {"..", ".", "../../above", "deep/", "fine"}},
+        {"/tree/sub/deep", {"../../../../out/made", "x"}},
+        {"/tree/../out", {"made"}},
+        {"/tree/elsewhere", {"made"}},
+    };
+    Ran const ran = RunAgainst(claims, SFTP_COPY, "get -r /tree " + (outer / "in"));
+    EXPECT_EQ(ran.status, 10) << ran;
+    EXPECT_THAT(FilesBelow(outer.Path()),
+                testing::ElementsAre("in", "in/tree", "in/tree/..x", "in/tree/elsewhere", "in/tree/good",
+                                     "in/tree/linked", "in/tree/new\nline\033[31m", "in/tree/sub",
+                                     "in/tree/sub/deep", "in/tree/sub/deep/x", "in/tree/sub/fine", "out",
+                                     "out/file"));
+    EXPECT_EQ(ReadFile(outer / "out/file"), "untouched");
+    EXPECT_EQ(ReadFile(outer / "in/tree/good"), "/tree/good");
+    for (char const* line : {"../escaped: not a name in a directory\n", "a/..: not a name in a directory\n",
+                             "/linked: Too many levels of symbolic links\n", "/elsewhere: Not a directory\n"})
+        EXPECT_THAT(ran.errors, HasSubstr(line));
+}
+
+TEST(SftpExamplesAgainstMalice, PatternGetStaysInItsDirectory) {
+    servers::TemporaryDirectory const outer;
+    std::filesystem::create_directory(outer / "in");
+    Claims const claims{{"/tree", {"../escaped", "a/../../b", "/c", "good"}}};
+    Ran const ran = RunAgainst(claims, SFTP_COPY, "get '/tree/*' " + (outer / "in"));
+    EXPECT_EQ(ran.status, 0) << ran;
+    EXPECT_THAT(FilesBelow(outer.Path()),
+                testing::ElementsAre("in", "in/b", "in/c", "in/escaped", "in/good"));
+}
+
+TEST(SftpExamplesAgainstMalice, NothingSteersTheTerminal) {
+    EXPECT_EQ(RunAgainst({{"/tree", {"\033[2J", "new\nline"}}}, SFTP_LS, "/tree").output,
+              "long ?[2J\nlong new?line\n");
+    EXPECT_THAT(RunAgainst({}, SFTP_CHANGE, "mkdir /x"), Fails(12, "/x: ?[31mno?"));
+}
+
+TEST(SftpExamplesUsage, WrongArgumentsAreAnsweredByIt) {
+    auto const expect = [](std::string const& program, std::string const& arguments,
+                           std::string const& usage) {
+        Ran const ran = Execute(program, arguments);
+        EXPECT_EQ(ran.status, 2) << arguments;
+        EXPECT_THAT(ran.errors,
+                    testing::StartsWith("usage: " + usage + " [-i IDENTITY] [USER@]HOST[:PORT] "));
+    };
+    for (char const* arguments : {"", "-i", "host -x"}) expect(SFTP_LS, arguments, "sftp_ls");
+    for (char const* arguments : {"", "host", "host put", "host put -r a", "host get a", "host move a b"})
+        expect(SFTP_COPY, arguments, "sftp_copy");
+    for (char const* arguments :
+         {"", "host", "host mkdir", "host rename a", "host chmod 1 2 3", "host other a"})
+        expect(SFTP_CHANGE, arguments, "sftp_change");
+}
+
+TEST(SftpExamplesRefused, ChannelIsTold) {
+    ServerSettings settings;
+    settings.group = DhGroup::Modp(1024);
+    settings.noneAccepted = true;
+    ScriptedPeer server(
+        [](Connection& c) {
+            c.WellBehaved(Stage::Authenticated);
+            c.ReadChannelOpen();
+            c.SendOpenFailure(1, "");
+        },
+        settings);
+    EXPECT_THAT(Execute(SFTP_LS, "tester@127.0.0.1:" + std::to_string(server.Port())),
+                Fails(7, "the server refuses the channel"));
+    server.Finish();
+}
