@@ -155,6 +155,16 @@ inline bool Accepts(unsigned request, unsigned reply) {
     }
 }
 
+/// What follows the reading of directories that breaks at that exchange: a directory is closed once a part of
+/// it has been read.
+inline Dialogue ClosingBehind(Dialogue const& reading, std::size_t i) {
+    bool const isLater =
+        i > 0 && reading[i].request.Type() == READ_DIR && reading[i - 1].request.Type() == READ_DIR;
+    if (!isLater) return {};
+    while (reading[i].request.Type() != CLOSE) ++i;
+    return {reading[i]};
+}
+
 /// Greets and tells the home directory.
 inline Dialogue Beginning(std::string_view home = "/home/u") {
     return {

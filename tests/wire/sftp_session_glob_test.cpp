@@ -209,12 +209,7 @@ TEST_F(SftpGlob, OtherReplyIsABreach) {
             names.Clear();
             return session.Glob(status, names, "/a/*/x*");
         },
-        // A directory is closed once a part of it has been read.
-        [&](std::size_t i) {
-            bool const isReading = dialogue[i].request.Type() == READ_DIR;
-            bool const isLater = isReading && dialogue[i - 1].request.Type() == READ_DIR;
-            return isLater ? Dialogue{dialogue[i + 1]} : Dialogue{};
-        });
+        [&](std::size_t i) { return ClosingBehind(dialogue, i); });
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
