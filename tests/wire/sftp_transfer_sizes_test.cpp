@@ -95,8 +95,8 @@ protected:
         EXPECT_TRUE(local.Stored(name + ".back") == Pattern(size));
         EXPECT_EQ(local.ModeOf(name + ".back"), ModeFor(size));
     }
-    /// Another for each size and its neighbours, and always readable.
-    static mode_t ModeFor(std::size_t size) { return static_cast<mode_t>(0400 | (size * 37 & 07777)); }
+    /// Another for each size and its neighbours, always readable and without the bits that a write clears.
+    static mode_t ModeFor(std::size_t size) { return static_cast<mode_t>(0400 | (size * 37 & 0777)); }
 
     RemoteFiles remote;
 };
