@@ -23,8 +23,12 @@ inline String_t Printable(String_t const& text) {
 inline int FileFailed(Status status, String_t const& file, int result, cindral::SftpStatus const& answer) {
     String_t what = Printable(file);
     what += ": ";
-    what += answer._code != cindral::SftpStatus::FX_OK ? Printable(answer._message).Text()
-                                                       : std::strerror(-result);
+    if (answer._code == cindral::SftpStatus::FX_OK)
+        what += std::strerror(-result);
+    else if (answer._message == "")
+        what += ("refused with code " + std::to_string(answer._code)).c_str();
+    else
+        what += Printable(answer._message);
     return Fail(status, what);
 }
 

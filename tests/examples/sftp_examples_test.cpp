@@ -193,6 +193,7 @@ private:
         OPENDIR = 11,
         READDIR,
         MKDIR = 14,
+        RMDIR,
         REALPATH = 16,
         STAT
     };
@@ -227,6 +228,8 @@ private:
             return Status(id, 0);
         case MKDIR:
             return Status(id, 4);
+        case RMDIR:
+            return Writer().U8(STATUS).U32(id).U32(77).String("").String("");
         default:
             return Writer().U8(ATTRS).U32(id).Raw(Attributes(subject.size(), IsDirectory(subject)));
         }
@@ -325,6 +328,10 @@ TEST(SftpExamplesAgainstMalice, NothingSteersTheTerminal) {
     EXPECT_EQ(RunAgainst({{"/tree", {"\033[2J", "new\nline"}}}, SFTP_LS, "/tree").output,
               "long ?[2J\nlong new?line\n");
     EXPECT_THAT(RunAgainst({}, SFTP_CHANGE, "mkdir /x"), Fails(12, "/x: ?[31mno?"));
+}
+
+TEST(SftpExamplesAgainstMalice, RefusalWithoutWordsHasItsCode) {
+    EXPECT_THAT(RunAgainst({}, SFTP_CHANGE, "rmdir /x"), Fails(12, "/x: refused with code 77"));
 }
 
 TEST(SftpExamplesUsage, WrongArgumentsAreAnsweredByIt) {
