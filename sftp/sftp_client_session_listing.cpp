@@ -67,28 +67,44 @@ int SftpClientSession::Glob(SftpStatus& status, TOList<String_t>& names, Pathnam
     return found;
 }
 
-int SftpClientSession::GlobRec(SftpStatus& status, TOList<String_t>& names, Pathname const& path,
+// Up to a directory that can be opened, and down again. A loop and not calls, as how deep the path is may be
+// the server's word.
+int SftpClientSession::GlobRec(SftpStatus&, TOList<String_t>& names, Pathname const& path,
                                String_t const& rest) {
-    if (str_len(path.Text()) == 0) return 0;
-    bool const isWhole = str_len(rest.Text()) == 0;
-    SftpClient::DirReader reader(_client, path);
-    if (IsOpen(reader)) {
-        if (!isWhole) return ReadDir(reader, rest, names, path);
-        names.Append(path);
-        return static_cast<int>(names.Len());
+    TOList<String_t> patterns; ///< each for the directories that match the one in front of it
+    patterns.Append(rest);
+    TOList<String_t> found;
+    int count = 0;
+    for (Pathname dir = path; str_len(dir.Text()) > 0; dir = dir.Dir()) {
+        SftpClient::DirReader reader(_client, dir);
+        if (IsOpen(reader)) {
+            if (patterns.Len() > 1) {
+                count = ReadDir(reader, *patterns.First(), found, dir);
+                break;
+            }
+            if (str_len(rest.Text()) > 0) return ReadDir(reader, rest, names, dir);
+            names.Append(dir);
+            return static_cast<int>(names.Len());
+        }
+        patterns.Insert(dir.Leaf(nullptr));
     }
-    TOList<String_t> inner;
-    int const found = GlobRec(status, inner, path.Dir(), path.Leaf(nullptr));
-    if (isWhole) {
-        names = inner;
-        return static_cast<int>(names.Len());
+    patterns.Pop();
+    while (patterns.First()) {
+        String_t const pattern = patterns.Pop();
+        bool const isLast = !patterns.First();
+        if (isLast && str_len(rest.Text()) == 0) {
+            names = found;
+            return static_cast<int>(names.Len());
+        }
+        TOList<String_t> inner;
+        TOListIterator<String_t> next(found);
+        while (String_t const* const dir = next()) {
+            SftpClient::DirReader reader(_client, *dir);
+            if (IsOpen(reader)) ReadDir(reader, pattern, isLast ? names : inner, *dir);
+        }
+        found = inner;
     }
-    TOListIterator<String_t> next(inner);
-    while (String_t const* const dir = next()) {
-        SftpClient::DirReader subReader(_client, *dir);
-        if (IsOpen(subReader)) ReadDir(subReader, rest, names, *dir);
-    }
-    return found;
+    return count;
 }
 
 int SftpClientSession::ReadDir(SftpClient::DirReader& reader, String_t const& pattern,

@@ -1,5 +1,11 @@
 // SftpClientSession: how remote patterns are expanded.
 
+#include <algorithm>
+#include <functional>
+#include <stdexcept>
+
+#include <pthread.h>
+
 #include "wire/sftp_session_fixture.h"
 
 using namespace sftp;
@@ -50,6 +56,22 @@ private:
 /// What a directory is only opened with: the names that come at once are not looked at.
 Dialogue Peek(std::string const& path, std::vector<std::string> const& entries) {
     return {{OpenDir(path), Opened("h")}, {ReadDir("h"), Names(entries)}, {Close("h"), Done()}};
+}
+
+/// Makes a call on a thread of its own, with a stack of so many bytes.
+void CallWithStack(std::size_t size, std::function<void()> call) {
+    pthread_attr_t attributes;
+    pthread_t thread;
+    auto const start = [](void* function) -> void* {
+        (*static_cast<std::function<void()>*>(function))();
+        return nullptr;
+    };
+    pthread_attr_init(&attributes);
+    bool const started = pthread_attr_setstacksize(&attributes, size) == 0 &&
+                         pthread_create(&thread, &attributes, start, &call) == 0;
+    pthread_attr_destroy(&attributes);
+    if (!started) throw std::runtime_error("no thread");
+    pthread_join(thread, nullptr);
 }
 
 } // namespace
@@ -280,4 +302,24 @@ TEST_F(SftpGlob, ReadDirOfAReaderAtItsEndGivesNone) {
     EXPECT_EQ(ReadInto(Listing("/a", {}), "", "/a"), "0");
     EXPECT_EQ(ReadInto(Listing("/a", {"b"}), "", "/a", [](auto& reader) { ++reader; }), "0");
     EXPECT_EQ(ReadInto(Listing("/a", {}), "", "/a", [](auto& reader) { reader.Close(); }), "0");
+}
+
+// The directory that a relative pattern is taken against is the server's to tell.
+TEST_F(SftpGlob, DeepPathsNeedNoMoreStack) {
+    std::string path;
+    Dialogue dialogue;
+    for (int depth = 0; depth < 2000; ++depth) {
+        path += "/a";
+        dialogue.push_back({OpenDir(path), Status(2)});
+    }
+    std::reverse(dialogue.begin(), dialogue.end());
+    dialogue.push_back({OpenDir("/"), Status(2)});
+    EXPECT_EQ(Run(dialogue,
+                  [&](auto& session) {
+                      int result = -1;
+                      CallWithStack(512 * 1024,
+                                    [&] { result = session.GlobRec(status, names, path.c_str(), "*"); });
+                      return result;
+                  }),
+              "0");
 }
