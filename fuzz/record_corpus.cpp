@@ -243,8 +243,8 @@ private:
         PacketSessionX11Request x11(session._remoteChannel, 1, 0, "MIT-MAGIC-COOKIE-1",
                                     "00112233445566778899aabbccddeeff", 0);
         PacketSessionStartSubsystem subsystem(session._remoteChannel, 1, "missing");
-        PacketSessionStartShell shell(session._remoteChannel, 1);
-        for (Packet* request : std::initializer_list<Packet*>{&pty, &x11, &subsystem, &shell}) {
+        PacketSessionStartCmd command(session._remoteChannel, 1, "exit 1");
+        for (Packet* request : std::initializer_list<Packet*>{&pty, &x11, &subsystem, &command}) {
             session._out.WritePacket(*request);
             ReadAll(session);
         }
@@ -389,6 +389,7 @@ int main(int count, char** arguments) {
     for (char const* name : {"SSH_AUTH_SOCK", "DISPLAY"}) unsetenv(name);
     try {
         Corpus corpus(std::filesystem::absolute(arguments[1]));
+        std::filesystem::current_path("/");
         RecordAll(corpus);
     } catch (std::exception const& failure) {
         std::cerr << failure.what() << '\n';
