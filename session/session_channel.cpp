@@ -29,6 +29,7 @@ int SshSession::Open() {
     PacketChannelOpenConfirmation const confirmation(decoder);
     _remoteChannel = confirmation._senderChannel;
     _windowSize = INITIAL_WINDOW;
+    if (_x11.Get()) RequestX11Forwarding();
     return 0;
 }
 

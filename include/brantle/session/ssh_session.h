@@ -1,6 +1,7 @@
 #ifndef BRANTLE_SESSION_SSH_SESSION_H
 #define BRANTLE_SESSION_SSH_SESSION_H
 
+#include <generic/autoptr>
 #include <generic/gcmp>
 #include <generic/tmap>
 
@@ -18,6 +19,7 @@
 #include <brantle/kex/dh_exchange.h>
 #include <brantle/kex/dh_gex_parameters.h>
 #include <brantle/kex/kex_type.h>
+#include <brantle/packet/channel_messages.h>
 #include <brantle/packet/kex_messages.h>
 #include <brantle/packet/packet_decoder.h>
 #include <brantle/packet/packet_stream.h>
@@ -31,8 +33,8 @@ namespace cindral {
 
 /// One client connection to one SSH server: the hub of the library.
 ///
-/// The order of calls is: constructor, Connect, KeyExchange, Authenticate, Open, one of StartShell,
-/// StartCommand and StartSubsystem, InitDispatcher, Run. Everything before Run blocks on the
+/// The order of calls is: constructor, Connect, KeyExchange, Authenticate, StartX11Forwarding if wanted,
+/// Open, one of StartShell, StartCommand and StartSubsystem, InitDispatcher, Run. Everything before Run blocks on the
 /// caller's thread. Steps out of order are not guarded.
 ///
 /// A refusal comes back as a negative result, a breach of the protocol as an SshProtocolError (or
@@ -45,6 +47,9 @@ class BRANTLE_API SshSession {
 public:
     /// The slot of the cipher and MAC pairs that serves output; the other one serves input.
     enum Mode { CLIENT = 0, SERVER = 1 };
+
+    /// The state of X11 forwarding; see <brantle/channel/x11_forwarding.h>.
+    class X11Forwarding;
 
     /// The target by port and host name or address, or by one text "host:port", as ParseUrl gives
     /// it. Throws SystemError "initialize client socket failed" if the host can't be resolved or
@@ -106,8 +111,18 @@ public:
     /// messages of its own between authentication and Open, which tolerates none.
     ByteString AuthReadPacket();
 
-    /// Opens the session channel (RFC 4254, section 6.1). Returns 0, or -1 if the server refuses.
-    /// Throws SshProtocolError on any other answer.
+    /// Lets remote X clients reach the X server that `display` names, as in "localhost:10.0", "unix:0" or
+    /// ":0" (RFC 4254, section 6.3). To be called before Open, which asks the server for it. With
+    /// `singleConnection` the server is asked to forward no more than one connection. Returns 0, or -1 if
+    /// `display` is empty or forwarding has been started already. Waits for the `xauth` command.
+    ///
+    /// REQUIRES: `display` is text that the program trusts, such as the user's own DISPLAY. It becomes
+    /// part of a shell command as it is: pass nothing that came from anybody else.
+    int StartX11Forwarding(int singleConnection, String_t const& display);
+
+    /// Opens the session channel (RFC 4254, section 6.1) and asks for X11 forwarding, if it has been
+    /// started. Returns 0, also where the server refuses the forwarding, which is then off; or -1 if the
+    /// server refuses the channel. Throws SshProtocolError on any other answer.
     int Open();
 
     /// Send the request to start a shell, a command or a subsystem (RFC 4254, section 6.5) on the
@@ -128,6 +143,13 @@ public:
 
     /// Sends CHANNEL_EOF on the channel of that local number; the channel stays. Unknown: nothing.
     void CloseChannel(unsigned int id);
+
+    /// Connects an X11 channel to the X server, given the client's connection set-up message, which
+    /// must be whole, alone and show the cookie that the peer was given. The X server gets its own cookie in
+    /// its place. Blocks for up to 60 seconds. Returns the descriptor, joined to `channel` in the loop
+    /// and from then on the channel's, or -1: nothing was connected, or it is closed again. Throws what
+    /// SetNodelay throws.
+    int InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel);
 
     /// Swaps the class of a live channel; see SshChannelMgr::ReplaceChannel.
     SshChannel* ReplaceChannel(unsigned int id, SshChannelMakerBase const& maker);
@@ -191,7 +213,13 @@ protected:
     int HandleChannelRequest(PacketDecoder& decoder);
     int HandleChannelEof(PacketDecoder& decoder);
     int HandleChannelClose(PacketDecoder& decoder);
+    int OpenForwardedX11Channel(PacketOpenTcpChannel const& request);
     void ReportIgnored(int number);
+    void RefuseChannel(unsigned int sender);
+
+    /// Registers a descriptor that feeds `channel` with the loop.
+    void JoinDescriptor(int fd, SshChannel const* channel);
+    void RequestX11Forwarding();
 
     static char const* const _defaultClientVersion;
     static char const* const _defaultKexAlgorithms;
@@ -222,6 +250,7 @@ protected:
     unsigned int _windowSize = 0;    ///< what this side grants each channel, in bytes
     TMap<int, Handler, GCmp<int>> _handlers;
     SshChannelMgr _channels;
+    AutoPtr<X11Forwarding> _x11; ///< null while X11 is not forwarded
     IOMultiplexer _mux;
     IOMultiplexerTask _task;
 
