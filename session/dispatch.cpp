@@ -215,6 +215,7 @@ int SshSession::HandleChannelOpen(PacketDecoder& decoder) {
         return 1;
     }
     PacketOpenTcpChannel const request(decoder);
+    if (request._channelType == "forwarded-tcpip" && OpenForwardedTcpChannel(request) == 0) return 1;
     if (request._channelType == "x11" && OpenForwardedX11Channel(request) == 0) return 1;
     RefuseChannel(request._senderChannel);
     return 1;

@@ -85,6 +85,7 @@
 #include <brantle/channel/ssh_channel.h>
 #include <brantle/channel/ssh_channel_mgr.h>
 #include <brantle/channel/ssh_data_stream.h>
+#include <brantle/channel/tcp_forwarding.h>
 #include <brantle/channel/window_adjust.h>
 #include <brantle/channel/x11_forwarding.h>
 

@@ -91,6 +91,9 @@ public:
     /// flushed is lost.
     int RemoveChannel(int id);
 
+    /// The local number that the next channel gets.
+    unsigned int NextId() const { return _nextId; }
+
     /// The channel of that number, null if there is none. The table keeps it.
     SshChannel* Find(int id) const;
 
