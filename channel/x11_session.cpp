@@ -18,17 +18,16 @@ constexpr unsigned int CONNECT_LIMIT = 60; ///< seconds
 constexpr int WRITABLE_LIMIT = 60;         ///< milliseconds
 
 /// The first message of an X client (X Window System Protocol, section 8): byte order, protocol version, and
-/// the name and the data of its authorisation. What its lengths promise and it does not hold is missing
-/// from name and data.
+/// the name and the data of its authorisation, both padded.
 class SetupMessage {
 public:
     SetupMessage(unsigned char const* bytes, unsigned int length) : _bytes(bytes, length) {}
 
-    /// Whether this is version 11 of the protocol, with lengths within bounds and nothing behind them.
+    /// Whether this is version 11 of the protocol, with lengths within bounds and as long as they say.
     bool IsAcceptable() const {
         if (_bytes.Length() < HEADER || (_bytes.Data()[0] != 'B' && _bytes.Data()[0] != 'l')) return false;
         return NameLength() <= MAX_LENGTH && Number(2) == 11 && DataLength() <= MAX_LENGTH &&
-               _bytes.Length() - HEADER <= Padded(NameLength()) + Padded(DataLength());
+               _bytes.Length() == HEADER + Padded(NameLength()) + Padded(DataLength());
     }
 
     ByteString Name() const { return _bytes.SubStr(HEADER, NameLength()); }
