@@ -24,6 +24,7 @@ class LoopSession : public TestSession {
 public:
     using TestSession::TestSession;
 
+    using SshSession::_localForwardings;
     using SshSession::_mux;
 
     int Dispatch(int fd) override {
