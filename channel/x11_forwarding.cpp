@@ -21,7 +21,6 @@ namespace cindral {
 
 namespace {
 
-constexpr unsigned int COOKIE_LENGTH = 16;
 constexpr unsigned int DISPLAYS = 1000; ///< numbers for which there is a TCP port
 constexpr unsigned int FIRST_PORT = 6000;
 

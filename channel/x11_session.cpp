@@ -117,9 +117,10 @@ int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int le
     if (fd < 0 || !IsWritable(fd)) return -1;
     if (!_x11->_unixSocket) SetNodelay(fd);
     SockIO::SetCloseOnExec(fd);
+    ByteString cookie = _x11->_realCookie;
     // A server without access control does not look at the cookie.
-    ByteString const cookie = _x11->_realCookie.Length() == 0 ? _x11->_fakeCookie : _x11->_realCookie;
-    if (cookie.Length() != _x11->_fakeCookie.Length()) return -1;
+    if (cookie.Length() == 0) cookie = _x11->_fakeCookie;
+    if (cookie.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
     message.Send(fd, _x11->_authMethod, cookie);
     JoinDescriptor(fd, channel);
     int const connected = fd;

@@ -29,13 +29,15 @@ public:
     /// value; `error` is then the errno value, or as before if the address itself is unusable.
     int Connect(unsigned int timeout, int& error);
 
+    static constexpr unsigned int COOKIE_LENGTH = 16; ///< bytes
+
     static char const* const _defaultAuthMethod; ///< "MIT-MAGIC-COOKIE-1"
     static char const* const _localSocketPrefix; ///< "/tmp/.X11-unix/X"
 
     String_t _display;
     String_t _authMethod;   ///< what the X server is told to check
     ByteString _realCookie; ///< the X server's; may be empty
-    ByteString _fakeCookie; ///< the peer's, 16 random bytes
+    ByteString _fakeCookie; ///< the peer's, random
     String_t _host;
     String_t _localSocket;
     unsigned int _displayNumber;
