@@ -10,6 +10,7 @@
 namespace {
 
 std::atomic<short> failingEvents{0};
+std::atomic<int> longestLimit{0};
 std::atomic<int> lastLimit{0};
 std::atomic<bool> addressTextFails{false};
 
@@ -20,8 +21,9 @@ Function* Next(Function*, char const* name) {
 
 } // namespace
 
-FailingWait::FailingWait(short events) {
+FailingWait::FailingWait(short events, int longest) {
     lastLimit = 0;
+    longestLimit = longest;
     failingEvents = events;
 }
 FailingWait::~FailingWait() { failingEvents = 0; }
@@ -36,7 +38,7 @@ extern "C" {
 
 int poll(pollfd* records, nfds_t count, int limit) {
     static auto* const next = Next(&poll, "poll");
-    if (count != 1 || failingEvents == 0 || records->events != failingEvents)
+    if (count != 1 || failingEvents == 0 || records->events != failingEvents || limit > longestLimit)
         return next(records, count, limit);
     lastLimit = limit;
     errno = ETIMEDOUT;

@@ -1,11 +1,13 @@
 #ifndef TESTS_WIRE_FAILING_CALLS_H
 #define TESTS_WIRE_FAILING_CALLS_H
 
-/// Waits of poll(2) on one descriptor for these events fail with ETIMEDOUT as long as the object lives, and
-/// the limit of the last one is kept.
+#include <climits>
+
+/// Waits of poll(2) on one descriptor for these events, of no more than so many milliseconds, fail with
+/// ETIMEDOUT as long as the object lives, and the limit of the last one is kept.
 class FailingWait {
 public:
-    explicit FailingWait(short events);
+    explicit FailingWait(short events, int longest = INT_MAX);
     ~FailingWait();
     FailingWait(FailingWait const&) = delete;
     FailingWait& operator=(FailingWait const&) = delete;

@@ -56,6 +56,12 @@ inline peer::Bytes Refused(std::uint32_t sender) {
     return peer::Writer().U8(peer::CHANNEL_OPEN_FAILURE).U32(sender).U32(1).String("open failed").String("");
 }
 
+/// The answer to a "tcpip-forward", which is taken first.
+inline void GrantForwarding(peer::Connection& c) {
+    c.ExpectPacket(peer::GLOBAL_REQUEST);
+    c.SendPacket(peer::Writer().U8(peer::REQUEST_SUCCESS));
+}
+
 inline std::size_t OpenDescriptors() {
     std::filesystem::directory_iterator const all("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
@@ -72,6 +78,21 @@ protected:
         server.reset();
         EXPECT_EQ(OpenDescriptors(), _descriptors);
     }
+
+    /// As in LoopTest. What the server is to send to the running session alone stands behind AwaitRun.
+    std::string Run(Script const& script, Client const& prepare = {}, Client const& inspect = {}) {
+        _listening = {};
+        _listener = _listening.get_future();
+        _prepared = {};
+        return LoopTest::Run(
+            script,
+            [&](LoopSession& session) {
+                if (prepare) prepare(session);
+                _prepared.set_value();
+            },
+            inspect);
+    }
+    void AwaitRun() { _prepared.get_future().wait(); }
 
     /// Starts the local forwarding; for a test's `prepare`.
     void Listen(LoopSession& session) {
@@ -103,19 +124,17 @@ protected:
     /// and goes on by the other when the call has returned. The session is then run until the server ends it.
     std::string Accept(AnswerScript const& answer, AnswerScript const& goOn = EndTheRun) {
         std::string outcome;
-        std::promise<void> returned;
         std::string const run = Run(
             [&](peer::Connection& c) {
                 tcp::End local = Connect();
                 c.ReadChannelOpen();
                 answer(c, local);
-                returned.get_future().wait();
+                AwaitRun();
                 goOn(c, local);
             },
             [&](LoopSession& session) {
                 Listen(session);
                 outcome = Outcome([&] { return session.AcceptLocalFwdConnection(Forwarding(session)); });
-                returned.set_value();
             });
         return outcome + ", Run " + run;
     }
@@ -124,6 +143,7 @@ private:
     std::size_t _descriptors = 0;
     std::promise<std::uint16_t> _listening;
     std::shared_future<std::uint16_t> _listener{_listening.get_future()};
+    std::promise<void> _prepared;
 };
 
 #endif

@@ -541,8 +541,7 @@ TEST_F(LocalForwarding, ChannelOpenedDuringTheWaitTakesTheAnnouncedNumber) {
     tcp::Service const service;
     EXPECT_EQ(Run(
                   [&](Connection& c) {
-                      c.ExpectPacket(GLOBAL_REQUEST);
-                      c.SendPacket(Writer().U8(REQUEST_SUCCESS));
+                      GrantForwarding(c);
                       tcp::End const local = Connect();
                       EXPECT_EQ(c.ReadChannelOpen().sender, 1u);
                       c.SendTogether({ShortOpening(500, 9000), Confirmation(1, 77)});

@@ -26,6 +26,7 @@ public:
 
     using SshSession::_localForwardings;
     using SshSession::_mux;
+    using SshSession::_remoteForwardings;
 
     int Dispatch(int fd) override {
         ++dispatches;
