@@ -1,5 +1,6 @@
 #include "wire/x11_calls.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <dlfcn.h>
@@ -7,11 +8,13 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 int X11Calls::waits = 0;
 int const* X11Calls::waitResult = nullptr;
 int X11Calls::nodelays = 0;
 bool X11Calls::nodelayFails = false;
+long X11Calls::connectLimit = 0;
 
 namespace {
 
@@ -39,6 +42,11 @@ int setsockopt(int fd, int level, int option, void const* value, socklen_t size)
             errno = ENOPROTOOPT;
             return -1;
         }
+    }
+    if (level == SOL_SOCKET && option == SO_SNDTIMEO) {
+        auto const* limit = static_cast<timeval const*>(value);
+        X11Calls::connectLimit =
+            std::max(X11Calls::connectLimit, limit->tv_sec * 1000 + limit->tv_usec / 1000);
     }
     return Next(setsockopt, "setsockopt")(fd, level, option, value, size);
 }

@@ -10,6 +10,8 @@ struct X11Calls {
     /// TCP_NODELAY: how often it was set, and whether to fail with ENOPROTOOPT.
     static int nodelays;
     static bool nodelayFails;
+    /// The longest time that a connect over a Unix-domain socket was allowed, in milliseconds.
+    static long connectLimit;
 };
 
 #endif

@@ -87,3 +87,18 @@ TEST_F(X11CallsTest, NodelayIsSetOnceOverTcpAndNeverOverTheUnixSocket) {
         EXPECT_EQ(X11Calls::waits, 1);
     }
 }
+
+TEST_F(X11CallsTest, ConnectionToTheXServerMayTake60Seconds) {
+    ScriptedXServer display(Transport::Unix);
+    X11Calls::connectLimit = 0;
+    EXPECT_EQ(Run(display.Display(),
+                  [&](Connection&, X11Peer& x) {
+                      x.Send(x.Setup(), x.Open());
+                      display.Accept().Read(48);
+                      x.ExpectEof();
+                      x.EndSession();
+                  }),
+              "-1");
+    EXPECT_GT(X11Calls::connectLimit, 50000);
+    EXPECT_LE(X11Calls::connectLimit, 60000);
+}
