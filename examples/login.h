@@ -25,6 +25,7 @@ enum Status {
     CONNECTION_FAILED = 8,
     UNKNOWN_HOST = 9,
     NOT_COPIED = 10,
+    NOT_FORWARDED = 11,
 };
 
 constexpr unsigned int CONNECT_SECONDS = 20;
@@ -56,6 +57,13 @@ struct CommandLine {
         return DONE;
     }
 };
+
+/// The words of a command line as the one text that the remote shell gets.
+inline String_t Command(char** words) {
+    String_t command(*words);
+    while (*++words) (command += " ") += *words;
+    return command;
+}
 
 /// Some servers send messages of their own right after the login, and a channel can be opened only
 /// when they have been read. Takes what arrives until the server has been quiet for a moment.

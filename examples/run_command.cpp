@@ -14,8 +14,7 @@ int main(int, char** argv) {
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
     if (!*arguments._rest) return examples::Fail(examples::USAGE, usage);
-    String_t command(*arguments._rest);
-    for (char** word = arguments._rest + 1; *word; ++word) (command += " ") += *word;
+    String_t const command = examples::Command(arguments._rest);
     auto const run = [display](cindral::SshCmdSession& session) {
         // The display becomes part of a shell command: never pass one that came from anybody else.
         if (display) session.StartX11Forwarding(0, display);

@@ -1,73 +1,12 @@
 // The example programs as a user runs them: what they print and what they exit with.
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <vector>
 
-#include <sys/wait.h>
-
-#include <gmock/gmock.h>
-
-#include "support/peer/scripted_peer.h"
+#include "examples/execution.h"
 #include "support/x11/fake_xauth.h"
 
 using namespace peer;
 using testing::HasSubstr;
-
-namespace {
-
-/// What a command line of the shell came to.
-struct Ran {
-    int status;
-    std::string output;
-    std::string errors;
-};
-
-std::ostream& operator<<(std::ostream& out, Ran const& ran) {
-    return out << "status " << ran.status << ", output \"" << ran.output << "\", errors \"" << ran.errors
-               << '"';
-}
-
-std::string TakeFile(std::string const& path) {
-    std::ifstream in(path);
-    std::string text{std::istreambuf_iterator<char>(in), {}};
-    std::remove(path.c_str());
-    return text;
-}
-
-Ran Execute(std::string const& command) {
-    std::string const home = std::getenv("HOME");
-    std::string const output = home + "/output";
-    std::string const errors = home + "/errors";
-    // In a session of its own, so that no prompt reaches the terminal of who runs the tests.
-    int const status = std::system(("setsid -w " + command + " >" + output + " 2>" + errors).c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TakeFile(output), TakeFile(errors)};
-}
-
-Ran Execute(std::string const& program, std::string const& arguments) {
-    return Execute(program + " " + arguments + " </dev/null");
-}
-
-/// A program's run against a server with this script.
-Ran ExecuteAgainst(ScriptedPeer::Script const& script, std::string const& program = RUN_COMMAND,
-                   std::string const& arguments = "echo hello", ServerSettings settings = {}) {
-    settings.group = DhGroup::Modp(1024);
-    settings.noneAccepted = true;
-    ScriptedPeer server(script, settings);
-    Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
-    server.Finish();
-    return ran;
-}
-
-auto Fails(int status, std::string const& line) {
-    return testing::AllOf(testing::Field(&Ran::status, status), testing::Field(&Ran::output, ""),
-                          testing::Field(&Ran::errors, line + "\n"));
-}
-
-} // namespace
 
 TEST(Examples, CommandGetsInputAndGivesOutput) {
     ServerSettings settings;

@@ -1,0 +1,65 @@
+#ifndef TESTS_EXAMPLES_EXECUTION_H
+#define TESTS_EXAMPLES_EXECUTION_H
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <string>
+
+#include <sys/wait.h>
+
+#include <gmock/gmock.h>
+
+#include "support/peer/scripted_peer.h"
+
+/// What a command line of the shell came to.
+struct Ran {
+    int status;
+    std::string output;
+    std::string errors;
+};
+
+inline std::ostream& operator<<(std::ostream& out, Ran const& ran) {
+    return out << "status " << ran.status << ", output \"" << ran.output << "\", errors \"" << ran.errors
+               << '"';
+}
+
+inline std::string TakeFile(std::string const& path) {
+    std::ifstream in(path);
+    std::string text{std::istreambuf_iterator<char>(in), {}};
+    std::remove(path.c_str());
+    return text;
+}
+
+inline Ran Execute(std::string const& command) {
+    std::string const home = std::getenv("HOME");
+    std::string const output = home + "/output";
+    std::string const errors = home + "/errors";
+    // In a session of its own, so that no prompt reaches the terminal of who runs the tests.
+    int const status = std::system(("setsid -w " + command + " >" + output + " 2>" + errors).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TakeFile(output), TakeFile(errors)};
+}
+
+inline Ran Execute(std::string const& program, std::string const& arguments) {
+    return Execute(program + " " + arguments + " </dev/null");
+}
+
+/// A program's run against a server with this script.
+inline Ran ExecuteAgainst(peer::ScriptedPeer::Script const& script, std::string const& program = RUN_COMMAND,
+                          std::string const& arguments = "echo hello", peer::ServerSettings settings = {}) {
+    settings.group = peer::DhGroup::Modp(1024);
+    settings.noneAccepted = true;
+    peer::ScriptedPeer server(script, settings);
+    Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
+    server.Finish();
+    return ran;
+}
+
+inline auto Fails(int status, std::string const& line) {
+    return testing::AllOf(testing::Field(&Ran::status, status), testing::Field(&Ran::output, ""),
+                          testing::Field(&Ran::errors, line + "\n"));
+}
+
+#endif
