@@ -6,20 +6,19 @@
 #include <utility>
 
 #include <netinet/in.h>
-#include <poll.h>
 
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/global_requests.h>
 #include <brantle/thornel/client_socket.h>
 #include <brantle/thornel/file_descriptor.h>
 
+#include "forwarded_connection.h"
+
 namespace cindral {
 
 namespace {
 
-constexpr unsigned int ACCEPT_LIMIT = 60;  ///< seconds
-constexpr unsigned int CONNECT_LIMIT = 60; ///< seconds
-constexpr int WRITABLE_LIMIT = 60;         ///< milliseconds
+constexpr unsigned int ACCEPT_LIMIT = 60; ///< seconds
 constexpr int BACKLOG = 1;
 
 /// Starts a forwarding that is given as text.
@@ -29,11 +28,6 @@ int StartParsed(String_t const& spec, Start start) {
     unsigned int listenPort = 0, port = 0;
     int const parsed = SshSession::ParseFwdSpec(spec.Text(), bindAddress, listenPort, host, port);
     return parsed < 0 ? parsed : start(port, host, listenPort, bindAddress);
-}
-
-bool IsWritable(int fd) {
-    pollfd record{fd, POLLOUT, 0};
-    return poll(&record, 1, WRITABLE_LIMIT) == 1;
 }
 
 } // namespace

@@ -2,20 +2,17 @@
 
 #include <brantle/channel/x11_forwarding.h>
 
-#include <poll.h>
-
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/session_requests.h>
 #include <brantle/thornel/file_descriptor.h>
 #include <brantle/thornel/sock_io.h>
 #include <brantle/thornel/sock_stream.h>
 
+#include "forwarded_connection.h"
+
 namespace cindral {
 
 namespace {
-
-constexpr unsigned int CONNECT_LIMIT = 60; ///< seconds
-constexpr int WRITABLE_LIMIT = 60;         ///< milliseconds
 
 /// The first message of an X client (X Window System Protocol, section 8): byte order, protocol version, and
 /// the name and the data of its authorisation, both padded.
@@ -69,11 +66,6 @@ private:
 
     ByteString const _bytes;
 };
-
-bool IsWritable(int fd) {
-    pollfd record{fd, POLLOUT, 0};
-    return poll(&record, 1, WRITABLE_LIMIT) == 1;
-}
 
 } // namespace
 
