@@ -109,11 +109,11 @@ int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int le
     if (fd < 0 || !IsWritable(fd)) return -1;
     if (!_x11->_unixSocket) SetNodelay(fd);
     SockIO::SetCloseOnExec(fd);
-    ByteString cookie = _x11->_realCookie;
-    // A server without access control does not look at the cookie.
-    if (cookie.Length() == 0) cookie = _x11->_fakeCookie;
-    if (cookie.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
-    message.Send(fd, _x11->_authMethod, cookie);
+    ByteString const& real = _x11->_realCookie;
+    bool const isKnown = real.Length() != 0;
+    if (isKnown && real.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
+    // An X server without access control does not look at the cookie.
+    message.Send(fd, _x11->_authMethod, isKnown ? real : _x11->_fakeCookie);
     JoinDescriptor(fd, channel);
     int const connected = fd;
     fd._fd = -1;

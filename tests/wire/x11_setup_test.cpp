@@ -135,6 +135,17 @@ TEST_F(X11Setup, WithoutARealCookieTheXServerSeesTheFakeOne) {
     }
 }
 
+TEST_F(X11Setup, FakeCookieThatTheXServerSeesMayHaveAnyLength) {
+    List("");
+    SetupMessage message;
+    message.data = "eighteen bytes now";
+    EXPECT_EQ(Received([&](X11Peer const&) { return message; },
+                       [&](X11Session& session) {
+                           session._x11->_fakeCookie = ByteString(message.data.data(), 18);
+                       }),
+              message.Text());
+}
+
 TEST_F(X11Setup, MethodIsThatOfXauthAndTheLengthsStay) {
     List(Entry(REAL_COOKIE_TEXT, "SHORT"));
     std::string received;
