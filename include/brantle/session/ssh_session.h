@@ -189,6 +189,10 @@ public:
     /// Sends CHANNEL_EOF on the channel of that local number; the channel stays. Unknown: nothing.
     void CloseChannel(unsigned int id);
 
+    /// Confirms a channel of a remote X client; its connection to the X server waits for the client's first
+    /// data. Returns 0, or 1 if the channel is to be refused: X11 is not forwarded.
+    int OpenForwardedX11Channel(PacketOpenTcpChannel const& request);
+
     /// Connects an X11 channel to the X server, given the client's connection set-up message, which
     /// must be whole, alone and show the cookie that the peer was given. The X server gets its own cookie in
     /// its place. Blocks for up to 60 seconds. Returns the descriptor, joined to `channel` in the loop
@@ -273,7 +277,6 @@ protected:
     int HandleChannelRequest(PacketDecoder& decoder);
     int HandleChannelEof(PacketDecoder& decoder);
     int HandleChannelClose(PacketDecoder& decoder);
-    int OpenForwardedX11Channel(PacketOpenTcpChannel const& request);
     int AwaitTcpChannel(String_t const& channelType, FileDescriptor& connection);
     void ServeBufferedInput();
     void ReportIgnored(int number);
