@@ -235,6 +235,12 @@ TEST_F(RemoteForwarding, OpeningWithTheOriginatorsAddressEndsTheRun) {
     EXPECT_EQ(Sent().size(), 1u);
 }
 
+TEST_F(RemoteForwarding, OpeningWithoutAnyAddressIsRefused) {
+    EXPECT_EQ(Open(Writer().U8(CHANNEL_OPEN).String("forwarded-tcpip").U32(500).U32(0x10000).U32(0x4000),
+                   EndsRefused),
+              "-1");
+}
+
 TEST_F(RemoteForwarding, OpeningForAnotherPortIsRefused) {
     EXPECT_EQ(Open(ShortOpening(500, 9001), EndsRefused), "-1");
 }

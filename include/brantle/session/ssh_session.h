@@ -200,8 +200,8 @@ public:
     /// SetNodelay throws.
     int InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel);
 
-    /// Accepts one connection of a local forwarding, waiting for one for up to 60 seconds, and asks the server
-    /// for a channel for it. Called by the loop, which ignores the result.
+    /// Accepts one connection of a local forwarding, waiting for one for up to 60 seconds, and asks the
+    /// server for a channel for it. Called by the loop, which ignores the result.
     ///
     /// Waits for one packet and handles what has come with it. With a confirmation (RFC 4254, section 5.1)
     /// among that, the connection is joined to its channel in the loop; else it is closed, even if the
