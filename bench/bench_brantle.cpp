@@ -3,6 +3,7 @@
 //   bench_brantle JOB HOST PORT USER KEY ...        exit status 77: does not do that job
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -237,6 +238,23 @@ int Hold(Target const& target, Report&, char**) {
     return 0;
 }
 
+SshSession* forwarding;
+
+int Forward(Target const& target, Report&, char** arguments) {
+    BenchSession session(target);
+    ReadSurplus(session);
+    if (session.Open() < 0) Die("channel refused");
+    session.InitDispatcher();
+    session.Multiplexer().Unregister(STDIN_FILENO);
+    forwarding = &session;
+    std::signal(SIGTERM, [](int) { forwarding->Terminate(); }); // poll(2) returns, and with it Run
+    auto const number = [](char const* text) { return static_cast<unsigned int>(std::atoi(text)); };
+    if (session.StartLocalForwarding(number(arguments[2]), arguments[1], number(arguments[0]), "127.0.0.1") != 0)
+        Die("can't listen");
+    session.Run();
+    return 0;
+}
+
 struct Job {
     int _arguments;
     int (*_run)(Target const&, Report&, char**);
@@ -247,6 +265,7 @@ std::map<std::string, Job> const jobs = {
     {"exec-source", {2, ExecSource}},
     {"exec-sink", {1, ExecSink}},
     {"scp-get", {2, ScpGet}},
+    {"fwd", {3, Forward}},
     {"hold", {0, Hold}},
 };
 

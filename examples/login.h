@@ -27,6 +27,7 @@ enum Status {
     NOT_COPIED = 10,
     NOT_LISTED = 11,
     NOT_CHANGED = 12,
+    NOT_FORWARDED = 13,
 };
 
 constexpr unsigned int CONNECT_SECONDS = 20;
@@ -58,6 +59,13 @@ struct CommandLine {
         return DONE;
     }
 };
+
+/// The words of a command line as the one text that the remote shell gets.
+inline String_t Command(char** words) {
+    String_t command(*words);
+    while (*++words) (command += " ") += *words;
+    return command;
+}
 
 /// Some servers send messages of their own right after the login, and a channel can be opened only
 /// when they have been read. Takes what arrives until the server has been quiet for a moment.

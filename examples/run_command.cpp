@@ -1,13 +1,24 @@
-// Runs one command on a remote host, joined to standard input and output.
+// Runs one command on a remote host, joined to standard input and output. With -X its windows come up on the
+// user's own display.
 
 #include "login.h"
 
 int main(int, char** argv) {
-    char const usage[] = "usage: run_command [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
+    char const usage[] = "usage: run_command [-X] [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
+    char const* display = nullptr;
+    if (argv[1] && std::strcmp(argv[1], "-X") == 0) {
+        display = std::getenv("DISPLAY");
+        if (!display) return examples::Fail(examples::USAGE, "-X needs a DISPLAY in the environment");
+        ++argv;
+    }
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
     if (!*arguments._rest) return examples::Fail(examples::USAGE, usage);
-    String_t command(*arguments._rest);
-    for (char** word = arguments._rest + 1; *word; ++word) (command += " ") += *word;
-    return examples::RunSession<cindral::SshCmdSession>(arguments, command);
+    String_t const command = examples::Command(arguments._rest);
+    auto const run = [display](cindral::SshCmdSession& session) {
+        // The display becomes part of a shell command: never pass one that came from anybody else.
+        if (display) session.StartX11Forwarding(0, display);
+        return examples::RunToTheEnd(session);
+    };
+    return examples::LoginAndWork<cindral::SshCmdSession>(arguments, run, command);
 }

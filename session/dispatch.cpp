@@ -93,7 +93,7 @@ void SshSession::InitDispatcher() {
     _mux.Register(_fd, SshDispatcher(this));
     SshChannel* terminal = _channels.NewTtyChannel(_remoteChannel, "client-session", _windowSize, STDIN_FILENO,
                                                    STDOUT_FILENO, STDERR_FILENO, &_in, &_out);
-    _mux.Register(STDIN_FILENO, FdDispatcher(this, terminal));
+    JoinDescriptor(STDIN_FILENO, terminal);
     SetNodelay(_fd);
     SockIO::SetCloseOnExec(_fd);
 }
@@ -101,7 +101,11 @@ void SshSession::InitDispatcher() {
 void SshSession::RegisterFdDispatcher(SshChannel* channel) {
     SetNodelay(channel->_fdIn);
     SockIO::SetCloseOnExec(channel->_fdIn);
-    _mux.Register(channel->_fdIn, FdDispatcher(this, channel));
+    JoinDescriptor(channel->_fdIn, channel);
+}
+
+void SshSession::JoinDescriptor(int fd, SshChannel const* channel) {
+    _mux.Register(fd, FdDispatcher(this, channel));
 }
 
 void SshSession::CloseChannel(unsigned int id) {
@@ -206,13 +210,21 @@ int SshSession::HandleChannelClose(PacketDecoder& decoder) {
 }
 
 int SshSession::HandleChannelOpen(PacketDecoder& decoder) {
-    unsigned int const sender = IsWithoutAddress(decoder._data)
-                                    ? PacketOpenSessionChannel(decoder)._senderChannel
-                                    : PacketOpenTcpChannel(decoder)._senderChannel;
+    if (IsWithoutAddress(decoder._data)) {
+        RefuseChannel(PacketOpenSessionChannel(decoder)._senderChannel);
+        return 1;
+    }
+    PacketOpenTcpChannel const request(decoder);
+    if (request._channelType == "forwarded-tcpip" && OpenForwardedTcpChannel(request) == 0) return 1;
+    if (request._channelType == "x11" && OpenForwardedX11Channel(request) == 0) return 1;
+    RefuseChannel(request._senderChannel);
+    return 1;
+}
+
+void SshSession::RefuseChannel(unsigned int sender) {
     PacketChannelOpenFailure refusal(sender, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED, "open failed",
                                      String_t());
     _out.WritePacket(refusal);
-    return 1;
 }
 
 } // namespace cindral

@@ -12,8 +12,6 @@ namespace cindral {
 namespace {
 
 constexpr unsigned int LOCAL_CHANNEL = 0;
-constexpr unsigned int INITIAL_WINDOW = 0x200000;
-constexpr unsigned int MAX_PACKET = 0x8000;
 
 } // namespace
 
@@ -29,6 +27,7 @@ int SshSession::Open() {
     PacketChannelOpenConfirmation const confirmation(decoder);
     _remoteChannel = confirmation._senderChannel;
     _windowSize = INITIAL_WINDOW;
+    if (_x11.Get()) RequestX11Forwarding();
     return 0;
 }
 

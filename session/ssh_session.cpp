@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <brantle/channel/tcp_forwarding.h>
+#include <brantle/channel/x11_forwarding.h>
 #include <brantle/cindral/exceptions.h>
 #include <brantle/thornel/sock_stream.h>
 #include <brantle/thornel/text.h>

@@ -85,7 +85,9 @@
 #include <brantle/channel/ssh_channel.h>
 #include <brantle/channel/ssh_channel_mgr.h>
 #include <brantle/channel/ssh_data_stream.h>
+#include <brantle/channel/tcp_forwarding.h>
 #include <brantle/channel/window_adjust.h>
+#include <brantle/channel/x11_forwarding.h>
 
 #include <brantle/session/kbd_interactive.h>
 #include <brantle/session/ssh_session.h>

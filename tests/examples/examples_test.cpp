@@ -5,29 +5,12 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-
-#include "examples/execute.h"
-#include "support/peer/scripted_peer.h"
+#include "examples/execute_against.h"
+#include "support/x11/fake_xauth.h"
 
 using namespace execute;
 using namespace peer;
 using testing::HasSubstr;
-
-namespace {
-
-/// A program's run against a server with this script.
-Ran ExecuteAgainst(ScriptedPeer::Script const& script, std::string const& program = RUN_COMMAND,
-                   std::string const& arguments = "echo hello", ServerSettings settings = {}) {
-    settings.group = DhGroup::Modp(1024);
-    settings.noneAccepted = true;
-    ScriptedPeer server(script, settings);
-    Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
-    server.Finish();
-    return ran;
-}
-
-} // namespace
 
 TEST(Examples, CommandGetsInputAndGivesOutput) {
     ServerSettings settings;
@@ -74,6 +57,28 @@ TEST(Examples, ShellEndsWithTheClosingLine) {
     EXPECT_EQ(ran.status, 0) << ran;
     EXPECT_EQ(ran.output, "$ Connection to 127.0.0.1 closed.\n");
     EXPECT_EQ(ran.errors, "");
+}
+
+TEST(Examples, CommandForwardsTheUsersOwnDisplay) {
+    x11::FakeXauth const xauth("");
+    std::vector<ChannelRequest> requests;
+    Ran const ran = ExecuteAgainst(
+        [&](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            requests.push_back(c.ReadChannelRequest());
+            c.SendChannelMessage(CHANNEL_SUCCESS);
+            requests.push_back(c.ReadChannelRequest());
+            c.SendExitStatus(0);
+        },
+        "env DISPLAY=:7.1 " RUN_COMMAND " -X");
+    EXPECT_EQ(ran.status, 0) << ran;
+    EXPECT_EQ(ran.errors, "");
+    EXPECT_THAT(xauth.Calls(), testing::ElementsAre("list|:7.1"));
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0].type, "x11-req");
+    EXPECT_EQ(requests[0].rest.back(), 1); // the screen
+    EXPECT_EQ(requests[1].type, "exec");
+    EXPECT_THAT(Execute(RUN_COMMAND, "-X host true"), Fails(2, "-X needs a DISPLAY in the environment"));
 }
 
 TEST(Examples, ScpCopyPutsFiles) {
@@ -168,8 +173,8 @@ TEST(Examples, MessagesBetweenLoginAndChannelAreRead) {
 }
 
 TEST(Examples, WrongArgumentsAreAnsweredByTheUsage) {
-    std::string const command = "usage: run_command [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
-    for (char const* arguments : {"", "-i", "-i key", "host"})
+    std::string const command = "usage: run_command [-X] [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
+    for (char const* arguments : {"", "-i", "-i key", "host", "-i key -X"})
         EXPECT_THAT(Execute(RUN_COMMAND, arguments), Fails(2, command)) << arguments;
     for (char const* arguments : {"", "-i", "-i key", "host surplus"})
         EXPECT_THAT(Execute(SHELL, arguments), Fails(2, "usage: shell [-i IDENTITY] [USER@]HOST[:PORT]"))

@@ -24,7 +24,9 @@ class LoopSession : public TestSession {
 public:
     using TestSession::TestSession;
 
+    using SshSession::_localForwardings;
     using SshSession::_mux;
+    using SshSession::_remoteForwardings;
 
     int Dispatch(int fd) override {
         ++dispatches;

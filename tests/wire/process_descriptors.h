@@ -32,6 +32,10 @@ public:
     MemoryFile& operator=(MemoryFile const&) = delete;
 
     int Fd() const { return _fd; }
+    void Clear() const {
+        Checked(ftruncate(_fd, 0), "ftruncate");
+        lseek(_fd, 0, SEEK_SET);
+    }
     std::string Text() const {
         std::string text;
         std::array<char, 65536> piece;

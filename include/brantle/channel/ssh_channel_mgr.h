@@ -10,6 +10,8 @@
 
 namespace cindral {
 
+class SshSession;
+
 /// Makes a channel of a program's own class. The caller of the operator owns the result.
 class BRANTLE_API SshChannelMakerBase {
 public:
@@ -47,6 +49,21 @@ public:
         int _fd = -1;
     };
 
+    /// A connection of a remote X client (RFC 4254, section 6.3.2). It has no descriptor until the first
+    /// data, the client's connection set-up message, has brought the connection to the X server.
+    class BRANTLE_API X11Channel : public FdChannel {
+    public:
+        X11Channel(unsigned int localId, unsigned int remoteId, String_t const& name, unsigned int windowSize,
+                   SshSession& session, ISshPacketStream* in, OSshPacketStream* out);
+        ~X11Channel() override;
+
+        /// Without a descriptor, lets the session connect; where that fails, sends CHANNEL_EOF and is ready
+        /// to try the next data. With one, as SshChannel::Forward.
+        void Forward(char const* data, unsigned int n) override;
+
+        SshSession* _session; ///< not owned
+    };
+
     SshChannelMgr();
     SshChannelMgr(SshChannelMgr const&) = delete;
     SshChannelMgr& operator=(SshChannelMgr const&) = delete;
@@ -59,6 +76,9 @@ public:
     /// Takes the descriptor over and leaves -1 in `fd`.
     SshChannel* NewTcpConnection(unsigned int remoteId, String_t const& name, unsigned int windowSize,
                                  FileDescriptor& fd, ISshPacketStream* in, OSshPacketStream* out);
+    /// A channel without descriptors, which turns to `session` for its connection.
+    SshChannel* NewX11Connection(unsigned int remoteId, String_t const& name, unsigned int windowSize,
+                                 SshSession& session, ISshPacketStream* in, OSshPacketStream* out);
     SshChannel* NewChannel(unsigned int remoteId, String_t const& name, unsigned int windowSize,
                            ISshPacketStream* in, OSshPacketStream* out, SshChannelMakerBase const& maker);
 
@@ -70,6 +90,9 @@ public:
     /// Deletes channel `id` and returns the `_fdIn` it had, -1 for an unknown number. What has not been
     /// flushed is lost.
     int RemoveChannel(int id);
+
+    /// The local number that the next channel gets.
+    unsigned int NextId() const { return _nextId; }
 
     /// The channel of that number, null if there is none. The table keeps it.
     SshChannel* Find(int id) const;

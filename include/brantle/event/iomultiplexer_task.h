@@ -22,10 +22,10 @@ public:
     /// May be called from any thread, dispatcher or timer. Returns the former state, non-zero when the
     /// task was stopped before.
     int Stop();
-
-private:
+    /// Whether the task has been stopped.
     bool IsStopped() const;
 
+private:
     IOMultiplexer& _mux;
     IOMultiplexer::Timeval _timeout;
     int _stop;

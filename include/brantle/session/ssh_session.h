@@ -1,6 +1,7 @@
 #ifndef BRANTLE_SESSION_SSH_SESSION_H
 #define BRANTLE_SESSION_SSH_SESSION_H
 
+#include <generic/autoptr>
 #include <generic/gcmp>
 #include <generic/tmap>
 
@@ -18,6 +19,7 @@
 #include <brantle/kex/dh_exchange.h>
 #include <brantle/kex/dh_gex_parameters.h>
 #include <brantle/kex/kex_type.h>
+#include <brantle/packet/channel_messages.h>
 #include <brantle/packet/kex_messages.h>
 #include <brantle/packet/packet_decoder.h>
 #include <brantle/packet/packet_stream.h>
@@ -31,9 +33,9 @@ namespace cindral {
 
 /// One client connection to one SSH server: the hub of the library.
 ///
-/// The order of calls is: constructor, Connect, KeyExchange, Authenticate, Open, one of StartShell,
-/// StartCommand and StartSubsystem, InitDispatcher, Run. Everything before Run blocks on the
-/// caller's thread. Steps out of order are not guarded.
+/// The order of calls is: constructor, Connect, KeyExchange, Authenticate, the starts of forwardings that
+/// are wanted, Open, one of StartShell, StartCommand and StartSubsystem, InitDispatcher, Run. Everything
+/// before Run blocks on the caller's thread. Steps out of order are not guarded.
 ///
 /// A refusal comes back as a negative result, a breach of the protocol as an SshProtocolError (or
 /// BadInput for a message that ends too early). After either the connection is of no further use:
@@ -45,6 +47,13 @@ class BRANTLE_API SshSession {
 public:
     /// The slot of the cipher and MAC pairs that serves output; the other one serves input.
     enum Mode { CLIENT = 0, SERVER = 1 };
+
+    /// The state of X11 forwarding; see <brantle/channel/x11_forwarding.h>.
+    class X11Forwarding;
+
+    /// What is known of a forwarding; see <brantle/channel/tcp_forwarding.h>.
+    class ForwardingInfo;
+    class LocalForwarding;
 
     /// The target by port and host name or address, or by one text "host:port", as ParseUrl gives
     /// it. Throws SystemError "initialize client socket failed" if the host can't be resolved or
@@ -106,8 +115,59 @@ public:
     /// messages of its own between authentication and Open, which tolerates none.
     ByteString AuthReadPacket();
 
-    /// Opens the session channel (RFC 4254, section 6.1). Returns 0, or -1 if the server refuses.
-    /// Throws SshProtocolError on any other answer.
+    /// Lets remote X clients reach the X server that `display` names, as in "localhost:10.0", "unix:0" or
+    /// ":0" (RFC 4254, section 6.3). To be called before Open, which asks the server for it. With
+    /// `singleConnection` the server is asked to forward no more than one connection. Returns 0, or -1 if
+    /// `display` is empty or forwarding has been started already. Waits for the `xauth` command.
+    ///
+    /// REQUIRES: `display` is text that the program trusts, such as the user's own DISPLAY. It becomes
+    /// part of a shell command as it is: pass nothing that came from anybody else.
+    int StartX11Forwarding(int singleConnection, String_t const& display);
+
+    /// Splits the text of a forwarding, [bindAddress ":"] listenPort ":" host ":" port, where a bind address
+    /// or host may stand in "[" and "]]" with no colon behind it, as a host of digits alone has to. Without
+    /// a bind address it is "localhost". What follows the port behind a further colon is not looked at.
+    /// Returns 0, or -EINVAL for another text or null; the outputs are then set as far as the text went.
+    static int ParseFwdSpec(char const* spec, String_t& bindAddress, unsigned int& listenPort, String_t& host,
+                            unsigned int& port);
+
+    /// Listens on `listenPort` of the local address `bindAddress` (IPv4, empty or "*" for all); while Run
+    /// runs, the server is asked to connect each connection accepted there to `port` of `host` (RFC 4254,
+    /// section 7.2). Returns 0, -1 if that port is forwarded already, or a negated errno value if
+    /// listening fails. `spec` is as ParseFwdSpec reads it, whose -EINVAL is returned.
+    ///
+    /// A connection that is made while data flows on other channels may be dropped; see
+    /// AcceptLocalFwdConnection.
+    int StartLocalForwarding(String_t const& spec);
+    int StartLocalForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
+                             String_t const& bindAddress);
+
+    /// Stops listening; connections stay. Returns 0, or -1 if the port is not forwarded. The loop keeps the
+    /// record of the closed descriptor, and runs without a rest until its number is registered anew or
+    /// unregistered.
+    int CancelLocalForwarding(unsigned int listenPort);
+
+    /// Asks the server to listen on `listenPort` of its address `bindAddress` and to lead each connection
+    /// here, where it goes on to `port` of `host` (RFC 4254, section 7.1). Returns 0, or -1 if the server
+    /// refuses or that port is forwarded already; `spec` is as above. A listenPort of 0 stays 0: the port
+    /// that the server then chooses is not learnt. Throws what the decoder of the answer throws.
+    ///
+    /// REQUIRES: nothing else arrives from the server meanwhile, since the next packet is taken for the
+    /// answer: to be called before Open.
+    ///
+    /// A connection that the server announces with the originator's address, as RFC 4254 has it, ends Run
+    /// with an SshProtocolError; one that it announces without is served.
+    int StartRemoteForwarding(String_t const& spec);
+    int StartRemoteForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
+                              String_t const& bindAddress);
+
+    /// Forgets the forwarding and tells the server to stop listening, without asking for a reply;
+    /// connections stay. Returns 0, or -1 if the port is not forwarded.
+    int CancelRemoteForwarding(unsigned int listenPort);
+
+    /// Opens the session channel (RFC 4254, section 6.1) and asks for X11 forwarding, if it has been
+    /// started. Returns 0, also where the server refuses the forwarding, which is then off; or -1 if the
+    /// server refuses the channel. Throws SshProtocolError on any other answer.
     int Open();
 
     /// Send the request to start a shell, a command or a subsystem (RFC 4254, section 6.5) on the
@@ -128,6 +188,31 @@ public:
 
     /// Sends CHANNEL_EOF on the channel of that local number; the channel stays. Unknown: nothing.
     void CloseChannel(unsigned int id);
+
+    /// Confirms a channel of a remote X client; its connection to the X server waits for the client's first
+    /// data. Returns 0, or 1 if the channel is to be refused: X11 is not forwarded.
+    int OpenForwardedX11Channel(PacketOpenTcpChannel const& request);
+
+    /// Connects an X11 channel to the X server, given the client's connection set-up message, which
+    /// must be whole, alone and show the cookie that the peer was given. The X server gets its own cookie in
+    /// its place. Blocks for up to 60 seconds. Returns the descriptor, joined to `channel` in the loop
+    /// and from then on the channel's, or -1: nothing was connected, or it is closed again. Throws what
+    /// SetNodelay throws.
+    int InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel);
+
+    /// Accepts one connection of a local forwarding, waiting for one for up to 60 seconds, and asks the
+    /// server for a channel for it. Called by the loop, which ignores the result.
+    ///
+    /// Waits for one packet and handles what has come with it. With a confirmation (RFC 4254, section 5.1)
+    /// among that, the connection is joined to its channel in the loop; else it is closed, even if the
+    /// confirmation is still on its way. Returns 0, also where the server refuses or has not answered yet;
+    /// -1 if no connection came or the server answers with CHANNEL_FAILURE; what DecodeCaller returns if
+    /// the caller has no IPv4 address.
+    int AcceptLocalFwdConnection(LocalForwarding* forwarding);
+
+    /// Connects to the target of a remote forwarding, within 60 seconds, and joins the connection to a new
+    /// channel in the loop. Returns 0, or 1 if the channel is to be refused.
+    int OpenForwardedTcpChannel(PacketOpenTcpChannel const& request);
 
     /// Swaps the class of a live channel; see SshChannelMgr::ReplaceChannel.
     SshChannel* ReplaceChannel(unsigned int id, SshChannelMakerBase const& maker);
@@ -154,6 +239,7 @@ public:
 protected:
     class BRANTLE_LOCAL SshDispatcher;
     class BRANTLE_LOCAL FdDispatcher;
+    class BRANTLE_LOCAL LFAcceptor;
     using Handler = int (SshSession::*)(PacketDecoder&);
     using KexFunction = int (SshSession::*)(PacketKexInit& own, PacketKexInit& peer);
 
@@ -191,7 +277,17 @@ protected:
     int HandleChannelRequest(PacketDecoder& decoder);
     int HandleChannelEof(PacketDecoder& decoder);
     int HandleChannelClose(PacketDecoder& decoder);
+    int AwaitTcpChannel(String_t const& channelType, FileDescriptor& connection);
+    void ServeBufferedInput();
     void ReportIgnored(int number);
+    void RefuseChannel(unsigned int sender);
+
+    /// Registers a descriptor that feeds `channel` with the loop.
+    void JoinDescriptor(int fd, SshChannel const* channel);
+    void RequestX11Forwarding();
+
+    static constexpr unsigned int INITIAL_WINDOW = 0x200000; ///< granted for each channel
+    static constexpr unsigned int MAX_PACKET = 0x8000;
 
     static char const* const _defaultClientVersion;
     static char const* const _defaultKexAlgorithms;
@@ -222,6 +318,9 @@ protected:
     unsigned int _windowSize = 0;    ///< what this side grants each channel, in bytes
     TMap<int, Handler, GCmp<int>> _handlers;
     SshChannelMgr _channels;
+    TMap<unsigned int, ForwardingInfo, GCmp<unsigned int>> _remoteForwardings; ///< by listening port
+    TMap<unsigned int, LocalForwarding, GCmp<unsigned int>> _localForwardings; ///< by listening port
+    AutoPtr<X11Forwarding> _x11; ///< null while X11 is not forwarded
     IOMultiplexer _mux;
     IOMultiplexerTask _task;
 

@@ -51,6 +51,7 @@ def acknowledge_at_once():
 
 def widen_forwarded_channels():
     asyncssh.connection.SSHConnection.create_tcp_channel.__defaults__ = (None, "strict", WINDOW, PACKET_SIZE)
+    asyncssh.connection.SSHServerConnection.create_x11_connection.__kwdefaults__["window"] = WINDOW
 
 
 _tasks = set()
@@ -64,10 +65,16 @@ def run_task(coroutine):
     return task
 
 
+def x11_cookies(options):
+    """The file that the cookies of clients' displays are kept in."""
+    return os.path.join(options.directory, "x11_cookies")
+
+
 class Session(asyncssh.SSHServerSession):
     """One session channel: runs a command, a shell or the SFTP server, and joins it to the channel."""
 
-    def __init__(self):
+    def __init__(self, options):
+        self.options = options
         self.channel = None
         self.command = None
         self.terminal_type = None
@@ -139,6 +146,8 @@ class Session(asyncssh.SSHServerSession):
         additions = dict(self.channel.get_environment())
         if self.terminal_type:
             additions["TERM"] = self.terminal_type
+        if display := self.channel.get_x11_display():
+            additions.update(DISPLAY=display, XAUTHORITY=x11_cookies(self.options))
         return common.command_environment(additions)
 
     async def _run_on_pipes(self):
@@ -237,7 +246,7 @@ class Server(asyncssh.SSHServer):
 
     def session_requested(self):
         channel = self.connection.create_server_channel(encoding=None, window=WINDOW, max_pktsize=PACKET_SIZE)
-        return channel, Session()
+        return channel, Session(self.options)
 
     def connection_requested(self, dest_host, dest_port, orig_host, orig_port):
         return True
@@ -257,7 +266,8 @@ async def serve(options):
         lambda: Server(options), "127.0.0.1", options.port,
         server_host_keys=[common.host_key_file(options)], kex_algs=options.key_exchanges,
         encryption_algs=options.ciphers, mac_algs=options.macs, signature_algs=["ssh-rsa", "ssh-dss"],
-        compression_algs=["none"], agent_forwarding=False, keepalive_interval=0, login_timeout=60,
+        compression_algs=["none"], agent_forwarding=False, x11_forwarding=True,
+        x11_auth_path=x11_cookies(options), keepalive_interval=0, login_timeout=60,
         rekey_bytes=1 << 50, rekey_seconds=1 << 30, window=WINDOW)
     common.announce(listener.sockets[0].getsockname()[1])
     await asyncio.get_event_loop().create_future()

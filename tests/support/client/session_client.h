@@ -52,6 +52,9 @@ public:
     /// Reads that many packets between the login and the channel.
     SessionClient& ReadingSurplus(unsigned int packets) { return Set("surplus", std::to_string(packets)); }
 
+    /// Forwarding X11 to that display.
+    SessionClient& WithDisplay(std::string const& display) { return Set("display", display); }
+
     /// With "NAME=VALUE" in its environment.
     SessionClient& WithVariable(std::string const& variable);
 

@@ -3,10 +3,14 @@
 // what the remote program prints, is this program's own output.
 //
 //     report=FILE port=N user=NAME
-//     identity=FILE password=TEXT answer=TEXT   for keys, for passwords, for every keyboard-interactive
-//     prompt tries=N                                   passwords tried at most ask=yes asks for passwords on
-//     the terminal surplus=N                                 packets to read between the login and the
-//     channel action=login|open|command|shell           how far to go command=TEXT
+//     identity=FILE password=TEXT
+//     answer=TEXT                               to every keyboard-interactive prompt
+//     tries=N                                   passwords tried at most
+//     ask=yes                                   asks for passwords on the terminal
+//     surplus=N                                 packets to read between the login and the channel
+//     display=TEXT                              X11 is forwarded to it
+//     action=login|open|command|shell           how far to go
+//     command=TEXT
 
 #include <cstdlib>
 #include <fstream>
@@ -129,6 +133,8 @@ bool LogIn(cindral::SshSession& session, Options& options, Report& report) {
 
 void Use(cindral::SshSession& session, Options& options, Report& report) {
     if (!LogIn(session, options, report) || options["action"] == "login") return;
+    if (!options["display"].empty())
+        report("x11", session.StartX11Forwarding(0, Text(options, "display")));
     if (options["action"] == "open") return report("open", session.Open());
     report("peak-kib-before", PeakMemory());
     report("run", session.Run());

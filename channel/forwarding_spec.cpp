@@ -1,0 +1,74 @@
+// The text form of a forwarding.
+
+#include <brantle/session/ssh_session.h>
+
+#include <cerrno>
+#include <sstream>
+
+#include <brantle/thornel/text.h>
+
+namespace cindral {
+
+namespace {
+
+/// Reads the fields of the text one by one.
+class FieldReader {
+public:
+    explicit FieldReader(char const* text) : _in(text) {}
+
+    /// Reads one field, up to a colon, up to the end of the text, or in "[" and "]]", behind which no colon
+    /// stands. False if there is none.
+    bool Read() {
+        char first;
+        if (!(_in >> first)) return false;
+        if (first == '[') {
+            _isNumber = false;
+            return String_t::Getline(_in, _text, "]") && ReadCharacter(']');
+        }
+        _in.putback(first);
+        if (!String_t::Getline(_in, _text, ":") || str_len(_text.Text()) == 0) return false;
+        _isNumber = str_toint(_text.Text(), &_number) == str_len(_text.Text());
+        return true;
+    }
+
+    bool ReadNumberAndColon(unsigned int& number) { return _in >> number && ReadCharacter(':'); }
+
+    /// What has been read last.
+    bool IsNumber() const { return _isNumber; }
+    unsigned int Number() const { return static_cast<unsigned int>(_number); }
+    String_t const& Text() const { return _text; }
+
+private:
+    bool ReadCharacter(char expected) {
+        char character;
+        return _in >> character && character == expected;
+    }
+
+    std::istringstream _in;
+    String_t _text;
+    bool _isNumber = false;
+    int _number = 0;
+};
+
+} // namespace
+
+int SshSession::ParseFwdSpec(char const* spec, String_t& bindAddress, unsigned int& listenPort,
+                             String_t& host, unsigned int& port) {
+    if (!spec) return -EINVAL;
+    FieldReader field(spec);
+    if (!field.Read()) return -EINVAL;
+    if (field.IsNumber()) {
+        bindAddress = "localhost";
+        listenPort = field.Number();
+    } else {
+        bindAddress = field.Text();
+        if (!field.ReadNumberAndColon(listenPort)) return -EINVAL;
+    }
+    if (!field.Read() || field.IsNumber()) return -EINVAL;
+    host = field.Text();
+    if (!field.Read() || !field.IsNumber()) return -EINVAL;
+    port = field.Number();
+    return 0;
+}
+
+} // namespace cindral

@@ -1,0 +1,123 @@
+// X11 forwarding as the session sees it: RFC 4254, section 6.3.
+
+#include <brantle/channel/x11_forwarding.h>
+
+#include <brantle/packet/channel_messages.h>
+#include <brantle/packet/session_requests.h>
+#include <brantle/thornel/file_descriptor.h>
+#include <brantle/thornel/sock_io.h>
+#include <brantle/thornel/sock_stream.h>
+
+#include "forwarded_connection.h"
+
+namespace cindral {
+
+namespace {
+
+/// The first message of an X client (X Window System Protocol, section 8): byte order, protocol version, and
+/// the name and the data of its authorisation, both padded.
+class SetupMessage {
+public:
+    SetupMessage(unsigned char const* bytes, unsigned int length) : _bytes(bytes, length) {}
+
+    /// Whether this is version 11 of the protocol, with lengths within bounds and as long as they say.
+    bool IsAcceptable() const {
+        if (_bytes.Length() < HEADER || (_bytes.Data()[0] != 'B' && _bytes.Data()[0] != 'l')) return false;
+        return NameLength() <= MAX_LENGTH && Number(2) == 11 && DataLength() <= MAX_LENGTH &&
+               _bytes.Length() == HEADER + Padded(NameLength()) + Padded(DataLength());
+    }
+
+    ByteString Name() const { return _bytes.SubStr(HEADER, NameLength()); }
+    ByteString Data() const { return _bytes.SubStr(HEADER + Padded(NameLength()), DataLength()); }
+
+    /// Sends the message with other texts as name and data; the lengths stay.
+    void Send(int fd, String_t const& name, ByteString const& data) const {
+        OSockStream out(fd);
+        Write(out, _bytes.SubStr(0, HEADER));
+        out.Write(name.Text(), static_cast<int>(str_len(name.Text())));
+        Write(out, PaddingBehind(HEADER, NameLength()));
+        Write(out, data);
+        Write(out, PaddingBehind(HEADER + Padded(NameLength()), DataLength()));
+        out.Flush();
+    }
+
+private:
+    static constexpr unsigned int HEADER = 12;
+    static constexpr unsigned int MAX_LENGTH = 256;
+
+    static unsigned int Padded(unsigned int length) { return (length + 3) / 4 * 4; }
+
+    static void Write(OSockStream& out, ByteString const& bytes) {
+        out.Write(reinterpret_cast<char const*>(bytes.Data()), static_cast<int>(bytes.Length()));
+    }
+
+    unsigned int Number(unsigned int offset) const {
+        unsigned int const first = _bytes.Data()[offset];
+        unsigned int const second = _bytes.Data()[offset + 1];
+        return _bytes.Data()[0] == 'B' ? first << 8 | second : second << 8 | first;
+    }
+
+    unsigned int NameLength() const { return Number(6); }
+    unsigned int DataLength() const { return Number(8); }
+
+    ByteString PaddingBehind(unsigned int start, unsigned int length) const {
+        return _bytes.SubStr(start + length, Padded(length) - length);
+    }
+
+    ByteString const _bytes;
+};
+
+} // namespace
+
+int SshSession::StartX11Forwarding(int singleConnection, String_t const& display) {
+    if (str_len(display.Text()) == 0 || _x11.Get()) return -1;
+    _x11.Reset(new X11Forwarding(display, singleConnection));
+    return 0;
+}
+
+/// Tells the server of the forwarding, which ends where it refuses.
+void SshSession::RequestX11Forwarding() {
+    PacketSessionX11Request request(_remoteChannel, 1, _x11->_singleConnection,
+                                    X11Forwarding::_defaultAuthMethod,
+                                    X11Forwarding::CookieString(_x11->_fakeCookie), _x11->_screenNumber);
+    _out.WritePacket(request);
+    PacketDecoder decoder(_in.ReadPacket());
+    PacketChannelResponse const response(decoder);
+    if (response._type != Packet::SSH_MSG_CHANNEL_SUCCESS) _x11.Reset(nullptr);
+}
+
+int SshSession::OpenForwardedX11Channel(PacketOpenTcpChannel const& request) {
+    if (!_x11.Get()) return 1;
+    SshChannel const* channel = _channels.NewX11Connection(request._senderChannel, request._channelType,
+                                                           _windowSize, *this, &_in, &_out);
+    PacketChannelOpenConfirmation confirmation(request._senderChannel, channel->_localId, _windowSize,
+                                               request._maxPacketSize);
+    _out.WritePacket(confirmation);
+    return 0;
+}
+
+int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel) {
+    if (!_x11.Get()) return -1;
+    SetupMessage const message(data, length);
+    char const* const method = X11Forwarding::_defaultAuthMethod;
+    if (!message.IsAcceptable() || message.Name() != ByteString(method, str_len(method)) ||
+        message.Data() != _x11->_fakeCookie) {
+        return -1;
+    }
+    int error = 0;
+    FileDescriptor fd(_x11->Connect(CONNECT_LIMIT, error));
+    if (fd < 0 || !IsWritable(fd)) return -1;
+    if (!_x11->_unixSocket) SetNodelay(fd);
+    SockIO::SetCloseOnExec(fd);
+    ByteString const& real = _x11->_realCookie;
+    bool const isKnown = real.Length() != 0;
+    if (isKnown && real.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
+    // An X server without access control does not look at the cookie.
+    message.Send(fd, _x11->_authMethod, isKnown ? real : _x11->_fakeCookie);
+    JoinDescriptor(fd, channel);
+    int const connected = fd;
+    fd._fd = -1;
+    return connected;
+}
+
+} // namespace cindral

@@ -1,0 +1,108 @@
+// Forwards TCP ports through a connection: beside a command or a shell, or alone until it is interrupted.
+
+#include "login.h"
+
+#include <cerrno>
+#include <csignal>
+
+#include <unistd.h>
+
+#include <brantle/thornel/file_descriptor.h>
+
+namespace {
+
+using cindral::SshSession;
+using examples::Fail;
+
+int interruptPipe = -1; ///< takes a byte for each interrupt
+
+extern "C" void NoteInterrupt(int) {
+    if (write(interruptPipe, "", 1) < 0) _exit(examples::DONE);
+}
+
+/// Ends a session when its pipe has something to read.
+class Interrupt : public IOMultiplexerDispatcher {
+public:
+    explicit Interrupt(SshSession& session) : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session) {}
+    Interrupt* Clone() const override { return new Interrupt(*this); }
+    int Dispatch(int) override {
+        _session.Disconnect(cindral::Packet::SSH_DISCONNECT_BY_APPLICATION, "interrupted");
+        _session.Terminate();
+        return 0;
+    }
+
+private:
+    SshSession& _session;
+};
+
+/// A session that does nothing but forward.
+class ForwardingSession : public SshSession {
+public:
+    explicit ForwardingSession(String_t const& target) : SshSession(CLIENT, target) {}
+
+    /// As the sessions of the library: 1 if the server refuses the channel.
+    int Run() override {
+        if (Open() < 0) return 1;
+        InitDispatcher();
+        Multiplexer().Unregister(STDIN_FILENO); // nothing at the other end would read it
+        int ends[2];
+        if (pipe(ends) < 0) return errno;
+        FileDescriptor const reader(ends[0]), writer(ends[1]);
+        interruptPipe = writer;
+        Multiplexer().Register(reader, Interrupt(*this));
+        for (int number : {SIGINT, SIGTERM}) std::signal(number, NoteInterrupt);
+        int const result = SshSession::Run();
+        for (int number : {SIGINT, SIGTERM}) std::signal(number, SIG_DFL);
+        return result;
+    }
+};
+
+bool IsLocal(char const* option) { return std::strcmp(option, "-L") == 0; }
+bool IsForwarding(char const* option) {
+    return option && (IsLocal(option) || std::strcmp(option, "-R") == 0);
+}
+
+bool IsReadable(char const* spec) {
+    String_t bindAddress, host;
+    unsigned int listenPort, port;
+    return SshSession::ParseFwdSpec(spec, bindAddress, listenPort, host, port) == 0;
+}
+
+/// Starts the forwardings from `option` on, each two words. Returns DONE, or a failure that has been
+/// reported.
+int StartForwardings(SshSession& session, char** option) {
+    for (; IsForwarding(*option); option += 2) {
+        int const result = IsLocal(*option) ? session.StartLocalForwarding(option[1])
+                                            : session.StartRemoteForwarding(option[1]);
+        if (result == 0) continue;
+        String_t what(option[1]);
+        what += ": ";
+        what += result == -1 ? "refused, or forwarded already" : std::strerror(-result);
+        return Fail(examples::NOT_FORWARDED, what);
+    }
+    return examples::DONE;
+}
+
+} // namespace
+
+int main(int, char** argv) {
+    char const usage[] = "usage: forward [-i IDENTITY] [USER@]HOST[:PORT] FORWARDING... [-s | COMMAND...]\n"
+                         "FORWARDING: -L or -R [BIND_ADDRESS:]LISTEN_PORT:HOST:PORT\n"
+                         "-s: a shell beside the forwardings";
+    examples::CommandLine arguments;
+    if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
+    char** rest = arguments._rest;
+    if (!IsForwarding(*rest)) return Fail(examples::USAGE, usage);
+    for (; IsForwarding(*rest); rest += 2)
+        if (!IsReadable(rest[1])) return Fail(examples::USAGE, usage);
+
+    auto const forward = [&](SshSession& session) {
+        if (int const status = StartForwardings(session, arguments._rest); status != examples::DONE)
+            return status;
+        return examples::RunToTheEnd(session);
+    };
+    if (!*rest) return examples::LoginAndWork<ForwardingSession>(arguments, forward);
+    if (std::strcmp(*rest, "-s") == 0)
+        return examples::LoginAndWork<cindral::SshInteractiveSession>(arguments, forward);
+    return examples::LoginAndWork<cindral::SshCmdSession>(arguments, forward, examples::Command(rest));
+}

@@ -1,0 +1,52 @@
+#include "wire/failing_calls.h"
+
+#include <atomic>
+#include <cerrno>
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <poll.h>
+
+namespace {
+
+std::atomic<short> failingEvents{0};
+std::atomic<int> longestLimit{0};
+std::atomic<int> lastLimit{0};
+std::atomic<bool> addressTextFails{false};
+
+template <typename Function>
+Function* Next(Function*, char const* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+FailingWait::FailingWait(short events, int longest) {
+    lastLimit = 0;
+    longestLimit = longest;
+    failingEvents = events;
+}
+FailingWait::~FailingWait() { failingEvents = 0; }
+int FailingWait::Limit() const { return lastLimit; }
+
+FailingAddressText::FailingAddressText() { addressTextFails = true; }
+FailingAddressText::~FailingAddressText() { addressTextFails = false; }
+
+extern "C" {
+
+// In place of the C library's, for the library under test too.
+
+int poll(pollfd* records, nfds_t count, int limit) {
+    static auto* const next = Next(&poll, "poll");
+    if (count != 1 || failingEvents == 0 || records->events != failingEvents || limit > longestLimit)
+        return next(records, count, limit);
+    lastLimit = limit;
+    errno = ETIMEDOUT;
+    return -1;
+}
+
+char const* inet_ntop(int family, void const* address, char* text, socklen_t size) noexcept {
+    static auto* const next = Next(&inet_ntop, "inet_ntop");
+    return addressTextFails ? nullptr : next(family, address, text, size);
+}
+}

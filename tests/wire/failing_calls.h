@@ -1,0 +1,28 @@
+#ifndef TESTS_WIRE_FAILING_CALLS_H
+#define TESTS_WIRE_FAILING_CALLS_H
+
+#include <climits>
+
+/// Waits of poll(2) on one descriptor for these events, of no more than so many milliseconds, fail with
+/// ETIMEDOUT as long as the object lives, and the limit of the last one is kept.
+class FailingWait {
+public:
+    explicit FailingWait(short events, int longest = INT_MAX);
+    ~FailingWait();
+    FailingWait(FailingWait const&) = delete;
+    FailingWait& operator=(FailingWait const&) = delete;
+
+    /// In milliseconds; 0 if there was no such wait.
+    int Limit() const;
+};
+
+/// Addresses can't be written as text as long as the object lives.
+class FailingAddressText {
+public:
+    FailingAddressText();
+    ~FailingAddressText();
+    FailingAddressText(FailingAddressText const&) = delete;
+    FailingAddressText& operator=(FailingAddressText const&) = delete;
+};
+
+#endif
