@@ -155,7 +155,7 @@ TEST(Forward, ForwardingThatFailsIsNamed) {
                         c.ExpectClosed();
                     },
                     FORWARD, "-L " + spec),
-                Fails(11, spec + ": Address already in use"));
+                Fails(13, spec + ": Address already in use"));
     EXPECT_THAT(ExecuteAgainst(
                     [](Connection& c) {
                         c.WellBehaved(Stage::Authenticated);
@@ -163,7 +163,7 @@ TEST(Forward, ForwardingThatFailsIsNamed) {
                         c.SendPacket(Writer().U8(REQUEST_FAILURE));
                     },
                     FORWARD, "-R 9000:here:80 -s"),
-                Fails(11, "9000:here:80: refused, or forwarded already"));
+                Fails(13, "9000:here:80: refused, or forwarded already"));
 }
 
 TEST(Forward, RefusedChannelIsTold) {
