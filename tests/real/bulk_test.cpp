@@ -14,9 +14,10 @@
 
 #include <gtest/gtest.h>
 
-#include "support/client/session_client.h"
+#include "support/client/forwarding_client.h"
 #include "support/servers/python_servers.h"
 #include "support/servers/server_suite.h"
+#include "wire/tcp_end.h"
 
 using client::Report;
 using client::SessionClient;
@@ -25,6 +26,9 @@ namespace {
 
 constexpr std::size_t BULK = std::size_t{1} << 30;
 constexpr std::size_t PIECE = 65536;
+
+/// Through a forwarding: sanitizers take their time.
+constexpr std::size_t FORWARDED = BUILT_WITH_SANITIZER ? BULK / 8 : BULK;
 
 /// How much larger the client may become while the data passes: its buffers are built by then, and a page
 /// here and there is touched for the first time. Sanitizers keep some megabytes more, such as the stacks of
@@ -111,9 +115,9 @@ Arrival ReadPattern(int fd) {
 }
 
 /// How many bytes could be written.
-std::size_t WritePattern(int fd) {
+std::size_t WritePattern(int fd, std::size_t total = BULK) {
     Pattern pattern;
-    for (std::size_t done = 0; done < BULK; done += PIECE) {
+    for (std::size_t done = 0; done < total; done += PIECE) {
         unsigned char const* bytes = pattern.Next(PIECE);
         for (std::size_t at = 0; at < PIECE;) {
             ssize_t const count = write(fd, bytes + at, PIECE - at);
@@ -121,7 +125,7 @@ std::size_t WritePattern(int fd) {
             at += static_cast<std::size_t>(count);
         }
     }
-    return BULK;
+    return total;
 }
 
 std::string ReadAll(int fd) {
@@ -188,4 +192,30 @@ TEST_F(Bulk, InputArrivesWhole) {
     EXPECT_EQ(written, BULK);
     EXPECT_EQ(verdict, "the same\n");
     ExpectFlat(client.ReportOf(*session));
+}
+
+TEST_F(Bulk, ForwardedConnectionArrivesWholeBothWays) {
+    tcp::Service const service;
+    client.WithLocalForwarding("127.0.0.1:0:127.0.0.1:" + std::to_string(service.Port()));
+    client::Forwarding forwarding(client);
+    tcp::End local = tcp::End::To(forwarding.Port());
+    tcp::End remote = service.Accept();
+    auto const expectArrival = [](tcp::End& from, tcp::End& to) {
+        std::size_t written = 0;
+        std::thread writer([&] {
+            written = WritePattern(from.Fd(), FORWARDED);
+            from.EndSending();
+        });
+        Arrival const arrival = ReadPattern(to.Fd());
+        writer.join();
+        EXPECT_EQ(written, FORWARDED);
+        EXPECT_EQ(arrival.count, FORWARDED);
+        EXPECT_EQ(arrival.pieceOfFirstDifference, 0u);
+    };
+    expectArrival(local, remote);
+    expectArrival(remote, local);
+    local.Close();
+    remote.Close();
+    forwarding.AwaitConnections(0);
+    ExpectFlat(forwarding.End());
 }

@@ -118,7 +118,11 @@ protected:
 
     using AnswerScript = std::function<void(peer::Connection&, tcp::End& local)>;
 
-    static void EndTheRun(peer::Connection& c, tcp::End&) { c.SendExitStatus(0); }
+    /// Returns when the session is gone: the connection does not end before it.
+    static void EndTheRun(peer::Connection& c, tcp::End const&) {
+        c.SendExitStatus(0);
+        ReadToTheEnd(c);
+    }
 
     /// What AcceptLocalFwdConnection came to for one connection, with a server that answers by this script
     /// and goes on by the other when the call has returned. The session is then run until the server ends it.

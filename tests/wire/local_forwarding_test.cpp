@@ -37,7 +37,7 @@ protected:
     static void IsJoined(Connection& c, tcp::End& local) {
         local.Send("request");
         EXPECT_EQ(c.ReadPacket(), Data("request", 77));
-        c.SendExitStatus(0);
+        EndTheRun(c, local);
     }
 
     /// A run in which only `prepare` is of interest.
@@ -273,7 +273,7 @@ TEST_F(LocalForwarding, ConfirmationJoinsTheConnectionToItsChannel) {
                       c.ExpectPacket(CHANNEL_DATA);
                       c.SendData("reply", 1);
                       EXPECT_EQ(local.Receive(5), "reply");
-                      c.SendExitStatus(0);
+                      EndTheRun(c, local);
                   },
                   Listening(),
                   [&](LoopSession& session) {

@@ -215,7 +215,7 @@ TEST_F(RemoteForwarding, ShortOpeningIsJoinedToTheTarget) {
                       EXPECT_EQ(target.Receive(7), "request");
                       target.Send("reply");
                       EXPECT_EQ(c.ReadPacket(), Data("reply", 500));
-                      c.SendExitStatus(0);
+                      EndTheRun(c, target);
                   },
                   [](LoopSession& session) {
                       cindral::SshChannel const* channel = session._channels.Find(1);

@@ -66,6 +66,7 @@ public:
         }
     }
 
+    int Fd() const { return _fd; }
     std::uint16_t Port() const { return PortOf(_fd); }
 
     void Send(std::string const& bytes) const {

@@ -90,7 +90,11 @@ public:
         if (_connection.ExpectPacket(peer::CHANNEL_EOF).U32() != sender)
             throw peer::PeerError("end of another channel");
     }
-    void EndSession() { _connection.SendExitStatus(0); }
+    /// Returns when the session is gone: no connection that a script holds ends before it.
+    void EndSession() {
+        _connection.SendExitStatus(0);
+        ReadToTheEnd(_connection);
+    }
 
     std::string cookie; ///< the peer's, as bytes
 

@@ -210,8 +210,8 @@ public:
     /// the caller has no IPv4 address.
     int AcceptLocalFwdConnection(LocalForwarding* forwarding);
 
-    /// Connects to the target of a remote forwarding, within 60 seconds, and joins the connection to a new
-    /// channel in the loop. Returns 0, or 1 if the channel is to be refused.
+    /// Connects to a remote forwarding's target within 60 seconds and joins it to a new channel. Returns 0,
+    /// or 1 for a refusal; a connection not writable within 60 ms stays in the channel table all the same.
     int OpenForwardedTcpChannel(PacketOpenTcpChannel const& request);
 
     /// Swaps the class of a live channel; see SshChannelMgr::ReplaceChannel.

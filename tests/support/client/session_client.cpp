@@ -124,11 +124,22 @@ std::unique_ptr<servers::ChildProcess> SessionClient::StartOnTerminal(std::strin
         servers::Command{arguments, _environment, path, path, path});
 }
 
-Report SessionClient::ReportOf(servers::ChildProcess& process) const {
+std::unique_ptr<servers::ChildProcess> SessionClient::StartForwarding() const {
+    return std::make_unique<servers::ChildProcess>(
+        servers::Command{Arguments("forward"), _environment, {}, {}, File("errors")});
+}
+
+Report SessionClient::ReportSoFar() const {
     Report report;
-    report.status = process.Wait();
-    report.steps = ReadSteps(servers::ReadFile(File("report")));
+    if (std::filesystem::exists(File("report"))) report.steps = ReadSteps(servers::ReadFile(File("report")));
     if (std::filesystem::exists(File("errors"))) report.errors = servers::ReadFile(File("errors"));
+    return report;
+}
+
+Report SessionClient::ReportOf(servers::ChildProcess& process) const {
+    int const status = process.Wait();
+    Report report = ReportSoFar();
+    report.status = status;
     return report;
 }
 

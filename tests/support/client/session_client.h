@@ -55,6 +55,10 @@ public:
     /// Forwarding X11 to that display.
     SessionClient& WithDisplay(std::string const& display) { return Set("display", display); }
 
+    /// With forwardings, as ParseFwdSpec reads them. A local one that listens on port 0 picks a port.
+    SessionClient& WithLocalForwarding(std::string const& spec) { return Set("local", spec); }
+    SessionClient& WithRemoteForwarding(std::string const& spec) { return Set("remote", spec); }
+
     /// With "NAME=VALUE" in its environment.
     SessionClient& WithVariable(std::string const& variable);
 
@@ -70,6 +74,10 @@ public:
     /// Starts a shell (or, for "login", a login alone) with that terminal for its three descriptors.
     std::unique_ptr<servers::ChildProcess> StartOnTerminal(std::string const& action,
                                                            Terminal const& terminal) const;
+    /// Starts a session that only forwards, until SIGTERM.
+    std::unique_ptr<servers::ChildProcess> StartForwarding() const;
+    /// What a session came to so far.
+    Report ReportSoFar() const;
     /// What a session that was started came to, when it has ended.
     Report ReportOf(servers::ChildProcess& process) const;
 

@@ -9,14 +9,20 @@
 //     ask=yes                                   asks for passwords on the terminal
 //     surplus=N                                 packets to read between the login and the channel
 //     display=TEXT                              X11 is forwarded to it
-//     action=login|open|command|shell           how far to go
+//     local=SPEC remote=SPEC                    forwardings, of which a local one may listen on port 0
+//     action=login|open|command|shell|forward   how far to go; "forward" goes on until SIGTERM
 //     command=TEXT
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <string>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
 
 #include <brantle/brantle.h>
 
@@ -87,11 +93,70 @@ std::unique_ptr<cindral::EnterPassword> NewEnterPassword(Options& options) {
     return std::make_unique<NobodyThere>(tries, String_t());
 }
 
-std::unique_ptr<cindral::SshSession> NewSession(Options& options) {
+/// A session for nothing but forwardings: its channel has no command, and its Run ends with SIGTERM.
+class Forwarder : public cindral::SshSession {
+public:
+    Forwarder(unsigned short port, String_t const& host, Options& options, Report& report)
+        : SshSession(CLIENT, port, host), _options(options), _report(report) {}
+
+    int Run() override {
+        if (!_options["remote"].empty()) _report("remote", StartRemoteForwarding(Text(_options, "remote")));
+        int const opened = Open();
+        _report("open", opened);
+        if (opened != 0) return opened;
+        InitDispatcher();
+        _mux.Unregister(STDIN_FILENO);
+        if (pipe(_signals) != 0) std::abort();
+        _mux.Register(_signals[0], Ender(*this));
+        std::signal(SIGTERM, [](int) {
+            if (write(_signals[1], "", 1) != 1) std::abort();
+        });
+        if (!_options["local"].empty()) _report("local", StartLocalForwarding(Text(_options, "local")));
+        if (LocalForwarding const* forwarding = _localForwardings.Find(0)) {
+            sockaddr_in address{};
+            socklen_t size = sizeof address;
+            getsockname(forwarding->_server->Fd(), reinterpret_cast<sockaddr*>(&address), &size);
+            _report("listening-port", ntohs(address.sin_port));
+        }
+        _report("started", "yes");
+        int const result = SshSession::Run();
+        _report("channels-left", ChannelsLeft());
+        return result;
+    }
+
+private:
+    class Ender : public IOMultiplexerDispatcher {
+    public:
+        explicit Ender(Forwarder& session) : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session) {}
+        Ender* Clone() const override { return new Ender(*this); }
+        int Dispatch(int) override {
+            _session.Terminate();
+            return 0;
+        }
+
+    private:
+        Forwarder& _session;
+    };
+
+    /// How many channels there are beside that of the session.
+    int ChannelsLeft() const {
+        int left = 0;
+        for (unsigned int id = 1; id < _channels.NextId(); ++id)
+            if (_channels.Find(static_cast<int>(id))) ++left;
+        return left;
+    }
+
+    Options& _options;
+    Report& _report;
+    static inline int _signals[2];
+};
+
+std::unique_ptr<cindral::SshSession> NewSession(Options& options, Report& report) {
     auto const port = static_cast<unsigned short>(Number(options, "port"));
     String_t const host("127.0.0.1");
     if (options["action"] == "command")
         return std::make_unique<cindral::SshCmdSession>(port, host, Text(options, "command"));
+    if (options["action"] == "forward") return std::make_unique<Forwarder>(port, host, options, report);
     if (options["action"] == "shell") return std::make_unique<cindral::SshInteractiveSession>(port, host);
     return std::make_unique<cindral::SshSession>(cindral::SshSession::CLIENT, port, host);
 }
@@ -155,7 +220,7 @@ int main(int, char** arguments) {
     Options options = ReadOptions(arguments + 1);
     Report report(options["report"]);
     try {
-        std::unique_ptr<cindral::SshSession> const session = NewSession(options);
+        std::unique_ptr<cindral::SshSession> const session = NewSession(options, report);
         Use(*session, options, report);
     } catch (Except const& failure) {
         report("thrown", Kind(failure) + ": " + failure.what());

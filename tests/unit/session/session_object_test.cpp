@@ -42,17 +42,20 @@ public:
     using SshSession::_kexFuncs;
     using SshSession::_kexType;
     using SshSession::_keyNeed;
+    using SshSession::_localForwardings;
     using SshSession::_macNames;
     using SshSession::_macs;
     using SshSession::_mode;
     using SshSession::_mux;
     using SshSession::_out;
     using SshSession::_remoteChannel;
+    using SshSession::_remoteForwardings;
     using SshSession::_serverVersion;
     using SshSession::_sessionId;
     using SshSession::_socket;
     using SshSession::_task;
     using SshSession::_windowSize;
+    using SshSession::_x11;
     using SshSession::KexGex;
     using SshSession::KexGroup1;
     using SshSession::KexGroup14;
@@ -174,6 +177,9 @@ TEST(SessionConstruction, FieldsHaveTheirInitialValues) {
     EXPECT_FALSE(session.IsAuthenticated());
     EXPECT_EQ(session._remoteChannel, 0u);
     EXPECT_EQ(session._windowSize, 0u);
+    EXPECT_EQ(session._remoteForwardings.Root(), nullptr);
+    EXPECT_EQ(session._localForwardings.Root(), nullptr);
+    EXPECT_EQ(session._x11.Get(), nullptr);
 }
 
 TEST(SessionConstruction, ModeChoosesTheSlotOfEachDirection) {
@@ -231,6 +237,9 @@ TEST(SessionDestruction, MembersStandInTheOrderThatDestructionReverses) {
                                           Place(&s._windowSize),
                                           Place(&s._handlers),
                                           Place(&s._channels),
+                                          Place(&s._remoteForwardings),
+                                          Place(&s._localForwardings),
+                                          Place(&s._x11),
                                           Place(&s._mux),
                                           Place(&s._task)};
     for (std::size_t i = 1; i < places.size(); ++i) EXPECT_LT(places[i - 1], places[i]) << "member " << i;
