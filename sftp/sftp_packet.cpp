@@ -10,14 +10,14 @@ constexpr unsigned int INITIAL_CAPACITY = 256;
 
 } // namespace
 
-SftpPacket::EncoderStream::EncoderStream()
-    : OStringBuffer(INITIAL_CAPACITY), OSockStreamAdapter(static_cast<OStringBuffer&>(*this)) {}
+SftpPacket::EncoderStream::EncoderStream(unsigned int bulk)
+    : OStringBuffer(INITIAL_CAPACITY + bulk), OSockStreamAdapter(static_cast<OStringBuffer&>(*this)) {}
 
 SftpPacket::EncoderStream::~EncoderStream() = default;
 
 ByteString SftpPacket::EncoderStream::Bytes() {
     Flush();
-    return ByteString(Str(), Len());
+    return Release();
 }
 
 SftpPacket::DecoderStream::DecoderStream(ByteString const& payload)

@@ -4,6 +4,7 @@
 #include <brantle/cindral/sock_stream_adapter.h>
 #include <brantle/cindral/string_buffer.h>
 #include <brantle/export.h>
+#include <brantle/sftp/sftp_block.h>
 #include <brantle/sftp/sftp_string.h>
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/string_t.h>
@@ -51,10 +52,11 @@ public:
     /// Writes a payload into memory.
     class BRANTLE_API EncoderStream : private OStringBuffer, public OSockStreamAdapter {
     public:
-        EncoderStream();
+        /// With room for `bulk` bytes besides what most messages take.
+        explicit EncoderStream(unsigned int bulk = 0);
         ~EncoderStream() override;
 
-        /// Flushes, and returns a copy of all that has been written.
+        /// Flushes, and takes out all that has been written.
         ByteString Bytes();
     };
 
@@ -85,7 +87,7 @@ protected:
     template <class... Fields>
     ByteString Encode(Fields const&... fields) {
         if (_payload.Length() > 0) return _payload;
-        EncoderStream out;
+        EncoderStream out((0u + ... + Bulk(fields)));
         BeginEncode(out);
         (Write(out, fields), ...);
         return _payload = out.Bytes();
@@ -107,6 +109,11 @@ private:
     template <class Field>
     static void Write(OSockStream& out, Field const& field) {
         out << field;
+    }
+    static unsigned int Bulk(SftpSource const& source) { return source._length; }
+    template <class Field>
+    static unsigned int Bulk(Field const&) {
+        return 0;
     }
     static void Read(ISockStream& in, String_t& text) { ReadSftpString(in, text); }
     template <class Field>
