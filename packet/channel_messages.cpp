@@ -147,7 +147,7 @@ PacketChannelData::PacketChannelData(unsigned int recipientChannel, ByteString c
     : Packet(SSH_MSG_CHANNEL_DATA), _recipientChannel(recipientChannel), _bytes(bytes) {}
 
 ByteString PacketChannelData::Payload(BlockCipher& cipher) {
-    return Encode(cipher, SMALL + _bytes.Length(), [this](PacketEncoder& out) {
+    return Encode(cipher, SMALL, [this](PacketEncoder& out) {
         out.WriteInt(_recipientChannel);
         out.WriteBytes(_bytes);
     });

@@ -10,8 +10,8 @@ constexpr unsigned int INITIAL_CAPACITY = 256;
 
 } // namespace
 
-SftpPacket::EncoderStream::EncoderStream(unsigned int bulk)
-    : OStringBuffer(INITIAL_CAPACITY + bulk), OSockStreamAdapter(static_cast<OStringBuffer&>(*this)) {}
+SftpPacket::EncoderStream::EncoderStream()
+    : OStringBuffer(INITIAL_CAPACITY), OSockStreamAdapter(static_cast<OStringBuffer&>(*this)) {}
 
 SftpPacket::EncoderStream::~EncoderStream() = default;
 

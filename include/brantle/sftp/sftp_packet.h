@@ -4,7 +4,6 @@
 #include <brantle/cindral/sock_stream_adapter.h>
 #include <brantle/cindral/string_buffer.h>
 #include <brantle/export.h>
-#include <brantle/sftp/sftp_block.h>
 #include <brantle/sftp/sftp_string.h>
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/string_t.h>
@@ -52,8 +51,7 @@ public:
     /// Writes a payload into memory.
     class BRANTLE_API EncoderStream : private OStringBuffer, public OSockStreamAdapter {
     public:
-        /// With room for `bulk` bytes besides what most messages take.
-        explicit EncoderStream(unsigned int bulk = 0);
+        EncoderStream();
         ~EncoderStream() override;
 
         /// Flushes, and takes out all that has been written.
@@ -87,7 +85,7 @@ protected:
     template <class... Fields>
     ByteString Encode(Fields const&... fields) {
         if (_payload.Length() > 0) return _payload;
-        EncoderStream out((0u + ... + Bulk(fields)));
+        EncoderStream out;
         BeginEncode(out);
         (Write(out, fields), ...);
         return _payload = out.Bytes();
@@ -109,11 +107,6 @@ private:
     template <class Field>
     static void Write(OSockStream& out, Field const& field) {
         out << field;
-    }
-    static unsigned int Bulk(SftpSource const& source) { return source._length; }
-    template <class Field>
-    static unsigned int Bulk(Field const&) {
-        return 0;
     }
     static void Read(ISockStream& in, String_t& text) { ReadSftpString(in, text); }
     template <class Field>
