@@ -228,6 +228,52 @@ int ScpGet(Target const& target, Report& report, char** arguments) {
     return 0;
 }
 
+int ScpPut(Target const& target, Report& report, char** arguments) {
+    ScpSession session(target._port, String_t(target._host));
+    LogIn(session, target);
+    ReadSurplus(session);
+    Pathname const local(arguments[0]);
+    Usage const start = Usage::Current();
+    if (session.StartSend(String_t(arguments[1])) != 0) Die("scp did not start");
+    if (session.SendFile(local.Dir(), local.Leaf(nullptr)) != 0) Die("scp failed");
+    session.TerminateSend();
+    report.Print(start, Usage::Current(), SizeOf(arguments[0]), 0);
+    return 0;
+}
+
+class BenchSftpSession : public SftpClientSession {
+public:
+    explicit BenchSftpSession(Target const& target)
+        : SftpClientSession(target._port, String_t(target._host)) {
+        LogIn(*this, target);
+        ReadSurplus(*this);
+        if (Start() != 0) Die("sftp did not start");
+    }
+};
+
+void Expect(int result, SftpStatus const& status) {
+    if (result == 0) return;
+    Die("sftp failed: " + std::to_string(result) + " " + str_text(status._message.Text()));
+}
+
+int SftpGet(Target const& target, Report& report, char** arguments) {
+    BenchSftpSession session(target);
+    SftpStatus status;
+    Usage const start = Usage::Current();
+    Expect(session.Receive(status, String_t(arguments[0]), String_t(arguments[1])), status);
+    report.Print(start, Usage::Current(), SizeOf(arguments[0]), 0);
+    return 0;
+}
+
+int SftpPut(Target const& target, Report& report, char** arguments) {
+    BenchSftpSession session(target);
+    SftpStatus status;
+    Usage const start = Usage::Current();
+    Expect(session.Send(status, String_t(arguments[0]), String_t(arguments[1])), status);
+    report.Print(start, Usage::Current(), SizeOf(arguments[0]), 0);
+    return 0;
+}
+
 int Hold(Target const& target, Report&, char**) {
     BenchSession session(target);
     std::printf("READY\n");
@@ -265,6 +311,11 @@ std::map<std::string, Job> const jobs = {
     {"exec-source", {2, ExecSource}},
     {"exec-sink", {1, ExecSink}},
     {"scp-get", {2, ScpGet}},
+    {"scp-put", {2, ScpPut}},
+    {"sftp-get", {2, SftpGet}}, // one request at a time is all there is
+    {"sftp-get-sync", {2, SftpGet}},
+    {"sftp-put", {2, SftpPut}},
+    {"sftp-put-sync", {2, SftpPut}},
     {"fwd", {3, Forward}},
     {"hold", {0, Hold}},
 };

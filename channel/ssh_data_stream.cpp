@@ -1,13 +1,11 @@
 #include <brantle/channel/ssh_data_stream.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstddef>
 #include <cstring>
 
 #include <brantle/channel/window_adjust.h>
 #include <brantle/packet/channel_messages.h>
-#include <brantle/packet/packet_decoder.h>
 #include <brantle/thornel/except.h>
 
 namespace cindral {
@@ -25,12 +23,17 @@ OSshDataStream::~OSshDataStream() {
     }
 }
 
-int OSshDataStream::Flush() {
+int OSshDataStream::Flush() { return SendBuffered(false); }
+
+int OSshDataStream::MakeRoom() { return SendBuffered(true); }
+
+int OSshDataStream::SendBuffered(bool more) {
     auto const n = static_cast<unsigned int>(_pos - _start);
     if (n == 0) return 0;
     PacketChannelData packet(_remoteChannel, _start, n);
-    _out.WritePacket(packet);
-    CheckForWindowAdjust();
+    bool const adjusts = IsWindowAdjustDue(_out._byteCount + _out.SizeOf(packet), _windowSize);
+    _out.WritePacket(packet, more || adjusts);
+    cindral::CheckForWindowAdjust(_out._byteCount, _windowSize, _remoteChannel, _out, more);
     _pos = _start;
     return static_cast<int>(n);
 }
@@ -62,7 +65,8 @@ int ISshDataStream::Fetch(char* begin, char* end) {
 
 /// Reads packets until there is data. Returns whether there is.
 bool ISshDataStream::Receive() {
-    while (_pending.Length() == 0) {
+    while (_pending._length == 0) {
+        if (_out._socketBuffer.HoldsBack() && !_in.HasInput()) _out._socketBuffer.Flush();
         ByteString const packet = _in.ReadPacket();
         if (packet.Length() == 0) return false;
         CheckForWindowAdjust();
@@ -70,21 +74,25 @@ bool ISshDataStream::Receive() {
         if (number == Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST || number == Packet::SSH_MSG_CHANNEL_REQUEST)
             continue;
         PacketDecoder decoder(packet);
-        _pending = PacketChannelData(decoder)._bytes;
+        PacketDecoder::Slice data;
+        PacketChannelData(decoder, data);
+        _packet = packet;
+        _pending = data;
     }
     return true;
 }
 
 unsigned int ISshDataStream::TakePending(char* to, unsigned int room) {
-    unsigned int const n = std::min(room, _pending.Length());
+    unsigned int const n = std::min(room, _pending._length);
     // A call into the C library, where a memcpy built for size becomes a copy byte by byte.
-    std::memmove(to, _pending.Data(), n);
-    _pending = _pending.SubStr(n, UINT_MAX);
+    std::memmove(to, _packet.Data() + _pending._start, n);
+    _pending._start += n;
+    _pending._length -= n;
     return n;
 }
 
 void ISshDataStream::CheckForWindowAdjust() {
-    cindral::CheckForWindowAdjust(_in._byteCount, _windowSize, _remoteChannel, _out);
+    cindral::CheckForWindowAdjust(_in._byteCount, _windowSize, _remoteChannel, _out, true);
 }
 
 } // namespace cindral

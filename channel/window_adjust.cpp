@@ -4,11 +4,15 @@
 
 namespace cindral {
 
+bool IsWindowAdjustDue(unsigned int byteCount, unsigned int windowSize) {
+    return windowSize - byteCount < windowSize / 3;
+}
+
 void CheckForWindowAdjust(unsigned int& byteCount, unsigned int windowSize, unsigned int remoteId,
-                          OSshPacketStream& out) {
-    if (windowSize - byteCount >= windowSize / 3) return;
+                          OSshPacketStream& out, bool more) {
+    if (!IsWindowAdjustDue(byteCount, windowSize)) return;
     PacketChannelWindowAdjust adjust(remoteId, byteCount);
-    out.WritePacket(adjust);
+    out.WritePacket(adjust, more);
     byteCount = 0;
 }
 

@@ -5,6 +5,12 @@
 
 namespace cindral {
 
+namespace {
+
+constexpr char const* WRONG_TYPE_OF_DATA = "expected CHANNEL_DATA package, received";
+
+} // namespace
+
 PacketOpenSessionChannel::PacketOpenSessionChannel(unsigned int senderChannel, unsigned int windowSize,
                                                    unsigned int maxPacketSize)
     : Packet(SSH_MSG_CHANNEL_OPEN), _channelType("session"), _senderChannel(senderChannel),
@@ -148,9 +154,17 @@ ByteString PacketChannelData::Payload(BlockCipher& cipher) {
 }
 
 PacketChannelData::PacketChannelData(PacketDecoder& decoder) : Packet(SSH_MSG_CHANNEL_DATA, decoder._data) {
-    Decode(decoder, "expected CHANNEL_DATA package, received", [this](PacketDecoder& in) {
+    Decode(decoder, WRONG_TYPE_OF_DATA, [this](PacketDecoder& in) {
         _recipientChannel = in.ReadInt();
         _bytes = in.ReadBytes();
+    });
+}
+
+PacketChannelData::PacketChannelData(PacketDecoder& decoder, PacketDecoder::Slice& bytes)
+    : Packet(SSH_MSG_CHANNEL_DATA) {
+    Decode(decoder, WRONG_TYPE_OF_DATA, [&](PacketDecoder& in) {
+        _recipientChannel = in.ReadInt();
+        bytes = in.ReadSlice();
     });
 }
 

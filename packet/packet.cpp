@@ -80,7 +80,7 @@ ByteString Packet::EncodeOnce(BlockCipher& cipher, unsigned int capacity, void c
     encoder.WriteTypeCode(_type);
     write(writer, encoder);
     _padLen = encoder.PadLen(cipher._rep->BlockSize());
-    _payload = ByteString(encoder.Str(), encoder._count);
+    _payload = encoder.Release();
     return _payload;
 }
 

@@ -63,6 +63,14 @@ ByteString PacketDecoder::ReadBytes(unsigned int length) {
     return bytes;
 }
 
+PacketDecoder::Slice PacketDecoder::ReadSlice() {
+    unsigned int const length = ReadLength();
+    unsigned int present = length;
+    char const* const bytes = _buffer.Skip(present);
+    if (present < length) throw BadInput("premature end of packet");
+    return {static_cast<unsigned int>(bytes - Chars(_data)), length};
+}
+
 BigNum PacketDecoder::ReadBignum() {
     BigNum number;
     BigNum::Read(_stream, number._bn);

@@ -23,7 +23,12 @@ OSshPacketStream::OSshPacketStream(BlockCipher& cipher, Mac& mac)
     _socketBuffer._timeout = TIME_LIMIT;
 }
 
-void OSshPacketStream::WritePacket(Packet& packet) {
+unsigned int OSshPacketStream::SizeOf(Packet& packet) {
+    unsigned int const payload = packet.Payload(_sshBuffer._cipher).Length();
+    return LENGTH_FIELD + 1 + payload + static_cast<unsigned char>(packet._padLen);
+}
+
+void OSshPacketStream::WritePacket(Packet& packet, bool more) {
     _sshBuffer.StartPacket();
     ByteString const payload = packet.Payload(_sshBuffer._cipher);
     auto const padding = static_cast<unsigned char>(packet._padLen);
@@ -33,7 +38,7 @@ void OSshPacketStream::WritePacket(Packet& packet) {
     WritePadChars(padding);
     _adapter.Flush();
     if (_sshBuffer.FinalizePacket() < 0) return;
-    static_cast<OSockStream&>(_socketBuffer).Flush();
+    more ? _socketBuffer.FlushAhead() : _socketBuffer.Flush();
     _byteCount += length + LENGTH_FIELD;
 }
 

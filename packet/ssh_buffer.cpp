@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include <brantle/cindral/exceptions.h>
@@ -72,20 +73,49 @@ void ISshBuffer::StartPacket(unsigned int bytes) {
 void ISshBuffer::ContinuePacket(unsigned int bytes) { _remaining = bytes; }
 
 int ISshBuffer::Fill() {
+    int const produced = Receive(_cryptBuffer, SSH_PLAIN_SIZE, Bytes(_start));
+    if (produced < 1) return produced;
+    _pos = _start;
+    _end = _start + produced;
+    return produced;
+}
+
+int ISshBuffer::get(char* begin, char* end) {
+    char* next = begin + TakeBuffered(begin, end);
+    if (end - next >= static_cast<std::ptrdiff_t>(SSH_PLAIN_SIZE)) {
+        int const produced = Receive(Bytes(next), static_cast<unsigned int>(end - next), Bytes(next));
+        if (produced < 1) return next == begin ? produced : static_cast<int>(next - begin);
+        next += produced;
+    }
+    int const rest = next < end ? CascadableIStreamBuffer::get(next, end) : 0;
+    return next == begin ? rest : static_cast<int>(next - begin) + std::max(rest, 0);
+}
+
+/// Takes up to `room` bytes of the packet from the layer below into `raw` and decrypts them into `plain`,
+/// which may be the same array.
+int ISshBuffer::Receive(unsigned char* raw, unsigned int room, unsigned char* plain) {
     if (_eof || _remaining == 0) return 0;
-    unsigned int const wanted = std::min(_remaining, SSH_PLAIN_SIZE);
-    int const taken = _next->get(Chars(_cryptBuffer), Chars(_cryptBuffer) + wanted);
+    int const taken = _next->get(Chars(raw), Chars(raw) + std::min(_remaining, room));
     if (taken < 0) return taken;
     if (taken == 0) {
         _eof = 1;
         return 0;
     }
     _remaining -= static_cast<unsigned int>(taken);
-    int const produced = _cipher._rep->Process(_cryptBuffer, static_cast<unsigned int>(taken), Bytes(_start));
-    if (produced < 0) return produced;
-    if (_mac._rep) _mac._rep->Update(Bytes(_start), static_cast<unsigned int>(produced));
-    _pos = _start;
-    _end = _start + produced;
+    int total = 0;
+    // Piece by piece, each of which the MAC still finds in the processor's cache.
+    for (int done = 0, piece; done < taken; done += piece) {
+        piece = std::min(taken - done, static_cast<int>(SSH_PLAIN_SIZE));
+        int const produced = Decrypt(raw + done, static_cast<unsigned int>(piece), plain + total);
+        if (produced < 0) return total > 0 ? total : produced;
+        total += produced;
+    }
+    return total;
+}
+
+int ISshBuffer::Decrypt(unsigned char const* raw, unsigned int length, unsigned char* plain) {
+    int const produced = _cipher._rep->Process(raw, length, plain);
+    if (produced > 0 && _mac._rep) _mac._rep->Update(plain, static_cast<unsigned int>(produced));
     return produced;
 }
 

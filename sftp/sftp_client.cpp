@@ -1,7 +1,6 @@
 #include <brantle/sftp/sftp_client.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include <brantle/cindral/exceptions.h>
 #include <brantle/sftp/sftp_replies.h>
@@ -95,19 +94,19 @@ int SftpClient::Read(SftpStatus& status, SftpFileHandle const& handle, long long
         status._code = SftpStatus::FX_OK;
         return 0;
     }
-    ByteString const data = SftpPacketData(reply)._data;
-    if (data.Length() > length) {
+    SftpTarget data{buffer, length};
+    SftpPacketData(reply, data);
+    if (data._length > length) {
         status._code = SftpStatus::FX_BAD_MESSAGE;
         return BAD_MESSAGE;
     }
-    if (data.Length() > 0) std::memcpy(buffer, data.Data(), data.Length());
-    return static_cast<int>(data.Length());
+    return static_cast<int>(data._length);
 }
 
 int SftpClient::Write(SftpStatus& status, SftpFileHandle const& handle, long long offset, char const* data,
                       unsigned int length) {
     length = std::min(length, MAX_WRITE);
-    SftpPacketWrite request(_nextId++, handle, offset, ByteString(data, length));
+    SftpPacketWrite request(_nextId++, handle, offset, SftpSource{data, length});
     int const result = ExchangeForStatus(status, request);
     return result != 0 ? result : static_cast<int>(length);
 }

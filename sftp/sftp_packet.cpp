@@ -17,7 +17,7 @@ SftpPacket::EncoderStream::~EncoderStream() = default;
 
 ByteString SftpPacket::EncoderStream::Bytes() {
     Flush();
-    return ByteString(Str(), Len());
+    return Release();
 }
 
 SftpPacket::DecoderStream::DecoderStream(ByteString const& payload)

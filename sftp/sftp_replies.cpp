@@ -4,6 +4,9 @@ namespace cindral {
 
 namespace {
 
+constexpr char const* WRONG_TYPE_OF_DATA = "expected FXP_DATA package, received";
+constexpr char const* TOO_SHORT = "input too short";
+
 struct CountedNames {
     unsigned int& _count;
     TOList<SftpName>& _names;
@@ -27,7 +30,7 @@ SftpPacketVersion::SftpPacketVersion(unsigned int version) : SftpPacket(FXP_VERS
 ByteString SftpPacketVersion::Payload() { return Encode(_version); }
 
 SftpPacketVersion::SftpPacketVersion(ByteString const& payload) : SftpPacket(FXP_VERSION, payload) {
-    Decode("expected FXP_VERSION package, received", "input too short", _version);
+    Decode("expected FXP_VERSION package, received", TOO_SHORT, _version);
 }
 
 SftpPacketStatus::SftpPacketStatus(unsigned int id, unsigned int code, String_t const& message,
@@ -56,7 +59,11 @@ SftpPacketData::SftpPacketData(unsigned int id, ByteString const& data)
 ByteString SftpPacketData::Payload() { return Encode(_data); }
 
 SftpPacketData::SftpPacketData(ByteString const& payload) : SftpPacket(FXP_DATA, payload) {
-    Decode("expected FXP_DATA package, received", "input too short", _data);
+    Decode(WRONG_TYPE_OF_DATA, TOO_SHORT, _data);
+}
+
+SftpPacketData::SftpPacketData(ByteString const& payload, SftpTarget& data) : SftpPacket(FXP_DATA, payload) {
+    Decode(WRONG_TYPE_OF_DATA, TOO_SHORT, data);
 }
 
 SftpPacketName::SftpPacketName(unsigned int id, TOList<SftpName>& names)
@@ -67,7 +74,7 @@ ByteString SftpPacketName::Payload() { return Encode(_count, _names); }
 SftpPacketName::SftpPacketName(ByteString const& payload, TOList<SftpName>& names)
     : SftpPacket(FXP_NAME, payload), _names(names) {
     CountedNames received{_count, _names};
-    Decode("expected FXP_NAME package, received", "input too short", received);
+    Decode("expected FXP_NAME package, received", TOO_SHORT, received);
 }
 
 SftpPacketAttrs::SftpPacketAttrs(unsigned int id, SftpFileAttr& attrs)
@@ -77,7 +84,7 @@ ByteString SftpPacketAttrs::Payload() { return Encode(_attrs); }
 
 SftpPacketAttrs::SftpPacketAttrs(ByteString const& payload, SftpFileAttr& attrs)
     : SftpPacket(FXP_ATTRS, payload), _attrs(attrs) {
-    Decode("expected FXP_ATTRS package, received", "input too short", _attrs);
+    Decode("expected FXP_ATTRS package, received", TOO_SHORT, _attrs);
 }
 
 } // namespace cindral

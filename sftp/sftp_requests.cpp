@@ -47,7 +47,14 @@ SftpPacketWrite::SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, 
                                  ByteString const& data)
     : SftpPacket(FXP_WRITE, id), _handle(handle), _offset(offset), _data(data) {}
 
-ByteString SftpPacketWrite::Payload() { return Encode(_handle, _offset, _data); }
+SftpPacketWrite::SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset,
+                                 SftpSource const& data)
+    : SftpPacket(FXP_WRITE, id), _handle(handle), _offset(offset), _source(data) {}
+
+ByteString SftpPacketWrite::Payload() {
+    SftpSource const kept{reinterpret_cast<char const*>(_data.Data()), _data.Length()};
+    return Encode(_handle, _offset, _source._data ? _source : kept);
+}
 
 SftpPacketWrite::SftpPacketWrite(ByteString const& payload) : SftpPacket(FXP_WRITE, payload) {
     Decode("expected FXP_WRITE package, received", "invalid write packet data", _handle, _offset, _data);

@@ -1,5 +1,8 @@
 #include <brantle/cindral/socket_buffer.h>
 
+#include <algorithm>
+#include <cstddef>
+
 #include "window.h"
 
 namespace cindral {
@@ -11,10 +14,15 @@ ISocketBuffer::~ISocketBuffer() = default;
 int ISocketBuffer::getchr(char& byte) { return Get(byte); }
 
 int ISocketBuffer::get(char* begin, char* end) {
-    return TakeRange(*this, begin, end, [this] { return Refill(); });
+    char* next = begin + TakeBuffered(begin, end);
+    // A range larger than the window is received where it belongs.
+    for (int n; end - next > static_cast<std::ptrdiff_t>(_capacity); next += n)
+        if ((n = ReceivePast(next, end)) < 1) return next == begin ? n : static_cast<int>(next - begin);
+    int const rest = next < end ? TakeRange(*this, next, end, [this] { return Refill(); }) : 0;
+    return next == begin ? rest : static_cast<int>(next - begin) + std::max(rest, 0);
 }
 
-OSocketBuffer::OSocketBuffer() = default;
+OSocketBuffer::OSocketBuffer() : OSockStream(-1, BUFFER_SIZE + TRAILER_SIZE) {}
 
 OSocketBuffer::~OSocketBuffer() = default;
 
@@ -22,7 +30,7 @@ int OSocketBuffer::putchr(char byte) { return Put(byte); }
 
 int OSocketBuffer::put(char const* begin, char const* end) {
     char const* from = begin;
-    if (_pos == _start && static_cast<std::size_t>(end - begin) >= _capacity) {
+    if (_pos == _start && end - begin >= static_cast<std::ptrdiff_t>(BUFFER_SIZE)) {
         if (Send(from, end) < 0) return -1;
     }
     return PutRange(from, end) < 0 ? -1 : static_cast<int>(end - begin);

@@ -10,13 +10,13 @@ namespace cindral {
 OStringBuffer::OStringBuffer() : OStringBuffer(0) {}
 
 OStringBuffer::OStringBuffer(unsigned int capacity)
-    : _data(capacity ? new char[capacity] : nullptr), _length(0), _capacity(capacity) {}
+    : _data(capacity ? new unsigned char[capacity] : nullptr), _length(0), _capacity(capacity) {}
 
 OStringBuffer::~OStringBuffer() { delete[] _data; }
 
 int OStringBuffer::putchr(char byte) {
     if (_length == _capacity) Reserve(1);
-    _data[_length++] = byte;
+    _data[_length++] = static_cast<unsigned char>(byte);
     return 0;
 }
 
@@ -24,17 +24,26 @@ int OStringBuffer::put(char const* begin, char const* end) {
     auto count = static_cast<std::size_t>(end - begin);
     if (count == 0) return 0;
     if (count > _capacity - _length) Reserve(count);
-    std::copy_n(begin, count, _data + _length);
+    std::memmove(_data + _length, begin, count);
     _length += count;
     return static_cast<int>(count);
 }
 
-char const* OStringBuffer::Str() const { return _data ? _data : ""; }
+char const* OStringBuffer::Str() const { return _data ? reinterpret_cast<char const*>(_data) : ""; }
+
+ByteString OStringBuffer::Release() {
+    ByteString bytes;
+    bytes._rep->_data = _data;
+    bytes._rep->_length = Len();
+    _data = nullptr;
+    _length = _capacity = 0;
+    return bytes;
+}
 
 void OStringBuffer::Reserve(std::size_t room) {
     if (room > UINT_MAX - _length) throw std::bad_alloc();
     std::size_t capacity = std::max<std::size_t>({_length + room, _capacity * 2, 64});
-    char* grown = new char[capacity];
+    auto* grown = new unsigned char[capacity];
     std::copy_n(_data, _length, grown);
     delete[] _data;
     _data = grown;
@@ -57,6 +66,13 @@ int IStringBuffer::getchr(char& byte) {
     if (_pos == _end) return 0;
     byte = *_pos++;
     return 1;
+}
+
+char const* IStringBuffer::Skip(unsigned int& size) {
+    char const* const skipped = _pos;
+    size = static_cast<unsigned int>(std::min<std::ptrdiff_t>(size, _end - _pos));
+    _pos += size;
+    return skipped;
 }
 
 int IStringBuffer::get(char* begin, char* end) {

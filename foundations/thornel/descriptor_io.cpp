@@ -1,6 +1,8 @@
 #include <brantle/thornel/descriptor_io.h>
 
 #include <limits.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -60,6 +62,7 @@ DescriptorIO::Calls& DescriptorIO::SystemCalls() {
 void DescriptorIO::Set(int fd) {
     _fd = fd;
     _kind = OTHER;
+    _drained = false;
     struct stat status;
     if (fd < 0 || fstat(fd, &status) < 0) return;
     if (S_ISSOCK(status.st_mode)) _kind = SOCKET;
@@ -81,13 +84,24 @@ int DescriptorIO::ReadThrough(char* to, std::size_t size, char last, unsigned in
     return Read(to, wanted, limit);
 }
 
-int DescriptorIO::Write(char const*& from, char const* end, unsigned int limit) const {
+int DescriptorIO::Write(char const*& from, char const* end, unsigned int limit, bool more) const {
+    int const flags = (limit ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL) | (more ? MSG_MORE : 0);
     while (from != end) {
-        ssize_t written = WriteOnce(from, static_cast<std::size_t>(end - from), limit);
+        ssize_t written = WriteOnce(from, static_cast<std::size_t>(end - from), limit, flags);
         if (written < 0) return -1;
         from += written;
     }
     return 0;
+}
+
+void DescriptorIO::Push() const {
+    int const uncorked = 0;
+    if (_kind == SOCKET) setsockopt(_fd, IPPROTO_TCP, TCP_CORK, &uncorked, sizeof uncorked);
+}
+
+bool DescriptorIO::HasInput() const {
+    pollfd input{_fd, POLLIN, 0};
+    return SystemCalls().poll(&input, 1, 0) > 0;
 }
 
 ssize_t DescriptorIO::ReadOnce(char* to, std::size_t size, int flags, unsigned int limit) const {
@@ -95,18 +109,21 @@ ssize_t DescriptorIO::ReadOnce(char* to, std::size_t size, int flags, unsigned i
         errno = EBADF;
         return -1;
     }
-    if (limit && _kind != SOCKET && Wait(POLLIN, limit) < 0) return -1;
+    if (limit && (_kind != SOCKET || _drained) && Wait(POLLIN, limit) < 0) return -1;
     for (;;) {
         ssize_t count = _kind == SOCKET
                             ? SystemCalls().recv(_fd, to, size, limit ? flags | MSG_DONTWAIT : flags)
                             : SystemCalls().read(_fd, to, size);
-        if (count >= 0) return count;
+        if (count >= 0) {
+            _drained = static_cast<std::size_t>(count) < size;
+            return count;
+        }
         if (errno == EINTR) continue;
         if (!WouldBlock() || Wait(POLLIN, limit) < 0) return -1;
     }
 }
 
-ssize_t DescriptorIO::WriteOnce(char const* from, std::size_t size, unsigned int limit) const {
+ssize_t DescriptorIO::WriteOnce(char const* from, std::size_t size, unsigned int limit, int flags) const {
     if (_fd < 0) {
         errno = EBADF;
         return -1;
@@ -118,7 +135,7 @@ ssize_t DescriptorIO::WriteOnce(char const* from, std::size_t size, unsigned int
     for (;;) {
         ssize_t count;
         if (_kind == SOCKET) {
-            count = SystemCalls().send(_fd, from, size, limit ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL);
+            count = SystemCalls().send(_fd, from, size, flags);
         } else if (_kind == PIPE) {
             SigpipeShield shield;
             count = SystemCalls().write(_fd, from, size);

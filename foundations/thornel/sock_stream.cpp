@@ -66,23 +66,43 @@ SockStream::~SockStream() = default;
 
 OSockStream::OSockStream() : OSockStream(-1) {}
 
-OSockStream::OSockStream(int fd) : OutputBuffer(BUFFER_SIZE), _timeout(0), _io(fd), _failure(0) {}
+OSockStream::OSockStream(int fd) : OSockStream(fd, BUFFER_SIZE) {}
+
+OSockStream::OSockStream(int fd, unsigned int size)
+    : OutputBuffer(size), _timeout(0), _io(fd), _failure(0), _holdsBack(false) {}
 
 OSockStream::~OSockStream() = default;
 
-int OSockStream::Flush() {
+int OSockStream::Flush() { return FlushDescriptor(false); }
+
+int OSockStream::MakeRoom() { return Flush(); }
+
+int OSockStream::Put(char const& byte) {
+    int const flushed = _pos >= _end ? MakeRoom() : 0;
+    if (_pos < _end) *_pos++ = byte;
+    return flushed;
+}
+
+int OSockStream::FlushDescriptor(bool more) {
     char const* from = _start;
-    int sent = Send(from, _pos);
+    int sent = Send(from, _pos, more);
     auto gone = from - _start;
     std::copy<char const*>(from, _pos, _start);
     _pos -= gone;
+    if (_holdsBack && !more) {
+        _io.Push();
+        _holdsBack = false;
+    }
     return sent < 0 ? sent : static_cast<int>(gone);
 }
 
-int OSockStream::Send(char const*& from, char const* end) {
+int OSockStream::Send(char const*& from, char const* end, bool more) {
     if (from == end) return 0;
     if (_failure == 0) {
-        if (_io.Write(from, end, _timeout) == 0) return 0;
+        if (_io.Write(from, end, _timeout, more) == 0) {
+            _holdsBack = more;
+            return 0;
+        }
         _failure = errno;
     }
     SetStatus(Status() | FAILED);
@@ -94,13 +114,15 @@ void OSockStream::Bind(int fd) {
     _io.Set(fd);
     _pos = _start;
     _failure = 0;
+    _holdsBack = false;
     SetStatus(0);
 }
 
 void OSockStream::Unbind() { OSockStream::Bind(-1); }
 
 OSockStream& OSockStream::Write(char const* data, int size) {
-    if (size > 0 && PutRange(data, data + size) < 0) SetStatus(Status() | FAILED);
+    if (size > 0 && PutRange(data, data + size, [this] { return MakeRoom(); }) < 0)
+        SetStatus(Status() | FAILED);
     return *this;
 }
 
@@ -136,6 +158,15 @@ int ISockStream::FillLine(char last) {
 int ISockStream::NoteFilled(int count) {
     _pos = _start;
     _end = _start + std::max(count, 0);
+    return NoteFailure(count);
+}
+
+int ISockStream::ReceivePast(char* begin, char* end) {
+    FlushTied();
+    return NoteFailure(_failure ? -1 : _io.Read(begin, static_cast<std::size_t>(end - begin), _timeout));
+}
+
+int ISockStream::NoteFailure(int count) {
     if (count < 0) {
         if (_failure == 0) _failure = errno;
         errno = _failure;

@@ -97,6 +97,7 @@
 #include <brantle/apps/ssh_interactive_session.h>
 
 #include <brantle/sftp/dir_entry.h>
+#include <brantle/sftp/sftp_block.h>
 #include <brantle/sftp/sftp_client.h>
 #include <brantle/sftp/sftp_client_session.h>
 #include <brantle/sftp/sftp_file_attr.h>

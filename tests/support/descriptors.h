@@ -2,14 +2,20 @@
 #define BRANTLE_TESTS_SUPPORT_DESCRIPTORS_H
 
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <brantle/thornel/descriptor_io.h>
 
@@ -21,6 +27,24 @@ public:
     static DescriptorPair Sockets() {
         DescriptorPair pair;
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair._fds) < 0) throw std::runtime_error("socketpair");
+        return pair;
+    }
+    /// A TCP connection on loopback.
+    static DescriptorPair Tcp() {
+        DescriptorPair pair;
+        int const listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto* const name = reinterpret_cast<sockaddr*>(&address);
+        pair._fds[0] = socket(AF_INET, SOCK_STREAM, 0);
+        bool const connected = bind(listener, name, size) == 0 && listen(listener, 1) == 0 &&
+                               getsockname(listener, name, &size) == 0 &&
+                               connect(pair._fds[0], name, size) == 0;
+        if (connected) pair._fds[1] = accept(listener, nullptr, nullptr);
+        close(listener);
+        if (pair._fds[1] < 0) throw std::runtime_error("no TCP connection");
         return pair;
     }
     /// `ours` is the reading end of the pipe when `reading`, else the writing one.
@@ -162,6 +186,48 @@ private:
     static inline int _transfers;
     static inline int _polls;
 };
+
+/// While it lives, notes each send(2) below the streams.
+class SendRecorder {
+public:
+    struct Sent {
+        std::size_t _size;
+        bool _more; ///< handed over as bytes that others follow
+
+        friend bool operator==(Sent const& a, Sent const& b) {
+            return a._size == b._size && a._more == b._more;
+        }
+        friend std::ostream& operator<<(std::ostream& out, Sent const& sent) {
+            return out << sent._size << (sent._more ? " and more" : "");
+        }
+    };
+
+    SendRecorder() : _before(DescriptorIO::SystemCalls().send) {
+        _sent.clear();
+        DescriptorIO::SystemCalls().send = Send;
+    }
+    ~SendRecorder() { DescriptorIO::SystemCalls().send = _before; }
+    SendRecorder(SendRecorder const&) = delete;
+    SendRecorder& operator=(SendRecorder const&) = delete;
+
+    /// What has been sent since the last call.
+    std::vector<Sent> Take() { return std::exchange(_sent, {}); }
+
+private:
+    static ssize_t Send(int fd, void const* from, std::size_t size, int flags) {
+        _sent.push_back({size, (flags & MSG_MORE) != 0});
+        return send(fd, from, size, flags);
+    }
+
+    decltype(DescriptorIO::Calls::send) _before;
+    static inline std::vector<Sent> _sent;
+};
+
+/// Bytes written to a TCP socket that have not been put into a segment yet.
+inline int Unsent(int fd) {
+    int count = -1;
+    return ioctl(fd, SIOCOUTQNSD, &count) < 0 ? -1 : count;
+}
 
 } // namespace support
 

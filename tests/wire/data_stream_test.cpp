@@ -2,6 +2,7 @@
 
 #include <brantle/channel/ssh_data_stream.h>
 
+#include "support/descriptors.h"
 #include "wire/apps_fixture.h"
 
 using namespace peer;
@@ -129,4 +130,34 @@ TEST_F(DataStreams, ResetInAMacsPlaceEndsTheInput) {
                       return session.input.Fill();
                   }),
               "0");
+}
+
+TEST_F(DataStreams, NoRequestWaitsForAnAcknowledgementInEitherDirection) {
+    // 32 KiB each way, so that the windows of both directions are adjusted on the way.
+    constexpr int ROUNDS = 200;
+    std::string const block(32544, 'x');
+    int waited = 0;
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      for (int i = 0; i < ROUNDS; ++i) {
+                          for (std::size_t left = block.size(); left > 0;) {
+                              Bytes const packet = c.ReadPacket();
+                              if (packet.at(0) == CHANNEL_DATA) left -= packet.size() - 9;
+                          }
+                          c.SendData(block);
+                      }
+                  },
+                  [&](StreamSession& session) {
+                      std::string answer(block.size(), '\0');
+                      for (int i = 0; i < ROUNDS; ++i) {
+                          session.output.Write(block.data(), static_cast<int>(block.size()));
+                          session.output.Flush();
+                          if (support::Unsent(session.Fd()) > 0) ++waited;
+                          session.input.Read(answer.data(), static_cast<int>(answer.size()));
+                      }
+                      return static_cast<int>(session.input.Status());
+                  }),
+              "0");
+    // The kernel gives up holding back after 200 ms, in which this process may not have run.
+    EXPECT_LE(waited, 1);
 }

@@ -2,6 +2,7 @@
 #define BRANTLE_CHANNEL_SSH_DATA_STREAM_H
 
 #include <brantle/export.h>
+#include <brantle/packet/packet_decoder.h>
 #include <brantle/packet/packet_stream.h>
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/sock_stream.h>
@@ -40,6 +41,14 @@ public:
     OSshPacketStream& _out;
     unsigned int _remoteChannel;
     unsigned int const& _windowSize;
+
+protected:
+    /// Sends what is buffered in the middle of a request, as packets that more follows: without TCP_NODELAY
+    /// the end of a request would else wait for the acknowledgement of what went before.
+    int MakeRoom() override;
+
+private:
+    int SendBuffered(bool more);
 };
 
 /// Reads the data of the peer's CHANNEL_DATA messages, whatever channel number they carry.
@@ -59,13 +68,15 @@ public:
     /// Returns the number of bytes, 0 if the packet stream has ended within a packet's MAC.
     int Fill() override;
 
-    /// As in OSshDataStream, for the bytes read on the connection.
+    /// As in OSshDataStream, for the bytes read on the connection. The message leaves with the next one, or
+    /// before a read that has to wait.
     void CheckForWindowAdjust();
 
     ISshPacketStream& _in;
     OSshPacketStream& _out;
     unsigned int _remoteChannel;
-    ByteString _pending; ///< rest of the last message
+    ByteString _packet;            ///< the last packet with data
+    PacketDecoder::Slice _pending; ///< what has not been read of its data
     unsigned int const& _windowSize;
 
 protected:

@@ -22,12 +22,20 @@ public:
 
 /// The lowest output layer, over a descriptor given by Bind, which stays the caller's.
 ///
-/// Flush() writes out what is buffered; a range as large as the buffer is written past it when it is
+/// Flush() writes out what is buffered; a range as large as BUFFER_SIZE is written past it when it is
 /// empty. With a `_timeout` above 0 a wait of more than so many seconds fails with ETIMEDOUT.
 class CINDRAL_API OSocketBuffer : public CascadableOStreamBuf, public OSockStream {
 public:
+    /// Room behind BUFFER_SIZE, so that what belongs to a full buffer above, such as a MAC, leaves with it.
+    static constexpr unsigned int TRAILER_SIZE = 64;
+
     OSocketBuffer();
     ~OSocketBuffer() override;
+
+    /// As Flush(), where other bytes follow at once: the kernel may hold these back for them, so that all
+    /// leave in full segments, for up to 200 ms or until the next Flush(), even one of an empty buffer.
+    int FlushAhead() { return FlushDescriptor(true); }
+    using OSockStream::HoldsBack;
 
     int putchr(char byte) override;
     int put(char const* begin, char const* end) override;

@@ -5,6 +5,7 @@
 
 #include <brantle/cindral/cascadable_stream.h>
 #include <brantle/cindral/export.h>
+#include <brantle/thornel/byte_string.h>
 
 namespace cindral {
 
@@ -24,11 +25,13 @@ public:
     char const* Str() const;
     /// Their number.
     unsigned int Len() const { return static_cast<unsigned int>(_length); }
+    /// Takes the bytes written out of the buffer, without a copy, and leaves it empty.
+    ByteString Release();
 
 private:
     void Reserve(std::size_t room);
 
-    char* _data; ///< owned; null until there is something to hold
+    unsigned char* _data; ///< owned; null until there is something to hold
     std::size_t _length;
     std::size_t _capacity;
 };
@@ -47,6 +50,9 @@ public:
 
     int getchr(char& byte) override;
     int get(char* begin, char* end) override;
+
+    /// Passes over up to `size` bytes. Returns where they lie; how many there are, in `size`.
+    char const* Skip(unsigned int& size);
 
 private:
     char const* _pos;

@@ -3,6 +3,7 @@
 
 #include <brantle/export.h>
 #include <brantle/packet/packet.h>
+#include <brantle/packet/packet_decoder.h>
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/string_t.h>
 
@@ -91,6 +92,8 @@ public:
     /// Shares the value.
     PacketChannelData(unsigned int recipientChannel, ByteString const& bytes);
     explicit PacketChannelData(PacketDecoder& decoder);
+    /// Decodes without a copy: tells where the bytes lie in the decoder's data, and keeps none.
+    PacketChannelData(PacketDecoder& decoder, PacketDecoder::Slice& bytes);
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;

@@ -49,6 +49,14 @@ public:
     /// That many bytes, without a length in front.
     ByteString ReadBytes(unsigned int length);
 
+    /// Where bytes lie in `_data`.
+    struct Slice {
+        unsigned int _start = 0;
+        unsigned int _length = 0;
+    };
+    /// As ReadBytes(), but leaves the bytes where they lie.
+    Slice ReadSlice();
+
     /// A number in the form of `BigNum::Read`.
     BigNum ReadBignum();
     /// An `mpint`.

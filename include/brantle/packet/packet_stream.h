@@ -29,7 +29,13 @@ public:
 
     /// Frames, encrypts, authenticates and sends one packet, with a flush of the socket. A failing
     /// layer below shows only in what follows: the packet is not counted, nothing is thrown.
-    void WritePacket(Packet& packet);
+    void WritePacket(Packet& packet) { WritePacket(packet, false); }
+    /// The same; with `more`, another packet follows at once and the kernel may hold this one back for it, as
+    /// OSocketBuffer::FlushAhead has it.
+    void WritePacket(Packet& packet, bool more);
+
+    /// The bytes that WritePacket counts for a packet, which this encodes.
+    unsigned int SizeOf(Packet& packet);
 
     /// Writes the padding of the current packet: zero bytes while there is no cipher, random ones
     /// under a cipher.
@@ -57,6 +63,8 @@ public:
 
     /// Whether bytes of a further packet have already been read from the descriptor.
     bool HasBufferedInput() const { return _socketBuffer._pos < _socketBuffer._end; }
+    /// Whether ReadPacket would find input without a wait, be it the end of it or a part of a packet.
+    bool HasInput() const { return HasBufferedInput() || _socketBuffer.HasInput(); }
 
     ISocketBuffer _socketBuffer;
     ISshBuffer _sshBuffer;

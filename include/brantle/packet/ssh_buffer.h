@@ -66,6 +66,9 @@ public:
     /// is allowed or of the stream, or a negative value of the layer below or of the cipher.
     int Fill() override;
 
+    /// As CascadableIStreamBuffer::get; what is larger than the buffer is decrypted in place.
+    int get(char* begin, char* end) override;
+
     /// Reads the MAC beneath the cipher, compares it and advances the sequence number. A stream
     /// that ends within the MAC compares what came. Returns 0, or a negative value of the layer
     /// below. Throws SshProtocolError "invalid mac value"; the sequence number then stays.
@@ -78,6 +81,10 @@ public:
     int _eof;                 ///< 1 once the layer below has reported the end of the stream
     unsigned int _remaining;  ///< bytes of the current packet still to be taken from below
     unsigned char _cryptBuffer[SSH_CRYPT_SIZE];
+
+private:
+    int Receive(unsigned char* raw, unsigned int room, unsigned char* plain);
+    int Decrypt(unsigned char const* raw, unsigned int length, unsigned char* plain);
 };
 
 } // namespace cindral

@@ -54,7 +54,7 @@ public:
         EncoderStream();
         ~EncoderStream() override;
 
-        /// Flushes, and returns a copy of all that has been written.
+        /// Flushes, and takes out all that has been written.
         ByteString Bytes();
     };
 

@@ -2,6 +2,7 @@
 #define BRANTLE_SFTP_SFTP_REPLIES_H
 
 #include <brantle/export.h>
+#include <brantle/sftp/sftp_block.h>
 #include <brantle/sftp/sftp_file_attr.h>
 #include <brantle/sftp/sftp_file_handle.h>
 #include <brantle/sftp/sftp_name.h>
@@ -52,6 +53,8 @@ class BRANTLE_API SftpPacketData : public SftpPacket {
 public:
     SftpPacketData(unsigned int id, ByteString const& data);
     explicit SftpPacketData(ByteString const& payload);
+    /// Decodes into the caller's memory; `_data` stays empty.
+    SftpPacketData(ByteString const& payload, SftpTarget& data);
     ByteString Payload() override;
 
     ByteString _data;

@@ -2,6 +2,7 @@
 #define BRANTLE_SFTP_SFTP_REQUESTS_H
 
 #include <brantle/export.h>
+#include <brantle/sftp/sftp_block.h>
 #include <brantle/sftp/sftp_file_attr.h>
 #include <brantle/sftp/sftp_file_handle.h>
 #include <brantle/sftp/sftp_packet.h>
@@ -60,12 +61,17 @@ public:
 class BRANTLE_API SftpPacketWrite : public SftpPacket {
 public:
     SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, ByteString const& data);
+    /// The bytes must stay until the message is encoded; `_data` is empty.
+    SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, SftpSource const& data);
     explicit SftpPacketWrite(ByteString const& payload);
     ByteString Payload() override;
 
     SftpFileHandle _handle;
     long long _offset = 0;
     ByteString _data;
+
+private:
+    SftpSource _source;
 };
 
 /// Asks for a file's attributes (section 6.8), of a link itself with FXP_LSTAT or of what it leads to with

@@ -41,18 +41,26 @@ public:
     int ReadThrough(char* to, std::size_t size, char last, unsigned int limit) const;
 
     /// Writes everything from `from` to `end` and advances `from` by what has gone. Returns 0, or -1
-    /// with errno set.
-    int Write(char const*& from, char const* end, unsigned int limit) const;
+    /// with errno set. With `more`, other bytes follow at once: a TCP socket may hold back the end of these,
+    /// which does not fill a segment, for them or for a Push, though no longer than 200 ms.
+    int Write(char const*& from, char const* end, unsigned int limit, bool more = false) const;
+
+    /// Sends what a socket holds back.
+    void Push() const;
+
+    /// Whether there is input, the end of it or a failure to read, without a wait.
+    bool HasInput() const;
 
 private:
     enum Kind { SOCKET, PIPE, OTHER };
 
     ssize_t ReadOnce(char* to, std::size_t size, int flags, unsigned int limit) const;
-    ssize_t WriteOnce(char const* from, std::size_t size, unsigned int limit) const;
+    ssize_t WriteOnce(char const* from, std::size_t size, unsigned int limit, int flags) const;
     int Wait(short events, unsigned int limit) const;
 
     int _fd;
     Kind _kind;
+    mutable bool _drained; ///< the last read found less than it had room for, so the next one will wait
 };
 
 #endif

@@ -46,6 +46,8 @@ public:
     /// Writes out what is buffered. Returns the number of bytes, or -1 with errno set and FAILED in
     /// the status; what has not gone stays in the buffer.
     int Flush() override;
+    /// As OutputBuffer::Put, with a MakeRoom() where the window is full.
+    int Put(char const& byte) override;
 
     /// Attaches the descriptor, with an empty buffer and a status of 0.
     virtual void Bind(int fd);
@@ -64,12 +66,24 @@ public:
     unsigned int _timeout;
 
 protected:
+    /// With a buffer of another size.
+    OSockStream(int fd, unsigned int size);
+
+    /// Passes on a full window that more bytes of the same message follow: here a Flush(). A derived class
+    /// may tell the two apart.
+    virtual int MakeRoom();
+    /// Flushes the descriptor's buffer, whatever Flush() does. With `more`, other bytes follow at once, and
+    /// the kernel may hold these back for them.
+    int FlushDescriptor(bool more);
     /// Writes a range past the buffer, which must be empty. Returns 0, or -1 with errno set.
-    int Send(char const*& from, char const* end);
+    int Send(char const*& from, char const* end, bool more = false);
+    /// Whether the kernel may hold back bytes. The next Flush() sends them.
+    bool HoldsBack() const { return _holdsBack; }
 
 private:
     DescriptorIO _io;
     int _failure; ///< errno of the write that failed since the last Bind, else 0
+    bool _holdsBack;
 };
 
 /// A buffered input stream over a descriptor, which stays the caller's.
@@ -110,6 +124,9 @@ public:
     /// and what was read of it is stored.
     ISockStream& Readln(String_t& line, char const* eol);
 
+    /// Whether a Fill() would find bytes, the end of the input or a failure without a wait.
+    bool HasInput() const { return _failure || _io.HasInput(); }
+
     /// Bytes that the last Read delivered.
     int Gcount() const { return _gcount; }
     /// Ties this stream to another output stream, or to none.
@@ -126,6 +143,9 @@ protected:
     void FlushTied();
     /// Flushes the tied stream, then calls Fill().
     int Refill();
+    /// Flushes the tied stream, then reads from the descriptor into a range, past the window, which must be
+    /// empty. Results as of Fill().
+    int ReceivePast(char* begin, char* end);
     /// Stores a part of a range that Read wants, with an empty window: here what a Refill() brings. A
     /// derived class may fetch large ranges past the window. Returns the number of bytes, 0 at the end
     /// of the input, a negative value on failure.
@@ -134,6 +154,7 @@ protected:
 private:
     int FillLine(char last);
     int NoteFilled(int count);
+    int NoteFailure(int count);
 
     DescriptorIO _io;
     int _failure; ///< errno of the read that failed since the last Bind, else 0

@@ -84,9 +84,15 @@ public:
     /// number of elements taken, or a negative value once a Flush() failed or made no room: its result,
     /// or -1 where that is not negative.
     int PutRange(T const* begin, T const* end) {
+        return PutRange(begin, end, [this] { return Flush(); });
+    }
+
+    /// The same with another operation than Flush().
+    template <class MakeRoom>
+    int PutRange(T const* begin, T const* end, MakeRoom makeRoom) {
         for (T const* next = begin; next != end;) {
             if (_pos >= _end) {
-                int flushed = Flush();
+                int flushed = makeRoom();
                 if (flushed < 0 || _pos >= _end) return std::min(flushed, -1);
             }
             std::ptrdiff_t count = std::min(end - next, _end - _pos);

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <brantle/cindral/exceptions.h>
 
 #include "plain_connection.h"
+#include "support/descriptors.h"
 
 namespace cindral {
 namespace {
@@ -244,7 +246,7 @@ protected:
 TEST_F(DataInput, StartsEmptyAndUntiedWithoutADescriptor) {
     EXPECT_LT(_stream.Fd(), 0);
     EXPECT_EQ(8192u, _stream._capacity);
-    EXPECT_EQ(0u, _stream._pending.Length());
+    EXPECT_EQ(0u, _stream._pending._length);
 }
 
 TEST_F(DataInput, LongMessagePassesInPiecesOfTheBuffer) {
@@ -252,17 +254,17 @@ TEST_F(DataInput, LongMessagePassesInPiecesOfTheBuffer) {
     _connection.Receive(Data(text));
     EXPECT_EQ(8192, _stream.Fill());
     EXPECT_EQ(text.substr(0, 8192), Buffered());
-    EXPECT_EQ(1808u, _stream._pending.Length());
+    EXPECT_EQ(1808u, _stream._pending._length);
     _connection.HangUp(); // another read would throw
     EXPECT_EQ(1808, _stream.Fill());
     EXPECT_EQ(text.substr(8192), Buffered());
-    EXPECT_EQ(0u, _stream._pending.Length());
+    EXPECT_EQ(0u, _stream._pending._length);
 }
 
 TEST_F(DataInput, MessageOfTheBuffersSizeIsOnePieceAndOneByteMoreAreTwo) {
     _connection.Receive(Data(Text(8192)));
     EXPECT_EQ(8192, _stream.Fill());
-    EXPECT_EQ(0u, _stream._pending.Length());
+    EXPECT_EQ(0u, _stream._pending._length);
     _connection.Receive(Data(Text(8193)));
     EXPECT_EQ(8192, _stream.Fill());
     EXPECT_EQ(1, _stream.Fill());
@@ -278,7 +280,7 @@ TEST_F(DataInput, LargestMessageTakesFourFills) {
         whole += Buffered();
     }
     EXPECT_EQ(text, whole);
-    EXPECT_EQ(0u, _stream._pending.Length());
+    EXPECT_EQ(0u, _stream._pending._length);
 }
 
 TEST_F(DataInput, AdjustmentsAndRequestsAreSkippedAndOnlyCounted) {
@@ -329,7 +331,7 @@ TEST_F(DataInput, DataMessageThatIsNotExactThrows) {
     for (Bytes const& payload : {surplus, tooShort}) {
         _connection.Receive(payload);
         EXPECT_NE(0u, Failure().find("filled"));
-        EXPECT_EQ(0u, _stream._pending.Length());
+        EXPECT_EQ(0u, _stream._pending._length);
     }
 }
 
@@ -448,6 +450,73 @@ TEST_F(DataInput, DestructionSendsNothing) {
         stream.Fill();
     }
     EXPECT_TRUE(_connection.Sent().empty());
+}
+
+using Sends = std::vector<bool>;
+
+/// Of each send(2) since the last call, whether it was handed over as bytes that others follow.
+Sends TakeMore(support::SendRecorder& recorder) {
+    Sends more;
+    for (auto const& sent : recorder.Take()) more.push_back(sent._more);
+    return more;
+}
+
+TEST_F(DataOutput, AllButTheLastMessageOfARequestAreHandedOverAsMoreToCome) {
+    support::SendRecorder recorder;
+    Write(Text(3 * 8144 + 10));
+    _stream.Flush();
+    EXPECT_EQ(TakeMore(recorder), (Sends{true, true, true, false}));
+    for (char c : Text(8145)) _stream.Put(c);
+    _stream.Flush();
+    EXPECT_EQ(TakeMore(recorder), (Sends{true, false}));
+}
+
+TEST_F(DataOutput, RequestOfFullMessagesEndsWithoutMoreToCome) {
+    support::SendRecorder recorder;
+    Write(Text(2 * 8144));
+    _stream.Flush();
+    EXPECT_EQ(TakeMore(recorder), (Sends{true, false}));
+}
+
+TEST_F(DataOutput, AdjustmentIsTheLastOfARequestOrMoreComesBehindIt) {
+    _window = 9000;
+    support::SendRecorder recorder;
+    Write(Text(8000));
+    _stream.Flush(); // data, adjustment
+    EXPECT_EQ(TakeMore(recorder), (Sends{true, false}));
+    Write(Text(8145)); // data, adjustment
+    EXPECT_EQ(TakeMore(recorder), (Sends{true, true}));
+    _stream.Flush();
+    EXPECT_EQ(TakeMore(recorder), (Sends{false}));
+    EXPECT_EQ(5u, _connection.Sent().size());
+}
+
+TEST_F(DataInput, AdjustmentWaitsForTheNextRequestOrAReadThatHasToWait) {
+    _window = 9000;
+    support::SendRecorder recorder;
+    _connection.Receive(Data(Text(7000)));
+    EXPECT_EQ(7000, _stream.Fill());
+    EXPECT_EQ(TakeMore(recorder), (Sends{true}));
+    EXPECT_EQ(1u, _connection.Sent().size());
+    EXPECT_TRUE(_connection._out._socketBuffer.HoldsBack());
+
+    _connection.Receive(Data("x"));
+    EXPECT_EQ(1, _stream.Fill()); // without a wait
+    EXPECT_TRUE(_connection._out._socketBuffer.HoldsBack());
+
+    auto const before = DescriptorIO::SystemCalls();
+    static PlainConnection* connection;
+    connection = &_connection;
+    DescriptorIO::SystemCalls().poll = [](pollfd* records, nfds_t count, int limit) {
+        if (limit != 0) {
+            EXPECT_FALSE(connection->_out._socketBuffer.HoldsBack());
+            connection->Receive(Data("y"));
+        }
+        return poll(records, count, limit);
+    };
+    EXPECT_EQ(1, _stream.Fill());
+    DescriptorIO::SystemCalls() = before;
+    EXPECT_EQ("y", Buffered());
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -59,10 +60,9 @@ TEST_F(SocketBuffers, GetWaitsUntilTheRangeIsFull) {
 }
 
 TEST_F(SocketBuffers, GetReadsAWholeWindowAtATime) {
-    std::string const text(10000, 'x');
-    _pair.Send(text);
+    _pair.Send(std::string(10000, 'x'));
     CallCounter counter;
-    EXPECT_EQ(_in.get(_bytes, _bytes + 10000), 10000);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(_in.get(_bytes, _bytes + 100), 100);
     EXPECT_EQ(counter.Transfers(), 2);
     EXPECT_EQ(counter.Polls(), 0);
 }
@@ -165,7 +165,7 @@ TEST_F(SocketBuffers, ClosedPeerFailsAWriteWithoutASignal) {
     errno = 0;
     EXPECT_EQ(_out.Finalize(), -1);
     EXPECT_EQ(errno, EPIPE);
-    EXPECT_LT(Put(std::string(8192, 'x')), 0);
+    EXPECT_LT(Put(std::string(2 * 8192, 'x')), 0);
 }
 
 TEST_F(SocketBuffers, FailedWriteDoesNotReachTheNextDescriptor) {
@@ -199,6 +199,66 @@ TEST_F(SocketBuffers, PipeServesAsDescriptor) {
     EXPECT_EQ(_in.get(_bytes, _bytes + 3), 3);
     EXPECT_EQ(Put(std::string(8192, 'x')), 8192);
     EXPECT_EQ(outgoing.Received(), std::string(8192, 'x'));
+}
+
+TEST_F(SocketBuffers, RangeLargerThanTheWindowIsReceivedWhereItBelongs) {
+    std::string const text = "abc" + std::string(20000, 'x') + "yz";
+    _pair.Send(text);
+    EXPECT_EQ(_in.get(_bytes, _bytes + 1), 1);
+    CallCounter counter;
+    std::string rest(20004, '\0');
+    EXPECT_EQ(_in.get(rest.data(), rest.data() + 20004), 20004);
+    EXPECT_EQ(rest, text.substr(1));
+    EXPECT_EQ(counter.Transfers(), 1);
+}
+
+TEST_F(SocketBuffers, EndWithinALargeRangeShowsBehindTheBytesThatCame) {
+    _pair.Send(std::string(9000, 'x'));
+    _pair.ClosePeer();
+    std::string range(20000, '\0');
+    EXPECT_EQ(_in.get(range.data(), range.data() + 20000), 9000);
+    EXPECT_EQ(_in.get(range.data(), range.data() + 20000), 0);
+}
+
+TEST_F(SocketBuffers, FullBufferLeavesTogetherWithItsTrailer) {
+    using Sent = support::SendRecorder::Sent;
+    support::SendRecorder recorder;
+    Put(std::string(8176, 'x'));
+    Put(std::string(OSocketBuffer::TRAILER_SIZE, 'm'));
+    _out.Flush();
+    EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{8240, false}}));
+}
+
+TEST_F(SocketBuffers, FlushAheadHandsOverAsMoreToCome) {
+    using Sent = support::SendRecorder::Sent;
+    support::SendRecorder recorder;
+    Put("abc");
+    EXPECT_EQ(_out.FlushAhead(), 3);
+    EXPECT_TRUE(_out.HoldsBack());
+    Put("de");
+    EXPECT_EQ(_out.Flush(), 2);
+    EXPECT_FALSE(_out.HoldsBack());
+    EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{3, true}, {2, false}}));
+    EXPECT_EQ(_pair.Received(), "abcde");
+}
+
+TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
+    DescriptorPair pair = DescriptorPair::Tcp();
+    OSocketBuffer out;
+    out.Bind(pair.Ours());
+    std::string const text = "abc";
+    out.put(text.data(), text.data() + text.size());
+    out.FlushAhead();
+    EXPECT_EQ(out.Flush(), 0);
+    EXPECT_FALSE(out.HoldsBack());
+    EXPECT_EQ(support::Unsent(pair.Ours()), 0);
+}
+
+TEST_F(SocketBuffers, BindingForgetsWhatIsHeldBack) {
+    Put("abc");
+    _out.FlushAhead();
+    _out.Bind(_pair.Ours());
+    EXPECT_FALSE(_out.HoldsBack());
 }
 
 } // namespace

@@ -115,4 +115,34 @@ TEST(IStringBuffer, NullIsEmpty) {
     EXPECT_EQ(counted.getchr(bytes[0]), 0);
 }
 
+TEST(OStringBuffer, ReleaseTakesTheBytesOutWithoutACopy) {
+    OStringBuffer buffer(8);
+    std::string const text = "abc";
+    buffer.put(text.data(), text.data() + 3);
+    char const* const bytes = buffer.Str();
+    ByteString const released = buffer.Release();
+    EXPECT_EQ(reinterpret_cast<char const*>(released.Data()), bytes);
+    EXPECT_TRUE(released == ByteString("abc", 3));
+    EXPECT_EQ(buffer.Len(), 0u);
+    buffer.putchr('d');
+    EXPECT_TRUE(buffer.Release() == ByteString("d", 1));
+    EXPECT_EQ(buffer.Release().Length(), 0u);
+}
+
+TEST(IStringBuffer, SkipTellsWhatHasBeenPassedOver) {
+    char const text[] = "abcdef";
+    IStringBuffer buffer(text, 6);
+    unsigned int size = 4;
+    EXPECT_EQ(buffer.Skip(size), text);
+    EXPECT_EQ(size, 4u);
+    EXPECT_EQ(buffer.Skip(size), text + 4);
+    EXPECT_EQ(size, 2u);
+    EXPECT_EQ(buffer.Skip(size), text + 6);
+    EXPECT_EQ(size, 0u);
+    IStringBuffer nothing(nullptr);
+    size = 1;
+    EXPECT_EQ(nothing.Skip(size), nullptr);
+    EXPECT_EQ(size, 0u);
+}
+
 } // namespace

@@ -136,4 +136,18 @@ TEST(PacketChannelResponseTest, ReceivedResponseIsWrittenWithItsNumber) {
     EXPECT_EQ(Str(response.Payload(cipher)), Wire("64 00000007"));
 }
 
+TEST(PacketChannelDataTest, DataMayBeLeftWhereTheyLie) {
+    std::string const packet = Wire("04 5e 00000007 00000003 'abc' 00000000");
+    PacketDecoder decoder(Bytes(packet));
+    PacketDecoder::Slice bytes;
+    PacketChannelData const data(decoder, bytes);
+    EXPECT_EQ(data._recipientChannel, 7u);
+    EXPECT_EQ(data._bytes.Length(), 0u);
+    EXPECT_EQ(packet.substr(bytes._start, bytes._length), "abc");
+    PacketDecoder surplus(Bytes(packet + "x"));
+    EXPECT_THROW(PacketChannelData(surplus, bytes), SshProtocolError);
+    PacketDecoder eof(Bytes(Wire("04 60 00000007 00000000")));
+    EXPECT_THROW(PacketChannelData(eof, bytes), SshProtocolError);
+}
+
 } // namespace

@@ -16,6 +16,8 @@
 #include <brantle/packet/packet.h>
 #include <brantle/packet/packet_encoder.h>
 
+#include "support/descriptors.h"
+
 namespace cindral {
 namespace {
 
@@ -376,6 +378,37 @@ TEST(MessageNumber, IsTheByteBehindThePaddingLengthAndZeroWithoutOne) {
     EXPECT_EQ(94, MessageNumber(ByteString("\x05\x5e\x01", 3)));
     EXPECT_EQ(0, MessageNumber(ByteString("\x05", 1)));
     EXPECT_EQ(0, MessageNumber(ByteString()));
+}
+
+TEST_F(PacketStream, PacketThatOthersFollowIsHandedOverAsMoreToCome) {
+    using Sent = support::SendRecorder::Sent;
+    support::SendRecorder recorder;
+    RawPacket packet({94}, 10);
+    _out.WritePacket(packet, true);
+    _out.WritePacket(packet, false);
+    _out.WritePacket(packet);
+    EXPECT_EQ((std::vector<Sent>{{16, true}, {16, false}, {16, false}}), recorder.Take());
+}
+
+TEST_F(PacketStream, SizeOfAPacketIsWhatIsCounted) {
+    RawPacket packet(Bytes(100, 94), 255);
+    unsigned int const size = _out.SizeOf(packet);
+    _out.WritePacket(packet);
+    EXPECT_EQ(_out._byteCount, size);
+}
+
+TEST_F(PacketStream, FullDataMessageLeavesWithItsMacInOneSend) {
+    UseKeys();
+    support::SendRecorder recorder;
+    RawPacket packet(Bytes(9 + 8144, 94), 18);
+    _out.WritePacket(packet);
+    EXPECT_EQ(recorder.Take().size(), 1u);
+}
+
+TEST_F(PacketStream, HasInputOnceAPartOfAPacketIsThere) {
+    EXPECT_FALSE(_in.HasInput());
+    Send({0, 0, 0, 12});
+    EXPECT_TRUE(_in.HasInput());
 }
 
 } // namespace

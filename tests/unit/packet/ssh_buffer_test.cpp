@@ -280,3 +280,39 @@ TEST_F(Input, SequenceWrapsAround) {
     EXPECT_EQ(_in.FinalizePacket(), 0);
     EXPECT_EQ(_in._sequence, 0u);
 }
+
+TEST_F(Input, RangeLargerThanTheBufferIsDecryptedWhereItBelongs) {
+    _below._bytes = std::string(20000, 'x');
+    _in.ContinuePacket(10001);
+    std::string range(20000, '-');
+    EXPECT_EQ(_in.get(range.data(), range.data() + 20000), 10001);
+    EXPECT_EQ(range, std::string(10001, 'y') + std::string(9999, '-'));
+    EXPECT_EQ(_in._remaining, 0u);
+    EXPECT_THAT(News(), ElementsAre("get 10001", "cipher 8192", "update " + std::string(8192, 'y'),
+                                    "cipher 1809", "update " + std::string(1809, 'y')));
+}
+
+TEST_F(Input, LargeRangeBeginsWithWhatTheBufferHolds) {
+    _below._bytes = "abcdefgh" + std::string(9000, 'x');
+    _in.StartPacket(8);
+    char first[4];
+    EXPECT_EQ(_in.get(first, first + 4), 4);
+    _in.ContinuePacket(9000);
+    std::string range(9004, '-');
+    EXPECT_EQ(_in.get(range.data(), range.data() + 9004), 9004);
+    EXPECT_EQ(range, "fghi" + std::string(9000, 'y'));
+}
+
+TEST_F(Input, LargeRangeEndsWithTheStreamAndWithAFailure) {
+    std::string range(20000, '-');
+    _below._bytes = std::string(100, 'x');
+    _in.ContinuePacket(20000);
+    EXPECT_EQ(_in.get(range.data(), range.data() + 20000), 100);
+    EXPECT_EQ(_in._eof, 1);
+    _in._eof = 0;
+    _below._result = BELOW_FAILS;
+    EXPECT_EQ(_in.get(range.data(), range.data() + 20000), BELOW_FAILS);
+    _below._bytes = std::string(9000, 'x');
+    _plusOne->_fails = true;
+    EXPECT_EQ(_in.get(range.data(), range.data() + 20000), -1);
+}

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -214,6 +215,68 @@ TEST(DescriptorIO, TerminalIsReadAndWritten) {
     EXPECT_EQ(std::string(bytes, 3), "in\n");
     close(slave);
     close(master);
+}
+
+TEST(DescriptorIO, BytesThatOthersFollowAreHandedOverAsMoreToCome) {
+    using Sent = support::SendRecorder::Sent;
+    DescriptorPair pair = DescriptorPair::Sockets();
+    DescriptorIO const io(pair.Ours());
+    support::SendRecorder recorder;
+    std::string const text = "abcdef";
+    for (unsigned int limit : {0u, 5u}) {
+        char const* from = text.data();
+        EXPECT_EQ(io.Write(from, text.data() + 4, limit, true), 0);
+        EXPECT_EQ(io.Write(from, text.data() + 6, limit), 0);
+        EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{4, true}, {2, false}}));
+        EXPECT_EQ(pair.Received(), text);
+    }
+}
+
+TEST(DescriptorIO, PipeTakesBytesThatOthersFollowAndAPush) {
+    DescriptorPair pair = DescriptorPair::Pipe(false);
+    DescriptorIO const io(pair.Ours());
+    std::string const text = "abc";
+    char const* from = text.data();
+    EXPECT_EQ(io.Write(from, text.data() + 3, 0, true), 0);
+    EXPECT_EQ(pair.Received(), text);
+    io.Push();
+}
+
+TEST(DescriptorIO, PushSendsWhatTheKernelHoldsBack) {
+    DescriptorPair pair = DescriptorPair::Tcp();
+    DescriptorIO const io(pair.Ours());
+    std::string const text = "abc";
+    char const* from = text.data();
+    EXPECT_EQ(io.Write(from, text.data() + 3, 0, true), 0);
+    io.Push();
+    EXPECT_EQ(support::Unsent(pair.Ours()), 0);
+}
+
+TEST_P(EitherDescriptor, HasInputTellsOfBytesAndOfTheEndWithoutAWait) {
+    DescriptorPair pair = ForReading();
+    DescriptorIO const io(pair.Ours());
+    EXPECT_FALSE(io.HasInput());
+    pair.Send("a");
+    EXPECT_TRUE(io.HasInput());
+    pair.Left();
+    EXPECT_FALSE(io.HasInput());
+    pair.ClosePeer();
+    EXPECT_TRUE(io.HasInput());
+}
+
+TEST(DescriptorIO, SocketThatHasBeenReadEmptyIsWaitedForFirst) {
+    DescriptorPair pair = DescriptorPair::Sockets();
+    DescriptorIO const io(pair.Ours());
+    char bytes[4];
+    pair.Send("abcdef");
+    CallCounter counter;
+    EXPECT_EQ(io.Read(bytes, 4, 5), 4);
+    EXPECT_EQ(io.Read(bytes, 4, 5), 2);
+    EXPECT_EQ(counter.Polls(), 0);
+    pair.Send("g");
+    EXPECT_EQ(io.Read(bytes, 4, 5), 1);
+    EXPECT_EQ(counter.Polls(), 1);
+    EXPECT_EQ(counter.Transfers(), 3);
 }
 
 } // namespace
