@@ -121,8 +121,12 @@ void OSockStream::Bind(int fd) {
 void OSockStream::Unbind() { OSockStream::Bind(-1); }
 
 OSockStream& OSockStream::Write(char const* data, int size) {
-    if (size > 0 && PutRange(data, data + size, [this] { return MakeRoom(); }) < 0)
-        SetStatus(Status() | FAILED);
+    if (size <= 0) return *this;
+    char const* const end = data + size;
+    // What is larger than the buffer goes past it. A derived class without a descriptor sends its buffer
+    // alone.
+    if (Fd() >= 0 && size > static_cast<int>(_capacity) && Flush() >= 0) Send(data, end);
+    if (PutRange(data, end, [this] { return MakeRoom(); }) < 0) SetStatus(Status() | FAILED);
     return *this;
 }
 

@@ -275,6 +275,19 @@ TEST_F(SockStreams, NothingIsWrittenBeforeTheBufferIsFull) {
     EXPECT_EQ(Flushed(), "y");
 }
 
+TEST_F(SockStreams, WhatIsLargerThanTheBufferGoesPastIt) {
+    std::string const large(8193, 'l');
+    support::CallCounter const calls;
+    _out.Write(large.data(), 8193);
+    EXPECT_EQ(calls.Transfers(), 1);
+    EXPECT_EQ(_pair.Received(), large);
+    _out.Write("before", 6);
+    _out.Write(large.data(), 8193);
+    EXPECT_EQ(calls.Transfers(), 3);
+    EXPECT_EQ(_pair.Received(), "before" + large);
+    EXPECT_EQ(_out.Flush(), 0);
+}
+
 TEST_F(SockStreams, FlushReturnsTheNumberOfBytes) {
     EXPECT_EQ(_out.Flush(), 0);
     _out.Write("abc", 3);
