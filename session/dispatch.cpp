@@ -159,9 +159,10 @@ int SshSession::HandleIgnore(PacketDecoder& decoder) {
 }
 
 int SshSession::HandleChannelData(PacketDecoder& decoder) {
-    PacketChannelData const message(decoder);
+    PacketDecoder::Slice data;
+    PacketChannelData const message(decoder, data);
     _channels.Forward(static_cast<int>(message._recipientChannel),
-                      reinterpret_cast<char const*>(message._bytes.Data()), message._bytes.Length());
+                      reinterpret_cast<char const*>(decoder._data.Data()) + data._start, data._length);
     return 1;
 }
 
