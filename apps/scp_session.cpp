@@ -43,7 +43,7 @@ ScpSession::~ScpSession() = default;
 int ScpSession::Start(String_t const& command) {
     if (!_authenticated) return -1;
     if (int const result = Open(); result < 0) return -result;
-    StartCommand(command);
+    StartCommand(command, true);
     return 0;
 }
 

@@ -6,6 +6,7 @@
 
 #include <brantle/channel/window_adjust.h>
 #include <brantle/packet/channel_messages.h>
+#include <brantle/packet/packet_decoder.h>
 #include <brantle/thornel/except.h>
 
 namespace cindral {
@@ -49,8 +50,8 @@ ISshDataStream::ISshDataStream(ISshPacketStream& in, OSshPacketStream& out, unsi
 ISshDataStream::~ISshDataStream() = default;
 
 int ISshDataStream::Fill() {
-    if (!Receive()) return 0;
-    unsigned int const n = TakePending(_start, _capacity);
+    unsigned int const n = Take(_start, _capacity);
+    if (n == 0) return 0;
     _pos = _start;
     _end = _start + n;
     return static_cast<int>(n);
@@ -59,36 +60,35 @@ int ISshDataStream::Fill() {
 int ISshDataStream::Fetch(char* begin, char* end) {
     if (end - begin < static_cast<std::ptrdiff_t>(_capacity)) return ISockStream::Fetch(begin, end);
     FlushTied();
-    if (!Receive()) return 0;
-    return static_cast<int>(TakePending(begin, static_cast<unsigned int>(end - begin)));
+    return static_cast<int>(Take(begin, static_cast<unsigned int>(end - begin)));
 }
 
-/// Reads packets until there is data. Returns whether there is.
-bool ISshDataStream::Receive() {
-    while (_pending._length == 0) {
-        if (_out._socketBuffer.HoldsBack() && !_in.HasInput()) _out._socketBuffer.Flush();
-        ByteString const packet = _in.ReadPacket();
-        if (packet.Length() == 0) return false;
-        CheckForWindowAdjust();
-        int const number = MessageNumber(packet);
+/// Stores data of the last message, or else of the next one that has any. Returns the number of bytes, 0 if
+/// there is no message.
+unsigned int ISshDataStream::Take(char* to, unsigned int room) {
+    ByteString bytes = _pending;
+    PacketDecoder::Slice data{0, _pending.Length()};
+    while (data._length == 0) {
+        bytes = ReceivePacket();
+        if (bytes.Length() == 0) return 0;
+        int const number = MessageNumber(bytes);
         if (number == Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST || number == Packet::SSH_MSG_CHANNEL_REQUEST)
             continue;
-        PacketDecoder decoder(packet);
-        PacketDecoder::Slice data;
+        PacketDecoder decoder(bytes);
         PacketChannelData(decoder, data);
-        _packet = packet;
-        _pending = data;
     }
-    return true;
+    unsigned int const n = std::min(room, data._length);
+    _pending = n < data._length ? bytes.SubStr(data._start + n, data._length - n) : ByteString();
+    // A call into the C library, where a memcpy built for size becomes a copy byte by byte.
+    std::memmove(to, bytes.Data() + data._start, n);
+    return n;
 }
 
-unsigned int ISshDataStream::TakePending(char* to, unsigned int room) {
-    unsigned int const n = std::min(room, _pending._length);
-    // A call into the C library, where a memcpy built for size becomes a copy byte by byte.
-    std::memmove(to, _packet.Data() + _pending._start, n);
-    _pending._start += n;
-    _pending._length -= n;
-    return n;
+ByteString ISshDataStream::ReceivePacket() {
+    if (_out._socketBuffer.HoldsBack() && !_in.HasInput()) _out._socketBuffer.Flush();
+    ByteString const packet = _in.ReadPacket();
+    if (packet.Length() > 0) CheckForWindowAdjust();
+    return packet;
 }
 
 void ISshDataStream::CheckForWindowAdjust() {

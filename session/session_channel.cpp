@@ -36,14 +36,14 @@ void SshSession::StartShell() {
     _out.WritePacket(request);
 }
 
-void SshSession::StartCommand(String_t const& command) {
+void SshSession::StartCommand(String_t const& command, bool more) {
     PacketSessionStartCmd request(_remoteChannel, 0, command);
-    _out.WritePacket(request);
+    _out.WritePacket(request, more);
 }
 
-void SshSession::StartSubsystem(String_t const& name) {
+void SshSession::StartSubsystem(String_t const& name, bool more) {
     PacketSessionStartSubsystem request(_remoteChannel, 0, name);
-    _out.WritePacket(request);
+    _out.WritePacket(request, more);
 }
 
 void SshSession::Disconnect(int reason, String_t const& text) {

@@ -30,7 +30,7 @@ SftpClientSession::~SftpClientSession() = default;
 int SftpClientSession::Start() {
     if (!_authenticated) return -1;
     if (int const result = Open(); result < 0) return -result;
-    StartSubsystem("sftp");
+    StartSubsystem("sftp", true);
     if (int const result = _client.Start(); result < 0) return result;
     SftpStatus status;
     if (int const result = _client.Realpath(status, ".", _remoteHome); result < 0) return result;

@@ -52,8 +52,7 @@ SftpPacketWrite::SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, 
     : SftpPacket(FXP_WRITE, id), _handle(handle), _offset(offset), _source(data) {}
 
 ByteString SftpPacketWrite::Payload() {
-    SftpSource const kept{reinterpret_cast<char const*>(_data.Data()), _data.Length()};
-    return Encode(_handle, _offset, _source._data ? _source : kept);
+    return _source._data ? Encode(_handle, _offset, _source) : Encode(_handle, _offset, _data);
 }
 
 SftpPacketWrite::SftpPacketWrite(ByteString const& payload) : SftpPacket(FXP_WRITE, payload) {

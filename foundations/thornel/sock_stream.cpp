@@ -89,11 +89,12 @@ int OSockStream::FlushDescriptor(bool more) {
     auto gone = from - _start;
     std::copy<char const*>(from, _pos, _start);
     _pos -= gone;
+    if (sent < 0) return sent;
     if (_holdsBack && !more) {
         _io.Push();
         _holdsBack = false;
     }
-    return sent < 0 ? sent : static_cast<int>(gone);
+    return static_cast<int>(gone);
 }
 
 int OSockStream::Send(char const*& from, char const* end, bool more) {

@@ -1,5 +1,6 @@
 // SftpClientSession: its beginning, and the two current directories.
 
+#include "support/descriptors.h"
 #include "wire/sftp_session_fixture.h"
 
 using namespace sftp;
@@ -72,6 +73,23 @@ TEST_F(SftpSessionStart, SequenceIsExact) {
     Bytes const realpath = Writer().U32(10).U8(16).U32(0).String(".");
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest(), Request("subsystem").String("sftp").Data(),
                                     Data(peer::ToText(greeting)), Data(peer::ToText(realpath))));
+}
+
+TEST_F(SftpSessionStart, RequestForTheSubsystemLeavesWithTheGreeting) {
+    std::vector<bool> more;
+    EXPECT_EQ(RunFromLogin(
+                  [](RemoteSftp& remote) {
+                      remote.TakeSubsystem();
+                      remote.Follow(Beginning());
+                  },
+                  [&](SftpProgram& session) {
+                      support::SendRecorder recorder;
+                      int const result = session.Start();
+                      for (auto const& sent : recorder.Take()) more.push_back(sent._more);
+                      return result;
+                  }),
+              "0");
+    EXPECT_THAT(more, ElementsAre(false, true, false, false)); // channel, subsystem, greeting, directory
 }
 
 TEST_F(SftpSessionStart, WithoutConnectionIsRefused) {

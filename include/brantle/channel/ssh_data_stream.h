@@ -2,7 +2,6 @@
 #define BRANTLE_CHANNEL_SSH_DATA_STREAM_H
 
 #include <brantle/export.h>
-#include <brantle/packet/packet_decoder.h>
 #include <brantle/packet/packet_stream.h>
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/sock_stream.h>
@@ -75,8 +74,7 @@ public:
     ISshPacketStream& _in;
     OSshPacketStream& _out;
     unsigned int _remoteChannel;
-    ByteString _packet;            ///< the last packet with data
-    PacketDecoder::Slice _pending; ///< what has not been read of its data
+    ByteString _pending; ///< rest of the last message
     unsigned int const& _windowSize;
 
 protected:
@@ -84,8 +82,8 @@ protected:
     int Fetch(char* begin, char* end) override;
 
 private:
-    bool Receive();
-    unsigned int TakePending(char* to, unsigned int room);
+    unsigned int Take(char* to, unsigned int room);
+    ByteString ReceivePacket();
 };
 
 } // namespace cindral

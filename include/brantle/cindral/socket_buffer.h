@@ -16,6 +16,8 @@ public:
     ISocketBuffer();
     ~ISocketBuffer() override;
 
+    using ISockStream::HasInput;
+
     int getchr(char& byte) override;
     int get(char* begin, char* end) override;
 };

@@ -173,8 +173,8 @@ public:
     /// Send the request to start a shell, a command or a subsystem (RFC 4254, section 6.5) on the
     /// session channel, without asking for a reply.
     void StartShell();
-    void StartCommand(String_t const& command);
-    void StartSubsystem(String_t const& name);
+    void StartCommand(String_t const& command) { StartCommand(command, false); }
+    void StartSubsystem(String_t const& name) { StartSubsystem(name, false); }
 
     /// Sends DISCONNECT with one of the reasons of Packet and a text; closes nothing.
     void Disconnect(int reason, String_t const& text);
@@ -242,6 +242,11 @@ protected:
     class BRANTLE_LOCAL LFAcceptor;
     using Handler = int (SshSession::*)(PacketDecoder&);
     using KexFunction = int (SshSession::*)(PacketKexInit& own, PacketKexInit& peer);
+
+    /// The same; with `more`, data for the channel or a read of its data stream follows at once, and takes
+    /// the request along.
+    void StartCommand(String_t const& command, bool more);
+    void StartSubsystem(String_t const& name, bool more);
 
     // Key exchange
     int NegotiateAlgorithms(PacketKexInit const& own, PacketKexInit const& peer);

@@ -124,9 +124,6 @@ public:
     /// and what was read of it is stored.
     ISockStream& Readln(String_t& line, char const* eol);
 
-    /// Whether a Fill() would find bytes, the end of the input or a failure without a wait.
-    bool HasInput() const { return _failure || _io.HasInput(); }
-
     /// Bytes that the last Read delivered.
     int Gcount() const { return _gcount; }
     /// Ties this stream to another output stream, or to none.
@@ -146,6 +143,8 @@ protected:
     /// Flushes the tied stream, then reads from the descriptor into a range, past the window, which must be
     /// empty. Results as of Fill().
     int ReceivePast(char* begin, char* end);
+    /// Whether a read from the descriptor would find bytes, the end of the input or a failure without a wait.
+    bool HasInput() const { return _failure || _io.HasInput(); }
     /// Stores a part of a range that Read wants, with an empty window: here what a Refill() brings. A
     /// derived class may fetch large ranges past the window. Returns the number of bytes, 0 at the end
     /// of the input, a negative value on failure.

@@ -254,6 +254,16 @@ TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
     EXPECT_EQ(support::Unsent(pair.Ours()), 0);
 }
 
+TEST_F(SocketBuffers, FailedFlushBehindOneAheadTellsItsOwnError) {
+    Put("abc");
+    _out.FlushAhead();
+    _pair.ClosePeer();
+    Put("de");
+    errno = 0;
+    EXPECT_EQ(_out.Flush(), -1);
+    EXPECT_EQ(errno, EPIPE);
+}
+
 TEST_F(SocketBuffers, BindingForgetsWhatIsHeldBack) {
     Put("abc");
     _out.FlushAhead();

@@ -240,6 +240,13 @@ TEST(SftpPacketWriteTest, BytesMayLieInTheCallersMemory) {
               Wire("06 00000001 00000001 'h' 0000000000000002 00000000"));
 }
 
+TEST(SftpPacketWriteTest, BytesTooManyForAStreamAreLeftOutWithTheirLength) {
+    ByteString data("x", 1);
+    data._rep->_length = 0x80000000; // none of which is looked at
+    EXPECT_EQ(Str(SftpPacketWrite(1, SftpFileHandle(Bytes("h")), 2, data).Payload()),
+              Wire("06 00000001 00000001 'h' 0000000000000002"));
+}
+
 TEST(SftpPacketDataTest, BytesMayGoToTheCallersMemory) {
     char memory[] = "......";
     SftpTarget target{memory, 3};
