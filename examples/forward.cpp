@@ -1,4 +1,7 @@
 // Forwards TCP ports through a connection: beside a command or a shell, or alone until it is interrupted.
+//
+// The connections of -R have to be announced without the originator's address, which standard servers send:
+// with them the first one ends the session (docs/dialect.md).
 
 #include "login.h"
 
