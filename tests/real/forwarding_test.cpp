@@ -16,6 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "real/server_kinds.h"
 #include "support/client/forwarding_client.h"
 #include "support/servers/openssh_server.h"
 #include "support/servers/proftpd_server.h"
@@ -28,32 +29,9 @@ using client::Report;
 using client::SessionClient;
 using testing::HasSubstr;
 
+using namespace kinds;
+
 namespace {
-
-struct Asyncssh {
-    using Server = servers::AsyncsshServer;
-    static constexpr char const* NAME = "Asyncssh";
-    static constexpr unsigned int SURPLUS = 0;
-};
-
-struct Paramiko {
-    using Server = servers::ParamikoServer;
-    static constexpr char const* NAME = "Paramiko";
-    static constexpr unsigned int SURPLUS = 0;
-};
-
-struct Openssh {
-    using Server = servers::OpensshServer;
-    static constexpr char const* NAME = "Openssh";
-    static constexpr unsigned int SURPLUS = 3;
-};
-
-struct Names {
-    template <class Kind>
-    static std::string GetName(int) {
-        return Kind::NAME;
-    }
-};
 
 std::string Local(std::uint16_t port) { return "127.0.0.1:0:127.0.0.1:" + std::to_string(port); }
 

@@ -5,35 +5,26 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "real/server_kinds.h"
 #include "real/session_cases.h"
 #include "support/servers/python_servers.h"
 #include "support/servers/server_suite.h"
 
 using client::Report;
 using client::SessionClient;
+using kinds::Names;
 using testing::StartsWith;
 
 namespace {
 
-struct Asyncssh {
-    using Server = servers::AsyncsshServer;
-    static constexpr char const* NAME = "Asyncssh";
+struct Asyncssh : kinds::Asyncssh {
     static constexpr char const* VERSION = "SSH-2.0-AsyncSSH";
     static constexpr char const* OTHER_MAC = "hmac-sha1-96";
 };
 
-struct Paramiko {
-    using Server = servers::ParamikoServer;
-    static constexpr char const* NAME = "Paramiko";
+struct Paramiko : kinds::Paramiko {
     static constexpr char const* VERSION = "SSH-2.0-paramiko";
     static constexpr char const* OTHER_MAC = "hmac-md5";
-};
-
-struct Names {
-    template <class Kind>
-    static std::string GetName(int) {
-        return Kind::NAME;
-    }
 };
 
 template <class Kind>

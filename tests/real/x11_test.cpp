@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "real/server_kinds.h"
 #include "support/client/session_client.h"
 #include "support/servers/openssh_server.h"
 #include "support/servers/python_servers.h"
@@ -19,6 +20,8 @@ using testing::HasSubstr;
 using x11::ScriptedXServer;
 using x11::Transport;
 
+using namespace kinds;
+
 namespace {
 
 /// What xdpyinfo prints behind the line that names the display.
@@ -27,25 +30,6 @@ std::string BehindName(std::string const& output) {
     if (name == std::string::npos) return "no description: " + output;
     return output.substr(output.find('\n', name) + 1);
 }
-
-struct Asyncssh {
-    using Server = servers::AsyncsshServer;
-    static constexpr char const* NAME = "Asyncssh";
-    static constexpr unsigned int SURPLUS = 0;
-};
-
-struct Openssh {
-    using Server = servers::OpensshServer;
-    static constexpr char const* NAME = "Openssh";
-    static constexpr unsigned int SURPLUS = 3;
-};
-
-struct Names {
-    template <class Kind>
-    static std::string GetName(int) {
-        return Kind::NAME;
-    }
-};
 
 /// A server that grants the forwarding, and an X server, for all cases of a suite.
 template <class Kind>
