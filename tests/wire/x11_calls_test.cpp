@@ -1,5 +1,8 @@
 // System calls that fail while an X client is connected.
 
+#include <chrono>
+#include <future>
+
 #include "wire/x11_calls.h"
 #include "wire/x11_fixture.h"
 
@@ -50,12 +53,14 @@ TEST_F(X11CallsTest, ConnectionThatTakesNoDataWithin60MillisecondsIsClosed) {
 TEST_F(X11CallsTest, NodelayThatFailsEndsRunAndClosesTheConnection) {
     ScriptedXServer display(Transport::Tcp);
     std::string received = "?";
+    std::promise<void> displayIsDone; // and has closed its own end
     std::size_t before = 0;
     std::string const outcome = Run(
         display.Display(),
         [&](Connection& c, X11Peer& x) {
             x.Send(x.Setup(), x.Open());
             received = display.Accept().ReadToTheEnd();
+            displayIsDone.set_value();
             c.ExpectClosed();
         },
         [&](X11Session&) {
@@ -64,6 +69,7 @@ TEST_F(X11CallsTest, NodelayThatFailsEndsRunAndClosesTheConnection) {
         },
         [&](X11Session& session) {
             ExpectNoDescriptors(session);
+            displayIsDone.get_future().wait_for(std::chrono::seconds(10));
             EXPECT_EQ(OpenDescriptors(), before);
         });
     EXPECT_THAT(outcome, testing::MatchesRegex("SystemError: setsockopt: [0-9]+"));
