@@ -16,6 +16,7 @@
 #include <brantle/thornel/ipstream.h>
 #include <brantle/thornel/string_splitter.h>
 #include <brantle/thornel/string_tok.h>
+#include <brantle/thornel/text.h>
 
 namespace cindral {
 
@@ -29,7 +30,7 @@ constexpr unsigned int FIRST_PORT = 6000;
 String_t ListCommand(String_t const& display) {
     static char const forwarded[] = "localhost:";
     constexpr unsigned int length = sizeof forwarded - 1;
-    char const* const text = display.Text() ? display.Text() : "";
+    char const* const text = str_text(display.Text());
     String_t command("xauth list ");
     if (std::strncmp(text, forwarded, length) == 0)
         (command += "unix:") += text + length;

@@ -1,4 +1,5 @@
 #include <brantle/cindral/enter_password.h>
+#include <brantle/thornel/text.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -175,7 +176,7 @@ int EnterPassword::operator()(char* buffer, unsigned int size) {
         length = std::min(size, static_cast<unsigned int>(std::strlen(_preset.Text())));
         std::memcpy(buffer, _preset.Text(), length);
     } else {
-        int const result = Ask(_prompt.Text() ? _prompt.Text() : "", buffer, size);
+        int const result = Ask(str_text(_prompt.Text()), buffer, size);
         if (result < 0) return result;
         length = static_cast<unsigned int>(result);
     }

@@ -1,4 +1,5 @@
 #include <brantle/thornel/pathname.h>
+#include <brantle/thornel/text.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +17,7 @@
 namespace {
 
 /// The text of a path, empty for a null pointer.
-std::string_view View(String_t const& path) { return path.Text() ? path.Text() : ""; }
+std::string_view View(String_t const& path) { return str_text(path.Text()); }
 
 String_t ToString(std::string_view text) {
     return String_t(text.data(), static_cast<unsigned int>(text.size()));
