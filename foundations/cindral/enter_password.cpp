@@ -1,5 +1,4 @@
 #include <brantle/cindral/enter_password.h>
-#include <brantle/thornel/text.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,8 @@
 #include <unistd.h>
 
 #include <openssl/crypto.h>
+
+#include <brantle/thornel/text.h>
 
 namespace cindral {
 

@@ -1,5 +1,4 @@
 #include <brantle/thornel/pathname.h>
-#include <brantle/thornel/text.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,8 @@
 
 #include <glob.h>
 #include <unistd.h>
+
+#include <brantle/thornel/text.h>
 
 #include "passwd_entry.h"
 
