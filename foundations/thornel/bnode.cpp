@@ -29,57 +29,57 @@ bnode_t* ClimbFrom(bnode_t* node, Side side) {
     return node->_parent;
 }
 
-/// Lifts the child on a side above its parent, and returns it.
-AVLnode* Lift(AVLnode* node, Side side) {
+/// Rotates the child on a side above its parent, and returns it.
+AVLnode* Rotate(AVLnode* node, Side side) {
     AVLnode* const child = Child(node, side);
     SetChild(node, side, Link(child, Opposite(side)));
     SetChild(child, Opposite(side), node);
     return child;
 }
 
-/// Lifts the inner grandchild on a side above its parent and grandparent, and returns it.
-AVLnode* LiftInner(AVLnode* node, Side side) {
+/// A double rotation: brings the inner grandchild on a side above its parent and grandparent, and returns it.
+AVLnode* RotateDouble(AVLnode* node, Side side) {
     AVLnode* const child = Child(node, side);
     AVLnode* const inner = Child(child, Opposite(side));
-    SetChild(node, side, Lift(child, Opposite(side)));
-    Lift(node, side);
+    SetChild(node, side, Rotate(child, Opposite(side)));
+    Rotate(node, side);
     node->_balance = inner->_balance == side ? -side : 0;
     child->_balance = inner->_balance == -side ? side : 0;
     inner->_balance = 0;
     return inner;
 }
 
-/// Mends a node that is two levels higher on a side, and returns the new root. In a tree whose balance
-/// factors are wrong there may be nothing on that side to lift.
-AVLnode* Mend(AVLnode* node, Side side) {
+/// Rebalances a node that is two levels higher on a side, and returns the new root. In a tree whose balance
+/// factors are wrong there may be nothing on that side to rotate.
+AVLnode* Rebalance(AVLnode* node, Side side) {
     AVLnode* const child = Child(node, side);
     if (!child) return node;
-    if (child->_balance == -side && Link(child, Opposite(side))) return LiftInner(node, side);
+    if (child->_balance == -side && Link(child, Opposite(side))) return RotateDouble(node, side);
     bool const level = child->_balance == 0;
-    Lift(node, side);
+    Rotate(node, side);
     node->_balance = level ? side : 0;
     child->_balance = level ? -side : 0;
     return child;
 }
 
-/// Takes note that a node has become one level higher on a side, or lower on the other one, and
+/// Records that a node has become one level higher on a side, or lower on the other one, and
 /// returns the new root.
-AVLnode* Lean(AVLnode* node, Side side) {
-    if (node->_balance == side) return Mend(node, side);
+AVLnode* UpdateBalance(AVLnode* node, Side side) {
+    if (node->_balance == side) return Rebalance(node, side);
     node->_balance += side;
     return node;
 }
 
-AVLnode* GrowOn(AVLnode* node, Side side, int& grown) {
+AVLnode* AfterInsert(AVLnode* node, Side side, int& grown) {
     if (!grown) return node;
-    AVLnode* const root = Lean(node, side);
+    AVLnode* const root = UpdateBalance(node, side);
     grown = root->_balance != 0;
     return root;
 }
 
-AVLnode* ShrinkOn(AVLnode* node, Side side, int& shrunk) {
+AVLnode* AfterRemove(AVLnode* node, Side side, int& shrunk) {
     if (!shrunk) return node;
-    AVLnode* const root = Lean(node, Opposite(side));
+    AVLnode* const root = UpdateBalance(node, Opposite(side));
     shrunk = root->_balance == 0;
     return root;
 }
@@ -92,7 +92,7 @@ AVLnode* DeleteSmallest(AVLnode* root, int& shrunk, AVLnode*& smallest) {
         return Child(root, RIGHT);
     }
     SetChild(root, LEFT, DeleteSmallest(Child(root, LEFT), shrunk, smallest));
-    return ShrinkOn(root, LEFT, shrunk);
+    return AfterRemove(root, LEFT, shrunk);
 }
 
 /// Takes the root out of a tree, and returns the new one.
@@ -106,7 +106,7 @@ AVLnode* DeleteRoot(AVLnode* root, int& shrunk) {
     SetChild(successor, LEFT, root->_left);
     SetChild(successor, RIGHT, right);
     successor->_balance = root->_balance;
-    return ShrinkOn(successor, RIGHT, shrunk);
+    return AfterRemove(successor, RIGHT, shrunk);
 }
 
 /// Copies the tree under `from` into the place of a child under `to`, as far as the copying goes.
@@ -186,7 +186,7 @@ AVLnode* AVLnode::Insert(AVLnode* root, int (*compare)(bnode_t const*, void cons
     }
     Side const side = order > 0 ? LEFT : RIGHT;
     SetChild(root, side, Insert(Child(root, side), compare, key, create, createArg, found, foundArg, grown));
-    return GrowOn(root, side, grown);
+    return AfterInsert(root, side, grown);
 }
 
 AVLnode* AVLnode::Delete(AVLnode* root, int (*compare)(bnode_t const*, void const*), void const* key,
@@ -202,5 +202,5 @@ AVLnode* AVLnode::Delete(AVLnode* root, int (*compare)(bnode_t const*, void cons
     }
     Side const side = order > 0 ? LEFT : RIGHT;
     SetChild(root, side, Delete(Child(root, side), compare, key, shrunk, result));
-    return ShrinkOn(root, side, shrunk);
+    return AfterRemove(root, side, shrunk);
 }
