@@ -85,7 +85,7 @@ unsigned int ISshDataStream::Take(char* to, unsigned int room) {
 }
 
 ByteString ISshDataStream::ReceivePacket() {
-    if (_out._socketBuffer.HoldsBack() && !_in.HasInput()) _out._socketBuffer.Flush();
+    if (_out._socketBuffer.IsCorked() && !_in.HasInput()) _out._socketBuffer.Flush();
     ByteString const packet = _in.ReadPacket();
     if (packet.Length() > 0) CheckForWindowAdjust();
     return packet;

@@ -38,7 +38,7 @@ void OSshPacketStream::WritePacket(Packet& packet, bool more) {
     WritePadChars(padding);
     _adapter.Flush();
     if (_sshBuffer.FinalizePacket() < 0) return;
-    more ? _socketBuffer.FlushAhead() : _socketBuffer.Flush();
+    more ? _socketBuffer.FlushCorked() : _socketBuffer.Flush();
     _byteCount += length + LENGTH_FIELD;
 }
 

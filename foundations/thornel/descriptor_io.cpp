@@ -94,7 +94,7 @@ int DescriptorIO::Write(char const*& from, char const* end, unsigned int limit, 
     return 0;
 }
 
-void DescriptorIO::Push() const {
+void DescriptorIO::Uncork() const {
     int const uncorked = 0;
     if (_kind == SOCKET) setsockopt(_fd, IPPROTO_TCP, TCP_CORK, &uncorked, sizeof uncorked);
 }

@@ -69,7 +69,7 @@ OSockStream::OSockStream() : OSockStream(-1) {}
 OSockStream::OSockStream(int fd) : OSockStream(fd, BUFFER_SIZE) {}
 
 OSockStream::OSockStream(int fd, unsigned int size)
-    : OutputBuffer(size), _timeout(0), _io(fd), _failure(0), _holdsBack(false) {}
+    : OutputBuffer(size), _timeout(0), _io(fd), _failure(0), _isCorked(false) {}
 
 OSockStream::~OSockStream() = default;
 
@@ -90,9 +90,9 @@ int OSockStream::FlushDescriptor(bool more) {
     std::copy<char const*>(from, _pos, _start);
     _pos -= gone;
     if (sent < 0) return sent;
-    if (_holdsBack && !more) {
-        _io.Push();
-        _holdsBack = false;
+    if (_isCorked && !more) {
+        _io.Uncork();
+        _isCorked = false;
     }
     return static_cast<int>(gone);
 }
@@ -101,7 +101,7 @@ int OSockStream::Send(char const*& from, char const* end, bool more) {
     if (from == end) return 0;
     if (_failure == 0) {
         if (_io.Write(from, end, _timeout, more) == 0) {
-            _holdsBack = more;
+            _isCorked = more;
             return 0;
         }
         _failure = errno;
@@ -115,7 +115,7 @@ void OSockStream::Bind(int fd) {
     _io.Set(fd);
     _pos = _start;
     _failure = 0;
-    _holdsBack = false;
+    _isCorked = false;
     SetStatus(0);
 }
 

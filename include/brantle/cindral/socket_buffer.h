@@ -36,8 +36,8 @@ public:
 
     /// As Flush(), where other bytes follow at once: the kernel may hold these back for them, so that all
     /// leave in full segments, for up to 200 ms or until the next Flush(), even one of an empty buffer.
-    int FlushAhead() { return FlushDescriptor(true); }
-    using OSockStream::HoldsBack;
+    int FlushCorked() { return FlushDescriptor(true); }
+    using OSockStream::IsCorked;
 
     int putchr(char byte) override;
     int put(char const* begin, char const* end) override;

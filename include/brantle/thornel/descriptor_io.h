@@ -42,11 +42,11 @@ public:
 
     /// Writes everything from `from` to `end` and advances `from` by what has gone. Returns 0, or -1
     /// with errno set. With `more`, other bytes follow at once: a TCP socket may hold back the end of these,
-    /// which does not fill a segment, for them or for a Push, though no longer than 200 ms.
+    /// which does not fill a segment, for them or for an Uncork, though no longer than 200 ms.
     int Write(char const*& from, char const* end, unsigned int limit, bool more = false) const;
 
-    /// Sends what a socket holds back.
-    void Push() const;
+    /// Sends what a socket holds back by `more`.
+    void Uncork() const;
 
     /// Whether there is input, the end of it or a failure to read, without a wait.
     bool HasInput() const;

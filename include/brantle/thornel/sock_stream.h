@@ -78,12 +78,12 @@ protected:
     /// Writes a range past the buffer, which must be empty. Returns 0, or -1 with errno set.
     int Send(char const*& from, char const* end, bool more = false);
     /// Whether the kernel may hold back bytes. The next Flush() sends them.
-    bool HoldsBack() const { return _holdsBack; }
+    bool IsCorked() const { return _isCorked; }
 
 private:
     DescriptorIO _io;
     int _failure; ///< errno of the write that failed since the last Bind, else 0
-    bool _holdsBack;
+    bool _isCorked;
 };
 
 /// A buffered input stream over a descriptor, which stays the caller's.

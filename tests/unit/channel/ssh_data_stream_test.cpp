@@ -498,18 +498,18 @@ TEST_F(DataInput, AdjustmentWaitsForTheNextRequestOrAReadThatHasToWait) {
     EXPECT_EQ(7000, _stream.Fill());
     EXPECT_EQ(TakeMore(recorder), (Sends{true}));
     EXPECT_EQ(1u, _connection.Sent().size());
-    EXPECT_TRUE(_connection._out._socketBuffer.HoldsBack());
+    EXPECT_TRUE(_connection._out._socketBuffer.IsCorked());
 
     _connection.Receive(Data("x"));
     EXPECT_EQ(1, _stream.Fill()); // without a wait
-    EXPECT_TRUE(_connection._out._socketBuffer.HoldsBack());
+    EXPECT_TRUE(_connection._out._socketBuffer.IsCorked());
 
     auto const before = DescriptorIO::SystemCalls();
     static PlainConnection* connection;
     connection = &_connection;
     DescriptorIO::SystemCalls().poll = [](pollfd* records, nfds_t count, int limit) {
         if (limit != 0) {
-            EXPECT_FALSE(connection->_out._socketBuffer.HoldsBack());
+            EXPECT_FALSE(connection->_out._socketBuffer.IsCorked());
             connection->Receive(Data("y"));
         }
         return poll(records, count, limit);

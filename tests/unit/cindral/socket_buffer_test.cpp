@@ -233,11 +233,11 @@ TEST_F(SocketBuffers, FlushAheadHandsOverAsMoreToCome) {
     using Sent = support::SendRecorder::Sent;
     support::SendRecorder recorder;
     Put("abc");
-    EXPECT_EQ(_out.FlushAhead(), 3);
-    EXPECT_TRUE(_out.HoldsBack());
+    EXPECT_EQ(_out.FlushCorked(), 3);
+    EXPECT_TRUE(_out.IsCorked());
     Put("de");
     EXPECT_EQ(_out.Flush(), 2);
-    EXPECT_FALSE(_out.HoldsBack());
+    EXPECT_FALSE(_out.IsCorked());
     EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{3, true}, {2, false}}));
     EXPECT_EQ(_pair.Received(), "abcde");
 }
@@ -248,15 +248,15 @@ TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
     out.Bind(pair.Ours());
     std::string const text = "abc";
     out.put(text.data(), text.data() + text.size());
-    out.FlushAhead();
+    out.FlushCorked();
     EXPECT_EQ(out.Flush(), 0);
-    EXPECT_FALSE(out.HoldsBack());
+    EXPECT_FALSE(out.IsCorked());
     EXPECT_EQ(support::Unsent(pair.Ours()), 0);
 }
 
 TEST_F(SocketBuffers, FailedFlushBehindOneAheadTellsItsOwnError) {
     Put("abc");
-    _out.FlushAhead();
+    _out.FlushCorked();
     _pair.ClosePeer();
     Put("de");
     errno = 0;
@@ -266,9 +266,9 @@ TEST_F(SocketBuffers, FailedFlushBehindOneAheadTellsItsOwnError) {
 
 TEST_F(SocketBuffers, BindingForgetsWhatIsHeldBack) {
     Put("abc");
-    _out.FlushAhead();
+    _out.FlushCorked();
     _out.Bind(_pair.Ours());
-    EXPECT_FALSE(_out.HoldsBack());
+    EXPECT_FALSE(_out.IsCorked());
 }
 
 } // namespace

@@ -232,23 +232,23 @@ TEST(DescriptorIO, BytesThatOthersFollowAreHandedOverAsMoreToCome) {
     }
 }
 
-TEST(DescriptorIO, PipeTakesBytesThatOthersFollowAndAPush) {
+TEST(DescriptorIO, PipeTakesCorkedBytesAndAnUncork) {
     DescriptorPair pair = DescriptorPair::Pipe(false);
     DescriptorIO const io(pair.Ours());
     std::string const text = "abc";
     char const* from = text.data();
     EXPECT_EQ(io.Write(from, text.data() + 3, 0, true), 0);
     EXPECT_EQ(pair.Received(), text);
-    io.Push();
+    io.Uncork();
 }
 
-TEST(DescriptorIO, PushSendsWhatTheKernelHoldsBack) {
+TEST(DescriptorIO, UncorkSendsWhatTheKernelHolds) {
     DescriptorPair pair = DescriptorPair::Tcp();
     DescriptorIO const io(pair.Ours());
     std::string const text = "abc";
     char const* from = text.data();
     EXPECT_EQ(io.Write(from, text.data() + 3, 0, true), 0);
-    io.Push();
+    io.Uncork();
     EXPECT_EQ(support::Unsent(pair.Ours()), 0);
 }
 
