@@ -73,7 +73,7 @@ int DescriptorIO::Read(char* to, std::size_t size, unsigned int limit) const {
     return static_cast<int>(ReadOnce(to, size, 0, limit));
 }
 
-int DescriptorIO::ReadThrough(char* to, std::size_t size, char last, unsigned int limit) const {
+int DescriptorIO::ReadUntil(char* to, std::size_t size, char last, unsigned int limit) const {
     if (_kind != SOCKET) return Read(to, std::min<std::size_t>(size, 1), limit);
     ssize_t ahead = ReadOnce(to, size, MSG_PEEK, limit);
     if (ahead < 1) return static_cast<int>(ahead);

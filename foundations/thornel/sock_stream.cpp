@@ -157,7 +157,7 @@ int ISockStream::Fill() {
 
 int ISockStream::FillLine(char last) {
     if (_tied) _tied->Flush();
-    return NoteFilled(_failure ? -1 : _io.ReadThrough(_start, _capacity, last, _timeout));
+    return NoteFilled(_failure ? -1 : _io.ReadUntil(_start, _capacity, last, _timeout));
 }
 
 int ISockStream::NoteFilled(int count) {
@@ -166,7 +166,7 @@ int ISockStream::NoteFilled(int count) {
     return NoteFailure(count);
 }
 
-int ISockStream::ReceivePast(char* begin, char* end) {
+int ISockStream::ReadUnbuffered(char* begin, char* end) {
     FlushTied();
     return NoteFailure(_failure ? -1 : _io.Read(begin, static_cast<std::size_t>(end - begin), _timeout));
 }

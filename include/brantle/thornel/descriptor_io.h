@@ -38,7 +38,7 @@ public:
     int Read(char* to, std::size_t size, unsigned int limit) const;
 
     /// As Read, but stops behind the first `last` and takes no byte behind that out of the descriptor.
-    int ReadThrough(char* to, std::size_t size, char last, unsigned int limit) const;
+    int ReadUntil(char* to, std::size_t size, char last, unsigned int limit) const;
 
     /// Writes everything from `from` to `end` and advances `from` by what has gone. Returns 0, or -1
     /// with errno set. With `more`, other bytes follow at once: a TCP socket may hold back the end of these,

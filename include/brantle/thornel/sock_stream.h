@@ -142,7 +142,7 @@ protected:
     int Refill();
     /// Flushes the tied stream, then reads from the descriptor into a range, past the window, which must be
     /// empty. Results as of Fill().
-    int ReceivePast(char* begin, char* end);
+    int ReadUnbuffered(char* begin, char* end);
     /// Whether a read from the descriptor would find bytes, the end of the input or a failure without a wait.
     bool HasInput() const { return _failure || _io.HasInput(); }
     /// Stores a part of a range that Read wants, with an empty window: here what a Refill() brings. A

@@ -117,7 +117,7 @@ TEST_P(EitherDescriptor, ReadThroughTakesNoByteBehindTheLast) {
     DescriptorIO io(pair.Ours());
     std::string got;
     for (char bytes[64]; got.empty() || got.back() != '\n';) {
-        int count = io.ReadThrough(bytes, sizeof(bytes), '\n', 0);
+        int count = io.ReadUntil(bytes, sizeof(bytes), '\n', 0);
         ASSERT_GT(count, 0);
         got.append(bytes, static_cast<std::size_t>(count));
     }
@@ -129,7 +129,7 @@ TEST_P(EitherDescriptor, ReadThroughReturnsZeroAtTheEnd) {
     DescriptorPair pair = ForReading();
     pair.ClosePeer();
     char bytes[8];
-    EXPECT_EQ(DescriptorIO(pair.Ours()).ReadThrough(bytes, sizeof(bytes), '\n', 0), 0);
+    EXPECT_EQ(DescriptorIO(pair.Ours()).ReadUntil(bytes, sizeof(bytes), '\n', 0), 0);
 }
 
 TEST(DescriptorIO, SocketTransferIsASingleCallWithALimitToo) {
