@@ -144,7 +144,7 @@ void LogIn(SshSession& session, Target const& target) {
     if (session.Authenticate(target._key, target._user, String_t(), none, empty) < 0) Die("login failed");
 }
 
-void ReadSurplus(SshSession& session) {
+void DrainPendingMessages(SshSession& session) {
     for (int i = 0; i < SURPLUS_PACKETS; ++i) session.AuthReadPacket();
 }
 
@@ -185,7 +185,7 @@ int ExecSource(Target const& target, Report& report, char** arguments) {
     Redirect(STDIN_FILENO, "/dev/null", O_RDONLY);
     Redirect(STDOUT_FILENO, arguments[1], O_WRONLY | O_CREAT | O_TRUNC);
     BenchSession session(target);
-    ReadSurplus(session);
+    DrainPendingMessages(session);
     Usage const start = Usage::Current();
     // Data behind exit-status is dropped, so the command outlives its output.
     String_t command("head -c ");
@@ -206,7 +206,7 @@ long long SizeOf(char const* path) {
 int ExecSink(Target const& target, Report& report, char** arguments) {
     Redirect(STDIN_FILENO, arguments[0], O_RDONLY);
     BenchSession session(target);
-    ReadSurplus(session);
+    DrainPendingMessages(session);
     Usage const start = Usage::Current();
     session.RunCommand("cat >/dev/null");
     report.Print(start, Usage::Current(), SizeOf(arguments[0]), 0);
@@ -216,7 +216,7 @@ int ExecSink(Target const& target, Report& report, char** arguments) {
 int ScpGet(Target const& target, Report& report, char** arguments) {
     ScpSession session(target._port, String_t(target._host));
     LogIn(session, target);
-    ReadSurplus(session);
+    DrainPendingMessages(session);
     Pathname const local(arguments[1]);
     TOList<String_t> remote;
     remote.Append(arguments[0]);
@@ -231,7 +231,7 @@ int ScpGet(Target const& target, Report& report, char** arguments) {
 int ScpPut(Target const& target, Report& report, char** arguments) {
     ScpSession session(target._port, String_t(target._host));
     LogIn(session, target);
-    ReadSurplus(session);
+    DrainPendingMessages(session);
     Pathname const local(arguments[0]);
     Usage const start = Usage::Current();
     if (session.StartSend(String_t(arguments[1])) != 0) Die("scp did not start");
@@ -246,7 +246,7 @@ public:
     explicit BenchSftpSession(Target const& target)
         : SftpClientSession(target._port, String_t(target._host)) {
         LogIn(*this, target);
-        ReadSurplus(*this);
+        DrainPendingMessages(*this);
         if (Start() != 0) Die("sftp did not start");
     }
 };
@@ -288,7 +288,7 @@ SshSession* forwarding;
 
 int Forward(Target const& target, Report&, char** arguments) {
     BenchSession session(target);
-    ReadSurplus(session);
+    DrainPendingMessages(session);
     if (session.Open() < 0) Die("channel refused");
     session.InitDispatcher();
     session.Multiplexer().Unregister(STDIN_FILENO);

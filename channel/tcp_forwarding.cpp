@@ -77,7 +77,7 @@ int SshSession::LFAcceptor::Dispatch(int fd) {
     LocalForwarding* const forwarding = session->_localForwardings.Find(_listenPort);
     if (!forwarding || !forwarding->_server || forwarding->_server->Fd() != fd) return 0;
     session->AcceptLocalFwdConnection(forwarding);
-    session->ServeBufferedInput();
+    session->DispatchBufferedPackets();
     return 1;
 }
 
@@ -115,12 +115,12 @@ int SshSession::AcceptLocalFwdConnection(LocalForwarding* forwarding) {
     PacketOpenTcpChannel request(_channels.NextId(), INITIAL_WINDOW, MAX_PACKET, forwarding->_host,
                                  forwarding->_port, address, port);
     _out.WritePacket(request);
-    return AwaitTcpChannel(request._channelType, connection);
+    return WaitForOpenConfirmation(request._channelType, connection);
 }
 
 /// Handles packets until the answer is among them, or until those that have arrived are used up: the
 /// connection is then dropped by its owner, and an answer that comes later finds nobody waiting.
-int SshSession::AwaitTcpChannel(String_t const& channelType, FileDescriptor& connection) {
+int SshSession::WaitForOpenConfirmation(String_t const& channelType, FileDescriptor& connection) {
     do {
         PacketDecoder decoder(_in.ReadPacket());
         int const number = MessageNumber(decoder._data);
@@ -139,7 +139,7 @@ int SshSession::AwaitTcpChannel(String_t const& channelType, FileDescriptor& con
 }
 
 /// Packets that came in the same read as the answer are announced by no poll(2) any more.
-void SshSession::ServeBufferedInput() {
+void SshSession::DispatchBufferedPackets() {
     if (!_in.HasBufferedInput() || _task.IsStopped())
         _channels.FlushAllChannels();
     else if (!_mux.Dispatch(_fd))

@@ -114,7 +114,7 @@ int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int le
     if (isKnown && real.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
     // An X server without access control does not look at the cookie.
     message.Send(fd, _x11->_authMethod, isKnown ? real : _x11->_fakeCookie);
-    JoinDescriptor(fd, channel);
+    RegisterChannelInput(fd, channel);
     int const connected = fd;
     fd._fd = -1;
     return connected;

@@ -69,7 +69,7 @@ inline String_t Command(char** words) {
 
 /// Some servers send messages of their own right after the login, and a channel can be opened only
 /// when they have been read. Takes what arrives until the server has been quiet for a moment.
-inline void ReadSurplus(cindral::SshSession& session) {
+inline void DrainPendingMessages(cindral::SshSession& session) {
     constexpr int QUIET_MILLISECONDS = 300;
     pollfd socket = {session.Fd(), POLLIN, 0};
     while (session.HasBufferedInput() || poll(&socket, 1, QUIET_MILLISECONDS) > 0) session.AuthReadPacket();
@@ -95,7 +95,7 @@ inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
     cindral::KbdInteractiveCallback questions;
     if (session.Authenticate(arguments._identity, arguments._user, String_t(), password, questions) < 0)
         return Fail(NOT_LOGGED_IN, "the server accepts no login");
-    ReadSurplus(session);
+    DrainPendingMessages(session);
     return DONE;
 }
 

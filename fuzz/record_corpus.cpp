@@ -104,7 +104,7 @@ constexpr File FILES[] = {
 struct Peer {
     std::string name;
     RealServer const& server;
-    unsigned int surplusAfterKey = 0;
+    unsigned int unsolicitedAfterKey = 0;
     unsigned int surplusOtherwise = 0;
 };
 
@@ -192,7 +192,7 @@ private:
         if (session.Authenticate(key.c_str(), login.user.c_str(), login.password.c_str(), enter, callback) !=
             0)
             return false;
-        unsigned int surplus = login.key.empty() ? _peer.surplusOtherwise : _peer.surplusAfterKey;
+        unsigned int surplus = login.key.empty() ? _peer.surplusOtherwise : _peer.unsolicitedAfterKey;
         for (; surplus > 0; --surplus) session.AuthReadPacket();
         return true;
     }

@@ -76,7 +76,7 @@ OwnedNumber RandomNumber(int bits) {
 }
 
 /// What both exchange hashes begin with.
-void FeedHead(Digest& digest, String_t const& clientVersion, String_t const& serverVersion,
+void HashPrefix(Digest& digest, String_t const& clientVersion, String_t const& serverVersion,
               ByteString const& clientKexInit, ByteString const& serverKexInit, ByteString const& hostKey) {
     digest.UpdateString(clientVersion);
     digest.UpdateString(serverVersion);
@@ -86,7 +86,7 @@ void FeedHead(Digest& digest, String_t const& clientVersion, String_t const& ser
 }
 
 /// What both exchange hashes end with.
-ByteString FeedTail(Digest& digest, bignum_st const* own, BigNum const& peer, BigNum const& secret) {
+ByteString HashSuffix(Digest& digest, bignum_st const* own, BigNum const& peer, BigNum const& secret) {
     digest.Update(own);
     digest.Update(peer._bn);
     digest.Update(secret._bn);
@@ -155,8 +155,8 @@ ByteString DhExchange::Hash(String_t const& clientVersion, String_t const& serve
                             ByteString const& clientKexInit, ByteString const& serverKexInit,
                             ByteString const& hostKey, BigNum const& peer, BigNum const& secret) const {
     Digest digest(DIGEST_SHA1);
-    FeedHead(digest, clientVersion, serverVersion, clientKexInit, serverKexInit, hostKey);
-    return FeedTail(digest, PubKey(), peer, secret);
+    HashPrefix(digest, clientVersion, serverVersion, clientKexInit, serverKexInit, hostKey);
+    return HashSuffix(digest, PubKey(), peer, secret);
 }
 
 DhGroupExchange::DhGroupExchange(BigNum& g, BigNum& p) {
@@ -176,13 +176,13 @@ ByteString DhGroupExchange::Hash(String_t const& clientVersion, String_t const& 
                                  BigNum const& peer, BigNum const& secret) const {
     bool const preferredAlone = parameters.min < 0 || parameters.max < 0;
     Digest digest(DIGEST_SHA1);
-    FeedHead(digest, clientVersion, serverVersion, clientKexInit, serverKexInit, hostKey);
+    HashPrefix(digest, clientVersion, serverVersion, clientKexInit, serverKexInit, hostKey);
     if (!preferredAlone) digest.UpdateInt(static_cast<unsigned int>(parameters.min));
     digest.UpdateInt(static_cast<unsigned int>(parameters.pref));
     if (!preferredAlone) digest.UpdateInt(static_cast<unsigned int>(parameters.max));
     digest.Update(DH_get0_p(_dh));
     digest.Update(DH_get0_g(_dh));
-    return FeedTail(digest, PubKey(), peer, secret);
+    return HashSuffix(digest, PubKey(), peer, secret);
 }
 
 } // namespace cindral

@@ -93,7 +93,7 @@ void SshSession::InitDispatcher() {
     _mux.Register(_fd, SshDispatcher(this));
     SshChannel* terminal = _channels.NewTtyChannel(_remoteChannel, "client-session", _windowSize, STDIN_FILENO,
                                                    STDOUT_FILENO, STDERR_FILENO, &_in, &_out);
-    JoinDescriptor(STDIN_FILENO, terminal);
+    RegisterChannelInput(STDIN_FILENO, terminal);
     SetNodelay(_fd);
     SockIO::SetCloseOnExec(_fd);
 }
@@ -101,10 +101,10 @@ void SshSession::InitDispatcher() {
 void SshSession::RegisterFdDispatcher(SshChannel* channel) {
     SetNodelay(channel->_fdIn);
     SockIO::SetCloseOnExec(channel->_fdIn);
-    JoinDescriptor(channel->_fdIn, channel);
+    RegisterChannelInput(channel->_fdIn, channel);
 }
 
-void SshSession::JoinDescriptor(int fd, SshChannel const* channel) {
+void SshSession::RegisterChannelInput(int fd, SshChannel const* channel) {
     _mux.Register(fd, FdDispatcher(this, channel));
 }
 

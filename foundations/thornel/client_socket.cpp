@@ -16,7 +16,7 @@ namespace {
 using std::chrono::milliseconds;
 
 /// Closes the descriptor, keeps errno and returns -1.
-int Abandon(int fd) {
+int CloseKeepingErrno(int fd) {
     int error = errno;
     close(fd);
     errno = error;
@@ -76,17 +76,17 @@ int ConnectIn(sockaddr_storage const& address, socklen_t length, Deadline const&
     int fd = socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     if (connect(fd, reinterpret_cast<sockaddr const*>(&address), length) < 0) {
-        if (errno != EINPROGRESS && errno != EINTR) return Abandon(fd);
-        if (deadline.Wait(::poll, fd, POLLOUT) < 0) return Abandon(fd);
+        if (errno != EINPROGRESS && errno != EINTR) return CloseKeepingErrno(fd);
+        if (deadline.Wait(::poll, fd, POLLOUT) < 0) return CloseKeepingErrno(fd);
         int error = 0;
         socklen_t size = sizeof(error);
-        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) < 0) return Abandon(fd);
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) < 0) return CloseKeepingErrno(fd);
         if (error != 0) {
             errno = error;
-            return Abandon(fd);
+            return CloseKeepingErrno(fd);
         }
     }
-    if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) < 0) return Abandon(fd);
+    if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) < 0) return CloseKeepingErrno(fd);
     return fd;
 }
 

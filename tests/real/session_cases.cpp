@@ -83,7 +83,7 @@ void ExpectKeyLogins(Peer const& peer) {
         for (std::string const format : {"", ".openssh"}) {
             SCOPED_TRACE(key + format);
             SessionClient client(peer.server);
-            client.WithKey(key + format).ReadingSurplus(peer.surplusAfterKey);
+            client.WithKey(key + format).ReadingSurplus(peer.unsolicitedAfterKey);
             ExpectWelcome(client);
         }
 }
@@ -93,7 +93,7 @@ void ExpectEncryptedKeyLogins(Peer const& peer) {
         for (std::string const format : {".encrypted", ".openssh.encrypted"}) {
             SCOPED_TRACE(key + format);
             SessionClient client(peer.server);
-            client.WithKey(key + format, servers::KEY_PASSPHRASE).ReadingSurplus(peer.surplusAfterKey);
+            client.WithKey(key + format, servers::KEY_PASSPHRASE).ReadingSurplus(peer.unsolicitedAfterKey);
             ExpectWelcome(client);
         }
 }
@@ -109,7 +109,7 @@ void ExpectDefaultKeyLogins(Peer const& peer) {
         for (std::string const end : {"", ".pub"})
             std::filesystem::copy_file(peer.server.File("user_" + type + end),
                                        client.File(".ssh/id_" + type + end));
-        client.ReadingSurplus(peer.surplusAfterKey);
+        client.ReadingSurplus(peer.unsolicitedAfterKey);
         ExpectWelcome(client);
     }
 }
@@ -119,7 +119,7 @@ void ExpectAgentLogins(Peer const& peer) {
     for (std::string const& key : RSA_AND_DSA) {
         SCOPED_TRACE(key);
         SessionClient client(peer.server);
-        client.WithKeyInAgent(key, agent).ReadingSurplus(peer.surplusAfterKey);
+        client.WithKeyInAgent(key, agent).ReadingSurplus(peer.unsolicitedAfterKey);
         agent.Add(peer.server.File(key));
         ExpectWelcome(client);
         agent.RemoveAll();
@@ -178,7 +178,7 @@ void ExpectWrongAnswerRefused(Peer const& peer) {
 
 void ExpectHostLearntThenFound(Peer const& peer, std::string const& algorithm, std::string const& file) {
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.surplusAfterKey);
+    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
     ExpectWelcome(client);
     std::string const line =
         HostName(peer.server) + " " + algorithm + " " + KeyIn(peer.server.File(file + ".pub")) + "\n";
@@ -202,20 +202,20 @@ void ExpectChangedHostKeyRefused(Peer const& peer) {
 void ExpectInputComesBack(Peer const& peer) {
     std::string const input = Pattern(1 << 20);
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.surplusAfterKey);
+    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
     Report const report = RunCommand(peer, client, "cat", input);
     EXPECT_TRUE(report.output == peer.banner + input) << report.output.size() << " bytes came back";
 }
 
 void ExpectErrorOutputOnDescriptor1(Peer const& peer) {
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.surplusAfterKey);
+    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
     EXPECT_EQ(RunCommand(peer, client, "echo complaint >&2").output, "complaint\n");
 }
 
 void ExpectEndedBySignal(Peer const& peer) {
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.surplusAfterKey);
+    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
     RunCommand(peer, client, "kill -TERM $$");
 }
 
@@ -223,7 +223,7 @@ void ExpectShellOnTerminal(Peer const& peer) {
     client::Terminal terminal(133, 41);
     termios const before = terminal.Settings();
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.surplusAfterKey).WithVariable("TERM=vt220");
+    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey).WithVariable("TERM=vt220");
     auto const session = client.StartOnTerminal("shell", terminal);
     client::WaitUntil(*session, [&] { return terminal.IsRaw(); });
     terminal.Type("stty size; echo type=$TERM" + peer.lastWords + "; exit\r");

@@ -282,13 +282,13 @@ protected:
     int HandleChannelRequest(PacketDecoder& decoder);
     int HandleChannelEof(PacketDecoder& decoder);
     int HandleChannelClose(PacketDecoder& decoder);
-    int AwaitTcpChannel(String_t const& channelType, FileDescriptor& connection);
-    void ServeBufferedInput();
+    int WaitForOpenConfirmation(String_t const& channelType, FileDescriptor& connection);
+    void DispatchBufferedPackets();
     void ReportIgnored(int number);
     void RefuseChannel(unsigned int sender);
 
     /// Registers a descriptor that feeds `channel` with the loop.
-    void JoinDescriptor(int fd, SshChannel const* channel);
+    void RegisterChannelInput(int fd, SshChannel const* channel);
     void RequestX11Forwarding();
 
     static constexpr unsigned int INITIAL_WINDOW = 0x200000; ///< granted for each channel

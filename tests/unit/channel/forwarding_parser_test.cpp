@@ -45,97 +45,97 @@ constexpr unsigned int MINUS_ONE = 0xffffffff;
 
 } // namespace
 
-TEST(ForwardingSpec, WithoutABindAddressItIsLocalhost) {
+TEST(ForwardingParser, WithoutABindAddressItIsLocalhost) {
     EXPECT_EQ(Parse("8080:example:80"), (Forwarding{0, "localhost", 8080, "example", 80}));
 }
 
-TEST(ForwardingSpec, BindAddressComesFirst) {
+TEST(ForwardingParser, BindAddressComesFirst) {
     EXPECT_EQ(Parse("0.0.0.0:8080:example:80"), (Forwarding{0, "0.0.0.0", 8080, "example", 80}));
     EXPECT_EQ(Parse("*:8080:example:80"), (Forwarding{0, "*", 8080, "example", 80}));
     EXPECT_EQ(Parse("1.2:8080:h:80"), (Forwarding{0, "1.2", 8080, "h", 80}));
 }
 
-TEST(ForwardingSpec, HostOfDigitsIsRefused) {
+TEST(ForwardingParser, HostOfDigitsIsRefused) {
     EXPECT_EQ(Parse("8080:80:80"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
     EXPECT_EQ(Parse("here:8080:80:80"), (Forwarding{-EINVAL, "here", 8080, "old host", 2}));
     EXPECT_EQ(Result("8080:-80:80"), -EINVAL);
 }
 
-TEST(ForwardingSpec, HostOfDigitsStandsInBrackets) {
+TEST(ForwardingParser, HostOfDigitsStandsInBrackets) {
     EXPECT_EQ(Parse("8080:[80]]80"), (Forwarding{0, "localhost", 8080, "80", 80}));
 }
 
-TEST(ForwardingSpec, MissingPortIsRefused) {
+TEST(ForwardingParser, MissingPortIsRefused) {
     EXPECT_EQ(Parse("8080:example"), (Forwarding{-EINVAL, "localhost", 8080, "example", 2}));
     EXPECT_EQ(Parse("8080:example:"), (Forwarding{-EINVAL, "localhost", 8080, "example", 2}));
     EXPECT_EQ(Parse("8080:example::80"), (Forwarding{-EINVAL, "localhost", 8080, "example", 2}));
     EXPECT_EQ(Result("8080:[a]]"), -EINVAL);
 }
 
-TEST(ForwardingSpec, MissingHostIsRefused) {
+TEST(ForwardingParser, MissingHostIsRefused) {
     EXPECT_EQ(Parse("8080"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
     EXPECT_EQ(Parse("8080:"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
     EXPECT_EQ(Parse("8080::80"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
 }
 
-TEST(ForwardingSpec, PortThatIsNoNumberIsRefused) {
+TEST(ForwardingParser, PortThatIsNoNumberIsRefused) {
     for (char const* port : {"http", "80x", "[80]]", "0x50", "80 ", "", "2147483648", "8 0", "+-8"})
         EXPECT_EQ(Result(std::string("8080:example:") + port), -EINVAL) << port;
 }
 
-TEST(ForwardingSpec, TextWithNothingInItIsRefused) {
+TEST(ForwardingParser, TextWithNothingInItIsRefused) {
     for (char const* spec : {"", " ", "\t\n", ":", ":8080:example:80", "[", "[a", "[a]"})
         EXPECT_EQ(Parse(spec), (Forwarding{-EINVAL, "old address", 1, "old host", 2})) << spec;
 }
 
-TEST(ForwardingSpec, NullIsRefusedAndChangesNothing) {
+TEST(ForwardingParser, NullIsRefusedAndChangesNothing) {
     EXPECT_EQ(Parse(nullptr), (Forwarding{-EINVAL, "old address", 1, "old host", 2}));
 }
 
-TEST(ForwardingSpec, SingleBracketIsRefused) {
+TEST(ForwardingParser, SingleBracketIsRefused) {
     EXPECT_EQ(Parse("[a]:1:b:2"), (Forwarding{-EINVAL, "old address", 1, "old host", 2}));
     EXPECT_EQ(Parse("8080:[::1]:80"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
 }
 
-TEST(ForwardingSpec, NoColonStandsBehindBrackets) {
+TEST(ForwardingParser, NoColonStandsBehindBrackets) {
     EXPECT_EQ(Parse("[::1]]8080:[fe80::1]]80"), (Forwarding{0, "::1", 8080, "fe80::1", 80}));
     EXPECT_EQ(Parse("[::1]]:8080:h:80").result, -EINVAL);
     EXPECT_EQ(Parse("8080:[h]]:80").result, -EINVAL);
 }
 
-TEST(ForwardingSpec, BracketsAreTextWhateverIsInThem) {
+TEST(ForwardingParser, BracketsAreTextWhateverIsInThem) {
     EXPECT_EQ(Parse("[8080]]1:h:80"), (Forwarding{0, "8080", 1, "h", 80}));
     EXPECT_EQ(Parse("[]]1:[]]80"), (Forwarding{0, "", 1, "", 80}));
     EXPECT_EQ(Parse("[a[b:c]]1:h:80"), (Forwarding{0, "a[b:c", 1, "h", 80}));
 }
 
-TEST(ForwardingSpec, BracketWithinAFieldIsNoBracket) {
+TEST(ForwardingParser, BracketWithinAFieldIsNoBracket) {
     EXPECT_EQ(Parse("a[b:1:c]]:80"), (Forwarding{0, "a[b", 1, "c]]", 80}));
 }
 
-TEST(ForwardingSpec, BindAddressNeedsANumberAndAColonBehindIt) {
+TEST(ForwardingParser, BindAddressNeedsANumberAndAColonBehindIt) {
     EXPECT_EQ(Parse("here:there:host:80"), (Forwarding{-EINVAL, "here", 0, "old host", 2}));
     EXPECT_EQ(Parse("here:8080"), (Forwarding{-EINVAL, "here", 8080, "old host", 2}));
     EXPECT_EQ(Parse("here:8080x:host:80"), (Forwarding{-EINVAL, "here", 8080, "old host", 2}));
     EXPECT_EQ(Parse("here").result, -EINVAL);
 }
 
-TEST(ForwardingSpec, WhiteSpaceInFrontOfAFieldIsSkipped) {
+TEST(ForwardingParser, WhiteSpaceInFrontOfAFieldIsSkipped) {
     EXPECT_EQ(Parse(" 8080:\texample:\n80"), (Forwarding{0, "localhost", 8080, "example", 80}));
     EXPECT_EQ(Parse(" here: 8080 : example: 80"), (Forwarding{0, "here", 8080, "example", 80}));
 }
 
-TEST(ForwardingSpec, WhiteSpaceBehindAFieldBelongsToIt) {
+TEST(ForwardingParser, WhiteSpaceBehindAFieldBelongsToIt) {
     EXPECT_EQ(Parse("8080:example :80"), (Forwarding{0, "localhost", 8080, "example ", 80}));
     EXPECT_EQ(Parse("8080 :1:example:80"), (Forwarding{0, "8080 ", 1, "example", 80}));
 }
 
-TEST(ForwardingSpec, TextBehindThePortIsNotLookedAt) {
+TEST(ForwardingParser, TextBehindThePortIsNotLookedAt) {
     EXPECT_EQ(Parse("8080:example:80:and so on"), (Forwarding{0, "localhost", 8080, "example", 80}));
     EXPECT_EQ(Parse("8080:example:80:"), (Forwarding{0, "localhost", 8080, "example", 80}));
 }
 
-TEST(ForwardingSpec, NumbersKeepTheirSignsAndTheirSizes) {
+TEST(ForwardingParser, NumbersKeepTheirSignsAndTheirSizes) {
     EXPECT_EQ(Parse("-1:example:+80"), (Forwarding{0, "localhost", MINUS_ONE, "example", 80}));
     EXPECT_EQ(Parse("0:example:-1"), (Forwarding{0, "localhost", 0, "example", MINUS_ONE}));
     EXPECT_EQ(Parse("2147483647:h:65536"), (Forwarding{0, "localhost", 2147483647, "h", 65536}));
@@ -143,11 +143,11 @@ TEST(ForwardingSpec, NumbersKeepTheirSignsAndTheirSizes) {
     EXPECT_EQ(Result("here:4294967296:h:80"), -EINVAL);
 }
 
-TEST(ForwardingSpec, NumberThatIsTooLargeIsABindAddress) {
+TEST(ForwardingParser, NumberThatIsTooLargeIsABindAddress) {
     EXPECT_EQ(Parse("2147483648:1:h:80"), (Forwarding{0, "2147483648", 1, "h", 80}));
 }
 
-TEST(ForwardingSpec, TextOfAnOutputMayBeTheSpec) {
+TEST(ForwardingParser, TextOfAnOutputMayBeTheSpec) {
     String_t bindAddress("8080:example:80");
     String_t host;
     unsigned int listenPort = 0;
