@@ -24,7 +24,7 @@ using namespace cindral;
 constexpr int UNSUPPORTED = 77;
 constexpr unsigned int CONNECT_SECONDS = 20;
 /// What OpenSSH's server sends between a login by key and the first channel.
-constexpr int SURPLUS_PACKETS = 3;
+constexpr int UNSOLICITED_PACKETS = 3;
 
 [[noreturn]] void Die(std::string const& what) {
     std::fprintf(stderr, "bench_brantle: %s\n", what.c_str());
@@ -145,7 +145,7 @@ void LogIn(SshSession& session, Target const& target) {
 }
 
 void DrainPendingMessages(SshSession& session) {
-    for (int i = 0; i < SURPLUS_PACKETS; ++i) session.AuthReadPacket();
+    for (int i = 0; i < UNSOLICITED_PACKETS; ++i) session.AuthReadPacket();
 }
 
 class BenchSession : public SshSession {

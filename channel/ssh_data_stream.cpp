@@ -67,7 +67,7 @@ int ISshDataStream::Fetch(char* begin, char* end) {
 /// there is no message.
 unsigned int ISshDataStream::Take(char* to, unsigned int room) {
     ByteString bytes = _pending;
-    PacketDecoder::Slice data{0, _pending.Length()};
+    PacketDecoder::View data{0, _pending.Length()};
     while (data._length == 0) {
         bytes = ReceivePacket();
         if (bytes.Length() == 0) return 0;

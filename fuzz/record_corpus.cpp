@@ -105,7 +105,7 @@ struct Peer {
     std::string name;
     RealServer const& server;
     unsigned int unsolicitedAfterKey = 0;
-    unsigned int surplusOtherwise = 0;
+    unsigned int unsolicitedOtherwise = 0;
 };
 
 struct Login {
@@ -192,8 +192,8 @@ private:
         if (session.Authenticate(key.c_str(), login.user.c_str(), login.password.c_str(), enter, callback) !=
             0)
             return false;
-        unsigned int surplus = login.key.empty() ? _peer.surplusOtherwise : _peer.unsolicitedAfterKey;
-        for (; surplus > 0; --surplus) session.AuthReadPacket();
+        unsigned int unsolicited = login.key.empty() ? _peer.unsolicitedOtherwise : _peer.unsolicitedAfterKey;
+        for (; unsolicited > 0; --unsolicited) session.AuthReadPacket();
         return true;
     }
 

@@ -160,11 +160,11 @@ PacketChannelData::PacketChannelData(PacketDecoder& decoder) : Packet(SSH_MSG_CH
     });
 }
 
-PacketChannelData::PacketChannelData(PacketDecoder& decoder, PacketDecoder::Slice& bytes)
+PacketChannelData::PacketChannelData(PacketDecoder& decoder, PacketDecoder::View& bytes)
     : Packet(SSH_MSG_CHANNEL_DATA) {
     Decode(decoder, WRONG_TYPE_OF_DATA, [&](PacketDecoder& in) {
         _recipientChannel = in.ReadInt();
-        bytes = in.ReadSlice();
+        bytes = in.ReadView();
     });
 }
 

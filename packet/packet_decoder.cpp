@@ -63,7 +63,7 @@ ByteString PacketDecoder::ReadBytes(unsigned int length) {
     return bytes;
 }
 
-PacketDecoder::Slice PacketDecoder::ReadSlice() {
+PacketDecoder::View PacketDecoder::ReadView() {
     unsigned int const length = ReadLength();
     unsigned int present = length;
     char const* const bytes = _buffer.Skip(present);

@@ -159,7 +159,7 @@ int SshSession::HandleIgnore(PacketDecoder& decoder) {
 }
 
 int SshSession::HandleChannelData(PacketDecoder& decoder) {
-    PacketDecoder::Slice data;
+    PacketDecoder::View data;
     PacketChannelData const message(decoder, data);
     _channels.Forward(static_cast<int>(message._recipientChannel),
                       reinterpret_cast<char const*>(decoder._data.Data()) + data._start, data._length);

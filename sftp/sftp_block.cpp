@@ -16,11 +16,11 @@ void Drop(ISockStream& in, unsigned int length) {
 
 } // namespace
 
-OSockStream& operator<<(OSockStream& out, SftpSource const& source) {
+OSockStream& operator<<(OSockStream& out, SftpDataView const& source) {
     return (out << source._length).Write(source._data, static_cast<int>(source._length));
 }
 
-ISockStream& operator>>(ISockStream& in, SftpTarget& target) {
+ISockStream& operator>>(ISockStream& in, SftpBufferView& target) {
     unsigned int length = 0;
     in >> length;
     if (length > ISockStream::MAX_FRAME) {

@@ -94,7 +94,7 @@ int SftpClient::Read(SftpStatus& status, SftpFileHandle const& handle, long long
         status._code = SftpStatus::FX_OK;
         return 0;
     }
-    SftpTarget data{buffer, length};
+    SftpBufferView data{buffer, length};
     SftpPacketData(reply, data);
     if (data._length > length) {
         status._code = SftpStatus::FX_BAD_MESSAGE;
@@ -106,7 +106,7 @@ int SftpClient::Read(SftpStatus& status, SftpFileHandle const& handle, long long
 int SftpClient::Write(SftpStatus& status, SftpFileHandle const& handle, long long offset, char const* data,
                       unsigned int length) {
     length = std::min(length, MAX_WRITE);
-    SftpPacketWrite request(_nextId++, handle, offset, SftpSource{data, length});
+    SftpPacketWrite request(_nextId++, handle, offset, SftpDataView{data, length});
     int const result = ExchangeForStatus(status, request);
     return result != 0 ? result : static_cast<int>(length);
 }

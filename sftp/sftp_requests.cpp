@@ -48,7 +48,7 @@ SftpPacketWrite::SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, 
     : SftpPacket(FXP_WRITE, id), _handle(handle), _offset(offset), _data(data) {}
 
 SftpPacketWrite::SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset,
-                                 SftpSource const& data)
+                                 SftpDataView const& data)
     : SftpPacket(FXP_WRITE, id), _handle(handle), _offset(offset), _source(data) {}
 
 ByteString SftpPacketWrite::Payload() {

@@ -125,7 +125,7 @@ Block BcryptHash(Hash const& passphrase, Hash const& salt) {
 }
 
 /// One block of PBKDF2: the sum of the chain of hashes that begins with salt and block number.
-Block DeriveBlock(Hash const& passphrase, Span const& salt, unsigned int number, unsigned int rounds) {
+Block DeriveBlock(Hash const& passphrase, ByteView const& salt, unsigned int number, unsigned int rounds) {
     std::vector<unsigned char> numbered(salt._data, salt._data + salt._length);
     numbered.resize(salt._length + 4);
     PutInt(numbered.data() + salt._length, number);
@@ -141,7 +141,7 @@ Block DeriveBlock(Hash const& passphrase, Span const& salt, unsigned int number,
 
 } // namespace
 
-SecretBytes BcryptPbkdf(Span const& passphrase, Span const& salt, unsigned int rounds, unsigned int length) {
+SecretBytes BcryptPbkdf(ByteView const& passphrase, ByteView const& salt, unsigned int rounds, unsigned int length) {
     Hash hashed = Sha512(passphrase._data, passphrase._length);
     SecretBytes key(length);
     unsigned int const blocks = (length + BLOCK_LENGTH - 1) / BLOCK_LENGTH;

@@ -22,7 +22,7 @@ constexpr unsigned int KEY_LENGTH = 32;    ///< of AES-256, the cipher of both m
 constexpr unsigned int IV_LENGTH = 16;
 constexpr unsigned int PLAIN_BLOCK = 8;
 
-bool IsOfferedType(Span const& name) { return name.Is(KeyName(KEY_RSA)) || name.Is(KeyName(KEY_DSA)); }
+bool IsOfferedType(ByteView const& name) { return name.Is(KeyName(KEY_RSA)) || name.Is(KeyName(KEY_DSA)); }
 
 /// Wipes what a handle on key bytes leaves behind.
 class WipedBytes : public ByteString {
@@ -31,7 +31,7 @@ public:
     ~WipedBytes() { OPENSSL_cleanse(Data(), Length()); }
 };
 
-void Decrypt(Span const& cipherName, SecretBytes const& keyAndIv, SecretBytes& bytes) {
+void Decrypt(ByteView const& cipherName, SecretBytes const& keyAndIv, SecretBytes& bytes) {
     String_t const name(reinterpret_cast<char const*>(cipherName._data), cipherName._length);
     WipedBytes const key(keyAndIv.data(), KEY_LENGTH);
     ByteString const iv(keyAndIv.data() + KEY_LENGTH, IV_LENGTH);
@@ -78,7 +78,7 @@ evp_pkey_st* ReadDsa(WireReader& reader) {
 }
 
 /// The padding counts 1, 2, 3 and so on up to the block's end.
-bool IsPadding(Span const& bytes) {
+bool IsPadding(ByteView const& bytes) {
     for (unsigned int i = 0; i < bytes._length; ++i)
         if (bytes._data[i] != ((i + 1) & 0xff)) return false;
     return true;
@@ -88,12 +88,12 @@ int ReadPlain(SecretBytes const& plain, bool encrypted, evp_pkey_st*& key) {
     WireReader reader(plain.data(), static_cast<unsigned int>(plain.size()));
     unsigned int const check = reader.Int();
     if (check != reader.Int()) return encrypted ? PrivateKey::WRONG_PASSPHRASE : PrivateKey::BROKEN_FILE;
-    Span const name = reader.String();
+    ByteView const name = reader.String();
     PkeyPtr made(name.Is(KeyName(KEY_RSA))   ? ReadRsa(reader)
                  : name.Is(KeyName(KEY_DSA)) ? ReadDsa(reader)
                                              : nullptr);
     reader.String(); // the comment
-    Span const padding = reader.Rest();
+    ByteView const padding = reader.Rest();
     if (!made || !reader.Ok() || !IsPadding(padding)) return PrivateKey::BROKEN_FILE;
     key = made.release();
     return 0;
@@ -103,15 +103,15 @@ int ReadPlain(SecretBytes const& plain, bool encrypted, evp_pkey_st*& key) {
 
 int OpenSSHKey::Open(unsigned char const* body, unsigned int length) {
     WireReader reader(body, length);
-    Span const magic = reader.Bytes(sizeof MAGIC);
+    ByteView const magic = reader.Bytes(sizeof MAGIC);
     if (!reader.Ok() || std::memcmp(magic._data, MAGIC, sizeof MAGIC) != 0) return PrivateKey::BROKEN_FILE;
     _cipher = reader.String();
-    Span const derivation = reader.String();
+    ByteView const derivation = reader.String();
     WireReader options(reader.String());
     unsigned int const keys = reader.Int();
-    Span const publicBlob = reader.String();
+    ByteView const publicBlob = reader.String();
     _private = reader.String();
-    Span const type = WireReader(publicBlob).String();
+    ByteView const type = WireReader(publicBlob).String();
     if (!reader.Ok()) return PrivateKey::BROKEN_FILE;
     if (keys != 1 || !IsOfferedType(type)) return PrivateKey::UNSUPPORTED_KEY;
 
@@ -129,7 +129,7 @@ int OpenSSHKey::Open(unsigned char const* body, unsigned int length) {
     return whole ? 0 : PrivateKey::BROKEN_FILE;
 }
 
-int OpenSSHKey::Read(Span const& passphrase, evp_pkey_st*& key) const {
+int OpenSSHKey::Read(ByteView const& passphrase, evp_pkey_st*& key) const {
     SecretBytes bytes(_private._data, _private._data + _private._length);
     if (_encrypted) Decrypt(_cipher, BcryptPbkdf(passphrase, _salt, _rounds, KEY_LENGTH + IV_LENGTH), bytes);
     return ReadPlain(bytes, _encrypted, key);

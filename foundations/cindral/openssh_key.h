@@ -16,13 +16,13 @@ public:
     bool IsEncrypted() const { return _encrypted; }
     /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
     /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
-    int Read(Span const& passphrase, evp_pkey_st*& key) const;
+    int Read(ByteView const& passphrase, evp_pkey_st*& key) const;
 
 private:
-    Span _cipher;
-    Span _salt;
+    ByteView _cipher;
+    ByteView _salt;
     unsigned int _rounds = 0;
-    Span _private;
+    ByteView _private;
     bool _encrypted = false;
 };
 

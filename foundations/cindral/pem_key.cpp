@@ -34,7 +34,7 @@ bool EndsWith(char const* text, char const* tail) {
 }
 
 int GivePassphrase(char* buffer, int size, int, void* passphrase) {
-    Span const& given = *static_cast<Span const*>(passphrase);
+    ByteView const& given = *static_cast<ByteView const*>(passphrase);
     auto const length = static_cast<int>(given._length);
     if (length > size) return -1;
     std::memcpy(buffer, given._data, given._length);
@@ -109,7 +109,7 @@ bool PemKey::IsEncrypted() const {
     return IsLabel(ENCRYPTED_PKCS8_LABEL) || (_header && *_header);
 }
 
-int PemKey::Read(Span const& passphrase, evp_pkey_st*& key) const {
+int PemKey::Read(ByteView const& passphrase, evp_pkey_st*& key) const {
     if (IsLabel(OPENSSH_LABEL)) return _openSSH.Read(passphrase, key);
     if (IsLabel(ENCRYPTED_PKCS8_LABEL)) return ReadEncryptedPkcs8(passphrase, key);
     if (!IsLabel(PKCS8_LABEL)) return ReadTraditional(passphrase, key);
@@ -118,14 +118,14 @@ int PemKey::Read(Span const& passphrase, evp_pkey_st*& key) const {
     return info ? FromPkcs8(info.get(), key) : PrivateKey::BROKEN_FILE;
 }
 
-int PemKey::ReadTraditional(Span const& passphrase, evp_pkey_st*& key) const {
+int PemKey::ReadTraditional(ByteView const& passphrase, evp_pkey_st*& key) const {
     int const mistake = IsEncrypted() ? PrivateKey::WRONG_PASSPHRASE : PrivateKey::BROKEN_FILE;
     SecretBytes der(_body, _body + _length);
     long length = _length;
     if (IsEncrypted()) {
         EVP_CIPHER_INFO info;
         if (PEM_get_EVP_CIPHER_INFO(_header, &info) != 1 ||
-            PEM_do_header(&info, der.data(), &length, GivePassphrase, const_cast<Span*>(&passphrase)) != 1)
+            PEM_do_header(&info, der.data(), &length, GivePassphrase, const_cast<ByteView*>(&passphrase)) != 1)
             return mistake;
     }
     unsigned char const* pos = der.data();
@@ -133,7 +133,7 @@ int PemKey::ReadTraditional(Span const& passphrase, evp_pkey_st*& key) const {
     return key ? 0 : mistake;
 }
 
-int PemKey::ReadEncryptedPkcs8(Span const& passphrase, evp_pkey_st*& key) const {
+int PemKey::ReadEncryptedPkcs8(ByteView const& passphrase, evp_pkey_st*& key) const {
     unsigned char const* pos = _body;
     X509SigPtr const sealed(d2i_X509_SIG(nullptr, &pos, _length));
     if (!sealed) return PrivateKey::BROKEN_FILE;

@@ -20,14 +20,14 @@ public:
     bool IsEncrypted() const;
     /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
     /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
-    int Read(Span const& passphrase, evp_pkey_st*& key) const;
+    int Read(ByteView const& passphrase, evp_pkey_st*& key) const;
 
 private:
     bool IsLabel(char const* label) const;
     void Clear();
     int CheckEncryption();
-    int ReadTraditional(Span const& passphrase, evp_pkey_st*& key) const;
-    int ReadEncryptedPkcs8(Span const& passphrase, evp_pkey_st*& key) const;
+    int ReadTraditional(ByteView const& passphrase, evp_pkey_st*& key) const;
+    int ReadEncryptedPkcs8(ByteView const& passphrase, evp_pkey_st*& key) const;
 
     char* _label = nullptr;
     char* _header = nullptr;

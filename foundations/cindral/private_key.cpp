@@ -49,7 +49,7 @@ int ReadEncrypted(PemKey const& file, EnterPassword& enter, evp_pkey_st*& key) {
     for (std::uint64_t asked = 0; asked < tries; ++asked) {
         int const length = enter(reinterpret_cast<char*>(passphrase.data()), MAX_PASSPHRASE);
         if (length < 0) return length;
-        result = file.Read(Span{passphrase.data(), static_cast<unsigned int>(length)}, key);
+        result = file.Read(ByteView{passphrase.data(), static_cast<unsigned int>(length)}, key);
         if (result != PrivateKey::WRONG_PASSPHRASE) return result;
     }
     return result;
@@ -91,7 +91,7 @@ int PrivateKey::Read(char const* path, EnterPassword& enter) {
     PemKey file;
     evp_pkey_st* key = nullptr;
     int result = file.Open(contents);
-    if (result == 0) result = file.IsEncrypted() ? ReadEncrypted(file, enter, key) : file.Read(Span(), key);
+    if (result == 0) result = file.IsEncrypted() ? ReadEncrypted(file, enter, key) : file.Read(ByteView(), key);
     ERR_clear_error(); // a file that is no key is a result here, not an error to find later
     if (result != 0) return result;
     PkeyPtr owned(key);

@@ -18,7 +18,7 @@ namespace {
 
 bool IsPositive(BIGNUM const* number) { return number && !BN_is_negative(number) && !BN_is_zero(number); }
 
-KeyType TypeOf(Span const& name) {
+KeyType TypeOf(ByteView const& name) {
     for (KeyType type : {KEY_RSA, KEY_DSA})
         if (name.Is(KeyName(type))) return type;
     return KEY_NONE;
@@ -26,17 +26,17 @@ KeyType TypeOf(Span const& name) {
 
 constexpr unsigned int CountOf(KeyType type) { return type == KEY_RSA ? 2 : 4; }
 
-Span NextWord(Span& text) {
+ByteView NextWord(ByteView& text) {
     auto const isBlank = [](unsigned char c) { return c == ' ' || c == '\t' || c == '\r'; };
     unsigned char const* const end = text._data + text._length;
     unsigned char const* const start = std::find_if_not(text._data, end, isBlank);
     unsigned char const* const stop = std::find_if(start, end, isBlank);
-    text = Span{stop, static_cast<unsigned int>(end - stop)};
-    return Span{start, static_cast<unsigned int>(stop - start)};
+    text = ByteView{stop, static_cast<unsigned int>(end - stop)};
+    return ByteView{start, static_cast<unsigned int>(stop - start)};
 }
 
 /// The bytes of a base 64 text; none when it is malformed.
-ByteString Decode64(Span const& text) {
+ByteString Decode64(ByteView const& text) {
     unsigned int padding = 0;
     while (padding < 2 && padding < text._length && text._data[text._length - 1 - padding] == '=') ++padding;
     if (text._length == 0 || text._length % 4 != 0) return ByteString();
@@ -124,8 +124,8 @@ int PublicKey::ReadSSH(char const* path) {
     SecretBytes contents;
     if (int const failure = ReadFile(path, contents)) return failure;
     auto const lineEnd = std::find(contents.begin(), contents.end(), '\n');
-    Span line{contents.data(), static_cast<unsigned int>(lineEnd - contents.begin())};
-    Span const name = NextWord(line);
+    ByteView line{contents.data(), static_cast<unsigned int>(lineEnd - contents.begin())};
+    ByteView const name = NextWord(line);
     PublicKey key(Decode64(NextWord(line)));
     if (!key._rep || !name.Is(key._rep->Name())) return -EINVAL;
     std::swap(_rep, key._rep);

@@ -22,12 +22,12 @@ constexpr int DSS_NUMBER = 20; ///< bytes of r and of s (RFC 4253 section 6.6)
 /// The two strings of a signature blob.
 struct Pieces {
     KeyType _type = KEY_NONE; ///< `KEY_NONE` when the blob is malformed
-    Span _value;
+    ByteView _value;
 };
 
 Pieces Parse(ByteString const& blob) {
     WireReader reader(blob.Data(), blob.Length());
-    Span const name = reader.String();
+    ByteView const name = reader.String();
     Pieces pieces;
     pieces._value = reader.String();
     if (!reader.Ok() || !reader.AtEnd()) return pieces;
@@ -63,7 +63,7 @@ std::vector<unsigned char> DssFromDer(std::vector<unsigned char> const& der) {
     return value;
 }
 
-std::vector<unsigned char> DerFromDss(Span const& value) {
+std::vector<unsigned char> DerFromDss(ByteView const& value) {
     DsaSigPtr const numbers(DSA_SIG_new());
     BIGNUM* r = BN_bin2bn(value._data, DSS_NUMBER, nullptr);
     BIGNUM* s = BN_bin2bn(value._data + DSS_NUMBER, DSS_NUMBER, nullptr);
@@ -81,7 +81,7 @@ std::vector<unsigned char> DerFromDss(Span const& value) {
 }
 
 /// The value may come without leading zeros (RFC 4253 section 6.6); OpenSSL wants the full length.
-std::vector<unsigned char> PaddedRsa(Span const& value, size_t length) {
+std::vector<unsigned char> PaddedRsa(ByteView const& value, size_t length) {
     size_t const missing = value._length < length ? length - value._length : 0;
     std::vector<unsigned char> padded(missing);
     padded.insert(padded.end(), value._data, value._data + value._length);

@@ -23,7 +23,7 @@ bool SignBit(unsigned char const* bytes) { return (bytes[0] & 0x80) != 0; }
 
 } // namespace
 
-bool Span::Is(char const* text) const {
+bool ByteView::Is(char const* text) const {
     return std::strlen(text) == _length && std::memcmp(_data, text, _length) == 0;
 }
 
@@ -68,12 +68,12 @@ bool DecodeMpint(unsigned char const* body, unsigned int length, bignum_st* numb
     return true;
 }
 
-Span WireReader::Bytes(unsigned int length) {
+ByteView WireReader::Bytes(unsigned int length) {
     if (!_ok || length > _left) {
         _ok = false;
-        return Span();
+        return ByteView();
     }
-    Span taken;
+    ByteView taken;
     taken._data = _pos;
     taken._length = length;
     _pos += length;
@@ -82,12 +82,12 @@ Span WireReader::Bytes(unsigned int length) {
 }
 
 unsigned int WireReader::Int() {
-    Span const bytes = Bytes(4);
+    ByteView const bytes = Bytes(4);
     return _ok ? GetInt(bytes._data) : 0;
 }
 
 void WireReader::Mpint(bignum_st* number) {
-    Span const body = String();
+    ByteView const body = String();
     if (_ok && !(number && DecodeMpint(body._data, body._length, number))) _ok = false;
 }
 

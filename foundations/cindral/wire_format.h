@@ -19,7 +19,7 @@ inline unsigned int GetInt(unsigned char const* bytes) {
 }
 
 /// Bytes that belong to someone else.
-struct Span {
+struct ByteView {
     unsigned char const* _data = nullptr;
     unsigned int _length = 0;
 
@@ -39,12 +39,12 @@ bool DecodeMpint(unsigned char const* body, unsigned int length, bignum_st* numb
 class WireReader {
 public:
     WireReader(unsigned char const* bytes, unsigned int length) : _pos(bytes), _left(length) {}
-    explicit WireReader(Span const& area) : WireReader(area._data, area._length) {}
+    explicit WireReader(ByteView const& area) : WireReader(area._data, area._length) {}
 
-    Span Bytes(unsigned int length);
+    ByteView Bytes(unsigned int length);
     unsigned int Int();
-    Span String() { return Bytes(Int()); }
-    Span Rest() { return Bytes(_left); }
+    ByteView String() { return Bytes(Int()); }
+    ByteView Rest() { return Bytes(_left); }
     void Mpint(bignum_st* number);
 
     bool Ok() const { return _ok; }

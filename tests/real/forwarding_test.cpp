@@ -76,7 +76,7 @@ protected:
         ExpectClean(forwarding->End());
     }
 
-    ForwardingCase() { client.WithKey("user_rsa").ReadingSurplus(Kind::SURPLUS); }
+    ForwardingCase() { client.WithKey("user_rsa").ReadingUnsolicited(Kind::UNSOLICITED); }
 
     SessionClient client{this->TheServer()};
     tcp::Service service;

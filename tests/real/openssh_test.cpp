@@ -61,11 +61,11 @@ TEST_F(Openssh, OpenThrowsOnMessagesBehindTheLogin) {
 TEST_F(Openssh, MessagesBehindTheLoginAreThese) {
     std::string const globalRequest = "80", debug = "4";
     SessionClient client(TheServer());
-    EXPECT_EQ(client.WithKey("user_rsa").ReadingSurplus(3).LogIn()["surplus"],
+    EXPECT_EQ(client.WithKey("user_rsa").ReadingUnsolicited(3).LogIn()["unsolicited"],
               globalRequest + "," + debug + "," + debug);
-    client.ReadingSurplus(1);
-    EXPECT_EQ(client.WithPassword(TheServer().Password()).LogIn()["surplus"], globalRequest);
-    EXPECT_EQ(client.As(TheServer().OpenUser()).LogIn()["surplus"], globalRequest);
+    client.ReadingUnsolicited(1);
+    EXPECT_EQ(client.WithPassword(TheServer().Password()).LogIn()["unsolicited"], globalRequest);
+    EXPECT_EQ(client.As(TheServer().OpenUser()).LogIn()["unsolicited"], globalRequest);
 }
 
 TEST_F(Openssh, HostIsLearntThenFound) { ExpectHostLearntThenFound(ThePeer(), "ssh-rsa", "host_rsa"); }

@@ -36,15 +36,15 @@ File const files[] = {{"empty", 0, 0644},      {"one", 1, 0600},       {"below",
 /// A session that is logged in.
 class LoggedIn : public cindral::ScpSession {
 public:
-    /// `surplus` packets come behind the login.
-    LoggedIn(servers::RealServer const& server, unsigned int surplus)
+    /// `unsolicited` packets come behind the login.
+    LoggedIn(servers::RealServer const& server, unsigned int unsolicited)
         : ScpSession(server.Port(), server.Host().c_str()) {
         cindral::EnterPassword enter(0, "");
         cindral::KbdCopyCallback callback("");
         if (Connect(20) != 0 || KeyExchange() != 0 ||
             Authenticate(server.File("user_rsa").c_str(), server.User().c_str(), "", enter, callback) != 0)
             throw std::runtime_error("no login");
-        for (; surplus > 0; --surplus) AuthReadPacket();
+        for (; unsolicited > 0; --unsolicited) AuthReadPacket();
     }
 };
 
@@ -85,7 +85,7 @@ std::string Thrown(Call const& call) {
 }
 
 /// A fresh session with a server for each transfer, and directories: one full of files, two empty.
-template <class Server, unsigned int SURPLUS = 0>
+template <class Server, unsigned int UNSOLICITED = 0>
 class ScpWith : public servers::ServerSuite<Server> {
 protected:
     ScpWith() {
@@ -96,7 +96,7 @@ protected:
     }
 
     std::unique_ptr<LoggedIn> Session() const {
-        return std::make_unique<LoggedIn>(this->TheServer(), SURPLUS);
+        return std::make_unique<LoggedIn>(this->TheServer(), UNSOLICITED);
     }
     static String_t Name(support::TemporaryDirectory const& directory) { return directory.Path().c_str(); }
 

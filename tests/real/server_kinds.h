@@ -13,19 +13,19 @@ namespace kinds {
 struct Asyncssh {
     using Server = servers::AsyncsshServer;
     static constexpr char const* NAME = "Asyncssh";
-    static constexpr unsigned int SURPLUS = 0; ///< packets behind a login by key
+    static constexpr unsigned int UNSOLICITED = 0; ///< packets behind a login by key
 };
 
 struct Paramiko {
     using Server = servers::ParamikoServer;
     static constexpr char const* NAME = "Paramiko";
-    static constexpr unsigned int SURPLUS = 0;
+    static constexpr unsigned int UNSOLICITED = 0;
 };
 
 struct Openssh {
     using Server = servers::OpensshServer;
     static constexpr char const* NAME = "Openssh";
-    static constexpr unsigned int SURPLUS = 3;
+    static constexpr unsigned int UNSOLICITED = 3;
 };
 
 struct Names {

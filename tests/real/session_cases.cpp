@@ -83,7 +83,7 @@ void ExpectKeyLogins(Peer const& peer) {
         for (std::string const format : {"", ".openssh"}) {
             SCOPED_TRACE(key + format);
             SessionClient client(peer.server);
-            client.WithKey(key + format).ReadingSurplus(peer.unsolicitedAfterKey);
+            client.WithKey(key + format).ReadingUnsolicited(peer.unsolicitedAfterKey);
             ExpectWelcome(client);
         }
 }
@@ -93,7 +93,7 @@ void ExpectEncryptedKeyLogins(Peer const& peer) {
         for (std::string const format : {".encrypted", ".openssh.encrypted"}) {
             SCOPED_TRACE(key + format);
             SessionClient client(peer.server);
-            client.WithKey(key + format, servers::KEY_PASSPHRASE).ReadingSurplus(peer.unsolicitedAfterKey);
+            client.WithKey(key + format, servers::KEY_PASSPHRASE).ReadingUnsolicited(peer.unsolicitedAfterKey);
             ExpectWelcome(client);
         }
 }
@@ -109,7 +109,7 @@ void ExpectDefaultKeyLogins(Peer const& peer) {
         for (std::string const end : {"", ".pub"})
             std::filesystem::copy_file(peer.server.File("user_" + type + end),
                                        client.File(".ssh/id_" + type + end));
-        client.ReadingSurplus(peer.unsolicitedAfterKey);
+        client.ReadingUnsolicited(peer.unsolicitedAfterKey);
         ExpectWelcome(client);
     }
 }
@@ -119,11 +119,11 @@ void ExpectAgentLogins(Peer const& peer) {
     for (std::string const& key : RSA_AND_DSA) {
         SCOPED_TRACE(key);
         SessionClient client(peer.server);
-        client.WithKeyInAgent(key, agent).ReadingSurplus(peer.unsolicitedAfterKey);
+        client.WithKeyInAgent(key, agent).ReadingUnsolicited(peer.unsolicitedAfterKey);
         agent.Add(peer.server.File(key));
         ExpectWelcome(client);
         agent.RemoveAll();
-        client.ReadingSurplus(0);
+        client.ReadingUnsolicited(0);
         ExpectRefused(client);
     }
 }
@@ -134,15 +134,15 @@ void ExpectUnknownKeyRefused(Peer const& peer) {
 
 void ExpectPasswordLogin(Peer const& peer) {
     SessionClient client(peer.server);
-    client.WithPassword(peer.server.Password()).ReadingSurplus(peer.surplusOtherwise);
+    client.WithPassword(peer.server.Password()).ReadingUnsolicited(peer.unsolicitedOtherwise);
     EXPECT_EQ(RunCommand(peer, client, "echo welcome").output, "welcome\n");
 }
 
 void ExpectOpenUserNeedsNothing(Peer const& peer, std::string const& openUser) {
     SessionClient client(peer.server);
-    client.As(openUser).ReadingSurplus(peer.surplusOtherwise);
+    client.As(openUser).ReadingUnsolicited(peer.unsolicitedOtherwise);
     EXPECT_EQ(RunCommand(peer, client, "echo welcome").output, "welcome\n");
-    ExpectRefused(client.As(peer.server.User()).ReadingSurplus(0));
+    ExpectRefused(client.As(peer.server.User()).ReadingUnsolicited(0));
 }
 
 void ExpectWrongPasswordRefused(Peer const& peer) {
@@ -166,7 +166,7 @@ void ExpectPasswordTypedOnTheTerminal(Peer const& peer) {
 
 void ExpectKeyboardInteractiveLogin(Peer const& peer, std::string const& prompts) {
     SessionClient client(peer.server);
-    client.Answering(peer.server.Password()).ReadingSurplus(peer.surplusOtherwise);
+    client.Answering(peer.server.Password()).ReadingUnsolicited(peer.unsolicitedOtherwise);
     Report const report = RunCommand(peer, client, "echo welcome");
     EXPECT_EQ(report.output, "welcome\n");
     EXPECT_EQ(report["prompts"], prompts);
@@ -178,7 +178,7 @@ void ExpectWrongAnswerRefused(Peer const& peer) {
 
 void ExpectHostLearntThenFound(Peer const& peer, std::string const& algorithm, std::string const& file) {
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
+    client.WithKey("user_rsa").ReadingUnsolicited(peer.unsolicitedAfterKey);
     ExpectWelcome(client);
     std::string const line =
         HostName(peer.server) + " " + algorithm + " " + KeyIn(peer.server.File(file + ".pub")) + "\n";
@@ -202,20 +202,20 @@ void ExpectChangedHostKeyRefused(Peer const& peer) {
 void ExpectInputComesBack(Peer const& peer) {
     std::string const input = Pattern(1 << 20);
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
+    client.WithKey("user_rsa").ReadingUnsolicited(peer.unsolicitedAfterKey);
     Report const report = RunCommand(peer, client, "cat", input);
     EXPECT_TRUE(report.output == peer.banner + input) << report.output.size() << " bytes came back";
 }
 
 void ExpectErrorOutputOnDescriptor1(Peer const& peer) {
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
+    client.WithKey("user_rsa").ReadingUnsolicited(peer.unsolicitedAfterKey);
     EXPECT_EQ(RunCommand(peer, client, "echo complaint >&2").output, "complaint\n");
 }
 
 void ExpectEndedBySignal(Peer const& peer) {
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey);
+    client.WithKey("user_rsa").ReadingUnsolicited(peer.unsolicitedAfterKey);
     RunCommand(peer, client, "kill -TERM $$");
 }
 
@@ -223,7 +223,7 @@ void ExpectShellOnTerminal(Peer const& peer) {
     client::Terminal terminal(133, 41);
     termios const before = terminal.Settings();
     SessionClient client(peer.server);
-    client.WithKey("user_rsa").ReadingSurplus(peer.unsolicitedAfterKey).WithVariable("TERM=vt220");
+    client.WithKey("user_rsa").ReadingUnsolicited(peer.unsolicitedAfterKey).WithVariable("TERM=vt220");
     auto const session = client.StartOnTerminal("shell", terminal);
     client::WaitUntil(*session, [&] { return terminal.IsRaw(); });
     terminal.Type("stty size; echo type=$TERM" + peer.lastWords + "; exit\r");

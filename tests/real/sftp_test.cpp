@@ -44,7 +44,7 @@ SftpPeer PeerAt(OpensshServer const& server) {
     passwd const* const account = getpwnam(server.User().c_str());
     if (!account) throw std::runtime_error(server.User() + " has gone");
     SftpPeer peer = SftpServerBehind(server);
-    peer.surplus = 3;
+    peer.unsolicited = 3;
     peer.home = account->pw_dir;
     peer.uid = account->pw_uid;
     peer.gid = account->pw_gid;

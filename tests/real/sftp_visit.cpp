@@ -27,7 +27,7 @@ Visit::Visit(SftpPeer const& peer)
         Authenticate(peer.server.File("user_rsa").c_str(), peer.server.User().c_str(), "", enter, callback) !=
             0)
         throw std::runtime_error("no login");
-    for (unsigned int packets = peer.surplus; packets > 0; --packets) AuthReadPacket();
+    for (unsigned int packets = peer.unsolicited; packets > 0; --packets) AuthReadPacket();
     if (Start() != 0 || Cd(status, _there.Path().c_str()) != 0 || LCd(_here.Path().c_str()) != 0)
         throw std::runtime_error("no SFTP");
 }

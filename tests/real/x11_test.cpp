@@ -50,7 +50,7 @@ protected:
     static Report Run(std::string const& display, std::string const& command) {
         return SessionClient(*_server)
             .WithKey("user_rsa")
-            .ReadingSurplus(Kind::SURPLUS)
+            .ReadingUnsolicited(Kind::UNSOLICITED)
             .WithVariable("XAUTHORITY=" + _display->Authority())
             .WithDisplay(display)
             .Run(command + "; sleep 1");

@@ -93,7 +93,7 @@ public:
     PacketChannelData(unsigned int recipientChannel, ByteString const& bytes);
     explicit PacketChannelData(PacketDecoder& decoder);
     /// Decodes without a copy: tells where the bytes lie in the decoder's data, and keeps none.
-    PacketChannelData(PacketDecoder& decoder, PacketDecoder::Slice& bytes);
+    PacketChannelData(PacketDecoder& decoder, PacketDecoder::View& bytes);
     ByteString Payload(BlockCipher& cipher) override;
 
     unsigned int _recipientChannel = 0;

@@ -50,12 +50,12 @@ public:
     ByteString ReadBytes(unsigned int length);
 
     /// Where bytes lie in `_data`.
-    struct Slice {
+    struct View {
         unsigned int _start = 0;
         unsigned int _length = 0;
     };
     /// As ReadBytes(), but leaves the bytes where they lie.
-    Slice ReadSlice();
+    View ReadView();
 
     /// A number in the form of `BigNum::Read`.
     BigNum ReadBignum();

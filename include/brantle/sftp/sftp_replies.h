@@ -54,7 +54,7 @@ public:
     SftpPacketData(unsigned int id, ByteString const& data);
     explicit SftpPacketData(ByteString const& payload);
     /// Decodes into the caller's memory; `_data` stays empty.
-    SftpPacketData(ByteString const& payload, SftpTarget& data);
+    SftpPacketData(ByteString const& payload, SftpBufferView& data);
     ByteString Payload() override;
 
     ByteString _data;

@@ -62,7 +62,7 @@ class BRANTLE_API SftpPacketWrite : public SftpPacket {
 public:
     SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, ByteString const& data);
     /// The bytes must stay until the message is encoded; `_data` is empty.
-    SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, SftpSource const& data);
+    SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, SftpDataView const& data);
     explicit SftpPacketWrite(ByteString const& payload);
     ByteString Payload() override;
 
@@ -71,7 +71,7 @@ public:
     ByteString _data;
 
 private:
-    SftpSource _source;
+    SftpDataView _source;
 };
 
 /// Asks for a file's attributes (section 6.8), of a link itself with FXP_LSTAT or of what it leads to with

@@ -7,7 +7,7 @@
 //     answer=TEXT                               to every keyboard-interactive prompt
 //     tries=N                                   passwords tried at most
 //     ask=yes                                   asks for passwords on the terminal
-//     surplus=N                                 packets to read between the login and the channel
+//     unsolicited=N                                 packets to read between the login and the channel
 //     display=TEXT                              X11 is forwarded to it
 //     local=SPEC remote=SPEC                    forwardings, of which a local one may listen on port 0
 //     action=login|open|command|shell|forward   how far to go; "forward" goes on until SIGTERM
@@ -191,8 +191,8 @@ bool LogIn(cindral::SshSession& session, Options& options, Report& report) {
     result = session.Authenticate(Text(options, "identity"), Text(options, "user"), Text(options, "password"),
                                   *enter, answers);
     report("authenticate", result);
-    for (unsigned int left = Number(options, "surplus"); left > 0; --left)
-        report("surplus", cindral::MessageNumber(session.AuthReadPacket()));
+    for (unsigned int left = Number(options, "unsolicited"); left > 0; --left)
+        report("unsolicited", cindral::MessageNumber(session.AuthReadPacket()));
     return result == 0;
 }
 

@@ -139,7 +139,7 @@ TEST(PacketChannelResponseTest, ReceivedResponseIsWrittenWithItsNumber) {
 TEST(PacketChannelDataTest, DataMayBeLeftWhereTheyLie) {
     std::string const packet = Wire("04 5e 00000007 00000003 'abc' 00000000");
     PacketDecoder decoder(Bytes(packet));
-    PacketDecoder::Slice bytes;
+    PacketDecoder::View bytes;
     PacketChannelData const data(decoder, bytes);
     EXPECT_EQ(data._recipientChannel, 7u);
     EXPECT_EQ(data._bytes.Length(), 0u);

@@ -203,21 +203,21 @@ TEST(PacketDecoderTest, NamelessMessageHasAnEmptyDetail) {
     ExpectError<SshProtocolError>(ADDITIONAL, "", [] { PacketDecoder(Bytes(Wire("5e"))).Skip(0); });
 }
 
-TEST(PacketDecoderTest, SliceIsAStringWhereItLies) {
+TEST(PacketDecoderTest, ViewIsAStringWhereItLies) {
     PacketDecoder decoder(Bytes(Wire("07 00000003 610062 00000000 'x'")));
     decoder.ReadByte();
-    PacketDecoder::Slice const bytes = decoder.ReadSlice();
+    PacketDecoder::View const bytes = decoder.ReadView();
     EXPECT_EQ(bytes._start, 5u);
     EXPECT_EQ(bytes._length, 3u);
-    EXPECT_EQ(decoder.ReadSlice()._length, 0u);
+    EXPECT_EQ(decoder.ReadView()._length, 0u);
     EXPECT_EQ(decoder.ReadByte(), 'x');
 }
 
-TEST(PacketDecoderTest, SliceIsRefusedAsTheStringIs) {
+TEST(PacketDecoderTest, ViewIsRefusedAsTheStringIs) {
     ExpectError<SshProtocolError>(EXCEEDED, "",
-                                  [] { PacketDecoder(Bytes(Wire("00000008 'abc'"))).ReadSlice(); });
-    ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("00000004 'abc'"))).ReadSlice(); });
-    ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("0000"))).ReadSlice(); });
+                                  [] { PacketDecoder(Bytes(Wire("00000008 'abc'"))).ReadView(); });
+    ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("00000004 'abc'"))).ReadView(); });
+    ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("0000"))).ReadView(); });
 }
 
 } // namespace
