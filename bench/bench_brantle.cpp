@@ -187,7 +187,7 @@ int ExecSource(Target const& target, Report& report, char** arguments) {
     BenchSession session(target);
     DrainPendingMessages(session);
     Usage const start = Usage::Current();
-    // Data behind exit-status is dropped, so the command outlives its output.
+    // Data after exit-status is dropped, so the command outlives its output.
     String_t command("head -c ");
     ((command += arguments[0]) += " /dev/zero; sleep 1");
     CountingChannel::Total const total = session.RunCommand(command);

@@ -16,7 +16,7 @@ class FieldReader {
 public:
     explicit FieldReader(char const* text) : _in(text) {}
 
-    /// Reads one field, up to a colon, up to the end of the text, or in "[" and "]]", behind which no colon
+    /// Reads one field, up to a colon, up to the end of the text, or in "[" and "]]", after which no colon
     /// stands. False if there is none.
     bool Read() {
         char first;

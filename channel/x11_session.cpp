@@ -35,9 +35,9 @@ public:
         OSockStream out(fd);
         Write(out, _bytes.SubStr(0, HEADER));
         out.Write(name.Text(), static_cast<int>(str_len(name.Text())));
-        Write(out, PaddingBehind(HEADER, NameLength()));
+        Write(out, PaddingAfter(HEADER, NameLength()));
         Write(out, data);
-        Write(out, PaddingBehind(HEADER + Padded(NameLength()), DataLength()));
+        Write(out, PaddingAfter(HEADER + Padded(NameLength()), DataLength()));
         out.Flush();
     }
 
@@ -60,7 +60,7 @@ private:
     unsigned int NameLength() const { return Number(6); }
     unsigned int DataLength() const { return Number(8); }
 
-    ByteString PaddingBehind(unsigned int start, unsigned int length) const {
+    ByteString PaddingAfter(unsigned int start, unsigned int length) const {
         return _bytes.SubStr(start + length, Padded(length) - length);
     }
 

@@ -111,7 +111,7 @@ int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... 
         return work(session);
     } catch (Except const& failure) {
         if (!hostIsKnown)
-            return Fail(UNKNOWN_HOST, String_t("no such host, or no port number behind it: ") +=
+            return Fail(UNKNOWN_HOST, String_t("no such host, or no port number after it: ") +=
                                       arguments._target);
         return Fail(CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
     }

@@ -1,4 +1,4 @@
-// Runs one command on a remote host, joined to standard input and output. With -X its windows come up on the
+// Runs one command on a remote host, attached to standard input and output. With -X its windows come up on the
 // user's own display.
 
 #include "login.h"

@@ -25,7 +25,7 @@ int Failed(String_t const& file, int result, SftpStatus const& status) {
 
 int FailedHere(String_t const& file) { return Failed(file, -errno, SftpStatus()); }
 
-/// Does a step for each name and goes on behind one that fails. Returns DONE, or the last failure.
+/// Does a step for each name and goes on after one that fails. Returns DONE, or the last failure.
 template <class Step>
 int ForEach(TOList<String_t> const& names, Step const& step) {
     int outcome = DONE;

@@ -6,7 +6,7 @@
 namespace fuzz {
 
 /// The descriptor of a file in memory that has these bytes, at its front. There is one, which the next call
-/// fills anew.
+/// fills again.
 int MemoryFile(std::string const& bytes);
 
 /// Goes to the front of a file.

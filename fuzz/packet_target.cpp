@@ -119,10 +119,10 @@ private:
     /// Where a message keeps what was received, that is the payload.
     void CheckPayload(Packet const& message) const {
         if (message._payload.Length() == 0) return;
-        std::string_view const behind = std::string_view(_bytes).substr(1);
+        std::string_view const after = std::string_view(_bytes).substr(1);
         auto const padding = static_cast<unsigned char>(_bytes[0]);
         std::string_view const payload =
-            padding <= behind.size() ? behind.substr(0, behind.size() - padding) : behind;
+            padding <= after.size() ? after.substr(0, after.size() - padding) : after;
         Require(Text(message._payload) == payload, typeid(message).name(), "keeps another payload");
     }
 

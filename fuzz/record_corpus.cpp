@@ -1,6 +1,6 @@
 // Records the corpus: sessions with the servers of other makers, what of them the targets take.
 //
-// Nothing of it depends on the library being right about what it receives: the bytes are taken behind the
+// Nothing of it depends on the library being right about what it receives: the bytes are taken after the
 // ciphers. Packets that carry secrets of a login are left out, as no decoder takes them.
 
 #include <array>
@@ -75,7 +75,7 @@ public:
             if (!payload.empty()) Add("sftp_message", source + Kind(payload[0], payload), payload);
     }
 
-    /// What a server said, as much of it as an input has room for, behind the byte that chooses.
+    /// What a server said, as much of it as an input has room for, after the byte that chooses.
     void AddStream(std::string const& target, std::string const& name, char choice,
                    std::string const& stream) {
         Add(target, name, choice + stream.substr(0, LARGEST_INPUT - 1));
@@ -100,7 +100,7 @@ struct File {
 constexpr File FILES[] = {
     {"empty", 0, 0644}, {"one", 1, 0755}, {"read-only.text", 1000, 0444}, {"a", 12345, 0604}};
 
-/// A server, and how many packets it sends of its own behind a login.
+/// A server, and how many packets it sends of its own after a login.
 struct Peer {
     std::string name;
     RealServer const& server;
@@ -250,7 +250,7 @@ private:
         }
     }
 
-    /// A breach of the protocol, for the server's DISCONNECT.
+    /// A violation of the protocol, for the server's DISCONNECT.
     void RecordRefusedService() {
         Transcript transcript;
         try {

@@ -1,4 +1,4 @@
-// The head line of a file, as scp sends it behind a "C": mode, size and name.
+// The head line of a file, as scp sends it after a "C": mode, size and name.
 //
 // A line that can be taken apart has to give the same values when it is put together again from them.
 

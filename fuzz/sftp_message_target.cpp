@@ -1,6 +1,6 @@
 // The parsers of all SFTP messages and of the records in them.
 //
-// The input is the payload of one message. It goes to the class of its type, and behind type and request id
+// The input is the payload of one message. It goes to the class of its type, and after type and request id
 // it is read as each record. What can be parsed, and what it encodes to afterwards, has to be what WireModel
 // says.
 

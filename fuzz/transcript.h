@@ -8,7 +8,7 @@
 
 namespace fuzz {
 
-/// What goes over a connection, decrypted: packets with their lengths in front, one behind the other.
+/// What goes over a connection, decrypted: packets with their lengths in front, one after the other.
 struct Transcript {
     std::string received;
     std::string sent;

@@ -10,7 +10,7 @@ namespace fuzz {
 
 /// A second reading of a message, by code that shares nothing with the library: whether the message can be
 /// decoded, and what it looks like when it is encoded again from its fields. The two differ where a
-/// decoder drops something: what stands behind a zero byte in a text, surplus bytes of a number.
+/// decoder drops something: what comes after a zero byte in a text, surplus bytes of a number.
 class WireModel {
 public:
     explicit WireModel(std::string_view bytes) : _rest(bytes) {}

@@ -35,7 +35,7 @@ ByteString EncodeMpint(bignum_st const* number);
 bool DecodeMpint(unsigned char const* body, unsigned int length, bignum_st* number);
 
 /// Reads a memory area from its front. What runs past the end gives zeros and empty values and
-/// clears `Ok()`; nothing behind the end is touched.
+/// clears `Ok()`; nothing after the end is touched.
 class WireReader {
 public:
     WireReader(unsigned char const* bytes, unsigned int length) : _pos(bytes), _left(length) {}

@@ -95,11 +95,11 @@ olink_t* olist_t::find(int (*match)(olink_t const*, void const*), void const* ar
 olink_t* olist_t::remove(int (*match)(olink_t const*, void const*), void const* arg) {
     olink_t* before = _last;
     for (olink_t* link = top(); link; before = link, link = link == _last ? nullptr : link->_next)
-        if (match(link, arg)) return removeBehind(before);
+        if (match(link, arg)) return removeAfter(before);
     return nullptr;
 }
 
-olink_t* olist_t::removeBehind(olink_t* before) {
+olink_t* olist_t::removeAfter(olink_t* before) {
     olink_t* const link = before->_next;
     before->_next = link->_next;
     if (link == _last) _last = link == before ? nullptr : before;
@@ -107,7 +107,7 @@ olink_t* olist_t::removeBehind(olink_t* before) {
     return link;
 }
 
-olink_t* olist_t::removeTop() { return _last ? removeBehind(_last) : nullptr; }
+olink_t* olist_t::removeTop() { return _last ? removeAfter(_last) : nullptr; }
 
 olink_t* olist_t::removeBottom() {
     return remove([](olink_t const* link, void const* last) { return link == last ? 1 : 0; }, _last);
@@ -118,7 +118,7 @@ unsigned int olist_t::removeLoop(int (*match)(olink_t const*, void const*), void
     olink_t* before = _last;
     for (unsigned int left = Len(); left > 0; --left) {
         if (match(before->_next, arg)) {
-            delete removeBehind(before);
+            delete removeAfter(before);
             ++removed;
         } else {
             before = before->_next;

@@ -94,7 +94,7 @@ String_t String_t::Trim() const {
 
 namespace {
 
-/// Reads up to a delimiter, and gives the state that the stream is in behind that.
+/// Reads up to a delimiter, and gives the state that the stream is in after that.
 std::ios_base::iostate ReadTo(std::string const& stops, std::streambuf& in, std::string& line) {
     using Traits = std::streambuf::traits_type;
     try {

@@ -191,9 +191,9 @@ TEST(Examples, EachFailureHasALineAndAStatus) {
     EXPECT_THAT(Execute(RUN_COMMAND, "me@[::1 true"),
                 Fails(3, "the target can't be read: an address in brackets needs its \"]\""));
     EXPECT_THAT(Execute(RUN_COMMAND, "me@127.0.0.1: true"),
-                Fails(9, "no such host, or no port number behind it: 127.0.0.1:"));
+                Fails(9, "no such host, or no port number after it: 127.0.0.1:"));
     EXPECT_THAT(Execute(SHELL, "me@127.0.0.1:65536"),
-                Fails(9, "no such host, or no port number behind it: 127.0.0.1:65536"));
+                Fails(9, "no such host, or no port number after it: 127.0.0.1:65536"));
     EXPECT_THAT(Execute(RUN_COMMAND, "me@127.0.0.1:1 true"), Fails(4, "can't connect: Connection refused"));
     auto const refuseChannel = [](Connection& c) {
         c.WellBehaved(Stage::Authenticated);

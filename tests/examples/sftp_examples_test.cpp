@@ -119,7 +119,7 @@ TEST_F(SftpExamples, CopyWalksThroughDirectories) {
     EXPECT_FALSE(std::filesystem::exists(Here("back/tree/link")));
 }
 
-TEST_F(SftpExamples, CopyGoesOnBehindWhatFails) {
+TEST_F(SftpExamples, CopyGoesOnAfterWhatFails) {
     WriteFile(There("a"), "1");
     EXPECT_THAT(Run(SFTP_COPY, "get " + There("missing") + " " + There("a") + " " + Here()),
                 Fails(10, There("missing") + ": No such file"));

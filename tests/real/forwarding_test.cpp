@@ -1,4 +1,4 @@
-// TCP connections forwarded through real servers, with real services behind them.
+// TCP connections forwarded through real servers, with real services after them.
 
 #include <array>
 #include <atomic>
@@ -168,7 +168,7 @@ TYPED_TEST(LocalForwarding, ProgramThatResetsEndsTheConnection) {
     EXPECT_THAT(report.errors, HasSubstr("Connection reset by peer"));
 }
 
-TYPED_TEST(LocalForwarding, AnswerComesBehindTheProgramsEnd) {
+TYPED_TEST(LocalForwarding, AnswerComesAfterTheProgramsEnd) {
     this->ForwardToService();
     Joined ends = this->Join();
     ends.local.Send("request");

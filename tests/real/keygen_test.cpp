@@ -199,7 +199,7 @@ TEST_F(Keygen, ReadsTheKeysLearnt) {
     EXPECT_EQ(Fingerprints(KnownHostsFile()), expected);
 }
 
-TEST_F(Keygen, HostThatItRemovesIsLearntAnew) {
+TEST_F(Keygen, HostThatItRemovesIsLearntAgain) {
     ASSERT_TRUE(Trusts("host", 22, "host_dsa"));
     ASSERT_TRUE(Trusts("host", 2222, "host_rsa"));
     ASSERT_FALSE(Trusts("host", 2222, "user_rsa"));

@@ -16,7 +16,7 @@ using testing::StartsWith;
 
 namespace {
 
-/// Sends a GLOBAL_REQUEST behind every login, and two DEBUG more behind one with a key; may report the end
+/// Sends a GLOBAL_REQUEST after every login, and two DEBUG more after one with a key; may report the end
 /// of a command before its last output.
 Peer PeerAt(OpensshServer const& server) { return {server, 3, 1, {}, "; sleep 1"}; }
 
@@ -41,7 +41,7 @@ TEST_F(Openssh, TakesThePasswordTyped) { ExpectPasswordTypedOnTheTerminal(ThePee
 TEST_F(Openssh, TakesKeyboardInteractive) { ExpectKeyboardInteractiveLogin(ThePeer(), "1,0"); }
 TEST_F(Openssh, RefusesAnotherAnswer) { ExpectWrongAnswerRefused(ThePeer()); }
 
-TEST_F(Openssh, OpenThrowsOnMessagesBehindTheLogin) {
+TEST_F(Openssh, OpenThrowsOnMessagesAfterTheLogin) {
     std::string const expected = "SshProtocolError: expected either CHANNEL_OPEN_CONFIRMATION or "
                                  "CHANNEL_OPEN_FAILURE packet";
     for (auto const setUp : {+[](SessionClient& client) { client.WithKey("user_rsa"); },
@@ -58,7 +58,7 @@ TEST_F(Openssh, OpenThrowsOnMessagesBehindTheLogin) {
     }
 }
 
-TEST_F(Openssh, MessagesBehindTheLoginAreThese) {
+TEST_F(Openssh, MessagesAfterTheLoginAreThese) {
     std::string const globalRequest = "80", debug = "4";
     SessionClient client(TheServer());
     EXPECT_EQ(client.WithKey("user_rsa").ReadingUnsolicited(3).LogIn()["unsolicited"],

@@ -62,7 +62,7 @@ TEST_F(Proftpd, TakesThePassword) { ExpectPasswordLogin(TheServer()); }
 TEST_F(Proftpd, RefusesUnknownKey) { ExpectUnknownKeyRefused({TheServer()}); }
 TEST_F(Proftpd, ChangedHostKeyIsRefused) { ExpectChangedHostKeyRefused({TheServer()}); }
 
-TEST(ProftpdEarly, KexinitBehindTheIdentificationLosesNothing) {
+TEST(ProftpdEarly, KexinitAfterTheIdentificationLosesNothing) {
     ProftpdServer const server(ProftpdServer::Kexinit::EARLY);
     EXPECT_EQ(FirstMessageUnprompted(server), KEXINIT);
     ExpectKeyLogins(server);

@@ -36,7 +36,7 @@ File const files[] = {{"empty", 0, 0644},      {"one", 1, 0600},       {"below",
 /// A session that is logged in.
 class LoggedIn : public cindral::ScpSession {
 public:
-    /// `unsolicited` packets come behind the login.
+    /// `unsolicited` packets come after the login.
     LoggedIn(servers::RealServer const& server, unsigned int unsolicited)
         : ScpSession(server.Port(), server.Host().c_str()) {
         cindral::EnterPassword enter(0, "");

@@ -13,7 +13,7 @@ namespace kinds {
 struct Asyncssh {
     using Server = servers::AsyncsshServer;
     static constexpr char const* NAME = "Asyncssh";
-    static constexpr unsigned int UNSOLICITED = 0; ///< packets behind a login by key
+    static constexpr unsigned int UNSOLICITED = 0; ///< packets after a login by key
 };
 
 struct Paramiko {

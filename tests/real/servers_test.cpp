@@ -114,7 +114,7 @@ private:
     servers::TemporaryDirectory _answers;
 };
 
-/// Whether a path is gone or there is nothing behind it that takes a connection.
+/// Whether a path is gone or there is nothing after it that takes a connection.
 bool NobodyListensOn(std::string const& socketPath) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -194,7 +194,7 @@ void ExpectBothHostKeys(RealServer const& server) {
     }
 }
 
-void ExpectCommandJoinedToDescriptors(RealServer const& server) {
+void ExpectCommandAttachedToDescriptors(RealServer const& server) {
     std::string const input = Pattern(1 << 20);
     Outcome const outcome = Client(server).WithKey("user_rsa").Ssh("cat; echo complaint >&2; exit 7", input);
     EXPECT_TRUE(outcome.output == input) << outcome.output.size() << " bytes came back";
@@ -238,7 +238,7 @@ TEST_F(AsyncsshServerTest, TakesThePassword) { ExpectPasswordLogins(TheServer())
 TEST_F(AsyncsshServerTest, TakesKeyboardInteractive) { ExpectKeyboardInteractiveLogins(TheServer()); }
 TEST_F(AsyncsshServerTest, LetsOpenUserInWithNothing) { ExpectOpenUserNeedsNothing(TheServer()); }
 TEST_F(AsyncsshServerTest, TakesKeysOfAnAgent) { ExpectAgentLogins(TheServer()); }
-TEST_F(AsyncsshServerTest, JoinsCommandToDescriptors) { ExpectCommandJoinedToDescriptors(TheServer()); }
+TEST_F(AsyncsshServerTest, JoinsCommandToDescriptors) { ExpectCommandAttachedToDescriptors(TheServer()); }
 TEST_F(AsyncsshServerTest, NamesTheSignalThatEndedACommand) { ExpectExitSignal(TheServer()); }
 TEST_F(AsyncsshServerTest, GivesAShellOnATerminal) { ExpectShellOnTerminal(TheServer()); }
 TEST_F(AsyncsshServerTest, ServesSftp) { ExpectSftp(TheServer()); }
@@ -260,7 +260,7 @@ TEST_F(ParamikoServerTest, TakesThePassword) { ExpectPasswordLogins(TheServer())
 TEST_F(ParamikoServerTest, TakesKeyboardInteractive) { ExpectKeyboardInteractiveLogins(TheServer()); }
 TEST_F(ParamikoServerTest, LetsOpenUserInWithNothing) { ExpectOpenUserNeedsNothing(TheServer()); }
 TEST_F(ParamikoServerTest, TakesKeysOfAnAgent) { ExpectAgentLogins(TheServer()); }
-TEST_F(ParamikoServerTest, JoinsCommandToDescriptors) { ExpectCommandJoinedToDescriptors(TheServer()); }
+TEST_F(ParamikoServerTest, JoinsCommandToDescriptors) { ExpectCommandAttachedToDescriptors(TheServer()); }
 TEST_F(ParamikoServerTest, NamesTheSignalThatEndedACommand) { ExpectExitSignal(TheServer()); }
 TEST_F(ParamikoServerTest, GivesAShellOnATerminal) { ExpectShellOnTerminal(TheServer()); }
 TEST_F(ParamikoServerTest, ServesSftp) { ExpectSftp(TheServer()); }
@@ -307,7 +307,7 @@ TEST_F(OpensshServerTest, TakesThePassword) { ExpectPasswordLogins(TheServer());
 TEST_F(OpensshServerTest, TakesKeyboardInteractive) { ExpectKeyboardInteractiveLogins(TheServer()); }
 TEST_F(OpensshServerTest, TakesKeysOfAnAgent) { ExpectAgentLogins(TheServer()); }
 TEST_F(OpensshServerTest, HasBothHostKeys) { ExpectBothHostKeys(TheServer()); }
-TEST_F(OpensshServerTest, JoinsCommandToDescriptors) { ExpectCommandJoinedToDescriptors(TheServer()); }
+TEST_F(OpensshServerTest, JoinsCommandToDescriptors) { ExpectCommandAttachedToDescriptors(TheServer()); }
 TEST_F(OpensshServerTest, NamesTheSignalThatEndedACommand) { ExpectExitSignal(TheServer()); }
 TEST_F(OpensshServerTest, GivesAShellOnATerminal) { ExpectShellOnTerminal(TheServer()); }
 TEST_F(OpensshServerTest, ServesSftp) { ExpectSftp(TheServer()); }

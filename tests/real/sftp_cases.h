@@ -19,7 +19,7 @@ struct Refusal {
 /// The SFTP of a server, and how it differs from that of others.
 struct SftpPeer {
     servers::RealServer const& server;
-    unsigned int unsolicited; ///< packets that the server sends of its own behind the login
+    unsigned int unsolicited; ///< packets that the server sends of its own after the login
     std::string home;     ///< where a session begins
     uid_t uid;            ///< whose the files are that it makes
     gid_t gid;

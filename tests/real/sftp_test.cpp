@@ -1,4 +1,4 @@
-// SFTP with OpenSSH's sftp-server behind three SSH servers, and with ProFTPD's own.
+// SFTP with OpenSSH's sftp-server after three SSH servers, and with ProFTPD's own.
 
 #include <filesystem>
 #include <stdexcept>
@@ -23,7 +23,7 @@ using servers::ProftpdServer;
 namespace {
 
 /// sftp-server as the user who runs the tests, wherever they run.
-SftpPeer SftpServerBehind(servers::RealServer const& server) {
+SftpPeer SftpServerAfter(servers::RealServer const& server) {
     Refusal const failure{4, "Failure"};
     return {server,
             0,
@@ -38,12 +38,12 @@ SftpPeer SftpServerBehind(servers::RealServer const& server) {
             failure};
 }
 
-SftpPeer PeerAt(servers::PythonServer const& server) { return SftpServerBehind(server); }
+SftpPeer PeerAt(servers::PythonServer const& server) { return SftpServerAfter(server); }
 
 SftpPeer PeerAt(OpensshServer const& server) {
     passwd const* const account = getpwnam(server.User().c_str());
     if (!account) throw std::runtime_error(server.User() + " has gone");
-    SftpPeer peer = SftpServerBehind(server);
+    SftpPeer peer = SftpServerAfter(server);
     peer.unsolicited = 3;
     peer.home = account->pw_dir;
     peer.uid = account->pw_uid;
@@ -52,7 +52,7 @@ SftpPeer PeerAt(OpensshServer const& server) {
 }
 
 SftpPeer PeerAt(ProftpdServer const& server) {
-    SftpPeer peer = SftpServerBehind(server);
+    SftpPeer peer = SftpServerAfter(server);
     peer.home = server.File("home");
     peer.exists = {4, "File already exists"};
     peer.occupied = {11, "File already exists"};

@@ -24,7 +24,7 @@ using namespace kinds;
 
 namespace {
 
-/// What xdpyinfo prints behind the line that names the display.
+/// What xdpyinfo prints after the line that names the display.
 std::string BehindName(std::string const& output) {
     std::size_t const name = output.find("name of display:");
     if (name == std::string::npos) return "no description: " + output;

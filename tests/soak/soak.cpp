@@ -135,7 +135,7 @@ public:
 
 private:
     std::size_t Available() const { return _bytes.size() - _at; }
-    std::ptrdiff_t Offset(std::size_t behind) const { return static_cast<std::ptrdiff_t>(_at + behind); }
+    std::ptrdiff_t Offset(std::size_t after) const { return static_cast<std::ptrdiff_t>(_at + after); }
     std::size_t Length() const {
         return Reader(Bytes(_bytes.begin() + Offset(0), _bytes.begin() + Offset(4))).U32();
     }

@@ -1,4 +1,4 @@
-// One remote command, joined to descriptors 0, 1 and 2.
+// One remote command, attached to descriptors 0, 1 and 2.
 
 #include <brantle/apps/ssh_cmd_session.h>
 
@@ -12,7 +12,7 @@ namespace {
 
 class Command : public AppTest {
 protected:
-    /// What Run came to, behind a login; the server's script begins at the opening of the channel.
+    /// What Run came to, after a login; the server's script begins at the opening of the channel.
     std::string Run(Script const& script, std::string const& command = "true") {
         Serve([script](Connection& c) {
             c.WellBehaved(Stage::Authenticated);
@@ -118,7 +118,7 @@ TEST_F(Command, RunBeforeTheLoginReturnsMinusOneAndSendsNothing) {
     EXPECT_EQ(server->At(0).received.size(), 4u); // the last one is NEWKEYS
 }
 
-TEST_F(Command, RunBehindAFailedLoginReturnsMinusOneAndSendsNothing) {
+TEST_F(Command, RunAfterAFailedLoginReturnsMinusOneAndSendsNothing) {
     Serve([](Connection& c) {
         c.WellBehaved(Stage::Service);
         c.ReadAuthRequest();

@@ -22,7 +22,7 @@ protected:
             settings);
     }
 
-    /// Payloads of the client behind its login.
+    /// Payloads of the client after its login.
     std::vector<peer::Bytes> Sent() const {
         std::vector<peer::Bytes> payloads;
         auto const& records = server->At(0).received;

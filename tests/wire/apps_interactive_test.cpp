@@ -26,10 +26,10 @@ protected:
 
     Interactive() { setenv("TERM", "vt220", 1); }
 
-    /// What Run came to, behind a login, on these descriptors; the server's script begins at the opening of
-    /// the channel. The steps are called before the login, before Run, and behind it.
+    /// What Run came to, after a login, on these descriptors; the server's script begins at the opening of
+    /// the channel. The steps are called before the login, before Run, and after it.
     std::string RunOn(int in, int out, Script const& script, Step const& beforeLogin = {},
-                      Step const& before = {}, Step const& behind = {}) {
+                      Step const& before = {}, Step const& after = {}) {
         Serve([script](Connection& c) {
             c.WellBehaved(Stage::Authenticated);
             script(c);
@@ -43,7 +43,7 @@ protected:
             Login(session);
             if (before) before(session);
             outcome = Outcome([&] { return session.Run(); });
-            if (behind) behind(session);
+            if (after) after(session);
             messages = errors.Text();
         }
         server->Finish();
@@ -51,8 +51,8 @@ protected:
     }
 
     /// The same on the terminal.
-    std::string Run(Script const& script, Step const& before = {}, Step const& behind = {}) {
-        return RunOn(terminal.Fd(), terminal.Fd(), script, {}, before, behind);
+    std::string Run(Script const& script, Step const& before = {}, Step const& after = {}) {
+        return RunOn(terminal.Fd(), terminal.Fd(), script, {}, before, after);
     }
 
     /// Work for the first cycle of the loop.

@@ -24,14 +24,14 @@ public:
 };
 
 /// Logins of the user "tester" to a scripted server. The well-behaved server's part up to NEWKEYS, or up to
-/// the refusal of "none", is done; a test gives what comes behind it.
+/// the refusal of "none", is done; a test gives what comes after it.
 class AuthTest : public testing::Test {
 protected:
     using Script = peer::ScriptedPeer::Script;
 
     AuthTest() { settings.group = peer::DhGroup::Modp(1024); }
 
-    /// What the client's call came to, behind the key exchange. The server goes on with the script and then
+    /// What the client's call came to, after the key exchange. The server goes on with the script and then
     /// expects the client to close.
     std::string Run(Script const& script, std::function<int(AuthSession&)> const& client) {
         server = std::make_unique<peer::ScriptedPeer>(
@@ -76,15 +76,15 @@ protected:
     }
     static void Nothing(peer::Connection&) {}
 
-    /// Payloads of the client behind its NEWKEYS.
+    /// Payloads of the client after its NEWKEYS.
     std::vector<peer::Bytes> Sent() const {
         std::vector<peer::Bytes> payloads;
         auto const& records = server->At(0).received;
         for (std::size_t i = 4; i < records.size(); ++i) payloads.push_back(records[i].payload);
         return payloads;
     }
-    /// Payloads of the client behind the request for "none".
-    std::vector<peer::Bytes> SentBehindNone() const {
+    /// Payloads of the client after the request for "none".
+    std::vector<peer::Bytes> SentAfterNone() const {
         auto payloads = Sent();
         EXPECT_GE(payloads.size(), 2u);
         payloads.erase(payloads.begin(), payloads.begin() + 2);

@@ -41,7 +41,7 @@ TEST_F(AuthInteractive, QuestionsReachTheCallbackAndAnswersTheServer) {
     EXPECT_TRUE(enter.questions.empty());
 }
 
-TEST_F(AuthInteractive, SubmethodsAreSentBehindAnEmptyLanguage) {
+TEST_F(AuthInteractive, SubmethodsAreSentAfterAnEmptyLanguage) {
     EXPECT_EQ(Interactive(
                   [](Connection& c) {
                       c.ReadAuthRequest();
@@ -137,7 +137,7 @@ TEST_F(AuthInteractive, SuccessAndFailureAtOnceAreTaken) {
     EXPECT_TRUE(callback.requests.empty());
 }
 
-TEST_F(AuthInteractive, AnyOtherMessageIsABreachByItsName) {
+TEST_F(AuthInteractive, AnyOtherMessageIsAViolationByItsName) {
     std::vector<std::pair<unsigned, std::string>> const cases{
         {IGNORE, ": SSH_MSG_IGNORE"},
         {DEBUG, ": SSH_MSG_DEBUG"},
@@ -152,7 +152,7 @@ TEST_F(AuthInteractive, AnyOtherMessageIsABreachByItsName) {
                   "SshProtocolError: unexpected ssh response" + name);
 }
 
-TEST_F(AuthInteractive, BreachBehindAnAnswerIsABreachToo) {
+TEST_F(AuthInteractive, ViolationAfterAnAnswerIsAViolationToo) {
     callback.answers = {{"a"}};
     EXPECT_EQ(Interactive([](Connection& c) {
                   c.ReadAuthRequest();
@@ -164,7 +164,7 @@ TEST_F(AuthInteractive, BreachBehindAnAnswerIsABreachToo) {
     EXPECT_EQ(authenticated, 0);
 }
 
-TEST_F(AuthInteractive, RequestWithBytesBehindItIsRefused) {
+TEST_F(AuthInteractive, RequestWithBytesAfterItIsRefused) {
     EXPECT_EQ(
         Interactive([](Connection& c) {
             c.ReadAuthRequest();

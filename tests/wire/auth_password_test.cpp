@@ -32,7 +32,7 @@ protected:
     std::string Question() const { return "Password for|tester@127.0.0.1:" + std::to_string(server->Port()); }
 };
 
-char const breach[] = "SshProtocolError: expected either USERAUTH_SUCCESS or USERAUTH_FAILURE or "
+char const violation[] = "SshProtocolError: expected either USERAUTH_SUCCESS or USERAUTH_FAILURE or "
                       "USERAUTH_PASSWD_CHANGEREQ packet";
 
 } // namespace
@@ -50,7 +50,7 @@ TEST_F(AuthPassword, EmptyOneIsSentWithoutPrompting) {
     for (String_t const& empty : {String_t(), String_t("")}) {
         password = empty;
         EXPECT_EQ(Login("password", AcceptRequest), "0");
-        EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("")));
+        EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("")));
     }
     EXPECT_TRUE(enter.limits.empty());
 }
@@ -58,7 +58,7 @@ TEST_F(AuthPassword, EmptyOneIsSentWithoutPrompting) {
 TEST_F(AuthPassword, ThreeTriesAreThreeRequestsAndThreePrompts) {
     EXPECT_EQ(Login("password", RefuseRequests(3)), "-1");
     EXPECT_EQ(authenticated, 0);
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest("typed-1"),
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest("typed-1"),
                                               PasswordRequest("typed-2")));
     EXPECT_THAT(enter.questions, ElementsAre(Question(), Question(), Question()));
     EXPECT_THAT(enter.limits, ElementsAre(32u, 32u, 32u));
@@ -68,14 +68,14 @@ TEST_F(AuthPassword, ThreeTriesAreThreeRequestsAndThreePrompts) {
 TEST_F(AuthPassword, OneTryIsOneRequestAndStillOnePrompt) {
     enter._tries = 1;
     EXPECT_EQ(Login("password", RefuseRequests(1)), "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret")));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret")));
     EXPECT_EQ(enter.questions.size(), 1u);
 }
 
 TEST_F(AuthPassword, ZeroTriesSendNothing) {
     enter._tries = 0;
     EXPECT_EQ(Login("password", Nothing), "-1");
-    EXPECT_TRUE(SentBehindNone().empty());
+    EXPECT_TRUE(SentAfterNone().empty());
     EXPECT_TRUE(enter.questions.empty());
     EXPECT_EQ(enter.prompt, Question());
     EXPECT_EQ(Text(password), "secret");
@@ -89,7 +89,7 @@ TEST_F(AuthPassword, TypedOneLogsIn) {
                     }),
               "0");
     EXPECT_EQ(authenticated, 1);
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest("typed-1")));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest("typed-1")));
     EXPECT_EQ(enter.questions.size(), 1u);
 }
 
@@ -97,7 +97,7 @@ TEST_F(AuthPassword, TypedOneEndsAtItsLengthAndAtThirtyTwoBytes) {
     std::string const longText(40, 'x');
     enter.answers = {"", longText};
     EXPECT_EQ(Login("password", RefuseRequests(3)), "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest(""),
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest(""),
                                               PasswordRequest(longText.substr(0, 32))));
 }
 
@@ -105,7 +105,7 @@ TEST_F(AuthPassword, GivenOneHasNoLimit) {
     std::string const longText(5000, 'x');
     password = longText.c_str();
     EXPECT_EQ(Login("password", AcceptRequest), "0");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest(longText)));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest(longText)));
 }
 
 TEST_F(AuthPassword, RefusedPromptIsTheResult) {
@@ -132,24 +132,24 @@ TEST_F(AuthPassword, DemandForAChangeEndsTheMethod) {
     EXPECT_TRUE(enter.questions.empty());
     EXPECT_THAT(Sent(), ElementsAre(PasswordRequest("secret")));
     EXPECT_EQ(Login("password", demand), "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("")));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("")));
 }
 
-TEST_F(AuthPassword, AnyOtherAnswerIsABreach) {
+TEST_F(AuthPassword, AnyOtherAnswerIsAViolation) {
     for (std::uint8_t type : {IGNORE, DEBUG, USERAUTH_REQUEST, USERAUTH_INFO_RESPONSE, GLOBAL_REQUEST}) {
         EXPECT_EQ(Login("password,keyboard-interactive",
                         [type](Connection& c) {
                             c.ReadAuthRequest();
                             c.SendPacket(Writer().U8(type).String(""));
                         }),
-                  breach);
-        EXPECT_EQ(SentBehindNone().size(), 1u);
+                  violation);
+        EXPECT_EQ(SentAfterNone().size(), 1u);
         EXPECT_EQ(authenticated, 0);
     }
     EXPECT_TRUE(enter.questions.empty());
 }
 
-TEST_F(AuthPassword, CloseBehindTheRequestIsABreach) {
+TEST_F(AuthPassword, CloseAfterTheRequestIsAViolation) {
     EXPECT_EQ(Login("password",
                     [](Connection& c) {
                         c.ReadAuthRequest();
@@ -166,19 +166,19 @@ TEST_F(AuthPassword, CallersTextIsWipedByTheFirstTry) {
     EXPECT_EQ(std::string(password.Text(), 6), std::string(6, '\0'));
 }
 
-TEST_F(AuthPassword, CallersTextIsWipedByABreachToo) {
+TEST_F(AuthPassword, CallersTextIsWipedByAViolationToo) {
     EXPECT_EQ(Login("password",
                     [](Connection& c) {
                         c.ReadAuthRequest();
                         c.SendIgnore();
                     }),
-              breach);
+              violation);
     EXPECT_EQ(Text(password), "");
 }
 
 TEST_F(AuthPassword, TypedOneReachesNeitherLaterMethodsNorTheCaller) {
     EXPECT_EQ(Login("password,password", RefuseRequests(6)), "-1");
-    EXPECT_THAT(SentBehindNone(),
+    EXPECT_THAT(SentAfterNone(),
                 ElementsAre(PasswordRequest("secret"), PasswordRequest("typed-1"), PasswordRequest("typed-2"),
                             PasswordRequest(""), PasswordRequest("typed-4"), PasswordRequest("typed-5")));
     EXPECT_EQ(Text(password), "");

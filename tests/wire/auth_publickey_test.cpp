@@ -137,7 +137,7 @@ TEST_F(AuthKey, WithoutAPublicKeyNothingIsSent) {
                         c.SendAuthSuccess();
                     }),
               "0");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest()));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest()));
 }
 
 TEST_F(AuthKey, IdentityLooksUnderSshBeforePub) {
@@ -145,18 +145,18 @@ TEST_F(AuthKey, IdentityLooksUnderSshBeforePub) {
     WritePublic("own.ssh", dsa);
     WritePublic("own.pub", rsa);
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
-    EXPECT_EQ(SentBehindNone()[0], KeyQuery(dsa));
+    EXPECT_EQ(SentAfterNone()[0], KeyQuery(dsa));
 }
 
 TEST_F(AuthKey, DefaultsStandInTheHomeDirectory) {
     identity = "";
     WritePair("id_dsa", dsa);
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
-    EXPECT_EQ(SentBehindNone()[0], KeyQuery(dsa));
+    EXPECT_EQ(SentAfterNone()[0], KeyQuery(dsa));
     EXPECT_TRUE(signatureIsValid);
     WritePair("id_rsa", rsa);
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
-    EXPECT_EQ(SentBehindNone()[0], KeyQuery(rsa));
+    EXPECT_EQ(SentAfterNone()[0], KeyQuery(rsa));
     EXPECT_TRUE(signatureIsValid);
 }
 
@@ -171,7 +171,7 @@ TEST_F(AuthKey, DefaultPublicAndPrivateKeyNeedNotBelongTogether) {
     Write("id_rsa", rsa.Pem());
     WritePair("id_dsa", dsa);
     EXPECT_EQ(Login("publickey", AcceptQuery([](Connection& c) { c.SendAuthFailure("publickey"); })), "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(KeyQuery(dsa), SignedRequest(dsa, signedRequest.signature)));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(KeyQuery(dsa), SignedRequest(dsa, signedRequest.signature)));
     EXPECT_FALSE(signatureIsValid);
     EXPECT_TRUE(VerifySignature(rsa.Blob(), signedRequest.signature, AuthData(dsa)));
 }
@@ -192,7 +192,7 @@ TEST_F(AuthKey, RefusedQueryEndsTheMethod) {
                         c.SendAuthSuccess();
                     }),
               "0");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(KeyQuery(rsa), InteractiveRequest()));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(KeyQuery(rsa), InteractiveRequest()));
 }
 
 TEST_F(AuthKey, MethodListedTwiceIsTriedTwice) {
@@ -204,7 +204,7 @@ TEST_F(AuthKey, MethodListedTwiceIsTriedTwice) {
         c.SendAuthFailure("");
     };
     EXPECT_EQ(Login("publickey,publickey", refuse), "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(KeyQuery(rsa), KeyQuery(rsa)));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(KeyQuery(rsa), KeyQuery(rsa)));
 }
 
 TEST_F(AuthKey, AcceptanceOfAnotherKeyIsARefusal) {
@@ -227,7 +227,7 @@ TEST_F(AuthKey, AcceptanceOfWhatIsNoKeyIsARefusal) {
         EXPECT_EQ(Key(AnswerQuery(PkOk("ssh-rsa", blob))), "-1") << Hex(blob);
 }
 
-TEST_F(AuthKey, AnyOtherAnswerToTheQueryIsABreach) {
+TEST_F(AuthKey, AnyOtherAnswerToTheQueryIsAViolation) {
     WritePair("own", rsa);
     std::string const words = "SshProtocolError: expected USERAUTH_PK_OK package, received: ";
     EXPECT_EQ(Key(AnswerQuery(Bytes{USERAUTH_SUCCESS})), words + "52");
@@ -247,13 +247,13 @@ TEST_F(AuthKey, RefusedSignatureEndsTheMethod) {
     EXPECT_TRUE(signatureIsValid);
 }
 
-TEST_F(AuthKey, AnyOtherAnswerToTheSignatureIsABreach) {
+TEST_F(AuthKey, AnyOtherAnswerToTheSignatureIsAViolation) {
     WritePair("own", rsa);
     for (std::uint8_t type : {IGNORE, DEBUG, USERAUTH_PK_OK, USERAUTH_INFO_RESPONSE, CHANNEL_OPEN}) {
         EXPECT_EQ(Login("publickey,password",
                         AcceptQuery([type](Connection& c) { c.SendPacket(Writer().U8(type).String("")); })),
                   "SshProtocolError: expected either USERAUTH_SUCCESS or USERAUTH_FAILURE packet");
-        EXPECT_EQ(SentBehindNone().size(), 2u);
+        EXPECT_EQ(SentAfterNone().size(), 2u);
     }
 }
 
@@ -287,7 +287,7 @@ TEST_F(AuthKey, PrivateKeyThatCannotBeReadIsTheResult) {
                         c.SendAuthSuccess();
                     }),
               "0");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(KeyQuery(rsa), InteractiveRequest()));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(KeyQuery(rsa), InteractiveRequest()));
 }
 
 TEST_F(AuthKey, PasswordThatIsThePassphraseSparesThePrompt) {
@@ -343,7 +343,7 @@ TEST_F(AuthKey, PassphraseOfferedBeforeIsNoAnswerToALaterPasswordPrompt) {
               "-1");
     EXPECT_THAT(enter.questions,
                 ElementsAre("Password for|tester@127.0.0.1:" + std::to_string(server->Port())));
-    EXPECT_EQ(SentBehindNone().back(), PasswordRequest("secret"));
+    EXPECT_EQ(SentAfterNone().back(), PasswordRequest("secret"));
 }
 
 TEST_F(AuthKeyWithAgent, SignsInPlaceOfTheKeyFile) {
@@ -369,7 +369,7 @@ TEST_F(AuthKeyWithAgent, SignatureIsPassedOnAsItIs) {
     ScriptedAgent const agent(
         [&](Bytes const&) { return Writer().U8(ScriptedAgent::signResponse).String(signature).Data(); });
     EXPECT_EQ(Login("publickey", AcceptQuery([](Connection& c) { c.SendAuthFailure(""); })), "-1");
-    EXPECT_EQ(SentBehindNone()[1], SignedRequest(rsa, signature));
+    EXPECT_EQ(SentAfterNone()[1], SignedRequest(rsa, signature));
 }
 
 TEST_F(AuthKeyWithAgent, IsNotAskedWhenTheServerRefusesTheKey) {
@@ -426,7 +426,7 @@ TEST_F(AuthKeyWithAgent, NobodyAtTheSocketGivesWayToTheKeyFile) {
     EXPECT_TRUE(signatureIsValid);
 }
 
-TEST_F(AuthKeyWithAgent, BreachOfItsProtocolEndsAuthentication) {
+TEST_F(AuthKeyWithAgent, ViolationOfItsProtocolEndsAuthentication) {
     WritePair("own", rsa);
     auto const acceptQuery = AnswerQuery(PkOk("ssh-rsa", rsa.Blob()));
     {
@@ -436,6 +436,6 @@ TEST_F(AuthKeyWithAgent, BreachOfItsProtocolEndsAuthentication) {
     }
     ScriptedAgent const closing([](Bytes const&) { return std::nullopt; });
     EXPECT_THAT(Login("publickey,password", acceptQuery), testing::StartsWith("BadInput: "));
-    EXPECT_THAT(SentBehindNone(), ElementsAre(KeyQuery(rsa)));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(KeyQuery(rsa)));
     EXPECT_EQ(authenticated, 0);
 }

@@ -30,7 +30,7 @@ TEST_F(AuthService, NoneAcceptedNeedsNothingMore) {
     EXPECT_EQ(Text(password), "secret");
 }
 
-TEST_F(AuthService, OtherAnswerToNoneIsABreach) {
+TEST_F(AuthService, OtherAnswerToNoneIsAViolation) {
     for (std::uint8_t type : {IGNORE, DEBUG, USERAUTH_REQUEST, USERAUTH_PK_OK, CHANNEL_OPEN}) {
         EXPECT_EQ(Authenticate([type](Connection& c) {
                       c.ServiceAccept();
@@ -43,7 +43,7 @@ TEST_F(AuthService, OtherAnswerToNoneIsABreach) {
     }
 }
 
-TEST_F(AuthService, CloseBehindNoneIsABreach) {
+TEST_F(AuthService, CloseAfterNoneIsAViolation) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();
@@ -52,7 +52,7 @@ TEST_F(AuthService, CloseBehindNoneIsABreach) {
               closedEarly);
 }
 
-TEST_F(AuthService, OtherAnswerToTheServiceRequestIsABreach) {
+TEST_F(AuthService, OtherAnswerToTheServiceRequestIsAViolation) {
     for (std::uint8_t type : {IGNORE, DISCONNECT, SERVICE_REQUEST, USERAUTH_SUCCESS, USERAUTH_BANNER}) {
         EXPECT_EQ(Authenticate([type](Connection& c) {
                       c.ExpectPacket(SERVICE_REQUEST);
@@ -93,13 +93,13 @@ TEST_F(AuthService, SecondCallRepeatsTheWholeSequence) {
 
 TEST_F(AuthWalk, EmptyListSendsNothingElse) {
     EXPECT_EQ(Login("", Nothing), "-1");
-    EXPECT_TRUE(SentBehindNone().empty());
+    EXPECT_TRUE(SentAfterNone().empty());
     EXPECT_EQ(authenticated, 0);
 }
 
 TEST_F(AuthWalk, UnknownMethodsArePassedOver) {
     EXPECT_EQ(Login("none,hostbased,Password,passwor,password2,gssapi-with-mic", Nothing), "-1");
-    EXPECT_TRUE(SentBehindNone().empty());
+    EXPECT_TRUE(SentAfterNone().empty());
 }
 
 TEST_F(AuthWalk, KnownMethodAmongUnknownOnesIsTried) {
@@ -109,7 +109,7 @@ TEST_F(AuthWalk, KnownMethodAmongUnknownOnesIsTried) {
                         c.SendAuthSuccess();
                     }),
               "0");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret")));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret")));
 }
 
 TEST_F(AuthWalk, OrderIsTheServers) {
@@ -121,10 +121,10 @@ TEST_F(AuthWalk, OrderIsTheServers) {
     };
     enter._tries = 1;
     EXPECT_EQ(Login("keyboard-interactive,password", refuseBoth), "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest(), PasswordRequest("secret")));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest(), PasswordRequest("secret")));
     password = "secret";
     EXPECT_EQ(Login("password,keyboard-interactive", refuseBoth), "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret"), InteractiveRequest()));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), InteractiveRequest()));
 }
 
 TEST_F(AuthWalk, SuccessEndsTheWalk) {
@@ -136,7 +136,7 @@ TEST_F(AuthWalk, SuccessEndsTheWalk) {
                         c.SendAuthSuccess();
                     }),
               "0");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest(), PasswordRequest("secret")));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest(), PasswordRequest("secret")));
     EXPECT_EQ(authenticated, 1);
 }
 
@@ -149,7 +149,7 @@ TEST_F(AuthWalk, MethodListedTwiceIsTriedTwice) {
                         }
                     }),
               "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest(), InteractiveRequest()));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest(), InteractiveRequest()));
 }
 
 TEST_F(AuthWalk, ListsOfLaterFailuresAndPartialSuccessAreReadByNobody) {
@@ -162,7 +162,7 @@ TEST_F(AuthWalk, ListsOfLaterFailuresAndPartialSuccessAreReadByNobody) {
                         c.SendAuthFailure("hostbased", true);
                     }),
               "-1");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(PasswordRequest("secret"), InteractiveRequest()));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), InteractiveRequest()));
     EXPECT_EQ(authenticated, 0);
 }
 
@@ -186,14 +186,14 @@ TEST_F(AuthWalk, LaterFailureMayBeMalformed) {
               "-1");
 }
 
-TEST_F(AuthWalk, BreachEndsTheWalk) {
+TEST_F(AuthWalk, ViolationEndsTheWalk) {
     EXPECT_EQ(Login("keyboard-interactive,password",
                     [](Connection& c) {
                         c.ReadAuthRequest();
                         c.SendIgnore();
                     }),
               "SshProtocolError: unexpected ssh response: SSH_MSG_IGNORE");
-    EXPECT_THAT(SentBehindNone(), ElementsAre(InteractiveRequest()));
+    EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest()));
 }
 
 TEST_F(AuthBanner, IsPrintedAsItIsAndKept) {
@@ -260,7 +260,7 @@ TEST_F(AuthBanner, DisturbsNoExchange) {
     EXPECT_EQ(banner, "7");
 }
 
-TEST_F(AuthBanner, WithoutItsLanguageIsABreach) {
+TEST_F(AuthBanner, WithoutItsLanguageIsAViolation) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();

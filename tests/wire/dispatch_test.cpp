@@ -191,7 +191,7 @@ TEST_F(Dispatch, PacketWhoseRestComesLaterIsWaitedForInTheSameDispatch) {
     }
 }
 
-TEST_F(Dispatch, IgnoreIsDroppedWithoutAWord) {
+TEST_F(Dispatch, IgnoreIsDroppedSilently) {
     EXPECT_EQ(Receive({Ignore(), Ignore(std::string(1000, 'x')), ExitStatus(0)}), "-1");
     EXPECT_EQ(messages, "");
     EXPECT_EQ(output.Text(), "");
@@ -216,7 +216,7 @@ TEST_F(Dispatch, ExtendedDataOfAnyTypeComesOutOnDescriptorOne) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(Dispatch, DataForUnknownChannelsIsDroppedWithoutAWord) {
+TEST_F(Dispatch, DataForUnknownChannelsIsDroppedSilently) {
     EXPECT_EQ(Receive({Data("x", 1), Data("x", 0xffffffff), Data("x", 42), ExtendedData("x", 1, 1),
                        Data("kept"), ExitStatus(0)}),
               "-1");
@@ -293,7 +293,7 @@ TEST_F(Dispatch, ExitMessageEndsTheRunOnAnyChannelAndGetsNoReply) {
     }
 }
 
-TEST_F(Dispatch, WhatComesBehindAnExitMessageIsDropped) {
+TEST_F(Dispatch, WhatComesAfterAnExitMessageIsDropped) {
     std::string log;
     EXPECT_EQ(Receive({Data("a", 1), ExitStatus(0), Data("b", 1), Data("late"), Debug()}, NotedChannel(log)),
               "-1");
@@ -332,7 +332,7 @@ TEST_F(Dispatch, OtherRequestsAreDroppedWithoutReply) {
     EXPECT_EQ(terminations, 1);
 }
 
-TEST_F(Dispatch, OtherRequestsWithDataBehindThemAreABreach) {
+TEST_F(Dispatch, OtherRequestsWithDataAfterThemAreAViolation) {
     EXPECT_EQ(Receive({RequestHead("xon-xoff").Bool(true)}), Surplus("SSH_MSG_CHANNEL_REQUEST"));
     EXPECT_EQ(terminations, 0);
 }
@@ -357,7 +357,7 @@ TEST_F(Dispatch, FurtherEofSendsAFurtherClose) {
     EXPECT_THAT(Sent(), ElementsAre(Eof(42), Close(42), Eof(42), Close(42)));
 }
 
-TEST_F(Dispatch, EofBehindTheOwnOneIsAnsweredByCloseAlone) {
+TEST_F(Dispatch, EofAfterTheOwnOneIsAnsweredByCloseAlone) {
     EXPECT_EQ(Receive({Eof(), Eof(), ExitStatus(0)}, [](LoopSession& session) { session.CloseChannel(0); }),
               "-1");
     EXPECT_THAT(Sent(), ElementsAre(Eof(42), Close(42), Close(42)));
@@ -426,7 +426,7 @@ TEST_F(Dispatch, ChannelsOfAnyTypeAreRefused) {
     EXPECT_EQ(dispatches, 1);
 }
 
-TEST_F(Dispatch, ForwardedConnectionWithAnOriginatorIsABreach) {
+TEST_F(Dispatch, ForwardedConnectionWithAnOriginatorIsAViolation) {
     EXPECT_EQ(Receive({ChannelOpenHead("forwarded-tcpip", 7).String("host").U32(80).String("origin").U32(1)}),
               Surplus("SSH_MSG_CHANNEL_OPEN"));
     EXPECT_THAT(Sent(), IsEmpty());
@@ -445,7 +445,7 @@ TEST_F(Dispatch, OpeningWithoutAnAddressIsRefusedWhateverItsPadding) {
     }
 }
 
-// --- breaches
+// --- violations
 
 TEST_F(Dispatch, KnownMessageWithAByteTooManyEndsTheRun) {
     std::vector<std::pair<Bytes, char const*>> const known{

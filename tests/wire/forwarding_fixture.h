@@ -27,7 +27,7 @@ inline peer::Bytes ChannelFailure(std::uint32_t recipient) {
     return peer::Writer().U8(peer::CHANNEL_FAILURE).U32(recipient);
 }
 
-/// A CHANNEL_OPEN of the type "forwarded-tcpip" that ends behind the connected port.
+/// A CHANNEL_OPEN of the type "forwarded-tcpip" that ends after the connected port.
 inline peer::Writer ShortOpening(std::uint32_t sender, std::uint32_t port) {
     return peer::Writer()
         .U8(peer::CHANNEL_OPEN)
@@ -79,7 +79,7 @@ protected:
         EXPECT_EQ(OpenDescriptors(), _descriptors);
     }
 
-    /// As in LoopTest. What the server is to send to the running session alone stands behind AwaitRun.
+    /// As in LoopTest. What the server is to send to the running session alone comes after AwaitRun.
     std::string Run(Script const& script, Client const& prepare = {}, Client const& inspect = {}) {
         _listening = {};
         _listener = _listening.get_future();
@@ -108,7 +108,7 @@ protected:
     std::uint16_t Listener() const { return _listener.get(); }
     tcp::End Connect() const { return tcp::End::To(Listener()); }
 
-    /// A connection through the forwarding that the server has joined to its channel `sender`.
+    /// A connection through the forwarding that the server has attached to its channel `sender`.
     tcp::End ConnectThrough(peer::Connection& c, std::uint32_t sender = 77) const {
         tcp::End local = Connect();
         peer::ChannelOpen const open = c.ReadChannelOpen();

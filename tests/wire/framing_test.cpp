@@ -38,7 +38,7 @@ ServerSettings Pinned(std::string const& cipher, std::string const& mac) {
     return settings;
 }
 
-/// The next packet as the peer sent it: what stands behind the padding length, without padding.
+/// The next packet as the peer sent it: what comes after the padding length, without padding.
 Bytes PayloadOf(ByteString const& packet) {
     Bytes const bytes = ToPeer(packet);
     if (bytes.empty()) throw PeerError("empty packet");
@@ -49,7 +49,7 @@ std::string ReadOutcome(TestSession& session) {
     return Outcome([&] { return static_cast<int>(session._in.ReadPacket().Length()); });
 }
 
-/// A session right behind the identification lines, with no cipher, and a script that goes on from there.
+/// A session right after the identification lines, with no cipher, and a script that goes on from there.
 struct PlainSession {
     explicit PlainSession(ScriptedPeer::Script const& script)
         : server([script](Connection& c) {
@@ -64,7 +64,7 @@ struct PlainSession {
     TestSession session;
 };
 
-/// A session right behind NEWKEYS.
+/// A session right after NEWKEYS.
 struct EncryptedSession {
     explicit EncryptedSession(ScriptedPeer::Script const& script,
                               ServerSettings const& settings = Pinned("aes128-ctr", "hmac-sha1"))
@@ -83,8 +83,8 @@ struct EncryptedSession {
     TestSession session;
 };
 
-std::string PlainLength(std::uint32_t length, std::size_t bytesBehind) {
-    PlainSession plain([&](Connection& c) { c.SendRaw(Writer().U32(length).Raw(Bytes(bytesBehind))); });
+std::string PlainLength(std::uint32_t length, std::size_t bytesAfter) {
+    PlainSession plain([&](Connection& c) { c.SendRaw(Writer().U32(length).Raw(Bytes(bytesAfter))); });
     std::string const outcome = ReadOutcome(plain.session);
     plain.server.Finish();
     return outcome;

@@ -61,7 +61,7 @@ TEST(Identification, ClientSendsItsLineWithABareLineFeedAndNothingElse) {
     EXPECT_EQ(ToText(server.At(0).Wire().Received()), clientLine);
 }
 
-TEST(Identification, FirstPacketStandsDirectlyBehindTheLine) {
+TEST(Identification, FirstPacketStandsDirectlyAfterTheLine) {
     ScriptedPeer server(KeysAndClose);
     EXPECT_EQ(ExchangeKeys(server.Port()), "0");
     server.Finish();
@@ -119,7 +119,7 @@ TEST(Identification, CloseBeforeTheLineShowsInTheFirstPacket) {
     server.Finish();
 }
 
-TEST(Identification, CloseBehindTheLineShowsInTheFirstPacket) {
+TEST(Identification, CloseAfterTheLineShowsInTheFirstPacket) {
     ScriptedPeer server([](Connection& c) { c.Identify(); });
     EXPECT_EQ(ExchangeKeys(server.Port()), closedEarly);
     server.Finish();

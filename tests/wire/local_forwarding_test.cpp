@@ -33,7 +33,7 @@ bool IsSet(int fd, int level, int option) {
 
 class LocalForwarding : public ForwardingTest {
 protected:
-    /// Expects that the connection is joined to the server's channel 77, and ends the run.
+    /// Expects that the connection is attached to the server's channel 77, and ends the run.
     static void IsJoined(Connection& c, tcp::End& local) {
         local.Send("request");
         EXPECT_EQ(c.ReadPacket(), Data("request", 77));
@@ -341,7 +341,7 @@ TEST_F(LocalForwarding, ChannelFailureIsNotDecoded) {
               "-1, Run -1");
 }
 
-TEST_F(LocalForwarding, OpenFailureClosesTheConnectionWithoutAWord) {
+TEST_F(LocalForwarding, OpenFailureClosesTheConnectionSilently) {
     EXPECT_EQ(Accept([](Connection& c, tcp::End& local) {
                   c.SendPacket(OpenFailure(1));
                   EXPECT_TRUE(local.IsClosedByPeer());
@@ -379,7 +379,7 @@ TEST_F(LocalForwarding, MessagesInFrontOfTheAnswerAreHandled) {
     EXPECT_EQ(output.Text(), "output");
 }
 
-TEST_F(LocalForwarding, UnknownMessagesInFrontOfTheAnswerAreDroppedWithoutAWord) {
+TEST_F(LocalForwarding, UnknownMessagesInFrontOfTheAnswerAreDroppedSilently) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End&) {
                       c.SendTogether({Debug(), OpenFailure(1), Writer().U8(255), Confirmation(1, 77)});
@@ -465,7 +465,7 @@ TEST_F(LocalForwarding, HandlerThatEndsTheDispatchEndsTheRun) {
     EXPECT_TRUE(socketStays);
 }
 
-TEST_F(LocalForwarding, PacketsBehindTheAnswerAreServedWithIt) {
+TEST_F(LocalForwarding, PacketsAfterTheAnswerAreServedWithIt) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = Connect();
@@ -479,7 +479,7 @@ TEST_F(LocalForwarding, PacketsBehindTheAnswerAreServedWithIt) {
     EXPECT_EQ(Sent().size(), 3u);
 }
 
-TEST_F(LocalForwarding, EndBehindTheAnswerEndsTheRun) {
+TEST_F(LocalForwarding, EndAfterTheAnswerEndsTheRun) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = Connect();
@@ -714,7 +714,7 @@ TEST_F(ForwardedConnection, CloseOfTheServerAloneIsNotAnswered) {
     EXPECT_EQ(Sent().size(), 1u);
 }
 
-TEST_F(ForwardedConnection, CloseOfTheServerBehindTheLocalEndIsNotAnswered) {
+TEST_F(ForwardedConnection, CloseOfTheServerAfterTheLocalEndIsNotAnswered) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = ConnectThrough(c);

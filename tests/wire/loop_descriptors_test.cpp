@@ -140,7 +140,7 @@ TEST_F(LoopDescriptors, EndOfInputSendsOneEofAndEndsNothing) {
     EXPECT_FALSE(inputStays);
 }
 
-TEST_F(LoopDescriptors, InputBehindTheServersEofIsNotRead) {
+TEST_F(LoopDescriptors, InputAfterTheServersEofIsNotRead) {
     EXPECT_EQ(Run([&](Connection& c) {
                   c.SendEof();
                   c.ExpectPacket(CHANNEL_EOF);
@@ -236,7 +236,7 @@ TEST_F(LoopDescriptors, SocketIsPreparedAndStandardInputIsNot) {
     EXPECT_FALSE(inputCloses);
 }
 
-TEST_F(LoopDescriptors, SessionChannelIsTheFirstAndJoinedToTheProcessesDescriptors) {
+TEST_F(LoopDescriptors, SessionChannelIsTheFirstAndAttachedToTheProcessesDescriptors) {
     unsigned int next = 0;
     EXPECT_EQ(Receive({ExitStatus(0)}, {},
                       [&](LoopSession& session) {
@@ -324,7 +324,7 @@ TEST_F(LoopDescriptors, EofOfTheServerEndsTheReadingOfThatConnection) {
     EXPECT_THAT(Sent(), ElementsAre(Eof(77), Close(77), Eof(42), Close(42)));
 }
 
-TEST_F(LoopDescriptors, CloseOfTheServerClosesThatConnectionBehindItsData) {
+TEST_F(LoopDescriptors, CloseOfTheServerClosesThatConnectionAfterItsData) {
     TcpPair pair;
     std::string before;
     ssize_t atTheEnd = -1;

@@ -44,7 +44,7 @@ public:
     int terminations = 0;
 };
 
-/// What a test does with the session before or behind its run.
+/// What a test does with the session before or after its run.
 using Client = std::function<void(LoopSession&)>;
 
 /// Work for the loop's thread, due in its first cycle.
@@ -157,7 +157,7 @@ protected:
     using Script = peer::ScriptedPeer::Script;
 
     /// What Run came to. The server follows the script and then reads until the client has closed; `prepare`
-    /// is called before Run, `inspect` behind it.
+    /// is called before Run, `inspect` after it.
     std::string Run(Script const& script, Client const& prepare = {}, Client const& inspect = {}) {
         return RunFrom(silence.Fd(), script, prepare, inspect);
     }
@@ -203,7 +203,7 @@ protected:
         return Run([&](peer::Connection& c) { c.SendTogether(payloads); }, prepare, inspect);
     }
 
-    /// Payloads of the client behind its request of a command.
+    /// Payloads of the client after its request of a command.
     std::vector<peer::Bytes> Sent() const {
         std::vector<peer::Bytes> payloads;
         auto const& records = server->At(0).received;

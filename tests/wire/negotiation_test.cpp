@@ -243,7 +243,7 @@ TEST(Negotiation, KexInitMustEndWithItsLastField) {
 
 TEST(Negotiation, KexInitThatEndsEarlyIsRefused) {
     Bytes const whole = KexInitLists().Payload();
-    // More is missing than the padding behind it could stand in for.
+    // More is missing than the padding after it could stand in for.
     for (std::size_t length = 1; length + 40 < whole.size(); length += 7) {
         ScriptedPeer server([&](Connection& c) {
             c.Identify();

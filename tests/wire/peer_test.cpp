@@ -214,7 +214,7 @@ TEST(PeerAgainstOpenSsh, SessionInSingleByteSegmentsWorks) {
     server.Finish();
 }
 
-TEST(PeerKeys, TheTwoFormsDifferOnlyBehindTheFirstDigest) {
+TEST(PeerKeys, TheTwoFormsDifferOnlyAfterTheFirstDigest) {
     Bytes const k = FromHex("8123456789");
     Bytes const hash = Sha1(ToBytes("hash"));
     KeySet const standard = DeriveKeySet(KeyExtension::Rfc4253, k, hash, hash, 21);

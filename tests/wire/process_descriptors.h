@@ -17,7 +17,7 @@ inline int Checked(int result, char const* call) {
     return result;
 }
 
-/// Bytes in memory behind a descriptor: an input that is ready from its beginning to its end, or an output
+/// Bytes in memory after a descriptor: an input that is ready from its beginning to its end, or an output
 /// that takes everything at once.
 class MemoryFile {
 public:

@@ -205,7 +205,7 @@ TEST_F(RemoteForwarding, CancelledPortMayBeStartedAgain) {
 
 // --- channels of the server's
 
-TEST_F(RemoteForwarding, ShortOpeningIsJoinedToTheTarget) {
+TEST_F(RemoteForwarding, ShortOpeningIsAttachedToTheTarget) {
     EXPECT_EQ(Open(
                   ShortOpening(500, 9000),
                   [&](Connection& c) {

@@ -29,7 +29,7 @@ TEST_F(RunLoop, DisconnectWithoutATextIsReportedAllTheSame) {
     EXPECT_EQ(messages, "connection closed by peer, \r\n");
 }
 
-TEST_F(RunLoop, PacketsBehindADisconnectThatHaveArrivedAreHandled) {
+TEST_F(RunLoop, PacketsAfterADisconnectThatHaveArrivedAreHandled) {
     EXPECT_EQ(Receive({Disconnect("bye"), Data("late"), Debug(), Eof()}), "-1");
     EXPECT_EQ(messages, "connection closed by peer, bye\r\nignore packet SSH_MSG_DEBUG\n");
     EXPECT_EQ(output.Text(), "late");
@@ -37,7 +37,7 @@ TEST_F(RunLoop, PacketsBehindADisconnectThatHaveArrivedAreHandled) {
     EXPECT_EQ(dispatches, 1);
 }
 
-TEST_F(RunLoop, PacketsBehindADisconnectThatComeLaterAreNotRead) {
+TEST_F(RunLoop, PacketsAfterADisconnectThatComeLaterAreNotRead) {
     EXPECT_EQ(Run([](Connection& c) {
                   c.SendDisconnect(2, "bye");
                   c.ExpectClosed();
@@ -86,7 +86,7 @@ TEST_F(RunLoop, TerminateOfAnotherThreadTakesEffectWhenPollReturns) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       terminated.get_future().wait();
-                      c.SendData("wakes"); // served still, since the loop sleeps behind its look at the flag
+                      c.SendData("wakes"); // served still, since the loop sleeps after its look at the flag
                   },
                   [&](LoopSession& session) {
                       other = std::thread([&] {
@@ -165,10 +165,10 @@ TEST_F(RunLoop, PacketWhoseMacCanNotBeReadCountsAsNumberZero) {
     EXPECT_EQ(output.Text(), "");
 }
 
-TEST_F(RunLoop, RunMayBeCalledAgainBehindAnException) {
+TEST_F(RunLoop, RunMayBeCalledAgainAfterAnException) {
     EXPECT_EQ(Receive({Writer().U8(CHANNEL_EOF).U32(0).U8(0), Data("next"), ExitStatus(0)}, {},
                       [](LoopSession& session) {
-                          // What was read with the breach is buffered: it waits for the socket's next turn.
+                          // What was read with the violation is buffered: it waits for the socket's next turn.
                           if (session.Dispatch(session.Fd()) != 0) throw std::runtime_error("not ended");
                           if (session.Run() != -1) throw std::runtime_error("not stopped");
                       }),

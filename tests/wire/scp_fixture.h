@@ -112,7 +112,7 @@ private:
 /// Transfers from and to a directory of the test's own. The server's number of the channel is 42.
 class ScpTest : public AppTest {
 protected:
-    /// What the client's call came to, behind a login; the server's script begins at the opening of the
+    /// What the client's call came to, after a login; the server's script begins at the opening of the
     /// channel.
     std::string Run(std::function<void(RemoteScp&)> const& script,
                     std::function<int(ScpClient&)> const& client) {
@@ -163,7 +163,7 @@ protected:
         EXPECT_TRUE(file) << name;
         return std::string(std::istreambuf_iterator<char>(file), {});
     }
-    /// Names in the directory, in order and each behind a blank.
+    /// Names in the directory, in order and each after a blank.
     std::string Names() const {
         std::vector<std::string> names;
         for (auto const& entry : std::filesystem::directory_iterator(directory.Path()))

@@ -251,7 +251,7 @@ TEST_F(ScpReceive, ErrorInPlaceOfAHeaderIsAnException) {
     EXPECT_EQ(Names(), "");
 }
 
-TEST_F(ScpReceive, ErrorBehindTheBodyIsAnExceptionAndTheFileStays) {
+TEST_F(ScpReceive, ErrorAfterTheBodyIsAnExceptionAndTheFileStays) {
     std::vector<std::pair<std::string, std::string>> const answers = {
         {"\1scp: read error\n", std::string(terminated) + ": scp: read error"},
         {"\2", terminated},

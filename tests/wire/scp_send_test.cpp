@@ -45,7 +45,7 @@ protected:
                 return session.SendFile(Directory(), name.c_str());
             });
     }
-    /// What the client sends for a file behind the command.
+    /// What the client sends for a file after the command.
     std::vector<Bytes> SentForFile() const {
         auto sent = Sent();
         sent.erase(sent.begin(), sent.begin() + 2);

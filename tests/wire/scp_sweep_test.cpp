@@ -112,7 +112,7 @@ TEST_P(ScpSweep, CutAfterEachByteOfTheServer) {
 TEST_P(ScpSweep, CutAfterEachByteOfTheClient) {
     Undisturbed();
     std::vector<PacketRecord> const records = server->At(0).received;
-    std::size_t const begin = records[6].streamOffset; // behind the login
+    std::size_t const begin = records[6].streamOffset; // after the login
     PacketRecord const& last = records.back();
     std::size_t const length = last.streamOffset + last.raw.size() + last.mac.size() - begin;
     for (std::size_t n = 1; n < length; ++n) {

@@ -12,7 +12,7 @@ using testing::IsEmpty;
 
 namespace {
 
-char const breach[] =
+char const violation[] =
     "SshProtocolError: expected either CHANNEL_OPEN_CONFIRMATION or CHANNEL_OPEN_FAILURE packet";
 
 /// Sessions that are logged in.
@@ -52,7 +52,7 @@ protected:
         return Run(script, [](TestSession& session) { return session.Open(); });
     }
 
-    /// Payloads of the client behind its login.
+    /// Payloads of the client after its login.
     std::vector<Bytes> Sent() const {
         std::vector<Bytes> payloads;
         auto const& records = server->At(0).received;
@@ -118,7 +118,7 @@ TEST_F(SessionChannel, RefusalLeavesNumberAndWindowAtZero) {
 
 TEST_F(SessionChannel, RefusalIsNotDecoded) { EXPECT_EQ(Open(Answer(Bytes{CHANNEL_OPEN_FAILURE})), "-1"); }
 
-TEST_F(SessionChannel, AnyOtherReplyIsABreach) {
+TEST_F(SessionChannel, AnyOtherReplyIsAViolation) {
     std::vector<Bytes> const replies{
         Writer().U8(IGNORE).String(""),
         Writer().U8(DEBUG).U8(0).String("").String(""),
@@ -128,13 +128,13 @@ TEST_F(SessionChannel, AnyOtherReplyIsABreach) {
         Writer().U8(DISCONNECT).U32(11).String("").String(""),
     };
     for (Bytes const& reply : replies) {
-        EXPECT_EQ(Open(Answer(reply)), breach) << Hex(reply);
+        EXPECT_EQ(Open(Answer(reply)), violation) << Hex(reply);
         EXPECT_EQ(remoteChannel, 0u);
         EXPECT_EQ(windowSize, 0u);
     }
 }
 
-TEST_F(SessionChannel, CloseBehindTheOpeningIsABreach) {
+TEST_F(SessionChannel, CloseAfterTheOpeningIsAViolation) {
     EXPECT_EQ(Open([](Connection& c) {
                   c.ReadChannelOpen();
                   c.Wire().ShutdownWrite();

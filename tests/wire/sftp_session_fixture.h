@@ -157,7 +157,7 @@ inline bool Accepts(unsigned request, unsigned reply) {
 
 /// What follows the reading of directories that breaks at that exchange: a directory is closed once a part of
 /// it has been read.
-inline Dialogue ClosingBehind(Dialogue const& reading, std::size_t i) {
+inline Dialogue ClosingAfter(Dialogue const& reading, std::size_t i) {
     bool const isLater =
         i > 0 && reading[i].request.Type() == READ_DIR && reading[i - 1].request.Type() == READ_DIR;
     if (!isLater) return {};
@@ -311,9 +311,9 @@ protected:
     }
 
     /// Replaces each reply of a dialogue by each that its request does not have: that breaks the
-    /// conversation. `tail` is what the client says all the same behind that exchange. What closes a file in
+    /// conversation. `tail` is what the client says all the same after that exchange. What closes a file in
     /// passing is passed over.
-    void ExpectBreaches(sftp::Dialogue const& dialogue, Call const& call,
+    void ExpectViolations(sftp::Dialogue const& dialogue, Call const& call,
                         std::function<sftp::Dialogue(std::size_t)> const& tail = {}) {
         std::string const expected = Run(dialogue, call);
         for (std::size_t i = 0; i < dialogue.size(); ++i) {
@@ -327,11 +327,11 @@ protected:
                     broken.resize(i + 1, dialogue[0]);
                     if (tail) broken = broken + tail(i);
                 }
-                EXPECT_EQ(Run(broken, call), request == sftp::CLOSE ? expected : Breach(type));
+                EXPECT_EQ(Run(broken, call), request == sftp::CLOSE ? expected : Violation(type));
             }
         }
     }
-    static std::string Breach(unsigned type) {
+    static std::string Violation(unsigned type) {
         return "SshProtocolError: invalid sftp response received: " + std::to_string(type);
     }
 

@@ -19,14 +19,14 @@ using DirReader = SftpClient::DirReader;
 
 class SftpGlob : public SftpSessionTest {
 protected:
-    /// What Glob comes to, with the names behind it. The status is left alone.
+    /// What Glob comes to, with the names after it. The status is left alone.
     std::string Glob(Dialogue const& dialogue, Pathname const& pattern) {
         return WithNames(dialogue, [&](auto& session) { return session.Glob(status, names, pattern); });
     }
     std::string GlobRec(Dialogue const& dialogue, Pathname const& path, String_t const& rest) {
         return WithNames(dialogue, [&](auto& session) { return session.GlobRec(status, names, path, rest); });
     }
-    /// What ReadDir comes to for a reader of /a, with the names behind it.
+    /// What ReadDir comes to for a reader of /a, with the names after it.
     std::string ReadInto(Dialogue const& dialogue, String_t const& pattern, String_t const& dir,
                          std::function<void(DirReader&)> const& prepare = {}) {
         return WithNames(dialogue, [&](auto& session) {
@@ -105,7 +105,7 @@ TEST_F(SftpGlob, HitsThatHoldNoMatchAreNotCounted) {
               "0");
 }
 
-TEST_F(SftpGlob, ComponentsBehindAWildcardAreSearchedForToo) {
+TEST_F(SftpGlob, ComponentsAfterAWildcardAreSearchedForToo) {
     EXPECT_EQ(Glob(NoDirectory("/*/b/*") + NoDirectory("/*/b") + NoDirectory("/*") +
                        Listing("/", {"d1", "d2"}) + Listing("/d1", {"b", "c"}) + Listing("/d2", {"c"}) +
                        Listing("/d1/b", {"f", "g"}),
@@ -186,7 +186,7 @@ TEST_F(SftpGlob, WildcardsMatchASeparatorInAName) {
     EXPECT_EQ(GlobIn({"sub/x", "sub-x"}, "sub?x"), "2 /a/sub/x /a/sub-x");
 }
 
-TEST_F(SftpGlob, EmptyNameOfTheServerIsABreach) {
+TEST_F(SftpGlob, EmptyNameOfTheServerIsAViolation) {
     EXPECT_EQ(Glob({{OpenDir("/a"), Opened("h")}, {ReadDir("h"), Names({"x", ""})}}, "/a"),
               "SshProtocolError: input too short");
     EXPECT_EQ(Glob(NoDirectory("/a/*") + Dialogue{{OpenDir("/a"), Opened("h")},
@@ -222,20 +222,20 @@ TEST_F(SftpGlob, NamesFromBeforeGiveWayToMatches) {
     EXPECT_EQ(Glob(NoDirectory("/a/*") + Listing("/a", {}), "/a/*"), "0");
 }
 
-TEST_F(SftpGlob, OtherReplyIsABreach) {
+TEST_F(SftpGlob, OtherReplyIsAViolation) {
     Dialogue const dialogue = NoDirectory("/a/*/x*") + NoDirectory("/a/*") + Listing("/a", {"b", "c"}) +
                               Listing("/a/b", {"x", "y"}) + NoDirectory("/a/c");
-    ExpectBreaches(
+    ExpectViolations(
         dialogue,
         [&](auto& session) {
             names.Clear();
             return session.Glob(status, names, "/a/*/x*");
         },
-        [&](std::size_t i) { return ClosingBehind(dialogue, i); });
+        [&](std::size_t i) { return ClosingAfter(dialogue, i); });
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpGlob, CutListingIsABreach) {
+TEST_F(SftpGlob, CutListingIsAViolation) {
     EXPECT_EQ(Glob({{OpenDir("/a"), Message(peer::Bytes{102, 0, 0, 0})}}, "/a"),
               "SshProtocolError: error reading sftp response");
     EXPECT_EQ(Glob({{OpenDir("/a"), Opened("h")}, {ReadDir("h"), Message(104, {})}}, "/a"),

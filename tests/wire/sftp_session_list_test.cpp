@@ -147,7 +147,7 @@ TEST_F(SftpListDir, NamesOfTheServerAreTakenAsTheyAre) {
     EXPECT_EQ(ListFresh(Listing("/d", names), "/d", 0), "4 \x1b[2J /etc/x a/.. x\ny");
 }
 
-TEST_F(SftpListDir, EmptyNameOfTheServerIsABreach) {
+TEST_F(SftpListDir, EmptyNameOfTheServerIsAViolation) {
     EXPECT_EQ(ListDir({{OpenDir("/d"), Opened("h")}, {ReadDir("h"), Names({""})}}, "/d"),
               "SshProtocolError: input too short");
     // So is an empty long form.
@@ -218,18 +218,18 @@ TEST_F(SftpListDir, DirectoryThatOpensTheSecondTimeIsItself) {
         "1 /d");
 }
 
-TEST_F(SftpListDir, OtherReplyIsABreach) {
+TEST_F(SftpListDir, OtherReplyIsAViolation) {
     Dialogue const directory = {{OpenDir("/d"), Opened("h")},
                                 {ReadDir("h"), Names({"a"})},
                                 {ReadDir("h"), Names({"b"})},
                                 {ReadDir("h"), Status(1)},
                                 {Close("h"), Done()}};
-    ExpectBreaches(
+    ExpectViolations(
         directory, [&](auto& session) { return session.ListDir(status, entries, "/d", 1); },
-        [&](std::size_t i) { return ClosingBehind(directory, i); });
+        [&](std::size_t i) { return ClosingAfter(directory, i); });
 
     Dialogue const file = Matching("f", {"f"}) + Dialogue{Look("f")};
-    ExpectBreaches(
+    ExpectViolations(
         file, [&](auto& session) { return session.ListDir(status, entries, "f", 1); },
-        [&](std::size_t i) { return ClosingBehind(file, i); });
+        [&](std::size_t i) { return ClosingAfter(file, i); });
 }

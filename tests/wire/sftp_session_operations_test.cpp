@@ -195,7 +195,7 @@ protected:
         return text;
     }
 
-    /// One pair behind the size and the mode.
+    /// One pair after the size and the mode.
     static peer::Bytes Extended() {
         return Writer().U32(0x80000005).U64(9).U32(0640).U32(1).String("name@example.com").String("value");
     }
@@ -253,12 +253,12 @@ TEST_P(SftpOperation, StatusOfSuccessIsTold) {
     EXPECT_EQ(Told(status), "0 fine de");
 }
 
-TEST_P(SftpOperation, OtherReplyIsABreach) {
-    ExpectBreaches(WholeDialogue(), [&](auto& session) { return GetParam().call(session, status, "/f"); });
+TEST_P(SftpOperation, OtherReplyIsAViolation) {
+    ExpectViolations(WholeDialogue(), [&](auto& session) { return GetParam().call(session, status, "/f"); });
 }
 
-TEST_P(SftpOperation, ReplyToAnotherRequestIsABreach) {
-    // Behind Start, the operation's own requests have the ids from 1 on.
+TEST_P(SftpOperation, ReplyToAnotherRequestIsAViolation) {
+    // After Start, the operation's own requests have the ids from 1 on.
     auto const id = static_cast<std::uint32_t>(WholeDialogue().size());
     for (std::uint32_t const other : {id - 1, id + 1, 0xffffffffu}) {
         Message const reply(Writer().U8(101).U32(other).U32(0).String("x").String("y"));
@@ -266,7 +266,7 @@ TEST_P(SftpOperation, ReplyToAnotherRequestIsABreach) {
     }
 }
 
-TEST_P(SftpOperation, ReplyThatIsCutIsABreach) {
+TEST_P(SftpOperation, ReplyThatIsCutIsAViolation) {
     EXPECT_EQ(RunTo(WholeDialogue(), Message(peer::Bytes{101, 0, 0, 0})),
               "SshProtocolError: error reading sftp response");
     EXPECT_EQ(RunTo(WholeDialogue(), Message(101, Writer().U32(0))), "SshProtocolError: invalid input");
@@ -385,6 +385,6 @@ TEST_F(SftpReadlink, OtherThanOneNameIsABadMessage) {
 
 TEST_F(SftpReadlink, RefusalLeavesTheTargetAlone) { EXPECT_EQ(ReadlinkWith(Status(2)), "-2 before"); }
 
-TEST_F(SftpReadlink, EmptyTargetIsABreach) {
+TEST_F(SftpReadlink, EmptyTargetIsAViolation) {
     EXPECT_EQ(ReadlinkWith(Names({""})), "SshProtocolError: input too short before");
 }

@@ -48,13 +48,13 @@ protected:
     }
 
     static Message Greeting() { return Message(Writer().U8(1).U32(3)); }
-    /// For an outcome behind which no directory is known.
+    /// For an outcome after which no directory is known.
     static std::string Nowhere(std::string const& outcome) { return outcome + "    "; }
 };
 
 class SftpSessionDirectories : public SftpSessionTest {
 protected:
-    /// Behind Start, without a word to the server.
+    /// After Start, silently to the server.
     void Silently(std::function<void(SftpProgram&)> const& call) {
         EXPECT_EQ(Run({},
                       [&](SftpProgram& session) {
@@ -160,14 +160,14 @@ TEST_F(SftpSessionStart, VersionThatIsNegativeEndsIt) {
     EXPECT_EQ(GreetedWith(Version(0xffffffff)), Nowhere("-1"));
 }
 
-TEST_F(SftpSessionStart, AnyOtherReplyToTheGreetingIsABreach) {
+TEST_F(SftpSessionStart, AnyOtherReplyToTheGreetingIsAViolation) {
     for (auto const& [type, reply] : Replies()) {
         if (type == 2) continue;
-        EXPECT_EQ(GreetedWith(reply), Nowhere(Breach(type)));
+        EXPECT_EQ(GreetedWith(reply), Nowhere(Violation(type)));
     }
 }
 
-TEST_F(SftpSessionStart, GreetingThatIsCutIsABreach) {
+TEST_F(SftpSessionStart, GreetingThatIsCutIsAViolation) {
     EXPECT_EQ(GreetedWith(Message(Bytes{})), Nowhere("SshProtocolError: error reading sftp response"));
     EXPECT_EQ(GreetedWith(Message(Bytes{2, 0, 0})), Nowhere("SshProtocolError: error reading sftp response"));
     EXPECT_EQ(GreetedWith(Message(Bytes{2, 0, 0, 0})), Nowhere("SshProtocolError: input too short"));
@@ -184,18 +184,18 @@ TEST_F(SftpSessionStart, HomeThatIsNotOneNameIsABadMessage) {
     EXPECT_EQ(ResolvedWith(Names({"/a", "/b"})), Nowhere("-5"));
 }
 
-TEST_F(SftpSessionStart, HomeThatIsAnEmptyNameIsABreach) {
+TEST_F(SftpSessionStart, HomeThatIsAnEmptyNameIsAViolation) {
     EXPECT_EQ(ResolvedWith(Names({""})), Nowhere("SshProtocolError: input too short"));
 }
 
-TEST_F(SftpSessionStart, AnyOtherReplyToRealpathIsABreach) {
+TEST_F(SftpSessionStart, AnyOtherReplyToRealpathIsAViolation) {
     for (auto const& [type, reply] : Replies()) {
         if (type == 101 || type == 104) continue;
-        EXPECT_EQ(ResolvedWith(reply), Nowhere(Breach(type)));
+        EXPECT_EQ(ResolvedWith(reply), Nowhere(Violation(type)));
     }
 }
 
-TEST_F(SftpSessionStart, ReplyToAnotherRequestIsABreach) {
+TEST_F(SftpSessionStart, ReplyToAnotherRequestIsAViolation) {
     EXPECT_EQ(ResolvedWith(Message(Writer().U8(104).U32(1).U32(0))),
               Nowhere("SshProtocolError: invalid request id"));
 }

@@ -163,11 +163,11 @@ TEST_P(SftpEachMatch, NamesOfTheServerGoBackAsTheyCame) {
               "0");
 }
 
-TEST_P(SftpEachMatch, OtherReplyIsABreach) {
+TEST_P(SftpEachMatch, OtherReplyIsAViolation) {
     Dialogue const dialogue = Matching("f*", {"f1", "f2"}) + Dialogue{On("f1"), On("f2")};
-    ExpectBreaches(
+    ExpectViolations(
         dialogue, [&](auto& session) { return GetParam().call(session, status, "f*"); },
-        [&](std::size_t i) { return ClosingBehind(dialogue, i); });
+        [&](std::size_t i) { return ClosingAfter(dialogue, i); });
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SftpEachMatch,
@@ -221,14 +221,14 @@ TEST_F(SftpChown, NextFileWipesAFailure) {
     EXPECT_EQ(ResultOf({{FOUND, 3}, {FOUND, SET}, {2, SET}}), "0");
 }
 
-TEST_F(SftpChown, FailureToReadCountsBehindAFailureAlone) {
+TEST_F(SftpChown, FailureToReadCountsAfterAFailureAlone) {
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, SET}}), "-2");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, 4}}), "-4");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, SET}, {5, SET}}), "-5");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, SET}, {FOUND, SET}}), "0");
 }
 
-TEST_F(SftpChown, ResultAboveZeroOfStatStaysBehindAFailure) {
+TEST_F(SftpChown, ResultAboveZeroOfStatStaysAfterAFailure) {
     EXPECT_EQ(ResultOf({{0xfffffffb, SET}}), "0");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {0xfffffffb, SET}, {FOUND, SET}}), "5");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {0xfffffffb, SET}, {FOUND, 4}}), "-4");
@@ -242,10 +242,10 @@ TEST_F(SftpChown, StatusIsThatOfTheLastAnswer) {
     EXPECT_EQ(Told(status), "4 told en");
 }
 
-TEST_F(SftpChown, OtherReplyIsABreach) {
+TEST_F(SftpChown, OtherReplyIsAViolation) {
     Dialogue const dialogue = Matching("f*", {"f"}) + Dialogue{{Stat("/home/u/f"), Attrs(Owner(1, 2))},
                                                                {SetStat("/home/u/f", Owner(7, 2)), Done()}};
-    ExpectBreaches(
+    ExpectViolations(
         dialogue, [&](auto& session) { return session.Chown(status, "f*", 7); },
-        [&](std::size_t i) { return ClosingBehind(dialogue, i); });
+        [&](std::size_t i) { return ClosingAfter(dialogue, i); });
 }

@@ -335,7 +335,7 @@ TEST_F(SftpTransferFailures, LocalReadThatFailsEndsASend) {
         Minus(EISDIR));
 }
 
-TEST_F(SftpTransferFailures, LocalReadThatFailsBehindABlockEndsASend) {
+TEST_F(SftpTransferFailures, LocalReadThatFailsAfterABlockEndsASend) {
     DescriptorPair pipe = DescriptorPair::Pipe(true);
     fcntl(pipe.Ours(), F_SETFL, O_NONBLOCK);
     fchmod(pipe.Ours(), 0600);

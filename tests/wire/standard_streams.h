@@ -15,7 +15,7 @@
 /// Joins descriptor 0 of the process to a prepared input and descriptor 1 to a file, as long as it lives.
 class StandardStreams {
 public:
-    /// The input ends behind the text; without a text it stays open and silent.
+    /// The input ends after the text; without a text it stays open and silent.
     explicit StandardStreams(std::optional<std::string> const& input = std::nullopt)
         : _savedIn(dup(0)), _savedOut(dup(1)), _file(std::string(std::getenv("HOME")) + "/output") {
         std::fflush(stdout);

@@ -123,7 +123,7 @@ protected:
     }
 
     /// What Run came to with that display forwarded. The server grants the forwarding, follows the script
-    /// and then reads until the client has closed; `prepare` is called before Run, `inspect` behind it.
+    /// and then reads until the client has closed; `prepare` is called before Run, `inspect` after it.
     std::string Run(std::string const& display, Script const& script, Inspection const& prepare = {},
                     Inspection const& inspect = {}) {
         return RunWith(
@@ -174,14 +174,14 @@ protected:
         return outcome;
     }
 
-    /// Payloads of the client behind the opening of its session channel.
+    /// Payloads of the client after the opening of its session channel.
     std::vector<peer::Bytes> Sent() const {
         std::vector<peer::Bytes> payloads;
         auto const& records = server->At(0).received;
         for (std::size_t i = 7; i < records.size(); ++i) payloads.push_back(records[i].payload);
         return payloads;
     }
-    /// The same behind the requests of the forwarding and of the command.
+    /// The same after the requests of the forwarding and of the command.
     std::vector<peer::Bytes> SentOnTheWay() const {
         std::vector<peer::Bytes> const payloads = Sent();
         return {payloads.begin() + 2, payloads.end()};
@@ -196,7 +196,7 @@ protected:
     std::unique_ptr<peer::ScriptedPeer> server;
     std::string messages; ///< on std::cerr
     int opened = 4711;    ///< what Open gave
-    bool granted = false; ///< the forwarding was on behind Open
+    bool granted = false; ///< the forwarding was on after Open
 };
 
 #endif

@@ -59,7 +59,7 @@ TEST_P(X11Flow, DataPassesUnchangedInBothDirections) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_P(X11Flow, DataBehindTheSetUpMessageInOneSegmentPasses) {
+TEST_P(X11Flow, DataAfterTheSetUpMessageInOneSegmentPasses) {
     EXPECT_EQ(Run([&](Connection& c, X11Peer& x) {
                   x.Open();
                   c.SendTogether({Data(x.Setup().Text(), 1), Data("first", 1), Data("second", 1)});
@@ -147,9 +147,9 @@ TEST_P(X11Flow, XServerThatEndsItsSideStillGetsData) {
               "-1");
 }
 
-TEST_P(X11Flow, ClientThatClosesClosesTheConnectionBehindItsData) {
+TEST_P(X11Flow, ClientThatClosesClosesTheConnectionAfterItsData) {
     std::string received;
-    std::size_t before = 0, behind = 1;
+    std::size_t before = 0, after = 1;
     EXPECT_EQ(Run(
                   [&](Connection& c, X11Peer& x) {
                       before = OpenDescriptors();
@@ -159,13 +159,13 @@ TEST_P(X11Flow, ClientThatClosesClosesTheConnectionBehindItsData) {
                       c.ExpectPacket(CHANNEL_CLOSE);
                       received = client.ReadToTheEnd();
                       client.Close();
-                      behind = OpenDescriptors();
+                      after = OpenDescriptors();
                       x.EndSession();
                   },
                   [](X11Session& session) { EXPECT_EQ(session.X11Channel(1), nullptr); }),
               "-1");
     EXPECT_EQ(received, "last words");
-    EXPECT_EQ(before, behind);
+    EXPECT_EQ(before, after);
 }
 
 TEST_P(X11Flow, CloseOfAChannelWithoutAConnectionIsTaken) {

@@ -121,13 +121,13 @@ TEST_F(X11Request, RecipientOfTheSuccessIsNotCompared) {
     EXPECT_TRUE(granted);
 }
 
-TEST_F(X11Request, AnswerThatIsTooLongIsABreach) {
+TEST_F(X11Request, AnswerThatIsTooLongIsAViolation) {
     joinOnly = true;
     EXPECT_EQ(Answer(Concat({Answered(CHANNEL_SUCCESS), Bytes{0}})),
               "SshProtocolError: additional characters in packet after padding: SSH_MSG_CHANNEL_SUCCESS");
 }
 
-TEST_F(X11Request, CloseInPlaceOfTheAnswerIsABreach) {
+TEST_F(X11Request, CloseInPlaceOfTheAnswerIsAViolation) {
     EXPECT_EQ(RunWith(":0",
                       [](Connection& c) {
                           c.ReadChannelRequest();
@@ -136,7 +136,7 @@ TEST_F(X11Request, CloseInPlaceOfTheAnswerIsABreach) {
               closedEarly);
 }
 
-TEST_F(X11Request, ForwardingStartedBehindOpenIsNotAskedFor) {
+TEST_F(X11Request, ForwardingStartedAfterOpenIsNotAskedFor) {
     EXPECT_EQ(RunWith(
                   "",
                   [](Connection& c) {
@@ -165,13 +165,13 @@ TEST_F(X11Request, ChannelIsConfirmedWithTheOwnWindowAndThePeersPacketSize) {
 TEST_F(X11Request, OpenedChannelHasNoDescriptorAndNoConnection) {
     x11::ScriptedXServer const display(x11::Transport::Unix);
     bool visited = true;
-    std::size_t before = 0, behind = 1;
+    std::size_t before = 0, after = 1;
     EXPECT_EQ(Run(
                   display.Display(),
                   [&](Connection& c, X11Peer& x) {
                       before = OpenDescriptors();
                       x.Open();
-                      behind = OpenDescriptors();
+                      after = OpenDescriptors();
                       visited = display.HasVisitor();
                       c.SendData("still there");
                       x.EndSession();
@@ -188,7 +188,7 @@ TEST_F(X11Request, OpenedChannelHasNoDescriptorAndNoConnection) {
                   }),
               "-1");
     EXPECT_FALSE(visited);
-    EXPECT_EQ(before, behind);
+    EXPECT_EQ(before, after);
     EXPECT_EQ(output.Text(), "still there");
 }
 
@@ -237,7 +237,7 @@ TEST_F(X11Request, ChannelsOfOtherTypesAreRefusedAsEver) {
     EXPECT_THAT(SentOnTheWay(), ElementsAre(Refused(8), Refused(8), Refused(8)));
 }
 
-TEST_F(X11Request, OpeningWithMoreThanTheOriginatorIsABreach) {
+TEST_F(X11Request, OpeningWithMoreThanTheOriginatorIsAViolation) {
     EXPECT_EQ(Run(":0",
                   [](Connection& c, X11Peer&) {
                       c.SendPacket(Concat({X11Peer::Opening(7), Bytes{0}}));

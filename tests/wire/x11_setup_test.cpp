@@ -227,7 +227,7 @@ TEST_F(X11Setup, WindowIsNotCheckedForTheSetUpMessage) {
     EXPECT_THAT(SentOnTheWay(), ElementsAre(testing::_, Data("a", 500)));
 }
 
-TEST_F(X11Setup, WindowIsCheckedForTheDataBehindIt) {
+TEST_F(X11Setup, WindowIsCheckedForTheDataAfterIt) {
     EXPECT_EQ(Run(
                   display.Display(),
                   [&](Connection& c, X11Peer& x) {
@@ -280,7 +280,7 @@ TEST_F(X11Setup, EachShorterMessageFails) {
     EXPECT_FALSE(visited);
 }
 
-TEST_F(X11Setup, MessageWithBytesBehindItFails) {
+TEST_F(X11Setup, MessageWithBytesAfterItFails) {
     ExpectRefused([](X11Peer const& x) { return x.Setup().Text() + "x"; });
     ExpectRefused([](X11Peer const& x) { return x.Setup('B').Text() + std::string(1000, 'x'); });
 }
@@ -358,7 +358,7 @@ TEST_F(X11Setup, LengthsBeyondTheMessageFail) {
     }
 }
 
-// --- behind the check
+// --- after the check
 
 TEST_F(X11Setup, RealCookieOf8BytesClosesTheConnectionAgain) {
     List(Entry("0011223344556677"));
@@ -430,7 +430,7 @@ TEST_F(X11Setup, DisplayNumberWithoutAPortFails) {
               "-1");
 }
 
-TEST_F(X11Setup, DataBehindAFailureIsTakenAsASetUpMessageAgain) {
+TEST_F(X11Setup, DataAfterAFailureIsTakenAsASetUpMessageAgain) {
     std::string received;
     std::string answer;
     EXPECT_EQ(Run(display.Display(),

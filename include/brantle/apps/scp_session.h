@@ -65,7 +65,7 @@ public:
     int ReceiveFiles(String_t const& sourceDir, String_t const& targetDir, TOList<String_t> const& names);
 
 protected:
-    /// Takes a file's header apart, as it stands behind its "C". Throws SshProtocolError "invalid head line
+    /// Takes a file's header apart, as it comes after its "C". Throws SshProtocolError "invalid head line
     /// returned from scp" with the line as the detail.
     void ParseCLine(String_t const& line, unsigned int& mode, long long& size, Pathname& name);
     /// Flushes and takes the answer of the remote program. Returns 0, or -1 if there is none.

@@ -6,7 +6,7 @@
 
 namespace cindral {
 
-/// Runs one remote command, joined to the process's descriptors 0, 1 and 2. Connect, exchange keys
+/// Runs one remote command, attached to the process's descriptors 0, 1 and 2. Connect, exchange keys
 /// and authenticate first. The remote error output comes out on descriptor 1 as well; the end of
 /// standard input is passed on; no pseudo-terminal is requested.
 class BRANTLE_API SshCmdSession : public SshSession {

@@ -8,7 +8,7 @@
 
 namespace cindral {
 
-/// One channel of the connection protocol (RFC 4254, section 5), joined to up to three descriptors.
+/// One channel of the connection protocol (RFC 4254, section 5), attached to up to three descriptors.
 ///
 /// Flow control departs from RFC 4254, section 5.2: it counts all packets of the connection in each
 /// direction, grants the peer a further window as soon as two thirds of the channel's own have
@@ -43,7 +43,7 @@ public:
     virtual void Flush();
 
     /// Sends a WINDOW_ADJUST if the bytes read (written) on the connection have used up two thirds
-    /// of the window, and starts counting anew. A count beyond the whole window sends nothing.
+    /// of the window, and starts counting again. A count beyond the whole window sends nothing.
     void CheckForInWindowAdjust();
     void CheckForOutWindowAdjust();
 

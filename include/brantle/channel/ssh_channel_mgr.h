@@ -22,7 +22,7 @@ public:
 };
 
 /// The table of a session's channels. It owns them, hands out their local numbers from 0 upwards,
-/// never one twice, and drops without a word whatever is meant for a number that it does not know.
+/// never one twice, and drops silently whatever is meant for a number that it does not know.
 /// Used on the thread that runs the session.
 class BRANTLE_API SshChannelMgr {
 public:

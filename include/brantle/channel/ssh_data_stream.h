@@ -14,7 +14,7 @@ namespace cindral {
 // it is. Both streams of a session belong to one thread, as the input stream writes too.
 
 /// Sends what is written as CHANNEL_DATA (RFC 4254, section 5.2), each of at most MAX_DATA bytes, once
-/// that many are buffered or Flush is called. So a protocol of requests flushes behind each one.
+/// that many are buffered or Flush is called. So a protocol of requests flushes after each one.
 ///
 /// Windows of the peer's are not waited for; what has been sent is granted to the peer by the rule of
 /// CheckForWindowAdjust.
@@ -23,7 +23,7 @@ public:
     /// Most bytes in one message.
     static constexpr unsigned int MAX_DATA = BUFFER_SIZE - 48;
 
-    /// `remoteChannel` is the recipient number of every message, `windowSize` in bytes is looked up afresh
+    /// `remoteChannel` is the recipient number of every message, `windowSize` in bytes is looked up again
     /// on each check.
     OSshDataStream(OSshPacketStream& out, unsigned int remoteChannel, unsigned int const& windowSize);
     /// Flushes. What goes wrong with it, as an Except, is dropped.
@@ -34,7 +34,7 @@ public:
     int Flush() override;
 
     /// Sends a WINDOW_ADJUST when the bytes written on the connection have used up two thirds of the window,
-    /// and starts counting anew.
+    /// and starts counting again.
     void CheckForWindowAdjust();
 
     OSshPacketStream& _out;

@@ -13,7 +13,7 @@ namespace cindral {
 ///
 /// The writers return the number of bytes written, length fields included; a stream that takes no
 /// more is left with badbit. The readers throw BadInput when the input ends before the value is
-/// whole, with eofbit and failbit set on the stream, and read nothing behind it.
+/// whole, with eofbit and failbit set on the stream, and read nothing after it.
 class CINDRAL_API BinBuffer {
 public:
     static unsigned int WriteByte(std::ostream& out, unsigned char value);

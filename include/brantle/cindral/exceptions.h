@@ -8,7 +8,7 @@
 namespace cindral {
 
 /// Base of everything that libcindral and libbrantle throw: a text that says what went wrong, and a
-/// detail that may be empty. `what()` is the text, and with a detail ": " and the detail behind it.
+/// detail that may be empty. `what()` is the text, and with a detail ": " and the detail after it.
 /// Thrown by value. Like the `String_t` values inside, an exception object
 /// belongs to one thread at a time.
 class CINDRAL_API CryptoException : public Except {

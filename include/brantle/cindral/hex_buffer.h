@@ -10,7 +10,7 @@ namespace cindral {
 class CINDRAL_API OHexBuffer : public CascadableOStreamBuffer {
 public:
     /// A line holds up to `lineLength` digits, two for each byte; 0 is one line without end. Between
-    /// two lines goes `separator`, and nothing behind the last one. `column` digits count as already
+    /// two lines goes `separator`, and nothing after the last one. `column` digits count as already
     /// written on the first line.
     OHexBuffer(CascadableOStreamBuf* next, unsigned int lineLength, char separator, unsigned int column);
     /// Flushes; a failure is swallowed.

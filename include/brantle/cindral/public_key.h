@@ -32,7 +32,7 @@ public:
         /// not take the numbers.
         evp_pkey_st* NewPkey() const;
 
-        /// The key that `blob` holds, or null when the blob is malformed, has bytes behind its end
+        /// The key that `blob` holds, or null when the blob is malformed, has bytes after its end
         /// or is of another algorithm. The caller owns the result.
         static Rep* Parse(ByteString const& blob);
         Rep* Clone() const;

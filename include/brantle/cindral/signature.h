@@ -22,7 +22,7 @@ public:
         /// The blob for the wire; empty when there is no signature.
         virtual ByteString Encode() const;
         /// Stores a signature blob. Returns 0; negative, with the object unchanged, when it is
-        /// malformed, has bytes behind its end, or is not of this key type and digest.
+        /// malformed, has bytes after its end, or is not of this key type and digest.
         virtual int Decode(ByteString const& blob, DigestType digest);
 
         KeyType _type;

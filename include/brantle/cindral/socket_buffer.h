@@ -28,7 +28,7 @@ public:
 /// empty. With a `_timeout` above 0 a wait of more than so many seconds fails with ETIMEDOUT.
 class CINDRAL_API OSocketBuffer : public CascadableOStreamBuf, public OSockStream {
 public:
-    /// Room behind BUFFER_SIZE, so that what belongs to a full buffer above, such as a MAC, leaves with it.
+    /// Room after BUFFER_SIZE, so that what belongs to a full buffer above, such as a MAC, leaves with it.
     static constexpr unsigned int TRAILER_SIZE = 64;
 
     OSocketBuffer();

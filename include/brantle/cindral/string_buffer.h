@@ -45,7 +45,7 @@ public:
     IStringBuffer(char const* data, unsigned int size);
     ~IStringBuffer() override;
 
-    /// Starts anew on other memory.
+    /// Starts again on other memory.
     void Assign(char const* data, unsigned int size);
 
     int getchr(char& byte) override;

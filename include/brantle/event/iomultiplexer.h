@@ -126,7 +126,7 @@ public:
     /// `errno` set. poll(2) is not called when input is buffered. A time that is negative in 32-bit
     /// milliseconds is no limit at all.
     int Poll(PollFds& fds, Timeval const& timeout);
-    /// The next ready descriptor of `fds` behind position `cursor`, which moves on to it, round robin;
+    /// The next ready descriptor of `fds` after position `cursor`, which moves on to it, round robin;
     /// -1 when none is ready. `cursor` starts at -1 and lives with the caller.
     static int Nextfd(int& cursor, PollFds const& fds);
     /// Lets the dispatcher of `fd` serve it, without any lock, and returns its result; 0 for an

@@ -57,7 +57,7 @@ public:
     IOMultiplexerCallback& operator=(IOMultiplexerCallback const&) = default;
 
     /// Called with the descriptor, under the multiplexer's read lock: it must not take the write
-    /// lock of the same multiplexer. A non-zero result keeps the callbacks behind it from being
+    /// lock of the same multiplexer. A non-zero result keeps the callbacks after it from being
     /// called.
     virtual int operator()(int fd) = 0;
     virtual ~IOMultiplexerCallback();

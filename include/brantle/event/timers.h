@@ -15,18 +15,18 @@ public:
     Timeval ScheduleNext() override;
 };
 
-/// A timer that fires once in every interval. When it has fallen behind it skips the ticks missed, and
+/// A timer that fires once in every interval. When it has fallen after it skips the ticks missed, and
 /// its phase shifts to the present.
 class BRANTLE_API IOMultiplexer::PeriodicTimer : public IOMultiplexer::Timer {
 public:
     /// First due one interval from now.
     explicit PeriodicTimer(Timeval const& interval);
-    /// First due one interval behind `start`.
+    /// First due one interval after `start`.
     PeriodicTimer(Timeval const& start, Timeval const& interval);
     PeriodicTimer(PeriodicTimer const&) = default;
     PeriodicTimer& operator=(PeriodicTimer const&) = default;
 
-    /// One interval behind the last due time, or from now when that is not in the future. A timer at zero
+    /// One interval after the last due time, or from now when that is not in the future. A timer at zero
     /// without an interval stays there, which takes it out of the queue.
     Timeval ScheduleNext() override;
 

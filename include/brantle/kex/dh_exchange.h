@@ -31,7 +31,7 @@ public:
 
     /// Makes a key pair with a private key of 2 x `need` bits, which is less than the modulus has; throws
     /// `InvalidArgument` if it isn't, and `BadInput` if there is no modulus. A public key that is no valid
-    /// one is made anew up to `retries` times; then throws `CryptoException`.
+    /// one is made again up to `retries` times; then throws `CryptoException`.
     void GenerateKey(int need, unsigned int retries);
 
     /// 1 if `value` may be a public key of this group, else 0: greater than 1, less than p - 1, and no power

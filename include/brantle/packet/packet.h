@@ -91,7 +91,7 @@ public:
 
     /// A received message: `raw` is padding length, payload and padding, as `ISshPacketStream::ReadPacket`
     /// returns it. `_payload` keeps the payload in it; an empty `raw` gives an empty one. A padding length
-    /// that exceeds the packet gives everything behind the first byte.
+    /// that exceeds the packet gives everything after the first byte.
     Packet(int type, ByteString const& raw);
 
     virtual ~Packet();
@@ -126,7 +126,7 @@ protected:
     }
 
     /// The body of a decoding constructor: checks the message number, lets `fields(PacketDecoder&)` read,
-    /// and refuses anything behind fields and padding. A wrong number is an `SshProtocolError` with the
+    /// and refuses anything after fields and padding. A wrong number is an `SshProtocolError` with the
     /// words `wrongType` and the number received.
     template <typename Fields>
     void Decode(PacketDecoder& decoder, char const* wrongType, Fields const& fields) {

@@ -65,7 +65,7 @@ public:
     /// A `uint32` count and that many `string`s.
     TOList<String_t> ReadStringList();
 
-    /// Passes over `count` bytes of padding, or to the end if fewer are left. A byte behind them is an
+    /// Passes over `count` bytes of padding, or to the end if fewer are left. A byte after them is an
     /// `SshProtocolError` that names the message.
     void Skip(unsigned int count);
 

@@ -12,7 +12,7 @@
 
 namespace cindral {
 
-/// The message number of a packet as ReadPacket returns it: the byte behind the padding length,
+/// The message number of a packet as ReadPacket returns it: the byte after the padding length,
 /// 0 for a packet too short to have one.
 BRANTLE_API int MessageNumber(ByteString const& packet);
 

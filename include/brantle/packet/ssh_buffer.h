@@ -16,7 +16,7 @@ constexpr unsigned int SSH_CRYPT_SIZE = SSH_PLAIN_SIZE + 32;
 ///
 /// Plain bytes gather in the buffer; a flush encrypts them into the layer below and feeds them to
 /// the MAC. The cipher and the MAC belong to the session and must outlive the buffer; they are
-/// looked up afresh on each operation, so that new keys take effect with the next packet.
+/// looked up again on each operation, so that new keys take effect with the next packet.
 /// One thread at a time, and one packet at a time: StartPacket, bytes, FinalizePacket.
 class BRANTLE_API OSshBuffer : public CascadableOStreamBuffer {
 public:

@@ -37,7 +37,7 @@ namespace cindral {
 /// are wanted, Open, one of StartShell, StartCommand and StartSubsystem, InitDispatcher, Run. Everything
 /// before Run blocks on the caller's thread. Steps out of order are not guarded.
 ///
-/// A refusal comes back as a negative result, a breach of the protocol as an SshProtocolError (or
+/// A refusal comes back as a negative result, a violation of the protocol as an SshProtocolError (or
 /// BadInput for a message that ends too early). After either the connection is of no further use:
 /// destroy the session, which closes it. Nothing sends DISCONNECT but Disconnect.
 ///
@@ -87,7 +87,7 @@ public:
     static void SetNodelay(int fd);
 
     /// Connects within `timeout` seconds and exchanges identification lines (RFC 4253, section 4.2):
-    /// takes the server's first line as it is, then sends the own one, ended by a line feed alone.
+    /// takes the server's first line as it is, then sends the local one, ended by a line feed alone.
     /// Returns 0 or a negated errno value. The wait for the server's line has no limit.
     int Connect(unsigned int timeout);
 
@@ -125,8 +125,8 @@ public:
     int StartX11Forwarding(int singleConnection, String_t const& display);
 
     /// Splits the text of a forwarding, [bindAddress ":"] listenPort ":" host ":" port, where a bind address
-    /// or host may stand in "[" and "]]" with no colon behind it, as a host of digits alone has to. Without
-    /// a bind address it is "localhost". What follows the port behind a further colon is not looked at.
+    /// or host may stand in "[" and "]]" with no colon after it, as a host of digits alone has to. Without
+    /// a bind address it is "localhost". What follows the port after a further colon is not looked at.
     /// Returns 0, or -EINVAL for another text or null; the outputs are then set as far as the text went.
     static int ParseFwdSpec(char const* spec, String_t& bindAddress, unsigned int& listenPort, String_t& host,
                             unsigned int& port);
@@ -143,7 +143,7 @@ public:
                              String_t const& bindAddress);
 
     /// Stops listening; connections stay. Returns 0, or -1 if the port is not forwarded. The loop keeps the
-    /// record of the closed descriptor, and runs without a rest until its number is registered anew or
+    /// record of the closed descriptor, and runs without a rest until its number is registered again or
     /// unregistered.
     int CancelLocalForwarding(unsigned int listenPort);
 
@@ -179,7 +179,7 @@ public:
     /// Sends DISCONNECT with one of the reasons of Packet and a text; closes nothing.
     void Disconnect(int reason, String_t const& text);
 
-    /// Prepares the loop: the handlers of messages, the socket, and the session channel joined to
+    /// Prepares the loop: the handlers of messages, the socket, and the session channel attached to
     /// the process's descriptors 0, 1 and 2.
     void InitDispatcher();
 
@@ -195,7 +195,7 @@ public:
 
     /// Connects an X11 channel to the X server, given the client's connection set-up message, which
     /// must be whole, alone and show the cookie that the peer was given. The X server gets its own cookie in
-    /// its place. Blocks for up to 60 seconds. Returns the descriptor, joined to `channel` in the loop
+    /// its place. Blocks for up to 60 seconds. Returns the descriptor, attached to `channel` in the loop
     /// and from then on the channel's, or -1: nothing was connected, or it is closed again. Throws what
     /// SetNodelay throws.
     int InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel);
@@ -204,7 +204,7 @@ public:
     /// server for a channel for it. Called by the loop, which ignores the result.
     ///
     /// Waits for one packet and handles what has come with it. With a confirmation (RFC 4254, section 5.1)
-    /// among that, the connection is joined to its channel in the loop; else it is closed, even if the
+    /// among that, the connection is attached to its channel in the loop; else it is closed, even if the
     /// confirmation is still on its way. Returns 0, also where the server refuses or has not answered yet;
     /// -1 if no connection came or the server answers with CHANNEL_FAILURE; what DecodeCaller returns if
     /// the caller has no IPv4 address.

@@ -14,7 +14,7 @@ namespace cindral {
 ///
 /// A message is built from its fields and encoded once by `Payload`, or built from a received payload. A
 /// derived class is its fields in wire order, once for writing and once for reading; type, request id, the
-/// keeping of the encoded bytes and the failures of decoding stand here. What stands behind the last field of
+/// keeping of the encoded bytes and the failures of decoding stand here. What comes after the last field of
 /// a received payload is ignored.
 ///
 /// On the channel a message is its payload as a ByteString, with its length in front.

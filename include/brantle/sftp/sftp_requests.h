@@ -75,7 +75,7 @@ private:
 };
 
 /// Asks for a file's attributes (section 6.8), of a link itself with FXP_LSTAT or of what it leads to with
-/// FXP_STAT. Behind the path stands, other than in the draft, which attributes are wanted.
+/// FXP_STAT. After the path stands, other than in the draft, which attributes are wanted.
 class BRANTLE_API SftpPacketStat : public SftpPacket {
 public:
     SftpPacketStat(int type, unsigned int id, String_t const& path, unsigned int attrFlags);
@@ -86,7 +86,7 @@ public:
     unsigned int _attrFlags = 0; ///< as in SftpFileAttr
 };
 
-/// Asks for the attributes of an open file (section 6.8). Behind the handle stands, other than in the draft,
+/// Asks for the attributes of an open file (section 6.8). After the handle stands, other than in the draft,
 /// which attributes are wanted.
 class BRANTLE_API SftpPacketFstat : public SftpPacket {
 public:
@@ -182,7 +182,7 @@ public:
     String_t _path;
 };
 
-/// Renames a file or directory (section 6.5). Behind the paths stands, other than in the draft, a word of
+/// Renames a file or directory (section 6.5). After the paths stands, other than in the draft, a word of
 /// flags.
 class BRANTLE_API SftpPacketRename : public SftpPacket {
 public:

@@ -44,11 +44,11 @@ public:
     /// Number of bytes; 0 with null data.
     unsigned int Length() const { return _rep->_data ? _rep->_length : 0; }
 
-    /// The bytes from `start`, `length` of them or as many as there are behind it.
+    /// The bytes from `start`, `length` of them or as many as there are after it.
     ByteString SubStr(unsigned int start, unsigned int length) const;
 
     /// Makes the array private and the value `length` bytes long. As many of the old bytes as fit stay in
-    /// front; the contents behind them are the caller's to fill.
+    /// front; the contents after them are the caller's to fill.
     void Reserve(unsigned int length);
 
     /// Adds bytes at the end; copies that share the representation keep theirs. The bytes may be this

@@ -37,7 +37,7 @@ public:
     /// Returns the number, 0 at the end of the input, -1 on failure with errno set.
     int Read(char* to, std::size_t size, unsigned int limit) const;
 
-    /// As Read, but stops behind the first `last` and takes no byte behind that out of the descriptor.
+    /// As Read, but stops after the first `last` and takes no byte after that out of the descriptor.
     int ReadUntil(char* to, std::size_t size, char last, unsigned int limit) const;
 
     /// Writes everything from `from` to `end` and advances `from` by what has gone. Returns 0, or -1

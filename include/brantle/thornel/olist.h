@@ -71,8 +71,8 @@ public:
     olink_t* _last; ///< null when empty; its successor is the first link
 
 protected:
-    /// Unlinks the link behind another one, which may be the same when it is alone.
-    olink_t* removeBehind(olink_t* before);
+    /// Unlinks the link after another one, which may be the same when it is alone.
+    olink_t* removeAfter(olink_t* before);
 
     /// As `Sort`, with an argument for the comparison in third place.
     void Sort(int (*compare)(olink_t const*, olink_t const*, void const*), void const* arg);

@@ -29,7 +29,7 @@ public:
     /// The current working directory, empty if it can't be told.
     static Pathname Cwd();
 
-    /// Adds a component behind a separator; no separator in front if the path is empty or ends in one.
+    /// Adds a component after a separator; no separator in front if the path is empty or ends in one.
     /// An empty or null component changes nothing.
     Pathname& Append(char const* component);
     /// Puts a directory in front, with a separator unless there is one. An empty or null directory
@@ -45,7 +45,7 @@ public:
     /// Everything in front of the last component, without the separators between: empty for a single
     /// component and for "/", and "/" for a component right under the root.
     Pathname Dir() const;
-    /// The last component, without separators behind it.
+    /// The last component, without separators after it.
     ///
     /// \param suffix  taken off the end of the component unless that is all of it; may be null
     String_t Leaf(char const* suffix) const;

@@ -32,7 +32,7 @@ private:
 ///
 /// Nothing is written until the buffer is full, Flush() is called or a tied input stream waits; in
 /// particular the destructor writes nothing, as the descriptor may be closed by then. After a failed
-/// write the stream stays failed with the same errno until it is bound anew. Derived classes send the
+/// write the stream stays failed with the same errno until it is bound again. Derived classes send the
 /// bytes elsewhere by overriding Flush().
 class THORNEL_API OSockStream : public OutputBuffer<char>, public virtual SockStream {
 public:
@@ -89,7 +89,7 @@ private:
 /// A buffered input stream over a descriptor, which stays the caller's.
 ///
 /// Before the stream waits for bytes it flushes the output stream that it is tied to. After a failed
-/// read the stream stays failed with the same errno until it is bound anew. Derived classes take the
+/// read the stream stays failed with the same errno until it is bound again. Derived classes take the
 /// bytes from elsewhere by overriding Fill().
 class THORNEL_API ISockStream : public InputBuffer<char>, public virtual SockStream {
 public:
@@ -119,7 +119,7 @@ public:
     ISockStream& Read(char* data, int size);
 
     /// Reads a line up to and including `eol`, or "\n" if that is empty, and stores it without. Takes no byte
-    /// behind the line end out of the descriptor. If the input ends or fails first, what came is stored and
+    /// after the line end out of the descriptor. If the input ends or fails first, what came is stored and
     /// END_OF_INPUT added to the status; a line above MAX_LINE bytes is given up with MALFORMED added,
     /// and what was read of it is stored.
     ISockStream& Readln(String_t& line, char const* eol);

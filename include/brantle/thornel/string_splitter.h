@@ -7,7 +7,7 @@
 /// Walks over the tokens of a text. Each delimiter ends one token, so two in a row enclose an empty one.
 /// Works on a private copy, in which the tokens stay valid as long as the splitter.
 ///
-/// There is a token as long as `Current()` is not null and lies before `End()`. An empty token behind
+/// There is a token as long as `Current()` is not null and lies before `End()`. An empty token after
 /// the last delimiter is therefore none.
 class THORNEL_API StringSplitter {
 public:

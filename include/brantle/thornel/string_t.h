@@ -56,10 +56,10 @@ public:
     char* Buffer();
 
     /// Makes the array private, with room for `length` characters and the terminator, and keeps as much
-    /// of the text as fits. The bytes behind the text are 0.
+    /// of the text as fits. The bytes after the text are 0.
     void Reserve(unsigned int length);
 
-    /// At most `length` characters from `start`; empty if `start` is behind the end.
+    /// At most `length` characters from `start`; empty if `start` is after the end.
     String_t SubStr(unsigned int start, unsigned int length) const;
 
     /// The text without blanks, tabs, line ends, vertical tabs and form feeds at both ends.

@@ -69,7 +69,7 @@ public:
     Iterator(Iterator const&) = delete;
     Iterator& operator=(Iterator const&) = delete;
 
-    /// Null behind the last identity.
+    /// Null after the last identity.
     operator void const*() const;
     Iterator& operator++();
     /// The current identity.

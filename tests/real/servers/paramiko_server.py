@@ -47,7 +47,7 @@ def write_all(pipe, data):
 
 
 class Command:
-    """A command, shell or SFTP server joined to a session channel."""
+    """A command, shell or SFTP server attached to a session channel."""
 
     def __init__(self, channel, environment, terminal):
         self.channel = channel

@@ -225,7 +225,7 @@ public:
     void SendTogether(std::vector<Bytes> const& payloads);
     /// The payload. A MAC that does not fit is recorded and throws.
     Bytes ReadPacket();
-    /// Reads one packet of that type; the reader stands behind the type byte.
+    /// Reads one packet of that type; the reader comes after the type byte.
     Reader ExpectPacket(std::uint8_t type);
 
     // --- steps up to encryption

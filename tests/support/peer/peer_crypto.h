@@ -125,7 +125,7 @@ struct ExchangeHashInput {
 Bytes ExchangeHash(ExchangeHashInput const& input);
 
 /// How a key longer than one digest goes on: as RFC 4253, section 7.2 has it, or with the exchange hash and
-/// the key so far entering as strings, each behind its length.
+/// the key so far entering as strings, each after its length.
 enum class KeyExtension { Rfc4253, LengthPrefixed };
 
 /// The six keys, letters 'A' to 'F', each at least `need` bytes and a whole number of digests long.

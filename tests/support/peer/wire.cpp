@@ -129,7 +129,7 @@ Bytes Reader::Mpint() {
 std::vector<std::string> Reader::NameList() { return SplitNames(String()); }
 
 void Reader::End() const {
-    if (Left() != 0) throw PeerError(std::to_string(Left()) + " bytes behind the last field");
+    if (Left() != 0) throw PeerError(std::to_string(Left()) + " bytes after the last field");
 }
 
 std::vector<std::string> SplitNames(std::string_view list) {

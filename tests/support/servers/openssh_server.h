@@ -8,7 +8,7 @@
 
 namespace servers {
 
-/// A system account made for one test program and removed behind it. Needs root; throws
+/// A system account made for one test program and removed after it. Needs root; throws
 /// std::runtime_error otherwise.
 class ThrowAwayUser {
 public:

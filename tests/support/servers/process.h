@@ -20,8 +20,8 @@ struct Command {
     std::vector<std::string> arguments;     ///< the program, found along PATH, and its arguments
     std::vector<std::string> environment{}; ///< "NAME=value", on top of this process's own
     std::string input{};                    ///< file for standard input; /dev/null when empty
-    std::string output{};                   ///< file for standard output, made anew; /dev/null when empty
-    std::string errors{};                   ///< file for standard error, made anew; /dev/null when empty
+    std::string output{};                   ///< file for standard output, made again; /dev/null when empty
+    std::string errors{};                   ///< file for standard error, made again; /dev/null when empty
 };
 
 /// A program running beside the test in a process group of its own. It gets SIGTERM when this object

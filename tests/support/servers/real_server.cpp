@@ -68,7 +68,7 @@ std::uint16_t PickPort() {
     return port;
 }
 
-/// Whether the first line behind `port` is an SSH server's identification (RFC 4253, section 4.2).
+/// Whether the first line after `port` is an SSH server's identification (RFC 4253, section 4.2).
 bool SendsIdentification(std::uint16_t port) {
     Socket const probe;
     sockaddr_in const address = Loopback(port);

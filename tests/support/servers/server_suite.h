@@ -8,7 +8,7 @@
 namespace servers {
 
 /// A fixture whose suite shares one server (or agent), started before the first case and stopped
-/// behind the last.
+/// after the last.
 template <class Server>
 class ServerSuite : public testing::Test {
 protected:

@@ -97,7 +97,7 @@ TEST(ForwardingParser, SingleBracketIsRefused) {
     EXPECT_EQ(Parse("8080:[::1]:80"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
 }
 
-TEST(ForwardingParser, NoColonStandsBehindBrackets) {
+TEST(ForwardingParser, NoColonStandsAfterBrackets) {
     EXPECT_EQ(Parse("[::1]]8080:[fe80::1]]80"), (Forwarding{0, "::1", 8080, "fe80::1", 80}));
     EXPECT_EQ(Parse("[::1]]:8080:h:80").result, -EINVAL);
     EXPECT_EQ(Parse("8080:[h]]:80").result, -EINVAL);
@@ -113,7 +113,7 @@ TEST(ForwardingParser, BracketWithinAFieldIsNoBracket) {
     EXPECT_EQ(Parse("a[b:1:c]]:80"), (Forwarding{0, "a[b", 1, "c]]", 80}));
 }
 
-TEST(ForwardingParser, BindAddressNeedsANumberAndAColonBehindIt) {
+TEST(ForwardingParser, BindAddressNeedsANumberAndAColonAfterIt) {
     EXPECT_EQ(Parse("here:there:host:80"), (Forwarding{-EINVAL, "here", 0, "old host", 2}));
     EXPECT_EQ(Parse("here:8080"), (Forwarding{-EINVAL, "here", 8080, "old host", 2}));
     EXPECT_EQ(Parse("here:8080x:host:80"), (Forwarding{-EINVAL, "here", 8080, "old host", 2}));
@@ -125,12 +125,12 @@ TEST(ForwardingParser, WhiteSpaceInFrontOfAFieldIsSkipped) {
     EXPECT_EQ(Parse(" here: 8080 : example: 80"), (Forwarding{0, "here", 8080, "example", 80}));
 }
 
-TEST(ForwardingParser, WhiteSpaceBehindAFieldBelongsToIt) {
+TEST(ForwardingParser, WhiteSpaceAfterAFieldBelongsToIt) {
     EXPECT_EQ(Parse("8080:example :80"), (Forwarding{0, "localhost", 8080, "example ", 80}));
     EXPECT_EQ(Parse("8080 :1:example:80"), (Forwarding{0, "8080 ", 1, "example", 80}));
 }
 
-TEST(ForwardingParser, TextBehindThePortIsNotLookedAt) {
+TEST(ForwardingParser, TextAfterThePortIsNotLookedAt) {
     EXPECT_EQ(Parse("8080:example:80:and so on"), (Forwarding{0, "localhost", 8080, "example", 80}));
     EXPECT_EQ(Parse("8080:example:80:"), (Forwarding{0, "localhost", 8080, "example", 80}));
 }

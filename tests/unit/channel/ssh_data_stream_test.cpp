@@ -141,7 +141,7 @@ TEST_F(DataOutput, MessagesCarryTheNumberGiven) {
               _connection.Sent());
 }
 
-TEST_F(DataOutput, CountAboveTwoThirdsIsGrantedBehindTheDataAndResets) {
+TEST_F(DataOutput, CountAboveTwoThirdsIsGrantedAfterTheDataAndResets) {
     _connection._out._byteCount = 1398103 - 24; // the packet below has 24 bytes
     Write("abcd");
     EXPECT_EQ(4, _stream.Flush());
@@ -478,7 +478,7 @@ TEST_F(DataOutput, RequestOfFullMessagesEndsWithoutMoreToCome) {
     EXPECT_EQ(TakeMore(recorder), (Sends{true, false}));
 }
 
-TEST_F(DataOutput, AdjustmentIsTheLastOfARequestOrMoreComesBehindIt) {
+TEST_F(DataOutput, AdjustmentIsTheLastOfARequestOrMoreComesAfterIt) {
     _window = 9000;
     support::SendRecorder recorder;
     Write(Text(8000));

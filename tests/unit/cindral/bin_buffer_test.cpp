@@ -117,7 +117,7 @@ TEST(BinBuffer, PrematureEndThrowsAndLeavesStreamState) {
     }
 }
 
-TEST(BinBuffer, NothingIsReadBehindTheEndOfTheMemory) {
+TEST(BinBuffer, NothingIsReadAfterTheEndOfTheMemory) {
     char const memory[] = "abcdef";
     IStringBuffer source(memory, 3);
     SBufAdapter adapter(source);

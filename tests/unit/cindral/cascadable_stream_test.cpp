@@ -115,7 +115,7 @@ TEST(CascadableIStreamBuffer, RangeIsFilledWholeOverSeveralFills) {
     EXPECT_EQ(layer.getchr(bytes[0]), 0);
 }
 
-TEST(CascadableIStreamBuffer, FailureShowsBehindTheBytesThatCame) {
+TEST(CascadableIStreamBuffer, FailureShowsAfterTheBytesThatCame) {
     IStringBuffer memory("abcdefgh");
     Dribble layer(&memory);
     layer._fillsLeft = 1;

@@ -55,7 +55,7 @@ public:
     void Type(std::string const& text) const {
         EXPECT_EQ(write(_master, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
-    /// Waits until the screen shows a text, behind what was waited for before.
+    /// Waits until the screen shows a text, after what was waited for before.
     void AwaitScreen(std::string const& text) {
         std::size_t found = _screen.find(text, _seen);
         while (found == std::string::npos && More(_master, _screen)) found = _screen.find(text, _seen);

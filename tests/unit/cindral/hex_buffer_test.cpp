@@ -118,7 +118,7 @@ TEST(IHexBuffer, TextThatIsNotHexadecimalFails) {
     }
 }
 
-TEST(IHexBuffer, FailureShowsBehindTheBytesThatCame) {
+TEST(IHexBuffer, FailureShowsAfterTheBytesThatCame) {
     int result = 1;
     EXPECT_EQ(Bytes("4142zz43", result), "AB");
     EXPECT_LT(result, 0);

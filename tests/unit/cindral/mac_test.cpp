@@ -70,7 +70,7 @@ TEST_P(MacVector, IsComputed) {
     EXPECT_EQ(Finish(), GetParam()._mac);
 }
 
-TEST_P(MacVector, ResetStartsAnewWithTheSameKey) {
+TEST_P(MacVector, ResetStartsAgainWithTheSameKey) {
     _mac.Redefine(GetParam()._name, Bytes(Key()));
     for (int i = 0; i < 3; ++i) {
         Feed("left in the middle");

@@ -49,7 +49,7 @@ constexpr Form FORMS[] = {
     {"DsaPemEncrypted", "-t dsa -m PEM", true, "true"},
     {"DsaPkcs8", "-t dsa -m PEM", false, PKCS8_DSA},
     {"DsaPkcs8Encrypted", "-t dsa -m PEM", true, PKCS8_DSA_ENCRYPTED},
-    {"DsaPemBehindItsParameters", "-t dsa -m PEM", false,
+    {"DsaPemAfterItsParameters", "-t dsa -m PEM", false,
      "openssl dsaparam -out parameters 1024 && cat parameters id > both && mv both id"},
 };
 

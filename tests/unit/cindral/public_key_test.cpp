@@ -101,7 +101,7 @@ TEST(PublicKey, EveryCutBlobIsRefused) {
 
 TEST(PublicKey, MalformedBlobIsRefused) {
     for (char const* hex : {
-             "00000007 7373682d727361 00000001 03 00000002 00c1 00", // a byte behind the end
+             "00000007 7373682d727361 00000001 03 00000002 00c1 00", // a byte after the end
              "00000007 7373682d727361 00000001 03 00000001 c1",      // n negative
              "00000007 7373682d727361 00000000 00000002 00c1",       // e zero
              "00000007 7373682d727361 00000001 03 ffffffff 00c1",    // length beyond the end

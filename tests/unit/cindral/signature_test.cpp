@@ -30,7 +30,7 @@ protected:
         field += static_cast<char>(text.size());
         return field + text;
     }
-    /// What lies behind the name of a blob and the length of the value.
+    /// What comes after the name of a blob and the length of the value.
     static std::string Value(ByteString const& blob) { return Text(blob.SubStr(4 + 7 + 4, ~0u)); }
     /// Whether the openssl program accepts a signature by "id" over the data.
     bool OpensslVerifies(std::string const& raw) {
@@ -170,7 +170,7 @@ TEST(Signature, DecodeRefusesWhatIsNoSignatureOfItsType) {
     for (char const* hex : {
              "", "00", "00000007 7373682d727361",             // cut
              "00000007 7373682d727361 00000002 05",           // cut value
-             "00000007 7373682d727361 00000001 05 00",        // a byte behind the end
+             "00000007 7373682d727361 00000001 05 00",        // a byte after the end
              "00000007 7373682d727361 00000000",              // no value
              "0000000c 7273612d736861322d323536 00000001 05", // another digest
              "00000007 7373682d647373 00000001 05",           // another type, and too short for it

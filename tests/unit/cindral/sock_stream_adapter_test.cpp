@@ -126,7 +126,7 @@ TEST(ISockStreamAdapter, AnEndIsNotFinal) {
     EXPECT_EQ(std::string(bytes, 2), "cd");
 }
 
-TEST(ISockStreamAdapter, NoByteBehindTheFenceIsTakenFromTheSocket) {
+TEST(ISockStreamAdapter, NoByteAfterTheFenceIsTakenFromTheSocket) {
     DescriptorPair pair = DescriptorPair::Sockets();
     ISocketBuffer socket;
     socket.Bind(pair.Ours());

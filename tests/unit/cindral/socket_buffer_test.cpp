@@ -67,7 +67,7 @@ TEST_F(SocketBuffers, GetReadsAWholeWindowAtATime) {
     EXPECT_EQ(counter.Polls(), 0);
 }
 
-TEST_F(SocketBuffers, EndOfInputShowsBehindTheBytesThatCame) {
+TEST_F(SocketBuffers, EndOfInputShowsAfterTheBytesThatCame) {
     _pair.Send("abc");
     _pair.ClosePeer();
     EXPECT_EQ(_in.get(_bytes, _bytes + 8), 3);
@@ -212,7 +212,7 @@ TEST_F(SocketBuffers, RangeLargerThanTheWindowIsReceivedWhereItBelongs) {
     EXPECT_EQ(counter.Transfers(), 1);
 }
 
-TEST_F(SocketBuffers, EndWithinALargeRangeShowsBehindTheBytesThatCame) {
+TEST_F(SocketBuffers, EndWithinALargeRangeShowsAfterTheBytesThatCame) {
     _pair.Send(std::string(9000, 'x'));
     _pair.ClosePeer();
     std::string range(20000, '\0');
@@ -254,7 +254,7 @@ TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
     EXPECT_EQ(support::Unsent(pair.Ours()), 0);
 }
 
-TEST_F(SocketBuffers, FailedFlushBehindOneAheadTellsItsOwnError) {
+TEST_F(SocketBuffers, FailedFlushAfterOneAheadTellsItsOwnError) {
     Put("abc");
     _out.FlushCorked();
     _pair.ClosePeer();

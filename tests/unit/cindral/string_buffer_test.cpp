@@ -96,7 +96,7 @@ TEST(IStringBuffer, DoesNotCopy) {
     EXPECT_EQ(byte, 'z');
 }
 
-TEST(IStringBuffer, AssignStartsAnew) {
+TEST(IStringBuffer, AssignStartsAgain) {
     IStringBuffer buffer("abc");
     char byte;
     buffer.getchr(byte);

@@ -419,7 +419,7 @@ TEST_F(Multiplexer, TakesAConcurrentReadersCountAfterPoll) {
 }
 
 TEST_F(Multiplexer, EndsAWriterThatCameInTheGapOfUnregister) {
-    // A writer can come in only behind the callbacks, so it takes over the reader's place here.
+    // A writer can come in only after the callbacks, so it takes over the reader's place here.
     TestCallback takeOver([&](int) {
         EXPECT_EQ(mux.RUnlock(), 0);
         EXPECT_EQ(mux.WLock(), 0);

@@ -124,7 +124,7 @@ TEST(Clock, TimerThatHasFallenDueAtTheSecondLookWaits) {
     }
 }
 
-TEST(Clock, InvokedTimersEachGetTheTimeAnew) {
+TEST(Clock, InvokedTimersEachGetTheTimeAgain) {
     IOMultiplexer mux;
     Shot first(Timeval(100, 0)), second(Timeval(101, 0));
     mux.Insert(&first);

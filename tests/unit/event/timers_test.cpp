@@ -15,7 +15,7 @@ using Timeval = IOMultiplexer::Timeval;
 
 namespace {
 
-/// A time far behind and one far ahead of any clock that a test may run on.
+/// A time far after and one far ahead of any clock that a test may run on.
 Timeval const PAST(1000, 0);
 Timeval const FUTURE(0x7ffffff0, 0);
 
@@ -191,7 +191,7 @@ TEST(PeriodicTimer, IsFirstDueOneIntervalFromNow) {
     EXPECT_THAT(tick._interval, IsTime(3600, 250));
 }
 
-TEST(PeriodicTimer, IsFirstDueOneIntervalBehindItsStart) {
+TEST(PeriodicTimer, IsFirstDueOneIntervalAfterItsStart) {
     Tick tick(FUTURE - Timeval(100, 0), Timeval(10, 5));
     EXPECT_THAT(tick._start, IsTime(FUTURE._sec - 100, 0));
     EXPECT_THAT(tick._next, IsTime(FUTURE._sec - 90, 5));
@@ -341,7 +341,7 @@ TEST_F(Timers, NextTimeWithMillisecondsAloneRequeues) {
 TEST_F(Timers, OneThatFallsDueDuringTheCheckWaits) {
     NamedOnce late(log, "late", FUTURE);
     NamedOnce timer(log, "first", PAST);
-    // While it runs, the other one becomes due at a moment behind the fixed time of this check.
+    // While it runs, the other one becomes due at a moment after the fixed time of this check.
     timer._work = [&] {
         mux.Unregister(Same(late));
         late._next = timer._firedAt + Timeval(0, 1);

@@ -101,7 +101,7 @@ TEST(PacketDecoderTest, LengthUpToThatOfThePacketFailsAtItsEnd) {
     }
 }
 
-TEST(PacketDecoderTest, RawBytesBehindTheEndAreAPrematureEnd) {
+TEST(PacketDecoderTest, RawBytesAfterTheEndAreAPrematureEnd) {
     for (unsigned int length : {3u, 4u, 4294967295u}) {
         ExpectPrematureEnd([&] { PacketDecoder(Bytes("ab")).ReadBytes(length); });
     }
@@ -189,7 +189,7 @@ TEST(PacketDecoderTest, SkipToleratesTheEnd) {
     EXPECT_NO_THROW(PacketDecoder().Skip(1));
 }
 
-TEST(PacketDecoderTest, ByteBehindThePaddingIsRefusedByTheNameOfTheMessage) {
+TEST(PacketDecoderTest, ByteAfterThePaddingIsRefusedByTheNameOfTheMessage) {
     ExpectError<SshProtocolError>(ADDITIONAL, "SSH_MSG_CHANNEL_DATA",
                                   [] { PacketDecoder(Bytes(Wire("00 5e 00"))).Skip(2); });
     ExpectError<SshProtocolError>(ADDITIONAL, "SSH_MSG_CHANNEL_DATA",

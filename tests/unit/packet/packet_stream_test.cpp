@@ -374,7 +374,7 @@ TEST_F(PacketStream, LowEightBitsOfThePaddingCount) {
     EXPECT_EQ((Bytes{0, 0, 1, 1, 255, 94}) + Bytes(255, 0), Received());
 }
 
-TEST(MessageNumber, IsTheByteBehindThePaddingLengthAndZeroWithoutOne) {
+TEST(MessageNumber, IsTheByteAfterThePaddingLengthAndZeroWithoutOne) {
     EXPECT_EQ(94, MessageNumber(ByteString("\x05\x5e\x01", 3)));
     EXPECT_EQ(0, MessageNumber(ByteString("\x05", 1)));
     EXPECT_EQ(0, MessageNumber(ByteString()));

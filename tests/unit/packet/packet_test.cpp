@@ -163,7 +163,7 @@ TEST(PacketTest, PaddingUpToTheWholePacketLeavesNothing) {
     EXPECT_EQ(Str(Packet(94, Bytes(Wire("02 5e 01 02")))._payload), Wire("5e"));
 }
 
-TEST(PacketTest, PaddingLargerThanThePacketLeavesAllBehindTheFirstByte) {
+TEST(PacketTest, PaddingLargerThanThePacketLeavesAllAfterTheFirstByte) {
     Packet packet(94, Bytes(Wire("04 5e 01 02")));
     EXPECT_EQ(packet._padLen, 4);
     EXPECT_EQ(Str(packet._payload), Wire("5e 01 02"));

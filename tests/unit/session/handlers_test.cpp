@@ -84,7 +84,7 @@ TEST_F(Handlers, OpeningsWithAnAddressAreRefusedToo) {
     }
 }
 
-TEST_F(Handlers, OpeningsOfAnyOtherLengthAreBreaches) {
+TEST_F(Handlers, OpeningsOfAnyOtherLengthAreViolations) {
     EXPECT_THROW(Open(Packed(Opening("session", {0}))), SshProtocolError);
     Bytes shorter = Opening("session");
     shorter.pop_back();

@@ -71,7 +71,7 @@ public:
     Terminal(Terminal const&) = delete;
     Terminal& operator=(Terminal const&) = delete;
 
-    /// Reads until the screen shows that text behind all that was awaited before.
+    /// Reads until the screen shows that text after all that was awaited before.
     void Await(std::string const& text) {
         std::size_t found = std::string::npos;
         while ((found = screen.find(text, _seen)) == std::string::npos)

@@ -54,7 +54,7 @@ TEST(ParseUrl, WithoutAtSignTheUserIsTheLocalOne) {
     EXPECT_EQ(Parse("example.org:80"), (Target{0, LocalUser(), "example.org:80"}));
 }
 
-TEST(ParseUrl, BracketedHostGetsThePortBehindTheBracket) {
+TEST(ParseUrl, BracketedHostGetsThePortAfterTheBracket) {
     EXPECT_EQ(Parse("ann@[::1]"), (Target{0, "ann", "[::1]:22"}));
     EXPECT_EQ(Parse("ann@[]"), (Target{0, "ann", "[]:22"}));
 }
@@ -71,7 +71,7 @@ TEST(ParseUrl, BracketWithinTheHostIsNoBracket) {
     EXPECT_EQ(Parse("ann@host[::1"), (Target{0, "ann", "host[::1"}));
 }
 
-TEST(ParseUrl, OpenBracketIsRefusedBehindTheAssignments) {
+TEST(ParseUrl, OpenBracketIsRefusedAfterTheAssignments) {
     EXPECT_EQ(Parse("ann@[::1"), (Target{-EINVAL, "ann", "[::1"}));
     EXPECT_EQ(Parse("[::1"), (Target{-EINVAL, LocalUser(), "[::1"}));
 }

@@ -61,7 +61,7 @@ TEST_P(SftpMessageTest, ReceivedBytesAreItsPayload) {
     EXPECT_EQ(message->Payload()._rep, received._rep);
 }
 
-TEST_P(SftpMessageTest, BytesBehindTheFieldsAreIgnored) {
+TEST_P(SftpMessageTest, BytesAfterTheFieldsAreIgnored) {
     MessagePtr const message = Parse(GetParam()._received + "surplus");
     EXPECT_EQ(Str(GetParam()._encodeFields(*message)), GetParam()._sent);
     EXPECT_EQ(Str(message->Payload()), GetParam()._received + "surplus");

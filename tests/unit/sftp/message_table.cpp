@@ -25,7 +25,7 @@ SftpFileAttr AllAttrs() {
 
 char const* const ALL_ATTRS = " 0000000f 0102030405060708 11121314 21222324 31323334 41424344 51525354";
 
-/// A message that owns all its fields. `fields` are the constructor's arguments behind the request id, given
+/// A message that owns all its fields. `fields` are the constructor's arguments after the request id, given
 /// once to build it and found once more, by `get`, in the parsed one.
 template <class Message, class Get, class... Fields>
 SftpMessage Row(char const* name, char const* wrongType, char const* badFields, std::string const& line,

@@ -27,7 +27,7 @@ struct SftpMessage {
     std::string _sent;
     std::function<MessagePtr(Target&)> _build;
     std::function<MessagePtr(ByteString const&, Target&)> _parse;
-    /// Encodes the fields of a parsed message anew.
+    /// Encodes the fields of a parsed message again.
     std::function<ByteString(cindral::SftpPacket const&)> _encodeFields;
 };
 

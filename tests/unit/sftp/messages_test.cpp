@@ -52,7 +52,7 @@ TEST(SftpPacketTest, HandleSharesTheBytesGiven) {
     EXPECT_EQ(SftpPacketClose(1, SftpFileHandle(bytes))._handle._bytes._rep, bytes._rep);
 }
 
-TEST(SftpPacketVersionTest, ExtensionsBehindItAreIgnored) {
+TEST(SftpPacketVersionTest, ExtensionsAfterItAreIgnored) {
     EXPECT_EQ(SftpPacketVersion(Bytes(Wire("02 00000003")))._version, 3u);
     SftpPacketVersion const extended(Bytes(Wire("02 00000003 00000001 'e' 00000001 '1'")));
     EXPECT_EQ(extended._version, 3u);
@@ -60,11 +60,11 @@ TEST(SftpPacketVersionTest, ExtensionsBehindItAreIgnored) {
 }
 
 TEST(SftpPacketOpenTest, LongestTextIsTaken) {
-    std::string const behind = Wire("0000001a 00000000");
-    EXPECT_EQ(Str(SftpPacketOpen(Bytes(Wire("03 00000007 00040000") + FULL_TEXT + behind))._filename),
+    std::string const after = Wire("0000001a 00000000");
+    EXPECT_EQ(Str(SftpPacketOpen(Bytes(Wire("03 00000007 00040000") + FULL_TEXT + after))._filename),
               FULL_TEXT);
     ExpectError<SshProtocolError>("invalid string length in input", "", [&] {
-        SftpPacketOpen(Bytes(Wire("03 00000007 00040001") + FULL_TEXT + 'x' + behind));
+        SftpPacketOpen(Bytes(Wire("03 00000007 00040001") + FULL_TEXT + 'x' + after));
     });
 }
 

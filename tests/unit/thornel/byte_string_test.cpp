@@ -81,7 +81,7 @@ TEST(ByteString, SelfAssignmentKeepsTheBytes) {
     EXPECT_EQ(bytes._rep->_count, 1);
 }
 
-TEST(ByteString, SubStrClampsALengthBehindTheEnd) {
+TEST(ByteString, SubStrClampsALengthAfterTheEnd) {
     ByteString const bytes = Bytes("abcde");
     EXPECT_EQ(Text(bytes.SubStr(3, 4294967295u)), "de");
     EXPECT_EQ(Text(bytes.SubStr(1, 3)), "bcd");

@@ -111,7 +111,7 @@ TEST_P(EitherDescriptor, NonBlockingDescriptorIsWaitedFor) {
     peer.join();
 }
 
-TEST_P(EitherDescriptor, ReadThroughTakesNoByteBehindTheLast) {
+TEST_P(EitherDescriptor, ReadThroughTakesNoByteAfterTheLast) {
     DescriptorPair pair = ForReading();
     pair.Send("line\nrest");
     DescriptorIO io(pair.Ours());

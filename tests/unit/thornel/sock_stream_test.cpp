@@ -329,7 +329,7 @@ TEST_F(SockStreams, WriteToAClosedPeerFailsWithoutASignal) {
     EXPECT_EQ(_out.Status(), SockStream::FAILED);
 }
 
-TEST_F(SockStreams, FailedOutputStaysFailedUntilItIsBoundAnew) {
+TEST_F(SockStreams, FailedOutputStaysFailedUntilItIsBoundAgain) {
     _out._timeout = 1;
     std::string const text(4 << 20, 'x');
     _out.Write(text.data(), static_cast<int>(text.size()));
@@ -469,7 +469,7 @@ TEST_F(SockStreams, JoinedPairBindsBothHalves) {
     EXPECT_EQ(both.OSockStream::Fd(), -1);
 }
 
-TEST_F(SockStreams, ReadlnTakesNoByteBehindTheLineEnd) {
+TEST_F(SockStreams, ReadlnTakesNoByteAfterTheLineEnd) {
     _pair.Send("SSH-2.0-x\r\nbinary\nmore");
     EXPECT_EQ(ReadLine(), "SSH-2.0-x\r");
     EXPECT_EQ(_in.Status(), 0u);
@@ -477,7 +477,7 @@ TEST_F(SockStreams, ReadlnTakesNoByteBehindTheLineEnd) {
     EXPECT_EQ(_pair.Left(), "binary\nmore");
 }
 
-TEST_F(SockStreams, ReadlnTakesNoByteBehindTheLineEndOutOfAPipe) {
+TEST_F(SockStreams, ReadlnTakesNoByteAfterTheLineEndOutOfAPipe) {
     DescriptorPair pipe = DescriptorPair::Pipe(true);
     pipe.Send("line\nrest");
     _in.Bind(pipe.Ours());

@@ -86,7 +86,7 @@ TEST(StringSplitter, LeadingDelimiterYieldsAnEmptyFirstToken) {
     EXPECT_THAT(Split("a::b", ":"), ElementsAre("a", "", "b"));
 }
 
-TEST(StringSplitter, NothingBehindTheLastDelimiterIsNoToken) {
+TEST(StringSplitter, NothingAfterTheLastDelimiterIsNoToken) {
     EXPECT_THAT(Split("a:", ":"), ElementsAre("a"));
     EXPECT_THAT(Split(":", ":"), ElementsAre(""));
     EXPECT_THAT(Split("", ":"), IsEmpty());

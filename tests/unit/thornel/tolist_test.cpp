@@ -308,7 +308,7 @@ TEST(TOListIterator, BindGoesOverToAnotherList) {
     EXPECT_EQ(it(), nullptr);
 }
 
-TEST(TOListIterator, CallsEndBehindTheLinkThatWasLastAtFirst) {
+TEST(TOListIterator, CallsEndAfterTheLinkThatWasLastAtFirst) {
     List list = Of({1, 2});
     std::vector<int> seen;
     TOListIterator<int> it(list);

@@ -92,7 +92,7 @@ TEST(TPVarrDeath, UnknownGrowthIsFatalOnceItHasToGrow) {
                                             "[with T = Shop::Job]: Assertion `0' failed."));
 }
 
-TEST(TPVarrDeath, IndexBehindTheEndIsFatal) {
+TEST(TPVarrDeath, IndexAfterTheEndIsFatal) {
     Job job{1, 1};
     Array array(8, 8, 0);
     array.Append(&job);

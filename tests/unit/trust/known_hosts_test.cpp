@@ -236,7 +236,7 @@ TEST_F(KnownHostsTest, NameIsCutTo1023Characters) {
     std::string const cut = fits + "y";
     Store store(fits + " ssh-rsa " + _key64 + "\n");
     EXPECT_TRUE(store.Refuses(fits.c_str(), 22, _other));
-    EXPECT_TRUE(store.Trusts(cut.c_str(), 22, _other)); // cut behind ":2"
+    EXPECT_TRUE(store.Trusts(cut.c_str(), 22, _other)); // cut after ":2"
     EXPECT_TRUE(store.Refuses((fits + "y").c_str(), 21, _key));
     Store longer(std::string(2000, 'z') + " ssh-rsa " + _key64 + "\n");
     EXPECT_TRUE(longer.Refuses(std::string(1022, 'z').c_str(), 9999, _other));
