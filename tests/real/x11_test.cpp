@@ -25,7 +25,7 @@ using namespace kinds;
 namespace {
 
 /// What xdpyinfo prints after the line that names the display.
-std::string BehindName(std::string const& output) {
+std::string AfterName(std::string const& output) {
     std::size_t const name = output.find("name of display:");
     if (name == std::string::npos) return "no description: " + output;
     return output.substr(output.find('\n', name) + 1);
@@ -57,7 +57,7 @@ protected:
     }
     /// What xdpyinfo prints of the X server without any forwarding.
     static std::string Description() {
-        return BehindName(servers::RunOrThrow({"xdpyinfo", "-display", _display->Display()}, {},
+        return AfterName(servers::RunOrThrow({"xdpyinfo", "-display", _display->Display()}, {},
                                               {"XAUTHORITY=" + _display->Authority()}));
     }
     /// A command for the server: xdpyinfo that knows no cookie but one of zeros.
@@ -78,14 +78,14 @@ TYPED_TEST(X11, ShowsTheDisplayOverTheUnixSocket) {
     Report const report = this->Run(this->_display->Display(), "xdpyinfo");
     EXPECT_EQ(report["x11"], "0") << report;
     EXPECT_EQ(report["run"], "-1") << report;
-    EXPECT_EQ(BehindName(report.output), this->Description());
+    EXPECT_EQ(AfterName(report.output), this->Description());
     EXPECT_EQ(report.status, 0) << report;
 }
 
 TYPED_TEST(X11, ShowsTheDisplayOverTcp) {
     Report const report = this->Run(this->_display->DisplayOverTcp() + ".0", "xdpyinfo");
     EXPECT_EQ(report["run"], "-1") << report;
-    EXPECT_EQ(BehindName(report.output), this->Description());
+    EXPECT_EQ(AfterName(report.output), this->Description());
     EXPECT_EQ(report.status, 0) << report;
 }
 
