@@ -1,14 +1,14 @@
 #include <brantle/apps/scp_session.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <sstream>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <brantle/cindral/exceptions.h>
 #include <brantle/thornel/file_descriptor.h>

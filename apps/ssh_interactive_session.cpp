@@ -1,8 +1,8 @@
 #include <brantle/apps/ssh_interactive_session.h>
 
-#include <iostream>
-
 #include <unistd.h>
+
+#include <iostream>
 
 #include <brantle/packet/session_requests.h>
 

@@ -2,6 +2,11 @@
 //
 //   bench_brantle JOB HOST PORT USER KEY ...        exit status 77: does not do that job
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -9,11 +14,6 @@
 #include <filesystem>
 #include <map>
 #include <string>
-
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <brantle/brantle.h>
 
@@ -57,8 +57,8 @@ public:
 
     void Print(Usage const& start, Usage const& end, long long bytes, long count) {
         double const wall = end._wall - start._wall;
-        std::fprintf(_stream, "RESULT job=%s bytes=%lld n=%ld wall=%.6f user=%.6f sys=%.6f", _job, bytes, count,
-                     wall, end._user - start._user, end._system - start._system);
+        std::fprintf(_stream, "RESULT job=%s bytes=%lld n=%ld wall=%.6f user=%.6f sys=%.6f", _job, bytes,
+                     count, wall, end._user - start._user, end._system - start._system);
         if (bytes) std::fprintf(_stream, " MBps=%.1f", static_cast<double>(bytes) / 1e6 / wall);
         if (count) std::fprintf(_stream, " mean_ms=%.3f", wall * 1e3 / static_cast<double>(count));
         std::fprintf(_stream, "\n");
@@ -121,7 +121,8 @@ public:
 
     CountingChannel(Total& total, unsigned int localId, unsigned int remoteId, String_t const& name,
                     unsigned int windowSize, ISshPacketStream* in, OSshPacketStream* out)
-        : TtyChannel(localId, remoteId, name, windowSize, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, in, out),
+        : TtyChannel(localId, remoteId, name, windowSize, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, in,
+                     out),
           _total(total) {}
 
     void Forward(char const* data, unsigned int n) override {
@@ -150,8 +151,7 @@ void DrainPendingMessages(SshSession& session) {
 
 class BenchSession : public SshSession {
 public:
-    explicit BenchSession(Target const& target)
-        : SshSession(CLIENT, target._port, String_t(target._host)) {
+    explicit BenchSession(Target const& target) : SshSession(CLIENT, target._port, String_t(target._host)) {
         LogIn(*this, target);
     }
 
@@ -295,7 +295,8 @@ int Forward(Target const& target, Report&, char** arguments) {
     forwarding = &session;
     std::signal(SIGTERM, [](int) { forwarding->Terminate(); }); // poll(2) returns, and with it Run
     auto const number = [](char const* text) { return static_cast<unsigned int>(std::atoi(text)); };
-    if (session.StartLocalForwarding(number(arguments[2]), arguments[1], number(arguments[0]), "127.0.0.1") != 0)
+    if (session.StartLocalForwarding(number(arguments[2]), arguments[1], number(arguments[0]), "127.0.0.1") !=
+        0)
         Die("can't listen");
     session.Run();
     return 0;

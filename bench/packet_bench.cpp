@@ -1,11 +1,12 @@
 // What one packet costs inside the library, without network and server.
 
-#include <string>
-
-#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <string>
+
+#include <benchmark/benchmark.h>
 
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/packet_decoder.h>

@@ -1,10 +1,9 @@
 // The text form of a forwarding.
 
-#include <brantle/session/ssh_session.h>
-
 #include <cerrno>
 #include <sstream>
 
+#include <brantle/session/ssh_session.h>
 #include <brantle/thornel/text.h>
 
 namespace cindral {

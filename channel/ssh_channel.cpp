@@ -12,8 +12,8 @@ SshChannel::SshChannel()
 SshChannel::SshChannel(unsigned int localId, unsigned int remoteId, String_t const& name,
                        unsigned int windowSize, int fdIn, int fdOut, int fdErr, ISshPacketStream* in,
                        OSshPacketStream* out)
-    : _localId(localId), _remoteId(remoteId), _name(name), _windowSize(windowSize), _fdIn(fdIn), _fdOut(fdOut),
-      _fdErr(fdErr), _eofSent(0), _in(in), _out(out), _outStream(fdOut), _errStream(fdErr) {}
+    : _localId(localId), _remoteId(remoteId), _name(name), _windowSize(windowSize), _fdIn(fdIn),
+      _fdOut(fdOut), _fdErr(fdErr), _eofSent(0), _in(in), _out(out), _outStream(fdOut), _errStream(fdErr) {}
 
 SshChannel::~SshChannel() {
     _in = nullptr;

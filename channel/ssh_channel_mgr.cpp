@@ -1,9 +1,9 @@
 #include <brantle/channel/ssh_channel_mgr.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <memory>
-
-#include <unistd.h>
 
 #include <brantle/cindral/exceptions.h>
 
@@ -62,8 +62,7 @@ SshChannel* SshChannelMgr::NewTtyChannel(unsigned int remoteId, String_t const& 
 SshChannel* SshChannelMgr::NewTcpConnection(unsigned int remoteId, String_t const& name,
                                             unsigned int windowSize, FileDescriptor& fd, ISshPacketStream* in,
                                             OSshPacketStream* out) {
-    auto* channel =
-        new FdChannel(_nextId, remoteId, name, windowSize, fd._fd, fd._fd, fd._fd, in, out);
+    auto* channel = new FdChannel(_nextId, remoteId, name, windowSize, fd._fd, fd._fd, fd._fd, in, out);
     Enter(channel);
     channel->_fd = fd._fd;
     fd._fd = -1;

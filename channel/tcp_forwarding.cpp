@@ -2,10 +2,10 @@
 
 #include <brantle/channel/tcp_forwarding.h>
 
+#include <netinet/in.h>
+
 #include <cerrno>
 #include <utility>
-
-#include <netinet/in.h>
 
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/global_requests.h>

@@ -1,7 +1,6 @@
-#include <brantle/channel/ssh_channel_mgr.h>
-
 #include <unistd.h>
 
+#include <brantle/channel/ssh_channel_mgr.h>
 #include <brantle/session/ssh_session.h>
 
 namespace cindral {

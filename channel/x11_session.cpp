@@ -1,7 +1,6 @@
 // X11 forwarding as the session sees it: RFC 4254, section 6.3.
 
 #include <brantle/channel/x11_forwarding.h>
-
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/session_requests.h>
 #include <brantle/thornel/file_descriptor.h>

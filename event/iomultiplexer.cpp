@@ -1,8 +1,8 @@
 #include <brantle/event/iomultiplexer.h>
 
-#include <cerrno>
-
 #include <poll.h>
+
+#include <cerrno>
 
 #include <brantle/thornel/fatal.h>
 

@@ -3,14 +3,14 @@
 // The connections of -R have to be announced without the originator's address, which standard servers send:
 // with them the first one ends the session (docs/dialect.md).
 
-#include "login.h"
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 
-#include <unistd.h>
-
 #include <brantle/thornel/file_descriptor.h>
+
+#include "login.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #ifndef EXAMPLES_LOGIN_H
 #define EXAMPLES_LOGIN_H
 
+#include <poll.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-
-#include <poll.h>
 
 #include <brantle/brantle.h>
 
@@ -111,8 +111,8 @@ int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... 
         return work(session);
     } catch (Except const& failure) {
         if (!hostIsKnown)
-            return Fail(UNKNOWN_HOST, String_t("no such host, or no port number after it: ") +=
-                                      arguments._target);
+            return Fail(UNKNOWN_HOST,
+                        String_t("no such host, or no port number after it: ") += arguments._target);
         return Fail(CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
     }
 }

@@ -1,12 +1,12 @@
 // Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories.
 
-#include <cerrno>
-#include <filesystem>
-#include <system_error>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 #include "sftp.h"
 

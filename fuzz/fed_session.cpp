@@ -1,6 +1,6 @@
-#include "fed_session.h"
-
 #include <algorithm>
+
+#include "fed_session.h"
 
 namespace fuzz {
 

@@ -1,10 +1,9 @@
-#include "memory_file.h"
-
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "finding.h"
+#include "memory_file.h"
 
 namespace fuzz {
 

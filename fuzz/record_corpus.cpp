@@ -3,6 +3,12 @@
 // Nothing of it depends on the library being right about what it receives: the bytes are taken after the
 // ciphers. Packets that carry secrets of a login are left out, as no decoder takes them.
 
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstdlib>
 #include <filesystem>
@@ -12,12 +18,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <brantle/brantle.h>
 
@@ -143,9 +143,7 @@ public:
                                   {user, "", "wrong"},    {user, "", password}, {user, "", "", password},
                                   {user, "", "", "wrong"}};
         if (!openUser.empty()) logins.push_back({openUser});
-        for (Login const& login : logins)
-            Run<SshSession>(
-                login, [](auto&) {}, SshSession::CLIENT);
+        for (Login const& login : logins) Run<SshSession>(login, [](auto&) {}, SshSession::CLIENT);
     }
 
     /// The start of an exchange in a group that both sides know, as far as the server's reply.

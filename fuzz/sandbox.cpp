@@ -1,10 +1,9 @@
-#include "sandbox.h"
-
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
 #include "finding.h"
+#include "sandbox.h"
 
 namespace fuzz {
 

@@ -1,8 +1,7 @@
-#include "sftp_scripts.h"
-
 #include <unistd.h>
 
 #include "sandbox.h"
+#include "sftp_scripts.h"
 
 using namespace cindral;
 

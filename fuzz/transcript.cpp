@@ -1,6 +1,6 @@
-#include "transcript.h"
-
 #include <cstdint>
+
+#include "transcript.h"
 
 namespace fuzz {
 

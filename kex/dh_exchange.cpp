@@ -77,7 +77,7 @@ OwnedNumber RandomNumber(int bits) {
 
 /// What both exchange hashes begin with.
 void HashPrefix(Digest& digest, String_t const& clientVersion, String_t const& serverVersion,
-              ByteString const& clientKexInit, ByteString const& serverKexInit, ByteString const& hostKey) {
+                ByteString const& clientKexInit, ByteString const& serverKexInit, ByteString const& hostKey) {
     digest.UpdateString(clientVersion);
     digest.UpdateString(serverVersion);
     digest.Update(clientKexInit);

@@ -1,11 +1,10 @@
 // Key exchange: RFC 4253, sections 7 and 8, and RFC 4419.
 
-#include <brantle/session/ssh_session.h>
-
 #include <algorithm>
 
 #include <brantle/cindral/digest.h>
 #include <brantle/cindral/signature.h>
+#include <brantle/session/ssh_session.h>
 #include <brantle/thornel/split.h>
 #include <brantle/trust/known_hosts.h>
 

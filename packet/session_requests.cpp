@@ -1,9 +1,9 @@
 #include <brantle/packet/session_requests.h>
 
-#include <cstdlib>
-
 #include <sys/ioctl.h>
 #include <termios.h>
+
+#include <cstdlib>
 
 #include <brantle/cindral/tty_modes.h>
 #include <brantle/packet/packet_decoder.h>

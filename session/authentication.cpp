@@ -1,7 +1,5 @@
 // User authentication: RFC 4252, and RFC 4256 for keyboard-interactive.
 
-#include <brantle/session/ssh_session.h>
-
 #include <algorithm>
 #include <iostream>
 #include <ostream>
@@ -13,6 +11,7 @@
 #include <brantle/cindral/string_buffer.h>
 #include <brantle/packet/auth_messages.h>
 #include <brantle/packet/transport_messages.h>
+#include <brantle/session/ssh_session.h>
 #include <brantle/thornel/pathname.h>
 #include <brantle/thornel/split.h>
 #include <brantle/thornel/text.h>

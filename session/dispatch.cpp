@@ -1,17 +1,16 @@
 // The loop's side of a session: dispatchers, and the handlers of messages (RFC 4254).
 
-#include <brantle/session/ssh_session.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <iostream>
 
-#include <unistd.h>
-
 #include <brantle/cindral/exceptions.h>
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/session_requests.h>
 #include <brantle/packet/transport_messages.h>
+#include <brantle/session/ssh_session.h>
 #include <brantle/thornel/sock_io.h>
 
 namespace cindral {
@@ -91,8 +90,8 @@ void SshSession::InitDispatcher() {
     };
     for (auto const& entry : table) _handlers.Insert(entry._number, entry._handler);
     _mux.Register(_fd, SshDispatcher(this));
-    SshChannel* terminal = _channels.NewTtyChannel(_remoteChannel, "client-session", _windowSize, STDIN_FILENO,
-                                                   STDOUT_FILENO, STDERR_FILENO, &_in, &_out);
+    SshChannel* terminal = _channels.NewTtyChannel(_remoteChannel, "client-session", _windowSize,
+                                                   STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, &_in, &_out);
     RegisterChannelInput(STDIN_FILENO, terminal);
     SetNodelay(_fd);
     SockIO::SetCloseOnExec(_fd);

@@ -45,7 +45,8 @@ TOList<String_t> KbdInteractiveCallback::operator()(String_t const& name, String
 KbdCopyCallback::KbdCopyCallback(String_t const& answer) : _answer(answer) {}
 KbdCopyCallback::~KbdCopyCallback() = default;
 
-TOList<String_t> KbdCopyCallback::operator()(String_t const&, String_t const&, TOList<Prompt> const& prompts) {
+TOList<String_t> KbdCopyCallback::operator()(String_t const&, String_t const&,
+                                             TOList<Prompt> const& prompts) {
     TOList<String_t> answers;
     for (unsigned int i = prompts.Len(); i > 0; --i) answers.Append(_answer);
     return answers;

@@ -1,11 +1,10 @@
 // The session channel: RFC 4254, section 6.
 
-#include <brantle/session/ssh_session.h>
-
 #include <brantle/cindral/exceptions.h>
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/session_requests.h>
 #include <brantle/packet/transport_messages.h>
+#include <brantle/session/ssh_session.h>
 
 namespace cindral {
 

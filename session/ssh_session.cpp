@@ -1,12 +1,12 @@
 #include <brantle/session/ssh_session.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <brantle/channel/tcp_forwarding.h>
 #include <brantle/channel/x11_forwarding.h>

@@ -10,7 +10,7 @@ bool IsEmpty(String_t const& text) { return str_len(text.Text()) == 0; }
 
 Pathname Resolve(Pathname path, Pathname const& dir) { return path.Insert(dir.Text()).Collapse(); }
 
-void Replace(SftpFileAttr& attrs, unsigned int SftpFileAttr::*id, unsigned int value) {
+void Replace(SftpFileAttr& attrs, unsigned int SftpFileAttr::* id, unsigned int value) {
     attrs._flags |= SftpFileAttr::UIDGID;
     attrs.*id = value;
 }

@@ -1,12 +1,11 @@
 // SftpClientSession: directories and patterns.
 
-#include <brantle/sftp/sftp_client_session.h>
+#include <fnmatch.h>
 
 #include <climits>
 #include <cstring>
 
-#include <fnmatch.h>
-
+#include <brantle/sftp/sftp_client_session.h>
 #include <brantle/thornel/text.h>
 
 namespace cindral {

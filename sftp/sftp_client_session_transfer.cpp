@@ -1,14 +1,13 @@
 // SftpClientSession: copies of whole files.
 
-#include <brantle/sftp/sftp_client_session.h>
-
-#include <algorithm>
-#include <cerrno>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+
+#include <brantle/sftp/sftp_client_session.h>
 #include <brantle/thornel/file_descriptor.h>
 #include <brantle/thornel/text.h>
 

@@ -62,7 +62,8 @@ SftpPacketData::SftpPacketData(ByteString const& payload) : SftpPacket(FXP_DATA,
     Decode(WRONG_TYPE_OF_DATA, TOO_SHORT, _data);
 }
 
-SftpPacketData::SftpPacketData(ByteString const& payload, SftpBufferView& data) : SftpPacket(FXP_DATA, payload) {
+SftpPacketData::SftpPacketData(ByteString const& payload, SftpBufferView& data)
+    : SftpPacket(FXP_DATA, payload) {
     Decode(WRONG_TYPE_OF_DATA, TOO_SHORT, data);
 }
 

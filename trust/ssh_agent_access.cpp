@@ -1,10 +1,10 @@
 #include <brantle/trust/ssh_agent_access.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-
-#include <unistd.h>
 
 #include <brantle/cindral/exceptions.h>
 #include <brantle/packet/packet_decoder.h>

@@ -1,5 +1,3 @@
-#include "bcrypt_pbkdf.h"
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -8,6 +6,7 @@
 
 #include <brantle/cindral/exceptions.h>
 
+#include "bcrypt_pbkdf.h"
 #include "blowfish_tables.h"
 
 namespace cindral {
@@ -141,7 +140,8 @@ Block DeriveBlock(Hash const& passphrase, ByteView const& salt, unsigned int num
 
 } // namespace
 
-SecretBytes BcryptPbkdf(ByteView const& passphrase, ByteView const& salt, unsigned int rounds, unsigned int length) {
+SecretBytes BcryptPbkdf(ByteView const& passphrase, ByteView const& salt, unsigned int rounds,
+                        unsigned int length) {
     Hash hashed = Sha512(passphrase._data, passphrase._length);
     SecretBytes key(length);
     unsigned int const blocks = (length + BLOCK_LENGTH - 1) / BLOCK_LENGTH;

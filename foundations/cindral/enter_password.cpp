@@ -1,13 +1,14 @@
 #include <brantle/cindral/enter_password.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 
 #include <openssl/crypto.h>
 
@@ -35,7 +36,7 @@ public:
     SignalPipe() {
         if (pipe2(_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
         wakeFd = _pipe[1];
-        struct sigaction action {};
+        struct sigaction action{};
         action.sa_handler = NoteSignal;
         action.sa_flags = SA_RESTART;
         for (unsigned int i = 0; i < SIGNAL_COUNT; ++i) {

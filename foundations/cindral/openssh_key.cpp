@@ -1,5 +1,3 @@
-#include "openssh_key.h"
-
 #include <cstring>
 
 #include <openssl/core_names.h>
@@ -10,6 +8,7 @@
 #include <brantle/cindral/private_key.h>
 
 #include "bcrypt_pbkdf.h"
+#include "openssh_key.h"
 #include "openssl_ptr.h"
 #include "pkey.h"
 

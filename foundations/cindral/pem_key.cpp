@@ -1,5 +1,3 @@
-#include "pem_key.h"
-
 #include <algorithm>
 #include <cstring>
 
@@ -13,6 +11,7 @@
 #include <brantle/cindral/private_key.h>
 
 #include "openssl_ptr.h"
+#include "pem_key.h"
 
 namespace cindral {
 
@@ -125,7 +124,8 @@ int PemKey::ReadTraditional(ByteView const& passphrase, evp_pkey_st*& key) const
     if (IsEncrypted()) {
         EVP_CIPHER_INFO info;
         if (PEM_get_EVP_CIPHER_INFO(_header, &info) != 1 ||
-            PEM_do_header(&info, der.data(), &length, GivePassphrase, const_cast<ByteView*>(&passphrase)) != 1)
+            PEM_do_header(&info, der.data(), &length, GivePassphrase, const_cast<ByteView*>(&passphrase)) !=
+                1)
             return mistake;
     }
     unsigned char const* pos = der.data();

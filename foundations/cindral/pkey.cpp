@@ -1,8 +1,7 @@
-#include "pkey.h"
-
 #include <openssl/params.h>
 
 #include "openssl_ptr.h"
+#include "pkey.h"
 
 namespace cindral {
 

@@ -91,7 +91,8 @@ int PrivateKey::Read(char const* path, EnterPassword& enter) {
     PemKey file;
     evp_pkey_st* key = nullptr;
     int result = file.Open(contents);
-    if (result == 0) result = file.IsEncrypted() ? ReadEncrypted(file, enter, key) : file.Read(ByteView(), key);
+    if (result == 0)
+        result = file.IsEncrypted() ? ReadEncrypted(file, enter, key) : file.Read(ByteView(), key);
     ERR_clear_error(); // a file that is no key is a result here, not an error to find later
     if (result != 0) return result;
     PkeyPtr owned(key);

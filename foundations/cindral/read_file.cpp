@@ -1,8 +1,9 @@
-#include "read_file.h"
-
-#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
+
+#include "read_file.h"
 
 namespace cindral {
 

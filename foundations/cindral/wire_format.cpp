@@ -1,9 +1,9 @@
-#include "wire_format.h"
-
 #include <cstring>
 #include <vector>
 
 #include <openssl/bn.h>
+
+#include "wire_format.h"
 
 namespace cindral {
 

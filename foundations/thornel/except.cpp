@@ -1,4 +1,5 @@
 #include <brantle/thornel/except.h>
+
 #include <brantle/thornel/text.h>
 
 Except::~Except() = default;

@@ -1,6 +1,6 @@
-#include "passwd_entry.h"
-
 #include <cerrno>
+
+#include "passwd_entry.h"
 
 void PasswdEntry::Read(uid_t user) {
     if (_texts.empty()) _texts.resize(1024);

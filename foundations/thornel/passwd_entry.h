@@ -1,10 +1,10 @@
 #ifndef BRANTLE_FOUNDATIONS_THORNEL_PASSWD_ENTRY_H
 #define BRANTLE_FOUNDATIONS_THORNEL_PASSWD_ENTRY_H
 
-#include <vector>
-
 #include <pwd.h>
 #include <sys/types.h>
+
+#include <vector>
 
 /// One user's record in the password database.
 class PasswdEntry {

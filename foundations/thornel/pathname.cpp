@@ -1,5 +1,8 @@
 #include <brantle/thornel/pathname.h>
 
+#include <glob.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -7,9 +10,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <glob.h>
-#include <unistd.h>
 
 #include <brantle/thornel/text.h>
 

@@ -1,10 +1,10 @@
 #include <brantle/thornel/text.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
 #include <system_error>
-
-#include <unistd.h>
 
 #include "passwd_entry.h"
 

@@ -3,38 +3,15 @@
 
 /// Everything that the library offers, in one header.
 
-#include <generic/autoptr>
-#include <generic/gcmp>
-#include <generic/handle>
-#include <generic/tmap>
-#include <generic/tolist>
-#include <generic/tpmap>
-#include <generic/tppqueue>
-#include <generic/tpvarr>
-#include <generic/tset>
-#include <generic/tslist>
-#include <generic/tsortedvector>
-
-#include <brantle/thornel/bnode.h>
-#include <brantle/thornel/byte_string.h>
-#include <brantle/thornel/client_socket.h>
-#include <brantle/thornel/descriptor_io.h>
-#include <brantle/thornel/except.h>
-#include <brantle/thornel/fatal.h>
-#include <brantle/thornel/file_descriptor.h>
-#include <brantle/thornel/ipstream.h>
-#include <brantle/thornel/olist.h>
-#include <brantle/thornel/pathname.h>
-#include <brantle/thornel/server_socket.h>
-#include <brantle/thornel/sock_io.h>
-#include <brantle/thornel/sock_stream.h>
-#include <brantle/thornel/split.h>
-#include <brantle/thornel/stream_buffer.h>
-#include <brantle/thornel/string_splitter.h>
-#include <brantle/thornel/string_t.h>
-#include <brantle/thornel/string_tok.h>
-#include <brantle/thornel/text.h>
-
+#include <brantle/apps/scp_session.h>
+#include <brantle/apps/ssh_cmd_session.h>
+#include <brantle/apps/ssh_interactive_session.h>
+#include <brantle/channel/ssh_channel.h>
+#include <brantle/channel/ssh_channel_mgr.h>
+#include <brantle/channel/ssh_data_stream.h>
+#include <brantle/channel/tcp_forwarding.h>
+#include <brantle/channel/window_adjust.h>
+#include <brantle/channel/x11_forwarding.h>
 #include <brantle/cindral/big_num.h>
 #include <brantle/cindral/bin_buffer.h>
 #include <brantle/cindral/block_cipher.h>
@@ -56,16 +33,14 @@
 #include <brantle/cindral/socket_buffer.h>
 #include <brantle/cindral/string_buffer.h>
 #include <brantle/cindral/tty_modes.h>
-
 #include <brantle/event/iomultiplexer.h>
 #include <brantle/event/iomultiplexer_dispatcher.h>
 #include <brantle/event/iomultiplexer_task.h>
 #include <brantle/event/locks.h>
 #include <brantle/event/timers.h>
-
-#include <brantle/trust/known_hosts.h>
-#include <brantle/trust/ssh_agent_access.h>
-
+#include <brantle/kex/dh_exchange.h>
+#include <brantle/kex/dh_gex_parameters.h>
+#include <brantle/kex/kex_type.h>
 #include <brantle/packet/auth_messages.h>
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/global_requests.h>
@@ -77,25 +52,8 @@
 #include <brantle/packet/session_requests.h>
 #include <brantle/packet/ssh_buffer.h>
 #include <brantle/packet/transport_messages.h>
-
-#include <brantle/kex/dh_exchange.h>
-#include <brantle/kex/dh_gex_parameters.h>
-#include <brantle/kex/kex_type.h>
-
-#include <brantle/channel/ssh_channel.h>
-#include <brantle/channel/ssh_channel_mgr.h>
-#include <brantle/channel/ssh_data_stream.h>
-#include <brantle/channel/tcp_forwarding.h>
-#include <brantle/channel/window_adjust.h>
-#include <brantle/channel/x11_forwarding.h>
-
 #include <brantle/session/kbd_interactive.h>
 #include <brantle/session/ssh_session.h>
-
-#include <brantle/apps/scp_session.h>
-#include <brantle/apps/ssh_cmd_session.h>
-#include <brantle/apps/ssh_interactive_session.h>
-
 #include <brantle/sftp/dir_entry.h>
 #include <brantle/sftp/sftp_block.h>
 #include <brantle/sftp/sftp_client.h>
@@ -108,5 +66,37 @@
 #include <brantle/sftp/sftp_requests.h>
 #include <brantle/sftp/sftp_status.h>
 #include <brantle/sftp/sftp_string.h>
+#include <brantle/thornel/bnode.h>
+#include <brantle/thornel/byte_string.h>
+#include <brantle/thornel/client_socket.h>
+#include <brantle/thornel/descriptor_io.h>
+#include <brantle/thornel/except.h>
+#include <brantle/thornel/fatal.h>
+#include <brantle/thornel/file_descriptor.h>
+#include <brantle/thornel/ipstream.h>
+#include <brantle/thornel/olist.h>
+#include <brantle/thornel/pathname.h>
+#include <brantle/thornel/server_socket.h>
+#include <brantle/thornel/sock_io.h>
+#include <brantle/thornel/sock_stream.h>
+#include <brantle/thornel/split.h>
+#include <brantle/thornel/stream_buffer.h>
+#include <brantle/thornel/string_splitter.h>
+#include <brantle/thornel/string_t.h>
+#include <brantle/thornel/string_tok.h>
+#include <brantle/thornel/text.h>
+#include <brantle/trust/known_hosts.h>
+#include <brantle/trust/ssh_agent_access.h>
+#include <generic/autoptr>
+#include <generic/gcmp>
+#include <generic/handle>
+#include <generic/tmap>
+#include <generic/tolist>
+#include <generic/tpmap>
+#include <generic/tppqueue>
+#include <generic/tpvarr>
+#include <generic/tset>
+#include <generic/tslist>
+#include <generic/tsortedvector>
 
 #endif

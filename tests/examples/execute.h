@@ -3,14 +3,14 @@
 
 // How the example programs are run: as a user does, by a command line.
 
+#include <sys/wait.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <ostream>
 #include <string>
-
-#include <sys/wait.h>
 
 #include <gmock/gmock.h>
 

@@ -1,12 +1,12 @@
 // The SFTP examples as a user runs them: against OpenSSH's sftp-server, and against a server that means ill.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
-
-#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 

@@ -1,5 +1,8 @@
 // That 1 GiB arrives whole, in both directions, in memory that does not grow with it.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -8,11 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <openssl/evp.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include "support/client/forwarding_client.h"
 #include "support/servers/python_servers.h"

@@ -1,5 +1,8 @@
 // TCP connections forwarded through real servers, with real services after them.
 
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -9,9 +12,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include <poll.h>
-#include <sys/socket.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

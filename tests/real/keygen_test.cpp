@@ -8,10 +8,9 @@
 #include <string>
 #include <vector>
 
-#include <openssl/evp.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include <brantle/cindral/enter_password.h>
 #include <brantle/cindral/private_key.h>

@@ -1,12 +1,12 @@
 // Files to and from the scp programs of other makers, compared on the server's own disk.
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
-
-#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -67,7 +67,7 @@ TOList<String_t> Names() {
 void ExpectFiles(support::TemporaryDirectory const& directory) {
     for (File const& file : files) {
         std::string const path = directory / file.name;
-        struct stat status {};
+        struct stat status{};
         ASSERT_EQ(stat(path.c_str(), &status), 0) << path;
         EXPECT_EQ(status.st_mode & 07777, file.mode) << path;
         EXPECT_TRUE(servers::ReadFile(path) == Pattern(file.size)) << path;

@@ -1,6 +1,11 @@
 // That the servers and the agent which the suite starts do what other tests rely on, with OpenSSH's
 // own client on the other side.
 
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
@@ -9,11 +14,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <pwd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

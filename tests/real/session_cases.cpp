@@ -1,18 +1,17 @@
-#include "real/session_cases.h"
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "real/session_cases.h"
 #include "support/servers/test_keys.h"
 
 using client::Report;
@@ -93,7 +92,8 @@ void ExpectEncryptedKeyLogins(Peer const& peer) {
         for (std::string const format : {".encrypted", ".openssh.encrypted"}) {
             SCOPED_TRACE(key + format);
             SessionClient client(peer.server);
-            client.WithKey(key + format, servers::KEY_PASSPHRASE).ReadingUnsolicited(peer.unsolicitedAfterKey);
+            client.WithKey(key + format, servers::KEY_PASSPHRASE)
+                .ReadingUnsolicited(peer.unsolicitedAfterKey);
             ExpectWelcome(client);
         }
 }

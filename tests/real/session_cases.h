@@ -13,8 +13,8 @@ struct Peer {
     servers::RealServer const& server;
     unsigned int unsolicitedAfterKey = 0;  ///< packets that it sends of its own after a login with a key
     unsigned int unsolicitedOtherwise = 0; ///< and with any other method
-    std::string banner{};              ///< what it says before a login
-    std::string lastWords{};           ///< what a command ends with, for its output to come out whole
+    std::string banner{};                  ///< what it says before a login
+    std::string lastWords{};               ///< what a command ends with, for its output to come out whole
 };
 
 /// `openUser` is the name that the method none lets in.

@@ -1,4 +1,5 @@
-#include "real/sftp_cases.h"
+#include <grp.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -6,12 +7,10 @@
 #include <set>
 #include <sstream>
 
-#include <grp.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "real/sftp_cases.h"
 #include "real/sftp_visit.h"
 #include "support/expect_error.h"
 
@@ -86,8 +85,7 @@ void ExpectCdFollowsTheServer(SftpPeer const& peer) {
     EXPECT_EQ(visit.Cd(visit.status, ".."), 0);
     EXPECT_EQ(visit.RemoteDir().Text() + std::string("/"), visit.There(""));
 
-    ExpectRefused(
-        visit, peer.missing, [&] { return visit.Cd(visit.status, "no/such"); }, "Cd");
+    ExpectRefused(visit, peer.missing, [&] { return visit.Cd(visit.status, "no/such"); }, "Cd");
     EXPECT_EQ(visit.RemoteDir().Text() + std::string("/"), visit.There(""));
 }
 
@@ -226,8 +224,7 @@ void ExpectOwnerGivenAwayByRootAlone(SftpPeer const& peer) {
     uid_t const other = peer.uid + 1;
     if (peer.uid != 0) {
         Refusal const denied{3, "Permission denied"};
-        ExpectRefused(
-            visit, denied, [&] { return visit.Chown(visit.status, "one", other); }, "Chown");
+        ExpectRefused(visit, denied, [&] { return visit.Chown(visit.status, "one", other); }, "Chown");
         ExpectRefused(
             visit, denied, [&] { return visit.Chown(visit.status, "a*", other); }, "Chown of a pattern");
         for (char const* name : {"one", "a1", "a2"})
@@ -285,10 +282,10 @@ void ExpectOwnersChangedWithoutExtensionAlone(SftpPeer const& peer) {
     }
     using Call = std::function<int(Visit&, SftpFileHandle const&)>;
     for (Call const &call : {
-             Call([&](Visit&v, SftpFileHandle const&) { return v.Chown(v.status, "file", peer.uid); }),
-             Call([&](Visit&v, SftpFileHandle const&) { return v.Chgrp(v.status, "f*", peer.gid); }),
-             Call([&](Visit&v, SftpFileHandle const&h) { return v.Fchown(v.status, h, peer.uid); }),
-             Call([&](Visit&v, SftpFileHandle const&h) { return v.Fchgrp(v.status, h, peer.gid); }),
+             Call([&](Visit& v, SftpFileHandle const&) { return v.Chown(v.status, "file", peer.uid); }),
+             Call([&](Visit& v, SftpFileHandle const&) { return v.Chgrp(v.status, "f*", peer.gid); }),
+             Call([&](Visit& v, SftpFileHandle const& h) { return v.Fchown(v.status, h, peer.uid); }),
+             Call([&](Visit& v, SftpFileHandle const& h) { return v.Fchgrp(v.status, h, peer.gid); }),
          }) {
         Visit visit(peer);
         visit.MakeThere("file", "content", 0640);
@@ -429,13 +426,10 @@ void ExpectOtherRefusals(SftpPeer const& peer) {
     visit.MakeDirectoryThere("sub");
     visit.MakeThere("sub/file", "content", 0640);
     SftpStatus& status = visit.status;
-    ExpectRefused(
-        visit, peer.exists, [&] { return visit.Mkdir(status, "sub", 0700); }, "Mkdir");
-    ExpectRefused(
-        visit, peer.notEmpty, [&] { return visit.Rmdir(status, "sub"); }, "Rmdir");
+    ExpectRefused(visit, peer.exists, [&] { return visit.Mkdir(status, "sub", 0700); }, "Mkdir");
+    ExpectRefused(visit, peer.notEmpty, [&] { return visit.Rmdir(status, "sub"); }, "Rmdir");
     String_t target;
-    ExpectRefused(
-        visit, peer.noLink, [&] { return visit.Readlink(status, "sub/file", target); }, "Readlink");
+    ExpectRefused(visit, peer.noLink, [&] { return visit.Readlink(status, "sub/file", target); }, "Readlink");
 
     SftpFileHandle const none(ByteString(reinterpret_cast<unsigned char const*>("none"), 4));
     SftpFileAttr attrs;

@@ -4,9 +4,9 @@
 // What the library does with the SFTP of every server. What became of the files is seen with system calls
 // in the server's directories, never through the library.
 
-#include <string>
-
 #include <sys/types.h>
+
+#include <string>
 
 #include "support/servers/real_server.h"
 
@@ -20,8 +20,8 @@ struct Refusal {
 struct SftpPeer {
     servers::RealServer const& server;
     unsigned int unsolicited; ///< packets that the server sends of its own after the login
-    std::string home;     ///< where a session begins
-    uid_t uid;            ///< whose the files are that it makes
+    std::string home;         ///< where a session begins
+    uid_t uid;                ///< whose the files are that it makes
     gid_t gid;
     Refusal missing;               ///< a file that does not exist
     Refusal exists;                ///< a directory to be made that does

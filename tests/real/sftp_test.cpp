@@ -1,11 +1,11 @@
 // SFTP with OpenSSH's sftp-server after three SSH servers, and with ProFTPD's own.
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <stdexcept>
 #include <string>
-
-#include <pwd.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 

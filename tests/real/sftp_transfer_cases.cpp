@@ -1,10 +1,10 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -161,10 +161,7 @@ void ExpectListsCopied(SftpPeer const& peer) {
     ExpectCopied(visit.There("up/b"), visit.Here("down/b"));
 
     ExpectRefused(
-        visit, peer.missing,
-        [&] {
-            return visit.Get(visit.status, Names({"up/a", "missing", "up/b"}), ".");
-        },
+        visit, peer.missing, [&] { return visit.Get(visit.status, Names({"up/a", "missing", "up/b"}), "."); },
         "Get");
     EXPECT_EQ(servers::ReadFile(visit.Here("missing")), "");
     EXPECT_EQ(servers::ReadFile(visit.Here("b")), "second");

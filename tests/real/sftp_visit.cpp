@@ -1,11 +1,11 @@
-#include "real/sftp_visit.h"
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
-#include <unistd.h>
+#include "real/sftp_visit.h"
 
 using namespace cindral;
 

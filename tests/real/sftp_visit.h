@@ -1,10 +1,10 @@
 #ifndef BRANTLE_TESTS_REAL_SFTP_VISIT_H
 #define BRANTLE_TESTS_REAL_SFTP_VISIT_H
 
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
-
-#include <sys/stat.h>
 
 #include <brantle/brantle.h>
 

@@ -58,7 +58,7 @@ protected:
     /// What xdpyinfo prints of the X server without any forwarding.
     static std::string Description() {
         return AfterName(servers::RunOrThrow({"xdpyinfo", "-display", _display->Display()}, {},
-                                              {"XAUTHORITY=" + _display->Authority()}));
+                                             {"XAUTHORITY=" + _display->Authority()}));
     }
     /// A command for the server: xdpyinfo that knows no cookie but one of zeros.
     static std::string WithWrongCookie() {

@@ -1,6 +1,10 @@
 // Files of more than 4 GiB over SFTP: fetched from sshd, put to the scripted peer. Every byte and offset is
 // compared, and the memory of this process may not grow while they pass.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -12,10 +16,6 @@
 #include <string>
 #include <system_error>
 #include <thread>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 

@@ -33,7 +33,7 @@ protected:
 };
 
 char const violation[] = "SshProtocolError: expected either USERAUTH_SUCCESS or USERAUTH_FAILURE or "
-                      "USERAUTH_PASSWD_CHANGEREQ packet";
+                         "USERAUTH_PASSWD_CHANGEREQ packet";
 
 } // namespace
 
@@ -59,7 +59,7 @@ TEST_F(AuthPassword, ThreeTriesAreThreeRequestsAndThreePrompts) {
     EXPECT_EQ(Login("password", RefuseRequests(3)), "-1");
     EXPECT_EQ(authenticated, 0);
     EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest("typed-1"),
-                                              PasswordRequest("typed-2")));
+                                             PasswordRequest("typed-2")));
     EXPECT_THAT(enter.questions, ElementsAre(Question(), Question(), Question()));
     EXPECT_THAT(enter.limits, ElementsAre(32u, 32u, 32u));
     EXPECT_EQ(enter._tries, 3u) << "the count is a copy";
@@ -98,7 +98,7 @@ TEST_F(AuthPassword, TypedOneEndsAtItsLengthAndAtThirtyTwoBytes) {
     enter.answers = {"", longText};
     EXPECT_EQ(Login("password", RefuseRequests(3)), "-1");
     EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), PasswordRequest(""),
-                                              PasswordRequest(longText.substr(0, 32))));
+                                             PasswordRequest(longText.substr(0, 32))));
 }
 
 TEST_F(AuthPassword, GivenOneHasNoLimit) {

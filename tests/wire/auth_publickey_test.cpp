@@ -3,9 +3,8 @@
 #include <cerrno>
 #include <memory>
 
-#include <openssl/pem.h>
-
 #include <gmock/gmock.h>
+#include <openssl/pem.h>
 
 #include <brantle/cindral/private_key.h>
 

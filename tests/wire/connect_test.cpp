@@ -1,15 +1,15 @@
 // The TCP side of a session's set-up and what is left of it on the way out.
 
-#include <cerrno>
-#include <future>
-#include <memory>
-#include <vector>
-
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <future>
+#include <memory>
+#include <vector>
 
 #include "wire/test_session.h"
 

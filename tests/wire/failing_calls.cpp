@@ -1,11 +1,11 @@
-#include "wire/failing_calls.h"
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <poll.h>
 
 #include <atomic>
 #include <cerrno>
 
-#include <arpa/inet.h>
-#include <dlfcn.h>
-#include <poll.h>
+#include "wire/failing_calls.h"
 
 namespace {
 

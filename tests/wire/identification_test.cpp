@@ -1,10 +1,10 @@
 // The exchange of identification lines, RFC 4253 section 4.2, as this client does it.
 
-#include <cerrno>
-
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "wire/test_session.h"
 

@@ -1,6 +1,10 @@
 #ifndef TESTS_WIRE_LOCAL_DIRECTORY_H
 #define TESTS_WIRE_LOCAL_DIRECTORY_H
 
+#include <sys/fsuid.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -9,10 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
-
-#include <sys/fsuid.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <brantle/thornel/string_t.h>
 
@@ -45,7 +45,7 @@ public:
         return std::filesystem::symlink_status(*this / name).type() != std::filesystem::file_type::not_found;
     }
     mode_t ModeOf(std::string const& name) const {
-        struct stat file {};
+        struct stat file{};
         if (stat((*this / name).c_str(), &file) != 0) throw std::runtime_error("stat of " + name);
         return file.st_mode & 07777;
     }

@@ -1,13 +1,13 @@
 // Local descriptors of the loop: standard input, forwarded connections, the window counts, and a program's
 // own descriptors.
 
-#include <algorithm>
-
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+
+#include <algorithm>
 
 #include <brantle/thornel/file_descriptor.h>
 

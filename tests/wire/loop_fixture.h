@@ -1,14 +1,14 @@
 #ifndef TESTS_WIRE_LOOP_FIXTURE_H
 #define TESTS_WIRE_LOOP_FIXTURE_H
 
+#include <fcntl.h>
+#include <sys/resource.h>
+
 #include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/resource.h>
 
 #include <gmock/gmock.h>
 

@@ -1,18 +1,18 @@
 // The scripted peer is checked against the OpenSSH client, so that its key exchange, packets and
 // signatures are known to be right before the library is measured by it.
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <memory>
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
 
 #include <gtest/gtest.h>
 
@@ -292,7 +292,9 @@ TEST(PeerFaults, FlipChangesOneByte) {
 
 TEST(PeerScripts, FailureReachesTheTest) {
     ScriptedPeer server([](Connection& c) { c.ReadLine(); });
-    { RawClient client(server.Port()); }
+    {
+        RawClient client(server.Port());
+    }
     EXPECT_THROW(server.Finish(), Closed);
     EXPECT_FALSE(server.RanToItsEnd());
     EXPECT_NE(server.Error(), "");

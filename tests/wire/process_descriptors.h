@@ -1,6 +1,9 @@
 #ifndef TESTS_WIRE_PROCESS_DESCRIPTORS_H
 #define TESTS_WIRE_PROCESS_DESCRIPTORS_H
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -8,9 +11,6 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
-
-#include <sys/mman.h>
-#include <unistd.h>
 
 inline int Checked(int result, char const* call) {
     if (result < 0) throw std::runtime_error(call);

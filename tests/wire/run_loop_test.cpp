@@ -168,7 +168,8 @@ TEST_F(RunLoop, PacketWhoseMacCanNotBeReadCountsAsNumberZero) {
 TEST_F(RunLoop, RunMayBeCalledAgainAfterAnException) {
     EXPECT_EQ(Receive({Writer().U8(CHANNEL_EOF).U32(0).U8(0), Data("next"), ExitStatus(0)}, {},
                       [](LoopSession& session) {
-                          // What was read with the violation is buffered: it waits for the socket's next turn.
+                          // What was read with the violation is buffered: it waits for the socket's next
+                          // turn.
                           if (session.Dispatch(session.Fd()) != 0) throw std::runtime_error("not ended");
                           if (session.Run() != -1) throw std::runtime_error("not stopped");
                       }),

@@ -1,6 +1,8 @@
 #ifndef TESTS_WIRE_SCP_FIXTURE_H
 #define TESTS_WIRE_SCP_FIXTURE_H
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -12,8 +14,6 @@
 #include <string_view>
 #include <system_error>
 #include <vector>
-
-#include <sys/stat.h>
 
 #include <brantle/apps/scp_session.h>
 
@@ -174,7 +174,7 @@ protected:
         return text;
     }
     mode_t ModeOf(std::string const& name) const {
-        struct stat status {};
+        struct stat status{};
         EXPECT_EQ(stat(Path(name).c_str(), &status), 0);
         return status.st_mode & 07777;
     }

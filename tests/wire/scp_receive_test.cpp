@@ -1,9 +1,9 @@
 // Files from the server, through the remote scp -f.
 
+#include <poll.h>
+
 #include <cerrno>
 #include <chrono>
-
-#include <poll.h>
 
 #include "wire/scp_fixture.h"
 
@@ -140,16 +140,15 @@ TEST_F(ScpReceive, LinesThatAnnounceNoFileAreDropped) {
 }
 
 TEST_F(ScpReceive, FilesInsideARecursiveSourcesDirectoryComeAsIfThereWereNone) {
-    EXPECT_EQ(Run(
-                  [](RemoteScp& remote) {
-                      remote.TakeCommand();
-                      remote.GiveFile("D0755 0 sub\nC0644 1 a\n", "1");
-                      remote.GiveFile("E\nC0644 1 b\n", "2");
-                  },
-                  [&](ScpClient& session) {
-                      return session.ReceiveFiles("", Directory(), List({"a", "b"}));
-                  }),
-              "2");
+    EXPECT_EQ(
+        Run(
+            [](RemoteScp& remote) {
+                remote.TakeCommand();
+                remote.GiveFile("D0755 0 sub\nC0644 1 a\n", "1");
+                remote.GiveFile("E\nC0644 1 b\n", "2");
+            },
+            [&](ScpClient& session) { return session.ReceiveFiles("", Directory(), List({"a", "b"})); }),
+        "2");
     EXPECT_EQ(Names(), " a b");
 }
 
@@ -287,17 +286,16 @@ TEST_F(ScpReceive, FileThatCannotBeMadeIsMinusErrno) {
 
 TEST_F(ScpReceive, NegativeResultEndsTheList) {
     std::filesystem::create_directory(Path("b"));
-    EXPECT_EQ(Run(
-                  [](RemoteScp& remote) {
-                      remote.TakeCommand();
-                      remote.GiveFile("C0644 1 a\n", "1");
-                      remote.ExpectAcknowledgement();
-                      remote.Send("C0644 1 b\n");
-                  },
-                  [&](ScpClient& session) {
-                      return session.ReceiveFiles("", Directory(), List({"a", "b", "c"}));
-                  }),
-              std::to_string(-EISDIR));
+    EXPECT_EQ(
+        Run(
+            [](RemoteScp& remote) {
+                remote.TakeCommand();
+                remote.GiveFile("C0644 1 a\n", "1");
+                remote.ExpectAcknowledgement();
+                remote.Send("C0644 1 b\n");
+            },
+            [&](ScpClient& session) { return session.ReceiveFiles("", Directory(), List({"a", "b", "c"})); }),
+        std::to_string(-EISDIR));
     EXPECT_EQ(Names(), " a b");
 }
 

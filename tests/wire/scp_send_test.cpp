@@ -1,10 +1,10 @@
 // Files to the server, through the remote scp -t.
 
-#include <cerrno>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "wire/scp_fixture.h"
 
@@ -146,16 +146,15 @@ TEST_F(ScpSend, FilesGoInTurnAndAreCounted) {
     Store("a", "1", 0600);
     Store("b", "22", 0640);
     Store("c", "");
-    EXPECT_EQ(Run(
-                  [](RemoteScp& remote) {
-                      remote.TakeCommand();
-                      remote.Acknowledge();
-                      for (std::size_t size : {1u, 2u, 0u}) remote.TakeFile(size);
-                  },
-                  [&](ScpClient& session) {
-                      return session.SendFiles(Directory(), "t", List({"a", "b", "c"}));
-                  }),
-              "3");
+    EXPECT_EQ(
+        Run(
+            [](RemoteScp& remote) {
+                remote.TakeCommand();
+                remote.Acknowledge();
+                for (std::size_t size : {1u, 2u, 0u}) remote.TakeFile(size);
+            },
+            [&](ScpClient& session) { return session.SendFiles(Directory(), "t", List({"a", "b", "c"})); }),
+        "3");
     EXPECT_THAT(SentForFile(), ElementsAre(Data("C0600 1 a\n"), Data("1" + nothing), Data("C0640 2 b\n"),
                                            Data("22" + nothing), Data("C0644 0 c\n"), Null(), Data("E\n")));
 }
@@ -209,7 +208,7 @@ TEST_F(ScpSend, FileThatCannotBeOpenedIsMinusErrnoAndEndsTheList) {
 TEST_F(ScpSend, FileThatCannotBeReadIsShorterThanAnnounced) {
     std::filesystem::create_directory(Path("sub"));
     chmod(Path("sub").c_str(), 0755);
-    struct stat status {};
+    struct stat status{};
     ASSERT_EQ(stat(Path("sub").c_str(), &status), 0);
     std::string const size = std::to_string(status.st_size);
     EXPECT_EQ(Send("sub", [](RemoteScp& remote) { remote.TakeFile(0); }), "0");

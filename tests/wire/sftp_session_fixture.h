@@ -314,7 +314,7 @@ protected:
     /// conversation. `tail` is what the client says all the same after that exchange. What closes a file in
     /// passing is passed over.
     void ExpectViolations(sftp::Dialogue const& dialogue, Call const& call,
-                        std::function<sftp::Dialogue(std::size_t)> const& tail = {}) {
+                          std::function<sftp::Dialogue(std::size_t)> const& tail = {}) {
         std::string const expected = Run(dialogue, call);
         for (std::size_t i = 0; i < dialogue.size(); ++i) {
             unsigned const request = dialogue[i].request.Type();

@@ -1,10 +1,10 @@
 // SftpClientSession: how remote patterns are expanded.
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <functional>
 #include <stdexcept>
-
-#include <pthread.h>
 
 #include "wire/sftp_session_fixture.h"
 

@@ -30,69 +30,36 @@ void PrintTo(Operation const& operation, std::ostream* out) { *out << operation.
 
 std::vector<Operation> PathOperations() {
     return {
-        {"Mkdir",
-         [](auto& path) {
-             return Dialogue{{Mkdir(path, Mode(01750)), Done()}};
-         },
+        {"Mkdir", [](auto& path) { return Dialogue{{Mkdir(path, Mode(01750)), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Mkdir(status, path, 01750); }},
-        {"Rmdir",
-         [](auto& path) {
-             return Dialogue{{Rmdir(path), Done()}};
-         },
+        {"Rmdir", [](auto& path) { return Dialogue{{Rmdir(path), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Rmdir(status, path); }},
-        {"Remove",
-         [](auto& path) {
-             return Dialogue{{Remove(path), Done()}};
-         },
+        {"Remove", [](auto& path) { return Dialogue{{Remove(path), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Remove(status, path); }},
-        {"RenameFrom",
-         [](auto& path) {
-             return Dialogue{{Rename(path, "/home/u/to"), Done()}};
-         },
+        {"RenameFrom", [](auto& path) { return Dialogue{{Rename(path, "/home/u/to"), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Rename(status, path, "to"); }},
-        {"RenameTo",
-         [](auto& path) {
-             return Dialogue{{Rename("/home/u/from", path), Done()}};
-         },
+        {"RenameTo", [](auto& path) { return Dialogue{{Rename("/home/u/from", path), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Rename(status, "from", path); }},
-        {"SymlinkFirst",
-         [](auto& path) {
-             return Dialogue{{Symlink(path, "/home/u/second"), Done()}};
-         },
+        {"SymlinkFirst", [](auto& path) { return Dialogue{{Symlink(path, "/home/u/second"), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Symlink(status, path, "second"); }},
-        {"SymlinkSecond",
-         [](auto& path) {
-             return Dialogue{{Symlink("/home/u/first", path), Done()}};
-         },
+        {"SymlinkSecond", [](auto& path) { return Dialogue{{Symlink("/home/u/first", path), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Symlink(status, "first", path); }},
-        {"Readlink",
-         [](auto& path) {
-             return Dialogue{{Readlink(path), Names({"target"})}};
-         },
+        {"Readlink", [](auto& path) { return Dialogue{{Readlink(path), Names({"target"})}}; },
          [](auto& session, auto& status, auto path) {
              String_t result;
              return session.Readlink(status, path, result);
          }},
-        {"Stat",
-         [](auto& path) {
-             return Dialogue{{Stat(path), Attrs(AllAttrs(1, 2, 3, 4))}};
-         },
+        {"Stat", [](auto& path) { return Dialogue{{Stat(path), Attrs(AllAttrs(1, 2, 3, 4))}}; },
          [](auto& session, auto& status, auto path) {
              SftpFileAttr attrs;
              return session.Stat(status, path, attrs);
          }},
-        {"Lstat",
-         [](auto& path) {
-             return Dialogue{{Lstat(path), Attrs(AllAttrs(1, 2, 3, 4))}};
-         },
+        {"Lstat", [](auto& path) { return Dialogue{{Lstat(path), Attrs(AllAttrs(1, 2, 3, 4))}}; },
          [](auto& session, auto& status, auto path) {
              SftpFileAttr attrs;
              return session.Lstat(status, path, attrs);
          }},
-        {"Chmod",
-         [](auto& path) {
-             return Dialogue{{SetStat(path, Mode(04711)), Done()}};
-         },
+        {"Chmod", [](auto& path) { return Dialogue{{SetStat(path, Mode(04711)), Done()}}; },
          [](auto& session, auto& status, auto path) { return session.Chmod(status, path, 04711); }},
         {"Chown",
          [](auto& path) {
@@ -112,18 +79,12 @@ std::vector<Operation> PathOperations() {
 /// They have no name to send.
 std::vector<Operation> HandleOperations() {
     return {
-        {"Fstat",
-         [](auto&) {
-             return Dialogue{{Fstat("hdl"), Attrs(AllAttrs(1, 2, 3, 4))}};
-         },
+        {"Fstat", [](auto&) { return Dialogue{{Fstat("hdl"), Attrs(AllAttrs(1, 2, 3, 4))}}; },
          [](auto& session, auto& status, auto) {
              SftpFileAttr attrs;
              return session.Fstat(status, SomeHandle(), attrs);
          }},
-        {"Fchmod",
-         [](auto&) {
-             return Dialogue{{SetFstat("hdl", Mode(0600)), Done()}};
-         },
+        {"Fchmod", [](auto&) { return Dialogue{{SetFstat("hdl", Mode(0600)), Done()}}; },
          [](auto& session, auto& status, auto) { return session.Fchmod(status, SomeHandle(), 0600); }},
         {"Fchown",
          [](auto&) {

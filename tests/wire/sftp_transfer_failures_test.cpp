@@ -1,10 +1,10 @@
 // SftpClientSession: transfers that the server refuses and such as fail on this side.
 
+#include <sys/mman.h>
+
 #include <cerrno>
 #include <climits>
 #include <csignal>
-
-#include <sys/mman.h>
 
 #include "support/descriptors.h"
 #include "wire/sftp_transfer_fixture.h"

@@ -1,11 +1,11 @@
 #ifndef TESTS_WIRE_SFTP_TRANSFER_FIXTURE_H
 #define TESTS_WIRE_SFTP_TRANSFER_FIXTURE_H
 
+#include <fcntl.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
-
-#include <fcntl.h>
 
 #include <brantle/thornel/file_descriptor.h>
 

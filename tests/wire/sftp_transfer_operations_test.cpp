@@ -101,7 +101,7 @@ TEST_F(SftpTransferOperations, CatWritesToDescriptor1) {
                        }),
               "0");
     EXPECT_EQ(output.Text(), "text");
-    struct stat file {};
+    struct stat file{};
     fstat(output.Fd(), &file);
     EXPECT_EQ(file.st_mode & 07777, 0640u);
 }
@@ -212,11 +212,10 @@ TEST_F(SftpTransferOperations, ListGetWithoutADirectoryGoesToTheCurrentOne) {
 }
 
 TEST_F(SftpTransferOperations, ListGetEndsAtALocalFailure) {
-    EXPECT_EQ(Transfer({},
-                       [this](SftpProgram& session) {
-                           return session.Get(status, List({"a", "b"}), "missing");
-                       }),
-              std::to_string(-ENOENT));
+    EXPECT_EQ(
+        Transfer({},
+                 [this](SftpProgram& session) { return session.Get(status, List({"a", "b"}), "missing"); }),
+        std::to_string(-ENOENT));
 }
 
 TEST_F(SftpTransferOperations, ListPutTakesEachUnderItsLastComponent) {
@@ -234,20 +233,18 @@ TEST_F(SftpTransferOperations, ListPutTakesEachUnderItsLastComponent) {
 TEST_F(SftpTransferOperations, ListPutEndsAtTheFirstFailure) {
     local.Store("a", "first");
     local.Store("c", "third");
-    EXPECT_EQ(Transfer(Storing("/to/a", "first"),
-                       [this](SftpProgram& session) {
-                           return session.Put(status, List({"a", "b", "c"}), "/to");
-                       }),
-              std::to_string(-ENOENT));
+    EXPECT_EQ(
+        Transfer(Storing("/to/a", "first"),
+                 [this](SftpProgram& session) { return session.Put(status, List({"a", "b", "c"}), "/to"); }),
+        std::to_string(-ENOENT));
 }
 
 TEST_F(SftpTransferOperations, ListMoveToLocalRemovesEach) {
-    EXPECT_EQ(Transfer(Fetching("/home/u/a", "first") + Removing("/home/u/a") + Fetching("/b", "second") +
-                           Removing("/b"),
-                       [this](SftpProgram& session) {
-                           return session.MoveToLocal(status, List({"a", "/b"}), "");
-                       }),
-              "2");
+    EXPECT_EQ(
+        Transfer(Fetching("/home/u/a", "first") + Removing("/home/u/a") + Fetching("/b", "second") +
+                     Removing("/b"),
+                 [this](SftpProgram& session) { return session.MoveToLocal(status, List({"a", "/b"}), ""); }),
+        "2");
     EXPECT_EQ(local.Tree(), (Tree{{"a", "644 first"}, {"b", "644 second"}}));
 }
 
@@ -285,19 +282,18 @@ TEST_F(SftpTransferOperations, ListMoveToRemoteSendsFromTheSessionAndUnlinksTher
 TEST_F(SftpTransferOperations, ListMoveToRemoteEndsAtAnUnlinkThatFails) {
     local.Store("a", "first");
     local.Store("b", "second");
-    EXPECT_EQ(TransferWith(
-                  [this](RemoteSftp& remote) {
-                      Dialogue storing = Storing("/to/a", "first");
-                      storing.pop_back();
-                      remote.Follow(storing);
-                      remote.Expect(Close("h"));
-                      std::filesystem::remove(local / "a");
-                      remote.Reply(Done());
-                  },
-                  [this](SftpProgram& session) {
-                      return session.MoveToRemote(status, List({"a", "b"}), "/to");
-                  }),
-              std::to_string(-ENOENT));
+    EXPECT_EQ(
+        TransferWith(
+            [this](RemoteSftp& remote) {
+                Dialogue storing = Storing("/to/a", "first");
+                storing.pop_back();
+                remote.Follow(storing);
+                remote.Expect(Close("h"));
+                std::filesystem::remove(local / "a");
+                remote.Reply(Done());
+            },
+            [this](SftpProgram& session) { return session.MoveToRemote(status, List({"a", "b"}), "/to"); }),
+        std::to_string(-ENOENT));
     EXPECT_EQ(local.Tree(), (Tree{{"b", "644 second"}}));
 }
 

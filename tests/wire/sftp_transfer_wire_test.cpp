@@ -234,12 +234,11 @@ TEST_F(SftpTransferWire, MPutOfAPatternThatMatchesNothingSendsNothing) {
 
 TEST_F(SftpTransferWire, ListGetEndsAtTheThirdNameThatFails) {
     local.MakeDirectory("to");
-    EXPECT_EQ(Transfer(Fetching("/home/u/a", "first") + Fetching("/home/u/b", "second") +
-                           Refusing("/home/u/c", READING),
-                       [this](SftpProgram& session) {
-                           return session.Get(status, List({"a", "b", "c", "d"}), "to");
-                       }),
-              "-1");
+    EXPECT_EQ(
+        Transfer(
+            Fetching("/home/u/a", "first") + Fetching("/home/u/b", "second") + Refusing("/home/u/c", READING),
+            [this](SftpProgram& session) { return session.Get(status, List({"a", "b", "c", "d"}), "to"); }),
+        "-1");
     EXPECT_EQ(Told(status), "3 denied en");
     EXPECT_EQ(local.Stored("to/a"), "first");
     EXPECT_EQ(local.Stored("to/b"), "second");

@@ -1,6 +1,9 @@
 #ifndef TESTS_WIRE_STANDARD_STREAMS_H
 #define TESTS_WIRE_STANDARD_STREAMS_H
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -8,9 +11,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 /// Joins descriptor 0 of the process to a prepared input and descriptor 1 to a file, as long as it lives.
 class StandardStreams {

@@ -1,6 +1,12 @@
 #ifndef TESTS_WIRE_TCP_END_H
 #define TESTS_WIRE_TCP_END_H
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -8,12 +14,6 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 namespace tcp {
 

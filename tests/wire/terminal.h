@@ -1,17 +1,17 @@
 #ifndef TESTS_WIRE_TERMINAL_H
 #define TESTS_WIRE_TERMINAL_H
 
-#include <array>
-#include <cstring>
-#include <stdexcept>
-#include <string>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <stdexcept>
+#include <string>
 
 /// A real pseudo-terminal: the test is the user in front of it.
 class Terminal {

@@ -2,12 +2,12 @@
 // time from the messages that are due and compared with the stream; random cookies and padding alone are
 // taken from it.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <numeric>
-
-#include <sys/stat.h>
 
 #include <brantle/cindral/enter_password.h>
 

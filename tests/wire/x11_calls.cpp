@@ -1,14 +1,14 @@
-#include "wire/x11_calls.h"
-
-#include <algorithm>
-#include <cerrno>
-
 #include <dlfcn.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "wire/x11_calls.h"
 
 int X11Calls::waits = 0;
 int const* X11Calls::waitResult = nullptr;

@@ -1,8 +1,8 @@
 // Connections of X clients that stand: data in both directions, and their ends.
 
-#include <thread>
-
 #include <unistd.h>
+
+#include <thread>
 
 #include "wire/x11_fixture.h"
 

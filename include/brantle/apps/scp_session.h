@@ -1,14 +1,13 @@
 #ifndef BRANTLE_APPS_SCP_SESSION_H
 #define BRANTLE_APPS_SCP_SESSION_H
 
-#include <generic/tolist>
-
 #include <brantle/channel/ssh_data_stream.h>
 #include <brantle/export.h>
 #include <brantle/session/ssh_session.h>
 #include <brantle/thornel/pathname.h>
 #include <brantle/thornel/sock_stream.h>
 #include <brantle/thornel/string_t.h>
+#include <generic/tolist>
 
 namespace cindral {
 

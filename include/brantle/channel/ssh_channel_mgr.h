@@ -1,12 +1,11 @@
 #ifndef BRANTLE_CHANNEL_SSH_CHANNEL_MGR_H
 #define BRANTLE_CHANNEL_SSH_CHANNEL_MGR_H
 
-#include <generic/gcmp>
-#include <generic/tpmap>
-
 #include <brantle/channel/ssh_channel.h>
 #include <brantle/export.h>
 #include <brantle/thornel/file_descriptor.h>
+#include <generic/gcmp>
+#include <generic/tpmap>
 
 namespace cindral {
 

@@ -3,6 +3,10 @@
 
 #include <cstdint>
 
+#include <brantle/event/iomultiplexer_dispatcher.h>
+#include <brantle/event/locks.h>
+#include <brantle/export.h>
+#include <brantle/thornel/sock_io.h>
 #include <generic/gcmp>
 #include <generic/handle>
 #include <generic/tmap>
@@ -10,11 +14,6 @@
 #include <generic/tpvarr>
 #include <generic/tslist>
 #include <generic/tsortedvector>
-
-#include <brantle/event/iomultiplexer_dispatcher.h>
-#include <brantle/event/locks.h>
-#include <brantle/export.h>
-#include <brantle/thornel/sock_io.h>
 
 /// The poll-based event core: a table from descriptor to dispatcher, the records for poll(2), the
 /// callbacks that are told of an unregistered descriptor, and a queue of timers.

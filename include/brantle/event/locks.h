@@ -1,9 +1,9 @@
 #ifndef BRANTLE_EVENT_LOCKS_H
 #define BRANTLE_EVENT_LOCKS_H
 
-#include <cstdint>
-
 #include <pthread.h>
+
+#include <cstdint>
 
 #include <brantle/export.h>
 

@@ -1,11 +1,10 @@
 #ifndef BRANTLE_SESSION_KBD_INTERACTIVE_H
 #define BRANTLE_SESSION_KBD_INTERACTIVE_H
 
-#include <generic/tolist>
-
 #include <brantle/export.h>
 #include <brantle/packet/auth_messages.h>
 #include <brantle/thornel/string_t.h>
+#include <generic/tolist>
 
 namespace cindral {
 

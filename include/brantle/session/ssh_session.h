@@ -1,10 +1,6 @@
 #ifndef BRANTLE_SESSION_SSH_SESSION_H
 #define BRANTLE_SESSION_SSH_SESSION_H
 
-#include <generic/autoptr>
-#include <generic/gcmp>
-#include <generic/tmap>
-
 #include <brantle/channel/ssh_channel_mgr.h>
 #include <brantle/cindral/big_num.h>
 #include <brantle/cindral/block_cipher.h>
@@ -28,6 +24,9 @@
 #include <brantle/thornel/client_socket.h>
 #include <brantle/thornel/file_descriptor.h>
 #include <brantle/thornel/string_t.h>
+#include <generic/autoptr>
+#include <generic/gcmp>
+#include <generic/tmap>
 
 namespace cindral {
 
@@ -262,7 +261,8 @@ protected:
 
     // User authentication
     void InitiateAuthentication();
-    int AuthKey(String_t const& identity, String_t const& user, String_t const& password, EnterPassword& enter);
+    int AuthKey(String_t const& identity, String_t const& user, String_t const& password,
+                EnterPassword& enter);
     int AuthPasswd(String_t const& user, String_t password, EnterPassword& enter);
     int AuthInteractive(String_t const& user, String_t const& submethods, KbdInteractiveCallback& callback);
     int SignAuthData(PublicKey const& key, String_t const& identity, String_t const& user,

@@ -89,10 +89,10 @@ public:
 
     /// Whether a name is a pattern: whether one of "*?[" is in it.
     static bool IsWildcardPath(String_t const& path);
-    /// Finds the files that match a pattern, in the server's order, and puts them in place of what `names` has.
-    /// Only a directory that has the very name of the pattern is appended to it. A relative pattern is taken
-    /// against the directory that the server does. Returns how many `names` there are then. The status is never
-    /// written.
+    /// Finds the files that match a pattern, in the server's order, and puts them in place of what `names`
+    /// has. Only a directory that has the very name of the pattern is appended to it. A relative pattern is
+    /// taken against the directory that the server does. Returns how many `names` there are then. The status
+    /// is never written.
     int Glob(SftpStatus& status, TOList<String_t>& names, Pathname path);
     /// Finds the files that match the pattern `rest` below the pattern `path`, or `path` itself if `rest` is
     /// empty. A component with wildcards is one that can't be opened as a directory. Returns the number of

@@ -62,7 +62,8 @@ class BRANTLE_API SftpPacketWrite : public SftpPacket {
 public:
     SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, ByteString const& data);
     /// The bytes must stay until the message is encoded; `_data` is empty.
-    SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, SftpDataView const& data);
+    SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset,
+                    SftpDataView const& data);
     explicit SftpPacketWrite(ByteString const& payload);
     ByteString Payload() override;
 

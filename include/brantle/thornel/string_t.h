@@ -67,7 +67,8 @@ public:
 
     /// Reads up to a delimiter, which is consumed and not stored, and replaces the target's text.
     ///
-    /// \param in          the stream; eofbit at the end of input, and failbit if nothing was read there; badbit
+    /// \param in          the stream; eofbit at the end of input, and failbit if nothing was read there;
+    /// badbit
     ///                    where its buffer fails, as a directory's does, which opens like a file
     /// \param target      takes the text
     /// \param delimiters  each of its characters ends the text

@@ -3,13 +3,12 @@
 
 #include <istream>
 
-#include <generic/gcmp>
-#include <generic/tmap>
-
 #include <brantle/cindral/public_key.h>
 #include <brantle/event/locks.h>
 #include <brantle/export.h>
 #include <brantle/thornel/string_t.h>
+#include <generic/gcmp>
+#include <generic/tmap>
 
 namespace cindral {
 

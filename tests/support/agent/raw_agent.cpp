@@ -1,13 +1,13 @@
-#include "support/agent/raw_agent.h"
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <stdexcept>
 #include <utility>
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "support/agent/raw_agent.h"
 
 namespace support {
 

@@ -1,6 +1,6 @@
-#include "support/agent/scripted_agent.h"
-
 #include <cstdlib>
+
+#include "support/agent/scripted_agent.h"
 
 namespace peer {
 

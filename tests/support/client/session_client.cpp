@@ -1,11 +1,11 @@
-#include "support/client/session_client.h"
-
 #include <chrono>
 #include <filesystem>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "support/client/session_client.h"
 
 namespace client {
 

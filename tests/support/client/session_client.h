@@ -50,7 +50,9 @@ public:
     /// Asking for a password on the terminal when the first try, with an empty one, has failed.
     SessionClient& AskingForAPassword() { return Set("tries", "2").Set("ask", "yes"); }
     /// Reads that many packets between the login and the channel.
-    SessionClient& ReadingUnsolicited(unsigned int packets) { return Set("unsolicited", std::to_string(packets)); }
+    SessionClient& ReadingUnsolicited(unsigned int packets) {
+        return Set("unsolicited", std::to_string(packets));
+    }
 
     /// Forwarding X11 to that display.
     SessionClient& WithDisplay(std::string const& display) { return Set("display", display); }

@@ -13,16 +13,16 @@
 //     action=login|open|command|shell|forward   how far to go; "forward" goes on until SIGTERM
 //     command=TEXT
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <string>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <unistd.h>
 
 #include <brantle/brantle.h>
 
@@ -198,8 +198,7 @@ bool LogIn(cindral::SshSession& session, Options& options, Report& report) {
 
 void Use(cindral::SshSession& session, Options& options, Report& report) {
     if (!LogIn(session, options, report) || options["action"] == "login") return;
-    if (!options["display"].empty())
-        report("x11", session.StartX11Forwarding(0, Text(options, "display")));
+    if (!options["display"].empty()) report("x11", session.StartX11Forwarding(0, Text(options, "display")));
     if (options["action"] == "open") return report("open", session.Open());
     report("peak-kib-before", PeakMemory());
     report("run", session.Run());

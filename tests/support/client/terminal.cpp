@@ -1,14 +1,14 @@
-#include "support/client/terminal.h"
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
-#include <unistd.h>
+#include "support/client/terminal.h"
 
 namespace client {
 

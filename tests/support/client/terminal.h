@@ -1,9 +1,9 @@
 #ifndef BRANTLE_TESTS_SUPPORT_CLIENT_TERMINAL_H
 #define BRANTLE_TESTS_SUPPORT_CLIENT_TERMINAL_H
 
-#include <string>
-
 #include <termios.h>
+
+#include <string>
 
 namespace client {
 

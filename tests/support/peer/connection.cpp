@@ -1,6 +1,6 @@
-#include "support/peer/connection.h"
-
 #include <algorithm>
+
+#include "support/peer/connection.h"
 
 namespace peer {
 

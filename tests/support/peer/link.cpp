@@ -1,4 +1,8 @@
-#include "support/peer/link.h"
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -6,11 +10,7 @@
 #include <cstring>
 #include <thread>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include "support/peer/link.h"
 
 namespace peer {
 

@@ -1,5 +1,3 @@
-#include "support/peer/peer_crypto.h"
-
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -12,6 +10,8 @@
 #include <openssl/hmac.h>
 #include <openssl/param_build.h>
 #include <openssl/pem.h>
+
+#include "support/peer/peer_crypto.h"
 
 namespace peer {
 

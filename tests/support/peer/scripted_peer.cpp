@@ -1,16 +1,16 @@
-#include "support/peer/scripted_peer.h"
-
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <set>
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "support/peer/scripted_peer.h"
 
 namespace peer {
 

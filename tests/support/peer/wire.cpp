@@ -1,6 +1,6 @@
-#include "support/peer/wire.h"
-
 #include <algorithm>
+
+#include "support/peer/wire.h"
 
 namespace peer {
 

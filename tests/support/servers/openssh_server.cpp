@@ -1,4 +1,6 @@
-#include "support/servers/openssh_server.h"
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -8,9 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "support/servers/openssh_server.h"
 
 namespace servers {
 

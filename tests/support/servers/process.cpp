@@ -1,4 +1,8 @@
-#include "support/servers/process.h"
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -10,11 +14,7 @@
 #include <system_error>
 #include <thread>
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "support/servers/process.h"
 
 namespace servers {
 

@@ -1,10 +1,10 @@
 #ifndef BRANTLE_TESTS_SUPPORT_SERVERS_PROCESS_H
 #define BRANTLE_TESTS_SUPPORT_SERVERS_PROCESS_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
-
-#include <sys/types.h>
 
 #include "support/temporary_directory.h"
 

@@ -1,11 +1,11 @@
-#include "support/servers/proftpd_server.h"
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
 
-#include <grp.h>
-#include <pwd.h>
-#include <unistd.h>
+#include "support/servers/proftpd_server.h"
 
 namespace servers {
 

@@ -1,4 +1,7 @@
-#include "support/servers/real_server.h"
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -11,11 +14,7 @@
 #include <thread>
 #include <utility>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include "support/servers/real_server.h"
 #include "support/servers/test_keys.h"
 
 namespace servers {

@@ -1,8 +1,8 @@
-#include "support/servers/ssh_agent.h"
-
 #include <chrono>
 #include <stdexcept>
 #include <thread>
+
+#include "support/servers/ssh_agent.h"
 
 namespace servers {
 

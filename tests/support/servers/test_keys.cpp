@@ -1,8 +1,7 @@
-#include "support/servers/test_keys.h"
-
 #include <filesystem>
 
 #include "support/servers/process.h"
+#include "support/servers/test_keys.h"
 
 namespace servers {
 

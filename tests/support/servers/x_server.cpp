@@ -1,9 +1,9 @@
-#include "support/servers/x_server.h"
-
 #include <chrono>
 #include <random>
 #include <stdexcept>
 #include <thread>
+
+#include "support/servers/x_server.h"
 
 namespace servers {
 

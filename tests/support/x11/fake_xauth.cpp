@@ -1,8 +1,8 @@
-#include "support/x11/fake_xauth.h"
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+#include "support/x11/fake_xauth.h"
 
 namespace x11 {
 

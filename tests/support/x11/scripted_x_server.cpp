@@ -1,9 +1,3 @@
-#include "support/x11/scripted_x_server.h"
-
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -12,7 +6,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
 #include "support/peer/wire.h"
+#include "support/x11/scripted_x_server.h"
 
 namespace x11 {
 

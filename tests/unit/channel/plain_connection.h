@@ -1,14 +1,15 @@
 #ifndef TESTS_UNIT_CHANNEL_PLAIN_CONNECTION_H
 #define TESTS_UNIT_CHANNEL_PLAIN_CONNECTION_H
 
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <brantle/packet/packet_stream.h>
 

@@ -104,7 +104,8 @@ TEST_F(ChannelManager, DefaultChannelHasNothingAndSendsNothing) {
 TEST_F(ChannelManager, DataToThePeerGoesOutAsOneMessageHoweverLarge) {
     SshChannel* channel = NewTty(3);
     channel->ForwardToSshd("hello", 5);
-    EXPECT_EQ((std::vector<Bytes>{{94, 0, 0, 0, 3, 0, 0, 0, 5, 'h', 'e', 'l', 'l', 'o'}}), _connection.Sent());
+    EXPECT_EQ((std::vector<Bytes>{{94, 0, 0, 0, 3, 0, 0, 0, 5, 'h', 'e', 'l', 'l', 'o'}}),
+              _connection.Sent());
     std::string const large(100000, 'x');
     channel->ForwardToSshd(large.data(), 100000);
     auto const sent = _connection.Sent();
@@ -154,8 +155,8 @@ TEST_F(ChannelManager, ShortTerminalWriteThrows) {
 TEST_F(ChannelManager, ConnectionTakesTheDescriptorOverAndClosesIt) {
     FileDescriptor fd(dup(_output.WriteEnd()));
     int const number = fd._fd;
-    SshChannel const* channel = _manager.NewTcpConnection(4, "forwarded", WINDOW, fd, &_connection._in,
-                                                          &_connection._out);
+    SshChannel const* channel =
+        _manager.NewTcpConnection(4, "forwarded", WINDOW, fd, &_connection._in, &_connection._out);
     EXPECT_EQ(-1, fd._fd);
     EXPECT_EQ(number, channel->_fdIn);
     EXPECT_EQ(number, channel->_fdOut);

@@ -208,7 +208,9 @@ TEST_F(DataOutput, DestructionFlushes) {
         stream.Put('x');
     }
     EXPECT_EQ((std::vector<Bytes>{Data("x")}), _connection.Sent());
-    { OSshDataStream const empty(_connection._out, 0, _window); }
+    {
+        OSshDataStream const empty(_connection._out, 0, _window);
+    }
     EXPECT_TRUE(_connection.Sent().empty());
 }
 

@@ -1,10 +1,10 @@
 // The records of forwardings.
 
+#include <brantle/channel/tcp_forwarding.h>
+
 #include <fcntl.h>
 
 #include <gtest/gtest.h>
-
-#include <brantle/channel/tcp_forwarding.h>
 
 namespace {
 

@@ -1,5 +1,6 @@
-#include <brantle/channel/ssh_channel.h>
 #include <brantle/channel/window_adjust.h>
+
+#include <brantle/channel/ssh_channel.h>
 
 #include "plain_connection.h"
 

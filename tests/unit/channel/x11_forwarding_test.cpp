@@ -1,13 +1,15 @@
 // The local display of X11 forwarding: its text, what xauth tells of it, cookies, and the connection to it.
 
+#include <brantle/channel/x11_forwarding.h>
+
+#include <unistd.h>
+
 #include <cerrno>
 #include <set>
 #include <string>
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
-#include <brantle/channel/x11_forwarding.h>
 #include <brantle/thornel/file_descriptor.h>
 
 #include "support/x11/fake_xauth.h"

@@ -1,18 +1,19 @@
 #ifndef BRANTLE_TESTS_CINDRAL_CONTROLLED_TERMINAL_H
 #define BRANTLE_TESTS_CINDRAL_CONTROLLED_TERMINAL_H
 
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
-#include <functional>
 #include <poll.h>
 #include <pty.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <string>
 
 #include <gtest/gtest.h>
 

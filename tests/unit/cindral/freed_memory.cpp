@@ -1,5 +1,3 @@
-#include "freed_memory.h"
-
 #include <malloc.h>
 
 #include <algorithm>
@@ -8,6 +6,8 @@
 #include <new>
 
 #include <openssl/crypto.h>
+
+#include "freed_memory.h"
 
 namespace {
 

@@ -1,10 +1,11 @@
 #include <brantle/cindral/save_termios.h>
 
-#include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <pty.h>
 #include <unistd.h>
+
+#include <cstring>
+#include <memory>
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,9 @@
 #include <brantle/cindral/tty_modes.h>
 
-#include <map>
 #include <pty.h>
 #include <unistd.h>
+
+#include <map>
 
 #include <gtest/gtest.h>
 
@@ -32,7 +33,7 @@ Modes Decode(ByteString const& encoded) {
 
 struct Setting {
     unsigned int _opcode;
-    tcflag_t termios::*_field;
+    tcflag_t termios::* _field;
     tcflag_t _flag;
 };
 

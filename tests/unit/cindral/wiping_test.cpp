@@ -1,9 +1,9 @@
-#include <brantle/cindral/private_key.h>
-
 #include <algorithm>
 #include <string>
 
 #include <openssl/crypto.h>
+
+#include <brantle/cindral/private_key.h>
 
 #include "freed_memory.h"
 #include "key_files.h"
@@ -90,7 +90,9 @@ INSTANTIATE_TEST_SUITE_P(PrivateKey, WipedKey,
 TEST(FreedMemory, FindsASecretThatWasNotWiped) {
     std::string const secret = "a secret of some length";
     FreedMemory const freed(secret);
-    { std::string const careless(secret); }
+    {
+        std::string const careless(secret);
+    }
     OPENSSL_free(OPENSSL_strdup(secret.c_str()));
     EXPECT_EQ(freed.OfNew()._withSecret, 1u);
     EXPECT_EQ(freed.OfOpenSSL()._withSecret, 1u);

@@ -2,12 +2,12 @@
 //
 // Apart from the other tests of locks, since ThreadSanitizer reports such a mutex by itself.
 
-#include <brantle/event/locks.h>
-
 #include <cerrno>
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include <brantle/event/locks.h>
 
 namespace {
 
@@ -41,7 +41,9 @@ public:
 TEST(FailedLock, GuardEntersAllTheSameAndUnlocksNothing) {
     Mutex mutex;
     Wreck(mutex._mutex);
-    { MutexGuard guard(mutex); }
+    {
+        MutexGuard guard(mutex);
+    }
     EXPECT_EQ(mutex.Lock(), ENOTRECOVERABLE);
 }
 

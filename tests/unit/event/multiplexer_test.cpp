@@ -1,4 +1,5 @@
-#include <brantle/event/iomultiplexer.h>
+#include <poll.h>
+#include <sys/resource.h>
 
 #include <cerrno>
 #include <chrono>
@@ -11,11 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include <poll.h>
-#include <sys/resource.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <brantle/event/iomultiplexer.h>
 
 #include "pipes.h"
 

@@ -1,11 +1,11 @@
 #ifndef BRANTLE_TESTS_UNIT_EVENT_PIPES_H
 #define BRANTLE_TESTS_UNIT_EVENT_PIPES_H
 
-#include <functional>
-#include <utility>
-
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <functional>
+#include <utility>
 
 #include <gtest/gtest.h>
 

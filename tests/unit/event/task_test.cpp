@@ -1,5 +1,4 @@
-#include <brantle/event/iomultiplexer_task.h>
-#include <brantle/event/timers.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cerrno>
@@ -9,10 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include <sys/resource.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <brantle/event/iomultiplexer_task.h>
+#include <brantle/event/timers.h>
 
 #include "pipes.h"
 

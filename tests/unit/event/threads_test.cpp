@@ -1,13 +1,13 @@
 // What other threads may do while a loop runs. Worth most under ThreadSanitizer.
 
-#include <brantle/event/iomultiplexer_task.h>
-
 #include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <brantle/event/iomultiplexer_task.h>
 
 #include "pipes.h"
 

@@ -1,15 +1,15 @@
 // Due times compared with the clock, on both sides of each comparison: the clock of this program says what a
 // test has it say.
 
-#include <brantle/event/timers.h>
+#include <sys/time.h>
 
 #include <deque>
 #include <vector>
 
-#include <sys/time.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <brantle/event/timers.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;

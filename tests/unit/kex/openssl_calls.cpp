@@ -1,9 +1,9 @@
-#include "openssl_calls.h"
-
 #include <dlfcn.h>
 
 #include <openssl/bn.h>
 #include <openssl/dh.h>
+
+#include "openssl_calls.h"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -1,5 +1,3 @@
-#include "message_table.h"
-
 #include <openssl/bn.h>
 
 #include <brantle/cindral/public_key.h>
@@ -11,6 +9,7 @@
 #include <brantle/packet/session_requests.h>
 #include <brantle/packet/transport_messages.h>
 
+#include "message_table.h"
 #include "wire.h"
 
 using namespace cindral;
@@ -22,8 +21,9 @@ namespace {
 
 template <class Message>
 DecodedMessage Decoded(char const* name, char const* wrongType, Keeps keeps, std::string const& payload) {
-    return {name, wrongType, keeps, payload,
-            [](PacketDecoder& decoder) -> std::unique_ptr<Packet> { return std::make_unique<Message>(decoder); }};
+    return {name, wrongType, keeps, payload, [](PacketDecoder& decoder) -> std::unique_ptr<Packet> {
+                return std::make_unique<Message>(decoder);
+            }};
 }
 
 template <class Message, class... Arguments>

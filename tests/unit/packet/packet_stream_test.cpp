@@ -1,5 +1,8 @@
 #include <brantle/packet/packet_stream.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -7,8 +10,6 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <brantle/cindral/exceptions.h>
 #include <brantle/packet/channel_messages.h>

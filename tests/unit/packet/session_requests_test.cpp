@@ -1,11 +1,11 @@
 #include <brantle/packet/session_requests.h>
 
-#include <cstdlib>
-
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <cstdlib>
 
 #include <gtest/gtest.h>
 

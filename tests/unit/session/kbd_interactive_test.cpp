@@ -1,17 +1,17 @@
-#include <cstdlib>
-#include <iostream>
-#include <string>
-#include <vector>
+#include <brantle/session/kbd_interactive.h>
 
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <vector>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <brantle/session/kbd_interactive.h>
 
 #include "support/session/captured_streams.h"
 

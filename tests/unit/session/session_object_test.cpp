@@ -1,15 +1,15 @@
 // The session as an object: what it starts with, what it refuses and how it goes. No network.
 
-#include <cerrno>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,7 @@
-#include "message_table.h"
-
 #include <brantle/sftp/sftp_replies.h>
 #include <brantle/sftp/sftp_requests.h>
 
+#include "message_table.h"
 #include "unit/packet/wire.h"
 
 using namespace cindral;

@@ -685,7 +685,9 @@ TEST_F(SftpDirReader, ConversationBrokenWhileOpeningThrows) {
 
 TEST_F(SftpDirReader, DestructorDropsWhatCloseThrows) {
     Listing({Names({"a"}, 1), Handle(2)});
-    { Reader const reader(_client, "/d"); }
+    {
+        Reader const reader(_client, "/d");
+    }
     EXPECT_EQ(Requests().size(), 3u);
     Reply(Handle(3));
     Reply(Names({"a"}, 4));
@@ -701,7 +703,9 @@ TEST_F(SftpFileControl, ClosesItsHandleWhateverTheReply) {
     unsigned int id = 0;
     for (Writer const& reply : {Status(0, "", "", 0), Status(4, "", "", 1), Handle(2), Handle(7)}) {
         Reply(reply);
-        { SftpClient::FileControl const control(_client, SomeHandle()); }
+        {
+            SftpClient::FileControl const control(_client, SomeHandle());
+        }
         EXPECT_THAT(Requests(), ElementsAre(Head(4, id).String("hdl").Data()));
         ++id;
     }

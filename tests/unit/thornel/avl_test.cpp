@@ -1,5 +1,3 @@
-#include <brantle/thornel/bnode.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
@@ -11,6 +9,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <brantle/thornel/bnode.h>
 
 namespace {
 
@@ -160,8 +160,7 @@ TEST(AVLnode, EmptyTreeIsTakenByEveryOperation) {
     EXPECT_EQ(bnode_t::Iterator::RDown(nullptr), nullptr);
     EXPECT_EQ(bnode_t::Iterator::LUp(nullptr), nullptr);
     EXPECT_EQ(bnode_t::Iterator::RUp(nullptr), nullptr);
-    bnode_t::Inorder(
-        nullptr, [](bnode_t*, void*) { return 0; }, nullptr);
+    bnode_t::Inorder(nullptr, [](bnode_t*, void*) { return 0; }, nullptr);
 }
 
 TEST(AVLnode, InsertOfAKeyThatIsThereLeavesTheTree) {

@@ -1,8 +1,9 @@
 #include <brantle/thornel/except.h>
-#include <brantle/thornel/fatal.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <brantle/thornel/fatal.h>
 
 namespace {
 

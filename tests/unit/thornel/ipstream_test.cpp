@@ -47,7 +47,9 @@ TEST(ipstream, FailureToStartShowsInTheState) {
     EXPECT_TRUE(none.bad());
     EXPECT_EQ(none.close(), -1);
     // UndefinedBehaviorSanitizer needs descriptors where it meets a class the first time.
-    { ipstream in("true"); }
+    {
+        ipstream in("true");
+    }
     rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     rlimit few = before;
@@ -72,7 +74,9 @@ TEST(ipstream, CloseEndsTheReadingAndIsDoneOnce) {
 }
 
 TEST(ipstream, DestructorReapsTheCommand) {
-    { ipstream in("true"); }
+    {
+        ipstream in("true");
+    }
     errno = 0;
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);

@@ -1,8 +1,8 @@
-#include "largest_allocation.h"
-
 #include <atomic>
 #include <cstdlib>
 #include <new>
+
+#include "largest_allocation.h"
 
 namespace {
 

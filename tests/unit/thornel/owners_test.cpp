@@ -1,11 +1,11 @@
-#include <generic/autoptr>
-#include <generic/gcmp>
-#include <generic/handle>
-
 #include <memory>
 #include <type_traits>
 
 #include <gtest/gtest.h>
+
+#include <generic/autoptr>
+#include <generic/gcmp>
+#include <generic/handle>
 
 namespace {
 

@@ -1,13 +1,13 @@
 #include <brantle/thornel/pathname.h>
 
+#include <glob.h>
+#include <pwd.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-
-#include <glob.h>
-#include <pwd.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 

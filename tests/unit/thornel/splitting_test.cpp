@@ -1,12 +1,12 @@
-#include <brantle/thornel/split.h>
-#include <brantle/thornel/string_splitter.h>
-#include <brantle/thornel/string_tok.h>
-
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <brantle/thornel/split.h>
+#include <brantle/thornel/string_splitter.h>
+#include <brantle/thornel/string_tok.h>
 
 namespace {
 

@@ -1,9 +1,9 @@
+#include <brantle/thornel/stream_buffer.h>
+
 #include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
-
-#include <brantle/thornel/stream_buffer.h>
 
 namespace {
 

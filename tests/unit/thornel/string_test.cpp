@@ -1,14 +1,15 @@
-#include <brantle/thornel/string_t.h>
+#include <string>
 
 #include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
-#include <string>
 #include <type_traits>
 
 #include <gtest/gtest.h>
+
+#include <brantle/thornel/string_t.h>
 
 namespace {
 

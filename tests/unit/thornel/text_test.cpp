@@ -1,10 +1,10 @@
 #include <brantle/thornel/text.h>
 
-#include <climits>
-#include <string>
-
 #include <pwd.h>
 #include <unistd.h>
+
+#include <climits>
+#include <string>
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
-#include <generic/tslist>
-#include <generic/tsortedvector>
-
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <generic/tslist>
+#include <generic/tsortedvector>
 
 namespace {
 

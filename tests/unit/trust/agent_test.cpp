@@ -1,4 +1,6 @@
-#include <brantle/trust/ssh_agent_access.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -9,14 +11,11 @@
 #include <thread>
 #include <vector>
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <brantle/cindral/exceptions.h>
+#include <brantle/trust/ssh_agent_access.h>
 
 #include "support/agent/raw_agent.h"
 #include "wire_text.h"
