@@ -25,7 +25,7 @@ public:
             return String_t::Getline(_in, _text, "]") && ReadCharacter(']');
         }
         _in.putback(first);
-        if (!String_t::Getline(_in, _text, ":") || str_len(_text.Text()) == 0) return false;
+        if (!String_t::Getline(_in, _text, ":") || str_empty(_text.Text())) return false;
         _isNumber = str_toint(_text.Text(), &_number) == str_len(_text.Text());
         return true;
     }

@@ -64,8 +64,7 @@ SshChannel* SshChannelMgr::NewTcpConnection(unsigned int remoteId, String_t cons
                                             OSshPacketStream* out) {
     auto* channel = new FdChannel(_nextId, remoteId, name, windowSize, fd._fd, fd._fd, fd._fd, in, out);
     Enter(channel);
-    channel->_fd = fd._fd;
-    fd._fd = -1;
+    channel->_fd = fd.Release();
     return channel;
 }
 

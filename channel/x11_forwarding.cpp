@@ -117,7 +117,7 @@ String_t SshSession::X11Forwarding::CookieString(ByteString const& cookie) {
 }
 
 int SshSession::X11Forwarding::Connect(unsigned int timeout, int& error) {
-    if (str_len(_host.Text()) != 0 && _host != "unix") {
+    if (!str_empty(_host.Text()) && _host != "unix") {
         if (_displayNumber >= DISPLAYS) return -1;
         ClientSocketIn server(static_cast<unsigned short>(FIRST_PORT + _displayNumber), _host.Text());
         if (!server) return -1;

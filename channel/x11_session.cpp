@@ -69,7 +69,7 @@ private:
 } // namespace
 
 int SshSession::StartX11Forwarding(int singleConnection, String_t const& display) {
-    if (str_len(display.Text()) == 0 || _x11.Get()) return -1;
+    if (str_empty(display.Text()) || _x11.Get()) return -1;
     _x11.Reset(new X11Forwarding(display, singleConnection));
     return 0;
 }
@@ -114,9 +114,7 @@ int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int le
     // An X server without access control does not look at the cookie.
     message.Send(fd, _x11->_authMethod, isKnown ? real : _x11->_fakeCookie);
     RegisterChannelInput(fd, channel);
-    int const connected = fd;
-    fd._fd = -1;
-    return connected;
+    return fd.Release();
 }
 
 } // namespace cindral

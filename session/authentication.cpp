@@ -26,8 +26,6 @@ constexpr unsigned int MAX_TYPED_PASSWORD = 32;
 
 Pathname DefaultIdentity(char const* name) { return Pathname::Home().Append(".ssh").Append(name); }
 
-bool IsEmpty(String_t const& text) { return str_len(text.Text()) == 0; }
-
 /// What a server may answer to a request that carries a credential.
 enum class Verdict { SUCCESS, FAILURE, OTHER };
 
@@ -206,7 +204,7 @@ ByteString SshSession::MakeAuthData(char const* service, String_t const& user, P
 
 int SshSession::ReadPubkey(PublicKey& key, String_t const& identity) {
     if (key._rep && key._rep->Type() != KEY_NONE) return 0;
-    if (IsEmpty(identity)) {
+    if (str_empty(identity.Text())) {
         int const result = key.ReadSSH(DefaultIdentity("id_rsa.pub").Text());
         return result < 0 ? key.ReadSSH(DefaultIdentity("id_dsa.pub").Text()) : result;
     }
@@ -227,8 +225,8 @@ int SshSession::ReadIdentity(PrivateKey& privateKey, String_t const& identity, S
         enter.SetPrompt("Enter passphrase for", path);
         return privateKey.Read(path.Text(), enter);
     };
-    int result = read(IsEmpty(identity) ? DefaultIdentity("id_rsa") : identity);
-    if (result < 0 && IsEmpty(identity)) result = read(DefaultIdentity("id_dsa"));
+    int result = read(str_empty(identity.Text()) ? DefaultIdentity("id_rsa") : identity);
+    if (result < 0 && str_empty(identity.Text())) result = read(DefaultIdentity("id_dsa"));
     // It was offered for the key alone; a password prompt that follows is for the user. An override of
     // Preset is told the one secret, and no more.
     enter.EnterPassword::Preset(String_t());

@@ -6,8 +6,6 @@ namespace cindral {
 
 namespace {
 
-bool IsEmpty(String_t const& text) { return str_len(text.Text()) == 0; }
-
 Pathname Resolve(Pathname path, Pathname const& dir) { return path.Insert(dir.Text()).Collapse(); }
 
 void Replace(SftpFileAttr& attrs, unsigned int SftpFileAttr::* id, unsigned int value) {
@@ -40,15 +38,15 @@ int SftpClientSession::Start() {
 }
 
 Pathname SftpClientSession::RemotePathname(Pathname path) {
-    return path.IsAbs() || IsEmpty(_remoteDir) ? path : Resolve(path, _remoteDir);
+    return path.IsAbs() || str_empty(_remoteDir.Text()) ? path : Resolve(path, _remoteDir);
 }
 
 Pathname SftpClientSession::LocalPathname(Pathname path) {
-    return path.IsAbs() || IsEmpty(_remoteDir) ? path : Resolve(path, _localDir);
+    return path.IsAbs() || str_empty(_remoteDir.Text()) ? path : Resolve(path, _localDir);
 }
 
 int SftpClientSession::Cd(SftpStatus& status, String_t const& path) {
-    if (IsEmpty(path)) {
+    if (str_empty(path.Text())) {
         _remoteDir = _remoteHome;
         return 0;
     }
@@ -59,7 +57,7 @@ int SftpClientSession::Cd(SftpStatus& status, String_t const& path) {
 }
 
 int SftpClientSession::LCd(String_t const& path) {
-    _localDir = IsEmpty(path) ? _localHome : LocalPathname(path).Abs();
+    _localDir = str_empty(path.Text()) ? _localHome : LocalPathname(path).Abs();
     return 0;
 }
 

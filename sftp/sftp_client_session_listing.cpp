@@ -21,7 +21,7 @@ bool IsSelfOrParent(String_t const& name) { return name == "." || name == ".."; 
 bool IsHidden(String_t const& name) { return *str_text(name.Text()) == '.'; }
 
 bool Matches(String_t const& name, String_t const& pattern) {
-    return str_len(pattern.Text()) == 0 || fnmatch(pattern.Text(), str_text(name.Text()), 0) == 0;
+    return str_empty(pattern.Text()) || fnmatch(pattern.Text(), str_text(name.Text()), 0) == 0;
 }
 
 } // namespace
@@ -55,7 +55,7 @@ bool SftpClientSession::IsWildcardPath(String_t const& path) {
 }
 
 int SftpClientSession::Glob(SftpStatus& status, TOList<String_t>& names, Pathname path) {
-    if (str_len(path.Text()) == 0) path = ".";
+    if (str_empty(path.Text())) path = ".";
     bool const relative = !path.IsAbs();
     if (relative) path.Insert(".");
     int const found = GlobRec(status, names, path, String_t());
@@ -74,14 +74,14 @@ int SftpClientSession::GlobRec(SftpStatus&, TOList<String_t>& names, Pathname co
     patterns.Append(rest);
     TOList<String_t> found;
     int count = 0;
-    for (Pathname dir = path; str_len(dir.Text()) > 0; dir = dir.Dir()) {
+    for (Pathname dir = path; !str_empty(dir.Text()); dir = dir.Dir()) {
         SftpClient::DirReader reader(_client, dir);
         if (IsOpen(reader)) {
             if (patterns.Len() > 1) {
                 count = ReadDir(reader, *patterns.First(), found, dir);
                 break;
             }
-            if (str_len(rest.Text()) > 0) return ReadDir(reader, rest, names, dir);
+            if (!str_empty(rest.Text())) return ReadDir(reader, rest, names, dir);
             names.Append(dir);
             return static_cast<int>(names.Len());
         }
@@ -91,7 +91,7 @@ int SftpClientSession::GlobRec(SftpStatus&, TOList<String_t>& names, Pathname co
     while (patterns.First()) {
         String_t const pattern = patterns.Pop();
         bool const isLast = !patterns.First();
-        if (isLast && str_len(rest.Text()) == 0) {
+        if (isLast && str_empty(rest.Text())) {
             names = found;
             return static_cast<int>(names.Len());
         }

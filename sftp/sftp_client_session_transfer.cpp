@@ -120,7 +120,7 @@ int SftpClientSession::MoveToRemote(SftpStatus& status, String_t const& local, S
 /// A source that ends in no name has no place in the directory; it may not take the directory's own.
 int SftpClientSession::ReceiveInto(SftpStatus& status, String_t const& remote, Pathname const& dir) {
     String_t const leaf = Pathname(remote).Leaf(nullptr);
-    if (str_len(leaf.Text()) == 0) return -EISDIR;
+    if (str_empty(leaf.Text())) return -EISDIR;
     return Receive(status, remote, Pathname(dir).Append(leaf.Text()));
 }
 

@@ -13,8 +13,6 @@ namespace {
 
 constexpr unsigned short DEFAULT_PORT = 22;
 
-bool IsEmpty(String_t const& text) { return str_len(text.Text()) == 0; }
-
 /// The name under which a host is known.
 String_t HostKeyName(char const* host, unsigned short port) {
     char name[1024];
@@ -101,7 +99,7 @@ int KnownHosts::_IsIn(String_t const& host, unsigned short port, String_t const&
     MutexGuard guard(_mutex);
     String_t const key64 = key._rep ? key._rep->EncodeSSH64() : String_t("");
     String_t const* known = nullptr;
-    if (!IsEmpty(host)) {
+    if (!str_empty(host.Text())) {
         String_t const name = HostKeyName(host.Text(), port);
         auto const [value, isNew] = _hosts.Insert(name, key64);
         if (isNew) {
@@ -110,9 +108,9 @@ int KnownHosts::_IsIn(String_t const& host, unsigned short port, String_t const&
         }
         known = value;
     }
-    if (!IsEmpty(address)) _hosts.Insert(HostKeyName(address.Text(), port), key64);
+    if (!str_empty(address.Text())) _hosts.Insert(HostKeyName(address.Text(), port), key64);
     // An entry without a key is nobody's, not even that of a key that is not loaded.
-    return known && !IsEmpty(*known) && *known == key64.Text();
+    return known && !str_empty(known->Text()) && *known == key64.Text();
 }
 
 void KnownHosts::Append(String_t const& name, PublicKey const& key, String_t const& key64) {

@@ -105,7 +105,7 @@ ClientSocketIn::ClientSocketIn(unsigned short port, char const* host)
 }
 
 void ClientSocketIn::Resolve() {
-    if (str_len(_addr.Host().Text()) == 0) {
+    if (str_empty(_addr.Host().Text())) {
         errno = EINVAL;
         return;
     }

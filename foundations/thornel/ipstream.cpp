@@ -16,17 +16,16 @@ public:
     explicit Pipe(char const* command) : _child(-1) {
         int ends[2];
         if (!command || pipe2(ends, O_CLOEXEC) < 0) return;
-        _read._fd = ends[0];
+        _read.Reset(ends[0]);
         FileDescriptor write(ends[1]);
-        _io.Set(_read._fd);
-        Spawn(command, write._fd);
+        _io.Set(_read);
+        Spawn(command, write);
     }
 
     bool IsRunning() const { return _child >= 0; }
 
     int Close() {
-        if (_read._fd >= 0) ::close(_read._fd);
-        _read._fd = -1;
+        _read.Reset();
         _io.Set(-1);
         setg(nullptr, nullptr, nullptr);
         if (_child < 0) return -1;

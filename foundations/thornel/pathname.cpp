@@ -24,8 +24,6 @@ String_t ToString(std::string_view text) {
     return String_t(text.data(), static_cast<unsigned int>(text.size()));
 }
 
-bool IsEmpty(char const* text) { return !text || *text == '\0'; }
-
 /// A path cut in front of its last component.
 struct Cut {
     std::string_view _dir;  ///< without separators at its end, but for "/"
@@ -63,7 +61,7 @@ std::vector<std::string_view> Resolve(std::string_view path, bool absolute) {
 } // namespace
 
 Pathname Pathname::Home() {
-    if (char const* const home = std::getenv("HOME"); !IsEmpty(home)) return home;
+    if (char const* const home = std::getenv("HOME"); !str_empty(home)) return home;
     PasswdEntry entry;
     entry.Read(getuid());
     return entry.Found() ? Pathname(entry.Home()) : Pathname();
@@ -79,7 +77,7 @@ Pathname Pathname::Cwd() {
 }
 
 Pathname& Pathname::Append(char const* component) {
-    if (IsEmpty(component)) return *this;
+    if (str_empty(component)) return *this;
     std::string path(View(*this));
     if (!path.empty()) {
         if (path.back() != '/') path += '/';
@@ -89,7 +87,7 @@ Pathname& Pathname::Append(char const* component) {
 }
 
 Pathname& Pathname::Insert(char const* directory) {
-    if (IsEmpty(directory)) return *this;
+    if (str_empty(directory)) return *this;
     return *this = Pathname(directory).Append(Text());
 }
 

@@ -13,7 +13,7 @@ namespace {
 
 /// The IPv4 address of a text: numeric, a name, or all of them. False if there is none.
 bool ToAddress(String_t const& text, in_addr& address) {
-    if (str_len(text.Text()) == 0 || text == "*") {
+    if (str_empty(text.Text()) || text == "*") {
         address.s_addr = htonl(INADDR_ANY);
         return true;
     }

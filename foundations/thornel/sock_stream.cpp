@@ -216,7 +216,7 @@ int ISockStream::Fetch(char* begin, char* end) {
 }
 
 ISockStream& ISockStream::Readln(String_t& line, char const* eol) {
-    if (str_len(eol) == 0) eol = "\n";
+    if (str_empty(eol)) eol = "\n";
     std::size_t const eolLength = std::strlen(eol);
     char const last = eol[eolLength - 1];
     std::string text;

@@ -122,7 +122,7 @@ std::istream& String_t::Getline(std::istream& in, String_t& target, char const* 
 }
 
 std::ostream& operator<<(std::ostream& out, String_t const& text) {
-    if (str_len(text.Text()) > 0) out << text.Text();
+    if (!str_empty(text.Text())) out << text.Text();
     return out;
 }
 

@@ -8,6 +8,9 @@
 /// The text itself, an empty one for a null pointer.
 inline char const* str_text(char const* text) { return text ? text : ""; }
 
+/// Whether a text has no characters; so has a null pointer.
+inline bool str_empty(char const* text) { return !text || *text == '\0'; }
+
 /// Length of a text in bytes; 0 for a null pointer.
 inline unsigned int str_len(char const* text) {
     return text ? static_cast<unsigned int>(std::strlen(text)) : 0;
@@ -16,21 +19,14 @@ inline unsigned int str_len(char const* text) {
 /// Three-way comparison by unsigned bytes: negative, 0 or positive. A null pointer is an empty text.
 inline int str_cmp(char const* a, char const* b) { return std::strcmp(str_text(a), str_text(b)); }
 
-/// Reads a decimal integer with an optional sign from the very start of a text; nothing is skipped.
-///
-/// \param text    the text, may be null
-/// \param result  takes the value; stays as it was when nothing is read
-/// \return the number of characters used; 0 if there is no number or it does not fit an int
+/// Reads a decimal integer with an optional sign from the very start of a text, which may be null; nothing is
+/// skipped. Returns the number of characters used, or 0 if there is no number or it does not fit an int:
+/// `result` then stays as it was.
 THORNEL_API unsigned int str_toint(char const* text, int* result);
 
-/// Writes an integer as decimal text.
-///
-/// \param buffer  takes the text and its terminator; 12 bytes hold every int
-/// \param size    bytes in the buffer; a text that does not fit is written as an empty one
-/// \param value   the number
-/// \param width   least number of characters; 0 for as many as the number has
-/// \param fill    character put in front of a number that is shorter; 0 for a blank
-/// \return the buffer
+/// Writes an integer as decimal text with its terminator into a buffer of `size` bytes, of which 12 hold
+/// every int, and returns the buffer. A text that does not fit is written as an empty one. A number of fewer
+/// than `width` characters gets `fill` in front, a blank if that is 0.
 THORNEL_API char* str_int2str10(char* buffer, unsigned int size, int value, unsigned int width, char fill);
 
 /// Name of the current user from the password database, empty if it has none. Valid until the same

@@ -3,12 +3,9 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 
-#include <cstddef>
 #include <string>
 
 #include <gtest/gtest.h>
-
-#include <brantle/thornel/file_descriptor.h>
 
 #include "support/descriptors.h"
 
@@ -52,36 +49,6 @@ TEST(SockAddr, HoldsHostPortAndAddress) {
     loopback.sin6_addr = in6addr_loopback;
     addr.SetAddress(reinterpret_cast<sockaddr*>(&loopback), sizeof(loopback));
     EXPECT_STREQ(addr.IpAddr().Text(), "::1");
-}
-
-TEST(FileDescriptor, ClosesWhatItOwns) {
-    DescriptorPair pair = DescriptorPair::Sockets();
-    int closed = dup(pair.Ours());
-    int given = dup(pair.Ours());
-    {
-        FileDescriptor owner(closed);
-        FileDescriptor giver(given);
-        FileDescriptor none;
-        EXPECT_EQ(none._fd, -1);
-        giver._fd = -1;
-    }
-    EXPECT_EQ(fcntl(closed, F_GETFD), -1);
-    EXPECT_EQ(fcntl(given, F_GETFD), 0);
-    close(given);
-}
-
-TEST(FileDescriptor, ReadsLikeTheDescriptor) {
-    FileDescriptor owner(dup(0));
-    int const plain = owner;
-    EXPECT_EQ(plain, owner._fd);
-    EXPECT_LT(FileDescriptor(), 0);
-}
-
-TEST(FileDescriptor, DescriptorIsItsFirstMember) {
-    static_assert(offsetof(FileDescriptor, _fd) == 0, "the descriptor comes first");
-    FileDescriptor owner;
-    owner._fd = dup(0);
-    EXPECT_GE(owner._fd, 0);
 }
 
 } // namespace

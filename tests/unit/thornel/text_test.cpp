@@ -16,6 +16,12 @@ TEST(StrText, NullPointerIsAnEmptyText) {
     EXPECT_STREQ(str_text(nullptr), "");
 }
 
+TEST(StrEmpty, NullPointerIsAnEmptyText) {
+    EXPECT_TRUE(str_empty(nullptr));
+    EXPECT_TRUE(str_empty(""));
+    EXPECT_FALSE(str_empty(" "));
+}
+
 TEST(StrLen, NullPointerIsZero) {
     EXPECT_EQ(str_len(nullptr), 0u);
     EXPECT_EQ(str_len(""), 0u);
