@@ -47,10 +47,8 @@ public:
     explicit DirEntry(String_t const& name);
     DirEntry(String_t const& name, String_t const& longname, SftpFileAttr const& attrs);
 
-    /// Writes the line, without its end.
-    ///
-    /// \param now  seconds since the epoch; a file more than 180 days older shows its year, any other the
-    /// time
+    /// Writes the line, without its end. `now` is in seconds since the epoch: a file that is 180 days older
+    /// or more shows its year, any other the time.
     std::ostream& put(std::ostream& out, UserNameMap& users, GroupNameMap& groups, long now) const;
 
     String_t _name;

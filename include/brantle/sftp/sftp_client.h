@@ -56,11 +56,8 @@ public:
     /// Reads the reply to the request with that id: the payload of a message, at least 5 bytes.
     ByteString ReadResponse(unsigned int id);
 
-    /// Opens a file.
-    ///
-    /// \param pflags  bits of SSH_FXF_*
-    /// \param attrs   of a file that is created
-    /// \return the handle, to be closed with Close; an empty one if the server refused
+    /// Opens a file. `pflags` are bits of SSH_FXF_*, `attrs` those of a file that is created. Returns the
+    /// handle, to be closed with Close; an empty one if the server refused.
     SftpFileHandle Open(SftpStatus& status, String_t const& path, unsigned int pflags,
                         SftpFileAttr const& attrs);
     /// Opens a directory for ReadDir; as Open.

@@ -53,29 +53,16 @@ public:
     AVLnode() : _balance(0) {}
     ~AVLnode() override;
 
-    /// Adds a node for a key that is not there yet.
-    ///
-    /// \param root       the tree, may be null
-    /// \param compare    orders a node against the key
-    /// \param key        the key
-    /// \param create     makes the new node when the key is absent
-    /// \param createArg  its argument
-    /// \param found      called with the node when the key is there; the tree then stays as it is
-    /// \param foundArg   its second argument
-    /// \param grown      takes 1 if the tree is higher than before, else 0
-    /// \return the new root
+    /// Adds the node that `create` makes from `createArg`, for a key that is not there yet. For one that is
+    /// there calls `found` with its node and `foundArg`, and the tree stays as it is. `root` may be null, and
+    /// `grown` becomes 1 if the tree is higher than before, else 0. Returns the new root.
     static AVLnode* Insert(AVLnode* root, int (*compare)(bnode_t const*, void const*), void const* key,
                            AVLnode* (*create)(void*), void* createArg, int (*found)(bnode_t*, void*),
                            void* foundArg, int& grown);
 
-    /// Takes the node with a key out of the tree.
-    ///
-    /// \param root     the tree, may be null
-    /// \param compare  orders a node against the key
-    /// \param key      the key
-    /// \param shrunk   takes 1 if the tree is lower than before, else 0
-    /// \param result   takes the node, which is the caller's then; stays as it is without such a key
-    /// \return the new root
+    /// Takes the node with a key out of the tree and puts it into `result`, the caller's then; without such a
+    /// key `result` stays as it is. `root` may be null, and `shrunk` becomes 1 if the tree is lower than
+    /// before, else 0. Returns the new root.
     static AVLnode* Delete(AVLnode* root, int (*compare)(bnode_t const*, void const*), void const* key,
                            int& shrunk, AVLnode*& result);
 
@@ -84,16 +71,14 @@ public:
 
 /// A place in an ordered container, or none. Changing the container at that place ends its validity.
 ///
-/// \tparam Tree     the container, const for a walk that does not change the elements
-/// \tparam Node     its node class, with `Data()` giving a pointer to the element
-/// \tparam Element  what the walk gives
+/// `Tree` is the container, const for a walk that does not change the elements; `Node` its node class, the
+/// `Data()` of which returns a pointer to the element; `Element` what the walk gives.
 template <class Tree, class Node, class Element>
 class TreeIterator {
 public:
     /// Placed nowhere.
     TreeIterator() : _root(nullptr), _node(nullptr) {}
-    /// \param tree  the container
-    /// \param last  0 for the smallest element, else the largest
+    /// Placed on the smallest element, or on the largest one if `last` is not 0.
     TreeIterator(Tree& tree, int last) : _root(tree.Root()), _node(nullptr) {
         if (last)
             Last();

@@ -11,7 +11,7 @@
 class THORNEL_API Except : public std::exception {
 public:
     Except() = default;
-    /// \param message  what `what()` tells
+    /// `message` is what `what()` returns.
     explicit Except(String_t const& message) : _message(message) {}
     Except(Except const&) = default;
     Except& operator=(Except const&) = default;

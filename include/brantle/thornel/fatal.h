@@ -3,13 +3,9 @@
 
 #include <brantle/thornel/export.h>
 
-/// Ends the process as a failed assert(3) does, with its message on the error stream and SIGABRT.
-/// Release builds keep it: `NDEBUG` has no part in it.
-///
-/// \param expr      text of the expression that did not hold
-/// \param file      source file to name
-/// \param line      line to name
-/// \param function  function to name
+/// Ends the process as a failed assert(3) does, with its message on the error stream and SIGABRT. The message
+/// names the expression `expr`, which did not hold, and the place. Release builds keep it: `NDEBUG` has no
+/// part in it.
 [[noreturn]] THORNEL_API void FatalAssertion(char const* expr, char const* file, unsigned int line,
                                              char const* function);
 

@@ -45,22 +45,17 @@ public:
     /// Everything in front of the last component, without the separators between: empty for a single
     /// component and for "/", and "/" for a component right under the root.
     Pathname Dir() const;
-    /// The last component, without separators after it.
-    ///
-    /// \param suffix  taken off the end of the component unless that is all of it; may be null
+    /// The last component, without separators after it. `suffix`, which may be null, is taken off its end
+    /// unless it is the whole component.
     String_t Leaf(char const* suffix) const;
-    /// Replaces the extension of the last component, or adds it. A dot at the start of the component
-    /// begins no extension.
-    ///
-    /// \param extension  with its dot, as in ".pub"; null or empty takes the extension away
+    /// Replaces the extension of the last component, or adds it. `extension` comes with its dot, as in
+    /// ".pub"; null or empty takes the extension away. A dot at the start of the component begins no
+    /// extension.
     Pathname& ChExt(char const* extension);
 
-    /// Expands a wildcard pattern on the local file system, by the rules of glob(3), in sorted order.
-    ///
-    /// \param pattern  the pattern
-    /// \param flags    flags of glob(3); GLOB_APPEND, GLOB_DOOFFS and GLOB_NOCHECK have no effect
-    /// \param list     the names are appended to it
-    /// \return number of names, 0 if nothing matches; negative on failure
+    /// Expands a wildcard pattern on the local file system, by the rules of glob(3), and appends the names to
+    /// `list` in sorted order. `flags` are those of glob(3); GLOB_APPEND, GLOB_DOOFFS and GLOB_NOCHECK have
+    /// no effect. Returns the number of names, 0 if nothing matches; negative on failure.
     static int Glob(Pathname const& pattern, int flags, TOList<String_t>& list);
 };
 

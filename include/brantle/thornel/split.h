@@ -5,11 +5,8 @@
 #include <brantle/thornel/string_t.h>
 #include <generic/tolist>
 
-/// Appends each token of a text to a list, in order. A run of delimiters counts as one.
-///
-/// \param text        the text, may be null
-/// \param list        takes the tokens
-/// \param delimiters  each of its characters ends a token
+/// Appends each token of a text, which may be null, to a list, in order. Each character of `delimiters` ends
+/// a token; a run of them counts as one.
 THORNEL_API void Split(char const* text, TOList<String_t>& list, char const* delimiters);
 
 #endif

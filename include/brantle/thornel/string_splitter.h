@@ -11,11 +11,8 @@
 /// the last delimiter is therefore none.
 class THORNEL_API StringSplitter {
 public:
-    /// Places the splitter on the first token.
-    ///
-    /// \param text        the text, may be null
-    /// \param delimiters  each of its characters ends a token
-    /// \param end         end of the text; null if the text ends at its NUL
+    /// Places the splitter on the first token. Each character of `delimiters` ends a token. `text` may be
+    /// null; it goes up to `end`, or to its NUL if that is null.
     StringSplitter(char const* text, char const* delimiters, char const* end);
     StringSplitter(StringSplitter const&) = delete;
     StringSplitter& operator=(StringSplitter const&) = delete;

@@ -65,13 +65,9 @@ public:
     /// The text without blanks, tabs, line ends, vertical tabs and form feeds at both ends.
     String_t Trim() const;
 
-    /// Reads up to a delimiter, which is consumed and not stored, and replaces the target's text.
-    ///
-    /// \param in          the stream; eofbit at the end of input, and failbit if nothing was read there;
-    /// badbit
-    ///                    where its buffer fails, as a directory's does, which opens like a file
-    /// \param target      takes the text
-    /// \param delimiters  each of its characters ends the text
+    /// Reads up to a character of `delimiters`, which is consumed and not stored, and replaces the target's
+    /// text. Sets eofbit at the end of the input, with failbit if nothing was read there, and badbit where
+    /// the buffer of the stream fails, as that of a directory does, which opens like a file.
     static std::istream& Getline(std::istream& in, String_t& target, char const* delimiters);
 
     bool operator==(char const* text) const { return str_cmp(Text(), text) == 0; }

@@ -8,14 +8,12 @@
 /// as one. Works on a private copy, in which the tokens stay valid as long as the tokeniser.
 class THORNEL_API StringTok {
 public:
-    /// \param text  the text, may be null
+    /// `text` may be null.
     explicit StringTok(char const* text);
     StringTok(StringTok const&) = delete;
     StringTok& operator=(StringTok const&) = delete;
 
-    /// The next token, null when the text is used up.
-    ///
-    /// \param delimiters  each of its characters ends a token
+    /// The next token, which any character of `delimiters` ends; null when the text is used up.
     char const* operator()(char const* delimiters);
 
     /// The delimiter that ended the last token; 0 at the end of the text.
