@@ -44,6 +44,12 @@ char const GROUP14[] = "FFFFFFFFFFFFFFFFC90FDAA22168C234C4C6628B80DC1CD1"
                        "DE2BCBF6955817183995497CEA956AE515D2261898FA0510"
                        "15728E5A8AACAA68FFFFFFFFFFFFFFFF";
 
+OwnedNumber NewNumber() {
+    OwnedNumber number(BN_new());
+    if (!number) throw OpenSSLError("BN_new");
+    return number;
+}
+
 OwnedNumber FromHex(char const* digits, char const* call) {
     BIGNUM* number = nullptr;
     if (!BN_hex2bn(&number, digits)) throw OpenSSLError(call);
@@ -61,16 +67,17 @@ OwnedNumber FixedGroup(KexType type) {
     }
 }
 
-/// Gives p and g to `dh`, which owns them then; without one of them it stays without a group.
+/// Gives p and g to `dh`, which owns them then. DH_set0_pqg takes no modulus without a generator, so one that
+/// is missing counts as 0, as it does in the hash. Without p there is no group.
 void SetGroup(DH* dh, OwnedNumber p, OwnedNumber g) {
+    if (!g) g = NewNumber();
     if (!DH_set0_pqg(dh, p.get(), nullptr, g.get())) return;
     p.release();
     g.release();
 }
 
 OwnedNumber RandomNumber(int bits) {
-    OwnedNumber number(BN_new());
-    if (!number) throw OpenSSLError("BN_new");
+    OwnedNumber number = NewNumber();
     if (!BN_rand(number.get(), bits, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ANY)) throw OpenSSLError("BN_rand");
     return number;
 }
@@ -101,6 +108,8 @@ DhExchange::DhExchange() : _dh(DH_new()) {
 }
 
 DhExchange::DhExchange(KexType type) : DhExchange() {
+    // The modulus is 2, and the prime the generator, on purpose: the fixed groups are offered, and
+    // GenerateKey refuses them (pinned by DhExchangeTest.FixedGroupRefusesEveryNeed).
     OwnedNumber p = FromHex("2", "BN_hex2bn(2)");
     SetGroup(_dh, std::move(p), FixedGroup(type));
 }

@@ -133,14 +133,29 @@ TEST(DhGroupExchangeTest, NumbersMoveIntoTheExchange) {
     EXPECT_EQ(DH_get0_p(exchange._dh), modulus);
 }
 
-TEST(DhGroupExchangeTest, EmptyNumbersMakeNoGroup) {
+TEST(DhGroupExchangeTest, MissingModulusMakesNoGroup) {
+    BigNum none(nullptr);
+    BigNum g = Hex("2");
+    for (BigNum* generator : {&none, &g}) {
+        DhGroupExchange exchange(*generator, none);
+        EXPECT_EQ(generator->_bn, nullptr);
+        ExpectError<BadInput>("DhExchange::GenerateKey, dh->p == 0", "",
+                              [&] { exchange.GenerateKey(128, 10); });
+    }
+}
+
+TEST(DhGroupExchangeTest, MissingGeneratorLeavesTheModulus) {
     BigNum none(nullptr);
     BigNum p = Prime1024();
-    for (DhExchange* exchange : {new DhGroupExchange(none, none), new DhGroupExchange(none, p)}) {
-        ExpectError<BadInput>("DhExchange::GenerateKey, dh->p == 0", "",
-                              [&] { exchange->GenerateKey(128, 10); });
-        delete exchange;
-    }
+    DhGroupExchange exchange(none, p);
+    EXPECT_EQ(p._bn, nullptr);
+    ASSERT_NE(DH_get0_p(exchange._dh), nullptr);
+    EXPECT_EQ(Hex(DH_get0_p(exchange._dh)), Hex(Prime1024()._bn));
+    EXPECT_EQ(exchange.PubKeyIsValid(Hex("3")._bn), 1);
+    ExpectError<InvalidArgument>("DhExchange::GenerateKey", OUT_OF_RANGE,
+                                 [&] { exchange.GenerateKey(512, 10); });
+    ExpectError<CryptoException>("too many retries", " DhExchange::GenerateKey",
+                                 [&] { exchange.GenerateKey(128, 10); });
 }
 
 // Key generation
