@@ -3,21 +3,21 @@
 #include <openssl/bn.h>
 
 #include <brantle/cindral/block_cipher.h>
+#include <brantle/cindral/key_types.h>
 #include <brantle/cindral/mac.h>
 #include <brantle/cindral/random.h>
 #include <brantle/packet/packet_decoder.h>
 #include <brantle/packet/packet_encoder.h>
-#include <brantle/trust/known_hosts.h>
 
 namespace cindral {
 
 PacketKexInit::PacketKexInit(char const* kexAlgorithms)
     : Packet(SSH_MSG_KEXINIT), _cookie(RandomBytes(16)), _kexAlgorithms(kexAlgorithms),
-      _hostKeyAlgorithms(KnownHosts::KeyAlgorithms()),
-      _ciphersClientToServer(BlockCipher::AvailableCiphers()), _ciphersServerToClient(_ciphersClientToServer),
-      _macsClientToServer(Mac::AvailableMacs()), _macsServerToClient(_macsClientToServer),
-      _compressionClientToServer("none"), _compressionServerToClient(_compressionClientToServer),
-      _languagesClientToServer(""), _languagesServerToClient(_languagesClientToServer) {}
+      _hostKeyAlgorithms(HOST_KEY_ALGORITHMS), _ciphersClientToServer(BlockCipher::AvailableCiphers()),
+      _ciphersServerToClient(_ciphersClientToServer), _macsClientToServer(Mac::AvailableMacs()),
+      _macsServerToClient(_macsClientToServer), _compressionClientToServer("none"),
+      _compressionServerToClient(_compressionClientToServer), _languagesClientToServer(""),
+      _languagesServerToClient(_languagesClientToServer) {}
 
 ByteString PacketKexInit::Payload(BlockCipher& cipher) {
     return Encode(cipher, LARGE, [this](PacketEncoder& out) {

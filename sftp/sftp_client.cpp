@@ -5,6 +5,7 @@
 #include <brantle/cindral/exceptions.h>
 #include <brantle/sftp/sftp_replies.h>
 #include <brantle/sftp/sftp_requests.h>
+#include <brantle/thornel/big_endian.h>
 
 namespace cindral {
 
@@ -25,11 +26,7 @@ ByteString ReadMessage(ISshDataStream& in, unsigned int size) {
 
 int Type(ByteString const& message) { return message.Data()[0]; }
 
-unsigned int Id(ByteString const& message) {
-    unsigned char const* const id = message.Data() + 1;
-    return static_cast<unsigned int>(id[0]) << 24 | static_cast<unsigned int>(id[1]) << 16 |
-           static_cast<unsigned int>(id[2]) << 8 | id[3];
-}
+unsigned int Id(ByteString const& message) { return GetBigEndian<unsigned int>(message.Data() + 1); }
 
 [[noreturn]] void Refuse(ByteString const& reply) {
     throw SshProtocolError("invalid sftp response received", Type(reply));

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include <brantle/cindral/key_types.h>
 #include <brantle/thornel/pathname.h>
 #include <brantle/thornel/string_tok.h>
 
@@ -39,7 +40,7 @@ KnownHosts* KnownHosts::GetInstance() {
     return &instance;
 }
 
-String_t KnownHosts::KeyAlgorithms() { return String_t("ssh-rsa,ssh-dss"); }
+String_t KnownHosts::KeyAlgorithms() { return String_t(HOST_KEY_ALGORITHMS); }
 
 // Read without the lock, hence atomically.
 int KnownHosts::Errnum() { return __atomic_load_n(&GetInstance()->_errnum, __ATOMIC_RELAXED); }

@@ -1,10 +1,12 @@
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 #include <openssl/evp.h>
 
 #include <brantle/cindral/exceptions.h>
+#include <brantle/thornel/big_endian.h>
 
 #include "bcrypt_pbkdf.h"
 #include "blowfish_tables.h"
@@ -32,7 +34,7 @@ class WordStream {
 public:
     explicit WordStream(Hash const& hash) : _hash(hash) {}
     std::uint32_t Next() {
-        std::uint32_t const word = GetInt(_hash.data() + _pos);
+        std::uint32_t const word = GetBigEndian<std::uint32_t>(_hash.data() + _pos);
         _pos = (_pos + 4) % HASH_LENGTH;
         return word;
     }
@@ -114,7 +116,8 @@ Block BcryptHash(Hash const& passphrase, Hash const& salt) {
     auto const* text = reinterpret_cast<unsigned char const*>("OxychromaticBlowfishSwatDynamite");
     Block block;
     for (unsigned int i = 0; i < BLOCK_LENGTH; i += 8) {
-        std::uint32_t words[] = {GetInt(text + i), GetInt(text + i + 4)};
+        std::uint32_t words[] = {GetBigEndian<std::uint32_t>(text + i),
+                                 GetBigEndian<std::uint32_t>(text + i + 4)};
         for (unsigned int round = 0; round < EXPENSIVE_ROUNDS; ++round) cipher.Encrypt(words[0], words[1]);
         // Least significant byte first, unlike the text.
         for (unsigned int byte = 0; byte < 8; ++byte)
@@ -127,7 +130,7 @@ Block BcryptHash(Hash const& passphrase, Hash const& salt) {
 Block DeriveBlock(Hash const& passphrase, ByteView const& salt, unsigned int number, unsigned int rounds) {
     std::vector<unsigned char> numbered(salt._data, salt._data + salt._length);
     numbered.resize(salt._length + 4);
-    PutInt(numbered.data() + salt._length, number);
+    PutBigEndian(numbered.data() + salt._length, number);
     Block last = BcryptHash(passphrase, Sha512(numbered.data(), numbered.size()));
     Block sum = last;
     for (unsigned int round = 1; round < rounds; ++round) {

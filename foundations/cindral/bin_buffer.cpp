@@ -1,6 +1,7 @@
 #include <brantle/cindral/bin_buffer.h>
 
 #include <brantle/cindral/exceptions.h>
+#include <brantle/thornel/big_endian.h>
 #include <brantle/thornel/text.h>
 
 namespace cindral {
@@ -22,8 +23,7 @@ void ReadBytes(std::istream& in, char* data, unsigned int size) {
 template <class T>
 unsigned int WriteNumber(std::ostream& out, T value) {
     char bytes[sizeof(T)];
-    unsigned long long rest = value;
-    for (std::size_t i = sizeof(T); i-- > 0; rest >>= 8) bytes[i] = static_cast<char>(rest & 0xff);
+    PutBigEndian(bytes, value);
     return WriteBytes(out, bytes, sizeof(T));
 }
 
@@ -31,9 +31,7 @@ template <class T>
 T ReadNumber(std::istream& in) {
     char bytes[sizeof(T)];
     ReadBytes(in, bytes, sizeof(T));
-    unsigned long long value = 0;
-    for (char byte : bytes) value = value << 8 | static_cast<unsigned char>(byte);
-    return static_cast<T>(value);
+    return GetBigEndian<T>(bytes);
 }
 
 } // namespace

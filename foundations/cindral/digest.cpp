@@ -1,5 +1,7 @@
 #include <brantle/cindral/digest.h>
 
+#include <brantle/thornel/big_endian.h>
+
 #include "fetched.h"
 #include "wire_format.h"
 
@@ -45,7 +47,7 @@ void Digest::UpdateByte(unsigned char value) { _rep->Update(&value, 1); }
 
 void Digest::UpdateInt(unsigned int value) {
     unsigned char bytes[4];
-    PutInt(bytes, value);
+    PutBigEndian(bytes, value);
     _rep->Update(bytes, sizeof bytes);
 }
 

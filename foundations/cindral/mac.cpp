@@ -3,9 +3,10 @@
 #include <openssl/core_names.h>
 #include <openssl/params.h>
 
+#include <brantle/thornel/big_endian.h>
+
 #include "fetched.h"
 #include "named_algorithms.h"
-#include "wire_format.h"
 
 namespace cindral {
 
@@ -92,7 +93,7 @@ void Mac::Redefine(char const* name, ByteString const& key) {
 void Mac::UpdateInt(unsigned int value) {
     if (!_rep) return;
     unsigned char bytes[4];
-    PutInt(bytes, value);
+    PutBigEndian(bytes, value);
     _rep->Update(bytes, sizeof bytes);
 }
 

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "wire_format.h"
+#include <brantle/thornel/big_endian.h>
 
 namespace cindral {
 
@@ -101,7 +101,7 @@ class Encoder {
 public:
     void Add(unsigned char opcode, unsigned int value) {
         unsigned char bytes[5] = {opcode};
-        PutInt(bytes + 1, value);
+        PutBigEndian(bytes + 1, value);
         _modes.Append(bytes, sizeof bytes);
     }
     template <unsigned int COUNT>

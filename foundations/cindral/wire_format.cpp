@@ -3,6 +3,8 @@
 
 #include <openssl/bn.h>
 
+#include <brantle/thornel/big_endian.h>
+
 #include "wire_format.h"
 
 namespace cindral {
@@ -29,7 +31,7 @@ bool ByteView::Is(char const* text) const {
 
 void AppendString(ByteString& to, void const* bytes, unsigned int length) {
     unsigned char prefix[4];
-    PutInt(prefix, length);
+    PutBigEndian(prefix, length);
     to.Append(prefix, sizeof prefix);
     if (length > 0) to.Append(bytes, length);
 }
@@ -50,7 +52,7 @@ ByteString EncodeMpint(bignum_st const* number) {
     bool const needsSign = magnitude > 0 && SignBit(body + 1) != negative;
     unsigned int const length = magnitude + (needsSign ? 1 : 0);
     if (!needsSign) std::memmove(body, body + 1, magnitude);
-    PutInt(encoded.Data(), length);
+    PutBigEndian(encoded.Data(), length);
     encoded.Reserve(4 + length);
     return encoded;
 }
@@ -83,7 +85,7 @@ ByteView WireReader::Bytes(unsigned int length) {
 
 unsigned int WireReader::Int() {
     ByteView const bytes = Bytes(4);
-    return _ok ? GetInt(bytes._data) : 0;
+    return _ok ? GetBigEndian<unsigned int>(bytes._data) : 0;
 }
 
 void WireReader::Mpint(bignum_st* number) {

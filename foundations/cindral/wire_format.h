@@ -7,16 +7,7 @@ struct bignum_st;
 
 namespace cindral {
 
-/// Big-endian numbers and the strings of RFC 4251 section 5, in memory.
-
-inline void PutInt(unsigned char* bytes, unsigned int value) {
-    for (int i = 3; i >= 0; --i, value >>= 8) bytes[i] = static_cast<unsigned char>(value);
-}
-
-inline unsigned int GetInt(unsigned char const* bytes) {
-    return static_cast<unsigned int>(bytes[0]) << 24 | static_cast<unsigned int>(bytes[1]) << 16 |
-           static_cast<unsigned int>(bytes[2]) << 8 | static_cast<unsigned int>(bytes[3]);
-}
+/// The strings of RFC 4251 section 5, in memory.
 
 /// Bytes that belong to someone else.
 struct ByteView {

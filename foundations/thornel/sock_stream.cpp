@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <brantle/thornel/big_endian.h>
+
 namespace {
 
 /// A frame no longer than this is allocated at once, a longer one as its bytes come in.
@@ -15,9 +17,7 @@ constexpr unsigned int FIRST_PIECE = 64 * 1024;
 template <class T>
 OSockStream& WriteNumber(OSockStream& out, T value) {
     char bytes[sizeof(T)];
-    for (std::size_t i = sizeof(T); i-- > 0; value = static_cast<T>(value >> 7 >> 1)) {
-        bytes[i] = static_cast<char>(value & 0xff);
-    }
+    PutBigEndian(bytes, value);
     return out.Write(bytes, sizeof(T));
 }
 
@@ -28,11 +28,9 @@ bool ReadWhole(ISockStream& in, char* data, unsigned int size) {
 
 template <class T>
 bool ReadNumber(ISockStream& in, T& value) {
-    unsigned char bytes[sizeof(T)];
-    if (!ReadWhole(in, reinterpret_cast<char*>(bytes), sizeof(T))) return false;
-    unsigned long long number = 0;
-    for (unsigned char byte : bytes) number = number << 8 | byte;
-    value = static_cast<T>(number);
+    char bytes[sizeof(T)];
+    if (!ReadWhole(in, bytes, sizeof(T))) return false;
+    value = GetBigEndian<T>(bytes);
     return true;
 }
 

@@ -66,6 +66,7 @@
 #include <brantle/sftp/sftp_requests.h>
 #include <brantle/sftp/sftp_status.h>
 #include <brantle/sftp/sftp_string.h>
+#include <brantle/thornel/big_endian.h>
 #include <brantle/thornel/bnode.h>
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/client_socket.h>

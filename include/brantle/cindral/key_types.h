@@ -10,6 +10,9 @@ enum KeyType : int {
     KEY_DSA = 2,  ///< "ssh-dss"
 };
 
+/// The host key algorithms that the client offers, most preferred first.
+inline constexpr char HOST_KEY_ALGORITHMS[] = "ssh-rsa,ssh-dss";
+
 /// The digests that `Digest` and `Signature` know.
 enum DigestType : int {
     DIGEST_SHA1 = 2, ///< SHA-1, 20 bytes
