@@ -85,34 +85,6 @@ TEST_F(ChannelManager, ChannelKeepsWhatItWasMadeWith) {
     EXPECT_EQ(0, channel->_eofSent);
 }
 
-TEST_F(ChannelManager, DefaultChannelHasNothingAndSendsNothing) {
-    SshChannel channel;
-    EXPECT_EQ(0u, channel._localId);
-    EXPECT_EQ(0u, channel._remoteId);
-    EXPECT_EQ(0u, channel._windowSize);
-    EXPECT_EQ(-1, channel._fdIn);
-    EXPECT_EQ(-1, channel._fdOut);
-    EXPECT_EQ(-1, channel._fdErr);
-    EXPECT_EQ(nullptr, channel._in);
-    EXPECT_EQ(nullptr, channel._out);
-    channel.ForwardToSshd("x", 1);
-    channel.CheckForInWindowAdjust();
-    channel.CheckForOutWindowAdjust();
-    channel.Flush();
-}
-
-TEST_F(ChannelManager, DataToThePeerGoesOutAsOneMessageHoweverLarge) {
-    SshChannel* channel = NewTty(3);
-    channel->ForwardToSshd("hello", 5);
-    EXPECT_EQ((std::vector<Bytes>{{94, 0, 0, 0, 3, 0, 0, 0, 5, 'h', 'e', 'l', 'l', 'o'}}),
-              _connection.Sent());
-    std::string const large(100000, 'x');
-    channel->ForwardToSshd(large.data(), 100000);
-    auto const sent = _connection.Sent();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ(100009u, sent[0].size());
-}
-
 TEST_F(ChannelManager, TerminalDataIsWrittenAtOnce) {
     NewTty();
     _manager.Forward(0, "now", 3);

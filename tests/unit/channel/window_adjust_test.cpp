@@ -1,7 +1,5 @@
 #include <brantle/channel/window_adjust.h>
 
-#include <brantle/channel/ssh_channel.h>
-
 #include "plain_connection.h"
 
 namespace cindral {
@@ -47,36 +45,6 @@ TEST_F(WindowAdjust, WindowOfNothingSendsNothing) {
     for (unsigned int count : {0u, 1u, 1398103u, 0xffffffffu}) EXPECT_TRUE(Check(count, 0).empty()) << count;
 }
 
-class ChannelWindow : public testing::Test {
-protected:
-    PlainConnection _connection;
-    SshChannel _channel{0, 5, "client-session", WINDOW, -1, -1, -1, &_connection._in, &_connection._out};
-};
-
-TEST_F(ChannelWindow, InputCheckRunsBeforeTheDataAndLeavesTheOutputCount) {
-    _connection._in._byteCount = 1398103;
-    _connection._out._byteCount = 100;
-    _channel.CheckForInWindowAdjust();
-    EXPECT_EQ((std::vector<Bytes>{{93, 0, 0, 0, 5, 0x00, 0x15, 0x55, 0x57}}), _connection.Sent());
-    EXPECT_EQ(0u, _connection._in._byteCount);
-    EXPECT_EQ(124u, _connection._out._byteCount); // the adjustment itself has been counted: 24 bytes
-}
-
-TEST_F(ChannelWindow, OutputCheckRunsAfterTheDataAndClearsTheAdjustmentToo) {
-    _connection._out._byteCount = 1398103 - 24;
-    _channel.ForwardToSshd("abcd", 4); // 5 + 13 bytes and 6 of padding make 24
-    EXPECT_EQ((std::vector<Bytes>{{94, 0, 0, 0, 5, 0, 0, 0, 4, 'a', 'b', 'c', 'd'},
-                                  {93, 0, 0, 0, 5, 0x00, 0x15, 0x55, 0x57}}),
-              _connection.Sent());
-    EXPECT_EQ(0u, _connection._out._byteCount);
-}
-
-TEST_F(ChannelWindow, OutputOneByteShortOfTheThresholdSendsDataAlone) {
-    _connection._out._byteCount = 1398102 - 24;
-    _channel.ForwardToSshd("abcd", 4);
-    EXPECT_EQ(1u, _connection.Sent().size());
-    EXPECT_EQ(1398102u, _connection._out._byteCount);
-}
-
 } // namespace
+
 } // namespace cindral

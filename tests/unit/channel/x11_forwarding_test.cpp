@@ -26,16 +26,6 @@ namespace {
 
 using Forwarding = SshSession::X11Forwarding;
 
-class X11Session : public SshSession {
-public:
-    X11Session() : SshSession(CLIENT, 22, String_t("127.0.0.1")) {}
-
-    using SshSession::_channels;
-    using SshSession::_in;
-    using SshSession::_out;
-    using SshSession::_x11;
-};
-
 std::string Text(String_t const& text) { return text.Text() ? text.Text() : ""; }
 
 std::string Bytes(ByteString const& bytes) {
@@ -301,58 +291,4 @@ TEST(X11Connect, WithAnAddressThatCanNotBeChangesNothing) {
     EXPECT_FALSE(noHost.stands);
     EXPECT_EQ(noHost.error, 4711);
     EXPECT_EQ(remote._unixSocket, 1);
-}
-
-// --- the session's side
-
-TEST(X11Start, NeedsADisplay) {
-    FakeXauth const xauth("");
-    X11Session session;
-    EXPECT_EQ(session.StartX11Forwarding(0, String_t()), -1);
-    EXPECT_EQ(session.StartX11Forwarding(0, ""), -1);
-    EXPECT_EQ(session._x11.Get(), nullptr);
-    EXPECT_THAT(xauth.Calls(), IsEmpty());
-}
-
-TEST(X11Start, SecondTimeKeepsTheFirst) {
-    FakeXauth const xauth("");
-    X11Session session;
-    EXPECT_EQ(session.StartX11Forwarding(1, ":5"), 0);
-    Forwarding const* const first = session._x11.Get();
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(session.StartX11Forwarding(0, ":6"), -1);
-    EXPECT_EQ(session._x11.Get(), first);
-    EXPECT_EQ(Text(first->_display), ":5");
-    EXPECT_EQ(first->_singleConnection, 1);
-    EXPECT_THAT(xauth.Calls(), ElementsAre("list|:5"));
-}
-
-TEST(X11ChannelObject, BeginsWithoutDescriptors) {
-    X11Session session;
-    SshChannel* const first =
-        session._channels.NewX11Connection(77, "x11", 0x200000, session, &session._in, &session._out);
-    auto* const channel = dynamic_cast<SshChannelMgr::X11Channel*>(first);
-    ASSERT_NE(channel, nullptr);
-    EXPECT_EQ(channel->_localId, 0u);
-    EXPECT_EQ(channel->_remoteId, 77u);
-    EXPECT_EQ(Text(channel->_name), "x11");
-    EXPECT_EQ(channel->_windowSize, 0x200000u);
-    for (int fd : {channel->_fd, channel->_fdIn, channel->_fdOut, channel->_fdErr}) EXPECT_EQ(fd, -1);
-    EXPECT_EQ(channel->_eofSent, 0);
-    EXPECT_EQ(channel->_session, &session);
-    EXPECT_EQ(channel->_in, &session._in);
-    EXPECT_EQ(channel->_out, &session._out);
-    EXPECT_EQ(session._channels.Find(0), channel);
-    EXPECT_EQ(
-        session._channels.NewX11Connection(78, "x11", 0, session, &session._in, &session._out)->_localId, 1u);
-    EXPECT_EQ(session._channels.RemoveChannel(0), -1);
-}
-
-TEST(X11ChannelObject, SetUpNeedsForwarding) {
-    X11Session session;
-    unsigned char const message[12] = {'l'};
-    EXPECT_EQ(session.InitiateX11Connection(message, 12, nullptr), -1);
-    FakeXauth const xauth("");
-    session.StartX11Forwarding(0, ":0");
-    EXPECT_EQ(session.InitiateX11Connection(nullptr, 0, nullptr), -1);
 }

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <brantle/cindral/enter_password.h>
+#include <brantle/cindral/private_key.h>
 #include <brantle/thornel/byte_string.h>
 
 #include "support/temporary_directory.h"
@@ -25,10 +26,11 @@ protected:
             "cd '" + _directory.Path().string() + "' && (" + command + ") </dev/null >log 2>&1";
         ASSERT_EQ(std::system(line.c_str()), 0) << command << "\n" << Read("log");
     }
-    /// A key pair `name` and `name`.pub. Empty `passphrase` means not encrypted.
+    /// A key pair `name` and `name`.pub. Empty `passphrase` means not encrypted. One round of bcrypt, where
+    /// the options don't ask for more, as each costs time.
     void Keygen(std::string const& name, std::string const& options,
                 std::string const& passphrase = "") const {
-        Run("ssh-keygen -q -f " + name + " -C comment -N '" + passphrase + "' " + options);
+        Run("ssh-keygen -q -a 1 -f " + name + " -C comment -N '" + passphrase + "' " + options);
     }
 
     std::string Read(std::string const& name) const {
@@ -73,6 +75,18 @@ public:
 
 private:
     std::deque<std::string> _answers;
+};
+
+/// Reads the private key "id" of its directory.
+class PrivateKeyFiles : public KeyFiles {
+protected:
+    int ReadWith(cindral::EnterPassword& enter) { return _key.Read(Path("id").c_str(), enter); }
+    int ReadPlain() {
+        ScriptedAnswers none(1, {});
+        return ReadWith(none);
+    }
+
+    cindral::PrivateKey _key;
 };
 
 #endif

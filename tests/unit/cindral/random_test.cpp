@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <brantle/cindral/euc_vector.h>
-
 #include "hex.h"
 
 using namespace cindral;
@@ -50,19 +48,6 @@ TEST(PseudoRand, ThreadsDrawApart) {
     one.join();
     two.join();
     EXPECT_NE(first, second);
-}
-
-TEST(EUCVector, HoldsThatManyBytes) {
-    EUCVector vector(16);
-    ASSERT_NE(vector._data, nullptr);
-    for (int i = 0; i < 16; ++i) EXPECT_EQ(vector._data[i]++, 0);
-}
-
-TEST(EUCVector, DataIsItsFirstMember) { EXPECT_EQ(offsetof(EUCVector, _data), 0u); }
-
-TEST(EUCVector, LengthBelowOneIsEmpty) {
-    EXPECT_NE(EUCVector(0)._data, nullptr);
-    EXPECT_EQ(EUCVector(-5)._length, 0u);
 }
 
 } // namespace

@@ -1,3 +1,5 @@
+#include <brantle/thornel/bnode.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
@@ -9,8 +11,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <brantle/thornel/bnode.h>
 
 namespace {
 

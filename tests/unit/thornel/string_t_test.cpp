@@ -1,15 +1,14 @@
-#include <string>
+#include <brantle/thornel/string_t.h>
 
 #include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
+#include <string>
 #include <type_traits>
 
 #include <gtest/gtest.h>
-
-#include <brantle/thornel/string_t.h>
 
 namespace {
 
