@@ -2,6 +2,7 @@
 # what it uses and guards itself.
 file(GLOB_RECURSE headers RELATIVE ${PROJECT_SOURCE_DIR}/include CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/include/generic/* ${PROJECT_SOURCE_DIR}/include/brantle/*)
+list(APPEND headers brantle/version.h)
 set(sources)
 foreach(header ${headers})
   string(MAKE_C_IDENTIFIER ${header} name)

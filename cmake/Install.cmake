@@ -1,5 +1,5 @@
-# What `cmake --install` lays down: the libraries, include/ as it stands, a CMake package and a
-# pkg-config file for each library.
+# What `cmake --install` installs: the libraries, include/ as it stands and the generated version.h, a CMake
+# package and a pkg-config file for each library.
 option(BRANTLE_INSTALL "Install the libraries" ${PROJECT_IS_TOP_LEVEL})
 if(NOT BRANTLE_INSTALL)
   return()
@@ -10,7 +10,7 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/brantle)
 
 install(TARGETS thornel cindral brantle EXPORT brantle
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/ ${BRANTLE_GENERATED_INCLUDE_DIR}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 install(EXPORT brantle NAMESPACE brantle:: FILE brantleTargets.cmake DESTINATION ${package_dir})
 configure_package_config_file(cmake/brantleConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/brantleConfig.cmake

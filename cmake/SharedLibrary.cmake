@@ -23,6 +23,7 @@ function(brantle_shared_library name)
   target_compile_definitions(${name} PRIVATE ${ARG_MACRO}_BUILDING)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<BUILD_INTERFACE:${BRANTLE_GENERATED_INCLUDE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} PUBLIC cxx_std_17)
   # Built for size, as small targets are among those served: the time goes into libcrypto and the

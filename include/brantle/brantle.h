@@ -88,6 +88,7 @@
 #include <brantle/thornel/text.h>
 #include <brantle/trust/known_hosts.h>
 #include <brantle/trust/ssh_agent_access.h>
+#include <brantle/version.h>
 #include <generic/autoptr>
 #include <generic/gcmp>
 #include <generic/handle>
