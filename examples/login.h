@@ -11,6 +11,8 @@
 
 #include <brantle/brantle.h>
 
+#include "printable.h"
+
 namespace examples {
 
 /// The exit statuses of the examples.
@@ -34,6 +36,7 @@ constexpr unsigned int CONNECT_SECONDS = 20;
 constexpr unsigned int PASSWORD_TRIES = 3;
 
 inline int Fail(Status status, String_t const& what) {
+    std::cerr.clear(); // a message that the library has no name for leaves the stream failed
     std::cerr << what << std::endl;
     return status;
 }
@@ -88,11 +91,12 @@ inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
                                      "its group is too small");
     }
     if (std::getenv("VERBOSE"))
-        std::cerr << "server " << session.ServerVersion() << "; group exchange with SHA-1; to the server "
-                  << session.CipherName(0) << " and " << session.MacName(0) << "; from it "
-                  << session.CipherName(1) << " and " << session.MacName(1) << std::endl;
+        std::cerr << "server " << Printable(session.ServerVersion())
+                  << "; group exchange with SHA-1; to the server " << session.CipherName(0) << " and "
+                  << session.MacName(0) << "; from it " << session.CipherName(1) << " and "
+                  << session.MacName(1) << std::endl;
     cindral::EnterPassword password(PASSWORD_TRIES, "Password: ");
-    cindral::KbdInteractiveCallback questions;
+    ServersQuestions questions(arguments._target);
     if (session.Authenticate(arguments._identity, arguments._user, String_t(), password, questions) < 0)
         return Fail(NOT_LOGGED_IN, "the server accepts no login");
     DrainPendingMessages(session);
@@ -103,6 +107,7 @@ inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
 /// the exit status.
 template <class Session, class Work, class... More>
 int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... more) {
+    PrintableStream output(std::cout), errors(std::cerr);
     bool hostIsKnown = false;
     try {
         Session session(arguments._target, more...); // looks up the host
@@ -113,7 +118,7 @@ int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... 
         if (!hostIsKnown)
             return Fail(UNKNOWN_HOST,
                         String_t("no such host, or no port number after it: ") += arguments._target);
-        return Fail(CONNECTION_FAILED, String_t("connection failed: ") += failure.what());
+        return Fail(CONNECTION_FAILED, String_t("connection failed: ") += Printable(failure.what()));
     }
 }
 

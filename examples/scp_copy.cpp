@@ -1,4 +1,10 @@
-// Copies files to or from a remote host, through the scp program there.
+// Copies files to or from a remote host, through the scp program there. Names and modes of the files received
+// are this side's.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <brantle/thornel/file_descriptor.h>
 
 #include "login.h"
 
@@ -20,6 +26,27 @@ int FileFailed(String_t const& file, int result) {
     return Fail(examples::NOT_COPIED, what);
 }
 
+/// Creates a local file for ReceiveFile, unless there is one: ReceiveFile itself would create it with the
+/// mode that the server says, set-user-ID included. Unless it is kept, a file that was created goes again.
+class LocalFile {
+public:
+    explicit LocalFile(Pathname const& path) : _path(path) {
+        FileDescriptor const fd(open64(path.Text(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+        _isNew = fd >= 0;
+    }
+    ~LocalFile() {
+        if (_isNew) unlink(_path.Text());
+    }
+    LocalFile(LocalFile const&) = delete;
+    LocalFile& operator=(LocalFile const&) = delete;
+
+    void Keep() { _isNew = false; }
+
+private:
+    Pathname _path;
+    bool _isNew;
+};
+
 int Put(ScpSession& session, char** files, char** last) {
     if (int const result = session.StartSend(*last); result != 0) return StartFailed(result);
     for (; files != last; ++files) {
@@ -38,23 +65,25 @@ int Get(ScpSession& session, char** files, char** last) {
     for (; files != last; ++files) {
         // The name is the one that was asked for, not one that the server chooses.
         Pathname const file(*files);
-        if (int const result = session.ReceiveFile(*last, file.Leaf(nullptr)); result < 0)
-            return FileFailed(file, result);
+        String_t const name = file.Leaf(nullptr);
+        LocalFile local(Pathname(*last).Append(name.Text()));
+        if (int const result = session.ReceiveFile(*last, name); result < 0) return FileFailed(file, result);
+        local.Keep();
     }
     return examples::DONE;
 }
 
 /// What the remote program complains of comes as an exception with its words, and so does a disk that is
-/// full; an incomplete file stays.
+/// full.
 template <class Copy>
 int Try(Copy const& copy) {
     try {
         return copy();
     } catch (cindral::SystemError const& failure) {
         return Fail(examples::NOT_COPIED,
-                    (String_t(failure.what()) += ", ") += std::strerror(failure.Errno()));
+                    (examples::Printable(failure.what()) += ", ") += std::strerror(failure.Errno()));
     } catch (cindral::SshProtocolError const& failure) {
-        return Fail(examples::NOT_COPIED, failure.what());
+        return Fail(examples::NOT_COPIED, examples::Printable(failure.what()));
     }
 }
 

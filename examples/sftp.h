@@ -3,23 +3,14 @@
 #ifndef EXAMPLES_SFTP_H
 #define EXAMPLES_SFTP_H
 
-#include <cctype>
 #include <string>
 
 #include "login.h"
 
 namespace examples {
 
-/// A text of the server's, without what could steer a terminal.
-inline String_t Printable(String_t const& text) {
-    std::string clean(text.Text() ? text.Text() : "");
-    for (char& c : clean)
-        if (std::iscntrl(static_cast<unsigned char>(c))) c = '?';
-    return clean.c_str();
-}
-
-/// Says what has failed: in the server's own words if it has refused something, which a fresh status then
-/// tells, or else in those of this system.
+/// Says what has failed: in the server's own words if it has refused something, which shows in a fresh
+/// status, or else in those of this system.
 inline int FileFailed(Status status, String_t const& file, int result, cindral::SftpStatus const& answer) {
     String_t what = Printable(file);
     what += ": ";
@@ -39,7 +30,7 @@ int WorkOnFiles(CommandLine const& arguments, Work const& work) {
     return LoginAndWork<SftpClientSession>(arguments, [&work](SftpClientSession& session) {
         int const result = session.Start();
         if (result > 0) return Fail(CHANNEL_REFUSED, "the server refuses the channel");
-        if (result < 0) return Fail(CONNECTION_FAILED, "the server does not tell its directory");
+        if (result < 0) return Fail(CONNECTION_FAILED, "the server does not name its directory");
         return work(session);
     });
 }

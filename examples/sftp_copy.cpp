@@ -1,20 +1,31 @@
 // Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories.
+//
+// SftpClientSession::Get and MGet do the same in one call, but write wherever a name of the server's leads
+// and give files the mode that the server says (docs/dialect.md, Hazards). Here a name that the server
+// chooses is checked before anything is written under it, and a new file gets no more than the permission
+// bits, within the umask.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
+
+#include <brantle/thornel/file_descriptor.h>
 
 #include "sftp.h"
 
 namespace {
 
 using cindral::DirEntry;
+using cindral::SftpClient;
 using cindral::SftpClientSession;
 using cindral::SftpFileAttr;
+using cindral::SftpFileHandle;
 using cindral::SftpStatus;
 using examples::DONE;
 using examples::Fail;
@@ -35,8 +46,8 @@ int ForEach(TOList<String_t> const& names, Step const& step) {
     return outcome;
 }
 
-/// A copy can end well and yet be incomplete: what a local descriptor does not take of a block is left out,
-/// and so is a block that the server refuses ahead of the last. The sizes tell.
+/// A copy can end well and yet be incomplete: a server may send less than the file has, and a block that it
+/// refuses ahead of the last is left out. The sizes show it.
 int CompareSizes(SftpClientSession& session, String_t const& remote, String_t const& local) {
     SftpStatus status;
     SftpFileAttr attrs;
@@ -57,28 +68,80 @@ Pathname PlaceIn(String_t const& dir, Pathname const& file) { return Under(dir, 
 
 // --- from the server
 
-int GetFile(SftpClientSession& session, String_t const& remote, String_t const& dir) {
-    SftpStatus status;
-    Pathname const local = PlaceIn(dir, remote);
-    if (int const result = session.Get(status, remote, local); result < 0)
-        return Failed(remote, result, status);
-    return CompareSizes(session, remote, local);
-}
-
-int GetMatching(SftpClientSession& session, String_t const& pattern, String_t const& dir) {
-    SftpStatus status;
-    int const count = session.MGet(status, pattern, dir);
-    if (count < 0) return Failed(pattern, count, status);
-    if (count == 0) return Fail(examples::NOT_COPIED, String_t(pattern) += ": nothing matches");
-    TOList<String_t> names;
-    session.Glob(status, names, session.RemotePathname(pattern));
-    return ForEach(names,
-                   [&](String_t const& name) { return CompareSizes(session, name, PlaceIn(dir, name)); });
-}
-
-/// Whether a name is one of a file in a directory. A server may send any: "..", "/etc/passwd", "a/../../b".
+/// Whether a name that the server chose is that of a file in a directory, and fit to be shown.
 bool IsPlainName(String_t const& name) {
-    return name != "" && name != "." && name != ".." && !std::strchr(name.Text(), '/');
+    std::string_view const text = str_text(name.Text());
+    return text != "" && text != "." && text != ".." && text.find('/') == text.npos &&
+           !examples::HasControl(text);
+}
+
+int RefuseName(String_t const& name) {
+    return Fail(examples::NOT_COPIED, examples::Printable(name) += ": not a name in a directory");
+}
+
+int Write(int fd, char const* bytes, int count) {
+    while (count > 0) {
+        ssize_t const written = write(fd, bytes, static_cast<std::size_t>(count));
+        if (written < 0 && errno != EINTR) return -1;
+        bytes += std::max<ssize_t>(written, 0);
+        count -= static_cast<int>(std::max<ssize_t>(written, 0));
+    }
+    return 0;
+}
+
+/// Copies a remote file to a local one. `flags` are for open(2), beside those that it needs.
+int GetFile(SftpClientSession& session, String_t const& remote, Pathname const& local, int flags) {
+    SftpStatus status;
+    SftpClient& client = session.Client();
+    SftpFileHandle const handle =
+        client.Open(status, session.RemotePathname(remote), SftpClient::SSH_FXF_READ, SftpFileAttr());
+    if (handle._bytes.Length() == 0) return Failed(remote, -EBADMSG, status);
+    SftpClient::FileControl const closes(client, handle);
+    SftpFileAttr attrs;
+    client.Fstat(status, handle, attrs);
+    if (status._code != SftpStatus::FX_OK) return Failed(remote, 0, status);
+    bool const hasMode = attrs._flags & SftpFileAttr::PERMISSIONS;
+    FileDescriptor const fd(open64(local.Text(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | flags,
+                                   hasMode ? attrs._permissions & 0777 : 0666));
+    if (fd < 0) return FailedHere(local);
+    char block[32562];
+    long long offset = 0;
+    for (;;) {
+        int const count = client.Read(status, handle, offset, block, sizeof block);
+        if (status._code != SftpStatus::FX_OK) return Failed(remote, count, status);
+        if (count <= 0) return CompareSizes(session, remote, local);
+        if (Write(fd, block, count) < 0) return FailedHere(local);
+        offset += count;
+    }
+}
+
+/// Under a name of the user's, which may be that of a link.
+int GetNamed(SftpClientSession& session, String_t const& remote, String_t const& dir) {
+    return GetFile(session, remote, PlaceIn(dir, remote), 0);
+}
+
+/// Under a name of the server's, which no link can lead elsewhere.
+int GetChosen(SftpClientSession& session, String_t const& remote, Pathname const& local) {
+    return GetFile(session, remote, local, O_NOFOLLOW);
+}
+
+std::ptrdiff_t Depth(String_t const& path) {
+    std::string_view const text = str_text(path.Text());
+    return std::count(text.begin(), text.end(), '/');
+}
+
+/// A wildcard of Glob matches "/" as well: the server may answer "photos*" by "photos/../.profile".
+int GetMatching(SftpClientSession& session, String_t const& given, String_t const& dir) {
+    Pathname const pattern = session.RemotePathname(given).Collapse();
+    SftpStatus status;
+    TOList<String_t> names;
+    if (session.Glob(status, names, pattern) < 1)
+        return Fail(examples::NOT_COPIED, String_t(given) += ": nothing matches");
+    return ForEach(names, [&](String_t const& name) {
+        String_t const leaf = Pathname(name).Leaf(nullptr);
+        if (Depth(name) != Depth(pattern) || !IsPlainName(leaf)) return RefuseName(name);
+        return GetChosen(session, name, Under(dir, leaf));
+    });
 }
 
 /// Makes a directory unless there is one. A link to one leads elsewhere.
@@ -88,16 +151,6 @@ bool MakeDirectory(Pathname const& dir) {
     if (errno != EEXIST || lstat64(dir.Text(), &file) < 0) return false;
     errno = ENOTDIR;
     return S_ISDIR(file.st_mode);
-}
-
-/// Copies through a descriptor of this program's own, which no link can lead elsewhere.
-int GetFileInto(SftpClientSession& session, String_t const& remote, Pathname const& local) {
-    int const fd = open64(local.Text(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (fd < 0) return FailedHere(local);
-    SftpStatus status;
-    int const result = session.Receive(status, remote, fd);
-    close(fd);
-    return result < 0 ? Failed(remote, result, status) : CompareSizes(session, remote, local);
 }
 
 /// Copies what a remote directory holds into a local one, which is made.
@@ -111,12 +164,11 @@ int GetDirectory(SftpClientSession& session, Pathname const& remote, Pathname co
     while (DirEntry const* const entry = next()) {
         int result = DONE;
         if (!IsPlainName(entry->_name))
-            result = Fail(examples::NOT_COPIED,
-                          examples::Printable(entry->_name) += ": not a name in a directory");
+            result = RefuseName(entry->_name);
         else if (S_ISDIR(entry->_status.st_mode))
             result = GetDirectory(session, Under(remote, entry->_name), Under(local, entry->_name));
         else if (S_ISREG(entry->_status.st_mode))
-            result = GetFileInto(session, Under(remote, entry->_name), Under(local, entry->_name));
+            result = GetChosen(session, Under(remote, entry->_name), Under(local, entry->_name));
         else
             std::cerr << examples::Printable(entry->_name) << ": left out, not a file or directory"
                       << std::endl;
@@ -125,20 +177,27 @@ int GetDirectory(SftpClientSession& session, Pathname const& remote, Pathname co
     return outcome;
 }
 
+/// The place of a remote directory: under its last component as the user gave it. What "." and ".." stand for
+/// is the server's to say, so they have no name here, and what they hold goes into the local directory
+/// itself.
+Pathname PlaceOfTree(String_t const& dir, Pathname const& remote) {
+    String_t const leaf = remote.Leaf(nullptr);
+    return leaf == "" || leaf == "." || leaf == ".." ? Pathname(dir) : Under(dir, leaf);
+}
+
 int GetAll(SftpClientSession& session, String_t const& remote, String_t const& dir) {
     SftpStatus status;
     SftpFileAttr attrs;
     if (int const result = session.Stat(status, remote, attrs); result < 0)
         return Failed(remote, result, status);
-    if (!S_ISDIR(attrs._permissions)) return GetFile(session, remote, dir);
-    Pathname const source = session.RemotePathname(remote).Collapse();
-    return GetDirectory(session, source, PlaceIn(dir, source));
+    if (!S_ISDIR(attrs._permissions)) return GetNamed(session, remote, dir);
+    return GetDirectory(session, session.RemotePathname(remote).Collapse(), PlaceOfTree(dir, remote));
 }
 
 int Get(SftpClientSession& session, bool recursive, String_t const& remote, String_t const& dir) {
     if (recursive) return GetAll(session, remote, dir);
     if (SftpClientSession::IsWildcardPath(remote)) return GetMatching(session, remote, dir);
-    return GetFile(session, remote, dir);
+    return GetNamed(session, remote, dir);
 }
 
 // --- to the server

@@ -1,5 +1,8 @@
 // The example programs as a user runs them: what they print and what they exit with.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -170,6 +173,102 @@ TEST(Examples, MessagesBetweenLoginAndChannelAreRead) {
     });
     EXPECT_EQ(ran.status, 0) << ran;
     EXPECT_EQ(ran.errors, "");
+}
+
+TEST(Examples, ScpCopyTakesNoModeFromTheServer) {
+    std::string const home = std::getenv("HOME");
+    mode_t const before = umask(027);
+    Ran const ran = ExecuteAgainst(
+        [&](Connection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            c.SendData("C4777 3 got\nabc" + std::string(1, '\0'));
+        },
+        SCP_COPY, "get got " + home);
+    umask(before);
+    EXPECT_EQ(ran.status, 0) << ran;
+    struct stat file;
+    ASSERT_EQ(stat((home + "/got").c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 07777, 0640u);
+    EXPECT_EQ(TakeFile(home + "/got"), "abc");
+}
+
+TEST(Examples, ScpCopyLeavesNoFileThatItDidNotGet) {
+    std::string const home = std::getenv("HOME");
+    EXPECT_THAT(ExecuteAgainst(
+                    [](Connection& c) {
+                        c.WellBehaved(Stage::Opened);
+                        c.ReadChannelRequest();
+                        c.SendData("\1scp: no such file\n");
+                    },
+                    SCP_COPY, "get missing " + home),
+                Fails(10, "scp terminated with error"));
+    EXPECT_NE(access((home + "/missing").c_str(), F_OK), 0);
+}
+
+TEST(Examples, BannerAndFarewellDoNotSteerTheTerminal) {
+    Ran const ran = ExecuteAgainst([](Connection& c) {
+        c.WellBehaved(Stage::Service);
+        c.ReadAuthRequest();
+        c.SendBanner("\033[2JWelcome\r\n\tto \302\233 caf\303\251\rPassword: ");
+        c.SendAuthSuccess();
+        c.ConfirmOpen();
+        c.ReadChannelRequest();
+        c.SendDisconnect(2, "\033]0;gone\a");
+    });
+    EXPECT_EQ(ran.output, "?[2JWelcome\r\n\tto ? caf\303\251?Password: ");
+    EXPECT_EQ(ran.errors, "connection closed by peer, ?]0;gone?\r\n");
+}
+
+TEST(Examples, QuestionsShowWhoAsks) {
+    ServerSettings settings;
+    settings.group = DhGroup::Modp(1024);
+    std::vector<std::string> answers;
+    ScriptedPeer server(
+        [&](Connection& c) {
+            c.WellBehaved(Stage::Service);
+            c.ReadAuthRequest();
+            c.SendAuthFailure("keyboard-interactive");
+            c.ReadAuthRequest();
+            c.SendInfoRequest("", "be\033careful", {{"Enter passphrase for id_rsa\b: ", true}});
+            answers = c.ReadInfoResponse();
+            c.SendAuthFailure("");
+        },
+        settings);
+    std::string const host = "127.0.0.1:" + std::to_string(server.Port());
+    Ran const ran = Execute("echo typed | " RUN_COMMAND " tester@" + host + " true");
+    server.Finish();
+    EXPECT_EQ(ran.output, "(" + host + ") be?careful\n(" + host + ") Enter passphrase for id_rsa?: ");
+    EXPECT_THAT(answers, testing::ElementsAre("typed"));
+}
+
+TEST(Examples, ErrorsOfTheServerDoNotSteerTheTerminal) {
+    EXPECT_THAT(ExecuteAgainst(
+                    [](Connection& c) {
+                        c.WellBehaved(Stage::Opened);
+                        c.ReadChannelRequest();
+                        c.SendData("\1\033[2Jno\n");
+                    },
+                    SCP_COPY, "put /dev/null x"),
+                Fails(10, "scp terminated with error: ?[2Jno"));
+    EXPECT_THAT(ExecuteAgainst(
+                    [](Connection& c) {
+                        c.WellBehaved(Stage::Opened);
+                        c.ReadChannelRequest();
+                        c.SendData("C\033[2J\n");
+                    },
+                    SCP_COPY, "get x /tmp"),
+                Fails(10, "invalid head line returned from scp: ?[2J"));
+}
+
+TEST(Examples, FailureIsReportedAfterAMessageWithoutAName) {
+    Ran const ran = ExecuteAgainst([](Connection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        c.SendPacket(Writer().U8(7).U32(0));
+    });
+    EXPECT_EQ(ran.status, 8) << ran;
+    EXPECT_THAT(ran.errors, testing::EndsWith("connection failed: packet length less than 2\n"));
 }
 
 TEST(Examples, WrongArgumentsAreAnsweredByTheUsage) {

@@ -136,12 +136,12 @@ TEST_F(SftpExamples, CopyGoesOnAfterWhatFails) {
                 Fails(10, There("gone") + ": No such file"));
 }
 
-// A file that may not grow takes the first part of a block, and the library does not offer the rest again.
-TEST_F(SftpExamples, CopyNoticesWhatWasLeftOut) {
+// A file that may not grow takes the first part of a block.
+TEST_F(SftpExamples, CopyNoticesThatAFileCannotGrow) {
     WriteFile(There("file"), std::string(20000, 'x'));
     std::string const limit = "bash -c 'trap \"\" XFSZ; ulimit -f 2; exec \"$@\"' limited ";
     EXPECT_THAT(Run(SFTP_COPY, "get " + There("file") + " " + Here(), limit),
-                Fails(10, There("file") + ": not complete, 20000 bytes there and 2048 here"));
+                Fails(10, Here("file") + ": File too large"));
 }
 
 TEST_F(SftpExamples, ChangeDoesOneThing) {
@@ -166,10 +166,18 @@ namespace {
 /// directories. Any other path is a file with the path for its content.
 using Claims = std::map<std::string, std::vector<std::string>>;
 
+/// What else it says.
+struct Manner {
+    std::uint32_t mode = 0100644; ///< of every file
+    std::string home = "/home";   ///< where it is to begin with
+    std::uint64_t heldBack = 0;   ///< bytes at the end of each file that it announces and does not send
+};
+
 /// An SFTP server that follows its claims.
 class Claimant {
 public:
-    Claimant(Connection& connection, Claims claims) : _connection(connection), _claims(std::move(claims)) {}
+    Claimant(Connection& connection, Claims claims, Manner manner)
+        : _connection(connection), _claims(std::move(claims)), _manner(std::move(manner)) {}
 
     /// Answers until the client goes.
     void Serve() {
@@ -214,7 +222,7 @@ private:
         std::string const subject = request.String(); // a path, or the handle, which is one
         switch (type) {
         case REALPATH:
-            return Writer().U8(NAME).U32(id).U32(1).String("/home").String("/home").U32(0);
+            return Writer().U8(NAME).U32(id).U32(1).String(_manner.home).String("long").U32(0);
         case OPENDIR:
             _listed = false;
             return IsDirectory(subject) ? Writer().U8(HANDLE).U32(id).String(subject) : Status(id, 2);
@@ -237,8 +245,8 @@ private:
 
     bool IsDirectory(std::string const& path) const { return _claims.count(path) != 0; }
 
-    static Bytes Attributes(std::size_t size, bool isDirectory) {
-        return Writer().U32(5).U64(size).U32(isDirectory ? 040755 : 0100644);
+    Bytes Attributes(std::size_t size, bool isDirectory) const {
+        return Writer().U32(5).U64(size + _manner.heldBack).U32(isDirectory ? 040755 : _manner.mode);
     }
 
     Bytes Names(std::uint32_t id, std::vector<std::string> const& names) {
@@ -259,15 +267,17 @@ private:
 
     Connection& _connection;
     Claims _claims;
+    Manner _manner;
     bool _listed = false;
 };
 
 /// A program's run against a server that makes these claims.
-Ran RunAgainst(Claims const& claims, std::string const& program, std::string const& arguments) {
+Ran RunAgainst(Claims const& claims, std::string const& program, std::string const& arguments,
+               Manner const& manner = {}) {
     ServerSettings settings;
     settings.group = DhGroup::Modp(1024);
     settings.noneAccepted = true;
-    ScriptedPeer server([&claims](Connection& c) { Claimant(c, claims).Serve(); }, settings);
+    ScriptedPeer server([&](Connection& c) { Claimant(c, claims, manner).Serve(); }, settings);
     Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
     server.Finish();
     return ran;
@@ -304,13 +314,34 @@ TEST(SftpExamplesAgainstMalice, RecursiveGetStaysInItsDirectory) {
     EXPECT_EQ(ran.status, 10) << ran;
     EXPECT_THAT(FilesBelow(outer.Path()),
                 testing::ElementsAre("in", "in/tree", "in/tree/..x", "in/tree/elsewhere", "in/tree/good",
-                                     "in/tree/linked", "in/tree/new\nline\033[31m", "in/tree/sub",
-                                     "in/tree/sub/deep", "in/tree/sub/deep/x", "in/tree/sub/fine", "out",
-                                     "out/file"));
+                                     "in/tree/linked", "in/tree/sub", "in/tree/sub/deep",
+                                     "in/tree/sub/deep/x", "in/tree/sub/fine", "out", "out/file"));
     EXPECT_EQ(ReadFile(outer / "out/file"), "untouched");
     EXPECT_EQ(ReadFile(outer / "in/tree/good"), "/tree/good");
     for (char const* line : {"../escaped: not a name in a directory\n", "a/..: not a name in a directory\n",
+                             "new?line?[31m: not a name in a directory\n",
                              "/linked: Too many levels of symbolic links\n", "/elsewhere: Not a directory\n"})
+        EXPECT_THAT(ran.errors, HasSubstr(line));
+}
+
+TEST(SftpExamplesAgainstMalice, PatternGetTakesNoNameThatLeadsElsewhere) {
+    servers::TemporaryDirectory const outer;
+    std::filesystem::create_directory(outer / "in");
+    WriteFile(outer / "in/.bashrc", "untouched");
+    WriteFile(outer / "elsewhere", "untouched");
+    std::filesystem::create_symlink("../elsewhere", outer / "in/foolink");
+    Claims const claims{{"/tree",
+                         {"foo/.bashrc", "foo/../.bashrc", "foo/..", "foo\nbar", "foo\033[2J", "foo\302\233",
+                          "foolink", "foobar"}}};
+    Ran const ran = RunAgainst(claims, SFTP_COPY, "get '/tree//foo*' " + (outer / "in"));
+    EXPECT_EQ(ran.status, 10) << ran;
+    EXPECT_THAT(FilesBelow(outer / "in"), testing::ElementsAre(".bashrc", "foobar", "foolink"));
+    EXPECT_EQ(ReadFile(outer / "in/.bashrc"), "untouched");
+    EXPECT_EQ(ReadFile(outer / "elsewhere"), "untouched");
+    EXPECT_EQ(ReadFile(outer / "in/foobar"), "/tree/foobar");
+    for (char const* line :
+         {"/tree/foo/.bashrc: not a name in a directory\n", "/tree/foo?bar: not a name in a directory\n",
+          "/foolink: Too many levels of symbolic links\n"})
         EXPECT_THAT(ran.errors, HasSubstr(line));
 }
 
@@ -319,9 +350,42 @@ TEST(SftpExamplesAgainstMalice, PatternGetStaysInItsDirectory) {
     std::filesystem::create_directory(outer / "in");
     Claims const claims{{"/tree", {"../escaped", "a/../../b", "/c", "good"}}};
     Ran const ran = RunAgainst(claims, SFTP_COPY, "get '/tree/*' " + (outer / "in"));
+    EXPECT_EQ(ran.status, 10) << ran;
+    EXPECT_THAT(FilesBelow(outer.Path()), testing::ElementsAre("in", "in/c", "in/good"));
+}
+
+// The server says where it is to begin with.
+TEST(SftpExamplesAgainstMalice, DirectoryWithoutANameGetsNoneOfTheServers) {
+    servers::TemporaryDirectory const outer;
+    std::filesystem::create_directory(outer / "in");
+    Manner manner;
+    manner.home = "/home/.ssh";
+    Ran const ran = RunAgainst({{"/home/.ssh", {"keys"}}}, SFTP_COPY, "get -r . " + (outer / "in"), manner);
     EXPECT_EQ(ran.status, 0) << ran;
-    EXPECT_THAT(FilesBelow(outer.Path()),
-                testing::ElementsAre("in", "in/b", "in/c", "in/escaped", "in/good"));
+    EXPECT_THAT(FilesBelow(outer.Path()), testing::ElementsAre("in", "in/keys"));
+}
+
+TEST(SftpExamplesAgainstMalice, NewFilesGetPermissionBitsWithinTheUmaskAlone) {
+    Manner manner;
+    manner.mode = 0106777;
+    for (char const* what : {"/tree/a", "'/tree/*'", "-r /tree"}) {
+        servers::TemporaryDirectory const here;
+        mode_t const before = umask(027);
+        Ran const ran =
+            RunAgainst({{"/tree", {"a"}}}, SFTP_COPY, "get " + (what + (" " + here.Path().string())), manner);
+        umask(before);
+        EXPECT_EQ(ran.status, 0) << ran;
+        std::string const file = here / (what[0] == '-' ? "tree/a" : "a");
+        EXPECT_EQ(ModeOf(file), 0750u) << what;
+    }
+}
+
+TEST(SftpExamplesAgainstMalice, FileCutShortIsNoticed) {
+    servers::TemporaryDirectory const here;
+    Manner manner;
+    manner.heldBack = 3;
+    EXPECT_THAT(RunAgainst({}, SFTP_COPY, "get /file " + here.Path().string(), manner),
+                Fails(10, "/file: not complete, 8 bytes there and 5 here"));
 }
 
 TEST(SftpExamplesAgainstMalice, NothingSteersTheTerminal) {
