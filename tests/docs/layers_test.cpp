@@ -1,0 +1,111 @@
+// script/check-layers: on this tree, and on copies of it that go against the drawing in docs/design.md.
+
+#include <filesystem>
+#include <string>
+
+#include <gmock/gmock.h>
+
+#include "support/servers/process.h"
+
+using servers::Outcome;
+using servers::ReadFile;
+using servers::WriteFile;
+using testing::AllOf;
+using testing::Field;
+using testing::HasSubstr;
+
+namespace {
+
+std::filesystem::path const SOURCES = BRANTLE_SOURCE_DIR;
+
+Outcome CheckLayers(std::filesystem::path const& tree) {
+    return servers::Run({SOURCES / "script/check-layers", tree});
+}
+
+auto Complains(std::string const& line) {
+    return AllOf(Field(&Outcome::status, 1), Field(&Outcome::errors, HasSubstr(line + "\n")));
+}
+
+/// A copy of what the check reads.
+class LayersOfACopy : public testing::Test {
+protected:
+    LayersOfACopy() {
+        for (char const* folder : {"apps", "channel", "docs", "event", "foundations", "include", "kex",
+                                   "packet", "session", "sftp", "trust"})
+            std::filesystem::copy(SOURCES / folder, Path() / folder,
+                                  std::filesystem::copy_options::recursive);
+    }
+
+    std::filesystem::path const& Path() const { return _tree.Path(); }
+    void Append(std::string const& file, std::string const& text) {
+        WriteFile(_tree / file, ReadFile(_tree / file) + text);
+    }
+    void Replace(std::string const& file, std::string const& from, std::string const& to) {
+        std::string text = ReadFile(_tree / file);
+        std::size_t const at = text.find(from);
+        ASSERT_NE(at, std::string::npos) << from;
+        WriteFile(_tree / file, text.replace(at, from.size(), to));
+    }
+
+private:
+    servers::TemporaryDirectory _tree;
+};
+
+} // namespace
+
+TEST(Layers, IncludesOfThisTreeFollowTheDrawing) {
+    Outcome const outcome = CheckLayers(SOURCES);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_THAT(outcome.output, HasSubstr("every #include follows one"));
+}
+
+TEST_F(LayersOfACopy, CopyFollowsTheDrawingToo) { EXPECT_EQ(CheckLayers(Path()).status, 0); }
+
+TEST_F(LayersOfACopy, IncludeOfAHigherLayerIsAnError) {
+    Append("packet/transport_messages.cpp", "# include <brantle/session/ssh_session.h>\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("packet may not include SshSession"));
+}
+
+TEST_F(LayersOfACopy, PublicHeadersCount) {
+    Append("include/brantle/event/timers.h", "#include <brantle/cindral/random.h>\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("event may not include cindral"));
+}
+
+TEST_F(LayersOfACopy, HeadersWithoutAnExtensionCount) {
+    Append("include/generic/tset", "#include <brantle/cindral/random.h>\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("thornel may not include cindral"));
+}
+
+TEST_F(LayersOfACopy, PathsIntoAnotherFolderCount) {
+    Append("event/timers.cpp", "#include \"../channel/forwarded_connection.h\"\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("event may not include channel"));
+}
+
+TEST_F(LayersOfACopy, HeaderForEverythingIsNotForTheLibrary) {
+    Append("sftp/sftp_name.cpp", "#include <brantle/brantle.h>\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("sftp may not include brantle.h"));
+}
+
+TEST_F(LayersOfACopy, FileGivenToAHigherLayerIsNotForItsOwnFolder) {
+    Append("channel/ssh_channel.cpp", "#include <brantle/channel/x11_forwarding.h>\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("channel may not include SshSession"));
+}
+
+TEST_F(LayersOfACopy, ArrowThatLeadsUpIsAnError) {
+    Replace("docs/design.md", "event      -> thornel", "event      -> packet thornel");
+    Append("event/timers.cpp", "#include <brantle/packet/packet.h>\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("docs/design.md: 'event -> packet' does not lead down"));
+}
+
+TEST_F(LayersOfACopy, ArrowThatNothingFollowsIsAnError) {
+    Replace("docs/design.md", "kex        -> cindral", "kex        -> event cindral");
+    EXPECT_THAT(CheckLayers(Path()), Complains("docs/design.md: nothing in kex includes event any more"));
+}
+
+TEST_F(LayersOfACopy, FolderThatIsNotDrawnIsAnError) {
+    std::filesystem::create_directory(Path() / "surplus");
+    WriteFile(Path() / "surplus/CMakeLists.txt", "target_sources(brantle PRIVATE surplus.cpp)\n");
+    EXPECT_THAT(CheckLayers(Path()), Complains("docs/design.md does not show surplus"));
+    std::filesystem::create_directory(Path() / "include/brantle/more");
+    EXPECT_THAT(CheckLayers(Path()), Complains("docs/design.md does not show include/brantle/more/"));
+}
