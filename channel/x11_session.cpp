@@ -13,6 +13,9 @@ namespace cindral {
 
 namespace {
 
+/// Channels that may wait for the first data of their X clients: each costs memory, and the peer nothing.
+constexpr unsigned int MAX_UNCONNECTED = 1024;
+
 /// The first message of an X client (X Window System Protocol, section 8): byte order, protocol version, and
 /// the name and the data of its authorisation, both padded.
 class SetupMessage {
@@ -80,13 +83,16 @@ void SshSession::RequestX11Forwarding() {
                                     X11Forwarding::_defaultAuthMethod,
                                     X11Forwarding::CookieString(_x11->_fakeCookie), _x11->_screenNumber);
     _out.WritePacket(request);
+    // Deliberate: the very next message is the answer, and any other than a success is a refusal. Pinned by
+    // X11Request.AnyNumberButSuccessIsARefusal.
     PacketDecoder decoder(_in.ReadPacket());
     PacketChannelResponse const response(decoder);
     if (response._type != Packet::SSH_MSG_CHANNEL_SUCCESS) _x11.Reset(nullptr);
 }
 
 int SshSession::OpenForwardedX11Channel(PacketOpenTcpChannel const& request) {
-    if (!_x11.Get()) return 1;
+    if (!_x11.Get()) return Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED;
+    if (_channels.CountUnconnectedX11() >= MAX_UNCONNECTED) return Packet::SSH_OPEN_RESOURCE_SHORTAGE;
     SshChannel const* channel = _channels.NewX11Connection(request._senderChannel, request._channelType,
                                                            _windowSize, *this, &_in, &_out);
     PacketChannelOpenConfirmation confirmation(request._senderChannel, channel->_localId, _windowSize,
@@ -96,7 +102,7 @@ int SshSession::OpenForwardedX11Channel(PacketOpenTcpChannel const& request) {
 }
 
 int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel) {
-    if (!_x11.Get()) return -1;
+    if (!_x11.Get() || !channel) return -1;
     SetupMessage const message(data, length);
     char const* const method = X11Forwarding::_defaultAuthMethod;
     if (!message.IsAcceptable() || message.Name() != ByteString(method, str_len(method)) ||
@@ -111,7 +117,8 @@ int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int le
     ByteString const& real = _x11->_realCookie;
     bool const isKnown = real.Length() != 0;
     if (isKnown && real.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
-    // An X server without access control does not look at the cookie.
+    // An X server without access control does not look at the cookie. Deliberate: the lengths in the message
+    // stay, whatever the method. Pinned by X11Setup.MethodIsThatOfXauthAndTheLengthsStay.
     message.Send(fd, _x11->_authMethod, isKnown ? real : _x11->_fakeCookie);
     RegisterChannelInput(fd, channel);
     return fd.Release();

@@ -6,25 +6,27 @@
 #include <cstring>
 #include <iostream>
 
+#include <brantle/channel/ssh_channel_ref.h>
 #include <brantle/cindral/exceptions.h>
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/session_requests.h>
 #include <brantle/packet/transport_messages.h>
 #include <brantle/session/ssh_session.h>
 #include <brantle/thornel/sock_io.h>
+#include <brantle/thornel/text.h>
 
 namespace cindral {
 
 namespace {
 
-/// Whether a CHANNEL_OPEN ends with the fields that all channel types have, as that of a session does
-/// (RFC 4254, section 6.1): type, number, window and packet size.
-bool IsWithoutAddress(ByteString const& packet) {
+/// Whether a CHANNEL_OPEN is that of a session as RFC 4254, section 6.1, has it: type, number, window and
+/// packet size, without the address that PacketOpenTcpChannel reads.
+bool IsSessionOpen(ByteString const& packet) {
     PacketDecoder decoder(packet);
     unsigned int const padding = decoder.ReadByte();
     decoder.ReadTypeCode();
-    unsigned int const typeLength = decoder.ReadInt();
-    return packet.Length() == 2 + 4 + typeLength + 12 + padding;
+    String_t const type = decoder.ReadString();
+    return type == "session" && packet.Length() == 2 + 4 + str_len(type.Text()) + 12 + padding;
 }
 
 } // namespace
@@ -41,22 +43,22 @@ private:
     SshSession* _session;
 };
 
-/// Leads a local descriptor to its channel, by the channel's local number: a channel may be replaced
-/// or closed while its descriptor is registered.
+/// Leads a local descriptor to its channel, which need not be in the session's table. The reference follows a
+/// replacement; the registration of a channel that is gone ends.
 class SshSession::FdDispatcher : public IOMultiplexerDispatcher {
 public:
-    FdDispatcher(SshSession* session, SshChannel const* channel)
-        : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session), _channel(channel->_localId) {}
+    FdDispatcher(SshSession* session, SshChannel* channel)
+        : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session), _channel(channel) {}
     FdDispatcher* Clone() const override { return new FdDispatcher(*this); }
     int Dispatch(int fd) override;
 
 private:
     SshSession* _session;
-    unsigned int _channel;
+    SshChannelRef _channel;
 };
 
 int SshSession::FdDispatcher::Dispatch(int fd) {
-    SshChannel* channel = _session->_channels.Find(static_cast<int>(_channel));
+    SshChannel* const channel = _channel.Get();
     if (!channel) return 0;
     char buffer[8192];
     ssize_t const n = read(fd, buffer, sizeof buffer);
@@ -65,7 +67,7 @@ int SshSession::FdDispatcher::Dispatch(int fd) {
         return 1;
     }
     if (n == 0) {
-        _session->CloseChannel(_channel);
+        _session->CloseChannel(channel->_localId);
         return 0;
     }
     char const* const reason = std::strerror(errno);
@@ -98,12 +100,13 @@ void SshSession::InitDispatcher() {
 }
 
 void SshSession::RegisterFdDispatcher(SshChannel* channel) {
+    if (!channel) throw InvalidArgument("SshSession::RegisterFdDispatcher", "no channel");
     SetNodelay(channel->_fdIn);
     SockIO::SetCloseOnExec(channel->_fdIn);
     RegisterChannelInput(channel->_fdIn, channel);
 }
 
-void SshSession::RegisterChannelInput(int fd, SshChannel const* channel) {
+void SshSession::RegisterChannelInput(int fd, SshChannel* channel) {
     _mux.Register(fd, FdDispatcher(this, channel));
 }
 
@@ -121,6 +124,25 @@ SshChannel* SshSession::ReplaceChannel(unsigned int id, SshChannelMakerBase cons
 
 int SshSession::Dispatch(int fd) {
     if (fd != _fd) throw SystemError("invalid input", EINVAL, CryptoException::EncodeInt(fd));
+    // Deliberate: the rest of a packet that has begun is waited for, and timers and Terminate with it. Pinned
+    // by Dispatch.PacketWhoseRestComesLaterIsWaitedForInTheSameDispatch.
+    return HandlePackets([this] { return _in.HasBufferedInput(); });
+}
+
+/// Packets that came in the same read as the answer are announced by no poll(2) any more. The rest of one
+/// that has come in part is.
+void SshSession::DispatchBufferedPackets() {
+    auto const isWhole = [this] { return _in.HasBufferedPacket(); };
+    if (_task.IsStopped() || !isWhole())
+        _channels.FlushAllChannels();
+    else if (HandlePackets(isWhole) == 0)
+        _mux.Unregister(_fd);
+}
+
+/// Handles a packet, and as many others as `hasMore` asks for, until a handler returns 0; then flushes the
+/// channels. Returns what the last handler returned, 1 if there was none.
+template <class HasMore>
+int SshSession::HandlePackets(HasMore const& hasMore) {
     int result = 1;
     do {
         PacketDecoder decoder(_in.ReadPacket());
@@ -131,13 +153,15 @@ int SshSession::Dispatch(int fd) {
         } else {
             ReportIgnored(number);
         }
-    } while (_in.HasBufferedInput());
+    } while (hasMore());
     _channels.FlushAllChannels();
     return result;
 }
 
 void SshSession::ReportIgnored(int number) {
     std::cerr << "ignore packet ";
+    // Deliberate: a number without a name, such as 7, fails the stream for the rest of the process. Pinned by
+    // Dispatch.NumberWithoutANameFailsTheErrorStreamAndNothingFollows.
     if (char const* name = Packet::MsgName(static_cast<unsigned int>(number)))
         std::cerr << name;
     else
@@ -147,6 +171,8 @@ void SshSession::ReportIgnored(int number) {
 
 int SshSession::HandleDisconnect(PacketDecoder& decoder) {
     PacketDisconnect const message(decoder);
+    // Deliberate: printed as it came, control characters included. Pinned by
+    // RunLoop.ControlCharactersOfADisconnectArePrintedAsTheyCame.
     std::cerr << "connection closed by peer, " << message._description << _eol << std::flush;
     _task.Stop();
     return 1;
@@ -179,6 +205,8 @@ int SshSession::HandleChannelWindowAdjust(PacketDecoder& decoder) {
 
 int SshSession::HandleChannelRequest(PacketDecoder& decoder) {
     PacketChannelRequest const message(decoder);
+    // Deliberate: an exit message on any channel ends the session, and no request is answered. Pinned by
+    // Dispatch.ExitMessageEndsTheRunOnAnyChannelAndGetsNoReply.
     if (!(message._request == "exit-status") && !(message._request == "exit-signal")) return 1;
     Terminate();
     return 0;
@@ -210,20 +238,20 @@ int SshSession::HandleChannelClose(PacketDecoder& decoder) {
 }
 
 int SshSession::HandleChannelOpen(PacketDecoder& decoder) {
-    if (IsWithoutAddress(decoder._data)) {
-        RefuseChannel(PacketOpenSessionChannel(decoder)._senderChannel);
+    int reason = Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED;
+    if (IsSessionOpen(decoder._data)) {
+        RefuseChannel(PacketOpenSessionChannel(decoder)._senderChannel, reason);
         return 1;
     }
     PacketOpenTcpChannel const request(decoder);
-    if (request._channelType == "forwarded-tcpip" && OpenForwardedTcpChannel(request) == 0) return 1;
-    if (request._channelType == "x11" && OpenForwardedX11Channel(request) == 0) return 1;
-    RefuseChannel(request._senderChannel);
+    if (request._channelType == "forwarded-tcpip") reason = OpenForwardedTcpChannel(request);
+    if (request._channelType == "x11") reason = OpenForwardedX11Channel(request);
+    if (reason != 0) RefuseChannel(request._senderChannel, reason);
     return 1;
 }
 
-void SshSession::RefuseChannel(unsigned int sender) {
-    PacketChannelOpenFailure refusal(sender, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED, "open failed",
-                                     String_t());
+void SshSession::RefuseChannel(unsigned int sender, int reason) {
+    PacketChannelOpenFailure refusal(sender, static_cast<unsigned int>(reason), "open failed", String_t());
     _out.WritePacket(refusal);
 }
 

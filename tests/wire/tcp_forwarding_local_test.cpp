@@ -31,6 +31,22 @@ bool IsSet(int fd, int level, int option) {
     return getsockopt(fd, level, option, &value, &size) == 0 && value != 0;
 }
 
+/// As long as it lives the process can open no descriptor.
+class NoDescriptorLeft {
+public:
+    NoDescriptorLeft() {
+        getrlimit(RLIMIT_NOFILE, &_before);
+        rlimit const lowered{3, _before.rlim_max}; // 0, 1 and 2 are open
+        setrlimit(RLIMIT_NOFILE, &lowered);
+    }
+    ~NoDescriptorLeft() { setrlimit(RLIMIT_NOFILE, &_before); }
+    NoDescriptorLeft(NoDescriptorLeft const&) = delete;
+    NoDescriptorLeft& operator=(NoDescriptorLeft const&) = delete;
+
+private:
+    rlimit _before{};
+};
+
 class LocalForwarding : public ForwardingTest {
 protected:
     /// Expects that the connection is attached to the server's channel 77, and ends the run.
@@ -160,6 +176,26 @@ TEST_F(LocalForwarding, ConnectionsOutliveTheirForwarding) {
                       Listen(session);
                       EXPECT_EQ(session._mux.Dispatch(Forwarding(session)->_server->Fd()), 1);
                       EXPECT_EQ(session.CancelLocalForwarding(0), 0);
+                  }),
+              "-1");
+}
+
+TEST_F(LocalForwarding, ListenerStaysInTheLoopWhileNoDescriptorIsLeft) {
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      tcp::End local = ConnectThrough(c);
+                      IsJoined(c, local);
+                  },
+                  [&](LoopSession& session) {
+                      Listen(session);
+                      int const fd = Forwarding(session)->_server->Fd();
+                      pollfd ready{fd, POLLIN, 0};
+                      ASSERT_EQ(poll(&ready, 1, 10000), 1);
+                      NoDescriptorLeft const none;
+                      for (int cycle = 0; cycle < 3; ++cycle) {
+                          EXPECT_EQ(session._mux.Dispatch(fd), 1);
+                          EXPECT_EQ(poll(&ready, 1, 0), 1) << "the connection is still to be accepted";
+                      }
                   }),
               "-1");
 }
@@ -489,8 +525,68 @@ TEST_F(LocalForwarding, EndAfterTheAnswerEndsTheRun) {
                   },
                   Listening()),
               "-1");
-    EXPECT_EQ(dispatches, 1);
+    EXPECT_EQ(dispatches, 0);
     EXPECT_FALSE(socketStays);
+}
+
+TEST_F(LocalForwarding, PartOfAPacketAfterTheAnswerHoldsUpNothing) {
+    for (char const* cipher : {"aes128-ctr", "3des-cbc"}) {
+        settings.kexInit.Pin(cipher, "hmac-sha1");
+        for (std::size_t const part : {1u, 8u, 15u, 16u, 17u, 40u, 51u}) {
+            EXPECT_EQ(Run(
+                          [&](Connection& c) {
+                              c.Wire().waitLimit = std::chrono::seconds(5);
+                              tcp::End const local = Connect();
+                              c.ReadChannelOpen();
+                              Bytes const answer = c.Encode(Confirmation(1, 77));
+                              Bytes const next = c.Encode(Data("greeting", 1));
+                              ASSERT_LT(part, next.size());
+                              c.SendRaw(Concat({answer, Slice(next, 0, part)}));
+                              local.Send("request");
+                              EXPECT_EQ(c.ReadPacket(), Data("request", 77));
+                              c.SendRaw(Slice(next, part, next.size() - part));
+                              EXPECT_EQ(local.Receive(8), "greeting");
+                              EndTheRun(c, local);
+                          },
+                          Listening()),
+                      "-1")
+                << cipher << ' ' << part;
+        }
+    }
+}
+
+TEST_F(LocalForwarding, WholePacketsInFrontOfAPartAreServed) {
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      c.Wire().waitLimit = std::chrono::seconds(5);
+                      tcp::End const local = Connect();
+                      c.ReadChannelOpen();
+                      Bytes const answer = c.Encode(Confirmation(1, 77));
+                      Bytes const whole = c.Encode(Data("first ", 1));
+                      Bytes const next = c.Encode(Data("second", 1));
+                      c.SendRaw(Concat({answer, whole, Slice(next, 0, next.size() - 1)}));
+                      EXPECT_EQ(local.Receive(6), "first ");
+                      c.SendRaw(Slice(next, next.size() - 1, 1));
+                      EXPECT_EQ(local.Receive(6), "second");
+                      EndTheRun(c, local);
+                  },
+                  Listening()),
+              "-1");
+}
+
+TEST_F(LocalForwarding, PacketWithABadLengthAfterTheAnswerEndsTheRun) {
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      tcp::End const local = Connect();
+                      c.ReadChannelOpen();
+                      SendOptions options;
+                      options.packetLength = 0x40001;
+                      Bytes const answer = c.Encode(Confirmation(1, 77));
+                      c.SendRaw(Concat({answer, Slice(c.Encode(Ignore(), options), 0, 16)}));
+                      EXPECT_TRUE(local.IsClosedByPeer());
+                  },
+                  Listening()),
+              "SshProtocolError: packet length exceeds maximum value: 262145");
 }
 
 TEST_F(LocalForwarding, DataForOtherChannelsInFrontOfTheAnswerIsFlushed) {
@@ -594,6 +690,17 @@ TEST_F(LocalForwarding, CallerIsWaitedForSixtySeconds) {
               }),
               "-1");
     EXPECT_THAT(Sent(), IsEmpty());
+}
+
+TEST_F(LocalForwarding, CallerIsNotLookedUpByName) {
+    String_t name, address;
+    unsigned short port = 0;
+    sockaddr_in const caller = tcp::Loopback(1);
+    NameLookUps const lookUps;
+    EXPECT_EQ(ServerSocketIn::DecodeCaller(caller, name, address, port), 0);
+    ASSERT_EQ(lookUps.Count(), 1) << "this count sees the library's calls";
+    EXPECT_EQ(Accept([](Connection& c, tcp::End&) { c.SendPacket(Confirmation(1, 77)); }), "0, Run -1");
+    EXPECT_EQ(lookUps.Count(), 1);
 }
 
 TEST_F(LocalForwarding, CallerWithoutAnAddressIsDropped) {

@@ -32,6 +32,9 @@ namespace cindral {
 
 /// One client connection to one SSH server: the hub of the library.
 ///
+/// It is one class whose sources stand in three folders: session/ (connecting, authentication, the session
+/// channel, the loop), kex/ (key exchange) and channel/ (forwarding of TCP and X11).
+///
 /// The order of calls is: constructor, Connect, KeyExchange, Authenticate, the starts of forwardings that
 /// are wanted, Open, one of StartShell, StartCommand and StartSubsystem, InitDispatcher, Run. Everything
 /// before Run blocks on the caller's thread. Steps out of order are not guarded.
@@ -40,11 +43,13 @@ namespace cindral {
 /// BadInput for a message that ends too early). After either the connection is of no further use:
 /// destroy the session, which closes it. Nothing sends DISCONNECT but Disconnect.
 ///
-/// A session belongs to one thread at a time; Terminate alone may be called from any.
+/// A session belongs to one thread at a time; Terminate alone may be called from any, where no override of
+/// it asks for more.
 /// The object is large, as the buffers of both directions are embedded in it.
 class BRANTLE_API SshSession {
 public:
-    /// The slot of the cipher and MAC pairs that serves output; the other one serves input.
+    /// The slot of the cipher and MAC pairs that serves output; the other one serves input. SERVER is no
+    /// server's role: it swaps the slots and changes nothing else. Nothing uses it; pass CLIENT.
     enum Mode { CLIENT = 0, SERVER = 1 };
 
     /// The state of X11 forwarding; see <brantle/channel/x11_forwarding.h>.
@@ -64,16 +69,25 @@ public:
     /// Closes the connection.
     virtual ~SshSession();
 
-    /// Asks the loop to end at its next look at the stop flag; nothing wakes a sleeping poll(2).
-    /// Returns the flag as it was.
+    /// Asks the loop to end at its next look at the stop flag, and may be called from any thread. Nothing
+    /// wakes a sleeping poll(2): the loop ends when that returns, after up to 60 seconds, or when Dispatch
+    /// has the rest of a packet. Returns the flag as it was. The override in SshInteractiveSession does more
+    /// and is not for every thread.
     virtual int Terminate();
 
     /// Serves the socket: handles every packet that has arrived, then flushes the channels. Called
     /// by the loop. `fd` must be the session's socket, else SystemError "invalid input".
+    ///
+    /// The rest of a packet of which a part has arrived is waited for, for up to 180 seconds at a time: a
+    /// server that never completes it keeps timers from firing and Terminate from taking effect.
     virtual int Dispatch(int fd);
 
     /// Runs the loop on the caller's thread until the session ends. Returns -1 once stopped, an
     /// errno value if poll(2) failed. What a peer does against the protocol leaves as an exception.
+    ///
+    /// The text of a DISCONNECT goes to std::cerr as the server sent it, control characters included. A
+    /// message whose number has no name, such as 7, leaves std::cerr failed: nothing more is printed there,
+    /// in the whole process, until the program clears its state.
     virtual int Run();
 
     /// Splits a target text, [user "@"] host [":" port], where the host may be an address in
@@ -95,18 +109,27 @@ public:
     /// algorithm, the group is out of bounds, or the host key, the server's public value or its
     /// signature is not accepted. The server host key, compression and language lists are not
     /// compared. Throws what the decoders and DhExchange throw.
+    ///
+    /// After -1, or an exception, nobody knows who the server is and nothing is encrypted: give the
+    /// connection up. Authenticate sends nothing on it. A host key that was unknown is then known all the
+    /// same: it is written to known_hosts before the server has shown that it holds the key.
     int KeyExchange();
 
     /// Runs the ssh-userauth service (RFC 4252): asks with "none", then tries the methods that the
-    /// server lists, in its order, until one succeeds. Returns 0, or -1 if all fail.
+    /// server lists, in its order, until one succeeds. Returns 0, or -1 if all fail. Without keys in force,
+    /// as when KeyExchange has not been called or has not returned 0, it is -1 as well and nothing is sent:
+    /// the password would leave in clear, for whoever is at the other end.
     ///
     /// `identity` is the path of a private key, with its public key beside it under the extension
     /// ".ssh" or ".pub"; empty for the defaults in ~/.ssh. A key agent is asked first. `password` is
     /// both the login password and the key's passphrase; its text is wiped when it has been sent, so
-    /// that the caller's own copy reads as empty afterwards. `enter` asks for further passwords, as
+    /// that the caller's own copy reads as empty afterwards. Copies of it, and of what is typed, stay in the
+    /// memory of the messages sent and on the stack. `enter` asks for further passwords, as
     /// often as its number of tries; `callback` answers keyboard-interactive requests.
     ///
-    /// A banner is printed on standard output. Throws SshProtocolError on a message out of place.
+    /// A banner is printed on standard output as the server sent it, control characters included, so that it
+    /// may look like anything, a prompt of the program's too. Throws SshProtocolError on a message out of
+    /// place.
     int Authenticate(String_t const& identity, String_t const& user, String_t const& password,
                      EnterPassword& enter, KbdInteractiveCallback& callback);
 
@@ -136,14 +159,14 @@ public:
     /// listening fails. `spec` is as ParseFwdSpec reads it, whose -EINVAL is returned.
     ///
     /// A connection that is made while data flows on other channels may be dropped; see
-    /// AcceptLocalFwdConnection.
+    /// AcceptLocalFwdConnection. One that comes while the process has no descriptor left stays waiting, and
+    /// the loop busy-waits until there is one.
     int StartLocalForwarding(String_t const& spec);
     int StartLocalForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
                              String_t const& bindAddress);
 
     /// Stops listening; connections stay. Returns 0, or -1 if the port is not forwarded. The loop keeps the
-    /// record of the closed descriptor, and runs without a rest until its number is registered again or
-    /// unregistered.
+    /// record of the closed descriptor, and busy-waits until its number is registered again or unregistered.
     int CancelLocalForwarding(unsigned int listenPort);
 
     /// Asks the server to listen on `listenPort` of its address `bindAddress` and to lead each connection
@@ -182,31 +205,37 @@ public:
     /// the process's descriptors 0, 1 and 2.
     void InitDispatcher();
 
-    /// Registers the descriptor that feeds `channel`, a TCP socket, with the loop.
+    /// Registers the input descriptor of `channel`, a TCP socket, with the loop: what comes from it goes to
+    /// the channel's ForwardToSshd, and its end to CloseChannel with the channel's `_localId`. The channel
+    /// need not be in the session's table and stays its owner's. If it is destroyed the registration ends, as
+    /// soon as the descriptor is ready; if ReplaceChannel puts another in its place, that one is fed.
+    ///
+    /// Throws InvalidArgument for a null channel, and what SetNodelay throws.
     void RegisterFdDispatcher(SshChannel* channel);
 
     /// Sends CHANNEL_EOF on the channel of that local number; the channel stays. Unknown: nothing.
     void CloseChannel(unsigned int id);
 
     /// Confirms a channel of a remote X client; its connection to the X server waits for the client's first
-    /// data. Returns 0, or 1 if the channel is to be refused: X11 is not forwarded.
+    /// data. Returns 0, or the reason of a refusal (RFC 4254, section 5.1): 1 (administratively prohibited)
+    /// if X11 is not forwarded, 4 (resource shortage) while 1,024 channels are without a connection.
     int OpenForwardedX11Channel(PacketOpenTcpChannel const& request);
 
     /// Connects an X11 channel to the X server, given the client's connection set-up message, which
     /// must be whole, alone and show the cookie that the peer was given. The X server gets its own cookie in
     /// its place. Blocks for up to 60 seconds. Returns the descriptor, attached to `channel` in the loop
-    /// and from then on the channel's, or -1: nothing was connected, or it is closed again. Throws what
-    /// SetNodelay throws.
+    /// and from then on the channel's, or -1: nothing was connected, as for a null `channel`, or it is closed
+    /// again. Throws what SetNodelay throws.
     int InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel);
 
     /// Accepts one connection of a local forwarding, waiting for one for up to 60 seconds, and asks the
     /// server for a channel for it. Called by the loop, which ignores the result.
     ///
-    /// Waits for one packet and handles what has come with it. With a confirmation (RFC 4254, section 5.1)
-    /// among that, the connection is attached to its channel in the loop; else it is closed, even if the
-    /// confirmation is still on its way. Returns 0, also where the server refuses or has not answered yet;
-    /// -1 if no connection came or the server answers with CHANNEL_FAILURE; what DecodeCaller returns if
-    /// the caller has no IPv4 address.
+    /// Waits for one packet and handles what has come with it, up to the end of a packet that has begun. With
+    /// a confirmation (RFC 4254, section 5.1) among that, the connection is attached to its channel in the
+    /// loop; else it is closed, even if the confirmation is still on its way. Returns 0, also where the
+    /// server refuses or has not answered yet; -1 if no connection came or the server answers with
+    /// CHANNEL_FAILURE; what DecodeCaller returns if the caller has no IPv4 address.
     int AcceptLocalFwdConnection(LocalForwarding* forwarding);
 
     /// Connects to a remote forwarding's target within 60 seconds and joins it to a new channel. Returns 0,
@@ -285,10 +314,10 @@ protected:
     int WaitForOpenConfirmation(String_t const& channelType, FileDescriptor& connection);
     void DispatchBufferedPackets();
     void ReportIgnored(int number);
-    void RefuseChannel(unsigned int sender);
+    void RefuseChannel(unsigned int sender, int reason);
 
     /// Registers a descriptor that feeds `channel` with the loop.
-    void RegisterChannelInput(int fd, SshChannel const* channel);
+    void RegisterChannelInput(int fd, SshChannel* channel);
     void RequestX11Forwarding();
 
     static constexpr unsigned int INITIAL_WINDOW = 0x200000; ///< granted for each channel
@@ -305,7 +334,15 @@ protected:
     // that are built after them.
     Mode _mode;
     ClientSocketIn _socket;
-    FileDescriptor _fd{-1}; ///< the connected socket
+    int _fd = -1; ///< the connected socket
+private:
+    /// Closes `_fd`, whatever number it holds then.
+    struct SocketCloser {
+        int const& _fd;
+        ~SocketCloser();
+    } _socketCloser{_fd};
+
+protected:
     OSshPacketStream _out;
     ISshPacketStream _in;
     KexType _kexType = KEX_NONE;
@@ -334,6 +371,13 @@ private:
     template <class Reply, class Hash>
     int KexConclude(DhExchange& exchange, Reply const& reply, PacketKexInit& own, PacketKexInit& peer,
                     Hash const& hash);
+
+    /// Whether both directions are encrypted and authenticated.
+    bool HasKeys() const;
+    int TakeVerdict(int number);
+
+    template <class HasMore>
+    int HandlePackets(HasMore const& hasMore);
 };
 
 } // namespace cindral
