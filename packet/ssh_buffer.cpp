@@ -82,7 +82,7 @@ int ISshBuffer::Fill() {
 
 int ISshBuffer::get(char* begin, char* end) {
     char* next = begin + TakeBuffered(begin, end);
-    if (end - next >= static_cast<std::ptrdiff_t>(SSH_PLAIN_SIZE)) {
+    if (end - next >= static_cast<std::ptrdiff_t>(SSH_PLAIN_SIZE) && IsExactly<ISshBuffer>(*this)) {
         int const produced = Receive(Bytes(next), static_cast<unsigned int>(end - next), Bytes(next));
         if (produced < 1) return next == begin ? produced : static_cast<int>(next - begin);
         next += produced;

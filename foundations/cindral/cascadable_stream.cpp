@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "window.h"
+#include "take_range.h"
 
 namespace cindral {
 

@@ -66,7 +66,8 @@ public:
     /// is allowed or of the stream, or a negative value of the layer below or of the cipher.
     int Fill() override;
 
-    /// As CascadableIStreamBuffer::get; what is larger than the buffer is decrypted in place.
+    /// As CascadableIStreamBuffer::get. What is larger than the buffer is decrypted in place, except in a
+    /// derived class: its Fill() gives every byte.
     int get(char* begin, char* end) override;
 
     /// Reads the MAC beneath the cipher, compares it and advances the sequence number. A stream

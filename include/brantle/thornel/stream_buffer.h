@@ -3,13 +3,24 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <typeinfo>
 
 #include <brantle/thornel/export.h>
 
-/// The window of an input stream: what has been read and not yet been taken lies in [_pos, _end).
+/// Whether an object is of one of the classes listed, and not of a class derived from one.
 ///
-/// The array is allocated once, by the constructor, and belongs to this object. A derived class says
-/// in Fill() where the bytes come from and may move `_end` and `_pos` within the array.
+/// The streams of this library rest on a promise: a class that overrides Fill() or Flush() sees every byte
+/// there. Whoever knows a shorter way for a large range than through the buffer takes it only in an object
+/// of which this says that its Fill() or Flush() is the library's own.
+template <class... Classes, class Object>
+bool IsExactly(Object const& object) {
+    return ((typeid(object) == typeid(Classes)) || ...);
+}
+
+/// The buffer of an input stream: what has been read and not yet been taken is its readable range,
+/// [_pos, _end).
+///
+/// A derived class says in Fill() where the bytes come from, and may move `_end` and `_pos` within the array.
 ///
 /// Invariant: _start <= _pos <= _end <= _start + _capacity.
 template <class T>
@@ -35,7 +46,7 @@ public:
         return 1;
     }
 
-    /// Takes what the window holds now, at most up to `end`, without a Fill(). Returns the number.
+    /// Takes from the readable range, at most up to `end`, without a Fill(). Returns the number.
     std::size_t TakeBuffered(T* begin, T* end) {
         std::size_t count = static_cast<std::size_t>(std::min(end - begin, _end - _pos));
         std::copy_n(_pos, count, begin);
@@ -44,15 +55,14 @@ public:
     }
 
     T* _start;              ///< the array, owned
-    T* _end;                ///< end of the valid range
+    T* _end;                ///< end of the readable range
     T* _pos;                ///< next element to take
     unsigned int _capacity; ///< size of the array
 };
 
-/// The window of an output stream: what has been put and not yet been written lies in [_start, _pos).
+/// The buffer of an output stream: what has been put and not yet been written lies in [_start, _pos).
 ///
-/// The array is allocated once, by the constructor, and belongs to this object. A derived class says
-/// in Flush() where the bytes go; it may set `_end` lower to write in smaller pieces.
+/// A derived class says in Flush() where the bytes go; it may set `_end` lower to write in smaller pieces.
 ///
 /// Invariant: _start <= _pos <= _end <= _start + _capacity.
 template <class T>
@@ -68,7 +78,7 @@ public:
     /// stays.
     virtual int Flush() = 0;
 
-    /// Puts one element. A full window is flushed first; if there is no room even then, the element
+    /// Puts one element. A full buffer is flushed first; if there is no room even then, the element
     /// is dropped. Returns Flush()'s result, or 0 if there was no need of one.
     virtual int Put(T const& element) {
         int flushed = 0;
@@ -80,7 +90,7 @@ public:
         return flushed;
     }
 
-    /// Puts a range, with a Flush() each time the window is full and more is to come. Returns the
+    /// Puts a range, with a Flush() each time the buffer is full and more is to come. Returns the
     /// number of elements taken, or a negative value once a Flush() failed or made no room: its result,
     /// or -1 where that is not negative.
     int PutRange(T const* begin, T const* end) {

@@ -406,6 +406,17 @@ TEST_F(PacketStream, FullDataMessageLeavesWithItsMacInOneSend) {
     EXPECT_EQ(recorder.Take().size(), 1u);
 }
 
+TEST_F(PacketStream, FullDataMessageThatOthersFollowIsHandedOverAsMoreToComeInOneSend) {
+    UseKeys();
+    support::SendRecorder recorder;
+    PacketChannelData packet(0, std::string(8144, 'x').data(), 8144);
+    _out.WritePacket(packet, true);
+    EXPECT_EQ(recorder.Take(), (std::vector<support::SendRecorder::Sent>{{8176 + 20, true}}));
+    _out.WritePacket(packet);
+    EXPECT_EQ(recorder.Take(), (std::vector<support::SendRecorder::Sent>{{8176 + 20, false}}));
+    EXPECT_FALSE(_out._socketBuffer.IsCorked());
+}
+
 TEST_F(PacketStream, HasInputOnceAPartOfAPacketIsThere) {
     EXPECT_FALSE(_in.HasInput());
     Send({0, 0, 0, 12});

@@ -49,12 +49,26 @@ void ExpectFieldsInOrder(Buffer const& buffer) {
     EXPECT_TRUE(before(&buffer._pos, &buffer._capacity));
 }
 
+TEST(IsExactly, HoldsForTheClassesListedAndNoClassDerivedFromThem) {
+    class Louder : public Sink {};
+    Source const source("");
+    Sink const sink;
+    Louder const louder;
+    OutputBuffer<char> const& base = louder;
+    EXPECT_TRUE(IsExactly<Sink>(sink));
+    EXPECT_TRUE((IsExactly<Source, Sink>(sink)));
+    EXPECT_TRUE((IsExactly<Source, Sink>(source)));
+    EXPECT_FALSE(IsExactly<Sink>(base));
+    EXPECT_FALSE((IsExactly<OutputBuffer<char>, Sink>(base)));
+    EXPECT_TRUE(IsExactly<Louder>(base));
+}
+
 TEST(StreamBuffers, HoldStartEndPositionAndCapacityInThisOrder) {
     ExpectFieldsInOrder(Source(""));
     ExpectFieldsInOrder(Sink());
 }
 
-TEST(InputBuffer, GetFillsOnlyWhenTheWindowIsUsedUp) {
+TEST(InputBuffer, GetFillsOnlyWhenTheReadableRangeIsUsedUp) {
     Source source("abcdef");
     std::string got;
     for (char byte; source.Get(byte) == 1;) got += byte;
@@ -76,7 +90,7 @@ TEST(InputBuffer, GetReturnsZeroAtTheEnd) {
     EXPECT_EQ(source.Get(byte), 0);
 }
 
-TEST(InputBuffer, TakeBufferedStopsAtTheWindowAndAtTheRange) {
+TEST(InputBuffer, TakeBufferedStopsAtTheEndOfEitherRange) {
     Source source("abcd");
     char bytes[8];
     EXPECT_EQ(source.TakeBuffered(bytes, bytes + 8), 0u);
