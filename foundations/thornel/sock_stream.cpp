@@ -82,7 +82,8 @@ SockStream::~SockStream() = default;
 OSockStream::OSockStream() : OSockStream(-1) {}
 
 OSockStream::OSockStream(int fd)
-    : OutputBuffer(BUFFER_SIZE), _timeout(0), _io(fd), _failure(0), _isCorked(false), _isMakingRoom(false) {}
+    : OutputBuffer(_array, BUFFER_SIZE), _timeout(0), _io(fd), _failure(0), _isCorked(false),
+      _isMakingRoom(false) {}
 
 OSockStream::~OSockStream() = default;
 
@@ -153,8 +154,8 @@ OSockStream& OSockStream::Writeln(String_t const& text, char const* eol) {
 }
 
 ISockStream::ISockStream(OSockStream* tied)
-    : InputBuffer(BUFFER_SIZE), _timeout(0), _failure(0), _gcount(0), _tied(tied), _isTiedFlushed(false),
-      _lineEnd(NONE) {}
+    : InputBuffer(_array, BUFFER_SIZE), _timeout(0), _failure(0), _gcount(0), _tied(tied),
+      _isTiedFlushed(false), _lineEnd(NONE) {}
 
 ISockStream::~ISockStream() = default;
 

@@ -42,6 +42,9 @@ public:
     unsigned int _plainBytes; ///< total of plain bytes flushed
     unsigned int _sequence;   ///< number of the current packet, RFC 4253, section 6.4
     unsigned char _cryptBuffer[SSH_CRYPT_SIZE];
+
+private:
+    char _plainBuffer[SSH_PLAIN_SIZE]; ///< of the OutputBuffer
 };
 
 /// The layer that decrypts and checks incoming packets (RFC 4253, section 6).
@@ -86,6 +89,8 @@ public:
 private:
     int Receive(unsigned char* raw, unsigned int room, unsigned char* plain);
     int Decrypt(unsigned char const* raw, unsigned int length, unsigned char* plain);
+
+    char _plainBuffer[SSH_PLAIN_SIZE]; ///< of the InputBuffer
 };
 
 } // namespace cindral

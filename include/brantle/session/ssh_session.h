@@ -41,7 +41,7 @@ namespace cindral {
 /// destroy the session, which closes it. Nothing sends DISCONNECT but Disconnect.
 ///
 /// A session belongs to one thread at a time; Terminate alone may be called from any.
-/// The object is large, as the buffers of both directions are embedded in it.
+/// The object is large, about 65 KiB, as the buffers of both directions are embedded in it.
 class BRANTLE_API SshSession {
 public:
     /// The slot of the cipher and MAC pairs that serves output; the other one serves input.

@@ -86,6 +86,7 @@ private:
     int _failure; ///< errno of the write that failed since the last Bind, else 0
     bool _isCorked;
     bool _isMakingRoom;
+    char _array[BUFFER_SIZE]; ///< of the OutputBuffer
 };
 
 /// A buffered input stream over a descriptor, which stays the caller's.
@@ -164,9 +165,10 @@ private:
     DescriptorIO _io;
     int _failure; ///< errno of the read that failed since the last Bind, else 0
     int _gcount;
-    OSockStream* _tied;  ///< not owned
-    bool _isTiedFlushed; ///< the tied stream has been flushed for the next Fill()
-    int _lineEnd;        ///< the character after which a Fill() for Readln stops, else NONE
+    OSockStream* _tied;       ///< not owned
+    bool _isTiedFlushed;      ///< the tied stream has been flushed for the next Fill()
+    int _lineEnd;             ///< the character after which a Fill() for Readln stops, else NONE
+    char _array[BUFFER_SIZE]; ///< of the InputBuffer
 };
 
 /// An input and an output stream over one descriptor, the input side tied to the output side.

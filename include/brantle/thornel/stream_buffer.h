@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <memory>
 #include <typeinfo>
 
 #include <brantle/thornel/export.h>
@@ -26,9 +27,14 @@ bool IsExactly(Object const& object) {
 template <class T>
 class InputBuffer {
 public:
-    explicit InputBuffer(unsigned int capacity)
-        : _start(new T[capacity]), _end(_start), _pos(_start), _capacity(capacity) {}
-    virtual ~InputBuffer() { delete[] _start; }
+    /// With an array that is allocated here and belongs to this object.
+    explicit InputBuffer(unsigned int capacity) : InputBuffer(new T[capacity], capacity) {
+        _allocated.reset(_start);
+    }
+    /// With an array of the derived class's own, which need not be initialised.
+    InputBuffer(T* array, unsigned int capacity)
+        : _start(array), _end(array), _pos(array), _capacity(capacity) {}
+    virtual ~InputBuffer() = default;
     InputBuffer(InputBuffer const&) = delete;
     InputBuffer& operator=(InputBuffer const&) = delete;
 
@@ -54,10 +60,13 @@ public:
         return count;
     }
 
-    T* _start;              ///< the array, owned
+    T* _start;              ///< the array
     T* _end;                ///< end of the readable range
     T* _pos;                ///< next element to take
     unsigned int _capacity; ///< size of the array
+
+private:
+    std::unique_ptr<T[]> _allocated; ///< the array, unless it is the derived class's own
 };
 
 /// The buffer of an output stream: what has been put and not yet been written lies in [_start, _pos).
@@ -68,9 +77,14 @@ public:
 template <class T>
 class OutputBuffer {
 public:
-    explicit OutputBuffer(unsigned int capacity)
-        : _start(new T[capacity]), _end(_start + capacity), _pos(_start), _capacity(capacity) {}
-    virtual ~OutputBuffer() { delete[] _start; }
+    /// With an array that is allocated here and belongs to this object.
+    explicit OutputBuffer(unsigned int capacity) : OutputBuffer(new T[capacity], capacity) {
+        _allocated.reset(_start);
+    }
+    /// With an array of the derived class's own, which need not be initialised.
+    OutputBuffer(T* array, unsigned int capacity)
+        : _start(array), _end(array + capacity), _pos(array), _capacity(capacity) {}
+    virtual ~OutputBuffer() = default;
     OutputBuffer(OutputBuffer const&) = delete;
     OutputBuffer& operator=(OutputBuffer const&) = delete;
 
@@ -112,10 +126,13 @@ public:
         return static_cast<int>(end - begin);
     }
 
-    T* _start;              ///< the array, owned
+    T* _start;              ///< the array
     T* _end;                ///< end of the room
     T* _pos;                ///< where the next element goes
     unsigned int _capacity; ///< size of the array
+
+private:
+    std::unique_ptr<T[]> _allocated; ///< the array, unless it is the derived class's own
 };
 
 extern template class THORNEL_API InputBuffer<char>;

@@ -18,6 +18,7 @@
 #include <brantle/packet/packet_encoder.h>
 
 #include "support/descriptors.h"
+#include "support/holds_buffer.h"
 
 namespace cindral {
 namespace {
@@ -415,6 +416,15 @@ TEST_F(PacketStream, FullDataMessageThatOthersFollowIsHandedOverAsMoreToComeInOn
     _out.WritePacket(packet);
     EXPECT_EQ(recorder.Take(), (std::vector<support::SendRecorder::Sent>{{8176 + 20, false}}));
     EXPECT_FALSE(_out._socketBuffer.IsCorked());
+}
+
+TEST_F(PacketStream, BuffersLieInTheStreams) {
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out._socketBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out._sshBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out._adapter));
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in._socketBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in._sshBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in._adapter));
 }
 
 TEST_F(PacketStream, HasInputOnceAPartOfAPacketIsThere) {

@@ -10,6 +10,7 @@
 
 #include "largest_allocation.h"
 #include "support/descriptors.h"
+#include "support/holds_buffer.h"
 #include "support/overriding_streams.h"
 
 using support::CallCounter;
@@ -460,6 +461,13 @@ TEST_F(SockStreams, TiedStreamIsFlushedOnceForEachReadOfADerivedFill) {
     EXPECT_EQ(in.Get(byte), 1);
     EXPECT_EQ(byte, 'y');
     EXPECT_EQ(tied._flushes, 2);
+}
+
+TEST_F(SockStreams, HoldTheirBuffersInThemselves) {
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in));
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out));
+    EXPECT_EQ(_in._capacity, 8192u);
+    EXPECT_EQ(_out._capacity, 8192u);
 }
 
 /// A stream whose bytes come from elsewhere, as those over a channel do.

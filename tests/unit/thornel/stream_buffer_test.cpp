@@ -49,6 +49,35 @@ void ExpectFieldsInOrder(Buffer const& buffer) {
     EXPECT_TRUE(before(&buffer._pos, &buffer._capacity));
 }
 
+TEST(StreamBuffers, WorkInAnArrayThatTheDerivedClassHolds) {
+    class Held : public InputBuffer<char> {
+    public:
+        Held() : InputBuffer(_array, sizeof _array) {}
+        int Fill() override {
+            *_start = 'x';
+            _end = _start + 1;
+            return 1;
+        }
+        char _array[4];
+    } in;
+    EXPECT_EQ(in._start, in._array);
+    EXPECT_EQ(in._end, in._array);
+    EXPECT_EQ(in._capacity, 4u);
+    char byte = 0;
+    EXPECT_EQ(in.Get(byte), 1);
+    EXPECT_EQ(byte, 'x');
+
+    class Kept : public OutputBuffer<char> {
+    public:
+        Kept() : OutputBuffer(_array, sizeof _array) {}
+        int Flush() override { return 0; }
+        char _array[4];
+    } out;
+    EXPECT_EQ(out._end, out._array + 4);
+    EXPECT_EQ(out.Put('y'), 0);
+    EXPECT_EQ(out._array[0], 'y');
+}
+
 TEST(IsExactly, HoldsForTheClassesListedAndNoClassDerivedFromThem) {
     class Louder : public Sink {};
     Source const source("");
