@@ -24,11 +24,8 @@ OSshDataStream::~OSshDataStream() {
     }
 }
 
-int OSshDataStream::Flush() { return SendBuffered(false); }
-
-int OSshDataStream::MakeRoom() { return SendBuffered(true); }
-
-int OSshDataStream::SendBuffered(bool more) {
+int OSshDataStream::Flush() {
+    bool const more = IsMakingRoom();
     auto const n = static_cast<unsigned int>(_pos - _start);
     if (n == 0) return 0;
     PacketChannelData packet(_remoteChannel, _start, n);
@@ -50,6 +47,7 @@ ISshDataStream::ISshDataStream(ISshPacketStream& in, OSshPacketStream& out, unsi
 ISshDataStream::~ISshDataStream() = default;
 
 int ISshDataStream::Fill() {
+    FlushTied();
     unsigned int const n = Take(_start, _capacity);
     if (n == 0) return 0;
     _pos = _start;
@@ -58,7 +56,8 @@ int ISshDataStream::Fill() {
 }
 
 int ISshDataStream::Fetch(char* begin, char* end) {
-    if (end - begin < static_cast<std::ptrdiff_t>(_capacity)) return ISockStream::Fetch(begin, end);
+    if (end - begin < static_cast<std::ptrdiff_t>(_capacity) || !IsExactly<ISshDataStream>(*this))
+        return ISockStream::Fetch(begin, end);
     FlushTied();
     return static_cast<int>(Take(begin, static_cast<unsigned int>(end - begin)));
 }

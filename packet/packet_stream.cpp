@@ -34,12 +34,13 @@ void OSshPacketStream::WritePacket(Packet& packet, bool more) {
     ByteString const payload = packet.Payload(_sshBuffer._cipher);
     auto const padding = static_cast<unsigned char>(packet._padLen);
     unsigned int const length = padding + 1u + payload.Length();
+    _socketBuffer.SetMoreToCome(more);
     _adapter << length << padding;
     _adapter.Write(reinterpret_cast<char const*>(payload.Data()), static_cast<int>(payload.Length()));
     WritePadChars(padding);
     _adapter.Flush();
     if (_sshBuffer.FinalizePacket() < 0) return;
-    more ? _socketBuffer.FlushCorked() : _socketBuffer.Flush();
+    _socketBuffer.Flush();
     _byteCount += length + LENGTH_FIELD;
 }
 

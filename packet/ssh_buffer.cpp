@@ -26,8 +26,8 @@ unsigned char* Bytes(char* chars) { return reinterpret_cast<unsigned char*>(char
 } // namespace
 
 OSshBuffer::OSshBuffer(CascadableOStreamBuf* next, BlockCipher& cipher, Mac& mac)
-    : CascadableOStreamBuffer(next, SSH_PLAIN_SIZE), _cipher(cipher), _mac(mac), _plainBytes(0), _sequence(0),
-      _cryptBuffer{} {}
+    : CascadableOStreamBuffer(next, _plainBuffer, SSH_PLAIN_SIZE), _cipher(cipher), _mac(mac), _plainBytes(0),
+      _sequence(0), _cryptBuffer{} {}
 
 OSshBuffer::~OSshBuffer() = default;
 
@@ -60,8 +60,8 @@ int OSshBuffer::FinalizePacket() {
 }
 
 ISshBuffer::ISshBuffer(CascadableIStreamBuf* next, BlockCipher& cipher, Mac& mac)
-    : CascadableIStreamBuffer(next, SSH_PLAIN_SIZE), _cipher(cipher), _mac(mac), _plainBytes(0), _sequence(0),
-      _eof(0), _remaining(0), _cryptBuffer{} {}
+    : CascadableIStreamBuffer(next, _plainBuffer, SSH_PLAIN_SIZE), _cipher(cipher), _mac(mac), _plainBytes(0),
+      _sequence(0), _eof(0), _remaining(0), _cryptBuffer{} {}
 
 ISshBuffer::~ISshBuffer() = default;
 
@@ -82,7 +82,7 @@ int ISshBuffer::Fill() {
 
 int ISshBuffer::get(char* begin, char* end) {
     char* next = begin + TakeBuffered(begin, end);
-    if (end - next >= static_cast<std::ptrdiff_t>(SSH_PLAIN_SIZE)) {
+    if (end - next >= static_cast<std::ptrdiff_t>(SSH_PLAIN_SIZE) && IsExactly<ISshBuffer>(*this)) {
         int const produced = Receive(Bytes(next), static_cast<unsigned int>(end - next), Bytes(next));
         if (produced < 1) return next == begin ? produced : static_cast<int>(next - begin);
         next += produced;

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "window.h"
+#include "take_range.h"
 
 namespace cindral {
 
@@ -32,6 +32,9 @@ int CascadableOStreamBuf::Finalize() { return 0; }
 CascadableOStreamBuffer::CascadableOStreamBuffer(CascadableOStreamBuf* next, unsigned int size)
     : OutputBuffer(size), _next(next) {}
 
+CascadableOStreamBuffer::CascadableOStreamBuffer(CascadableOStreamBuf* next, char* array, unsigned int size)
+    : OutputBuffer(array, size), _next(next) {}
+
 CascadableOStreamBuffer::~CascadableOStreamBuffer() = default;
 
 int CascadableOStreamBuffer::putchr(char byte) { return Put(byte); }
@@ -45,6 +48,9 @@ int CascadableOStreamBuffer::Finalize() {
 
 CascadableIStreamBuffer::CascadableIStreamBuffer(CascadableIStreamBuf* next, unsigned int size)
     : InputBuffer(size), _next(next) {}
+
+CascadableIStreamBuffer::CascadableIStreamBuffer(CascadableIStreamBuf* next, char* array, unsigned int size)
+    : InputBuffer(array, size), _next(next) {}
 
 CascadableIStreamBuffer::~CascadableIStreamBuffer() = default;
 

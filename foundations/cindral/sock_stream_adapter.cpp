@@ -11,6 +11,7 @@ ISockStreamAdapter::ISockStreamAdapter(CascadableStreamBuf& layer) : ISockStream
 ISockStreamAdapter::~ISockStreamAdapter() = default;
 
 int ISockStreamAdapter::Fill() {
+    FlushTied();
     _pos = _end = _start;
     int filled = _layer.get(_start, _start + _capacity);
     _end = _start + std::max(filled, 0);
@@ -18,6 +19,10 @@ int ISockStreamAdapter::Fill() {
 }
 
 int ISockStreamAdapter::Fetch(char* begin, char* end) {
+    return IsExactly<ISockStreamAdapter>(*this) ? FetchFromLayer(begin, end) : ISockStream::Fetch(begin, end);
+}
+
+int ISockStreamAdapter::FetchFromLayer(char* begin, char* end) {
     if (end - begin < static_cast<std::ptrdiff_t>(_capacity)) return ISockStream::Fetch(begin, end);
     FlushTied();
     return _layer.get(begin, end);

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 
-#include "window.h"
+#include "take_range.h"
 
 namespace cindral {
 
@@ -15,25 +16,29 @@ int ISocketBuffer::getchr(char& byte) { return Get(byte); }
 
 int ISocketBuffer::get(char* begin, char* end) {
     char* next = begin + TakeBuffered(begin, end);
-    // A range larger than the window is received where it belongs.
-    for (int n; end - next > static_cast<std::ptrdiff_t>(_capacity); next += n)
-        if ((n = ReadUnbuffered(next, end)) < 1) return next == begin ? n : static_cast<int>(next - begin);
+    while (end - next > static_cast<std::ptrdiff_t>(_capacity) && IsExactly<ISocketBuffer>(*this)) {
+        int const n = ReadUnbuffered(next, end);
+        if (n < 1) return next == begin ? n : static_cast<int>(next - begin);
+        next += n;
+    }
     int const rest = next < end ? TakeRange(*this, next, end, [this] { return Refill(); }) : 0;
     return next == begin ? rest : static_cast<int>(next - begin) + std::max(rest, 0);
 }
 
-OSocketBuffer::OSocketBuffer() : OSockStream(-1, BUFFER_SIZE + TRAILER_SIZE) {}
+OSocketBuffer::OSocketBuffer() : _moreToCome(false) {}
 
 OSocketBuffer::~OSocketBuffer() = default;
+
+int OSocketBuffer::Flush() { return FlushDescriptor(std::exchange(_moreToCome, false)); }
 
 int OSocketBuffer::putchr(char byte) { return Put(byte); }
 
 int OSocketBuffer::put(char const* begin, char const* end) {
+    bool const fits = end - begin <= _end - _pos && end - begin < static_cast<std::ptrdiff_t>(_capacity);
+    bool const isBuffered = fits || !IsExactly<OSocketBuffer>(*this);
     char const* from = begin;
-    if (_pos == _start && end - begin >= static_cast<std::ptrdiff_t>(BUFFER_SIZE)) {
-        if (Send(from, end) < 0) return -1;
-    }
-    return PutRange(from, end) < 0 ? -1 : static_cast<int>(end - begin);
+    int const taken = isBuffered ? PutRange(begin, end) : Send(from, end, _moreToCome);
+    return taken < 0 ? -1 : static_cast<int>(end - begin);
 }
 
 int OSocketBuffer::Finalize() { return Flush() < 0 ? -1 : 0; }

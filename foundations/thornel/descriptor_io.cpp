@@ -52,10 +52,16 @@ private:
 
 bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
 
+int SendFlags(unsigned int limit, bool more) {
+    return (limit ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL) | (more ? MSG_MORE : 0);
+}
+
+iovec Part(DescriptorIO::Range const& range) { return {const_cast<char*>(range._from), range.Size()}; }
+
 } // namespace
 
 DescriptorIO::Calls& DescriptorIO::SystemCalls() {
-    static Calls calls{::recv, ::send, ::read, ::write, ::poll};
+    static Calls calls{::recv, ::send, ::sendmsg, ::read, ::write, ::poll};
     return calls;
 }
 
@@ -85,13 +91,30 @@ int DescriptorIO::ReadUntil(char* to, std::size_t size, char last, unsigned int 
 }
 
 int DescriptorIO::Write(char const*& from, char const* end, unsigned int limit, bool more) const {
-    int const flags = (limit ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL) | (more ? MSG_MORE : 0);
+    int const flags = SendFlags(limit, more);
     while (from != end) {
         ssize_t written = WriteOnce(from, static_cast<std::size_t>(end - from), limit, flags);
         if (written < 0) return -1;
         from += written;
     }
     return 0;
+}
+
+int DescriptorIO::Write(Range& first, Range& second, unsigned int limit, bool more) const {
+    int const flags = SendFlags(limit, more);
+    while (_kind == SOCKET && !first.IsEmpty() && !second.IsEmpty()) {
+        iovec parts[] = {Part(first), Part(second)};
+        msghdr message{};
+        message.msg_iov = parts;
+        message.msg_iovlen = 2;
+        ssize_t const written = Retry([&] { return SystemCalls().sendmsg(_fd, &message, flags); }, limit);
+        if (written < 0) return -1;
+        ssize_t const ofFirst = std::min<ssize_t>(written, first._end - first._from);
+        first._from += ofFirst;
+        second._from += written - ofFirst;
+    }
+    if (Write(first._from, first._end, limit, more) < 0) return -1;
+    return Write(second._from, second._end, limit, more);
 }
 
 void DescriptorIO::Uncork() const {
@@ -132,17 +155,23 @@ ssize_t DescriptorIO::WriteOnce(char const* from, std::size_t size, unsigned int
         if (Wait(POLLOUT, limit) < 0) return -1;
         size = std::min<std::size_t>(size, PIPE_BUF); // what a ready pipe takes without blocking
     }
-    for (;;) {
-        ssize_t count;
-        if (_kind == SOCKET) {
-            count = SystemCalls().send(_fd, from, size, flags);
-        } else if (_kind == PIPE) {
+    return Retry(
+        [=] {
+            if (_kind == SOCKET) return SystemCalls().send(_fd, from, size, flags);
+            if (_kind == OTHER) return SystemCalls().write(_fd, from, size);
             SigpipeShield shield;
-            count = SystemCalls().write(_fd, from, size);
+            ssize_t const count = SystemCalls().write(_fd, from, size);
             shield.Drop(count < 0 && errno == EPIPE);
-        } else {
-            count = SystemCalls().write(_fd, from, size);
-        }
+            return count;
+        },
+        limit);
+}
+
+/// Repeats a system call that writes until it has taken something or failed.
+template <class Call>
+ssize_t DescriptorIO::Retry(Call const& call, unsigned int limit) const {
+    for (;;) {
+        ssize_t const count = call();
         if (count > 0) return count;
         if (count == 0) errno = EIO;
         if (count < 0 && errno == EINTR) continue;

@@ -41,10 +41,10 @@ public:
 
 protected:
     int_type underflow() override {
-        int count = _io.Read(_window, sizeof(_window), 0);
+        int count = _io.Read(_buffer, sizeof(_buffer), 0);
         if (count < 1) return traits_type::eof();
-        setg(_window, _window, _window + count);
-        return traits_type::to_int_type(*_window);
+        setg(_buffer, _buffer, _buffer + count);
+        return traits_type::to_int_type(*_buffer);
     }
 
 private:
@@ -63,7 +63,7 @@ private:
     FileDescriptor _read;
     DescriptorIO _io;
     pid_t _child;
-    char _window[4096];
+    char _buffer[4096];
 };
 
 ipstream::ipstream(char const* command) : std::istream(nullptr), _pipe(new Pipe(command)) {

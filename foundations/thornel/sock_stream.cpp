@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <brantle/thornel/big_endian.h>
@@ -52,6 +53,20 @@ bool ReadFrame(ISockStream& in, unsigned int length, ByteString& value) {
     return true;
 }
 
+/// Gives a variable another value for as long as it lives.
+template <class T>
+class Setting {
+public:
+    Setting(T& variable, T value) : _variable(variable), _before(std::exchange(variable, value)) {}
+    ~Setting() { _variable = _before; }
+    Setting(Setting const&) = delete;
+    Setting& operator=(Setting const&) = delete;
+
+private:
+    T& _variable;
+    T const _before;
+};
+
 bool EndsWith(std::string const& text, char const* end, std::size_t length) {
     return text.size() >= length && text.compare(text.size() - length, length, end) == 0;
 }
@@ -64,16 +79,18 @@ SockStream::~SockStream() = default;
 
 OSockStream::OSockStream() : OSockStream(-1) {}
 
-OSockStream::OSockStream(int fd) : OSockStream(fd, BUFFER_SIZE) {}
-
-OSockStream::OSockStream(int fd, unsigned int size)
-    : OutputBuffer(size), _timeout(0), _io(fd), _failure(0), _isCorked(false) {}
+OSockStream::OSockStream(int fd)
+    : OutputBuffer(_array, BUFFER_SIZE), _timeout(0), _io(fd), _failure(0), _isCorked(false),
+      _isMakingRoom(false) {}
 
 OSockStream::~OSockStream() = default;
 
 int OSockStream::Flush() { return FlushDescriptor(false); }
 
-int OSockStream::MakeRoom() { return Flush(); }
+int OSockStream::MakeRoom() {
+    Setting<bool> const makingRoom(_isMakingRoom, true);
+    return Flush();
+}
 
 int OSockStream::Put(char const& byte) {
     int const flushed = _pos >= _end ? MakeRoom() : 0;
@@ -82,27 +99,28 @@ int OSockStream::Put(char const& byte) {
 }
 
 int OSockStream::FlushDescriptor(bool more) {
-    char const* from = _start;
-    int sent = Send(from, _pos, more);
-    auto gone = from - _start;
-    std::copy<char const*>(from, _pos, _start);
-    _pos -= gone;
-    if (sent < 0) return sent;
-    if (_isCorked && !more) {
+    char const* none = nullptr;
+    int const sent = Send(none, none, more);
+    if (sent >= 0 && _isCorked && !more) {
         _io.Uncork();
         _isCorked = false;
     }
-    return static_cast<int>(gone);
+    return sent;
 }
 
 int OSockStream::Send(char const*& from, char const* end, bool more) {
-    if (from == end) return 0;
+    DescriptorIO::Range buffered{_start, _pos};
+    DescriptorIO::Range range{from, end};
+    auto const size = static_cast<int>(buffered.Size() + range.Size());
+    if (size == 0) return 0;
     if (_failure == 0) {
-        if (_io.Write(from, end, _timeout, more) == 0) {
-            _isCorked = more;
-            return 0;
-        }
-        _failure = errno;
+        if (_io.Write(buffered, range, _timeout, more) < 0) _failure = errno;
+        _pos = std::copy(buffered._from, buffered._end, _start);
+        from = range._from;
+    }
+    if (_failure == 0) {
+        _isCorked = more;
+        return size;
     }
     SetStatus(Status() | FAILED);
     errno = _failure;
@@ -122,9 +140,8 @@ void OSockStream::Unbind() { OSockStream::Bind(-1); }
 OSockStream& OSockStream::Write(char const* data, int size) {
     if (size <= 0) return *this;
     char const* const end = data + size;
-    // What is larger than the buffer goes past it. A derived class without a descriptor sends its buffer
-    // alone.
-    if (Fd() >= 0 && size > static_cast<int>(_capacity) && Flush() >= 0) Send(data, end);
+    // What is larger than the buffer goes past it.
+    if (size > static_cast<int>(BUFFER_SIZE) && IsExactly<OSockStream, IOSockStream>(*this)) Send(data, end);
     if (PutRange(data, end, [this] { return MakeRoom(); }) < 0) SetStatus(Status() | FAILED);
     return *this;
 }
@@ -135,30 +152,28 @@ OSockStream& OSockStream::Writeln(String_t const& text, char const* eol) {
 }
 
 ISockStream::ISockStream(OSockStream* tied)
-    : InputBuffer(BUFFER_SIZE), _timeout(0), _failure(0), _gcount(0), _tied(tied) {}
+    : InputBuffer(_array, BUFFER_SIZE), _timeout(0), _failure(0), _gcount(0), _tied(tied),
+      _isTiedFlushed(false), _lineEnd(NONE) {}
 
 ISockStream::~ISockStream() = default;
 
 void ISockStream::FlushTied() {
-    if (_tied) _tied->Flush();
+    if (!std::exchange(_isTiedFlushed, false) && _tied) _tied->Flush();
 }
 
 int ISockStream::Refill() {
     FlushTied();
+    Setting<bool> const flushed(_isTiedFlushed, true);
     return Fill();
 }
 
 int ISockStream::Fill() {
     FlushTied();
-    return NoteFilled(_failure ? -1 : _io.Read(_start, _capacity, _timeout));
-}
-
-int ISockStream::FillLine(char last) {
-    if (_tied) _tied->Flush();
-    return NoteFilled(_failure ? -1 : _io.ReadUntil(_start, _capacity, last, _timeout));
-}
-
-int ISockStream::NoteFilled(int count) {
+    int count = -1;
+    if (_failure == 0) {
+        count = _lineEnd == NONE ? _io.Read(_start, _capacity, _timeout)
+                                 : _io.ReadUntil(_start, _capacity, static_cast<char>(_lineEnd), _timeout);
+    }
     _pos = _start;
     _end = _start + std::max(count, 0);
     return NoteFailure(count);
@@ -217,9 +232,10 @@ ISockStream& ISockStream::Readln(String_t& line, char const* eol) {
     if (str_empty(eol)) eol = "\n";
     std::size_t const eolLength = std::strlen(eol);
     char const last = eol[eolLength - 1];
+    Setting<int> const lineEnd(_lineEnd, static_cast<unsigned char>(last));
     std::string text;
     for (;;) {
-        if (_pos >= _end && (Fd() >= 0 ? FillLine(last) : Refill()) < 1) {
+        if (_pos >= _end && Refill() < 1) {
             SetStatus(Status() | END_OF_INPUT);
             break;
         }

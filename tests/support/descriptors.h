@@ -108,7 +108,7 @@ public:
         _most = most;
         _turn = 0;
         _interrupted = 0;
-        DescriptorIO::SystemCalls() = {Recv, Send, Read, Write, Poll};
+        DescriptorIO::SystemCalls() = {Recv, Send, SendMessage, Read, Write, Poll};
     }
     ~FaultyCalls() { DescriptorIO::SystemCalls() = _before; }
     FaultyCalls(FaultyCalls const&) = delete;
@@ -124,6 +124,9 @@ private:
         return true;
     }
     static std::size_t Short(std::size_t size) { return size < _most ? size : _most; }
+    static ssize_t SendMessage(int fd, msghdr const* message, int flags) {
+        return Send(fd, message->msg_iov[0].iov_base, message->msg_iov[0].iov_len, flags);
+    }
     static ssize_t Recv(int fd, void* to, std::size_t size, int flags) {
         return Interrupt() ? -1 : recv(fd, to, Short(size), flags);
     }
@@ -151,7 +154,7 @@ class CallCounter {
 public:
     CallCounter() : _before(DescriptorIO::SystemCalls()) {
         _transfers = _polls = 0;
-        DescriptorIO::SystemCalls() = {Recv, Send, Read, Write, Poll};
+        DescriptorIO::SystemCalls() = {Recv, Send, SendMessage, Read, Write, Poll};
     }
     ~CallCounter() { DescriptorIO::SystemCalls() = _before; }
     CallCounter(CallCounter const&) = delete;
@@ -168,6 +171,10 @@ private:
     static ssize_t Send(int fd, void const* from, std::size_t size, int flags) {
         ++_transfers;
         return send(fd, from, size, flags);
+    }
+    static ssize_t SendMessage(int fd, msghdr const* message, int flags) {
+        ++_transfers;
+        return sendmsg(fd, message, flags);
     }
     static ssize_t Read(int fd, void* to, std::size_t size) {
         ++_transfers;
@@ -187,7 +194,7 @@ private:
     static inline int _polls;
 };
 
-/// While it lives, notes each send(2) below the streams.
+/// While it lives, notes each send(2) and sendmsg(2) below the streams.
 class SendRecorder {
 public:
     struct Sent {
@@ -202,11 +209,12 @@ public:
         }
     };
 
-    SendRecorder() : _before(DescriptorIO::SystemCalls().send) {
+    SendRecorder() : _before(DescriptorIO::SystemCalls()) {
         _sent.clear();
         DescriptorIO::SystemCalls().send = Send;
+        DescriptorIO::SystemCalls().sendmsg = SendMessage;
     }
-    ~SendRecorder() { DescriptorIO::SystemCalls().send = _before; }
+    ~SendRecorder() { DescriptorIO::SystemCalls() = _before; }
     SendRecorder(SendRecorder const&) = delete;
     SendRecorder& operator=(SendRecorder const&) = delete;
 
@@ -219,7 +227,14 @@ private:
         return send(fd, from, size, flags);
     }
 
-    decltype(DescriptorIO::Calls::send) _before;
+    static ssize_t SendMessage(int fd, msghdr const* message, int flags) {
+        std::size_t size = 0;
+        for (std::size_t i = 0; i < message->msg_iovlen; ++i) size += message->msg_iov[i].iov_len;
+        _sent.push_back({size, (flags & MSG_MORE) != 0});
+        return sendmsg(fd, message, flags);
+    }
+
+    DescriptorIO::Calls _before;
     static inline std::vector<Sent> _sent;
 };
 

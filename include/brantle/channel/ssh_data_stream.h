@@ -27,10 +27,15 @@ public:
     /// on each check.
     OSshDataStream(OSshPacketStream& out, unsigned int remoteChannel, unsigned int const& windowSize);
     /// Flushes. What goes wrong with it, as an Except, is dropped.
+    ///
+    /// A class that overrides Flush() is gone by then: it flushes in its own destructor.
     ~OSshDataStream() override;
 
     /// Sends what is buffered as one message, and blocks until it is written. Returns the number of bytes.
     /// What WritePacket throws passes through, and the bytes stay.
+    ///
+    /// In the middle of a Write or Put the message is handed over as a packet that another one follows:
+    /// without TCP_NODELAY the end of a request would else wait for the acknowledgement of what went before.
     int Flush() override;
 
     /// Sends a WINDOW_ADJUST when the bytes written on the connection have used up two thirds of the window,
@@ -40,14 +45,6 @@ public:
     OSshPacketStream& _out;
     unsigned int _remoteChannel;
     unsigned int const& _windowSize;
-
-protected:
-    /// Sends what is buffered in the middle of a request, as packets that more follows: without TCP_NODELAY
-    /// the end of a request would else wait for the acknowledgement of what went before.
-    int MakeRoom() override;
-
-private:
-    int SendBuffered(bool more);
 };
 
 /// Reads the data of the peer's CHANNEL_DATA messages, whatever channel number they carry.
@@ -63,7 +60,7 @@ public:
                    unsigned int const& windowSize);
     ~ISshDataStream() override;
 
-    /// Fills the window, whatever it holds, from the last message or else from the next one that has data.
+    /// Fills the buffer, whatever it holds, from the last message or else from the next one that has data.
     /// Returns the number of bytes, 0 if the packet stream has ended within a packet's MAC.
     int Fill() override;
 
@@ -78,7 +75,8 @@ public:
     unsigned int const& _windowSize;
 
 protected:
-    /// Takes a range as large as the window straight from the message.
+    /// Takes a range as large as the buffer straight from the message, except in a derived class: its Fill()
+    /// gives every byte.
     int Fetch(char* begin, char* end) override;
 
 private:

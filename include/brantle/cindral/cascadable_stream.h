@@ -45,6 +45,8 @@ class CINDRAL_API CascadableOStreamBuffer : public CascadableOStreamBuf, public 
 public:
     /// `next` is the layer below, `size` the buffer's size in bytes.
     CascadableOStreamBuffer(CascadableOStreamBuf* next, unsigned int size);
+    /// With an array of the derived class's own as buffer.
+    CascadableOStreamBuffer(CascadableOStreamBuf* next, char* array, unsigned int size);
     ~CascadableOStreamBuffer() override;
 
     int putchr(char byte) override;
@@ -61,6 +63,8 @@ class CINDRAL_API CascadableIStreamBuffer : public CascadableIStreamBuf, public 
 public:
     /// `next` is the layer below, `size` the buffer's size in bytes.
     CascadableIStreamBuffer(CascadableIStreamBuf* next, unsigned int size);
+    /// With an array of the derived class's own as buffer.
+    CascadableIStreamBuffer(CascadableIStreamBuf* next, char* array, unsigned int size);
     ~CascadableIStreamBuffer() override;
 
     int getchr(char& byte) override;

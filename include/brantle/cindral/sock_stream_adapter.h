@@ -21,8 +21,9 @@ public:
     int Fill() override;
 
 protected:
-    /// Takes a range as large as the window straight from the layer.
     int Fetch(char* begin, char* end) override;
+    /// A Fetch() that takes a range as large as the buffer straight from the layer.
+    int FetchFromLayer(char* begin, char* end);
 
 private:
     CascadableStreamBuf& _layer;

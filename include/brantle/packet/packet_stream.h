@@ -31,7 +31,7 @@ public:
     /// layer below shows only in what follows: the packet is not counted, nothing is thrown.
     void WritePacket(Packet& packet) { WritePacket(packet, false); }
     /// The same; with `more`, another packet follows at once and the kernel may hold this one back for it, as
-    /// OSocketBuffer::FlushCorked has it.
+    /// OSocketBuffer::SetMoreToCome has it.
     void WritePacket(Packet& packet, bool more);
 
     /// The bytes that WritePacket counts for a packet, which this encodes.

@@ -42,6 +42,9 @@ public:
     unsigned int _plainBytes; ///< total of plain bytes flushed
     unsigned int _sequence;   ///< number of the current packet, RFC 4253, section 6.4
     unsigned char _cryptBuffer[SSH_CRYPT_SIZE];
+
+private:
+    char _plainBuffer[SSH_PLAIN_SIZE]; ///< of the OutputBuffer
 };
 
 /// The layer that decrypts and checks incoming packets (RFC 4253, section 6).
@@ -66,7 +69,8 @@ public:
     /// is allowed or of the stream, or a negative value of the layer below or of the cipher.
     int Fill() override;
 
-    /// As CascadableIStreamBuffer::get; what is larger than the buffer is decrypted in place.
+    /// As CascadableIStreamBuffer::get. What is larger than the buffer is decrypted in place, except in a
+    /// derived class: its Fill() gives every byte.
     int get(char* begin, char* end) override;
 
     /// Reads the MAC beneath the cipher, compares it and advances the sequence number. A stream
@@ -85,6 +89,8 @@ public:
 private:
     int Receive(unsigned char* raw, unsigned int room, unsigned char* plain);
     int Decrypt(unsigned char const* raw, unsigned int length, unsigned char* plain);
+
+    char _plainBuffer[SSH_PLAIN_SIZE]; ///< of the InputBuffer
 };
 
 } // namespace cindral

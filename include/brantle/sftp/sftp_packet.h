@@ -63,6 +63,9 @@ public:
     public:
         explicit DecoderStream(ByteString const& payload);
         ~DecoderStream() override;
+
+    protected:
+        int Fetch(char* begin, char* end) override;
     };
 
     virtual ~SftpPacket();

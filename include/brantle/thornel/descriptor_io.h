@@ -2,6 +2,7 @@
 #define BRANTLE_THORNEL_DESCRIPTOR_IO_H
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -21,11 +22,21 @@ public:
     struct Calls {
         ssize_t (*recv)(int, void*, std::size_t, int);
         ssize_t (*send)(int, void const*, std::size_t, int);
+        ssize_t (*sendmsg)(int, msghdr const*, int);
         ssize_t (*read)(int, void*, std::size_t);
         ssize_t (*write)(int, void const*, std::size_t);
         int (*poll)(pollfd*, nfds_t, int);
     };
     static Calls& SystemCalls();
+
+    /// Bytes that are still to be written.
+    struct Range {
+        char const* _from;
+        char const* _end;
+
+        bool IsEmpty() const { return _from == _end; }
+        std::size_t Size() const { return static_cast<std::size_t>(_end - _from); }
+    };
 
     explicit DescriptorIO(int fd = -1) { Set(fd); }
 
@@ -45,6 +56,9 @@ public:
     /// which does not fill a segment, for them or for an Uncork, though no longer than 200 ms.
     int Write(char const*& from, char const* end, unsigned int limit, bool more = false) const;
 
+    /// The same for two ranges, one after the other. A socket takes both in one system call.
+    int Write(Range& first, Range& second, unsigned int limit, bool more = false) const;
+
     /// Sends what a socket holds back by `more`.
     void Uncork() const;
 
@@ -56,6 +70,8 @@ private:
 
     ssize_t ReadOnce(char* to, std::size_t size, int flags, unsigned int limit) const;
     ssize_t WriteOnce(char const* from, std::size_t size, unsigned int limit, int flags) const;
+    template <class Call>
+    ssize_t Retry(Call const& call, unsigned int limit) const;
     int Wait(short events, unsigned int limit) const;
 
     int _fd;

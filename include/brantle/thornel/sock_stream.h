@@ -32,8 +32,10 @@ private:
 ///
 /// Nothing is written until the buffer is full, Flush() is called or a tied input stream waits; in
 /// particular the destructor writes nothing, as the descriptor may be closed by then. After a failed
-/// write the stream stays failed with the same errno until it is bound again. Derived classes send the
-/// bytes elsewhere by overriding Flush().
+/// write the stream stays failed with the same errno until it is bound again.
+///
+/// A derived class that overrides Flush(), to send the bytes elsewhere or to look at them first, sees every
+/// byte there in [_start, _pos), whatever operation wrote it.
 class THORNEL_API OSockStream : public OutputBuffer<char>, public virtual SockStream {
 public:
     /// Bytes that the buffer of a socket stream holds.
@@ -46,7 +48,6 @@ public:
     /// Writes out what is buffered. Returns the number of bytes, or -1 with errno set and FAILED in
     /// the status; what has not gone stays in the buffer.
     int Flush() override;
-    /// As OutputBuffer::Put, with a MakeRoom() where the window is full.
     int Put(char const& byte) override;
 
     /// Attaches the descriptor, with an empty buffer and a status of 0.
@@ -66,31 +67,35 @@ public:
     unsigned int _timeout;
 
 protected:
-    /// With a buffer of another size.
-    OSockStream(int fd, unsigned int size);
-
-    /// Passes on a full window that more bytes of the same message follow: here a Flush(). A derived class
-    /// may tell the two apart.
-    virtual int MakeRoom();
-    /// Flushes the descriptor's buffer, whatever Flush() does. With `more`, other bytes follow at once, and
-    /// the kernel may hold these back for them.
+    /// Whether the Flush() in progress makes room in the middle of a Write or Put: more bytes of the same
+    /// message follow.
+    bool IsMakingRoom() const { return _isMakingRoom; }
+    /// Writes what is buffered to the descriptor, as Flush() does. With `more`, other bytes follow at once,
+    /// and the kernel may hold these back for them.
     int FlushDescriptor(bool more);
-    /// Writes a range past the buffer, which must be empty. Returns 0, or -1 with errno set.
+    /// Writes what is buffered and after it a range, past the buffer. Returns the number of bytes, or -1 with
+    /// errno set; `from` says how much of the range has gone.
     int Send(char const*& from, char const* end, bool more = false);
     /// Whether the kernel may hold back bytes. The next Flush() sends them.
     bool IsCorked() const { return _isCorked; }
 
 private:
+    int MakeRoom();
+
     DescriptorIO _io;
     int _failure; ///< errno of the write that failed since the last Bind, else 0
     bool _isCorked;
+    bool _isMakingRoom;
+    char _array[BUFFER_SIZE]; ///< of the OutputBuffer
 };
 
 /// A buffered input stream over a descriptor, which stays the caller's.
 ///
-/// Before the stream waits for bytes it flushes the output stream that it is tied to. After a failed
-/// read the stream stays failed with the same errno until it is bound again. Derived classes take the
-/// bytes from elsewhere by overriding Fill().
+/// Before the stream waits for bytes it flushes, once, the output stream that it is tied to. After a failed
+/// read the stream stays failed with the same errno until it is bound again.
+///
+/// A derived class that overrides Fill(), to take the bytes from elsewhere or to change them, gives every
+/// byte there, in [_pos, _end), whatever operation reads it. The tied stream has then been flushed already.
 class THORNEL_API ISockStream : public InputBuffer<char>, public virtual SockStream {
 public:
     static constexpr unsigned int BUFFER_SIZE = 8192;
@@ -103,13 +108,13 @@ public:
     explicit ISockStream(OSockStream* tied);
     ~ISockStream() override;
 
-    /// Reads from the descriptor into the window, which must be empty. Returns the number of bytes,
-    /// 0 at the end of the input, -1 with errno set on failure.
+    /// Reads from the descriptor into the buffer, whose readable range must be empty. Returns the number of
+    /// bytes, 0 at the end of the input, -1 with errno set on failure.
     int Fill() override;
     /// As InputBuffer::Get, with the tied stream flushed before a Fill().
     int Get(char& byte) override;
 
-    /// Attaches the descriptor, with an empty window and a status of 0.
+    /// Attaches the descriptor, with an empty buffer and a status of 0.
     virtual void Bind(int fd);
     /// Detaches the descriptor and drops what has been read ahead.
     virtual void Unbind();
@@ -136,29 +141,34 @@ public:
     unsigned int _timeout;
 
 protected:
-    /// Flushes the tied stream, if there is one.
+    /// Flushes the tied stream, if there is one, unless Refill() has just done so for this read. To be called
+    /// by each Fill() that may wait.
     void FlushTied();
     /// Flushes the tied stream, then calls Fill().
     int Refill();
-    /// Flushes the tied stream, then reads from the descriptor into a range, past the window, which must be
+    /// Flushes the tied stream, then reads from the descriptor into a range, past the buffer, which must be
     /// empty. Results as of Fill().
     int ReadUnbuffered(char* begin, char* end);
     /// Whether a read from the descriptor would find bytes, the end of the input or a failure without a wait.
     bool HasInput() const { return _failure || _io.HasInput(); }
-    /// Stores a part of a range that Read wants, with an empty window: here what a Refill() brings. A
-    /// derived class may fetch large ranges past the window. Returns the number of bytes, 0 at the end
-    /// of the input, a negative value on failure.
+    /// Stores a part of a range that Read wants, with an empty buffer: here what a Refill() brings. A
+    /// class that overrides this to fetch large ranges past the buffer does so where IsExactly() holds, and
+    /// else leaves it to this one. Returns the number of bytes, 0 at the end of the input, a negative value
+    /// on failure.
     virtual int Fetch(char* begin, char* end);
 
 private:
-    int FillLine(char last);
-    int NoteFilled(int count);
+    static constexpr int NONE = -1;
+
     int NoteFailure(int count);
 
     DescriptorIO _io;
     int _failure; ///< errno of the read that failed since the last Bind, else 0
     int _gcount;
-    OSockStream* _tied; ///< not owned
+    OSockStream* _tied;       ///< not owned
+    bool _isTiedFlushed;      ///< the tied stream has been flushed for the next Fill()
+    int _lineEnd;             ///< the character after which a Fill() for Readln stops, else NONE
+    char _array[BUFFER_SIZE]; ///< of the InputBuffer
 };
 
 /// An input and an output stream over one descriptor, the input side tied to the output side.

@@ -3,21 +3,38 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <memory>
+#include <typeinfo>
 
 #include <brantle/thornel/export.h>
 
-/// The window of an input stream: what has been read and not yet been taken lies in [_pos, _end).
+/// Whether an object is of one of the classes listed, and not of a class derived from one.
 ///
-/// The array is allocated once, by the constructor, and belongs to this object. A derived class says
-/// in Fill() where the bytes come from and may move `_end` and `_pos` within the array.
+/// The streams of this library rest on a promise: a class that overrides Fill() or Flush() sees every byte
+/// there. Whoever knows a shorter way for a large range than through the buffer takes it only in an object
+/// of which this says that its Fill() or Flush() is the library's own.
+template <class... Classes, class Object>
+bool IsExactly(Object const& object) {
+    return ((typeid(object) == typeid(Classes)) || ...);
+}
+
+/// The buffer of an input stream: what has been read and not yet been taken is its readable range,
+/// [_pos, _end).
+///
+/// A derived class says in Fill() where the bytes come from, and may move `_end` and `_pos` within the array.
 ///
 /// Invariant: _start <= _pos <= _end <= _start + _capacity.
 template <class T>
 class InputBuffer {
 public:
-    explicit InputBuffer(unsigned int capacity)
-        : _start(new T[capacity]), _end(_start), _pos(_start), _capacity(capacity) {}
-    virtual ~InputBuffer() { delete[] _start; }
+    /// With an array that is allocated here and belongs to this object.
+    explicit InputBuffer(unsigned int capacity) : InputBuffer(new T[capacity], capacity) {
+        _allocated.reset(_start);
+    }
+    /// With an array of the derived class's own, which need not be initialised.
+    InputBuffer(T* array, unsigned int capacity)
+        : _start(array), _end(array), _pos(array), _capacity(capacity) {}
+    virtual ~InputBuffer() = default;
     InputBuffer(InputBuffer const&) = delete;
     InputBuffer& operator=(InputBuffer const&) = delete;
 
@@ -35,7 +52,7 @@ public:
         return 1;
     }
 
-    /// Takes what the window holds now, at most up to `end`, without a Fill(). Returns the number.
+    /// Takes from the readable range, at most up to `end`, without a Fill(). Returns the number.
     std::size_t TakeBuffered(T* begin, T* end) {
         std::size_t count = static_cast<std::size_t>(std::min(end - begin, _end - _pos));
         std::copy_n(_pos, count, begin);
@@ -43,24 +60,31 @@ public:
         return count;
     }
 
-    T* _start;              ///< the array, owned
-    T* _end;                ///< end of the valid range
+    T* _start;              ///< the array
+    T* _end;                ///< end of the readable range
     T* _pos;                ///< next element to take
     unsigned int _capacity; ///< size of the array
+
+private:
+    std::unique_ptr<T[]> _allocated; ///< the array, unless it is the derived class's own
 };
 
-/// The window of an output stream: what has been put and not yet been written lies in [_start, _pos).
+/// The buffer of an output stream: what has been put and not yet been written lies in [_start, _pos).
 ///
-/// The array is allocated once, by the constructor, and belongs to this object. A derived class says
-/// in Flush() where the bytes go; it may set `_end` lower to write in smaller pieces.
+/// A derived class says in Flush() where the bytes go; it may set `_end` lower to write in smaller pieces.
 ///
 /// Invariant: _start <= _pos <= _end <= _start + _capacity.
 template <class T>
 class OutputBuffer {
 public:
-    explicit OutputBuffer(unsigned int capacity)
-        : _start(new T[capacity]), _end(_start + capacity), _pos(_start), _capacity(capacity) {}
-    virtual ~OutputBuffer() { delete[] _start; }
+    /// With an array that is allocated here and belongs to this object.
+    explicit OutputBuffer(unsigned int capacity) : OutputBuffer(new T[capacity], capacity) {
+        _allocated.reset(_start);
+    }
+    /// With an array of the derived class's own, which need not be initialised.
+    OutputBuffer(T* array, unsigned int capacity)
+        : _start(array), _end(array + capacity), _pos(array), _capacity(capacity) {}
+    virtual ~OutputBuffer() = default;
     OutputBuffer(OutputBuffer const&) = delete;
     OutputBuffer& operator=(OutputBuffer const&) = delete;
 
@@ -68,7 +92,7 @@ public:
     /// stays.
     virtual int Flush() = 0;
 
-    /// Puts one element. A full window is flushed first; if there is no room even then, the element
+    /// Puts one element. A full buffer is flushed first; if there is no room even then, the element
     /// is dropped. Returns Flush()'s result, or 0 if there was no need of one.
     virtual int Put(T const& element) {
         int flushed = 0;
@@ -80,7 +104,7 @@ public:
         return flushed;
     }
 
-    /// Puts a range, with a Flush() each time the window is full and more is to come. Returns the
+    /// Puts a range, with a Flush() each time the buffer is full and more is to come. Returns the
     /// number of elements taken, or a negative value once a Flush() failed or made no room: its result,
     /// or -1 where that is not negative.
     int PutRange(T const* begin, T const* end) {
@@ -102,10 +126,13 @@ public:
         return static_cast<int>(end - begin);
     }
 
-    T* _start;              ///< the array, owned
+    T* _start;              ///< the array
     T* _end;                ///< end of the room
     T* _pos;                ///< where the next element goes
     unsigned int _capacity; ///< size of the array
+
+private:
+    std::unique_ptr<T[]> _allocated; ///< the array, unless it is the derived class's own
 };
 
 extern template class THORNEL_API InputBuffer<char>;

@@ -1,5 +1,7 @@
 #include <brantle/channel/ssh_channel.h>
 
+#include "support/holds_buffer.h"
+
 #include "plain_connection.h"
 
 namespace cindral {
@@ -13,6 +15,14 @@ protected:
     PlainConnection _connection;
     SshChannel _channel{0, 5, "client-session", WINDOW, -1, -1, -1, &_connection._in, &_connection._out};
 };
+
+TEST(SshChannel, HoldsItsTwoStreamBuffersInItself) {
+    SshChannel const channel;
+    EXPECT_TRUE(support::HoldsBuffer(channel, channel._outStream));
+    EXPECT_TRUE(support::HoldsBuffer(channel, channel._errStream));
+    EXPECT_EQ(channel._outStream._capacity, 8192u);
+    EXPECT_EQ(channel._errStream._capacity, 8192u);
+}
 
 TEST(SshChannelDefault, HasNothingAndSendsNothing) {
     SshChannel channel;

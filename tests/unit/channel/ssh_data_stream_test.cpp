@@ -9,6 +9,7 @@
 
 #include "plain_connection.h"
 #include "support/descriptors.h"
+#include "support/overriding_streams.h"
 
 namespace cindral {
 namespace {
@@ -443,6 +444,22 @@ TEST_F(DataInput, TiedOutputLeavesBeforeAReadWaits) {
         _stream.Read(bytes.data(), size);
         EXPECT_EQ((std::vector<Bytes>{Data("x")}), _connection.Sent());
     }
+}
+
+TEST_F(DataInput, TiedOutputIsFlushedOnceForEachReadThatWaits) {
+    support::CountingOutput<OSshDataStream> out(_connection._out, 0, _window);
+    _stream.Tie(&out);
+    std::string bytes(8192, '\0');
+    for (int size : {1, 8191, 8192}) {
+        _connection.Receive(Data(Text(static_cast<std::size_t>(size))));
+        out._flushes = 0;
+        _stream.Read(bytes.data(), size);
+        EXPECT_EQ(1, out._flushes) << size;
+    }
+    _connection.Receive(Data("x"));
+    out._flushes = 0;
+    EXPECT_EQ(1, _stream.Fill());
+    EXPECT_EQ(1, out._flushes);
 }
 
 TEST_F(DataInput, DestructionSendsNothing) {

@@ -8,6 +8,7 @@
 #include <brantle/cindral/string_buffer.h>
 
 #include "support/descriptors.h"
+#include "support/overriding_streams.h"
 
 using namespace cindral;
 using support::DescriptorPair;
@@ -75,7 +76,7 @@ TEST(ISockStreamAdapter, FillHandsOnTheResultOfTheLayer) {
     EXPECT_EQ(failing.Get(byte), -1);
 }
 
-TEST(ISockStreamAdapter, LargeRangesPassTheWindowBy) {
+TEST(ISockStreamAdapter, LargeRangesGoPastTheBuffer) {
     std::string const text = "head" + std::string(3 * ISockStream::BUFFER_SIZE, 'b') + "tail";
     IStringBuffer memory(text.data(), static_cast<unsigned int>(text.size()));
     Fence fence(&memory);
@@ -93,6 +94,23 @@ TEST(ISockStreamAdapter, LargeRangesPassTheWindowBy) {
     EXPECT_EQ(in.Gcount(), 2);
     EXPECT_EQ(in.Status(), SockStream::END_OF_INPUT);
     EXPECT_EQ(rest.substr(0, 3), "ta-");
+}
+
+TEST(ISockStreamAdapter, TiedStreamIsFlushedOnceBeforeTheLayerIsAsked) {
+    std::string const text(20000, 'x');
+    OStringBuffer sink;
+    for (int size : {1, 8192}) {
+        IStringBuffer memory(text.data(), static_cast<unsigned int>(text.size()));
+        ISockStreamAdapter in(memory);
+        support::CountingOutput<OSockStreamAdapter> tied(sink);
+        in.Tie(&tied);
+        std::string bytes(8192, '-');
+        in.Read(bytes.data(), size);
+        EXPECT_EQ(tied._flushes, 1) << size;
+        in._pos = in._end;
+        EXPECT_EQ(in.Fill(), 8192);
+        EXPECT_EQ(tied._flushes, 2) << size;
+    }
 }
 
 TEST(ISockStreamAdapter, LinesComeOutOfTheLayer) {

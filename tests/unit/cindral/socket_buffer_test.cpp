@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/descriptors.h"
+#include "support/overriding_streams.h"
 
 using namespace cindral;
 using support::CallCounter;
@@ -36,7 +37,7 @@ TEST_F(SocketBuffers, HaveNoTimeLimitAtFirst) {
     EXPECT_EQ(_out._timeout, 0u);
 }
 
-TEST_F(SocketBuffers, ReadAheadLiesInTheWindow) {
+TEST_F(SocketBuffers, ReadAheadLiesInTheBuffer) {
     _pair.Send("abcdef");
     EXPECT_FALSE(_in._pos < _in._end);
     EXPECT_EQ(_in.get(_bytes, _bytes + 4), 4);
@@ -59,7 +60,7 @@ TEST_F(SocketBuffers, GetWaitsUntilTheRangeIsFull) {
     EXPECT_EQ(std::string(_bytes, 16), "abababababababab");
 }
 
-TEST_F(SocketBuffers, GetReadsAWholeWindowAtATime) {
+TEST_F(SocketBuffers, GetReadsAWholeBufferAtATime) {
     _pair.Send(std::string(10000, 'x'));
     CallCounter counter;
     for (int i = 0; i < 100; ++i) EXPECT_EQ(_in.get(_bytes, _bytes + 100), 100);
@@ -137,6 +138,48 @@ TEST_F(SocketBuffers, RangeAsLargeAsTheBufferIsWrittenThrough) {
     EXPECT_EQ(_pair.Received(), std::string(8191, 'x') + std::string(8192, 'y'));
 }
 
+TEST_F(SocketBuffers, OutputBufferHolds8192Bytes) {
+    EXPECT_EQ(_out._capacity, 8192u);
+    EXPECT_EQ(_out._end - _out._start, 8192);
+    for (int i = 0; i < 8192; ++i) _out.putchr('x');
+    EXPECT_EQ(_pair.Received(), "");
+    _out.putchr('y');
+    EXPECT_EQ(_pair.Received(), std::string(8192, 'x'));
+}
+
+TEST_F(SocketBuffers, SomethingHasLeftAfter8193BytesPutInWhateverPieces) {
+    for (std::size_t piece : {1u, 20u, 100u, 4096u, 8192u}) {
+        std::size_t put = 0;
+        for (; put + piece <= 8192; put += piece) Put(std::string(piece, 'x'));
+        if (piece < 8192) {
+            EXPECT_EQ(_pair.Received(), "") << piece;
+        }
+        Put(std::string(8193 - put, 'y'));
+        EXPECT_GE(_pair.Received().size(), 8192u) << piece;
+        _out.Flush();
+        _pair.Received();
+    }
+}
+
+TEST_F(SocketBuffers, RangeThatDoesNotFitLeavesInOneCallWithWhatIsBuffered) {
+    CallCounter counter;
+    Put("abc");
+    EXPECT_EQ(Put(std::string(20000, 'x')), 20000);
+    EXPECT_EQ(counter.Transfers(), 1);
+    EXPECT_EQ(_pair.Received(), "abc" + std::string(20000, 'x'));
+    EXPECT_EQ(_out.Flush(), 0);
+}
+
+TEST_F(SocketBuffers, WhatIsBufferedStaysWhenItCanNotLeaveWithARange) {
+    _out.Bind(-1);
+    Put("abc");
+    errno = 0;
+    EXPECT_LT(Put(std::string(20000, 'x')), 0);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(std::string(_out._start, _out._pos), "abc");
+    EXPECT_EQ(_out.Status(), SockStream::FAILED);
+}
+
 TEST_F(SocketBuffers, OrderIsKeptWhenTheBufferHoldsSomething) {
     Put("abc");
     EXPECT_EQ(Put(std::string(20000, 'x')), 20000);
@@ -153,6 +196,13 @@ TEST_F(SocketBuffers, InterruptsAndShortCountsDoNotShow) {
         EXPECT_EQ(faults.Interrupted(), 17);
     }
     EXPECT_EQ(_pair.Received(), std::string(8192, 'x') + "end");
+    {
+        FaultyCalls faults(500);
+        Put(std::string(8000, 'x'));
+        EXPECT_EQ(Put(std::string(1000, 'y')), 1000);
+        EXPECT_EQ(faults.Interrupted(), 18);
+    }
+    EXPECT_EQ(_pair.Received(), std::string(8000, 'x') + std::string(1000, 'y'));
     FaultyCalls faults(5);
     _pair.Send("abcdefghijklmnop");
     EXPECT_EQ(_in.get(_bytes, _bytes + 16), 16);
@@ -201,7 +251,7 @@ TEST_F(SocketBuffers, PipeServesAsDescriptor) {
     EXPECT_EQ(outgoing.Received(), std::string(8192, 'x'));
 }
 
-TEST_F(SocketBuffers, RangeLargerThanTheWindowIsReceivedWhereItBelongs) {
+TEST_F(SocketBuffers, RangeLargerThanTheBufferIsReceivedWhereItBelongs) {
     std::string const text = "abc" + std::string(20000, 'x') + "yz";
     _pair.Send(text);
     EXPECT_EQ(_in.get(_bytes, _bytes + 1), 1);
@@ -210,6 +260,17 @@ TEST_F(SocketBuffers, RangeLargerThanTheWindowIsReceivedWhereItBelongs) {
     EXPECT_EQ(_in.get(rest.data(), rest.data() + 20004), 20004);
     EXPECT_EQ(rest, text.substr(1));
     EXPECT_EQ(counter.Transfers(), 1);
+}
+
+TEST_F(SocketBuffers, TiedStreamIsFlushedOnceForEachReadThatWaits) {
+    support::CountingOutput<OSockStream> tied(_pair.Ours());
+    _in.Tie(&tied);
+    for (std::size_t size : {1u, 8192u, 8193u, 10000u}) {
+        _pair.Send(std::string(size, 'x'));
+        tied._flushes = 0;
+        EXPECT_EQ(_in.get(_bytes, _bytes + size), static_cast<int>(size));
+        EXPECT_EQ(tied._flushes, 1) << size;
+    }
 }
 
 TEST_F(SocketBuffers, EndWithinALargeRangeShowsAfterTheBytesThatCame) {
@@ -224,16 +285,24 @@ TEST_F(SocketBuffers, FullBufferLeavesTogetherWithItsTrailer) {
     using Sent = support::SendRecorder::Sent;
     support::SendRecorder recorder;
     Put(std::string(8176, 'x'));
-    Put(std::string(OSocketBuffer::TRAILER_SIZE, 'm'));
-    _out.Flush();
-    EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{8240, false}}));
+    Put(std::string(20, 'm'));
+    EXPECT_EQ(_out.Flush(), 0);
+    EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{8196, false}}));
+    EXPECT_EQ(_pair.Received(), std::string(8176, 'x') + std::string(20, 'm'));
+    _out.SetMoreToCome(true);
+    Put(std::string(8176, 'x'));
+    Put(std::string(20, 'm'));
+    EXPECT_EQ(_out.Flush(), 0);
+    EXPECT_TRUE(_out.IsCorked());
+    EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{8196, true}}));
 }
 
-TEST_F(SocketBuffers, FlushAheadHandsOverAsMoreToCome) {
+TEST_F(SocketBuffers, FlushBeforeMoreHandsItOverAsMoreToCome) {
     using Sent = support::SendRecorder::Sent;
     support::SendRecorder recorder;
     Put("abc");
-    EXPECT_EQ(_out.FlushCorked(), 3);
+    _out.SetMoreToCome(true);
+    EXPECT_EQ(_out.Flush(), 3);
     EXPECT_TRUE(_out.IsCorked());
     Put("de");
     EXPECT_EQ(_out.Flush(), 2);
@@ -248,7 +317,8 @@ TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
     out.Bind(pair.Ours());
     std::string const text = "abc";
     out.put(text.data(), text.data() + text.size());
-    out.FlushCorked();
+    out.SetMoreToCome(true);
+    out.Flush();
     EXPECT_EQ(out.Flush(), 0);
     EXPECT_FALSE(out.IsCorked());
     EXPECT_EQ(support::Unsent(pair.Ours()), 0);
@@ -256,7 +326,8 @@ TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
 
 TEST_F(SocketBuffers, FailedFlushAfterOneAheadTellsItsOwnError) {
     Put("abc");
-    _out.FlushCorked();
+    _out.SetMoreToCome(true);
+    _out.Flush();
     _pair.ClosePeer();
     Put("de");
     errno = 0;
@@ -266,7 +337,8 @@ TEST_F(SocketBuffers, FailedFlushAfterOneAheadTellsItsOwnError) {
 
 TEST_F(SocketBuffers, BindingForgetsWhatIsHeldBack) {
     Put("abc");
-    _out.FlushCorked();
+    _out.SetMoreToCome(true);
+    _out.Flush();
     _out.Bind(_pair.Ours());
     EXPECT_FALSE(_out.IsCorked());
 }

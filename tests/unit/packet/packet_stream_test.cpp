@@ -18,6 +18,7 @@
 #include <brantle/packet/packet_encoder.h>
 
 #include "support/descriptors.h"
+#include "support/holds_buffer.h"
 
 namespace cindral {
 namespace {
@@ -472,6 +473,26 @@ TEST_F(PacketStream, FullDataMessageLeavesWithItsMacInOneSend) {
     RawPacket packet(Bytes(9 + 8144, 94), 18);
     _out.WritePacket(packet);
     EXPECT_EQ(recorder.Take().size(), 1u);
+}
+
+TEST_F(PacketStream, FullDataMessageThatOthersFollowIsHandedOverAsMoreToComeInOneSend) {
+    UseKeys();
+    support::SendRecorder recorder;
+    PacketChannelData packet(0, std::string(8144, 'x').data(), 8144);
+    _out.WritePacket(packet, true);
+    EXPECT_EQ(recorder.Take(), (std::vector<support::SendRecorder::Sent>{{8176 + 20, true}}));
+    _out.WritePacket(packet);
+    EXPECT_EQ(recorder.Take(), (std::vector<support::SendRecorder::Sent>{{8176 + 20, false}}));
+    EXPECT_FALSE(_out._socketBuffer.IsCorked());
+}
+
+TEST_F(PacketStream, BuffersLieInTheStreams) {
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out._socketBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out._sshBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out._adapter));
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in._socketBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in._sshBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in._adapter));
 }
 
 TEST_F(PacketStream, HasInputOnceAPartOfAPacketIsThere) {

@@ -125,7 +125,7 @@ protected:
 
 class Input : public SshBuffer {
 protected:
-    std::string Window() const { return std::string(_in._pos, _in._end); }
+    std::string Readable() const { return std::string(_in._pos, _in._end); }
 
     Source _below{_log};
     ISshBuffer _in{&_below, _cipher, _mac};
@@ -199,13 +199,13 @@ TEST_F(Input, FillTakesNoMoreThanIsAllowed) {
     _in.StartPacket(2);
     News();
     EXPECT_EQ(_in.Fill(), 2);
-    EXPECT_EQ(Window(), "bc");
+    EXPECT_EQ(Readable(), "bc");
     EXPECT_THAT(News(), ElementsAre("get 2", "cipher 2", "update bc"));
     EXPECT_EQ(_in.Fill(), 0);
     EXPECT_THAT(News(), IsEmpty());
     _in.ContinuePacket(3);
     EXPECT_EQ(_in.Fill(), 3);
-    EXPECT_EQ(Window(), "def");
+    EXPECT_EQ(Readable(), "def");
     EXPECT_EQ(_in._remaining, 0u);
     EXPECT_EQ(_in._plainBytes, 0u);
 }
@@ -245,7 +245,7 @@ TEST_F(Input, FailedCipherIsPassedOn) {
     _in.ContinuePacket(3);
     EXPECT_EQ(_in.Fill(), -1);
     EXPECT_THAT(News(), ElementsAre("get 3", "cipher 3"));
-    EXPECT_EQ(Window(), "");
+    EXPECT_EQ(Readable(), "");
 }
 
 TEST_F(Input, MacIsReadBeneathTheCipherAndCompared) {

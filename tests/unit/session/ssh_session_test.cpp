@@ -1,5 +1,7 @@
 // The session as an object: what it starts with, what it refuses and how it goes. No network.
 
+#include <brantle/session/ssh_session.h>
+
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -16,7 +18,8 @@
 #include <gtest/gtest.h>
 
 #include <brantle/cindral/exceptions.h>
-#include <brantle/session/ssh_session.h>
+
+#include "support/holds_buffer.h"
 
 using cindral::SshSession;
 using cindral::SystemError;
@@ -181,6 +184,16 @@ TEST(SessionConstruction, FieldsHaveTheirInitialValues) {
     EXPECT_EQ(session._remoteForwardings.Root(), nullptr);
     EXPECT_EQ(session._localForwardings.Root(), nullptr);
     EXPECT_EQ(session._x11.Get(), nullptr);
+}
+
+TEST(SessionConstruction, BuffersOfBothDirectionsLieInTheSession) {
+    OpenSession const session;
+    EXPECT_TRUE(support::HoldsBuffer(session, session._out._socketBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(session, session._out._sshBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(session, session._out._adapter));
+    EXPECT_TRUE(support::HoldsBuffer(session, session._in._socketBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(session, session._in._sshBuffer));
+    EXPECT_TRUE(support::HoldsBuffer(session, session._in._adapter));
 }
 
 TEST(SessionConstruction, ModeChoosesTheSlotOfEachDirection) {

@@ -154,6 +154,52 @@ TEST(DescriptorIO, EmptyWriteMakesNoCall) {
     EXPECT_EQ(counter.Transfers(), 0);
 }
 
+TEST_P(EitherDescriptor, InterruptedAndShortWritesOfTwoRangesGoOnToTheEnd) {
+    for (unsigned int limit : {0u, 5u}) {
+        for (std::size_t most : {1u, 7u, 9u, 50u}) {
+            DescriptorPair pair = ForWriting();
+            DescriptorIO io(pair.Ours());
+            std::string const head(18, 'h');
+            std::string const tail(25, 't');
+            DescriptorIO::Range first{head.data(), head.data() + head.size()};
+            DescriptorIO::Range second{tail.data(), tail.data() + tail.size()};
+            FaultyCalls faults(most);
+            EXPECT_EQ(io.Write(first, second, limit), 0);
+            EXPECT_TRUE(first.IsEmpty());
+            EXPECT_TRUE(second.IsEmpty());
+            EXPECT_GE(faults.Interrupted(), 2);
+            EXPECT_EQ(pair.Received(), head + tail);
+        }
+    }
+}
+
+TEST_P(EitherDescriptor, WriteOfTwoRangesThatFailsSaysHowFarItCame) {
+    DescriptorPair pair = ForWriting();
+    std::string const head(100, 'h');
+    std::string const tail(4 << 20, 't');
+    DescriptorIO::Range first{head.data(), head.data() + head.size()};
+    DescriptorIO::Range second{tail.data(), tail.data() + tail.size()};
+    EXPECT_EQ(DescriptorIO(pair.Ours()).Write(first, second, 1), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_TRUE(first.IsEmpty());
+    EXPECT_EQ(pair.Received().size(), head.size() + tail.size() - second.Size());
+}
+
+TEST(DescriptorIO, SocketTakesTwoRangesInOneCall) {
+    using Sent = support::SendRecorder::Sent;
+    DescriptorPair pair = DescriptorPair::Sockets();
+    DescriptorIO const io(pair.Ours());
+    std::string const text = "headtail";
+    support::SendRecorder recorder;
+    for (bool more : {true, false}) {
+        DescriptorIO::Range first{text.data(), text.data() + 4};
+        DescriptorIO::Range second{text.data() + 4, text.data() + 8};
+        EXPECT_EQ(io.Write(first, second, 0, more), 0);
+        EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{8, more}}));
+        EXPECT_EQ(pair.Received(), text);
+    }
+}
+
 TEST(DescriptorIO, NoDescriptorFailsWithEbadf) {
     DescriptorIO io;
     char byte = 'x';
@@ -163,6 +209,11 @@ TEST(DescriptorIO, NoDescriptorFailsWithEbadf) {
     char const* from = &byte;
     errno = 0;
     EXPECT_EQ(io.Write(from, from + 1, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+    DescriptorIO::Range first{from, from + 1};
+    DescriptorIO::Range second = first;
+    errno = 0;
+    EXPECT_EQ(io.Write(first, second, 0), -1);
     EXPECT_EQ(errno, EBADF);
 }
 

@@ -29,7 +29,7 @@ TEST(ipstream, ReadsTheOutputOfACommand) {
     EXPECT_EQ(WEXITSTATUS(status), 3);
 }
 
-TEST(ipstream, ReadsMoreThanAWindow) {
+TEST(ipstream, ReadsMoreThanABuffer) {
     ipstream in("head -c 100000 /dev/zero");
     std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_EQ(all, std::string(100000, '\0'));

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <climits>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -9,6 +10,8 @@
 
 #include "largest_allocation.h"
 #include "support/descriptors.h"
+#include "support/holds_buffer.h"
+#include "support/overriding_streams.h"
 
 using support::CallCounter;
 using support::DescriptorPair;
@@ -234,7 +237,7 @@ TEST_F(SockStreams, StatusRecordsAndDoesNotStopTheReading) {
     EXPECT_EQ(_in.Status(), SockStream::MALFORMED | SockStream::END_OF_INPUT);
 }
 
-TEST_F(SockStreams, OneReadFromTheDescriptorFillsTheWholeWindow) {
+TEST_F(SockStreams, OneReadFromTheDescriptorFillsTheWholeBuffer) {
     std::string const text(8192, 'x');
     _pair.Send(text + "y");
     CallCounter counter;
@@ -283,7 +286,7 @@ TEST_F(SockStreams, WhatIsLargerThanTheBufferGoesPastIt) {
     EXPECT_EQ(_pair.Received(), large);
     _out.Write("before", 6);
     _out.Write(large.data(), 8193);
-    EXPECT_EQ(calls.Transfers(), 3);
+    EXPECT_EQ(calls.Transfers(), 2);
     EXPECT_EQ(_pair.Received(), "before" + large);
     EXPECT_EQ(_out.Flush(), 0);
 }
@@ -398,7 +401,7 @@ TEST_F(SockStreams, TiedStreamIsFlushedBeforeEveryWait) {
     EXPECT_EQ(_in.Get(byte), 1);
     EXPECT_EQ(_pair.Received(), "ask");
     _out.Write("held", 4);
-    EXPECT_EQ(_in.Get(byte), 1); // from the window
+    EXPECT_EQ(_in.Get(byte), 1); // from the buffer
     EXPECT_EQ(_pair.Received(), "");
     _pair.Send("z");
     _in.Read(&byte, 1);
@@ -411,6 +414,60 @@ TEST_F(SockStreams, TiedStreamIsFlushedBeforeEveryWait) {
     _pair.Send("f");
     EXPECT_EQ(_in.Fill(), 1);
     EXPECT_EQ(_pair.Received(), "fill");
+}
+
+TEST_F(SockStreams, TiedStreamIsFlushedOnceForEachReadThatWaits) {
+    support::CountingOutput<OSockStream> tied(_pair.Ours());
+    _in.Tie(&tied);
+    char bytes[3];
+    String_t line;
+    unsigned int number = 0;
+    std::function<void()> const reads[] = {
+        [&] { _in.Get(bytes[0]); }, [&] { _in.Read(bytes, 3); },       [&] { _in.Readln(line, "\n"); },
+        [&] { _in >> number; },     [&] { EXPECT_EQ(_in.Fill(), 4); },
+    };
+    for (auto const& read : reads) {
+        _in.Bind(_pair.Ours());
+        tied._flushes = 0;
+        tied.Write("ask", 3);
+        _pair.Send("abc\n");
+        read();
+        EXPECT_EQ(tied._flushes, 1);
+        EXPECT_EQ(_pair.Received(), "ask");
+        _pair.Left();
+    }
+    _in.Bind(_pair.Ours());
+    tied._flushes = 0;
+    _pair.Send("ab");
+    _in.Read(bytes, 1);
+    _in.Read(bytes, 1); // from the buffer
+    EXPECT_EQ(tied._flushes, 1);
+}
+
+/// Fills itself in two steps from the descriptor.
+class TwoStepStream : public ISockStream {
+public:
+    TwoStepStream() : ISockStream(nullptr) {}
+    int Fill() override { return ISockStream::Fill() < 1 ? 0 : ISockStream::Fill(); }
+};
+
+TEST_F(SockStreams, TiedStreamIsFlushedOnceForEachReadOfADerivedFill) {
+    support::CountingOutput<OSockStream> tied(_pair.Ours());
+    TwoStepStream in;
+    in.Bind(_pair.Ours());
+    in.Tie(&tied);
+    _pair.Send(std::string(8192, 'x') + "y");
+    char byte = 0;
+    EXPECT_EQ(in.Get(byte), 1);
+    EXPECT_EQ(byte, 'y');
+    EXPECT_EQ(tied._flushes, 2);
+}
+
+TEST_F(SockStreams, HoldTheirBuffersInThemselves) {
+    EXPECT_TRUE(support::HoldsBuffer(_in, _in));
+    EXPECT_TRUE(support::HoldsBuffer(_out, _out));
+    EXPECT_EQ(_in._capacity, 8192u);
+    EXPECT_EQ(_out._capacity, 8192u);
 }
 
 /// A stream whose bytes come from elsewhere, as those over a channel do.
@@ -485,7 +542,7 @@ TEST_F(SockStreams, ReadlnTakesNoByteAfterTheLineEndOutOfAPipe) {
     EXPECT_EQ(pipe.Left(), "rest");
 }
 
-TEST_F(SockStreams, ReadlnUsesTheWindowFirst) {
+TEST_F(SockStreams, ReadlnUsesTheBufferFirst) {
     _pair.Send("xone\ntwo");
     char byte;
     _in.Get(byte);

@@ -49,12 +49,55 @@ void ExpectFieldsInOrder(Buffer const& buffer) {
     EXPECT_TRUE(before(&buffer._pos, &buffer._capacity));
 }
 
+TEST(StreamBuffers, WorkInAnArrayThatTheDerivedClassHolds) {
+    class Held : public InputBuffer<char> {
+    public:
+        Held() : InputBuffer(_array, sizeof _array) {}
+        int Fill() override {
+            *_start = 'x';
+            _end = _start + 1;
+            return 1;
+        }
+        char _array[4];
+    } in;
+    EXPECT_EQ(in._start, in._array);
+    EXPECT_EQ(in._end, in._array);
+    EXPECT_EQ(in._capacity, 4u);
+    char byte = 0;
+    EXPECT_EQ(in.Get(byte), 1);
+    EXPECT_EQ(byte, 'x');
+
+    class Kept : public OutputBuffer<char> {
+    public:
+        Kept() : OutputBuffer(_array, sizeof _array) {}
+        int Flush() override { return 0; }
+        char _array[4];
+    } out;
+    EXPECT_EQ(out._end, out._array + 4);
+    EXPECT_EQ(out.Put('y'), 0);
+    EXPECT_EQ(out._array[0], 'y');
+}
+
+TEST(IsExactly, HoldsForTheClassesListedAndNoClassDerivedFromThem) {
+    class Louder : public Sink {};
+    Source const source("");
+    Sink const sink;
+    Louder const louder;
+    OutputBuffer<char> const& base = louder;
+    EXPECT_TRUE(IsExactly<Sink>(sink));
+    EXPECT_TRUE((IsExactly<Source, Sink>(sink)));
+    EXPECT_TRUE((IsExactly<Source, Sink>(source)));
+    EXPECT_FALSE(IsExactly<Sink>(base));
+    EXPECT_FALSE((IsExactly<OutputBuffer<char>, Sink>(base)));
+    EXPECT_TRUE(IsExactly<Louder>(base));
+}
+
 TEST(StreamBuffers, HoldStartEndPositionAndCapacityInThisOrder) {
     ExpectFieldsInOrder(Source(""));
     ExpectFieldsInOrder(Sink());
 }
 
-TEST(InputBuffer, GetFillsOnlyWhenTheWindowIsUsedUp) {
+TEST(InputBuffer, GetFillsOnlyWhenTheReadableRangeIsUsedUp) {
     Source source("abcdef");
     std::string got;
     for (char byte; source.Get(byte) == 1;) got += byte;
@@ -76,7 +119,7 @@ TEST(InputBuffer, GetReturnsZeroAtTheEnd) {
     EXPECT_EQ(source.Get(byte), 0);
 }
 
-TEST(InputBuffer, TakeBufferedStopsAtTheWindowAndAtTheRange) {
+TEST(InputBuffer, TakeBufferedStopsAtTheEndOfEitherRange) {
     Source source("abcd");
     char bytes[8];
     EXPECT_EQ(source.TakeBuffered(bytes, bytes + 8), 0u);
