@@ -16,8 +16,11 @@ int ISocketBuffer::getchr(char& byte) { return Get(byte); }
 int ISocketBuffer::get(char* begin, char* end) {
     char* next = begin + TakeBuffered(begin, end);
     // A range larger than the window is received where it belongs.
-    for (int n; end - next > static_cast<std::ptrdiff_t>(_capacity); next += n)
-        if ((n = ReadUnbuffered(next, end)) < 1) return next == begin ? n : static_cast<int>(next - begin);
+    while (end - next > static_cast<std::ptrdiff_t>(_capacity)) {
+        int const n = ReadUnbuffered(next, end);
+        if (n < 1) return next == begin ? n : static_cast<int>(next - begin);
+        next += n;
+    }
     int const rest = next < end ? TakeRange(*this, next, end, [this] { return Refill(); }) : 0;
     return next == begin ? rest : static_cast<int>(next - begin) + std::max(rest, 0);
 }
