@@ -21,6 +21,7 @@ OSshDataStream::~OSshDataStream() {
     try {
         OSshDataStream::Flush();
     } catch (Except const&) {
+        // a destructor has nobody to report to
     }
 }
 

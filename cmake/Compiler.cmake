@@ -1,20 +1,29 @@
-# Language level, warnings and sanitizers of everything built in this tree.
+# Language level, warnings and sanitizers of everything built in this tree. Warnings are errors in the presets
+# alone, for a user's compiler may know others.
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+# The build type of a project that takes this one in is its own affair, an empty one too.
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Kind of build" FORCE)
 endif()
 
 add_library(brantle_options INTERFACE)
 target_compile_options(brantle_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
-if(PROJECT_IS_TOP_LEVEL)
-  target_compile_options(brantle_options INTERFACE -Werror)
-endif()
 if(BRANTLE_SANITIZE)
   target_compile_options(brantle_options INTERFACE
     -fsanitize=${BRANTLE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(brantle_options INTERFACE -fsanitize=${BRANTLE_SANITIZE})
+endif()
+
+# Whether something is built with a sanitizer, by the option above or by flags of the user's.
+string(TOUPPER "CMAKE_CXX_FLAGS_${CMAKE_BUILD_TYPE}" flags_of_build_type)
+get_directory_property(options_of_directory COMPILE_OPTIONS)
+if("-fsanitize=${BRANTLE_SANITIZE} ${CMAKE_CXX_FLAGS} ${${flags_of_build_type}} ${options_of_directory}"
+    MATCHES "-fsanitize=[a-z]")
+  set(BRANTLE_IS_SANITIZED ON)
+else()
+  set(BRANTLE_IS_SANITIZED OFF)
 endif()

@@ -32,7 +32,8 @@ function(brantle_shared_library name)
     $<$<AND:$<CONFIG:Release>,$<CXX_COMPILER_ID:GNU>>:-flto=auto>)
   target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,-Bsymbolic-functions
     -Wl,-z,noseparate-code ${BRANTLE_RELR})
-  if(NOT BRANTLE_SANITIZE)
+  # With clang++ the functions of a sanitizer are in the program alone.
+  if(NOT BRANTLE_IS_SANITIZED)
     target_link_options(${name} PRIVATE -Wl,--no-undefined)
   endif()
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE $<BUILD_INTERFACE:brantle_options>)

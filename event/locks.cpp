@@ -18,7 +18,7 @@ private:
 
 } // namespace
 
-Mutex::Mutex() : _valid(0) {
+Mutex::Mutex() noexcept : _valid(0) {
     if (pthread_mutex_init(&_mutex, nullptr) == 0) _valid = VALID;
 }
 

@@ -72,8 +72,8 @@ OwnedNumber FixedGroup(KexType type) {
 void SetGroup(DH* dh, OwnedNumber p, OwnedNumber g) {
     if (!g) g = NewNumber();
     if (!DH_set0_pqg(dh, p.get(), nullptr, g.get())) return;
-    p.release();
-    g.release();
+    (void)p.release();
+    (void)g.release();
 }
 
 OwnedNumber RandomNumber(int bits) {

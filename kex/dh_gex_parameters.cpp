@@ -16,7 +16,7 @@ void CheckRange(int bits, char const* which) {
 
 } // namespace
 
-DhGexParameters::DhGexParameters() : min(1024), pref(1024), max(8192) {}
+DhGexParameters::DhGexParameters() noexcept : min(1024), pref(1024), max(8192) {}
 
 DhGexParameters::DhGexParameters(int preferred) : min(-1), pref(preferred), max(-1) {
     CheckRange(pref, "pref");

@@ -57,7 +57,8 @@ int SshSession::KeyExchange() {
     PacketKexInit peer(decoder);
     int result = NegotiateAlgorithms(own, peer);
     if (result < 0) return result;
-    result = (this->*_kexFuncs[_kexType])(own, peer);
+    KexFunction const exchangeKeys = _kexFuncs[_kexType];
+    result = (this->*exchangeKeys)(own, peer);
     return std::min(result, 0);
 }
 

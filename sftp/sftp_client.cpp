@@ -92,7 +92,7 @@ int SftpClient::Read(SftpStatus& status, SftpFileHandle const& handle, long long
         return 0;
     }
     SftpBufferView data{buffer, length};
-    SftpPacketData(reply, data);
+    SftpPacketData const decoded(reply, data);
     if (data._length > length) {
         status._code = SftpStatus::FX_BAD_MESSAGE;
         return BAD_MESSAGE;
@@ -200,7 +200,7 @@ int SftpClient::ExchangeForStatus(SftpStatus& status, SftpPacket& request) {
 int SftpClient::ExchangeForAttrs(SftpStatus& status, SftpPacket& request, SftpFileAttr& attrs) {
     ByteString const reply = Exchange(request);
     if (Type(reply) != SftpPacket::FXP_ATTRS) return TakeStatus(status, reply);
-    SftpPacketAttrs(reply, attrs);
+    SftpPacketAttrs const decoded(reply, attrs);
     return 0;
 }
 
@@ -221,6 +221,7 @@ SftpClient::DirReader::~DirReader() {
     try {
         Close();
     } catch (...) {
+        // a destructor has nobody to report to
     }
 }
 
@@ -268,6 +269,7 @@ SftpClient::FileControl::~FileControl() {
         SftpStatus status;
         _client.Close(status, _handle);
     } catch (...) {
+        // a destructor has nobody to report to
     }
 }
 

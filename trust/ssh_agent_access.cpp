@@ -250,7 +250,7 @@ int SshAgentAccess::IsAvailable(PublicKey const& key) { return _rep ? _rep->IsAv
 
 int SshAgentAccess::GetAgentPid() {
     char const* const pid = std::getenv(SSH_AGENT_PID);
-    return pid && *pid ? std::atoi(pid) : -1;
+    return pid && *pid ? static_cast<int>(std::strtol(pid, nullptr, 10)) : -1;
 }
 
 SshAgentAccess::Iterator::Iterator(SshAgentAccess& access) : _rep(new IteratorRep(access._rep)) {}

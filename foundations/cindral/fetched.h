@@ -15,7 +15,7 @@ template <typename Algorithm, Algorithm* (*Fetch)(OSSL_LIB_CTX*, char const*, ch
           void (*Free)(Algorithm*)>
 class Fetched {
 public:
-    explicit constexpr Fetched(char const* name) : _name(name), _algorithm(nullptr) {}
+    explicit constexpr Fetched(char const* name) noexcept : _name(name), _algorithm(nullptr) {}
 
     /// Throws `OpenSSLError` with the name when OpenSSL doesn't offer the algorithm.
     Algorithm* Get() {

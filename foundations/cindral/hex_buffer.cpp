@@ -27,8 +27,9 @@ OHexBuffer::OHexBuffer(CascadableOStreamBuf* next, unsigned int lineLength, char
 
 OHexBuffer::~OHexBuffer() {
     try {
-        Flush();
+        OHexBuffer::Flush();
     } catch (...) {
+        // a destructor has nobody to report to
     }
 }
 

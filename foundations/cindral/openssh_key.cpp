@@ -42,9 +42,10 @@ void Decrypt(ByteView const& cipherName, SecretBytes const& keyAndIv, SecretByte
 
 /// d modulo one less than the prime, which the file does not hold.
 bool Exponent(BigNum& result, BigNum const& d, BigNum const& prime, BN_CTX* context) {
-    BigNum less(prime);
+    BigNum less;
     BN_set_flags(d._bn, BN_FLG_CONSTTIME);
-    return BN_sub_word(less._bn, 1) == 1 && BN_mod(result._bn, d._bn, less._bn, context) == 1;
+    return BN_sub(less._bn, prime._bn, BN_value_one()) == 1 &&
+           BN_mod(result._bn, d._bn, less._bn, context) == 1;
 }
 
 evp_pkey_st* ReadRsa(WireReader& reader) {

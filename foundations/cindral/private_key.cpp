@@ -97,7 +97,7 @@ int PrivateKey::Read(char const* path, EnterPassword& enter) {
     if (result != 0) return result;
     PkeyPtr owned(key);
     Rep* const fresh = new Rep(key);
-    owned.release();
+    (void)owned.release();
     delete _rep;
     _rep = fresh;
     return 0;

@@ -56,7 +56,7 @@ std::vector<unsigned char> DssFromDer(std::vector<unsigned char> const& der) {
     BIGNUM const* r = nullptr;
     BIGNUM const* s = nullptr;
     DSA_SIG_get0(numbers.get(), &r, &s);
-    std::vector<unsigned char> value(2 * DSS_NUMBER);
+    std::vector<unsigned char> value(std::size_t{2} * DSS_NUMBER);
     if (BN_bn2binpad(r, value.data(), DSS_NUMBER) != DSS_NUMBER ||
         BN_bn2binpad(s, value.data() + DSS_NUMBER, DSS_NUMBER) != DSS_NUMBER)
         return {};

@@ -7,6 +7,7 @@ enum Side { LEFT = -1, RIGHT = 1 };
 
 Side Opposite(Side side) { return side == LEFT ? RIGHT : LEFT; }
 
+// NOLINTNEXTLINE(clang-analyzer-core.uninitialized.UndefReturn): Dup does not return null
 bnode_t*& Link(bnode_t* node, Side side) { return side == LEFT ? node->_left : node->_right; }
 
 AVLnode* Child(AVLnode* node, Side side) { return static_cast<AVLnode*>(Link(node, side)); }

@@ -129,14 +129,16 @@ unsigned int olist_t::removeLoop(int (*match)(olink_t const*, void const*), void
 
 unsigned int olist_t::removeLoop(olist_cmpo_t& match) {
     olist_cmpo_t* const object = &match;
-    return removeLoop(CallObject, &object);
+    return removeLoop(CallObject, static_cast<void const*>(&object));
 }
 
 void olist_t::loop(int (*function)(olink_t*, void*), void* arg) {
     for (olink_t* link = top(); link; link = link == _last ? nullptr : link->_next) function(link, arg);
 }
 
-void olist_t::Sort(int (*compare)(olink_t const*, void const*)) { Sort(CompareTwo, &compare); }
+void olist_t::Sort(int (*compare)(olink_t const*, void const*)) {
+    Sort(CompareTwo, static_cast<void const*>(&compare));
+}
 
 void olist_t::Sort(int (*compare)(olink_t const*, olink_t const*, void const*), void const* arg) {
     if (!_last) return;

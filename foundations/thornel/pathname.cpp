@@ -122,7 +122,7 @@ Pathname& Pathname::ChExt(char const* extension) {
     if (leaf.empty()) return *this;
     std::size_t const dot = leaf.find_last_of('.');
     std::string_view const stem = dot == 0 ? leaf : leaf.substr(0, dot);
-    std::string path(View(*this).data(), static_cast<std::size_t>(stem.data() - Text()) + stem.size());
+    std::string path(View(*this).substr(0, static_cast<std::size_t>(stem.data() - Text()) + stem.size()));
     if (extension) path += extension;
     return *this = path.c_str();
 }
@@ -133,7 +133,7 @@ int Pathname::Glob(Pathname const& pattern, int flags, TOList<String_t>& list) {
         ~Names() { globfree(this); }
     } names;
     int const ownFlags = GLOB_APPEND | GLOB_DOOFFS | GLOB_NOCHECK;
-    int const result = glob(View(pattern).data(), flags & ~ownFlags, nullptr, &names);
+    int const result = glob(str_text(pattern.Text()), flags & ~ownFlags, nullptr, &names);
     if (result == GLOB_NOMATCH) return 0;
     if (result != 0) return -1;
     for (std::size_t i = 0; i < names.gl_pathc; ++i) list.Append(names.gl_pathv[i]);

@@ -29,7 +29,7 @@ bool ReadWhole(ISockStream& in, char* data, unsigned int size) {
 
 template <class T>
 bool ReadNumber(ISockStream& in, T& value) {
-    char bytes[sizeof(T)];
+    char bytes[sizeof(T)] = {};
     if (!ReadWhole(in, bytes, sizeof(T))) return false;
     value = GetBigEndian<T>(bytes);
     return true;

@@ -12,7 +12,7 @@
 /// Results are those of the pthread calls: 0, or a positive error number.
 class BRANTLE_API Mutex {
 public:
-    Mutex();
+    Mutex() noexcept;
     /// Destroys the POSIX mutex if it was initialised.
     ~Mutex();
     Mutex(Mutex const&) = delete;

@@ -11,7 +11,7 @@ namespace cindral {
 class BRANTLE_API DhGexParameters {
 public:
     /// 1024, 1024, 8192.
-    DhGexParameters();
+    DhGexParameters() noexcept;
     /// The old form of the request, in which the preferred size stands alone; both limits are -1.
     explicit DhGexParameters(int preferred);
     DhGexParameters(int lowest, int preferred, int highest);
