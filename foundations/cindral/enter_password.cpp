@@ -174,9 +174,9 @@ void EnterPassword::SetPrompt(String_t const& lead, String_t const& subject) {
 int EnterPassword::operator()(char* buffer, unsigned int size) {
     unsigned int length = 0;
     if (HasPreset()) {
-        _presetUsed = true;
-        length = std::min(size, static_cast<unsigned int>(std::strlen(_preset.Text())));
-        std::memcpy(buffer, _preset.Text(), length);
+        String_t const secret = UsePreset();
+        length = std::min(size, str_len(secret.Text()));
+        std::memcpy(buffer, secret.Text(), length);
     } else {
         int const result = Ask(str_text(_prompt.Text()), buffer, size);
         if (result < 0) return result;
@@ -191,6 +191,11 @@ void EnterPassword::Preset(String_t const& secret) {
     _presetUsed = false;
 }
 
-int EnterPassword::HasPreset() const { return !_presetUsed && _preset.Text() && *_preset.Text(); }
+int EnterPassword::HasPreset() const { return !_presetUsed && !str_empty(_preset.Text()); }
+
+String_t EnterPassword::UsePreset() {
+    _presetUsed = true;
+    return _preset;
+}
 
 } // namespace cindral
