@@ -1,9 +1,8 @@
-#include <brantle/event/iomultiplexer.h>
-
 #include <poll.h>
 
 #include <cerrno>
 
+#include <brantle/event/iomultiplexer.h>
 #include <brantle/thornel/fatal.h>
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 
+#include "atomic_ref.h"
+
 IOMultiplexerTask::IOMultiplexerTask(IOMultiplexer& mux) : _mux(mux), _timeout(0, 0), _stop(0) {}
 
 IOMultiplexerTask::IOMultiplexerTask(IOMultiplexer& mux, IOMultiplexer::Timeval const& timeout)
@@ -9,9 +11,9 @@ IOMultiplexerTask::IOMultiplexerTask(IOMultiplexer& mux, IOMultiplexer::Timeval 
 
 // Another thread may stop the task: the plain word is read and written atomically, in no order with
 // anything else.
-bool IOMultiplexerTask::IsStopped() const { return __atomic_load_n(&_stop, __ATOMIC_RELAXED) != 0; }
+bool IOMultiplexerTask::IsStopped() const { return AtomicRef(_stop).load(std::memory_order_relaxed) != 0; }
 
-int IOMultiplexerTask::Stop() { return __atomic_exchange_n(&_stop, 1, __ATOMIC_RELAXED); }
+int IOMultiplexerTask::Stop() { return AtomicRef(_stop).exchange(1, std::memory_order_relaxed); }
 
 int IOMultiplexerTask::Run() {
     int cursor = -1;

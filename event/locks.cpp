@@ -2,6 +2,8 @@
 
 #include <cerrno>
 
+#include "atomic_ref.h"
+
 namespace {
 
 /// Counts a waiter for as long as it waits, also when its thread is cancelled.
@@ -32,9 +34,9 @@ RMutex::~RMutex() { pthread_mutex_destroy(&_mutex); }
 
 // `_owner` is asked for by threads that do not hold the mutex, so it is read and written atomically.
 // Only the holder ever finds itself there, hence no ordering is needed.
-bool RMutex::IsOwner() const { return __atomic_load_n(&_owner, __ATOMIC_RELAXED) == pthread_self(); }
+bool RMutex::IsOwner() const { return AtomicRef(_owner).load(std::memory_order_relaxed) == pthread_self(); }
 
-void RMutex::SetOwner(pthread_t owner) { __atomic_store_n(&_owner, owner, __ATOMIC_RELAXED); }
+void RMutex::SetOwner(pthread_t owner) { AtomicRef(_owner).store(owner, std::memory_order_relaxed); }
 
 int RMutex::Lock() {
     if (IsOwner()) {

@@ -3,12 +3,11 @@
 // The connections of -R have to be announced without the originator's address, which standard servers send:
 // with them the first one ends the session (docs/dialect.md).
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-
-#include <brantle/thornel/file_descriptor.h>
 
 #include "login.h"
 
@@ -17,11 +16,26 @@ namespace {
 using cindral::SshSession;
 using examples::Fail;
 
-int interruptPipe = -1; ///< takes a byte for each interrupt
+/// Takes a byte for each interrupt. Its pipe stays open until the process ends: a handler may be about to
+/// write.
+volatile std::sig_atomic_t interruptPipe = -1;
 
 extern "C" void NoteInterrupt(int) {
     if (write(interruptPipe, "", 1) < 0) _exit(examples::DONE);
 }
+
+/// Lets interrupts write to a pipe as long as it lives.
+class InterruptHandler {
+public:
+    InterruptHandler() {
+        for (int number : {SIGINT, SIGTERM}) std::signal(number, NoteInterrupt);
+    }
+    ~InterruptHandler() {
+        for (int number : {SIGINT, SIGTERM}) std::signal(number, SIG_DFL);
+    }
+    InterruptHandler(InterruptHandler const&) = delete;
+    InterruptHandler& operator=(InterruptHandler const&) = delete;
+};
 
 /// Ends a session when its pipe has something to read.
 class Interrupt : public IOMultiplexerDispatcher {
@@ -49,14 +63,11 @@ public:
         InitDispatcher();
         Multiplexer().Unregister(STDIN_FILENO); // nothing at the other end would read it
         int ends[2];
-        if (pipe(ends) < 0) return errno;
-        FileDescriptor const reader(ends[0]), writer(ends[1]);
-        interruptPipe = writer;
-        Multiplexer().Register(reader, Interrupt(*this));
-        for (int number : {SIGINT, SIGTERM}) std::signal(number, NoteInterrupt);
-        int const result = SshSession::Run();
-        for (int number : {SIGINT, SIGTERM}) std::signal(number, SIG_DFL);
-        return result;
+        if (pipe2(ends, O_CLOEXEC) < 0) return errno;
+        interruptPipe = ends[1];
+        Multiplexer().Register(ends[0], Interrupt(*this));
+        InterruptHandler const handler;
+        return SshSession::Run();
     }
 };
 

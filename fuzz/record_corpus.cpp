@@ -118,9 +118,7 @@ struct Login {
 class NobodyThere : public EnterPassword {
 public:
     NobodyThere() : EnterPassword(0, "") {}
-    int operator()(char* buffer, unsigned int size) override {
-        return HasPreset() ? EnterPassword::operator()(buffer, size) : -1;
-    }
+    int operator()(char*, unsigned int) override { return -1; }
 };
 
 class Recorder {

@@ -214,6 +214,7 @@ int SshSession::ReadIdentity(PrivateKey& privateKey, String_t const& identity, S
                              EnterPassword& enter) {
     if (privateKey._rep && privateKey._rep->IsLoaded()) return 0;
     enter.Preset(password);
+    if (!enter.HasPreset()) enter.EnterPassword::Preset(password); // an override may have kept it to itself
     auto const read = [&](String_t const& path) {
         enter.SetPrompt("Enter passphrase for", path);
         return privateKey.Read(path.Text(), enter);

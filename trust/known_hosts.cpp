@@ -1,12 +1,20 @@
 #include <brantle/trust/known_hosts.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <sstream>
+#include <string>
 
 #include <brantle/cindral/key_types.h>
+#include <brantle/thornel/file_descriptor.h>
 #include <brantle/thornel/pathname.h>
 #include <brantle/thornel/string_tok.h>
+#include <brantle/thornel/text.h>
+
+#include "../event/atomic_ref.h"
 
 namespace cindral {
 
@@ -33,6 +41,17 @@ Pathname DefaultPath() {
 
 char const* AlgorithmName(PublicKey const& key) { return key._rep ? key._rep->Name() : "ssh-unknown"; }
 
+/// What can be read of a file.
+std::string ReadToEnd(int fd) {
+    std::string contents;
+    char block[4096];
+    for (;;) {
+        ssize_t const got = read(fd, block, sizeof block);
+        if (got > 0) contents.append(block, static_cast<std::size_t>(got));
+        if (got == 0 || (got < 0 && errno != EINTR)) return contents;
+    }
+}
+
 } // namespace
 
 KnownHosts* KnownHosts::GetInstance() {
@@ -43,9 +62,9 @@ KnownHosts* KnownHosts::GetInstance() {
 String_t KnownHosts::KeyAlgorithms() { return String_t(HOST_KEY_ALGORITHMS); }
 
 // Read without the lock, hence atomically.
-int KnownHosts::Errnum() { return __atomic_load_n(&GetInstance()->_errnum, __ATOMIC_RELAXED); }
+int KnownHosts::Errnum() { return AtomicRef(GetInstance()->_errnum).load(std::memory_order_relaxed); }
 
-void KnownHosts::SetErrnum(int errnum) { __atomic_store_n(&_errnum, errnum, __ATOMIC_RELAXED); }
+void KnownHosts::SetErrnum(int errnum) { AtomicRef(_errnum).store(errnum, std::memory_order_relaxed); }
 
 int KnownHosts::Read(char const* path) { return GetInstance()->_Read(path); }
 
@@ -67,11 +86,12 @@ KnownHosts::~KnownHosts() = default;
 int KnownHosts::_Read(char const* path) {
     MutexGuard guard(_mutex);
     SetErrnum(0);
-    std::ifstream in(path ? path : "");
-    if (!in) {
+    FileDescriptor const fd(open64(str_text(path), O_RDONLY | O_CLOEXEC));
+    if (fd < 0) {
         SetErrnum(-errno);
         return _errnum;
     }
+    std::istringstream in(ReadToEnd(fd));
     return _Read(in);
 }
 
@@ -83,6 +103,8 @@ int KnownHosts::_Read(std::istream& in) {
     return _errnum;
 }
 
+/// Deliberate: what is not understood here matches nothing, and its host is a new one (pinned by
+/// KnownHostsTest.HostIsNewWhereItsLineIsNotUnderstood).
 void KnownHosts::ReadLine(String_t const& line) {
     StringTok next(line.Text());
     char const* const host = next(", ");
@@ -114,16 +136,22 @@ int KnownHosts::_IsIn(String_t const& host, unsigned short port, String_t const&
     return known && !str_empty(known->Text()) && *known == key64.Text();
 }
 
+/// In one write, so that programs which append at the same time don't mix their lines. A key without a name
+/// leaves the host alone on its line. Deliberate: a last line without its line feed is not completed first
+/// (pinned by KnownHostsTest.NewEntryGoesIntoALastLineWithoutALineEnd).
 void KnownHosts::Append(String_t const& name, PublicKey const& key, String_t const& key64) {
-    std::ofstream out(str_text(_path.Text()), std::ios::out | std::ios::app);
-    if (!out) return;
-    out << name << ' ';
+    FileDescriptor const fd(
+        open64(str_text(_path.Text()), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (fd < 0) return;
+    String_t line(name);
+    line += " ";
     if (char const* const algorithm = AlgorithmName(key)) {
-        out << algorithm;
-    } else {
-        out.setstate(std::ios::badbit);
+        line += algorithm;
+        line += " ";
+        line += key64;
+        line += "\n";
     }
-    out << ' ' << key64 << std::endl;
+    [[maybe_unused]] ssize_t const written = write(fd, line.Text(), str_len(line.Text()));
 }
 
 } // namespace cindral

@@ -1,7 +1,5 @@
 #include <brantle/trust/ssh_agent_access.h>
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -13,6 +11,8 @@
 #include <brantle/thornel/file_descriptor.h>
 #include <brantle/thornel/sock_io.h>
 #include <brantle/thornel/sock_stream.h>
+
+#include "../event/atomic_ref.h"
 
 namespace cindral {
 
@@ -41,17 +41,6 @@ bool IsFailure(int number) {
 
 SshProtocolError BadResponse(int number) { return SshProtocolError("Bad authentication response", number); }
 
-/// Sends a finished request and gives the reply, which is empty when there is none.
-ByteString Exchange(IOSockStream& stream, PacketEncoder& request) {
-    request.Terminate();
-    static_cast<OSockStream&>(stream) << request._count;
-    stream.Write(request.Str(), static_cast<int>(request._count));
-    ByteString reply;
-    static_cast<ISockStream&>(stream) >> reply;
-    if (reply.Length() > MAX_REPLY) throw SshProtocolError("response of ssh-agent too long");
-    return reply;
-}
-
 } // namespace
 
 /// The connection of the process.
@@ -65,6 +54,9 @@ public:
     int Sign(PublicKey const& key, ByteString const& data, DigestType digest, Signature& signature);
     int IsAvailable(PublicKey const& key);
 
+    /// Sends a finished request and returns the reply, which is empty when there is none.
+    ByteString Exchange(PacketEncoder& request);
+
     /// One request and its reply are under it.
     Mutex _mutex;
     /// Handles; grows under `SshAgentAccess::_mutex` and falls outside it, hence atomically.
@@ -75,7 +67,8 @@ public:
 
 private:
     void Connect();
-    bool IsConnected() const { return _fd._fd >= 0; }
+    void Disconnect();
+    bool IsConnected() const { return _fd >= 0; }
     int Request(PacketEncoder& request);
 };
 
@@ -105,22 +98,39 @@ SshAgentAccess::Rep::Rep(char const* path) : _count(0), _socket(String_t(path)) 
 
 void SshAgentAccess::Rep::Connect() {
     int error = 0;
-    int const fd = _socket.Connect(CONNECT_SECONDS, error);
-    if (fd == 0) {
-        close(fd);
-        return;
+    FileDescriptor fd(_socket.Connect(CONNECT_SECONDS, error));
+    // Deliberate: descriptor 0 is a failure (pinned by Agent.DescriptorZeroIsClosedAndNotUsed).
+    if (fd == 0 || SockIO::SetCloseOnExec(fd) > 0) return;
+    _fd.Reset(fd.Release());
+    _stream.Bind(_fd);
+}
+
+void SshAgentAccess::Rep::Disconnect() {
+    _stream.Unbind();
+    _fd.Reset();
+}
+
+// What is left of a reply that was not read whole would be taken for the next one: the connection ends.
+ByteString SshAgentAccess::Rep::Exchange(PacketEncoder& request) {
+    request.Terminate();
+    static_cast<OSockStream&>(_stream) << request._count;
+    _stream.Write(request.Str(), static_cast<int>(request._count));
+    ByteString reply;
+    try {
+        static_cast<ISockStream&>(_stream) >> reply;
+    } catch (...) {
+        Disconnect();
+        throw;
     }
-    if (SockIO::SetCloseOnExec(fd) > 0) {
-        if (fd >= 0) close(fd);
-        return;
-    }
-    _fd._fd = fd;
-    _stream.Bind(fd);
+    bool const unread = _stream.Status() & SockStream::MALFORMED;
+    if (unread) Disconnect();
+    if (unread || reply.Length() > MAX_REPLY) throw SshProtocolError("response of ssh-agent too long");
+    return reply;
 }
 
 /// The exchange of a request that is answered by success or failure alone.
 int SshAgentAccess::Rep::Request(PacketEncoder& request) {
-    PacketDecoder decoder(Exchange(_stream, request));
+    PacketDecoder decoder(Exchange(request));
     int const number = decoder.ReadByte();
     if (IsFailure(number)) return -number;
     if (number != AGENT_SUCCESS) throw BadResponse(number);
@@ -163,7 +173,7 @@ int SshAgentAccess::Rep::Sign(PublicKey const& key, ByteString const& data, Dige
     request.WritePublicKey(key);
     request.WriteBytes(data);
     request.WriteInt(0);
-    PacketDecoder decoder(Exchange(_stream, request));
+    PacketDecoder decoder(Exchange(request));
     int const number = decoder.ReadByte();
     if (IsFailure(number)) return -number;
     if (number != AGENT_SIGNATURE) throw BadResponse(number);
@@ -184,7 +194,7 @@ SshAgentAccess::IteratorRep::IteratorRep(Rep* rep) : _count(0), _index(0), _rep(
     if (!_rep) return;
     PacketEncoder request(256);
     request.WriteByte(AGENT_REQUEST_IDENTITIES);
-    _decoder.Assign(Exchange(_rep->_stream, request));
+    _decoder.Assign(_rep->Exchange(request));
     int const number = _decoder.ReadByte();
     if (IsFailure(number)) {
         _err = number;
@@ -220,15 +230,15 @@ SshAgentAccess::SshAgentAccess(char const* envName) : _rep(nullptr) {
     MutexGuard guard(_mutex);
     if (!_instance) _instance = new Rep(std::getenv(envName ? envName : SSH_AUTH_SOCK));
     _rep = _instance;
-    __atomic_add_fetch(&_rep->_count, 1, __ATOMIC_RELAXED);
+    AtomicRef(_rep->_count).fetch_add(1, std::memory_order_relaxed);
 }
 
 SshAgentAccess::~SshAgentAccess() {
     if (!_rep) return;
-    if (__atomic_sub_fetch(&_rep->_count, 1, __ATOMIC_ACQ_REL) != 0) return;
+    if (AtomicRef(_rep->_count).fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     MutexGuard guard(_mutex);
     // Since then another handle may have joined, and may even have gone again with the `Rep`.
-    if (_instance != _rep || __atomic_load_n(&_rep->_count, __ATOMIC_ACQUIRE) != 0) return;
+    if (_instance != _rep || AtomicRef(_rep->_count).load(std::memory_order_acquire) != 0) return;
     delete _rep;
     _instance = nullptr;
 }

@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -21,12 +23,20 @@ namespace {
 constexpr int SIGNALS[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 constexpr unsigned int SIGNAL_COUNT = sizeof SIGNALS / sizeof *SIGNALS;
 
-int wakeFd = -1; ///< where the handler writes the number of the signal
+std::atomic<int> wakeFd{-1};         ///< where the handler writes the number of the signal
+std::atomic<int> runningHandlers{0}; ///< those that may hold that descriptor's number
+static_assert(std::atomic<int>::is_always_lock_free, "the handler uses them");
 
 void NoteSignal(int number) {
     int const savedErrno = errno;
+    ++runningHandlers;
+    int const fd = wakeFd;
     auto const byte = static_cast<unsigned char>(number);
-    [[maybe_unused]] ssize_t const written = write(wakeFd, &byte, 1);
+    if (fd < 0)
+        raise(number); // the old handlers are back: one of them takes it when this one has returned
+    else [[maybe_unused]]
+        ssize_t const written = write(fd, &byte, 1);
+    --runningHandlers;
     errno = savedErrno;
 }
 
@@ -48,16 +58,18 @@ public:
         if (_pipe[0] < 0) return;
         close(_pipe[0]);
         close(_pipe[1]);
-        wakeFd = -1;
     }
     SignalPipe(SignalPipe const&) = delete;
     SignalPipe& operator=(SignalPipe const&) = delete;
 
     int Fd() const { return _pipe[0]; }
-    /// Puts the old handlers back and sends what came to them. Returns the last signal sent, or 0.
+    /// Puts the old handlers back and sends what came to them. Returns the last signal sent, or 0. Other
+    /// threads may still be in the handler: they write before this returns, or not at all.
     int RestoreAndRaise() {
         if (_pipe[0] < 0) return 0;
         for (unsigned int i = 0; i < SIGNAL_COUNT; ++i) sigaction(SIGNALS[i], &_old[i], nullptr);
+        wakeFd = -1;
+        while (runningHandlers != 0) sched_yield();
         int last = 0;
         for (unsigned char number = 0; read(_pipe[0], &number, 1) == 1; last = number) raise(number);
         return last;
@@ -174,9 +186,9 @@ void EnterPassword::SetPrompt(String_t const& lead, String_t const& subject) {
 int EnterPassword::operator()(char* buffer, unsigned int size) {
     unsigned int length = 0;
     if (HasPreset()) {
-        _presetUsed = true;
-        length = std::min(size, static_cast<unsigned int>(std::strlen(_preset.Text())));
-        std::memcpy(buffer, _preset.Text(), length);
+        String_t const secret = UsePreset();
+        length = std::min(size, str_len(secret.Text()));
+        std::memcpy(buffer, secret.Text(), length);
     } else {
         int const result = Ask(str_text(_prompt.Text()), buffer, size);
         if (result < 0) return result;
@@ -191,6 +203,11 @@ void EnterPassword::Preset(String_t const& secret) {
     _presetUsed = false;
 }
 
-int EnterPassword::HasPreset() const { return !_presetUsed && _preset.Text() && *_preset.Text(); }
+int EnterPassword::HasPreset() const { return !_presetUsed && !str_empty(_preset.Text()); }
+
+String_t EnterPassword::UsePreset() {
+    _presetUsed = true;
+    return _preset;
+}
 
 } // namespace cindral

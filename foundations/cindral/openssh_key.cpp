@@ -20,6 +20,8 @@ constexpr char MAGIC[] = "openssh-key-v1"; ///< with its terminator
 constexpr unsigned int KEY_LENGTH = 32;    ///< of AES-256, the cipher of both modes
 constexpr unsigned int IV_LENGTH = 16;
 constexpr unsigned int PLAIN_BLOCK = 8;
+constexpr unsigned int MAX_ROUNDS = 1U
+                                    << 20; ///< of bcrypt: hours of work, where files have 16 or some hundreds
 
 bool IsOfferedType(ByteView const& name) { return name.Is(KeyName(KEY_RSA)) || name.Is(KeyName(KEY_DSA)); }
 
@@ -121,7 +123,7 @@ int OpenSSHKey::Open(unsigned char const* body, unsigned int length) {
             return PrivateKey::UNSUPPORTED_KEY;
         _salt = options.String();
         _rounds = options.Int();
-        if (!options.Ok() || !options.AtEnd() || _salt._length == 0 || _rounds == 0)
+        if (!options.Ok() || !options.AtEnd() || _salt._length == 0 || _rounds == 0 || _rounds > MAX_ROUNDS)
             return PrivateKey::BROKEN_FILE;
     }
     unsigned int const block = _encrypted ? IV_LENGTH : PLAIN_BLOCK;

@@ -1,6 +1,6 @@
 #include <brantle/cindral/private_key.h>
 
-#include <cstdint>
+#include <algorithm>
 
 #include <openssl/core_names.h>
 #include <openssl/err.h>
@@ -8,6 +8,7 @@
 
 #include <brantle/cindral/big_num.h>
 #include <brantle/cindral/exceptions.h>
+#include <brantle/thornel/text.h>
 
 #include "openssl_ptr.h"
 #include "pem_key.h"
@@ -41,12 +42,17 @@ void AppendNumbers(SecretBytes& to, EVP_PKEY const* key, char const* const (&nam
     }
 }
 
-/// Offers what `enter` answers until a passphrase fits or no more tries are left.
+/// Offers the preset secret, whatever an override does with it, and then what `enter` answers, until a
+/// passphrase fits or no more tries are left.
 int ReadEncrypted(PemKey const& file, EnterPassword& enter, evp_pkey_st*& key) {
-    std::uint64_t const tries = std::uint64_t{enter._tries} + (enter.HasPreset() ? 1 : 0);
     int result = PrivateKey::NO_PASSPHRASE;
+    if (String_t const preset = enter.UsePreset(); !str_empty(preset.Text())) {
+        auto const* const bytes = reinterpret_cast<unsigned char const*>(preset.Text());
+        result = file.Read(ByteView{bytes, std::min(str_len(preset.Text()), MAX_PASSPHRASE)}, key);
+        if (result != PrivateKey::WRONG_PASSPHRASE) return result;
+    }
     SecretBytes passphrase(MAX_PASSPHRASE);
-    for (std::uint64_t asked = 0; asked < tries; ++asked) {
+    for (unsigned int asked = 0; asked < enter._tries; ++asked) {
         int const length = enter(reinterpret_cast<char*>(passphrase.data()), MAX_PASSPHRASE);
         if (length < 0) return length;
         result = file.Read(ByteView{passphrase.data(), static_cast<unsigned int>(length)}, key);

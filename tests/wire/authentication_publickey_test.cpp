@@ -1,10 +1,8 @@
 // Public key authentication, RFC 4252 section 7, with key files and with an agent.
 
 #include <cerrno>
-#include <memory>
 
 #include <gmock/gmock.h>
-#include <openssl/pem.h>
 
 #include <brantle/cindral/private_key.h>
 
@@ -92,22 +90,6 @@ KeyPair const& rsa = KeyPair::UserRsa();
 KeyPair const& dsa = KeyPair::UserDsa();
 
 std::string const noFile = std::to_string(-ENOENT);
-
-/// The same private key under a passphrase.
-std::string Encrypted(KeyPair const& key, std::string const& passphrase) {
-    using Bio = std::unique_ptr<BIO, decltype(&BIO_free_all)>;
-    Bio const in(BIO_new_mem_buf(key.Pem().data(), static_cast<int>(key.Pem().size())), BIO_free_all);
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> const pkey(
-        PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-    Bio const out(BIO_new(BIO_s_mem()), BIO_free_all);
-    if (PEM_write_bio_PrivateKey(out.get(), pkey.get(), EVP_aes_128_cbc(),
-                                 reinterpret_cast<unsigned char const*>(passphrase.data()),
-                                 static_cast<int>(passphrase.size()), nullptr, nullptr) != 1)
-        throw PeerError("the key could not be encrypted");
-    char* data = nullptr;
-    long const length = BIO_get_mem_data(out.get(), &data);
-    return std::string(data, static_cast<std::size_t>(length));
-}
 
 } // namespace
 
@@ -291,7 +273,7 @@ TEST_F(AuthKey, PrivateKeyThatCannotBeReadIsTheResult) {
 
 TEST_F(AuthKey, PasswordThatIsThePassphraseSparesThePrompt) {
     WritePublic("own.pub", rsa);
-    Write("own", Encrypted(rsa, "secret"));
+    Write("own", rsa.EncryptedPem("secret"));
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
     EXPECT_TRUE(signatureIsValid);
     EXPECT_THAT(enter.presets, ElementsAre("secret"));
@@ -301,7 +283,7 @@ TEST_F(AuthKey, PasswordThatIsThePassphraseSparesThePrompt) {
 
 TEST_F(AuthKey, OtherPassphraseIsAskedFor) {
     WritePublic("own.pub", rsa);
-    Write("own", Encrypted(rsa, "open sesame"));
+    Write("own", rsa.EncryptedPem("open sesame"));
     enter.answers = {"wrong", "open sesame"};
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
     EXPECT_TRUE(signatureIsValid);
@@ -311,7 +293,7 @@ TEST_F(AuthKey, OtherPassphraseIsAskedFor) {
 
 TEST_F(AuthKey, PassphraseThatNobodyKnowsEndsTheMethod) {
     WritePublic("own.pub", rsa);
-    Write("own", Encrypted(rsa, "open sesame"));
+    Write("own", rsa.EncryptedPem("open sesame"));
     enter.answers.clear();
     enter.whenOut = -77;
     EXPECT_EQ(Key(AnswerQuery(PkOk("ssh-rsa", rsa.Blob()))), "-77");

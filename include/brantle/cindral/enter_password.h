@@ -35,6 +35,9 @@ public:
 
     /// Non-zero when the next call answers with the preset secret.
     int HasPreset() const;
+    /// The preset secret, empty if there is none, for a caller that offers it by itself, since an override of
+    /// the call operator need not know of it. The next call does not answer with it again.
+    String_t UsePreset();
 
     unsigned int _tries;
 

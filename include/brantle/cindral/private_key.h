@@ -49,11 +49,11 @@ public:
     PrivateKey& operator=(PrivateKey const&) = delete;
 
     /// Reads a key file: PEM (PKCS#1, PKCS#8, DSA) or "BEGIN OPENSSH PRIVATE KEY", plain or
-    /// encrypted (the latter with aes256-ctr or aes256-cbc and bcrypt). `enter` is called only for
-    /// an encrypted key: once more than its number of tries when a secret is preset, as that one is
-    /// offered first. Returns 0; minus errno when the file can't be read; a `Failure`; or the
-    /// negative result of `enter`. On failure the object stays as it was. Passphrase and decrypted
-    /// bytes are wiped.
+    /// encrypted (the latter with aes256-ctr or aes256-cbc and bcrypt of up to 2^20 rounds). For an
+    /// encrypted key the secret preset in `enter` is offered first, whatever `enter` overrides; then
+    /// `enter` is called up to its number of tries. Returns 0; minus errno when the file can't be read;
+    /// a `Failure`; or the negative result of `enter`. On failure the object stays as it was.
+    /// Passphrase and decrypted bytes are wiped.
     int Read(char const* path, EnterPassword& enter);
 
     /// Null until a `Read` succeeds.

@@ -18,7 +18,12 @@ namespace cindral {
 /// The store is filled from `.ssh/known_hosts` of the home directory, and new hosts are appended to
 /// that file; it is never rewritten, so a host whose key has changed is edited out by hand. Hosts are
 /// known under the canonical name "[host]:port"; a host text that begins with a bracket is canonical
-/// as it is. Hashed names and patterns match nothing.
+/// as it is.
+///
+/// What the store does not understand it does not refuse: hashed names (the default of some systems),
+/// patterns, "@revoked", fields after tabs, the third name of a line and names in another letter case match
+/// nothing, so that such a host counts as new and any key is accepted for it. A program that needs more than
+/// trust on first use has to look at the file by itself.
 ///
 /// The static operations work on the one store of the process. All operations may be called from any
 /// thread.
@@ -35,7 +40,8 @@ public:
     static int Read(char const* path);
     static int Read(std::basic_istream<char, std::char_traits<char>>& in);
     /// Non-zero when `key` may be trusted for `host`, which must not be empty. A new host is appended to
-    /// the file, without a report if that fails. `address` may be empty; an address that is not known
+    /// the file in one write, without a report if that fails; the file is created with mode 0600. A last line
+    /// that lacks its line feed swallows the new entry. `address` may be empty; an address that is not known
     /// gets the key too, in memory only, and has no influence on the result.
     static int IsIn(String_t const& host, unsigned short port, String_t const& address, PublicKey const& key);
 
@@ -48,12 +54,11 @@ public:
     KnownHosts(KnownHosts const&) = delete;
     KnownHosts& operator=(KnownHosts const&) = delete;
 
-    /// The operations above on this object.
+private:
     int _Read(char const* path);
     int _Read(std::basic_istream<char, std::char_traits<char>>& in);
     int _IsIn(String_t const& host, unsigned short port, String_t const& address, PublicKey const& key);
 
-private:
     void ReadLine(String_t const& line);
     void Append(String_t const& name, PublicKey const& key, String_t const& key64);
     void SetErrnum(int errnum);

@@ -18,7 +18,9 @@ namespace cindral {
 ///
 /// The operations throw `SshProtocolError` for a reply that breaks the protocol and `BadInput` for one
 /// that is cut short. They may be called from several threads at once; an `Iterator` takes no lock, so
-/// its construction must not coincide with an operation of another thread.
+/// its construction must not coincide with an operation of another thread. They wait for the agent without a
+/// limit, as it may be asking its own user: an agent that does not answer blocks every user of the
+/// connection.
 class BRANTLE_API SshAgentAccess {
 public:
     class BRANTLE_LOCAL Rep;

@@ -82,9 +82,7 @@ class NobodyThere : public cindral::EnterPassword {
 public:
     using EnterPassword::EnterPassword;
 
-    int operator()(char* buffer, unsigned int size) override {
-        return HasPreset() ? EnterPassword::operator()(buffer, size) : -1;
-    }
+    int operator()(char*, unsigned int) override { return -1; }
 };
 
 std::unique_ptr<cindral::EnterPassword> NewEnterPassword(Options& options) {

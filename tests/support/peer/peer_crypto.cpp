@@ -295,6 +295,17 @@ Bytes KeyPair::Sign(Bytes const& data) const {
     return Writer().String(_type).String(_type == "ssh-dss" ? DsaToWire(signature) : signature);
 }
 
+std::string KeyPair::EncryptedPem(std::string const& passphrase) const {
+    std::unique_ptr<BIO, decltype(&BIO_free)> const bio(BIO_new(BIO_s_mem()), BIO_free);
+    Require(PEM_write_bio_PrivateKey(bio.get(), _key.get(), EVP_aes_128_cbc(),
+                                     reinterpret_cast<unsigned char const*>(passphrase.data()),
+                                     static_cast<int>(passphrase.size()), nullptr, nullptr) == 1,
+            "PEM_write_bio_PrivateKey");
+    char* data = nullptr;
+    long const length = BIO_get_mem_data(bio.get(), &data);
+    return std::string(data, static_cast<std::size_t>(length));
+}
+
 std::string KeyPair::PublicLine(std::string const& comment) const {
     std::string base64(4 * ((_blob.size() + 2) / 3) + 1, '\0');
     int const length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(base64.data()), _blob.data(),

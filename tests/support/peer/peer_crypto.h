@@ -70,6 +70,8 @@ public:
     std::string PublicLine(std::string const& comment = "test") const;
     /// The private key file as it is (PEM).
     std::string const& Pem() const { return _pem; }
+    /// The same under a passphrase.
+    std::string EncryptedPem(std::string const& passphrase) const;
 
 private:
     explicit KeyPair(std::string const& file);

@@ -10,15 +10,13 @@
 #include <brantle/cindral/enter_password.h>
 #include <brantle/session/kbd_interactive.h>
 
-/// Answers from a list in place of a user, and records what it is told and asked. A preset secret is used
-/// as ever and is no question.
+/// Answers from a list in place of a user, and records what it is told and asked.
 class RecordingPassword : public cindral::EnterPassword {
 public:
     explicit RecordingPassword(unsigned int tries, std::vector<std::string> const& replies = {})
         : EnterPassword(tries, String_t("Password: ")), answers(replies) {}
 
     int operator()(char* buffer, unsigned int size) override {
-        if (HasPreset()) return EnterPassword::operator()(buffer, size);
         limits.push_back(size);
         questions.push_back(prompt);
         if (limits.size() > answers.size()) return whenOut;

@@ -62,6 +62,27 @@ TEST_F(OpenSSHKey, DamagedBodyIsRefused) {
     EXPECT_EQ(ReadPlain(), 0);
 }
 
+TEST_F(OpenSSHKey, MoreRoundsThanTheBoundAreABrokenFile) {
+    Keygen("id", "-t rsa -b 1024 -a 1", PASSPHRASE);
+    Unarmour();
+    std::string const body = Read("body");
+    std::size_t const rounds = body.find("bcrypt") + 6 + 4 + 4 + 16; // after the salt
+    ASSERT_EQ(body.substr(rounds, 4), std::string("\0\0\0\1", 4));
+    struct {
+        std::string _rounds;
+        int _result;
+    } const files[] = {
+        {std::string("\0\x10\0\1", 4), PrivateKey::BROKEN_FILE},
+        {"\xff\xff\xff\xff", PrivateKey::BROKEN_FILE},
+        {std::string("\0\x10\0\0", 4), ScriptedAnswers::NO_ANSWER}, // 2^20: the passphrase is asked for
+    };
+    for (auto const& file : files) {
+        Armour(std::string(body).replace(rounds, 4, file._rounds));
+        ScriptedAnswers answers(1, {});
+        EXPECT_EQ(ReadWith(answers), file._result);
+    }
+}
+
 TEST_F(OpenSSHKey, MoreThanOneKeyIsUnsupported) {
     Keygen("id", "-t rsa -b 1024");
     Unarmour();

@@ -163,6 +163,40 @@ TEST_F(PrivateKeyFile, WrongPresetIsFollowedByAllTries) {
     EXPECT_EQ(answers._asked, 2u);
 }
 
+TEST_F(PrivateKeyFile, PresetIsTriedFirstWhenTheCallOperatorIsOverridden) {
+    Keygen("id", "-t rsa -b 1024 -m PEM", PASSPHRASE);
+    ScriptedAnswers answers(1, {"wrong"});
+    answers.Preset(PASSPHRASE);
+    EXPECT_EQ(ReadWith(answers), 0);
+    EXPECT_EQ(answers._asked, 0u);
+}
+
+/// Takes no notice of the prompt.
+class Unprompted : public ScriptedAnswers {
+public:
+    using ScriptedAnswers::ScriptedAnswers;
+    void SetPrompt(String_t const&, String_t const&) override {}
+};
+
+TEST_F(PrivateKeyFile, PresetIsTriedForEveryFileWhenSetPromptIsOverridden) {
+    Keygen("id", "-t rsa -b 1024 -m PEM", PASSPHRASE);
+    Unprompted answers(0, {});
+    answers.Preset(PASSPHRASE);
+    for (char const* file : {"first", "second"}) {
+        answers.SetPrompt("Enter passphrase for", file);
+        EXPECT_EQ(ReadWith(answers), 0) << file;
+    }
+}
+
+TEST_F(PrivateKeyFile, PresetThatWasTriedIsNotTheAnswerToTheQuestion) {
+    Keygen("id", "-t rsa -b 1024 -m PEM", PASSPHRASE);
+    EnterPassword enter(1, "Secret: ");
+    enter.Preset("preset");
+    EXPECT_TRUE(enter.HasPreset());
+    EXPECT_LT(ReadWith(enter), 0);
+    EXPECT_FALSE(enter.HasPreset());
+}
+
 TEST_F(PrivateKeyFile, EncryptedKeyWithoutTriesOrPresetHasNoPassphrase) {
     Keygen("id", "-t rsa -b 1024 -m PEM", PASSPHRASE);
     ScriptedAnswers answers(0, {PASSPHRASE});

@@ -187,6 +187,32 @@ TEST_F(KeyFiles, PasswordIsPresetForThePassphraseAndWithdrawn) {
     EXPECT_FALSE(enter.HasPreset());
 }
 
+/// Overrides all that can be overridden, and hands nothing on.
+class OwnPrompt : public cindral::EnterPassword {
+public:
+    OwnPrompt() : EnterPassword(1, "unused") {}
+    void SetPrompt(String_t const&, String_t const&) override {}
+    int operator()(char*, unsigned int) override {
+        ++asked;
+        return -1;
+    }
+    void Preset(String_t const&) override {}
+
+    int asked = 0;
+};
+
+TEST_F(KeyFiles, PasswordIsTriedFirstWhateverIsOverridden) {
+    std::string const encrypted = KeyPair::UserRsa().EncryptedPem("open sesame");
+    OwnPrompt prompt;
+    for (char const* name : {"id_rsa", "id_dsa"}) {
+        fs::remove(Path("id_rsa"));
+        Write(name, encrypted);
+        PrivateKey key;
+        EXPECT_EQ(session.ReadIdentity(key, String_t(), "open sesame", prompt), 0) << name;
+    }
+    EXPECT_EQ(prompt.asked, 0);
+}
+
 TEST_F(KeyFiles, DefaultPrivateKeyIsRsaThenDsa) {
     Write("id_dsa", KeyPair::UserDsa().Pem());
     PrivateKey dsa;

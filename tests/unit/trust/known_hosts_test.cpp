@@ -1,5 +1,8 @@
 #include <brantle/trust/known_hosts.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -8,11 +11,15 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/new_process.h"
 #include "support/temporary_directory.h"
+#include "watched_file.h"
 #include "wire_text.h"
 
 using cindral::KnownHosts;
@@ -22,7 +29,8 @@ namespace {
 
 std::string Base64(PublicKey const& key) { return key._rep->EncodeSSH64().Text(); }
 
-/// A home directory for one test.
+/// A home directory for one test. What uses the store runs in a process of its own, in which the store is
+/// new.
 class KnownHostsTest : public testing::Test {
 protected:
     KnownHostsTest() {
@@ -38,6 +46,34 @@ protected:
     }
     void SetContent(std::string const& content) const { std::ofstream(File()) << content; }
 
+    /// Runs a part of a test with a new store.
+    template <class Body>
+    static void WithStore(Body const& body) {
+        EXPECT_EQ(support::InNewProcess([&] {
+                      body();
+                      return HasFailure() ? 1 : 0;
+                  }),
+                  0);
+    }
+    /// The same with a store that has read some lines.
+    template <class Body>
+    static void WithLines(std::string const& lines, Body const& body) {
+        WithStore([&] {
+            std::istringstream in(lines);
+            EXPECT_EQ(KnownHosts::Read(in), 0);
+            body();
+        });
+    }
+
+    static bool Trusts(std::string const& host, unsigned short port, PublicKey const& key,
+                       char const* address = "") {
+        return KnownHosts::IsIn(host.c_str(), port, address, key) != 0;
+    }
+    /// Known, and not with this key: a host that is not known would be accepted.
+    static bool Refuses(std::string const& host, unsigned short port, PublicKey const& key) {
+        return !Trusts(host, port, key);
+    }
+
     support::TemporaryDirectory _directory;
     PublicKey const _key = RsaKey(17);
     PublicKey const _other = RsaKey(18);
@@ -48,287 +84,399 @@ private:
     std::string const _home = getenv("HOME");
 };
 
-/// A store filled from lines.
-class Store {
-public:
-    explicit Store(std::string const& lines) : _in(lines), _hosts(_in) {}
-
-    bool Trusts(char const* host, unsigned short port, PublicKey const& key, char const* address = "") {
-        return _hosts._IsIn(String_t(host), port, String_t(address), key) != 0;
-    }
-    /// Known, and not with this key: a host that is not known would be accepted.
-    bool Refuses(char const* host, unsigned short port, PublicKey const& key) {
-        return !Trusts(host, port, key);
-    }
-
-    std::istringstream _in;
-    KnownHosts _hosts;
-};
+/// Whether a program may use a store other than that of the process.
+template <class Store, class = void>
+struct MayRead : std::false_type {};
+template <class Store>
+struct MayRead<Store, std::void_t<decltype(std::declval<Store&>()._Read(""))>> : std::true_type {};
+template <class Store, class = void>
+struct MayAsk : std::false_type {};
+template <class Store>
+struct MayAsk<Store, std::void_t<decltype(&Store::_IsIn)>> : std::true_type {};
 
 } // namespace
+
+TEST_F(KnownHostsTest, StaticOperationsAreTheOnlyOnes) {
+    EXPECT_FALSE(MayRead<KnownHosts>::value);
+    EXPECT_FALSE(MayAsk<KnownHosts>::value);
+}
 
 TEST_F(KnownHostsTest, OffersRsaAndDss) {
     EXPECT_STREQ(KnownHosts::KeyAlgorithms().Text(), "ssh-rsa,ssh-dss");
 }
 
 TEST_F(KnownHostsTest, NewHostIsAcceptedAndAppendedWithoutItsAddress) {
-    KnownHosts hosts;
-    EXPECT_NE(hosts._IsIn("host", 22, "10.0.0.1", _key), 0);
-    std::string const line = "host ssh-rsa " + _key64 + "\n";
-    EXPECT_EQ(Content(), line);
-    EXPECT_NE(hosts._IsIn("host", 22, "10.0.0.1", _key), 0);
-    EXPECT_EQ(hosts._IsIn("host", 22, "10.0.0.1", _other), 0);
-    EXPECT_NE(hosts._IsIn("host", 22, "10.0.0.1", _key), 0);
-    EXPECT_EQ(Content(), line);
+    WithStore([&] {
+        EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
+        std::string const line = "host ssh-rsa " + _key64 + "\n";
+        EXPECT_EQ(Content(), line);
+        EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
+        EXPECT_FALSE(Trusts("host", 22, _other, "10.0.0.1"));
+        EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
+        EXPECT_EQ(Content(), line);
+    });
 }
 
 TEST_F(KnownHostsTest, OtherPortIsWrittenInTheCanonicalForm) {
-    KnownHosts hosts;
-    EXPECT_NE(hosts._IsIn("host", 2222, "", _key), 0);
-    EXPECT_EQ(Content(), "[host]:2222 ssh-rsa " + _key64 + "\n");
-    EXPECT_NE(hosts._IsIn("host", 22, "", _other), 0);
-    EXPECT_EQ(Content(), "[host]:2222 ssh-rsa " + _key64 + "\nhost ssh-rsa " + _other64 + "\n");
-    EXPECT_EQ(hosts._IsIn("host", 2222, "", _other), 0);
-    EXPECT_EQ(hosts._IsIn("host", 22, "", _key), 0);
-    EXPECT_NE(hosts._IsIn("host", 65535, "", _key), 0);
-    EXPECT_NE(Content().find("\n[host]:65535 ssh-rsa "), std::string::npos);
+    WithStore([&] {
+        EXPECT_TRUE(Trusts("host", 2222, _key));
+        EXPECT_EQ(Content(), "[host]:2222 ssh-rsa " + _key64 + "\n");
+        EXPECT_TRUE(Trusts("host", 22, _other));
+        EXPECT_EQ(Content(), "[host]:2222 ssh-rsa " + _key64 + "\nhost ssh-rsa " + _other64 + "\n");
+        EXPECT_TRUE(Refuses("host", 2222, _other));
+        EXPECT_TRUE(Refuses("host", 22, _key));
+        EXPECT_TRUE(Trusts("host", 65535, _key));
+        EXPECT_NE(Content().find("\n[host]:65535 ssh-rsa "), std::string::npos);
+    });
 }
 
 TEST_F(KnownHostsTest, BracketedHostIsKeptAndWrittenAsItStands) {
-    KnownHosts hosts;
-    EXPECT_NE(hosts._IsIn("[::1]:7", 22, "", _key), 0);
-    EXPECT_EQ(Content(), "[::1]:7 ssh-rsa " + _key64 + "\n");
-    EXPECT_EQ(hosts._IsIn("[::1]:7", 22, "", _other), 0);
-    EXPECT_EQ(hosts._IsIn("[::1]:7", 4444, "", _other), 0);
-    EXPECT_EQ(hosts._IsIn("::1", 7, "", _other), 0);
+    WithStore([&] {
+        EXPECT_TRUE(Trusts("[::1]:7", 22, _key));
+        EXPECT_EQ(Content(), "[::1]:7 ssh-rsa " + _key64 + "\n");
+        EXPECT_TRUE(Refuses("[::1]:7", 22, _other));
+        EXPECT_TRUE(Refuses("[::1]:7", 4444, _other));
+        EXPECT_TRUE(Refuses("::1", 7, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, WhatIsWrittenIsReadBackUnderTheSameName) {
-    {
-        KnownHosts hosts;
-        hosts._IsIn("plain", 22, "", _key);
-        hosts._IsIn("other", 2222, "", _key);
-        hosts._IsIn("[v6::1]:99", 22, "", _key);
-    }
+    WithStore([&] {
+        EXPECT_TRUE(Trusts("plain", 22, _key));
+        EXPECT_TRUE(Trusts("other", 2222, _key));
+        EXPECT_TRUE(Trusts("[v6::1]:99", 22, _key));
+    });
     std::string const written = Content();
-    KnownHosts hosts;
-    EXPECT_EQ(hosts._IsIn("plain", 22, "", _other), 0);
-    EXPECT_EQ(hosts._IsIn("other", 2222, "", _other), 0);
-    EXPECT_EQ(hosts._IsIn("v6::1", 99, "", _other), 0);
-    EXPECT_NE(hosts._IsIn("plain", 22, "", _key), 0);
+    WithStore([&] {
+        EXPECT_TRUE(Refuses("plain", 22, _other));
+        EXPECT_TRUE(Refuses("other", 2222, _other));
+        EXPECT_TRUE(Refuses("v6::1", 99, _other));
+        EXPECT_TRUE(Trusts("plain", 22, _key));
+    });
     EXPECT_EQ(Content(), written);
 }
 
+TEST_F(KnownHostsTest, FileIsCreatedForItsOwnerAlone) {
+    mode_t const before = umask(0);
+    WithStore([&] { EXPECT_TRUE(Trusts("host", 22, _key)); });
+    umask(before);
+    struct stat status{};
+    ASSERT_EQ(stat(File().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(KnownHostsTest, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
+    SetContent("host ssh-rsa " + _key64 + "\n");
+    WithStore([&] {
+        WatchedFile const file(File());
+        EXPECT_TRUE(Refuses("host", 22, _other));
+        EXPECT_TRUE(Trusts("new", 22, _key));
+        EXPECT_GT(file.Reads(), 0u);
+        EXPECT_EQ(file.Written().size(), 1u);
+        EXPECT_TRUE(file.EachClosesOnExec());
+    });
+}
+
+TEST_F(KnownHostsTest, FileThatIsThereKeepsItsMode) {
+    SetContent("");
+    ASSERT_EQ(chmod(File().c_str(), 0640), 0);
+    WithStore([&] { EXPECT_TRUE(Trusts("host", 22, _key)); });
+    struct stat status{};
+    ASSERT_EQ(stat(File().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+}
+
+TEST_F(KnownHostsTest, LineOfAnyLengthIsAppendedInOneWrite) {
+    for (unsigned int bytes : {128u, 1024u, 2048u}) {
+        PublicKey const large = RsaKey(17, bytes);
+        std::filesystem::remove(File());
+        WithStore([&] {
+            WatchedFile const file(File());
+            EXPECT_TRUE(Trusts("host", 22, large));
+            EXPECT_EQ(file.Written(), std::vector<std::size_t>{Base64(large).size() + 14}) << bytes;
+            EXPECT_TRUE(file.EachIs(O_APPEND)) << bytes;
+        });
+        EXPECT_EQ(Content(), "host ssh-rsa " + Base64(large) + "\n");
+    }
+}
+
 TEST_F(KnownHostsTest, LineWithHostAndAddressGivesTwoEntries) {
-    Store store("host,10.0.0.1 ssh-rsa " + _key64 + " a comment\n");
-    EXPECT_TRUE(store.Refuses("host", 22, _other));
-    EXPECT_TRUE(store.Refuses("10.0.0.1", 22, _other));
-    EXPECT_TRUE(store.Trusts("host", 22, _key));
-    EXPECT_TRUE(store.Trusts("10.0.0.1", 22, _key));
-    EXPECT_EQ(Content(), "");
-    EXPECT_TRUE(store.Trusts("host", 2222, _other));
-    EXPECT_TRUE(store.Trusts("10.0.0.1", 2222, _other));
+    WithLines("host,10.0.0.1 ssh-rsa " + _key64 + " a comment\n", [&] {
+        EXPECT_TRUE(Refuses("host", 22, _other));
+        EXPECT_TRUE(Refuses("10.0.0.1", 22, _other));
+        EXPECT_TRUE(Trusts("host", 22, _key));
+        EXPECT_TRUE(Trusts("10.0.0.1", 22, _key));
+        EXPECT_EQ(Content(), "");
+        EXPECT_TRUE(Trusts("host", 2222, _other));
+        EXPECT_TRUE(Trusts("10.0.0.1", 2222, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, CanonicalNameInALineKeepsItsPort) {
-    Store store("[host]:2222,[10.0.0.1]:2222 ssh-rsa " + _key64 + "\n");
-    EXPECT_TRUE(store.Refuses("host", 2222, _other));
-    EXPECT_TRUE(store.Refuses("10.0.0.1", 2222, _other));
-    EXPECT_EQ(Content(), "");
+    WithLines("[host]:2222,[10.0.0.1]:2222 ssh-rsa " + _key64 + "\n", [&] {
+        EXPECT_TRUE(Refuses("host", 2222, _other));
+        EXPECT_TRUE(Refuses("10.0.0.1", 2222, _other));
+        EXPECT_EQ(Content(), "");
+    });
 }
 
 TEST_F(KnownHostsTest, LineOfTheOldFormatIsDropped) {
-    Store store("host 1024 35 123456789\nhost2 0x ssh-rsa\n");
-    EXPECT_TRUE(store.Trusts("host", 22, _key));
-    EXPECT_TRUE(store.Trusts("host2", 22, _key));
+    WithLines("host 1024 35 123456789\nhost2 0x ssh-rsa\n", [&] {
+        EXPECT_TRUE(Trusts("host", 22, _key));
+        EXPECT_TRUE(Trusts("host2", 22, _key));
+    });
 }
 
 TEST_F(KnownHostsTest, ShortAndEmptyLinesAreDropped) {
-    Store store("\n   \nhost\nhost,10.0.0.1\n,\n");
-    EXPECT_EQ(store._hosts._Read(store._in), 0);
-    EXPECT_TRUE(store.Trusts("host", 22, _key));
-    EXPECT_TRUE(store.Trusts("10.0.0.1", 22, _key));
+    WithLines("\n   \nhost\nhost,10.0.0.1\n,\n", [&] {
+        EXPECT_TRUE(Trusts("host", 22, _key));
+        EXPECT_TRUE(Trusts("10.0.0.1", 22, _key));
+    });
+}
+
+TEST_F(KnownHostsTest, StreamAtItsEndIsReadWithoutFailure) {
+    WithStore([] {
+        std::istringstream in("host ssh-rsa");
+        EXPECT_EQ(KnownHosts::Read(in), 0);
+        EXPECT_EQ(KnownHosts::Read(in), 0);
+    });
 }
 
 TEST_F(KnownHostsTest, FirstLineOfAHostCounts) {
-    Store store("host ssh-rsa " + _key64 + "\nhost ssh-rsa " + _other64 + "\n");
-    EXPECT_TRUE(store.Refuses("host", 22, _other));
-    EXPECT_TRUE(store.Trusts("host", 22, _key));
+    WithLines("host ssh-rsa " + _key64 + "\nhost ssh-rsa " + _other64 + "\n", [&] {
+        EXPECT_TRUE(Refuses("host", 22, _other));
+        EXPECT_TRUE(Trusts("host", 22, _key));
+    });
 }
 
 TEST_F(KnownHostsTest, SecondReadAddsAndChangesNothing) {
-    Store store("host ssh-rsa " + _key64 + "\n");
-    std::istringstream more("host ssh-rsa " + _other64 + "\nhost2 ssh-rsa " + _other64 + "\n");
-    EXPECT_EQ(store._hosts._Read(more), 0);
-    EXPECT_TRUE(store.Refuses("host", 22, _other));
-    EXPECT_TRUE(store.Refuses("host2", 22, _key));
+    WithLines("host ssh-rsa " + _key64 + "\n", [&] {
+        std::istringstream more("host ssh-rsa " + _other64 + "\nhost2 ssh-rsa " + _other64 + "\n");
+        EXPECT_EQ(KnownHosts::Read(more), 0);
+        EXPECT_TRUE(Refuses("host", 22, _other));
+        EXPECT_TRUE(Refuses("host2", 22, _key));
+    });
 }
 
 TEST_F(KnownHostsTest, LineWithoutAKeyIsNeverEqualled) {
-    Store store("host ssh-rsa\n");
-    EXPECT_TRUE(store.Refuses("host", 22, _key));
-    EXPECT_TRUE(store.Refuses("host", 22, PublicKey()));
-    EXPECT_EQ(Content(), "");
+    WithLines("host ssh-rsa\n", [&] {
+        EXPECT_TRUE(Refuses("host", 22, _key));
+        EXPECT_TRUE(Refuses("host", 22, PublicKey()));
+        EXPECT_EQ(Content(), "");
+    });
 }
 
 TEST_F(KnownHostsTest, LastLineWithoutALineEndCounts) {
-    Store store("host ssh-rsa " + _key64);
-    EXPECT_TRUE(store.Refuses("host", 22, _other));
+    WithLines("host ssh-rsa " + _key64, [&] { EXPECT_TRUE(Refuses("host", 22, _other)); });
 }
 
-TEST_F(KnownHostsTest, CommentsAndHashedNamesDoNoHarm) {
-    Store store("# three words here\n|1|c2FsdA==|aGFzaA== ssh-rsa " + _key64 + "\n*.example ssh-rsa " +
-                _key64 + "\nhost ssh-rsa " + _key64 + "\n");
-    EXPECT_TRUE(store.Refuses("host", 22, _other));
-    EXPECT_TRUE(store.Trusts("a.example", 22, _other));
+TEST_F(KnownHostsTest, NewEntryGoesIntoALastLineWithoutALineEnd) {
+    SetContent("host ssh-rsa " + _key64);
+    WithStore([&] { EXPECT_TRUE(Trusts("new", 22, _other)); });
+    EXPECT_EQ(Content(), "host ssh-rsa " + _key64 + "new ssh-rsa " + _other64 + "\n");
+    WithStore([&] {
+        EXPECT_TRUE(Refuses("host", 22, _key));
+        EXPECT_TRUE(Trusts("new", 22, _key)); // as a new host
+    });
+}
+
+TEST_F(KnownHostsTest, CommentLineDoesNoHarm) {
+    WithLines("# three words here\nhost ssh-rsa " + _key64 + "\n",
+              [&] { EXPECT_TRUE(Refuses("host", 22, _other)); });
+}
+
+TEST_F(KnownHostsTest, HostIsNewWhereItsLineIsNotUnderstood) {
+    std::string const key = "ssh-rsa " + _key64 + "\n";
+    for (std::string const& line :
+         {"|1|c2FsdA==|aGFzaA== " + key, "*.example " + key, "a.?xample " + key, "@revoked a.example " + key,
+          "a.example\t" + key, "x,y,a.example " + key, "A.Example " + key}) {
+        WithLines(line, [&] { EXPECT_TRUE(Trusts("a.example", 22, _other)) << line; });
+    }
 }
 
 TEST_F(KnownHostsTest, AlgorithmNameIsNotCompared) {
-    Store store("host ssh-dss " + _key64 + "\n");
-    EXPECT_TRUE(store.Trusts("host", 22, _key));
-    EXPECT_TRUE(store.Refuses("host", 22, _other));
+    WithLines("host ssh-dss " + _key64 + "\n", [&] {
+        EXPECT_TRUE(Trusts("host", 22, _key));
+        EXPECT_TRUE(Refuses("host", 22, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, AddressOfAKnownHostIsLearntEvenFromAnotherKey) {
-    Store store("host ssh-rsa " + _key64 + "\n");
-    EXPECT_FALSE(store.Trusts("host", 22, _other, "10.0.0.1"));
-    EXPECT_TRUE(store.Refuses("10.0.0.1", 22, _key));
-    EXPECT_TRUE(store.Trusts("10.0.0.1", 22, _other));
-    EXPECT_EQ(Content(), "");
+    WithLines("host ssh-rsa " + _key64 + "\n", [&] {
+        EXPECT_FALSE(Trusts("host", 22, _other, "10.0.0.1"));
+        EXPECT_TRUE(Refuses("10.0.0.1", 22, _key));
+        EXPECT_TRUE(Trusts("10.0.0.1", 22, _other));
+        EXPECT_EQ(Content(), "");
+    });
 }
 
 TEST_F(KnownHostsTest, AddressHasNoInfluenceAndIsNotReplaced) {
-    Store store("host ssh-rsa " + _key64 + "\n10.0.0.1 ssh-rsa " + _other64 + "\n");
-    EXPECT_TRUE(store.Trusts("host", 22, _key, "10.0.0.1"));
-    EXPECT_TRUE(store.Refuses("10.0.0.1", 22, _key));
+    WithLines("host ssh-rsa " + _key64 + "\n10.0.0.1 ssh-rsa " + _other64 + "\n", [&] {
+        EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
+        EXPECT_TRUE(Refuses("10.0.0.1", 22, _key));
+    });
 }
 
 TEST_F(KnownHostsTest, AddressOfANewHostIsNotLearntAtOnce) {
-    Store store("");
-    EXPECT_TRUE(store.Trusts("host", 22, _key, "10.0.0.1"));
-    EXPECT_TRUE(store.Trusts("10.0.0.1", 22, _other));
+    WithStore([&] {
+        EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
+        EXPECT_TRUE(Trusts("10.0.0.1", 22, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, AddressIsKnownUnderThePortOfTheHost) {
-    Store store("[host]:2222 ssh-rsa " + _key64 + "\n");
-    EXPECT_TRUE(store.Trusts("host", 2222, _key, "10.0.0.1"));
-    EXPECT_TRUE(store.Refuses("10.0.0.1", 2222, _other));
-    EXPECT_TRUE(store.Trusts("10.0.0.1", 22, _other));
+    WithLines("[host]:2222 ssh-rsa " + _key64 + "\n", [&] {
+        EXPECT_TRUE(Trusts("host", 2222, _key, "10.0.0.1"));
+        EXPECT_TRUE(Refuses("10.0.0.1", 2222, _other));
+        EXPECT_TRUE(Trusts("10.0.0.1", 22, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, EmptyHostIsNotTrusted) {
-    Store store("");
-    EXPECT_FALSE(store.Trusts("", 22, _key, "10.0.0.1"));
-    EXPECT_EQ(store._hosts._IsIn(String_t(), 22, String_t(), _key), 0);
-    EXPECT_TRUE(store.Refuses("10.0.0.1", 22, _other));
-    EXPECT_EQ(Content(), "");
+    WithStore([&] {
+        EXPECT_FALSE(Trusts("", 22, _key, "10.0.0.1"));
+        EXPECT_EQ(KnownHosts::IsIn(String_t(), 22, String_t(), _key), 0);
+        EXPECT_TRUE(Refuses("10.0.0.1", 22, _other));
+        EXPECT_EQ(Content(), "");
+    });
 }
 
 TEST_F(KnownHostsTest, KeyThatIsNotLoadedHasAnUnknownAlgorithm) {
-    Store store("");
-    EXPECT_TRUE(store.Trusts("host", 22, PublicKey()));
-    EXPECT_EQ(Content(), "host ssh-unknown \n");
-    EXPECT_TRUE(store.Refuses("host", 22, PublicKey()));
+    WithStore([&] {
+        EXPECT_TRUE(Trusts("host", 22, PublicKey()));
+        EXPECT_EQ(Content(), "host ssh-unknown \n");
+        EXPECT_TRUE(Refuses("host", 22, PublicKey()));
+    });
 }
 
 TEST_F(KnownHostsTest, NameIsCutTo1023Characters) {
     std::string const fits(1018, 'x'); // with its brackets and ":22" just 1023
-    std::string const cut = fits + "y";
-    Store store(fits + " ssh-rsa " + _key64 + "\n");
-    EXPECT_TRUE(store.Refuses(fits.c_str(), 22, _other));
-    EXPECT_TRUE(store.Trusts(cut.c_str(), 22, _other)); // cut after ":2"
-    EXPECT_TRUE(store.Refuses((fits + "y").c_str(), 21, _key));
-    Store longer(std::string(2000, 'z') + " ssh-rsa " + _key64 + "\n");
-    EXPECT_TRUE(longer.Refuses(std::string(1022, 'z').c_str(), 9999, _other));
-    EXPECT_TRUE(longer.Trusts(std::string(1021, 'z').c_str(), 9999, _other));
+    WithLines(fits + " ssh-rsa " + _key64 + "\n", [&] {
+        EXPECT_TRUE(Refuses(fits, 22, _other));
+        EXPECT_TRUE(Trusts(fits + "y", 22, _other)); // cut after ":2"
+        EXPECT_TRUE(Refuses(fits + "y", 21, _key));
+    });
+    WithLines(std::string(2000, 'z') + " ssh-rsa " + _key64 + "\n", [&] {
+        EXPECT_TRUE(Refuses(std::string(1022, 'z'), 9999, _other));
+        EXPECT_TRUE(Trusts(std::string(1021, 'z'), 9999, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, MissingFileIsRememberedAndNoMore) {
-    KnownHosts hosts;
-    EXPECT_EQ(hosts._Read(File().c_str()), -ENOENT);
-    EXPECT_NE(hosts._IsIn("host", 22, "", _key), 0);
-    EXPECT_EQ(hosts._Read(File().c_str()), 0);
-    EXPECT_EQ(hosts._Read((_directory / "none/file").c_str()), -ENOENT);
-    EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);
-    EXPECT_EQ(hosts._Read(static_cast<char const*>(nullptr)), -ENOENT);
+    WithStore([&] {
+        EXPECT_EQ(KnownHosts::Errnum(), -ENOENT);
+        EXPECT_EQ(KnownHosts::Read(File().c_str()), -ENOENT);
+        EXPECT_TRUE(Trusts("host", 22, _key));
+        EXPECT_EQ(KnownHosts::Read(File().c_str()), 0);
+        EXPECT_EQ(KnownHosts::Errnum(), 0);
+        EXPECT_EQ(KnownHosts::Read((_directory / "none/file").c_str()), -ENOENT);
+        EXPECT_EQ(KnownHosts::Errnum(), -ENOENT);
+        EXPECT_TRUE(Refuses("host", 22, _other));
+        EXPECT_EQ(KnownHosts::Read(static_cast<char const*>(nullptr)), -ENOENT);
+    });
 }
 
 TEST_F(KnownHostsTest, FileThatOpensButCannotBeReadIsAnEmptyOne) {
     std::filesystem::create_directory(File());
-    KnownHosts hosts;
-    EXPECT_EQ(hosts._Read(File().c_str()), 0);
-    EXPECT_NE(hosts._IsIn("host", 22, "", _key), 0);
-    EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);
+    WithStore([&] {
+        EXPECT_EQ(KnownHosts::Read(File().c_str()), 0);
+        EXPECT_EQ(KnownHosts::Errnum(), 0);
+        EXPECT_TRUE(Trusts("host", 22, _key));
+        EXPECT_TRUE(Refuses("host", 22, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, NewHostIsAcceptedWhenTheFileCannotBeWritten) {
     std::filesystem::remove_all(_directory / ".ssh");
-    KnownHosts hosts;
-    EXPECT_NE(hosts._IsIn("host", 22, "", _key), 0);
-    EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);
+    WithStore([&] {
+        EXPECT_TRUE(Trusts("host", 22, _key));
+        EXPECT_TRUE(Refuses("host", 22, _other));
+    });
     EXPECT_FALSE(std::filesystem::exists(_directory / ".ssh"));
 }
 
 TEST_F(KnownHostsTest, NewHostGoesToTheDefaultFileWhateverWasRead) {
     std::string const elsewhere = _directory / "elsewhere";
-    std::ofstream(elsewhere) << "host ssh-rsa " << _key64 << "\n";
-    KnownHosts hosts(elsewhere.c_str());
-    EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);
-    EXPECT_NE(hosts._IsIn("new", 22, "", _key), 0);
+    std::string const line = "host ssh-rsa " + _key64 + "\n";
+    std::ofstream(elsewhere) << line;
+    WithStore([&] {
+        EXPECT_EQ(KnownHosts::Read(elsewhere.c_str()), 0);
+        EXPECT_TRUE(Refuses("host", 22, _other));
+        EXPECT_TRUE(Trusts("new", 22, _key));
+    });
     EXPECT_EQ(Content(), "new ssh-rsa " + _key64 + "\n");
+    std::ifstream in(elsewhere);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), line);
 }
 
 TEST_F(KnownHostsTest, DefaultFileIsReadAndKept) {
     std::string const before = "host ssh-rsa " + _key64 + "\n";
     SetContent(before);
-    KnownHosts hosts;
-    EXPECT_EQ(hosts._IsIn("host", 22, "", _other), 0);
-    EXPECT_NE(hosts._IsIn("new", 22, "", _other), 0);
+    WithStore([&] {
+        EXPECT_EQ(KnownHosts::Errnum(), 0);
+        EXPECT_TRUE(Refuses("host", 22, _other));
+        EXPECT_TRUE(Trusts("new", 22, _other));
+    });
     EXPECT_EQ(Content(), before + "new ssh-rsa " + _other64 + "\n");
 }
 
-// The store of the process reads the home directory of its first use, here that of the first of the tests
-// below that runs; they keep to hosts of their own.
-
-TEST_F(KnownHostsTest, ThereIsOneStoreOfTheProcess) {
-    EXPECT_EQ(KnownHosts::GetInstance(), KnownHosts::GetInstance());
-    std::istringstream in("one ssh-rsa " + _key64 + "\n");
-    EXPECT_EQ(KnownHosts::Read(in), 0);
-    EXPECT_EQ(KnownHosts::Errnum(), 0);
-    EXPECT_NE(KnownHosts::IsIn("one", 22, "", _key), 0);
-    EXPECT_EQ(KnownHosts::IsIn("one", 22, "", _other), 0);
-    EXPECT_EQ(KnownHosts::GetInstance()->_IsIn("one", 22, "", _other), 0);
+TEST_F(KnownHostsTest, FileLongerThanABlockIsReadWhole) {
+    std::string lines;
+    for (int i = 0; i < 1000; ++i) lines += "host" + std::to_string(i) + " ssh-rsa " + _key64 + "\n";
+    SetContent(lines);
+    WithStore([&] {
+        for (int i = 0; i < 1000; ++i) EXPECT_TRUE(Refuses("host" + std::to_string(i), 22, _other)) << i;
+    });
 }
 
-TEST_F(KnownHostsTest, ErrnumIsThatOfTheLastRead) {
-    SetContent("two ssh-rsa " + _key64 + "\n");
-    EXPECT_EQ(KnownHosts::Read((_directory / "none").c_str()), -ENOENT);
-    EXPECT_EQ(KnownHosts::Errnum(), -ENOENT);
-    EXPECT_EQ(KnownHosts::Read(File().c_str()), 0);
-    EXPECT_EQ(KnownHosts::Errnum(), 0);
-    EXPECT_EQ(KnownHosts::IsIn("two", 22, "", _other), 0);
+TEST_F(KnownHostsTest, StoreBuiltOnAStreamReadsItToItsEnd) {
+    std::istringstream in("host ssh-rsa " + _key64 + "\nhost2 ssh-rsa " + _key64 + "\n");
+    KnownHosts const hosts(in);
+    EXPECT_TRUE(in.eof());
+    EXPECT_FALSE(in.bad());
+}
+
+TEST_F(KnownHostsTest, StoreOfItsOwnIsNotThatOfTheProcess) {
+    std::string const elsewhere = _directory / "elsewhere";
+    std::ofstream(elsewhere) << "host ssh-rsa " << _key64 << "\n";
+    WithStore([&] {
+        KnownHosts const hosts(elsewhere.c_str());
+        KnownHosts const missing((_directory / "none").c_str());
+        EXPECT_TRUE(Trusts("host", 22, _other));
+    });
+}
+
+TEST_F(KnownHostsTest, ThereIsOneStoreOfTheProcess) {
+    WithLines("one ssh-rsa " + _key64 + "\n", [&] {
+        EXPECT_EQ(KnownHosts::GetInstance(), KnownHosts::GetInstance());
+        EXPECT_EQ(KnownHosts::Errnum(), 0);
+        EXPECT_TRUE(Trusts("one", 22, _key));
+        EXPECT_TRUE(Refuses("one", 22, _other));
+    });
 }
 
 TEST_F(KnownHostsTest, ManyThreadsMayUseTheStoreAtOnce) {
-    KnownHosts::GetInstance();
-    std::vector<std::thread> threads;
-    std::atomic<int> wrong{0};
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            PublicKey const key = RsaKey(20 + t);
-            std::string const name = "thread" + std::to_string(t);
-            for (int i = 0; i < 50; ++i) {
-                std::string const host = name + "-" + std::to_string(i);
-                std::istringstream in("common ssh-rsa " + _key64 + "\n" + name + " ssh-rsa " + Base64(key) +
-                                      "\n");
-                if (KnownHosts::Read(in) != 0) ++wrong;
-                if (!KnownHosts::IsIn(host.c_str(), 22, "10.1.1.1", key)) ++wrong;
-                if (!KnownHosts::IsIn(host.c_str(), 22, "10.1.1.1", key)) ++wrong;
-                if (KnownHosts::IsIn("common", 22, "", key)) ++wrong;
-                if (KnownHosts::Errnum() != 0) ++wrong;
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(wrong, 0);
+    WithStore([&] {
+        KnownHosts::GetInstance();
+        std::vector<std::thread> threads;
+        std::atomic<int> wrong{0};
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                PublicKey const key = RsaKey(20 + t);
+                std::string const name = "thread" + std::to_string(t);
+                for (int i = 0; i < 50; ++i) {
+                    std::string const host = name + "-" + std::to_string(i);
+                    std::istringstream in("common ssh-rsa " + _key64 + "\n" + name + " ssh-rsa " +
+                                          Base64(key) + "\n");
+                    if (KnownHosts::Read(in) != 0) ++wrong;
+                    if (!KnownHosts::IsIn(host.c_str(), 22, "10.1.1.1", key)) ++wrong;
+                    if (!KnownHosts::IsIn(host.c_str(), 22, "10.1.1.1", key)) ++wrong;
+                    if (KnownHosts::IsIn("common", 22, "", key)) ++wrong;
+                    if (KnownHosts::Errnum() != 0) ++wrong;
+                }
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_EQ(wrong, 0);
+    });
 }

@@ -1,10 +1,14 @@
+#include <brantle/trust/ssh_agent_access.h>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <memory>
 #include <set>
 #include <string>
@@ -15,7 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <brantle/cindral/exceptions.h>
-#include <brantle/trust/ssh_agent_access.h>
+#include <brantle/thornel/sock_stream.h>
 
 #include "support/agent/raw_agent.h"
 #include "wire_text.h"
@@ -357,10 +361,53 @@ TEST_F(Agent, ReplyCutShortIsBadInput) {
     }
 }
 
-TEST_F(Agent, ReplyWithAnAbsurdLengthIsBadInput) {
-    Answering(Number(0xffffffffu) + "x");
+TEST_F(Agent, EveryLengthAboveTheLargestIsTooLong) {
+    constexpr unsigned int MAX_READ = ISockStream::MAX_FRAME;
+    for (std::string const& reply : {LongMessage(Byte(6), MAX_READ), Number(MAX_READ + 1) + "x",
+                                     Number(0x80000000u) + "x", Number(0xffffffffu)}) {
+        Answering(reply);
+        SshAgentAccess access(nullptr);
+        EXPECT_EQ(ThrownBy<SshProtocolError>([&] { access.Clear(); }), "response of ssh-agent too long");
+    }
+}
+
+TEST_F(Agent, ConnectionEndsWithAReplyThatIsNotReadWhole) {
+    // What follows the length would be taken for replies.
+    Answering(Number(ISockStream::MAX_FRAME + 1) + SUCCESS + SUCCESS + Identities(1, Identity(17, "name")));
     SshAgentAccess access(nullptr);
-    EXPECT_THROW(access.Clear(), BadInput);
+    EXPECT_THROW(access.Clear(), SshProtocolError);
+    EXPECT_EQ(access.Clear(), -5);
+    EXPECT_EQ(access.Sign(key, data, cindral::DIGEST_SHA1, signature), -5);
+    EXPECT_EQ(access.IsAvailable(key), 0);
+    EXPECT_THROW(SshAgentAccess::Iterator{access}, BadInput);
+    EXPECT_THAT(agent->Requests(), SizeIs(1));
+}
+
+TEST_F(Agent, ConnectionEndsForAnIteratorToo) {
+    Answering(Number(ISockStream::MAX_FRAME + 1) + SUCCESS);
+    SshAgentAccess access(nullptr);
+    EXPECT_EQ(ThrownBy<SshProtocolError>([&] { SshAgentAccess::Iterator identity(access); }),
+              "response of ssh-agent too long");
+    EXPECT_EQ(access.Clear(), -5);
+}
+
+TEST_F(Agent, SilentAgentHoldsUpEveryUserOfTheConnection) {
+    using namespace std::chrono_literals;
+    std::atomic<bool> isSilent{true};
+    Answering([&](std::string const&) {
+        while (isSilent) std::this_thread::yield();
+        return SUCCESS;
+    });
+    SshAgentAccess first(nullptr), second(nullptr);
+    auto cleared = std::async(std::launch::async, [&] { return first.Clear(); });
+    while (agent->Requests().empty()) std::this_thread::yield();
+    auto removed = std::async(std::launch::async, [&] { return second.Remove(key); });
+    EXPECT_EQ(removed.wait_for(100ms), std::future_status::timeout);
+    EXPECT_EQ(cleared.wait_for(0ms), std::future_status::timeout);
+    EXPECT_THAT(agent->Requests(), SizeIs(1));
+    isSilent = false;
+    EXPECT_EQ(cleared.get(), 0);
+    EXPECT_EQ(removed.get(), 0);
 }
 
 TEST_F(Agent, DeadAgentHurtsNobodyAndLeavesTheConnectionUnlocked) {

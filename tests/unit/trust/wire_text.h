@@ -30,12 +30,15 @@ inline std::string Text(ByteString const& bytes) {
     return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
 }
 
-/// The blob of an rsa key (RFC 4253, section 6.6); `mark`, 1 to 127, makes the difference between two.
-inline std::string RsaBlob(int mark) {
+/// The blob of an rsa key of that many bytes (RFC 4253, section 6.6); `mark`, 1 to 127, makes the difference
+/// between two.
+inline std::string RsaBlob(int mark, unsigned int size = 128) {
     return Field("ssh-rsa") + Field(std::string("\1\0\1", 3)) +
-           Field(std::string(128, static_cast<char>(mark)));
+           Field(std::string(size, static_cast<char>(mark)));
 }
 
-inline cindral::PublicKey RsaKey(int mark) { return cindral::PublicKey(Bytes(RsaBlob(mark))); }
+inline cindral::PublicKey RsaKey(int mark, unsigned int size = 128) {
+    return cindral::PublicKey(Bytes(RsaBlob(mark, size)));
+}
 
 #endif
