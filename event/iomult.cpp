@@ -38,6 +38,8 @@ short PollEvents(IOMultiplexerDispatcherType type) {
     case IOMultiplexerWrite:
         return POLLWRNORM;
     }
+    // Deliberate: the place that the message names is fixed (pinned by
+    // MultiplexerDeathTest.UnknownTypeEndsTheProcess).
     FatalAssertion("0", "iomult", 179, "int IOMultiplexer::Register(int, const IOMultiplexerDispatcher&)");
 }
 
@@ -85,7 +87,9 @@ int IOMultiplexer::Unregister(int fd) {
         _Unregister(fd);
     }
     CallCallbacks(fd);
-    WUnlock(); // one more than was locked: refused, unless another thread has become the writer
+    // Deliberate: one more than was locked. It is refused, unless another thread has become the writer
+    // (pinned by Multiplexer.EndsAWriterThatCameInTheGapOfUnregister).
+    WUnlock();
     return 0;
 }
 
@@ -173,7 +177,9 @@ int IOMultiplexer::Poll(PollFds& fds, Timeval const& timeout) {
         fds = _pollFds;
     }
     int const ready = poll(fds.begin(), fds.Size(), Milliseconds(timeout));
-    RUnlock(); // one more than was locked: refused, unless another thread is a reader
+    // Deliberate: one more than was locked. It is refused, unless another thread is a reader (pinned by
+    // Multiplexer.TakesAConcurrentReadersCountAfterPoll).
+    RUnlock();
     return ready;
 }
 
@@ -207,5 +213,6 @@ void IOMultiplexer::ProcessRequest(int fd, IOMultiplexerRequest* request) {
         if (!FindDispatcher(fd)) return;
     }
     request->Process(fd);
-    RUnlock(); // one more than was locked, as in `Poll`
+    // Deliberate, as in `Poll` (pinned by Multiplexer.TakesAConcurrentReadersCountAfterARequest).
+    RUnlock();
 }

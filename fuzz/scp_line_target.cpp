@@ -5,21 +5,15 @@
 #include <cstdio>
 #include <string>
 
-#include <brantle/apps/scp_session.h>
 #include <brantle/cindral/exceptions.h>
 
+#include "apps/scp_head_line.h"
 #include "finding.h"
 
 using namespace cindral;
 using fuzz::Require;
 
 namespace {
-
-class Parser : public ScpSession {
-public:
-    Parser() : ScpSession(22, "127.0.0.1") {}
-    using ScpSession::ParseCLine;
-};
 
 struct Head {
     unsigned int mode = 0;
@@ -28,12 +22,11 @@ struct Head {
 };
 
 bool Parse(String_t const& line, Head& head) {
-    static Parser parser;
     try {
-        parser.ParseCLine(line, head.mode, head.size, head.name);
+        ParseScpHeadLine(line, head.mode, head.size, head.name);
         return true;
     } catch (SshProtocolError const& error) {
-        Require(error.Detail() == line, "ParseCLine", "complains of another line");
+        Require(error.Detail() == line, "ParseScpHeadLine", "complains of another line");
         return false;
     }
 }
@@ -52,8 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     Head head;
     if (!Parse(line, head)) return 0;
     Head again;
-    Require(Parse(Join(head), again), "ParseCLine", "refuses its own values");
-    Require(again.mode == head.mode && again.size == head.size && again.name == head.name, "ParseCLine",
+    Require(Parse(Join(head), again), "ParseScpHeadLine", "refuses its own values");
+    Require(again.mode == head.mode && again.size == head.size && again.name == head.name, "ParseScpHeadLine",
             "takes its own values for others");
     return 0;
 }

@@ -126,6 +126,8 @@ int ISshBuffer::FinalizePacket() {
         unsigned char received[MAX_MAC_SIZE];
         int const taken = _next->get(Chars(received), Chars(received) + length);
         if (taken < 0) return taken;
+        // Deliberate: compared as far as it came (pinned by
+        // PacketStream.ConnectionThatEndsAtTheMacPassesUnchecked).
         if (std::memcmp(_mac._rep->Value(), received, static_cast<unsigned int>(taken)) != 0)
             throw SshProtocolError("invalid mac value");
     }

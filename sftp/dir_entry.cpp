@@ -95,6 +95,7 @@ DirEntry::DirEntry(String_t const& name, String_t const& longname, SftpFileAttr 
 }
 
 std::ostream& DirEntry::put(std::ostream& out, UserNameMap& users, GroupNameMap& groups, long now) const {
+    // Deliberate: control characters and all (pinned by DirEntryTest.LineOfTheServerIsWrittenAsItStands).
     if (_longname != "") return out << _longname;
     PutMode(out, _status.st_mode);
     std::ios::fmtflags const flags = out.flags(std::ios::right);

@@ -41,6 +41,8 @@ Pathname SftpClientSession::RemotePathname(Pathname path) {
     return path.IsAbs() || str_empty(_remoteDir.Text()) ? path : Resolve(path, _remoteDir);
 }
 
+// Deliberate: the remote directory says whether there is one to take a local name against (pinned by
+// SftpSessionDirectories.LocalNameIsResolvedIfTheRemoteOneIsKnown).
 Pathname SftpClientSession::LocalPathname(Pathname path) {
     return path.IsAbs() || str_empty(_remoteDir.Text()) ? path : Resolve(path, _localDir);
 }

@@ -42,6 +42,9 @@ int SftpClientSession::Receive(SftpStatus& status, String_t const& remote, int f
     if (handle._bytes.Length() == 0) return -1;
     SftpFileAttr attrs;
     if (int const result = Fstat(status, handle, attrs); result < 0) return result;
+    // Deliberate: the server's mode, set-user-ID and all, whatever the umask and the descriptor are (pinned
+    // by SftpTransferWire.ModeOfTheServerIsTakenDespiteTheUmask and
+    // SftpTransferOperations.CatWritesToDescriptor1).
     if (fchmod(fd, attrs._permissions) < 0) return -errno;
     return ReceiveBlocks(status, handle, fd);
 }
@@ -57,7 +60,7 @@ int SftpClientSession::ReceiveBlocks(SftpStatus& status, SftpFileHandle const& h
 }
 
 int SftpClientSession::Receive(SftpStatus& status, String_t const& remote, String_t const& local) {
-    FileDescriptor const fd(open64(str_text(local.Text()), O_RDWR | O_CREAT | O_TRUNC, 0666));
+    FileDescriptor const fd(open64(str_text(local.Text()), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     return fd < 0 ? -errno : Receive(status, remote, fd);
 }
 
@@ -90,7 +93,7 @@ int SftpClientSession::SendBlocks(SftpStatus& status, SftpFileHandle const& hand
 }
 
 int SftpClientSession::Send(SftpStatus& status, String_t const& local, String_t const& remote) {
-    FileDescriptor const fd(open64(str_text(local.Text()), O_RDONLY));
+    FileDescriptor const fd(open64(str_text(local.Text()), O_RDONLY | O_CLOEXEC));
     return fd < 0 ? -errno : Send(status, remote, fd);
 }
 
@@ -118,6 +121,8 @@ int SftpClientSession::MoveToRemote(SftpStatus& status, String_t const& local, S
 }
 
 /// A source that ends in no name has no place in the directory; it may not take the directory's own.
+/// Deliberate: any other name is taken, that of a hidden file too (pinned by
+/// SftpTransferNames.MayBeThoseOfHiddenFiles).
 int SftpClientSession::ReceiveInto(SftpStatus& status, String_t const& remote, Pathname const& dir) {
     String_t const leaf = Pathname(remote).Leaf(nullptr);
     if (str_empty(leaf.Text())) return -EISDIR;

@@ -1,6 +1,7 @@
 #ifndef TESTS_WIRE_LOCAL_DIRECTORY_H
 #define TESTS_WIRE_LOCAL_DIRECTORY_H
 
+#include <fcntl.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include <brantle/thornel/string_t.h>
 
@@ -62,16 +64,18 @@ public:
         }
         return tree;
     }
-    /// Descriptors of the process that lead into the directory.
-    std::size_t OpenDescriptors() const {
-        std::size_t count = 0;
+    /// The flags (F_GETFD) of the descriptors of the process that lead into the directory.
+    std::vector<int> DescriptorFlags() const {
+        std::vector<int> flags;
         for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code gone;
             auto const target = std::filesystem::read_symlink(entry.path(), gone).string();
-            count += !gone && target.rfind(*this / "", 0) == 0;
+            if (gone || target.rfind(*this / "", 0) != 0) continue;
+            flags.push_back(fcntl(std::stoi(entry.path().filename()), F_GETFD));
         }
-        return count;
+        return flags;
     }
+    std::size_t OpenDescriptors() const { return DescriptorFlags().size(); }
 };
 
 /// Makes a directory the working directory of the process as long as it lives.

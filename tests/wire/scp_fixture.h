@@ -1,6 +1,7 @@
 #ifndef TESTS_WIRE_SCP_FIXTURE_H
 #define TESTS_WIRE_SCP_FIXTURE_H
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -27,9 +28,6 @@ public:
 
     using ScpSession::_input;
     using ScpSession::_output;
-    using ScpSession::ParseCLine;
-    using ScpSession::Readln;
-    using ScpSession::ReadResponse;
 };
 
 /// The scp program's side of the channel, in the hands of a script.
@@ -140,16 +138,18 @@ protected:
         return outcome;
     }
 
-    /// Descriptors of files in the directory.
-    std::size_t OpenDescriptors() const {
-        std::size_t count = 0;
+    /// The flags (F_GETFD) of the descriptors of files in the directory.
+    std::vector<int> DescriptorFlags() const {
+        std::vector<int> flags;
         for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code gone;
             auto const target = std::filesystem::read_symlink(entry.path(), gone).string();
-            count += !gone && target.rfind(directory / "", 0) == 0;
+            if (gone || target.rfind(directory / "", 0) != 0) continue;
+            flags.push_back(fcntl(std::stoi(entry.path().filename()), F_GETFD));
         }
-        return count;
+        return flags;
     }
+    std::size_t OpenDescriptors() const { return DescriptorFlags().size(); }
 
     String_t Directory() const { return directory.Path().c_str(); }
     std::string Path(std::string const& name) const { return directory / name; }

@@ -213,34 +213,23 @@ TEST_F(ScpReceive, HeaderThatCannotBeReadIsAnException) {
     EXPECT_EQ(Names(), "");
 }
 
-TEST_F(ScpReceive, PartsOfAHeader) {
-    Run([](RemoteScp&) {},
-        [](ScpClient& session) {
-            unsigned int mode = 0;
-            long long size = 0;
-            Pathname name;
-            session.ParseCLine("0755 4294967296 name and more", mode, size, name);
-            EXPECT_EQ(mode, 0755u);
-            EXPECT_EQ(size, 4294967296);
-            EXPECT_EQ(Text(name), "name");
-            session.ParseCLine("04755\t010  x", mode, size, name);
-            EXPECT_EQ(mode, 04755u);
-            EXPECT_EQ(size, 10);
-            EXPECT_EQ(Text(name), "x");
-            session.ParseCLine("0894 5x name", mode, size, name); // numbers end where their digits end
-            EXPECT_EQ(mode, 0u);
-            EXPECT_EQ(size, 894);
-            EXPECT_EQ(Text(name), "5x");
-            try {
-                session.ParseCLine("0644 x", mode, size, name);
-                ADD_FAILURE() << "no exception";
-            } catch (cindral::SshProtocolError const& error) {
-                EXPECT_EQ(Text(error.Text()), "invalid head line returned from scp");
-                EXPECT_EQ(Text(error.Detail()), "0644 x");
-            }
-            EXPECT_THROW(session.ParseCLine(String_t(), mode, size, name), cindral::SshProtocolError);
-            return 0;
-        });
+TEST_F(ScpReceive, ModeOfTheServerIsTakenWithItsSpecialBits) {
+    mode_t const before = umask(027);
+    EXPECT_EQ(Receive([](RemoteScp& remote) { remote.GiveFile("C6777 0 name\n", ""); }), "0");
+    umask(before);
+    EXPECT_EQ(ModeOf("name"), 06750u);
+}
+
+TEST_F(ScpReceive, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
+    EXPECT_EQ(Receive([&](RemoteScp& remote) {
+                  remote.ExpectAcknowledgement();
+                  remote.Send("C0644 5 name\n");
+                  remote.ExpectAcknowledgement();
+                  EXPECT_EQ(DescriptorFlags(), std::vector<int>{FD_CLOEXEC});
+                  remote.Send("hello");
+                  remote.Acknowledge();
+              }),
+              "0");
 }
 
 TEST_F(ScpReceive, ErrorInPlaceOfAHeaderIsAnException) {
@@ -406,24 +395,4 @@ TEST_F(ScpReceive, RefusedChannelDoesNotKeepTheWholeFromGoingOn) {
                   [&](ScpClient& session) { return session.ReceiveFile("", Directory(), "name"); }),
               closedEarly);
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest()));
-}
-
-TEST_F(ScpReceive, LineIsTrimmedUnlessItFailed) {
-    EXPECT_EQ(Run(
-                  [](RemoteScp& remote) {
-                      remote.TakeCommand();
-                      remote.ExpectAcknowledgement();
-                      remote.Send(" a line \r\n half ");
-                      remote.Break();
-                  },
-                  [](ScpClient& session) {
-                      EXPECT_EQ(session.StartReceive("", List({"name"})), 0);
-                      String_t line;
-                      EXPECT_EQ(session.Readln(line).Status(), 0u);
-                      EXPECT_EQ(Text(line), "a line");
-                      EXPECT_EQ(&session.Readln(line), &session._input);
-                      EXPECT_EQ(Text(line), " half ");
-                      return static_cast<int>(session._input.Status());
-                  }),
-              "4");
 }

@@ -223,6 +223,51 @@ TEST_F(ScpSend, FileThatFstatRefusesIsItsResult) {
     EXPECT_THAT(SentForFile(), IsEmpty());
 }
 
+TEST_F(ScpSend, FileThatGrowsMeanwhileGoesOutWhole) {
+    Store("name", "hello");
+    EXPECT_EQ(Send("name",
+                   [&](RemoteScp& remote) {
+                       EXPECT_EQ(remote.ReadLine(), "C0644 5 name\n");
+                       std::ofstream(Path("name"), std::ios::app) << nothing << "C0755 4 more\nevil";
+                       remote.Acknowledge();
+                       remote.Read(5);
+                       remote.ExpectAcknowledgement();
+                       EXPECT_EQ(remote.ReadLine(), "C0755 4 more\n");
+                       EXPECT_EQ(remote.Read(4), "evil");
+                       remote.ExpectAcknowledgement();
+                       remote.Acknowledge();
+                   }),
+              "0");
+}
+
+TEST_F(ScpSend, LineFeedInANameGoesOutAsItIs) {
+    Store("a\nC0755 1 b", "x");
+    EXPECT_EQ(Send("a\nC0755 1 b",
+                   [](RemoteScp& remote) {
+                       EXPECT_EQ(remote.ReadLine(), "C0644 1 a\n");
+                       EXPECT_EQ(remote.ReadLine(), "C0755 1 b\n");
+                       remote.Acknowledge();
+                       remote.Read(1);
+                       remote.ExpectAcknowledgement();
+                       remote.Acknowledge();
+                   }),
+              "0");
+}
+
+TEST_F(ScpSend, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
+    Store("name", "hello");
+    EXPECT_EQ(Send("name",
+                   [&](RemoteScp& remote) {
+                       remote.ReadLine();
+                       EXPECT_EQ(DescriptorFlags(), std::vector<int>{FD_CLOEXEC});
+                       remote.Acknowledge();
+                       remote.Read(5);
+                       remote.ExpectAcknowledgement();
+                       remote.Acknowledge();
+                   }),
+              "0");
+}
+
 TEST_F(ScpSend, NameIsAnnouncedAsItWasGiven) {
     std::filesystem::create_directory(Path("sub"));
     Store("sub/a b", "x");
@@ -320,6 +365,7 @@ TEST_F(ScpSend, ErrorsOfTheRemoteProgramAreThrownWhereverTheyCome) {
 }
 
 TEST_F(ScpSend, EveryOtherAnswerIsIllegal) {
+    Store("name", "x");
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       remote.TakeCommand();
@@ -327,11 +373,11 @@ TEST_F(ScpSend, EveryOtherAnswerIsIllegal) {
                       for (int code = 3; code < 256; ++code) all += static_cast<char>(code);
                       remote.Send(nothing + all);
                   },
-                  [](ScpClient& session) {
+                  [&](ScpClient& session) {
                       EXPECT_EQ(session.StartSend("t"), 0);
                       int refused = 0;
                       for (int code = 3; code < 256; ++code)
-                          refused += Outcome([&] { return session.ReadResponse(); }) ==
+                          refused += Outcome([&] { return session.SendFile(Directory(), "name"); }) ==
                                      "SshProtocolError: scp returned illegal error code";
                       return refused;
                   }),

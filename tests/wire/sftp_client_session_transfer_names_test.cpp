@@ -140,6 +140,19 @@ TEST_F(SftpTransferNames, OfEntriesLeadNowhereElse) {
     }
 }
 
+TEST_F(SftpTransferNames, MayBeThoseOfHiddenFiles) {
+    for (bool const moves : {false, true}) {
+        local.Store("to/.bashrc", "the user's own", 0600);
+        EXPECT_EQ(Copied(AnyName("foo/.bashrc"),
+                         [&](SftpProgram& session) {
+                             return moves ? session.MMoveToLocal(status, "/d/foo*", "to")
+                                          : session.MGet(status, "/d/foo*", "to");
+                         }),
+                  "1");
+        ExpectOnly(".bashrc");
+    }
+}
+
 TEST_F(SftpTransferNames, EntryWithoutANameBreaksTheConversation) {
     for (std::string const& name : {""s, "\0x"s}) {
         std::string const outcome = Copied(

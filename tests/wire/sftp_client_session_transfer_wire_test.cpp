@@ -74,6 +74,34 @@ TEST_F(SftpTransferWire, EmptyRemoteFileIsEmptyHereWithItsPermissions) {
     EXPECT_EQ(Told(status), "0 end en");
 }
 
+TEST_F(SftpTransferWire, ModeOfTheServerIsTakenDespiteTheUmask) {
+    mode_t const before = umask(077);
+    EXPECT_EQ(Transfer(Fetching("/f", "", 06777),
+                       [this](SftpProgram& session) { return session.Get(status, "/f", "copy"); }),
+              "0");
+    umask(before);
+    EXPECT_EQ(local.ModeOf("copy"), 06777u);
+}
+
+TEST_F(SftpTransferWire, LocalFilesAreOpenToNoProgramThatIsStartedMeanwhile) {
+    local.Store("f", "");
+    for (Dialogue const& dialogue : {Fetching("/f", ""), Storing("/f", "")}) {
+        bool const receives = dialogue[0].request.Payload(0) == Open("/f", READING).Payload(0);
+        EXPECT_EQ(TransferWith(
+                      [&](RemoteSftp& remote) {
+                          remote.Expect(dialogue[0].request);
+                          EXPECT_EQ(local.DescriptorFlags(), std::vector<int>{FD_CLOEXEC});
+                          remote.Reply(dialogue[0].reply);
+                          remote.Follow(Dialogue(dialogue.begin() + 1, dialogue.end()));
+                      },
+                      [&](SftpProgram& session) {
+                          return receives ? session.Get(status, "/f", "copy")
+                                          : session.Put(status, "f", "/f");
+                      }),
+                  "0");
+    }
+}
+
 TEST_F(SftpTransferWire, EmptyLocalFileIsWrittenByNoRequest) {
     local.Store("empty", "", 0604);
     EXPECT_EQ(Transfer({{Open("/copy", WRITING), Opened("h")},

@@ -15,7 +15,7 @@ namespace cindral {
 /// exchange keys and authenticate first. A session does one transfer, of any number of files in one
 /// direction: either one of the calls that do the whole, or a start, the files, and the matching end.
 ///
-/// Permission bits are copied, times and directories are not. Paths are local unless told otherwise; the
+/// Permission bits are copied, times and directories are not. Paths are local unless said otherwise; the
 /// remote ones go to the server's shell as they stand, without quotes. Received files are named by the
 /// caller, and what names the server gives does not matter. Every call blocks; one thread at a time.
 ///
@@ -36,7 +36,10 @@ public:
     /// directory, or the name of a single file.
     int StartSend(String_t const& target);
     /// Sends the file `name` of `dir` under that name. A file that shrinks meanwhile, or can't be read to
-    /// its end, arrives shorter than announced, which the remote program notices.
+    /// its end, arrives shorter than announced, which the remote program notices. What a file grows by after
+    /// it was announced, and what follows a line feed in `name`, the remote program takes for instructions:
+    /// it makes other files, executable ones too. REQUIRES: nobody else chooses the name or writes to the
+    /// file.
     int SendFile(String_t const& dir, String_t const& name);
     /// Sends files in turn up to the first negative result. Returns that, or their number.
     int SendFiles(String_t const& dir, TOList<String_t> const& names);
@@ -49,9 +52,9 @@ public:
 
     /// Opens the channel and starts the remote program on files of the remote `dir`, which may be empty.
     int StartReceive(String_t const& dir, TOList<String_t> const& names);
-    /// Stores the next file that the server sends as `name` in `dir`, over what is there, with the
-    /// permissions that the server tells. Throws SystemError "write failed" if write(2) takes less than
-    /// it was given.
+    /// Stores the next file that the server sends as `name` in `dir`, over what is there. A new file gets the
+    /// mode that the server reports, its set-user-ID bit included, less the umask. Throws SystemError "write
+    /// failed" if write(2) takes less than it was given.
     int ReceiveFile(String_t const& dir, String_t const& name);
     /// Receives files in turn up to the first negative result, under these names in the order in which the
     /// server sends them. Returns that result, or the number of files.
@@ -64,18 +67,15 @@ public:
     int ReceiveFiles(String_t const& sourceDir, String_t const& targetDir, TOList<String_t> const& names);
 
 protected:
-    /// Takes a file's header apart, as it comes after its "C". Throws SshProtocolError "invalid head line
-    /// returned from scp" with the line as the detail.
-    void ParseCLine(String_t const& line, unsigned int& mode, long long& size, Pathname& name);
-    /// Flushes and takes the answer of the remote program. Returns 0, or -1 if there is none.
-    int ReadResponse();
-    /// Reads a line and trims it, unless the stream's status says that it has failed.
-    ISockStream& Readln(String_t& line);
-
     OSshDataStream _output;
     ISshDataStream _input;
 
 private:
+    void ParseCLine(String_t const& line, unsigned int& mode, long long& size, Pathname& name);
+    /// Flushes and takes the answer of the remote program. Returns 0, or -1 if there is none.
+    int ReadResponse();
+    /// Reads a line and trims it, unless the stream's status says that it has failed. Called by nothing yet.
+    ISockStream& Readln(String_t& line);
     int Start(String_t const& command);
     void ReceiveBody(int fd, long long size);
 };

@@ -29,8 +29,9 @@ public:
 
 /// A file of a remote directory, which is written as a line of a long listing.
 ///
-/// That line is the server's if it has sent one, whatever it holds. Otherwise it is made here, with the names
-/// that this machine has for the ids.
+/// That line is the server's if it has sent one, whatever it holds: control characters of the server's choice
+/// reach a terminal. Otherwise it is made here, with the names that this machine has for the ids; the name in
+/// it is the server's too.
 class BRANTLE_API DirEntry {
 public:
     /// Orders entries by their names.

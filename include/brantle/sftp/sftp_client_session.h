@@ -44,7 +44,7 @@ public:
     int Start();
 
     /// A name made absolute by the current directory, and freed of "." and ".." then. An absolute one, and
-    /// any before Start, comes back as it is.
+    /// any as long as the remote current directory is empty, as it is before Start, comes back as it is.
     Pathname RemotePathname(Pathname path);
     Pathname LocalPathname(Pathname path);
 
@@ -83,7 +83,8 @@ public:
 
     /// Adds the entries of a directory to a set, or else the files that match the pattern `path`, with their
     /// whole names. Returns their number. "." and ".." never count; other names that begin with a dot count
-    /// in a directory if `all` is not 0. The status tells nothing of a directory that can't be read.
+    /// in a directory if `all` is not 0. The status says nothing of a directory that can't be read. Names and
+    /// long names are the server's, control characters and all.
     int ListDir(SftpStatus& status, TSet<DirEntry, DirEntry::Compare>& entries, String_t const& path,
                 int all);
 
@@ -104,12 +105,14 @@ public:
                 String_t const& dir);
 
     // Transfer of whole files. Of the attributes the permissions alone are copied. Results are 0; -1 if the
-    // server has refused something, as the status tells; else minus the errno of a local call. A file that
+    // server has refused something, as the status says; else minus the errno of a local call. A file that
     // could not be copied to its end stays as far as it came.
 
-    /// Copies a remote file to a descriptor, from where that stands. Its permissions become the remote ones
-    /// before anything is written. Each block is given to one write(2); what that does not take is left out,
-    /// which shows in the size alone. The name is sent as it is.
+    /// Copies a remote file to a descriptor, from where that stands. Its permissions become the ones that the
+    /// server reports before anything is written, whatever the umask is, and a set-user-ID bit with them. A
+    /// program that doesn't trust the server changes the mode afterwards. Each block is given to one
+    /// write(2); what that does not take is left out, which shows in the size alone. The name is sent as it
+    /// is.
     int Receive(SftpStatus& status, String_t const& remote, int fd);
     /// Copies to a local file, which is created, or emptied first. Neither name is changed.
     int Receive(SftpStatus& status, String_t const& remote, String_t const& local);
@@ -118,7 +121,8 @@ public:
     int Send(SftpStatus& status, String_t const& remote, int fd);
     /// Copies from a local file. Mind the order: the source comes first here.
     int Send(SftpStatus& status, String_t const& local, String_t const& remote);
-    /// Copies a remote file to standard output, descriptor 1, whose permissions change, too.
+    /// Copies a remote file to standard output, descriptor 1, whose permissions change, too: a terminal may
+    /// become unreadable for its user, or writable for others. What the file holds reaches it unchanged.
     int Cat(SftpStatus& status, String_t const& path);
 
     /// Receive and Send between the current directories.
@@ -130,7 +134,8 @@ public:
     int MoveToRemote(SftpStatus& status, String_t const& local, String_t const& remote);
 
     // Copies of many files into one directory, each under its last component. They stop at the first failure
-    // and return it, or else the number of files. A remote name can't lead out of the local directory: one
+    // and return it, or else the number of files. So a remote name doesn't lead out of the local directory,
+    // but it may be that of any file there, ".bashrc" in a home directory for one, which is overwritten. One
     // that has no last component is refused with minus EISDIR.
     int Get(SftpStatus& status, TOList<String_t> const& names, String_t const& dir);
     int Put(SftpStatus& status, TOList<String_t> const& names, String_t const& dir);
@@ -138,7 +143,9 @@ public:
     int MoveToRemote(SftpStatus& status, TOList<String_t> const& names, String_t const& dir);
 
     // The same for what matches a pattern: a remote one as in Glob, a local one as in Pathname::Glob, whose
-    // negative result is returned. 0 if nothing matches.
+    // negative result is returned. 0 if nothing matches. The server says what matches a remote pattern, and
+    // its answer to "foo*" may be "foo/.bashrc": receive into a directory of its own, or check what Glob
+    // finds and Get that list.
     int MGet(SftpStatus& status, String_t const& pattern, String_t const& dir);
     int MPut(SftpStatus& status, String_t const& pattern, String_t const& dir);
     int MMoveToLocal(SftpStatus& status, String_t const& pattern, String_t const& dir);

@@ -86,8 +86,8 @@ TEST_F(DirEntryTest, EntriesOfOneNameAreOne) {
 TEST_F(DirEntryTest, LineOfTheServerIsWrittenAsItStands) {
     std::ostringstream out;
     out << std::hex << std::showbase;
-    DirEntry("f", "-rw the server's own", Root(0100644)).put(out, _users, _groups, MTIME);
-    EXPECT_EQ(out.str(), "-rw the server's own");
+    DirEntry("f", "-rw the server's own\x1b[2J\a", Root(0100644)).put(out, _users, _groups, MTIME);
+    EXPECT_EQ(out.str(), "-rw the server's own\x1b[2J\a");
     EXPECT_EQ(out.flags(), std::ios::hex | std::ios::showbase | std::ios::skipws);
     EXPECT_EQ(_users.Find(0), nullptr);
 }
