@@ -1,0 +1,111 @@
+// No command in the documents is left to rot: each is run by readme_test.cpp, or names what is there.
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "docs/code_blocks.h"
+#include "support/servers/process.h"
+
+using servers::Run;
+using servers::RunOrThrow;
+using std::filesystem::exists;
+
+namespace {
+
+std::filesystem::path const SOURCES = BRANTLE_SOURCE_DIR;
+std::filesystem::path const BINARIES = BRANTLE_BINARY_DIR;
+
+std::vector<std::string> Words(std::string const& command) {
+    std::regex const word("\\S+");
+    return {std::sregex_token_iterator(command.begin(), command.end(), word), {}};
+}
+
+/// What follows an option; empty if it is not there.
+std::string After(std::string const& option, std::vector<std::string> const& words) {
+    for (std::size_t i = 0; i + 1 < words.size(); ++i)
+        if (words[i] == option) return words[i + 1];
+    return {};
+}
+
+bool IsPreset(std::string const& name) {
+    return servers::ReadFile(SOURCES / "CMakePresets.json").find("\"name\": \"" + name + "\"") !=
+           std::string::npos;
+}
+
+bool IsTarget(std::string const& name) {
+    std::string const targets = RunOrThrow({"cmake", "--build", BINARIES, "--target", "help"});
+    return name.empty() || targets.find("\n" + name + ": ") != std::string::npos;
+}
+
+bool FindsTests(std::string const& option, std::string const& expression) {
+    if (expression.empty()) return true;
+    std::string const list = RunOrThrow({"ctest", "--test-dir", BINARIES, "-N", option, expression});
+    return list.find("Total Tests: 0\n") == std::string::npos;
+}
+
+/// Whether a program stands where the build puts it: a fuzz program, which clang++ alone makes, has a source.
+bool IsBuilt(std::string const& path) {
+    std::smatch match;
+    if (std::regex_match(path, match, std::regex("build/fuzz/fuzz/fuzz_(.*)")))
+        return exists(SOURCES / "fuzz" / (match[1].str() + "_target.cpp"));
+    return std::regex_match(path, match, std::regex("build/release/(.*)")) &&
+           exists(BINARIES / match[1].str());
+}
+
+bool NamesWhatIsThere(std::string const& command) {
+    std::vector<std::string> const words = Words(command);
+    std::string const& program = words[0];
+    if (program.compare(0, 7, "script/") == 0) return access((SOURCES / program).c_str(), X_OK) == 0;
+    if (program == "cmake") return IsPreset(After("--preset", words)) && IsTarget(After("--target", words));
+    if (program == "ctest")
+        return IsPreset(After("--preset", words)) && FindsTests("-R", After("-R", words)) &&
+               FindsTests("-L", After("-L", words));
+    return IsBuilt(program);
+}
+
+/// The blocks of README.md that readme_test.cpp runs.
+std::vector<std::string> RunElsewhere() {
+    std::string all;
+    for (char const* text : {"cmake --install", "g++ -std=c++17 hello.cpp", "run_command me@host"})
+        all += docs::CodeBlockWith("README.md", "sh", text);
+    std::vector<std::string> commands;
+    for (std::string const& command : docs::CommandsIn("README.md"))
+        if (all.find(command) != std::string::npos) commands.push_back(command);
+    return commands;
+}
+
+} // namespace
+
+TEST(DocumentedCommands, AreRunOrNameWhatIsThere) {
+    std::size_t checked = 0;
+    for (char const* file : {"README.md", "CONTRIBUTING.md", "SECURITY.md", "docs/design.md",
+                             "docs/dialect.md", "fuzz/README.md", "bench/README.md"}) {
+        for (std::string const& command : docs::CommandsIn(file)) {
+            ++checked;
+            if (testing::Value(RunElsewhere(), testing::Contains(command))) continue;
+            EXPECT_TRUE(NamesWhatIsThere(command)) << file << ": " << command;
+        }
+    }
+    EXPECT_GT(checked, 20u);
+}
+
+TEST(DocumentedCommands, OneThatNamesNothingIsNoticed) {
+    for (char const* command :
+         {"script/none", "cmake --preset none", "cmake --build --preset release --target none",
+          "ctest --preset none", "ctest --preset release -R ^none$", "ctest --preset release -L ^none$",
+          "build/release/none", "build/fuzz/fuzz/fuzz_none", "make"})
+        EXPECT_FALSE(NamesWhatIsThere(command)) << command;
+}
+
+// What has no fence is not seen here, or by whoever copies commands.
+TEST(DocumentedCommands, BlocksAreFenced) {
+    for (char const* file : {"README.md", "CONTRIBUTING.md", "SECURITY.md", "docs/design.md",
+                             "docs/dialect.md", "fuzz/README.md"})
+        EXPECT_FALSE(std::regex_search(servers::ReadFile(SOURCES / file), std::regex("\n\n    "))) << file;
+}
