@@ -42,6 +42,10 @@ SshSession::SshSession(Mode mode, String_t const& host)
 
 SshSession::~SshSession() = default;
 
+SshSession::SocketCloser::~SocketCloser() {
+    if (_fd >= 0) close(_fd);
+}
+
 int SshSession::ParseUrl(char const* url, String_t& user, String_t& host) {
     if (!url) return -EINVAL;
     String_t const text(url); // `url` may be the text of one of the outputs
@@ -73,7 +77,7 @@ int SshSession::Connect(unsigned int timeout) {
     int const fd = _socket.Connect(timeout, error);
     if (fd != _fd) {
         if (_fd >= 0) close(_fd);
-        _fd._fd = fd;
+        _fd = fd;
     }
     if (fd < 0) return -error;
     IOSockStream line(fd);

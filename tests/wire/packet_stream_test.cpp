@@ -341,7 +341,7 @@ TEST(Silence, IsAFailedReadOnceTheTimeLimitIsOver) {
         EXPECT_EQ(encrypted.session._in._socketBuffer._timeout, 180u);
         encrypted.session._in._socketBuffer._timeout = 1;
         EXPECT_EQ(ReadOutcome(encrypted.session), outcome) << came;
-        shutdown(encrypted.session._fd._fd, SHUT_WR);
+        shutdown(encrypted.session._fd, SHUT_WR);
         encrypted.server.Finish();
     }
 }
@@ -425,7 +425,7 @@ TEST_P(FramingWith, PayloadsOfManySizesPassBothWays) {
             }
         },
         Pinned(cipher, mac));
-    TestSession::SetNodelay(encrypted.session._fd._fd);
+    TestSession::SetNodelay(encrypted.session._fd);
     for (std::size_t size : sizes) {
         RawPacket packet(Pattern(size));
         encrypted.session._out.WritePacket(packet);

@@ -157,7 +157,7 @@ TEST(Identification, RefusedConnectionIsANegatedErrno) {
     ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length), 0);
     TestSession session(ntohs(address.sin_port));
     EXPECT_EQ(session.Connect(10), -ECONNREFUSED);
-    EXPECT_LT(session._fd._fd, 0);
+    EXPECT_LT(session._fd, 0);
     close(taken);
 }
 
@@ -169,9 +169,9 @@ TEST(Identification, SecondConnectClosesTheFirstConnection) {
     {
         TestSession session(server.Port());
         ASSERT_EQ(session.Connect(10), 0);
-        int const first = session._fd._fd;
+        int const first = session._fd;
         ASSERT_EQ(session.Connect(10), 0);
-        EXPECT_NE(session._fd._fd, first);
+        EXPECT_NE(session._fd, first);
     }
     server.Finish(2);
     EXPECT_EQ(ToText(server.At(0).Wire().Received()), clientLine);

@@ -305,7 +305,15 @@ protected:
     // that are built after them.
     Mode _mode;
     ClientSocketIn _socket;
-    FileDescriptor _fd{-1}; ///< the connected socket
+    int _fd = -1; ///< the connected socket
+private:
+    /// Closes `_fd`, whatever number it holds then.
+    struct SocketCloser {
+        int const& _fd;
+        ~SocketCloser();
+    } _socketCloser{_fd};
+
+protected:
     OSshPacketStream _out;
     ISshPacketStream _in;
     KexType _kexType = KEX_NONE;

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -159,7 +160,7 @@ TEST(SessionConstruction, BothFormsOfTheTargetAreTheSame) {
 TEST(SessionConstruction, FieldsHaveTheirInitialValues) {
     OpenSession const session;
     EXPECT_EQ(session._mode, SshSession::CLIENT);
-    EXPECT_EQ(session._fd._fd, -1);
+    EXPECT_EQ(session._fd, -1);
     EXPECT_EQ(session.Fd(), -1);
     EXPECT_EQ(session._kexType, cindral::KEX_NONE);
     EXPECT_STREQ(session._clientVersion.Text(), "SSH-2.0-libbrantle_0.1");
@@ -251,13 +252,30 @@ TEST(SessionDestruction, LoopGoesBeforeTheChannelsAndTheDescriptorLast) {
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     {
         OpenSession session;
-        session._fd._fd = ends[1];
+        session._fd = ends[1];
         session._channels.NewChannel(0, "witness", 0, nullptr, nullptr,
                                      WitnessChannelMaker(Witness(log, "channel", ends[1])));
         ASSERT_EQ(session._mux.Register(ends[0], WitnessDispatcher(Witness(log, "dispatcher", ends[1]))), 0);
         log.clear();
     }
     EXPECT_THAT(log, testing::ElementsAre("dispatcher open", "channel open"));
+    EXPECT_FALSE(IsOpen(ends[1]));
+    close(ends[0]);
+}
+
+TEST(SessionDescriptor, IsAPlainIntToDerivedClasses) {
+    static_assert(std::is_same_v<decltype(OpenSession::_fd), int>);
+    auto const exchange = [](int& place, int fd) { return std::exchange(place, fd); };
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    {
+        OpenSession session;
+        session._fd = ends[0];
+        int& bound = session._fd;
+        EXPECT_EQ(exchange(bound, ends[1]), ends[0]);
+        EXPECT_EQ(session.Fd(), ends[1]);
+    }
+    EXPECT_TRUE(IsOpen(ends[0])); // as for any int: what is overwritten is not closed
     EXPECT_FALSE(IsOpen(ends[1]));
     close(ends[0]);
 }
