@@ -1,5 +1,6 @@
 #include <brantle/channel/ssh_channel.h>
 
+#include <brantle/channel/ssh_channel_ref.h>
 #include <brantle/channel/window_adjust.h>
 #include <brantle/packet/channel_messages.h>
 
@@ -16,6 +17,7 @@ SshChannel::SshChannel(unsigned int localId, unsigned int remoteId, String_t con
       _fdOut(fdOut), _fdErr(fdErr), _eofSent(0), _in(in), _out(out), _outStream(fdOut), _errStream(fdErr) {}
 
 SshChannel::~SshChannel() {
+    SshChannelRef::Redirect(*this, nullptr);
     _in = nullptr;
     _out = nullptr;
 }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <memory>
 
+#include <brantle/channel/ssh_channel_ref.h>
 #include <brantle/cindral/exceptions.h>
 
 namespace cindral {
@@ -81,6 +82,7 @@ SshChannel* SshChannelMgr::ReplaceChannel(int id, SshChannelMakerBase const& mak
     std::unique_ptr<SshChannel> made(
         maker(number, old->_remoteId, old->_name, old->_windowSize, old->_in, old->_out));
     _channels.Insert(number, made.get());
+    SshChannelRef::Redirect(*old, made.get());
     return made.release();
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iostream>
 
+#include <brantle/channel/ssh_channel_ref.h>
 #include <brantle/cindral/exceptions.h>
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/session_requests.h>
@@ -41,22 +42,22 @@ private:
     SshSession* _session;
 };
 
-/// Leads a local descriptor to its channel, by the channel's local number: a channel may be replaced
-/// or closed while its descriptor is registered.
+/// Leads a local descriptor to its channel, which need not be in the session's table. The reference follows a
+/// replacement; the registration of a channel that is gone ends.
 class SshSession::FdDispatcher : public IOMultiplexerDispatcher {
 public:
-    FdDispatcher(SshSession* session, SshChannel const* channel)
-        : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session), _channel(channel->_localId) {}
+    FdDispatcher(SshSession* session, SshChannel* channel)
+        : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session), _channel(channel) {}
     FdDispatcher* Clone() const override { return new FdDispatcher(*this); }
     int Dispatch(int fd) override;
 
 private:
     SshSession* _session;
-    unsigned int _channel;
+    SshChannelRef _channel;
 };
 
 int SshSession::FdDispatcher::Dispatch(int fd) {
-    SshChannel* channel = _session->_channels.Find(static_cast<int>(_channel));
+    SshChannel* const channel = _channel.Get();
     if (!channel) return 0;
     char buffer[8192];
     ssize_t const n = read(fd, buffer, sizeof buffer);
@@ -65,7 +66,7 @@ int SshSession::FdDispatcher::Dispatch(int fd) {
         return 1;
     }
     if (n == 0) {
-        _session->CloseChannel(_channel);
+        _session->CloseChannel(channel->_localId);
         return 0;
     }
     char const* const reason = std::strerror(errno);
@@ -98,12 +99,13 @@ void SshSession::InitDispatcher() {
 }
 
 void SshSession::RegisterFdDispatcher(SshChannel* channel) {
+    if (!channel) throw InvalidArgument("SshSession::RegisterFdDispatcher", "no channel");
     SetNodelay(channel->_fdIn);
     SockIO::SetCloseOnExec(channel->_fdIn);
     RegisterChannelInput(channel->_fdIn, channel);
 }
 
-void SshSession::RegisterChannelInput(int fd, SshChannel const* channel) {
+void SshSession::RegisterChannelInput(int fd, SshChannel* channel) {
     _mux.Register(fd, FdDispatcher(this, channel));
 }
 

@@ -8,6 +8,7 @@
 #include <brantle/apps/ssh_interactive_session.h>
 #include <brantle/channel/ssh_channel.h>
 #include <brantle/channel/ssh_channel_mgr.h>
+#include <brantle/channel/ssh_channel_ref.h>
 #include <brantle/channel/ssh_data_stream.h>
 #include <brantle/channel/tcp_forwarding.h>
 #include <brantle/channel/window_adjust.h>

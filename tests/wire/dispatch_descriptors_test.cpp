@@ -91,8 +91,66 @@ int Forward(LoopSession& session, int fd) {
     return channel->_fdIn;
 }
 
+/// A channel that keeps what is to go to the server. Its number need not be that of the table.
+class KeepingChannel : public cindral::SshChannel {
+public:
+    KeepingChannel(std::string& kept, unsigned int localId, int fd)
+        : SshChannel(localId, 77, "kept", 0, fd, -1, -1, nullptr, nullptr), _kept(kept) {}
+    void ForwardToSshd(char const* data, unsigned int n) override { _kept.append(data, n); }
+
+private:
+    std::string& _kept;
+};
+
+/// Makes such a channel, whatever its number in the table.
+class KeepingMaker : public cindral::SshChannelMakerBase {
+public:
+    KeepingMaker(std::string& kept, unsigned int localId, int fd) : _kept(kept), _localId(localId), _fd(fd) {}
+    cindral::SshChannel* operator()(unsigned int, unsigned int, String_t const&, unsigned int,
+                                    cindral::ISshPacketStream*, cindral::OSshPacketStream*) const override {
+        return new KeepingChannel(_kept, _localId, _fd);
+    }
+
+private:
+    std::string& _kept;
+    unsigned int _localId;
+    int _fd;
+};
+
+class ThrowingMaker : public cindral::SshChannelMakerBase {
+public:
+    cindral::SshChannel* operator()(unsigned int, unsigned int, String_t const&, unsigned int,
+                                    cindral::ISshPacketStream*, cindral::OSshPacketStream*) const override {
+        throw cindral::BadInput("no channel");
+    }
+};
+
 using LoopDescriptors = LoopTest;
 using WindowOnTheWire = LoopTest;
+
+/// Channels of the program's own on a TCP connection, into which "text" is written before each dispatch.
+class OwnChannel : public LoopTest {
+protected:
+    /// A session in which only `use` is of interest.
+    void Use(Client const& use) { EXPECT_EQ(Receive({ExitStatus(0)}, use), "-1"); }
+
+    /// What the loop would do with the connection's descriptor now.
+    int Dispatch(LoopSession& session) const {
+        Checked(static_cast<int>(write(pair.far, "text", 4)), "write");
+        return session._mux.Dispatch(pair.near);
+    }
+
+    /// Enters a channel under the next number, which is not its own, and registers it.
+    cindral::SshChannel* Enter(LoopSession& session, unsigned int ownNumber = 4711) {
+        cindral::SshChannel* const channel = session._channels.NewChannel(
+            77, "kept", 0, &session._in, &session._out, KeepingMaker(kept, ownNumber, pair.near));
+        session.RegisterFdDispatcher(channel);
+        return channel;
+    }
+
+    TcpPair pair;
+    std::string kept;
+};
 
 } // namespace
 
@@ -395,6 +453,121 @@ TEST(SetNodelay, FailureNamesTheDescriptor) {
                   return 0;
               }),
               "SystemError: setsockopt: -1");
+}
+
+// --- channels of the program's own
+
+TEST_F(OwnChannel, OutsideTheTableIsServed) {
+    std::unique_ptr<cindral::SshChannel> channel;
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      c.Wire().waitLimit = std::chrono::seconds(5);
+                      Checked(static_cast<int>(write(pair.far, "request", 7)), "write");
+                      c.ExpectPacket(CHANNEL_DATA);
+                      c.SendExitStatus(0);
+                  },
+                  [&](LoopSession& session) {
+                      channel = std::make_unique<cindral::SshChannel>(5, 77, "own", 0x200000, pair.near, -1,
+                                                                      -1, &session._in, &session._out);
+                      session.RegisterFdDispatcher(channel.get());
+                      EXPECT_EQ(session._channels.Find(5), nullptr);
+                  }),
+              "-1");
+    EXPECT_THAT(Sent(), ElementsAre(Data("request", 77)));
+}
+
+TEST_F(OwnChannel, ThatItsMakerNumberedOtherwiseIsServed) {
+    Use([&](LoopSession& session) {
+        Enter(session);
+        EXPECT_EQ(Dispatch(session), 1);
+        EXPECT_EQ(kept, "text");
+    });
+}
+
+TEST_F(OwnChannel, WithTheNumberOfAnotherIsServedInItsPlace) {
+    Use([&](LoopSession& session) {
+        Enter(session, 0); // the number of the session channel
+        EXPECT_EQ(Dispatch(session), 1);
+        EXPECT_EQ(kept, "text");
+    });
+    EXPECT_THAT(Sent(), IsEmpty());
+}
+
+TEST_F(OwnChannel, ThatIsGoneEndsItsRegistrationUnread) {
+    Use([&](LoopSession& session) {
+        {
+            KeepingChannel channel(kept, 0, pair.near); // the number of the session channel
+            session.RegisterFdDispatcher(&channel);
+        }
+        EXPECT_EQ(Dispatch(session), 0);
+    });
+    char bytes[4];
+    EXPECT_EQ(recv(pair.near, bytes, 4, MSG_DONTWAIT), 4);
+    EXPECT_EQ(kept, "");
+    EXPECT_THAT(Sent(), IsEmpty());
+}
+
+TEST_F(OwnChannel, ThatOutlivesTheSessionIsLeftAlone) {
+    KeepingChannel channel(kept, 5, pair.near);
+    Use([&](LoopSession& session) { session.RegisterFdDispatcher(&channel); });
+    channel.ForwardToSshd("x", 1);
+    EXPECT_EQ(kept, "x");
+}
+
+TEST_F(OwnChannel, ThatReplacesAnotherIsServedOnTheDescriptorOfThatOne) {
+    std::string first;
+    Use([&](LoopSession& session) {
+        session.RegisterFdDispatcher(session._channels.NewChannel(77, "kept", 0, &session._in, &session._out,
+                                                                  KeepingMaker(first, 4711, pair.near)));
+        session.ReplaceChannel(1, KeepingMaker(kept, 4712, -1));
+        EXPECT_EQ(Dispatch(session), 1);
+        session._channels.RemoveChannel(1);
+        EXPECT_EQ(Dispatch(session), 0);
+    });
+    EXPECT_EQ(first, "");
+    EXPECT_EQ(kept, "text");
+}
+
+TEST_F(OwnChannel, WhoseReplacementThrowsEndsItsRegistration) {
+    Use([&](LoopSession& session) {
+        Enter(session);
+        EXPECT_THROW(session.ReplaceChannel(1, ThrowingMaker()), cindral::BadInput);
+        EXPECT_EQ(Dispatch(session), 0);
+    });
+    EXPECT_EQ(kept, "");
+}
+
+TEST_F(OwnChannel, ThatTheServerClosesEndsItsRegistration) {
+    EXPECT_EQ(Receive(
+                  {Close(1), ExitStatus(0)}, [&](LoopSession& session) { Enter(session); },
+                  [&](LoopSession& session) { EXPECT_EQ(Dispatch(session), 0); }),
+              "-1");
+    EXPECT_EQ(kept, "");
+}
+
+TEST_F(OwnChannel, ThatTheServerClosesLeavesItsOtherDescriptorsUnread) {
+    EXPECT_EQ(Receive(
+                  {Close(1), ExitStatus(0)},
+                  [&](LoopSession& session) {
+                      Enter(session);
+                      session.ReplaceChannel(1, KeepingMaker(kept, 4712, -1)); // no descriptor to unregister
+                  },
+                  [&](LoopSession& session) {
+                      EXPECT_TRUE(session.IsRegistered(pair.near));
+                      EXPECT_EQ(Dispatch(session), 0);
+                  }),
+              "-1");
+    EXPECT_EQ(kept, "");
+}
+
+TEST_F(OwnChannel, ThatIsNullIsRefused) {
+    Use([&](LoopSession& session) {
+        EXPECT_EQ(Outcome([&] {
+                      session.RegisterFdDispatcher(nullptr);
+                      return 0;
+                  }),
+                  "InvalidArgument: SshSession::RegisterFdDispatcher: no channel");
+    });
 }
 
 // --- a program's own descriptors and timers

@@ -8,6 +8,8 @@
 
 namespace cindral {
 
+class SshChannelRef;
+
 /// One channel of the connection protocol (RFC 4254, section 5), attached to up to three descriptors.
 ///
 /// Flow control departs from RFC 4254, section 5.2: it counts all packets of the connection in each
@@ -59,6 +61,11 @@ public:
     OSshPacketStream* _out;
     OSockStream _outStream; ///< on `_fdOut`
     OSockStream _errStream; ///< on `_fdErr`
+
+private:
+    friend class SshChannelRef;
+
+    SshChannelRef* _references = nullptr; ///< the first of the list
 };
 
 } // namespace cindral

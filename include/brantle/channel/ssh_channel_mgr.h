@@ -82,8 +82,9 @@ public:
                            ISshPacketStream* in, OSshPacketStream* out, SshChannelMakerBase const& maker);
 
     /// Puts a channel made by `maker` in the place of channel `id`, under its numbers, name and
-    /// window, and deletes the old one; the maker chooses the descriptors. Returns the new channel,
-    /// null for an unknown number.
+    /// window, and deletes the old one; the maker chooses the descriptors. What a SshChannelRef to the old
+    /// one points to is then the new one. Returns the new channel, null for an unknown number. If the maker
+    /// throws, the old channel is deleted all the same, and the number is unknown from then on.
     SshChannel* ReplaceChannel(int id, SshChannelMakerBase const& maker);
 
     /// Deletes channel `id` and returns the `_fdIn` it had, -1 for an unknown number. What has not been

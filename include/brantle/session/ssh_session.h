@@ -182,7 +182,12 @@ public:
     /// the process's descriptors 0, 1 and 2.
     void InitDispatcher();
 
-    /// Registers the descriptor that feeds `channel`, a TCP socket, with the loop.
+    /// Registers the input descriptor of `channel`, a TCP socket, with the loop: what comes from it goes to
+    /// the channel's ForwardToSshd, and its end to CloseChannel with the channel's `_localId`. The channel
+    /// need not be in the session's table and stays its owner's. If it is destroyed the registration ends, as
+    /// soon as the descriptor is ready; if ReplaceChannel puts another in its place, that one is fed.
+    ///
+    /// Throws InvalidArgument for a null channel, and what SetNodelay throws.
     void RegisterFdDispatcher(SshChannel* channel);
 
     /// Sends CHANNEL_EOF on the channel of that local number; the channel stays. Unknown: nothing.
@@ -288,7 +293,7 @@ protected:
     void RefuseChannel(unsigned int sender);
 
     /// Registers a descriptor that feeds `channel` with the loop.
-    void RegisterChannelInput(int fd, SshChannel const* channel);
+    void RegisterChannelInput(int fd, SshChannel* channel);
     void RequestX11Forwarding();
 
     static constexpr unsigned int INITIAL_WINDOW = 0x200000; ///< granted for each channel
