@@ -138,14 +138,6 @@ int SshSession::WaitForOpenConfirmation(String_t const& channelType, FileDescrip
     return 0;
 }
 
-/// Packets that came in the same read as the answer are announced by no poll(2) any more.
-void SshSession::DispatchBufferedPackets() {
-    if (!_in.HasBufferedInput() || _task.IsStopped())
-        _channels.FlushAllChannels();
-    else if (!_mux.Dispatch(_fd))
-        _mux.Unregister(_fd);
-}
-
 int SshSession::StartRemoteForwarding(String_t const& spec) {
     return StartParsed(spec, [this](auto const&... parts) { return StartRemoteForwarding(parts...); });
 }

@@ -1,5 +1,6 @@
 #include <brantle/packet/packet_stream.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include <brantle/cindral/exceptions.h>
@@ -55,11 +56,30 @@ ISshPacketStream::ISshPacketStream(BlockCipher& cipher, Mac& mac)
     _socketBuffer._timeout = TIME_LIMIT;
 }
 
-ByteString ISshPacketStream::ReadPacket() {
+/// Reads the length field, and with it the first block.
+void ISshPacketStream::StartPacket() {
+    if (_isStarted) return;
+    _sshBuffer.StartPacket(_sshBuffer._cipher._rep->BlockSize());
+    _length = 0;
+    _adapter >> _length;
+    _isStarted = true;
+}
+
+bool ISshPacketStream::HasBufferedPacket() {
     unsigned int const block = _sshBuffer._cipher._rep->BlockSize();
-    _sshBuffer.StartPacket(block);
-    unsigned int length = 0;
-    _adapter >> length;
+    if (!_isStarted && Buffered() < block) return false;
+    StartPacket();
+    if (_length < MIN_PACKET_LENGTH || _length > MAX_PACKET_LENGTH) return true; // refused without a read
+    unsigned int const size = std::max(_length + LENGTH_FIELD, block);
+    unsigned int const macSize = _sshBuffer._mac._rep ? _sshBuffer._mac._rep->Length() : 0;
+    return Buffered() >= size - block + macSize;
+}
+
+ByteString ISshPacketStream::ReadPacket() {
+    StartPacket();
+    _isStarted = false;
+    unsigned int const block = _sshBuffer._cipher._rep->BlockSize();
+    unsigned int const length = _length;
     if (length < MIN_PACKET_LENGTH) throw SshProtocolError("packet length less than 2");
     if (length > MAX_PACKET_LENGTH)
         throw SshProtocolError("packet length exceeds maximum value", static_cast<int>(length));

@@ -123,6 +123,25 @@ SshChannel* SshSession::ReplaceChannel(unsigned int id, SshChannelMakerBase cons
 
 int SshSession::Dispatch(int fd) {
     if (fd != _fd) throw SystemError("invalid input", EINVAL, CryptoException::EncodeInt(fd));
+    // Deliberate: the rest of a packet that has begun is waited for, and timers and Terminate with it. Pinned
+    // by Dispatch.PacketWhoseRestComesLaterIsWaitedForInTheSameDispatch.
+    return HandlePackets([this] { return _in.HasBufferedInput(); });
+}
+
+/// Packets that came in the same read as the answer are announced by no poll(2) any more. The rest of one
+/// that has come in part is.
+void SshSession::DispatchBufferedPackets() {
+    auto const isWhole = [this] { return _in.HasBufferedPacket(); };
+    if (_task.IsStopped() || !isWhole())
+        _channels.FlushAllChannels();
+    else if (HandlePackets(isWhole) == 0)
+        _mux.Unregister(_fd);
+}
+
+/// Handles a packet, and as many others as `hasMore` asks for, until a handler returns 0; then flushes the
+/// channels. Returns what the last handler returned, 1 if there was none.
+template <class HasMore>
+int SshSession::HandlePackets(HasMore const& hasMore) {
     int result = 1;
     do {
         PacketDecoder decoder(_in.ReadPacket());
@@ -133,7 +152,7 @@ int SshSession::Dispatch(int fd) {
         } else {
             ReportIgnored(number);
         }
-    } while (_in.HasBufferedInput());
+    } while (hasMore());
     _channels.FlushAllChannels();
     return result;
 }

@@ -489,8 +489,68 @@ TEST_F(LocalForwarding, EndAfterTheAnswerEndsTheRun) {
                   },
                   Listening()),
               "-1");
-    EXPECT_EQ(dispatches, 1);
+    EXPECT_EQ(dispatches, 0);
     EXPECT_FALSE(socketStays);
+}
+
+TEST_F(LocalForwarding, PartOfAPacketAfterTheAnswerHoldsUpNothing) {
+    for (char const* cipher : {"aes128-ctr", "3des-cbc"}) {
+        settings.kexInit.Pin(cipher, "hmac-sha1");
+        for (std::size_t const part : {1u, 8u, 15u, 16u, 17u, 40u, 51u}) {
+            EXPECT_EQ(Run(
+                          [&](Connection& c) {
+                              c.Wire().waitLimit = std::chrono::seconds(5);
+                              tcp::End const local = Connect();
+                              c.ReadChannelOpen();
+                              Bytes const answer = c.Encode(Confirmation(1, 77));
+                              Bytes const next = c.Encode(Data("greeting", 1));
+                              ASSERT_LT(part, next.size());
+                              c.SendRaw(Concat({answer, Slice(next, 0, part)}));
+                              local.Send("request");
+                              EXPECT_EQ(c.ReadPacket(), Data("request", 77));
+                              c.SendRaw(Slice(next, part, next.size() - part));
+                              EXPECT_EQ(local.Receive(8), "greeting");
+                              EndTheRun(c, local);
+                          },
+                          Listening()),
+                      "-1")
+                << cipher << ' ' << part;
+        }
+    }
+}
+
+TEST_F(LocalForwarding, WholePacketsInFrontOfAPartAreServed) {
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      c.Wire().waitLimit = std::chrono::seconds(5);
+                      tcp::End const local = Connect();
+                      c.ReadChannelOpen();
+                      Bytes const answer = c.Encode(Confirmation(1, 77));
+                      Bytes const whole = c.Encode(Data("first ", 1));
+                      Bytes const next = c.Encode(Data("second", 1));
+                      c.SendRaw(Concat({answer, whole, Slice(next, 0, next.size() - 1)}));
+                      EXPECT_EQ(local.Receive(6), "first ");
+                      c.SendRaw(Slice(next, next.size() - 1, 1));
+                      EXPECT_EQ(local.Receive(6), "second");
+                      EndTheRun(c, local);
+                  },
+                  Listening()),
+              "-1");
+}
+
+TEST_F(LocalForwarding, PacketWithABadLengthAfterTheAnswerEndsTheRun) {
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      tcp::End const local = Connect();
+                      c.ReadChannelOpen();
+                      SendOptions options;
+                      options.packetLength = 0x40001;
+                      Bytes const answer = c.Encode(Confirmation(1, 77));
+                      c.SendRaw(Concat({answer, Slice(c.Encode(Ignore(), options), 0, 16)}));
+                      EXPECT_TRUE(local.IsClosedByPeer());
+                  },
+                  Listening()),
+              "SshProtocolError: packet length exceeds maximum value: 262145");
 }
 
 TEST_F(LocalForwarding, DataForOtherChannelsInFrontOfTheAnswerIsFlushed) {

@@ -62,7 +62,12 @@ public:
     ByteString ReadPacket();
 
     /// Whether bytes of a further packet have already been read from the descriptor.
-    bool HasBufferedInput() const { return _socketBuffer._pos < _socketBuffer._end; }
+    bool HasBufferedInput() const { return _isStarted || Buffered() > 0; }
+    /// Whether all that the next ReadPacket takes has already been read from the descriptor. The length of
+    /// the packet stands in its first block, which this decrypts for that ReadPacket.
+    ///
+    /// REQUIRES: the next packet is under the keys of this moment.
+    bool HasBufferedPacket();
     /// Whether ReadPacket would find input without a wait, be it the end of it or a part of a packet.
     bool HasInput() const { return HasBufferedInput() || _socketBuffer.HasInput(); }
 
@@ -70,6 +75,15 @@ public:
     ISshBuffer _sshBuffer;
     ISockStreamAdapter _adapter;
     unsigned int _byteCount; ///< bytes of all packets without their MACs; flow control resets it
+
+private:
+    void StartPacket();
+    unsigned int Buffered() const {
+        return static_cast<unsigned int>(_socketBuffer._end - _socketBuffer._pos);
+    }
+
+    bool _isStarted = false;  ///< the first block has been taken
+    unsigned int _length = 0; ///< of the packet that has been started
 };
 
 } // namespace cindral

@@ -207,11 +207,11 @@ public:
     /// Accepts one connection of a local forwarding, waiting for one for up to 60 seconds, and asks the
     /// server for a channel for it. Called by the loop, which ignores the result.
     ///
-    /// Waits for one packet and handles what has come with it. With a confirmation (RFC 4254, section 5.1)
-    /// among that, the connection is attached to its channel in the loop; else it is closed, even if the
-    /// confirmation is still on its way. Returns 0, also where the server refuses or has not answered yet;
-    /// -1 if no connection came or the server answers with CHANNEL_FAILURE; what DecodeCaller returns if
-    /// the caller has no IPv4 address.
+    /// Waits for one packet and handles what has come with it, up to the end of a packet that has begun. With
+    /// a confirmation (RFC 4254, section 5.1) among that, the connection is attached to its channel in the
+    /// loop; else it is closed, even if the confirmation is still on its way. Returns 0, also where the
+    /// server refuses or has not answered yet; -1 if no connection came or the server answers with
+    /// CHANNEL_FAILURE; what DecodeCaller returns if the caller has no IPv4 address.
     int AcceptLocalFwdConnection(LocalForwarding* forwarding);
 
     /// Connects to a remote forwarding's target within 60 seconds and joins it to a new channel. Returns 0,
@@ -347,6 +347,13 @@ private:
     template <class Reply, class Hash>
     int KexConclude(DhExchange& exchange, Reply const& reply, PacketKexInit& own, PacketKexInit& peer,
                     Hash const& hash);
+
+    /// Whether both directions are encrypted and authenticated.
+    bool HasKeys() const;
+    int TakeVerdict(int number);
+
+    template <class HasMore>
+    int HandlePackets(HasMore const& hasMore);
 };
 
 } // namespace cindral

@@ -260,6 +260,74 @@ TEST_F(PacketStream, ReadsAPacketOfManyBuffersAndKnowsWhatIsReadAhead) {
     EXPECT_FALSE(_in.HasBufferedInput());
 }
 
+TEST_F(PacketStream, WholePacketIsDistinguishedFromAPart) {
+    UseKeys();
+    FarEnd farEnd;
+    Bytes const plain[] = {Bytes{0, 0, 0, 12, 10, 2} + Bytes(10, 3),
+                           Bytes{0, 0, 0, 28, 10, 94} + Bytes(26, 4)};
+    Bytes const last = Bytes{0, 0, 0, 12, 10, 2} + Bytes(10, 5);
+    std::uint32_t sequence = 0;
+    auto const encoded = [&](Bytes const& packet) {
+        Bytes const bytes = farEnd.Crypt(packet);
+        return bytes + FarEnd::Mac(sequence++, packet);
+    };
+    auto const payload = [](Bytes const& packet) { return Bytes(packet.begin() + 4, packet.end()); };
+    std::size_t const size = plain[1].size() + 20;
+    for (std::size_t part = 0; part < size; ++part) {
+        Bytes const first = encoded(plain[0]);
+        Bytes const second = encoded(plain[1]);
+        auto const end = second.begin() + static_cast<std::ptrdiff_t>(part);
+        Send(first + Bytes(second.begin(), end));
+        EXPECT_FALSE(_in.HasBufferedPacket());
+        EXPECT_EQ(payload(plain[0]), ToBytes(_in.ReadPacket()));
+        for (int i = 0; i < 2; ++i) EXPECT_FALSE(_in.HasBufferedPacket()) << part;
+        EXPECT_EQ(part > 0, _in.HasBufferedInput()) << part;
+        Send(Bytes(end, second.end()) + encoded(last));
+        EXPECT_EQ(payload(plain[1]), ToBytes(_in.ReadPacket()));
+        for (int i = 0; i < 2; ++i) EXPECT_TRUE(_in.HasBufferedPacket()) << part;
+        EXPECT_EQ(payload(last), ToBytes(_in.ReadPacket()));
+        EXPECT_FALSE(_in.HasBufferedPacket());
+    }
+    EXPECT_EQ(sequence, _in._sshBuffer._sequence);
+    EXPECT_EQ(sequence / 3 * (16 + 32 + 16), _in._byteCount);
+}
+
+TEST_F(PacketStream, WholePacketWithoutAMacNeedsNone) {
+    Bytes const packet{0, 0, 0, 12, 10, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    Send(packet + packet);
+    _in.ReadPacket();
+    EXPECT_TRUE(_in.HasBufferedPacket());
+    EXPECT_EQ(12u, _in.ReadPacket().Length());
+    Send(packet + Bytes{0, 0, 0, 2, 0, 2, 0, 0}); // shorter than a block, which is all that it takes
+    _in.ReadPacket();
+    EXPECT_TRUE(_in.HasBufferedPacket());
+    EXPECT_EQ((Bytes{0, 2}), ToBytes(_in.ReadPacket()));
+}
+
+TEST_F(PacketStream, PacketThatIsTooShortIsNotWaitedFor) {
+    Bytes const packet{0, 0, 0, 12, 10, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    Send(packet + Bytes{0, 0, 0, 1, 0, 0, 0, 0});
+    _in.ReadPacket();
+    EXPECT_TRUE(_in.HasBufferedPacket());
+    EXPECT_EQ("packet length less than 2", ReadFailure());
+}
+
+TEST_F(PacketStream, PacketThatIsTooLongIsNotWaitedFor) {
+    Bytes const packet{0, 0, 0, 12, 10, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    Send(packet + Bytes{0, 4, 0, 1, 0, 0, 0, 0});
+    _in.ReadPacket();
+    EXPECT_TRUE(_in.HasBufferedPacket());
+    EXPECT_EQ("packet length exceeds maximum value: 262145", ReadFailure());
+}
+
+TEST_F(PacketStream, PacketThatIsLargerThanTheBufferIsNeverWholeThere) {
+    Bytes const packet{0, 0, 0, 12, 10, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    Send(packet + Bytes{0, 0, 0x40, 4} + Bytes(0x4004, 6));
+    _in.ReadPacket();
+    EXPECT_FALSE(_in.HasBufferedPacket());
+    EXPECT_EQ(Bytes(0x4004, 6), ToBytes(_in.ReadPacket()));
+}
+
 TEST_F(PacketStream, PacketLengthOfOneIsRefused) {
     Send({0, 0, 0, 1, 0, 0, 0, 0});
     EXPECT_EQ("packet length less than 2", ReadFailure());
