@@ -13,19 +13,20 @@
 #include <brantle/packet/transport_messages.h>
 #include <brantle/session/ssh_session.h>
 #include <brantle/thornel/sock_io.h>
+#include <brantle/thornel/text.h>
 
 namespace cindral {
 
 namespace {
 
-/// Whether a CHANNEL_OPEN ends with the fields that all channel types have, as that of a session does
-/// (RFC 4254, section 6.1): type, number, window and packet size.
-bool IsWithoutAddress(ByteString const& packet) {
+/// Whether a CHANNEL_OPEN is that of a session as RFC 4254, section 6.1, has it: type, number, window and
+/// packet size, without the address that PacketOpenTcpChannel reads.
+bool IsSessionOpen(ByteString const& packet) {
     PacketDecoder decoder(packet);
     unsigned int const padding = decoder.ReadByte();
     decoder.ReadTypeCode();
-    unsigned int const typeLength = decoder.ReadInt();
-    return packet.Length() == 2 + 4 + typeLength + 12 + padding;
+    String_t const type = decoder.ReadString();
+    return type == "session" && packet.Length() == 2 + 4 + str_len(type.Text()) + 12 + padding;
 }
 
 } // namespace
@@ -231,20 +232,20 @@ int SshSession::HandleChannelClose(PacketDecoder& decoder) {
 }
 
 int SshSession::HandleChannelOpen(PacketDecoder& decoder) {
-    if (IsWithoutAddress(decoder._data)) {
-        RefuseChannel(PacketOpenSessionChannel(decoder)._senderChannel);
+    int reason = Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED;
+    if (IsSessionOpen(decoder._data)) {
+        RefuseChannel(PacketOpenSessionChannel(decoder)._senderChannel, reason);
         return 1;
     }
     PacketOpenTcpChannel const request(decoder);
-    if (request._channelType == "forwarded-tcpip" && OpenForwardedTcpChannel(request) == 0) return 1;
-    if (request._channelType == "x11" && OpenForwardedX11Channel(request) == 0) return 1;
-    RefuseChannel(request._senderChannel);
+    if (request._channelType == "forwarded-tcpip") reason = OpenForwardedTcpChannel(request);
+    if (request._channelType == "x11") reason = OpenForwardedX11Channel(request);
+    if (reason != 0) RefuseChannel(request._senderChannel, reason);
     return 1;
 }
 
-void SshSession::RefuseChannel(unsigned int sender) {
-    PacketChannelOpenFailure refusal(sender, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED, "open failed",
-                                     String_t());
+void SshSession::RefuseChannel(unsigned int sender, int reason) {
+    PacketChannelOpenFailure refusal(sender, static_cast<unsigned int>(reason), "open failed", String_t());
     _out.WritePacket(refusal);
 }
 

@@ -432,7 +432,7 @@ TEST_F(Dispatch, ForwardedConnectionWithAnOriginatorIsAViolation) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(Dispatch, OpeningWithoutAnAddressIsRefusedWhateverItsPadding) {
+TEST_F(Dispatch, SessionWithoutAnAddressIsRefusedWhateverItsPadding) {
     for (unsigned const value : {0u, 0xffu}) {
         EXPECT_EQ(Run([&](Connection& c) {
                       SendOptions options;
@@ -442,6 +442,20 @@ TEST_F(Dispatch, OpeningWithoutAnAddressIsRefusedWhateverItsPadding) {
                   }),
                   "-1");
         EXPECT_THAT(Sent(), ElementsAre(Refusal(5)));
+    }
+}
+
+TEST_F(Dispatch, AnyOtherOpeningWithoutAnAddressEndsTheRun) {
+    for (char const* type : {"x11", "auth-agent@example.org"}) {
+        EXPECT_EQ(Run([&](Connection& c) {
+                      SendOptions options;
+                      options.padding = Bytes(19, 0xff);
+                      c.SendPacket(ChannelOpenHead(type, 5), options);
+                      c.ExpectClosed();
+                  }),
+                  "SshProtocolError: string length exceeds packet length")
+            << type;
+        EXPECT_THAT(Sent(), IsEmpty());
     }
 }
 

@@ -235,10 +235,21 @@ TEST_F(RemoteForwarding, OpeningWithTheOriginatorsAddressEndsTheRun) {
     EXPECT_EQ(Sent().size(), 1u);
 }
 
-TEST_F(RemoteForwarding, OpeningWithoutAnyAddressIsRefused) {
-    EXPECT_EQ(Open(Writer().U8(CHANNEL_OPEN).String("forwarded-tcpip").U32(500).U32(0x10000).U32(0x4000),
-                   EndsRefused),
-              "-1");
+TEST_F(RemoteForwarding, OpeningWithoutAnyAddressEndsTheRun) {
+    EXPECT_EQ(
+        Run(
+            [&](Connection& c) {
+                Grant(c);
+                SendOptions options;
+                options.padding = Bytes(19, 0xff);
+                c.SendPacket(
+                    Writer().U8(CHANNEL_OPEN).String("forwarded-tcpip").U32(500).U32(0x10000).U32(0x4000),
+                    options);
+                c.ExpectClosed();
+            },
+            [&](LoopSession& session) { EXPECT_EQ(Start(session), 0); }),
+        "SshProtocolError: string length exceeds packet length");
+    EXPECT_EQ(Sent().size(), 1u);
 }
 
 TEST_F(RemoteForwarding, OpeningForAnotherPortIsRefused) {

@@ -290,7 +290,7 @@ protected:
     int WaitForOpenConfirmation(String_t const& channelType, FileDescriptor& connection);
     void DispatchBufferedPackets();
     void ReportIgnored(int number);
-    void RefuseChannel(unsigned int sender);
+    void RefuseChannel(unsigned int sender, int reason);
 
     /// Registers a descriptor that feeds `channel` with the loop.
     void RegisterChannelInput(int fd, SshChannel* channel);

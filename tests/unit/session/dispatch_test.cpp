@@ -68,13 +68,25 @@ protected:
 
 } // namespace
 
-TEST_F(Handlers, OpeningsWithoutAnAddressAreRefusedWhateverTheirPadding) {
-    for (char const* type : {"session", "auth-agent@example.org", ""})
-        for (std::size_t padding : {4u, 7u, 8u, 19u, 255u})
-            for (unsigned char const value : Bytes{0, 1, 0xff}) {
-                EXPECT_EQ(Open(Packed(Opening(type), padding, value)), 1);
-                EXPECT_THAT(_connection.Sent(), testing::ElementsAre(refusal)) << type << ' ' << padding;
-            }
+TEST_F(Handlers, SessionWithoutAnAddressIsRefusedWhateverItsPadding) {
+    for (std::size_t padding : {4u, 7u, 8u, 19u, 255u})
+        for (unsigned char const value : Bytes{0, 1, 0xff}) {
+            EXPECT_EQ(Open(Packed(Opening("session"), padding, value)), 1);
+            EXPECT_THAT(_connection.Sent(), testing::ElementsAre(refusal)) << padding;
+        }
+}
+
+TEST_F(Handlers, OtherTypesWithoutAnAddressEndTooEarly) {
+    for (char const* type : {"auth-agent@example.org", "x11", "forwarded-tcpip", "sessions", ""})
+        for (std::size_t padding : {0u, 3u, 4u, 7u})
+            EXPECT_THROW(Open(Packed(Opening(type), padding, 0)), BadInput) << type << ' ' << padding;
+    EXPECT_THROW(Open(Packed(Opening("direct-tcpip"), 19, 1)), SshProtocolError);
+    EXPECT_THAT(_connection.Sent(), testing::IsEmpty());
+}
+
+TEST_F(Handlers, OtherTypesReadTheirAddressFromThePadding) {
+    EXPECT_EQ(Open(Packed(Opening("auth-agent@example.org"), 8, 0)), 1);
+    EXPECT_THAT(_connection.Sent(), testing::ElementsAre(refusal));
 }
 
 TEST_F(Handlers, OpeningsWithAnAddressAreRefusedToo) {
