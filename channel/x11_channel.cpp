@@ -37,4 +37,16 @@ SshChannel* SshChannelMgr::NewX11Connection(unsigned int remoteId, String_t cons
     return Enter(new X11Channel(_nextId, remoteId, name, windowSize, session, in, out));
 }
 
+unsigned int SshChannelMgr::CountUnconnectedX11() const {
+    class Count : public TPMapAction<unsigned int, SshChannel, GCmp<unsigned int>> {
+    public:
+        void operator()(unsigned int const&, SshChannel* channel) override {
+            if (channel && channel->_fdIn < 0 && dynamic_cast<X11Channel const*>(channel)) ++_channels;
+        }
+        unsigned int _channels = 0;
+    } count;
+    ForEach(_channels, count);
+    return count._channels;
+}
+
 } // namespace cindral

@@ -13,6 +13,9 @@ namespace cindral {
 
 namespace {
 
+/// Channels that may wait for the first data of their X clients: each costs memory, and the peer nothing.
+constexpr unsigned int MAX_UNCONNECTED = 1024;
+
 /// The first message of an X client (X Window System Protocol, section 8): byte order, protocol version, and
 /// the name and the data of its authorisation, both padded.
 class SetupMessage {
@@ -86,7 +89,8 @@ void SshSession::RequestX11Forwarding() {
 }
 
 int SshSession::OpenForwardedX11Channel(PacketOpenTcpChannel const& request) {
-    if (!_x11.Get()) return 1;
+    if (!_x11.Get()) return Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED;
+    if (_channels.CountUnconnectedX11() >= MAX_UNCONNECTED) return Packet::SSH_OPEN_RESOURCE_SHORTAGE;
     SshChannel const* channel = _channels.NewX11Connection(request._senderChannel, request._channelType,
                                                            _windowSize, *this, &_in, &_out);
     PacketChannelOpenConfirmation confirmation(request._senderChannel, channel->_localId, _windowSize,

@@ -25,8 +25,10 @@ protected:
 
 Bytes Answered(unsigned number, std::uint32_t recipient = 0) { return Writer().U8(number).U32(recipient); }
 
-Bytes Refused(std::uint32_t sender) {
-    return Writer().U8(CHANNEL_OPEN_FAILURE).U32(sender).U32(1).String("open failed").String("");
+constexpr std::uint32_t RESOURCE_SHORTAGE = 4; // RFC 4254, section 5.1
+
+Bytes Refused(std::uint32_t sender, std::uint32_t reason = 1) {
+    return Writer().U8(CHANNEL_OPEN_FAILURE).U32(sender).U32(reason).String("open failed").String("");
 }
 
 Bytes Confirmed(std::uint32_t sender, std::uint32_t number, std::uint32_t maxPacket) {
@@ -190,6 +192,38 @@ TEST_F(X11Request, OpenedChannelHasNoDescriptorAndNoConnection) {
     EXPECT_FALSE(visited);
     EXPECT_EQ(before, after);
     EXPECT_EQ(output.Text(), "still there");
+}
+
+TEST_F(X11Request, ChannelsWithoutAConnectionAreLimited) {
+    constexpr std::uint32_t asked = 1100;
+    constexpr std::uint32_t most = 1024;
+    unsigned int waiting = 0;
+    EXPECT_EQ(Run(
+                  ":0",
+                  [](Connection& c, X11Peer& x) {
+                      for (std::uint32_t i = 0; i < asked; ++i) {
+                          c.SendPacket(X11Peer::Opening(500 + i));
+                          c.ReadPacket();
+                      }
+                      c.SendPacket(Close(7)); // makes room for one
+                      c.SendTogether({X11Peer::Opening(8000), X11Peer::Opening(8001)});
+                      c.ReadPacket();
+                      c.ReadPacket();
+                      c.SendData("still there");
+                      x.EndSession();
+                  },
+                  {}, [&](X11Session& session) { waiting = session._channels.CountUnconnectedX11(); }),
+              "-1");
+    std::vector<Bytes> const sent = SentOnTheWay();
+    ASSERT_EQ(sent.size(), asked + 2);
+    for (std::uint32_t i = 0; i < asked; ++i)
+        EXPECT_EQ(sent[i],
+                  i < most ? Confirmed(500 + i, 1 + i, 0x4000) : Refused(500 + i, RESOURCE_SHORTAGE));
+    EXPECT_EQ(sent[asked], Confirmed(8000, 1 + most, 0x4000));
+    EXPECT_EQ(sent[asked + 1], Refused(8001, RESOURCE_SHORTAGE));
+    EXPECT_EQ(waiting, most);
+    EXPECT_EQ(output.Text(), "still there");
+    EXPECT_EQ(messages, "");
 }
 
 TEST_F(X11Request, OriginatorIsNotLookedAt) {

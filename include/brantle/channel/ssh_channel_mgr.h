@@ -91,6 +91,9 @@ public:
     /// flushed is lost.
     int RemoveChannel(int id);
 
+    /// How many channels of X clients have no connection to the X server.
+    unsigned int CountUnconnectedX11() const;
+
     /// The local number that the next channel gets.
     unsigned int NextId() const { return _nextId; }
 

@@ -194,7 +194,8 @@ public:
     void CloseChannel(unsigned int id);
 
     /// Confirms a channel of a remote X client; its connection to the X server waits for the client's first
-    /// data. Returns 0, or 1 if the channel is to be refused: X11 is not forwarded.
+    /// data. Returns 0, or the reason of a refusal (RFC 4254, section 5.1): 1 (administratively prohibited)
+    /// if X11 is not forwarded, 4 (resource shortage) while 1,024 channels are without a connection.
     int OpenForwardedX11Channel(PacketOpenTcpChannel const& request);
 
     /// Connects an X11 channel to the X server, given the client's connection set-up message, which

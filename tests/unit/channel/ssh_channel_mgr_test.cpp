@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <brantle/cindral/exceptions.h>
+#include <brantle/session/ssh_session.h>
 #include <brantle/thornel/file_descriptor.h>
 
 #include "plain_connection.h"
@@ -204,6 +205,21 @@ TEST_F(ChannelManager, ReplacingDeletesTheOldChannel) {
 TEST_F(ChannelManager, ReplacingAnUnknownNumberReturnsNullAndMakesNothing) {
     EXPECT_EQ(nullptr, _manager.ReplaceChannel(0, _maker));
     EXPECT_EQ(0, _maker._made);
+}
+
+TEST_F(ChannelManager, X11ChannelsAreCountedUntilTheyAreConnected) {
+    SshSession session(SshSession::CLIENT, 22, String_t("127.0.0.1"));
+    NewTty();
+    NewNoting(1)->_fdIn = -1;
+    EXPECT_EQ(0u, _manager.CountUnconnectedX11());
+    SshChannel* channels[3];
+    for (SshChannel*& channel : channels)
+        channel = _manager.NewX11Connection(500, "x11", WINDOW, session, &_connection._in, &_connection._out);
+    EXPECT_EQ(3u, _manager.CountUnconnectedX11());
+    channels[1]->_fdIn = 9;
+    EXPECT_EQ(2u, _manager.CountUnconnectedX11());
+    _manager.RemoveChannel(static_cast<int>(channels[0]->_localId));
+    EXPECT_EQ(1u, _manager.CountUnconnectedX11());
 }
 
 TEST_F(ChannelManager, DestructionDeletesEveryChannel) {
