@@ -38,9 +38,10 @@ public:
     String_t const& Text() const { return _text; }
 
 private:
+    /// Takes the very next character; white space is skipped in front of a field alone.
     bool ReadCharacter(char expected) {
         char character;
-        return _in >> character && character == expected;
+        return _in.get(character) && character == expected;
     }
 
     std::istringstream _in;

@@ -122,12 +122,23 @@ TEST(ForwardingParser, BindAddressNeedsANumberAndAColonAfterIt) {
 
 TEST(ForwardingParser, WhiteSpaceInFrontOfAFieldIsSkipped) {
     EXPECT_EQ(Parse(" 8080:\texample:\n80"), (Forwarding{0, "localhost", 8080, "example", 80}));
-    EXPECT_EQ(Parse(" here: 8080 : example: 80"), (Forwarding{0, "here", 8080, "example", 80}));
+    EXPECT_EQ(Parse(" here: 8080: example: 80"), (Forwarding{0, "here", 8080, "example", 80}));
+    EXPECT_EQ(Parse("8080:[a]] 80"), (Forwarding{0, "localhost", 8080, "a", 80}));
 }
 
 TEST(ForwardingParser, WhiteSpaceAfterAFieldBelongsToIt) {
     EXPECT_EQ(Parse("8080:example :80"), (Forwarding{0, "localhost", 8080, "example ", 80}));
     EXPECT_EQ(Parse("8080 :1:example:80"), (Forwarding{0, "8080 ", 1, "example", 80}));
+}
+
+TEST(ForwardingParser, WhiteSpaceBetweenClosingBracketsIsRefused) {
+    EXPECT_EQ(Parse("[a] ]1:b:2"), (Forwarding{-EINVAL, "old address", 1, "old host", 2}));
+    EXPECT_EQ(Parse("8080:[a]\t]80"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
+}
+
+TEST(ForwardingParser, WhiteSpaceInFrontOfTheColonAfterANumberIsRefused) {
+    EXPECT_EQ(Parse("bind:8080 :h:1"), (Forwarding{-EINVAL, "bind", 8080, "old host", 2}));
+    EXPECT_EQ(Parse("[bind]]8080\n:h:1"), (Forwarding{-EINVAL, "bind", 8080, "old host", 2}));
 }
 
 TEST(ForwardingParser, TextAfterThePortIsNotLookedAt) {
