@@ -100,7 +100,7 @@ int SshSession::OpenForwardedX11Channel(PacketOpenTcpChannel const& request) {
 }
 
 int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel) {
-    if (!_x11.Get()) return -1;
+    if (!_x11.Get() || !channel) return -1;
     SetupMessage const message(data, length);
     char const* const method = X11Forwarding::_defaultAuthMethod;
     if (!message.IsAcceptable() || message.Name() != ByteString(method, str_len(method)) ||

@@ -320,6 +320,26 @@ TEST_F(X11Setup, WrongCookieFailsBeforeAnyConnection) {
     ExpectRefused([](SetupMessage& message) { message.data = std::string(16, '\0'); });
 }
 
+TEST_F(X11Setup, NullChannelIsRefusedBeforeAnyConnection) {
+    int result = 0;
+    bool visited = true;
+    EXPECT_EQ(Run(
+                  display.Display(), [](Connection&, X11Peer& x) { x.EndSession(); },
+                  [&](X11Session& session) {
+                      x11::SetupMessage message;
+                      ByteString const& cookie = session._x11->_fakeCookie;
+                      message.data.assign(cookie.Data(), cookie.Data() + cookie.Length());
+                      std::string const text = message.Text();
+                      result =
+                          session.InitiateX11Connection(reinterpret_cast<unsigned char const*>(text.data()),
+                                                        static_cast<unsigned int>(text.size()), nullptr);
+                      visited = display.HasVisitor();
+                  }),
+              "-1");
+    EXPECT_EQ(result, -1);
+    EXPECT_FALSE(visited);
+}
+
 TEST_F(X11Setup, CookiesOfOtherLengthsFail) {
     ExpectRefused([](SetupMessage& message) { message.data = ""; });
     ExpectRefused([](SetupMessage& message) { message.data.pop_back(); });

@@ -201,8 +201,8 @@ public:
     /// Connects an X11 channel to the X server, given the client's connection set-up message, which
     /// must be whole, alone and show the cookie that the peer was given. The X server gets its own cookie in
     /// its place. Blocks for up to 60 seconds. Returns the descriptor, attached to `channel` in the loop
-    /// and from then on the channel's, or -1: nothing was connected, or it is closed again. Throws what
-    /// SetNodelay throws.
+    /// and from then on the channel's, or -1: nothing was connected, as for a null `channel`, or it is closed
+    /// again. Throws what SetNodelay throws.
     int InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel);
 
     /// Accepts one connection of a local forwarding, waiting for one for up to 60 seconds, and asks the
