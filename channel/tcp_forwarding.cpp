@@ -108,9 +108,9 @@ int SshSession::AcceptLocalFwdConnection(LocalForwarding* forwarding) {
     sockaddr_in caller{};
     FileDescriptor connection(forwarding->_server->AcceptConnection(caller, ACCEPT_LIMIT));
     if (connection < 0) return -1;
-    String_t name, address;
+    String_t address;
     unsigned short port = 0;
-    int const decoded = ServerSocketIn::DecodeCaller(caller, name, address, port);
+    int const decoded = ServerSocketIn::DecodeCaller(caller, address, port);
     if (decoded < 0) return decoded;
     PacketOpenTcpChannel request(_channels.NextId(), INITIAL_WINDOW, MAX_PACKET, forwarding->_host,
                                  forwarding->_port, address, port);

@@ -91,12 +91,18 @@ int ServerSocketIn::AcceptConnection(sockaddr_in& peer, unsigned int seconds) {
 
 int ServerSocketIn::DecodeCaller(sockaddr_in const& peer, String_t& name, String_t& address,
                                  unsigned short& port) {
-    char text[INET_ADDRSTRLEN];
-    if (peer.sin_family != AF_INET || !inet_ntop(AF_INET, &peer.sin_addr, text, sizeof(text))) return -1;
+    int const result = DecodeCaller(peer, address, port);
+    if (result < 0) return result;
     char host[NI_MAXHOST];
     int unnamed = getnameinfo(reinterpret_cast<sockaddr const*>(&peer), sizeof(peer), host, sizeof(host),
                               nullptr, 0, NI_NAMEREQD);
-    name = unnamed ? text : host;
+    name = unnamed ? address : String_t(host);
+    return 0;
+}
+
+int ServerSocketIn::DecodeCaller(sockaddr_in const& peer, String_t& address, unsigned short& port) {
+    char text[INET_ADDRSTRLEN];
+    if (peer.sin_family != AF_INET || !inet_ntop(AF_INET, &peer.sin_addr, text, sizeof(text))) return -1;
     address = text;
     port = ntohs(peer.sin_port);
     return 0;

@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <netdb.h>
 #include <poll.h>
 
 #include <atomic>
@@ -13,6 +14,7 @@ std::atomic<short> failingEvents{0};
 std::atomic<int> longestLimit{0};
 std::atomic<int> lastLimit{0};
 std::atomic<bool> addressTextFails{false};
+std::atomic<int> nameLookUps{0};
 
 template <typename Function>
 Function* Next(Function*, char const* name) {
@@ -32,6 +34,9 @@ int FailingWait::Limit() const { return lastLimit; }
 FailingAddressText::FailingAddressText() { addressTextFails = true; }
 FailingAddressText::~FailingAddressText() { addressTextFails = false; }
 
+NameLookUps::NameLookUps() { nameLookUps = 0; }
+int NameLookUps::Count() const { return nameLookUps; }
+
 extern "C" {
 
 // In place of the C library's, for the library under test too.
@@ -48,5 +53,12 @@ int poll(pollfd* records, nfds_t count, int limit) {
 char const* inet_ntop(int family, void const* address, char* text, socklen_t size) noexcept {
     static auto* const next = Next(&inet_ntop, "inet_ntop");
     return addressTextFails ? nullptr : next(family, address, text, size);
+}
+
+int getnameinfo(sockaddr const* address, socklen_t length, char* host, socklen_t hostLength, char* service,
+                socklen_t serviceLength, int flags) {
+    static auto* const next = Next(&getnameinfo, "getnameinfo");
+    if (!(flags & NI_NUMERICHOST)) ++nameLookUps;
+    return next(address, length, host, hostLength, service, serviceLength, flags);
 }
 }

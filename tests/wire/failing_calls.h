@@ -25,4 +25,12 @@ public:
     FailingAddressText& operator=(FailingAddressText const&) = delete;
 };
 
+/// Counts the reverse look-ups of names in this process.
+class NameLookUps {
+public:
+    NameLookUps();
+
+    int Count() const;
+};
+
 #endif

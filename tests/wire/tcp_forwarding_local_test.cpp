@@ -656,6 +656,17 @@ TEST_F(LocalForwarding, CallerIsWaitedForSixtySeconds) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
+TEST_F(LocalForwarding, CallerIsNotLookedUpByName) {
+    String_t name, address;
+    unsigned short port = 0;
+    sockaddr_in const caller = tcp::Loopback(1);
+    NameLookUps const lookUps;
+    EXPECT_EQ(ServerSocketIn::DecodeCaller(caller, name, address, port), 0);
+    ASSERT_EQ(lookUps.Count(), 1) << "this count sees the library's calls";
+    EXPECT_EQ(Accept([](Connection& c, tcp::End&) { c.SendPacket(Confirmation(1, 77)); }), "0, Run -1");
+    EXPECT_EQ(lookUps.Count(), 1);
+}
+
 TEST_F(LocalForwarding, CallerWithoutAnAddressIsDropped) {
     EXPECT_EQ(Prepare([&](LoopSession& session) {
                   Listen(session);

@@ -30,6 +30,8 @@ public:
     /// Splits an address into name, numeric text and port. An address without a name has its numeric
     /// text for one. Returns 0, or a negative value for an address that is not IPv4.
     static int DecodeCaller(sockaddr_in const& peer, String_t& name, String_t& address, unsigned short& port);
+    /// The same without the name, which takes a reverse look-up and may block for its time limit.
+    static int DecodeCaller(sockaddr_in const& peer, String_t& address, unsigned short& port);
 
 private:
     int _port;

@@ -115,6 +115,19 @@ TEST(ServerSocketIn, DecodeCallerRefusesAnotherFamily) {
     String_t address;
     unsigned short port = 0;
     EXPECT_LT(ServerSocketIn::DecodeCaller(peer, name, address, port), 0);
+    EXPECT_LT(ServerSocketIn::DecodeCaller(peer, address, port), 0);
+}
+
+TEST(ServerSocketIn, DecodeCallerGivesAddressAndPortWithoutANameToo) {
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = htonl(0xc0000201); // 192.0.2.1
+    peer.sin_port = htons(4711);
+    String_t address;
+    unsigned short port = 0;
+    EXPECT_EQ(ServerSocketIn::DecodeCaller(peer, address, port), 0);
+    EXPECT_EQ(Text(address), "192.0.2.1");
+    EXPECT_EQ(port, 4711);
 }
 
 } // namespace
