@@ -26,29 +26,35 @@ constexpr unsigned int MAX_TYPED_PASSWORD = 32;
 
 Pathname DefaultIdentity(char const* name) { return Pathname::Home().Append(".ssh").Append(name); }
 
-/// What a server may answer to a request that carries a credential.
-enum class Verdict { SUCCESS, FAILURE, OTHER };
+} // namespace
 
-Verdict VerdictOf(int number) {
-    if (number == Packet::SSH_MSG_USERAUTH_SUCCESS) return Verdict::SUCCESS;
-    if (number == Packet::SSH_MSG_USERAUTH_FAILURE) return Verdict::FAILURE;
-    return Verdict::OTHER;
+bool SshSession::HasKeys() const {
+    auto const isOn = [this](int slot) {
+        return _ciphers[slot]._rep->Kind() != BlockCipher::NONE && _macs[slot]._rep;
+    };
+    return isOn(CLIENT) && isOn(SERVER);
 }
 
-} // namespace
+/// Takes the server's verdict on a request from the number of its reply: 0 for success, which is noted, -1
+/// for failure, 1 for a reply that is neither.
+int SshSession::TakeVerdict(int number) {
+    if (number == Packet::SSH_MSG_USERAUTH_FAILURE) return -1;
+    if (number != Packet::SSH_MSG_USERAUTH_SUCCESS) return 1;
+    _authenticated = 1;
+    return 0;
+}
 
 int SshSession::Authenticate(String_t const& identity, String_t const& user, String_t const& password,
                              EnterPassword& enter, KbdInteractiveCallback& callback) {
+    if (!HasKeys()) return -1; // whoever is at the other end would read the credentials
     InitiateAuthentication();
     PacketUserAuthNoneRequest request(user, SERVICE);
     _out.WritePacket(request);
     ByteString const reply = AuthReadPacket();
     int const number = MessageNumber(reply);
-    if (VerdictOf(number) == Verdict::SUCCESS) {
-        _authenticated = 1;
-        return 0;
-    }
-    if (VerdictOf(number) != Verdict::FAILURE)
+    int const verdict = TakeVerdict(number);
+    if (verdict == 0) return 0;
+    if (verdict > 0)
         throw SshProtocolError("expected either USERAUTH_FAILURE or USERAUTH_SUCCESS packet", number);
     PacketDecoder decoder(reply);
     PacketUserAuthFailure const failure(decoder);
@@ -92,7 +98,7 @@ int SshSession::AuthKey(String_t const& identity, String_t const& user, String_t
     String_t const algorithm(key._rep->Name());
     PacketUserAuthPubkeyRequest query(user, SERVICE, algorithm, key);
     _out.WritePacket(query);
-    ByteString reply = AuthReadPacket();
+    ByteString const reply = AuthReadPacket();
     if (MessageNumber(reply) == Packet::SSH_MSG_USERAUTH_FAILURE) return -1;
 
     PacketDecoder decoder(reply);
@@ -106,16 +112,9 @@ int SshSession::AuthKey(String_t const& identity, String_t const& user, String_t
         return result;
     PacketUserAuthPubkeyRequest request(user, SERVICE, algorithm, key, &signature);
     _out.WritePacket(request);
-    reply = AuthReadPacket();
-    switch (VerdictOf(MessageNumber(reply))) {
-    case Verdict::SUCCESS:
-        _authenticated = 1;
-        return 0;
-    case Verdict::FAILURE:
-        return -1;
-    default:
-        throw SshProtocolError("expected either USERAUTH_SUCCESS or USERAUTH_FAILURE packet");
-    }
+    int const verdict = TakeVerdict(MessageNumber(AuthReadPacket()));
+    if (verdict > 0) throw SshProtocolError("expected either USERAUTH_SUCCESS or USERAUTH_FAILURE packet");
+    return verdict;
 }
 
 int SshSession::SignAuthData(PublicKey const& key, String_t const& identity, String_t const& user,
@@ -145,16 +144,11 @@ int SshSession::AuthPasswd(String_t const& user, String_t password, EnterPasswor
         _out.WritePacket(request);
         int const number = MessageNumber(AuthReadPacket());
         if (number == Packet::SSH_MSG_USERAUTH_PASSWD_CHANGEREQ) return -1;
-        switch (VerdictOf(number)) {
-        case Verdict::SUCCESS:
-            _authenticated = 1;
-            return 0;
-        case Verdict::FAILURE:
-            break;
-        default:
+        int const verdict = TakeVerdict(number);
+        if (verdict == 0) return 0;
+        if (verdict > 0)
             throw SshProtocolError(
                 "expected either USERAUTH_SUCCESS or USERAUTH_FAILURE or USERAUTH_PASSWD_CHANGEREQ packet");
-        }
         char typed[MAX_TYPED_PASSWORD + 1];
         int const length = enter(typed, MAX_TYPED_PASSWORD);
         if (length < 0) return length;
@@ -171,11 +165,8 @@ int SshSession::AuthInteractive(String_t const& user, String_t const& submethods
     for (;;) {
         ByteString const reply = AuthReadPacket();
         int const number = MessageNumber(reply);
-        if (VerdictOf(number) == Verdict::SUCCESS) {
-            _authenticated = 1;
-            return 0;
-        }
-        if (VerdictOf(number) == Verdict::FAILURE) return -1;
+        int const verdict = TakeVerdict(number);
+        if (verdict <= 0) return verdict;
         if (number != Packet::SSH_MSG_USERAUTH_INFO_REQUEST)
             throw SshProtocolError("unexpected ssh response",
                                    String_t(Packet::MsgName(static_cast<unsigned int>(number))));

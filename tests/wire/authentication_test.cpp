@@ -5,6 +5,7 @@
 #include "wire/auth_fixture.h"
 
 using namespace peer;
+using cindral::BlockCipher;
 using testing::ElementsAre;
 
 namespace {
@@ -12,6 +13,40 @@ namespace {
 class AuthService : public AuthTest {};
 class AuthWalk : public AuthTest {};
 class AuthBanner : public AuthTest {};
+
+/// Logins that are tried although the connection has no keys.
+class AuthWithoutKeys : public AuthTest {
+protected:
+    /// What Authenticate came to after the client's call. The server follows the script, and nothing but what
+    /// that has taken may come from the client.
+    std::string Authenticate(Script const& script, std::function<void(AuthSession&)> const& client) {
+        peer::ScriptedPeer peer(
+            [&](Connection& c) {
+                script(c);
+                c.ExpectClosed();
+            },
+            settings);
+        std::string outcome;
+        {
+            AuthSession session(peer.Port());
+            EXPECT_EQ(session.Connect(10), 0);
+            client(session);
+            outcome = Outcome([&] { return session.Authenticate("", "tester", password, enter, callback); });
+            authenticated = session._authenticated;
+        }
+        peer.Finish();
+        return outcome;
+    }
+    static void ExchangeFails(AuthSession& session) { EXPECT_EQ(session.KeyExchange(), -1); }
+
+    void NothingWasAsked() const {
+        EXPECT_EQ(authenticated, 0);
+        EXPECT_EQ(Text(password), "secret");
+        EXPECT_EQ(enter.prompt, "");
+        EXPECT_TRUE(enter.limits.empty());
+        EXPECT_TRUE(callback.requests.empty());
+    }
+};
 
 } // namespace
 
@@ -90,6 +125,86 @@ TEST_F(AuthService, SecondCallRepeatsTheWholeSequence) {
     EXPECT_THAT(Sent(), ElementsAre(ServiceRequest(), NoneRequest(), ServiceRequest(), NoneRequest()));
     EXPECT_EQ(authenticated, 1);
 }
+
+// --- without keys
+
+TEST_F(AuthWithoutKeys, SendsNothingBeforeAKeyExchange) {
+    EXPECT_EQ(Authenticate([](Connection& c) { c.WellBehaved(Stage::Identified); }, [](AuthSession&) {}),
+              "-1");
+    NothingWasAsked();
+}
+
+TEST_F(AuthWithoutKeys, SendsNothingWhenNothingWasAgreedOn) {
+    settings.kexInit.Pin("none", "none");
+    EXPECT_EQ(Authenticate([](Connection& c) { c.WellBehaved(Stage::KexInitExchanged); }, ExchangeFails),
+              "-1");
+    NothingWasAsked();
+}
+
+TEST_F(AuthWithoutKeys, SendsNothingToAServerThatCanNotSign) {
+    EXPECT_EQ(Authenticate(
+                  [](Connection& c) {
+                      c.WellBehaved(Stage::KexInitExchanged);
+                      c.Negotiate();
+                      c.ReceiveGroupRequest();
+                      c.SendGroup();
+                      c.ReceiveGroupInit();
+                      GroupReply reply = c.MakeGroupReply();
+                      reply.signature.back() ^= 1;
+                      c.SendGroupReply(reply);
+                  },
+                  ExchangeFails),
+              "-1");
+    NothingWasAsked();
+}
+
+TEST_F(AuthWithoutKeys, SendsNothingToAServerWithAnotherHostKey) {
+    peer::ScriptedPeer peer(
+        [](Connection& c) {
+            if (c.index == 0) return c.WellBehaved(Stage::NewKeys);
+            c.settings.hostKey = &KeyPair::OtherHostRsa();
+            c.WellBehaved(Stage::KexInitExchanged);
+            c.GroupExchange();
+            c.ExpectClosed();
+        },
+        settings);
+    {
+        AuthSession known(peer.Port());
+        EXPECT_EQ(known.Connect(10), 0);
+        EXPECT_EQ(known.KeyExchange(), 0);
+    }
+    {
+        AuthSession session(peer.Port());
+        EXPECT_EQ(session.Connect(10), 0);
+        EXPECT_EQ(session.KeyExchange(), -1);
+        EXPECT_EQ(session.Authenticate("", "tester", password, enter, callback), -1);
+        authenticated = session._authenticated;
+    }
+    peer.Finish(2);
+    NothingWasAsked();
+}
+
+TEST_F(AuthWithoutKeys, EachDirectionNeedsItsCipherAndItsMac) {
+    ByteString const bytes("0123456789abcdef0123456789abcdef", 32);
+    for (int missing = 0; missing < 4; ++missing) {
+        EXPECT_EQ(Authenticate([](Connection& c) { c.WellBehaved(Stage::Identified); },
+                               [&](AuthSession& session) {
+                                   for (int slot = 0; slot < 2; ++slot) {
+                                       auto const mode =
+                                           slot == 0 ? BlockCipher::ENCRYPT : BlockCipher::DECRYPT;
+                                       session._ciphers[slot].Redefine(
+                                           missing == slot ? "none" : "aes128-ctr", mode, bytes, bytes);
+                                       if (missing != 2 + slot)
+                                           session._macs[slot].Redefine("hmac-sha1", bytes);
+                                   }
+                               }),
+                  "-1")
+            << missing;
+        NothingWasAsked();
+    }
+}
+
+// --- the walk over the methods
 
 TEST_F(AuthWalk, EmptyListSendsNothingElse) {
     EXPECT_EQ(Login("", Nothing), "-1");

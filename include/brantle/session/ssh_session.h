@@ -98,7 +98,9 @@ public:
     int KeyExchange();
 
     /// Runs the ssh-userauth service (RFC 4252): asks with "none", then tries the methods that the
-    /// server lists, in its order, until one succeeds. Returns 0, or -1 if all fail.
+    /// server lists, in its order, until one succeeds. Returns 0, or -1 if all fail. Without keys in force,
+    /// as when KeyExchange has not been called or has not returned 0, it is -1 as well and nothing is sent:
+    /// the password would leave in clear, for whoever is at the other end.
     ///
     /// `identity` is the path of a private key, with its public key beside it under the extension
     /// ".ssh" or ".pub"; empty for the defaults in ~/.ssh. A key agent is asked first. `password` is
