@@ -76,6 +76,8 @@ int SshSession::LFAcceptor::Dispatch(int fd) {
     SshSession* const session = _session; // what is handled meanwhile may replace this dispatcher
     LocalForwarding* const forwarding = session->_localForwardings.Find(_listenPort);
     if (!forwarding || !forwarding->_server || forwarding->_server->Fd() != fd) return 0;
+    // Deliberate: whatever it returns. Without a descriptor for it a connection stays ready, and the loop
+    // busy-waits. Pinned by LocalForwarding.ListenerStaysInTheLoopWhileNoDescriptorIsLeft.
     session->AcceptLocalFwdConnection(forwarding);
     session->DispatchBufferedPackets();
     return 1;
@@ -100,6 +102,8 @@ int SshSession::StartLocalForwarding(unsigned int port, String_t const& host, un
 }
 
 int SshSession::CancelLocalForwarding(unsigned int listenPort) {
+    // Deliberate: the registration of the closed descriptor stays. Pinned by
+    // LocalForwarding.CancelClosesTheListenerAndLeavesItsRecordBehind.
     return _localForwardings.Remove(listenPort) ? 0 : -1;
 }
 
@@ -130,6 +134,8 @@ int SshSession::WaitForOpenConfirmation(String_t const& channelType, FileDescrip
                                                             _windowSize, connection, &_in, &_out));
             return 0;
         }
+        // Deliberate: CHANNEL_OPEN_FAILURE is no answer but a message without a handler. Pinned by
+        // LocalForwarding.OpenFailureClosesTheConnectionSilently.
         if (number == Packet::SSH_MSG_CHANNEL_FAILURE) return -1;
         Handler const* handler = _handlers.Find(number);
         if (handler && (this->**handler)(decoder) == 0) break;
@@ -147,6 +153,8 @@ int SshSession::StartRemoteForwarding(unsigned int port, String_t const& host, u
     if (_remoteForwardings.Find(listenPort)) return -1;
     PacketGlobalRequest request("tcpip-forward", 1, bindAddress, listenPort);
     _out.WritePacket(request);
+    // Deliberate: the very next message is the answer. Pinned by
+    // RemoteForwarding.AnyOtherMessageIsTakenForARefusal.
     PacketDecoder decoder(_in.ReadPacket());
     PacketRequestResult const result(decoder);
     if (result._type != Packet::SSH_MSG_REQUEST_SUCCESS) return -1;
@@ -174,6 +182,8 @@ int SshSession::OpenForwardedTcpChannel(PacketOpenTcpChannel const& request) {
     if (connection < 0) return 1;
     SshChannel* const channel = _channels.NewTcpConnection(request._senderChannel, request._channelType,
                                                            _windowSize, connection, &_in, &_out);
+    // Deliberate: the channel stays. Pinned by
+    // RemoteForwarding.ConnectionThatIsNotWritableWithinSixtyMillisecondsIsRefusedAndStays.
     if (!IsWritable(channel->_fdIn)) return 1;
     PacketChannelOpenConfirmation confirmation(request._senderChannel, channel->_localId, _windowSize,
                                                request._maxPacketSize);

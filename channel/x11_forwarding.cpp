@@ -27,6 +27,8 @@ constexpr unsigned int FIRST_PORT = 6000;
 
 /// The command that lists the cookie of a display. A display that another SSH server forwards to this host
 /// is listed under the name of the host's own displays.
+///
+/// Deliberate: the display becomes shell text as it is. Pinned by X11Xauth.ShellGetsTheDisplayAsItIs.
 String_t ListCommand(String_t const& display) {
     static char const forwarded[] = "localhost:";
     constexpr unsigned int length = sizeof forwarded - 1;

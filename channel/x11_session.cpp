@@ -83,6 +83,8 @@ void SshSession::RequestX11Forwarding() {
                                     X11Forwarding::_defaultAuthMethod,
                                     X11Forwarding::CookieString(_x11->_fakeCookie), _x11->_screenNumber);
     _out.WritePacket(request);
+    // Deliberate: the very next message is the answer, and any other than a success is a refusal. Pinned by
+    // X11Request.AnyNumberButSuccessIsARefusal.
     PacketDecoder decoder(_in.ReadPacket());
     PacketChannelResponse const response(decoder);
     if (response._type != Packet::SSH_MSG_CHANNEL_SUCCESS) _x11.Reset(nullptr);
@@ -115,7 +117,8 @@ int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int le
     ByteString const& real = _x11->_realCookie;
     bool const isKnown = real.Length() != 0;
     if (isKnown && real.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
-    // An X server without access control does not look at the cookie.
+    // An X server without access control does not look at the cookie. Deliberate: the lengths in the message
+    // stay, whatever the method. Pinned by X11Setup.MethodIsThatOfXauthAndTheLengthsStay.
     message.Send(fd, _x11->_authMethod, isKnown ? real : _x11->_fakeCookie);
     RegisterChannelInput(fd, channel);
     return fd.Release();

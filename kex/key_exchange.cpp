@@ -126,6 +126,8 @@ int SshSession::KexGex(PacketKexInit& own, PacketKexInit& peer) {
 template <class Reply, class Hash>
 int SshSession::KexConclude(DhExchange& exchange, Reply const& reply, PacketKexInit& own, PacketKexInit& peer,
                             Hash const& hash) {
+    // Deliberate: a new host key is written to known_hosts before its signature is verified. Pinned by
+    // HostKey.IsLearntBeforeItsSignatureIsChecked.
     if (!CheckServerHostKey(reply._hostKey)) return -1;
     if (!exchange.PubKeyIsValid(reply._f._bn)) return -1;
     BigNum const secret = exchange.ComputeKey(reply._f);

@@ -87,6 +87,8 @@ ByteString SshSession::AuthReadPacket() {
         if (MessageNumber(packet) != Packet::SSH_MSG_USERAUTH_BANNER) return packet;
         PacketDecoder decoder(packet);
         _banner = PacketUserAuthBanner(decoder)._message;
+        // Deliberate: printed as it came, control characters included. Pinned by
+        // AuthBanner.ControlCharactersArePrintedAsTheyCame.
         std::cout << _banner << std::flush;
     }
 }

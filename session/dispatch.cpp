@@ -160,6 +160,8 @@ int SshSession::HandlePackets(HasMore const& hasMore) {
 
 void SshSession::ReportIgnored(int number) {
     std::cerr << "ignore packet ";
+    // Deliberate: a number without a name, such as 7, fails the stream for the rest of the process. Pinned by
+    // Dispatch.NumberWithoutANameFailsTheErrorStreamAndNothingFollows.
     if (char const* name = Packet::MsgName(static_cast<unsigned int>(number)))
         std::cerr << name;
     else
@@ -169,6 +171,8 @@ void SshSession::ReportIgnored(int number) {
 
 int SshSession::HandleDisconnect(PacketDecoder& decoder) {
     PacketDisconnect const message(decoder);
+    // Deliberate: printed as it came, control characters included. Pinned by
+    // RunLoop.ControlCharactersOfADisconnectArePrintedAsTheyCame.
     std::cerr << "connection closed by peer, " << message._description << _eol << std::flush;
     _task.Stop();
     return 1;
@@ -201,6 +205,8 @@ int SshSession::HandleChannelWindowAdjust(PacketDecoder& decoder) {
 
 int SshSession::HandleChannelRequest(PacketDecoder& decoder) {
     PacketChannelRequest const message(decoder);
+    // Deliberate: an exit message on any channel ends the session, and no request is answered. Pinned by
+    // Dispatch.ExitMessageEndsTheRunOnAnyChannelAndGetsNoReply.
     if (!(message._request == "exit-status") && !(message._request == "exit-signal")) return 1;
     Terminate();
     return 0;

@@ -8,6 +8,8 @@ namespace cindral {
 
 namespace {
 
+// Deliberate, here and below: texts of the server's are printed as they came. Pinned by
+// KbdInteractiveCallback.ControlCharactersArePrintedAsTheyCame.
 void PrintLine(String_t const& text) {
     if (!(text == "")) std::cout << text << '\n' << std::flush;
 }

@@ -324,6 +324,17 @@ TEST_F(AuthBanner, IsPrintedAsItIsAndKept) {
     EXPECT_EQ(banner, "Keep out");
 }
 
+TEST_F(AuthBanner, ControlCharactersArePrintedAsTheyCame) {
+    EXPECT_EQ(Authenticate([](Connection& c) {
+                  c.ServiceAccept();
+                  c.ReadAuthRequest();
+                  c.SendBanner("\x1b[2J\a\rEnter passphrase: ", "en");
+                  c.SendAuthSuccess();
+              }),
+              "0");
+    EXPECT_EQ(output.Text(), "\x1b[2J\a\rEnter passphrase: ");
+}
+
 TEST_F(AuthBanner, OfTwoTheSecondIsKept) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();

@@ -24,6 +24,11 @@ TEST_F(RunLoop, DisconnectIsReportedAndEndsTheRun) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
+TEST_F(RunLoop, ControlCharactersOfADisconnectArePrintedAsTheyCame) {
+    EXPECT_EQ(Receive({Disconnect("\x1b[2J\a\rPassword: \n")}), "-1");
+    EXPECT_EQ(messages, "connection closed by peer, \x1b[2J\a\rPassword: \n\r\n");
+}
+
 TEST_F(RunLoop, DisconnectWithoutATextIsReportedAllTheSame) {
     EXPECT_EQ(Receive({Disconnect("")}), "-1");
     EXPECT_EQ(messages, "connection closed by peer, \r\n");

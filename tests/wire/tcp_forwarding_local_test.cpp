@@ -31,6 +31,22 @@ bool IsSet(int fd, int level, int option) {
     return getsockopt(fd, level, option, &value, &size) == 0 && value != 0;
 }
 
+/// As long as it lives the process can open no descriptor.
+class NoDescriptorLeft {
+public:
+    NoDescriptorLeft() {
+        getrlimit(RLIMIT_NOFILE, &_before);
+        rlimit const lowered{3, _before.rlim_max}; // 0, 1 and 2 are open
+        setrlimit(RLIMIT_NOFILE, &lowered);
+    }
+    ~NoDescriptorLeft() { setrlimit(RLIMIT_NOFILE, &_before); }
+    NoDescriptorLeft(NoDescriptorLeft const&) = delete;
+    NoDescriptorLeft& operator=(NoDescriptorLeft const&) = delete;
+
+private:
+    rlimit _before{};
+};
+
 class LocalForwarding : public ForwardingTest {
 protected:
     /// Expects that the connection is attached to the server's channel 77, and ends the run.
@@ -160,6 +176,26 @@ TEST_F(LocalForwarding, ConnectionsOutliveTheirForwarding) {
                       Listen(session);
                       EXPECT_EQ(session._mux.Dispatch(Forwarding(session)->_server->Fd()), 1);
                       EXPECT_EQ(session.CancelLocalForwarding(0), 0);
+                  }),
+              "-1");
+}
+
+TEST_F(LocalForwarding, ListenerStaysInTheLoopWhileNoDescriptorIsLeft) {
+    EXPECT_EQ(Run(
+                  [&](Connection& c) {
+                      tcp::End local = ConnectThrough(c);
+                      IsJoined(c, local);
+                  },
+                  [&](LoopSession& session) {
+                      Listen(session);
+                      int const fd = Forwarding(session)->_server->Fd();
+                      pollfd ready{fd, POLLIN, 0};
+                      ASSERT_EQ(poll(&ready, 1, 10000), 1);
+                      NoDescriptorLeft const none;
+                      for (int cycle = 0; cycle < 3; ++cycle) {
+                          EXPECT_EQ(session._mux.Dispatch(fd), 1);
+                          EXPECT_EQ(poll(&ready, 1, 0), 1) << "the connection is still to be accepted";
+                      }
                   }),
               "-1");
 }

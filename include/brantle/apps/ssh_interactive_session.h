@@ -20,6 +20,9 @@ public:
 
     /// Leaves raw mode, stops the loop, and writes "Connection to HOST closed." to standard output.
     /// Called when the remote shell ends, or by the program. Returns the stop flag as it was.
+    ///
+    /// REQUIRES: no other thread uses the terminal's settings or std::cout meanwhile, as Run's may. Unlike
+    /// SshSession::Terminate it is thus not to be called from any thread.
     int Terminate() override;
 
     /// Results as for SshCmdSession. When the peer disconnects, and on an exception, the terminal

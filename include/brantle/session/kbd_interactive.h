@@ -21,7 +21,8 @@ public:
     /// may `prompts`. Returns one answer for each prompt, in order.
     ///
     /// Here: prints name, instruction and prompts to standard output; reads an answer that may be
-    /// echoed as one word of standard input, any other without echo, up to 128 bytes.
+    /// echoed as one word of standard input, any other without echo, up to 128 bytes. All texts are printed
+    /// as the server sent them, control characters included.
     virtual TOList<String_t> operator()(String_t const& name, String_t const& instruction,
                                         TOList<Prompt> const& prompts);
 };

@@ -32,6 +32,9 @@ namespace cindral {
 
 /// One client connection to one SSH server: the hub of the library.
 ///
+/// It is one class whose sources stand in three folders: session/ (connecting, authentication, the session
+/// channel, the loop), kex/ (key exchange) and channel/ (forwarding of TCP and X11).
+///
 /// The order of calls is: constructor, Connect, KeyExchange, Authenticate, the starts of forwardings that
 /// are wanted, Open, one of StartShell, StartCommand and StartSubsystem, InitDispatcher, Run. Everything
 /// before Run blocks on the caller's thread. Steps out of order are not guarded.
@@ -40,11 +43,13 @@ namespace cindral {
 /// BadInput for a message that ends too early). After either the connection is of no further use:
 /// destroy the session, which closes it. Nothing sends DISCONNECT but Disconnect.
 ///
-/// A session belongs to one thread at a time; Terminate alone may be called from any.
+/// A session belongs to one thread at a time; Terminate alone may be called from any, where no override of
+/// it asks for more.
 /// The object is large, as the buffers of both directions are embedded in it.
 class BRANTLE_API SshSession {
 public:
-    /// The slot of the cipher and MAC pairs that serves output; the other one serves input.
+    /// The slot of the cipher and MAC pairs that serves output; the other one serves input. SERVER is no
+    /// server's role: it swaps the slots and changes nothing else. Nothing uses it; pass CLIENT.
     enum Mode { CLIENT = 0, SERVER = 1 };
 
     /// The state of X11 forwarding; see <brantle/channel/x11_forwarding.h>.
@@ -64,16 +69,25 @@ public:
     /// Closes the connection.
     virtual ~SshSession();
 
-    /// Asks the loop to end at its next look at the stop flag; nothing wakes a sleeping poll(2).
-    /// Returns the flag as it was.
+    /// Asks the loop to end at its next look at the stop flag, and may be called from any thread. Nothing
+    /// wakes a sleeping poll(2): the loop ends when that returns, after up to 60 seconds, or when Dispatch
+    /// has the rest of a packet. Returns the flag as it was. The override in SshInteractiveSession does more
+    /// and is not for every thread.
     virtual int Terminate();
 
     /// Serves the socket: handles every packet that has arrived, then flushes the channels. Called
     /// by the loop. `fd` must be the session's socket, else SystemError "invalid input".
+    ///
+    /// The rest of a packet of which a part has arrived is waited for, for up to 180 seconds at a time: a
+    /// server that never completes it keeps timers from firing and Terminate from taking effect.
     virtual int Dispatch(int fd);
 
     /// Runs the loop on the caller's thread until the session ends. Returns -1 once stopped, an
     /// errno value if poll(2) failed. What a peer does against the protocol leaves as an exception.
+    ///
+    /// The text of a DISCONNECT goes to std::cerr as the server sent it, control characters included. A
+    /// message whose number has no name, such as 7, leaves std::cerr failed: nothing more is printed there,
+    /// in the whole process, until the program clears its state.
     virtual int Run();
 
     /// Splits a target text, [user "@"] host [":" port], where the host may be an address in
@@ -95,6 +109,10 @@ public:
     /// algorithm, the group is out of bounds, or the host key, the server's public value or its
     /// signature is not accepted. The server host key, compression and language lists are not
     /// compared. Throws what the decoders and DhExchange throw.
+    ///
+    /// After -1, or an exception, nobody knows who the server is and nothing is encrypted: give the
+    /// connection up. Authenticate sends nothing on it. A host key that was unknown is then known all the
+    /// same: it is written to known_hosts before the server has shown that it holds the key.
     int KeyExchange();
 
     /// Runs the ssh-userauth service (RFC 4252): asks with "none", then tries the methods that the
@@ -105,10 +123,13 @@ public:
     /// `identity` is the path of a private key, with its public key beside it under the extension
     /// ".ssh" or ".pub"; empty for the defaults in ~/.ssh. A key agent is asked first. `password` is
     /// both the login password and the key's passphrase; its text is wiped when it has been sent, so
-    /// that the caller's own copy reads as empty afterwards. `enter` asks for further passwords, as
+    /// that the caller's own copy reads as empty afterwards. Copies of it, and of what is typed, stay in the
+    /// memory of the messages sent and on the stack. `enter` asks for further passwords, as
     /// often as its number of tries; `callback` answers keyboard-interactive requests.
     ///
-    /// A banner is printed on standard output. Throws SshProtocolError on a message out of place.
+    /// A banner is printed on standard output as the server sent it, control characters included, so that it
+    /// may look like anything, a prompt of the program's too. Throws SshProtocolError on a message out of
+    /// place.
     int Authenticate(String_t const& identity, String_t const& user, String_t const& password,
                      EnterPassword& enter, KbdInteractiveCallback& callback);
 
@@ -138,14 +159,14 @@ public:
     /// listening fails. `spec` is as ParseFwdSpec reads it, whose -EINVAL is returned.
     ///
     /// A connection that is made while data flows on other channels may be dropped; see
-    /// AcceptLocalFwdConnection.
+    /// AcceptLocalFwdConnection. One that comes while the process has no descriptor left stays waiting, and
+    /// the loop busy-waits until there is one.
     int StartLocalForwarding(String_t const& spec);
     int StartLocalForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
                              String_t const& bindAddress);
 
     /// Stops listening; connections stay. Returns 0, or -1 if the port is not forwarded. The loop keeps the
-    /// record of the closed descriptor, and runs without a rest until its number is registered again or
-    /// unregistered.
+    /// record of the closed descriptor, and busy-waits until its number is registered again or unregistered.
     int CancelLocalForwarding(unsigned int listenPort);
 
     /// Asks the server to listen on `listenPort` of its address `bindAddress` and to lead each connection

@@ -139,6 +139,14 @@ TEST(KbdInteractiveCallback, NameAndInstructionAreLines) {
     EXPECT_GE(output.Flushes(), 2);
 }
 
+TEST(KbdInteractiveCallback, ControlCharactersArePrintedAsTheyCame) {
+    KbdInteractiveCallback callback;
+    Captured output(std::cout);
+    Fed input(std::cin, "answer\n");
+    EXPECT_THAT(Ask(callback, "\x1b[2J", "\a\r", {{"\x1b[1mPassphrase: ", true}}), ElementsAre("answer"));
+    EXPECT_EQ(output.Text(), "\x1b[2J\n\a\r\n\x1b[1mPassphrase: ");
+}
+
 TEST(KbdInteractiveCallback, EmptyNameAndInstructionPrintNothing) {
     KbdInteractiveCallback callback;
     Captured output(std::cout);
