@@ -1,7 +1,7 @@
-// Forwards TCP ports through a connection: beside a command or a shell, or alone until it is interrupted.
+// Forwards TCP ports through a connection, alongside a command or a shell, or alone until it is interrupted.
 //
-// The connections of -R have to be announced without the originator's address, which standard servers send:
-// with them the first one ends the session (docs/dialect.md).
+// With -R the server has to announce connections without the originator's address. Standard servers send it,
+// and with them the first connection ends the session (docs/dialect.md).
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@ namespace {
 using cindral::SshSession;
 using examples::Fail;
 
-/// Takes a byte for each interrupt. Its pipe stays open until the process ends: a handler may be about to
+/// Gets a byte for each interrupt. Its pipe stays open until the process ends: a handler may be about to
 /// write.
 volatile std::sig_atomic_t interruptPipe = -1;
 
@@ -52,12 +52,12 @@ private:
     SshSession& _session;
 };
 
-/// A session that does nothing but forward.
+/// A session that only forwards.
 class ForwardingSession : public SshSession {
 public:
     explicit ForwardingSession(String_t const& target) : SshSession(CLIENT, target) {}
 
-    /// As the sessions of the library: 1 if the server refuses the channel.
+    /// Returns 1, like the sessions of the library, if the server refuses the channel.
     int Run() override {
         if (Open() < 0) return 1;
         InitDispatcher();
@@ -82,8 +82,8 @@ bool IsReadable(char const* spec) {
     return SshSession::ParseFwdSpec(spec, bindAddress, listenPort, host, port) == 0;
 }
 
-/// Starts the forwardings from `option` on, each two words. Returns DONE, or a failure that has been
-/// reported.
+/// Starts the forwardings from `option` on, two words each. Returns DONE, or the status of a failure that has
+/// been reported.
 int StartForwardings(SshSession& session, char** option) {
     for (; IsForwarding(*option); option += 2) {
         int const result = IsLocal(*option) ? session.StartLocalForwarding(option[1])
@@ -102,7 +102,7 @@ int StartForwardings(SshSession& session, char** option) {
 int main(int, char** argv) {
     char const usage[] = "usage: forward [-i IDENTITY] [USER@]HOST[:PORT] FORWARDING... [-s | COMMAND...]\n"
                          "FORWARDING: -L or -R [BIND_ADDRESS:]LISTEN_PORT:HOST:PORT\n"
-                         "-s: a shell beside the forwardings";
+                         "-s: run a shell, too";
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
     char** rest = arguments._rest;

@@ -1,4 +1,4 @@
-// What the examples have in common: from a command line to a session that is logged in and run.
+// What the examples share: they read the command line, connect, log in and run the session.
 
 #ifndef EXAMPLES_LOGIN_H
 #define EXAMPLES_LOGIN_H
@@ -41,14 +41,14 @@ inline int Fail(Status status, String_t const& what) {
     return status;
 }
 
-/// [-i IDENTITY] [USER@]HOST[:PORT], and what follows.
+/// A command line that begins with [-i IDENTITY] [USER@]HOST[:PORT].
 struct CommandLine {
     String_t _identity;
     String_t _user;
     String_t _target;
-    char** _rest = nullptr; ///< null at its end
+    char** _rest = nullptr; ///< what follows; ends with a null pointer
 
-    /// Returns DONE, or a failure that has been reported.
+    /// Returns DONE, or the status of a failure that has been reported.
     int Read(char** argv, char const* usage) {
         ++argv;
         if (*argv && std::strcmp(*argv, "-i") == 0) {
@@ -57,13 +57,13 @@ struct CommandLine {
         }
         if (!*argv) return Fail(USAGE, usage);
         if (cindral::SshSession::ParseUrl(*argv, _user, _target) < 0)
-            return Fail(BAD_TARGET, "the target can't be read: an address in brackets needs its \"]\"");
+            return Fail(BAD_TARGET, "invalid target: an address in brackets needs its \"]\"");
         _rest = argv + 1;
         return DONE;
     }
 };
 
-/// The words of a command line as the one text that the remote shell gets.
+/// Joins the words of a command line into the one text that the remote shell gets.
 inline String_t Command(char** words) {
     String_t command(*words);
     while (*++words) (command += " ") += *words;
@@ -71,7 +71,7 @@ inline String_t Command(char** words) {
 }
 
 /// Some servers send messages of their own right after the login, and a channel can be opened only
-/// when they have been read. Takes what arrives until the server has been quiet for a moment.
+/// when they have been read. Reads until the server has been quiet for a moment.
 inline void DrainPendingMessages(cindral::SshSession& session) {
     constexpr int QUIET_MILLISECONDS = 300;
     pollfd socket = {session.Fd(), POLLIN, 0};
@@ -84,8 +84,9 @@ inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
         return Fail(NOT_CONNECTED, String_t("can't connect: ") += std::strerror(-error));
     try {
         if (session.KeyExchange() < 0)
-            return Fail(NO_KEY_EXCHANGE, "key exchange failed: no common algorithm, or a host key that can't "
-                                         "be trusted (is it another one than in ~/.ssh/known_hosts?)");
+            return Fail(NO_KEY_EXCHANGE,
+                        "key exchange failed: no common algorithm, or the host key is not trusted "
+                        "(does it differ from the one in ~/.ssh/known_hosts?)");
     } catch (cindral::InvalidArgument const&) {
         return Fail(NO_KEY_EXCHANGE, "key exchange failed: the server has no group exchange with SHA-1, or "
                                      "its group is too small");
@@ -98,13 +99,13 @@ inline int Login(cindral::SshSession& session, CommandLine const& arguments) {
     cindral::EnterPassword password(PASSWORD_TRIES, "Password: ");
     ServersQuestions questions(arguments._target);
     if (session.Authenticate(arguments._identity, arguments._user, String_t(), password, questions) < 0)
-        return Fail(NOT_LOGGED_IN, "the server accepts no login");
+        return Fail(NOT_LOGGED_IN, "login failed: no method that the server accepts succeeded");
     DrainPendingMessages(session);
     return DONE;
 }
 
-/// Makes a session of that class from the target and `more`, logs in and does the work on it, which gives
-/// the exit status.
+/// Makes a session of that class from the target and `more`, logs in and calls `work` with it. Returns the
+/// exit status: that of `work`, or that of a failure before.
 template <class Session, class Work, class... More>
 int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... more) {
     PrintableStream output(std::cout), errors(std::cerr);
@@ -116,20 +117,20 @@ int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... 
         return work(session);
     } catch (Except const& failure) {
         if (!hostIsKnown)
-            return Fail(UNKNOWN_HOST,
-                        String_t("no such host, or no port number after it: ") += arguments._target);
+            return Fail(UNKNOWN_HOST, String_t("unknown host, or invalid port: ") += arguments._target);
         return Fail(CONNECTION_FAILED, String_t("connection failed: ") += Printable(failure.what()));
     }
 }
 
 inline int RunToTheEnd(cindral::SshSession& session) {
     int const result = session.Run();
-    if (result == 1) return Fail(CHANNEL_REFUSED, "the server refuses the channel");
+    if (result == 1) return Fail(CHANNEL_REFUSED, "the server refused the channel");
     if (result > 0) return Fail(CONNECTION_FAILED, String_t("poll failed: ") += std::strerror(result));
     return DONE;
 }
 
-/// Makes a session of that class from the target and `more`, logs in and runs it to its end.
+/// Makes a session of that class from the target and `more`, logs in and runs it to its end. Returns the exit
+/// status.
 template <class Session, class... More>
 int RunSession(CommandLine const& arguments, More const&... more) {
     return LoginAndWork<Session>(arguments, RunToTheEnd, more...);

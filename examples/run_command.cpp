@@ -1,5 +1,5 @@
-// Runs one command on a remote host, attached to standard input and output. With -X its windows come up on
-// the user's own display.
+// Runs one command on a remote host, attached to standard input and output. With -X its windows appear on the
+// local display.
 
 #include "login.h"
 

@@ -1,5 +1,5 @@
-// Copies files to or from a remote host, through the scp program there. Names and modes of the files received
-// are this side's.
+// Copies files to or from a remote host, through the scp program there. Files received get their names and
+// modes from this side, and not from the server.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,20 +14,21 @@ using cindral::ScpSession;
 using examples::Fail;
 
 int StartFailed(int result) {
-    if (result > 0) return Fail(examples::CHANNEL_REFUSED, "the server refuses the channel");
-    return Fail(examples::NOT_COPIED, "the remote scp has not answered");
+    if (result > 0) return Fail(examples::CHANNEL_REFUSED, "the server refused the channel");
+    return Fail(examples::NOT_COPIED, "the remote scp did not answer");
 }
 
-/// -1 is minus the errno of a file that may not be opened, too.
+/// -1 can also be a negated errno: EPERM, for a file that may not be opened.
 int FileFailed(String_t const& file, int result) {
     String_t what(file);
     what += ": ";
-    what += result == -1 ? "not permitted, or the remote scp has not answered" : std::strerror(-result);
+    what += result == -1 ? "not permitted, or the remote scp did not answer" : std::strerror(-result);
     return Fail(examples::NOT_COPIED, what);
 }
 
 /// Creates a local file for ReceiveFile, unless there is one: ReceiveFile itself would create it with the
-/// mode that the server says, set-user-ID included. Unless it is kept, a file that was created goes again.
+/// mode that the server names, set-user-ID included. A file that was created is removed again, unless it is
+/// kept.
 class LocalFile {
 public:
     explicit LocalFile(Pathname const& path) : _path(path) {
@@ -73,8 +74,7 @@ int Get(ScpSession& session, char** files, char** last) {
     return examples::DONE;
 }
 
-/// What the remote program complains of comes as an exception with its words, and so does a disk that is
-/// full.
+/// An error of the remote program arrives as an exception with the program's words, and so does a full disk.
 template <class Copy>
 int Try(Copy const& copy) {
     try {

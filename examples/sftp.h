@@ -1,4 +1,4 @@
-// What the SFTP examples have in common: a session that is started, and words for what failed.
+// What the SFTP examples share: starting the session, and reporting failures.
 
 #ifndef EXAMPLES_SFTP_H
 #define EXAMPLES_SFTP_H
@@ -9,8 +9,8 @@
 
 namespace examples {
 
-/// Says what has failed: in the server's own words if it has refused something, which shows in a fresh
-/// status, or else in those of this system.
+/// Reports a failure: in the server's own words if it refused something, which shows in `answer` if that was
+/// fresh before the operation, or else in those of this system.
 inline int FileFailed(Status status, String_t const& file, int result, cindral::SftpStatus const& answer) {
     String_t what = Printable(file);
     what += ": ";
@@ -23,14 +23,14 @@ inline int FileFailed(Status status, String_t const& file, int result, cindral::
     return Fail(status, what);
 }
 
-/// Logs in, starts SFTP and does the work on the session, which gives the exit status.
+/// Logs in, starts SFTP and calls `work` with the session. Returns the exit status.
 template <class Work>
 int WorkOnFiles(CommandLine const& arguments, Work const& work) {
     using cindral::SftpClientSession;
     return LoginAndWork<SftpClientSession>(arguments, [&work](SftpClientSession& session) {
         int const result = session.Start();
-        if (result > 0) return Fail(CHANNEL_REFUSED, "the server refuses the channel");
-        if (result < 0) return Fail(CONNECTION_FAILED, "the server does not name its directory");
+        if (result > 0) return Fail(CHANNEL_REFUSED, "the server refused the channel");
+        if (result < 0) return Fail(CONNECTION_FAILED, "the server did not name its directory");
         return work(session);
     });
 }

@@ -64,7 +64,7 @@ int main(int, char** argv) {
         int const result = change->make(session, status, words + 1);
         if (result >= 0) return static_cast<int>(examples::DONE);
         char const* const subject = words[change->subject];
-        // The one failure that is not the server's.
+        // The only failure that does not come from the server.
         if (status._code == SftpStatus::FX_OK)
             return Fail(examples::NOT_CHANGED, String_t(subject) += ": nothing matches");
         return examples::FileFailed(examples::NOT_CHANGED, subject, result, status);

@@ -1,9 +1,9 @@
 // Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories.
 //
-// SftpClientSession::Get and MGet do the same in one call, but write wherever a name of the server's leads
-// and give files the mode that the server says (docs/dialect.md, Hazards). Here a name that the server
-// chooses is checked before anything is written under it, and a new file gets no more than the permission
-// bits, within the umask.
+// SftpClientSession::Get and MGet do the same in one call, but they write under any name that the server
+// answers, and give files the mode that the server names (docs/dialect.md, Hazards). Here a name that the
+// server chooses is checked before anything is written under it, and a new file gets the permission bits
+// alone, within the umask.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,7 +36,7 @@ int Failed(String_t const& file, int result, SftpStatus const& status) {
 
 int FailedHere(String_t const& file) { return Failed(file, -errno, SftpStatus()); }
 
-/// Does a step for each name and goes on after one that fails. Returns DONE, or the last failure.
+/// Calls `step` for each name, and goes on after a failure. Returns DONE, or the last failure.
 template <class Step>
 int ForEach(TOList<String_t> const& names, Step const& step) {
     int outcome = DONE;
@@ -46,8 +46,8 @@ int ForEach(TOList<String_t> const& names, Step const& step) {
     return outcome;
 }
 
-/// A copy can end well and yet be incomplete: a server may send less than the file has, and a block that it
-/// refuses ahead of the last is left out. The sizes show it.
+/// A copy can succeed and yet be incomplete: a server may send less than the file has, and a block that it
+/// refuses before the last one is left out. The sizes show it.
 int CompareSizes(SftpClientSession& session, String_t const& remote, String_t const& local) {
     SftpStatus status;
     SftpFileAttr attrs;
@@ -57,7 +57,7 @@ int CompareSizes(SftpClientSession& session, String_t const& remote, String_t co
     if (stat64(local.Text(), &file) < 0) return FailedHere(local);
     auto const localSize = static_cast<unsigned long long>(file.st_size);
     if (!S_ISREG(file.st_mode) || attrs._size == localSize) return DONE;
-    std::string const sizes = ": not complete, " + std::to_string(attrs._size) + " bytes there and " +
+    std::string const sizes = ": incomplete, " + std::to_string(attrs._size) + " bytes there and " +
                               std::to_string(localSize) + " here";
     return Fail(examples::NOT_COPIED, examples::Printable(remote) += sizes.c_str());
 }
@@ -76,7 +76,7 @@ bool IsPlainName(String_t const& name) {
 }
 
 int RefuseName(String_t const& name) {
-    return Fail(examples::NOT_COPIED, examples::Printable(name) += ": not a name in a directory");
+    return Fail(examples::NOT_COPIED, examples::Printable(name) += ": not a plain file name");
 }
 
 int Write(int fd, char const* bytes, int count) {
@@ -115,12 +115,12 @@ int GetFile(SftpClientSession& session, String_t const& remote, Pathname const& 
     }
 }
 
-/// Under a name of the user's, which may be that of a link.
+/// Copies to a name that the user gave, which may be that of a link.
 int GetNamed(SftpClientSession& session, String_t const& remote, String_t const& dir) {
     return GetFile(session, remote, PlaceIn(dir, remote), 0);
 }
 
-/// Under a name of the server's, which no link can lead elsewhere.
+/// Copies to a name that the server chose. No link there can lead the copy elsewhere.
 int GetChosen(SftpClientSession& session, String_t const& remote, Pathname const& local) {
     return GetFile(session, remote, local, O_NOFOLLOW);
 }
@@ -130,7 +130,7 @@ std::ptrdiff_t Depth(String_t const& path) {
     return std::count(text.begin(), text.end(), '/');
 }
 
-/// A wildcard of Glob matches "/" as well: the server may answer "photos*" by "photos/../.profile".
+/// A wildcard of Glob matches "/" as well: the server may answer "photos*" with "photos/../.profile".
 int GetMatching(SftpClientSession& session, String_t const& given, String_t const& dir) {
     Pathname const pattern = session.RemotePathname(given).Collapse();
     SftpStatus status;
@@ -144,7 +144,7 @@ int GetMatching(SftpClientSession& session, String_t const& given, String_t cons
     });
 }
 
-/// Makes a directory unless there is one. A link to one leads elsewhere.
+/// Makes a directory unless there is one. A link to one is refused, as it leads elsewhere.
 bool MakeDirectory(Pathname const& dir) {
     struct stat64 file;
     if (mkdir(dir.Text(), 0777) == 0) return true;
@@ -153,7 +153,7 @@ bool MakeDirectory(Pathname const& dir) {
     return S_ISDIR(file.st_mode);
 }
 
-/// Copies what a remote directory holds into a local one, which is made.
+/// Copies the contents of a remote directory into a local one, which is made.
 int GetDirectory(SftpClientSession& session, Pathname const& remote, Pathname const& local) {
     if (!MakeDirectory(local)) return FailedHere(local);
     SftpStatus status;
@@ -170,16 +170,15 @@ int GetDirectory(SftpClientSession& session, Pathname const& remote, Pathname co
         else if (S_ISREG(entry->_status.st_mode))
             result = GetChosen(session, Under(remote, entry->_name), Under(local, entry->_name));
         else
-            std::cerr << examples::Printable(entry->_name) << ": left out, not a file or directory"
+            std::cerr << examples::Printable(entry->_name) << ": skipped, not a file or directory"
                       << std::endl;
         if (result != DONE) outcome = result;
     }
     return outcome;
 }
 
-/// The place of a remote directory: under its last component as the user gave it. What "." and ".." stand for
-/// is the server's to say, so they have no name here, and what they hold goes into the local directory
-/// itself.
+/// Where a remote directory goes: under its last component, as the user gave it. What "." and ".." are called
+/// is up to the server, so their contents go into the local directory itself.
 Pathname PlaceOfTree(String_t const& dir, Pathname const& remote) {
     String_t const leaf = remote.Leaf(nullptr);
     return leaf == "" || leaf == "." || leaf == ".." ? Pathname(dir) : Under(dir, leaf);
@@ -202,8 +201,8 @@ int Get(SftpClientSession& session, bool recursive, String_t const& remote, Stri
 
 // --- to the server
 
-/// Copies a list of files into a remote directory; it ends at the first that can't be copied. `what` is their
-/// common name.
+/// Copies a list of files into a remote directory, up to the first that can't be copied. `what` stands for
+/// all of them in a report.
 int PutFiles(SftpClientSession& session, String_t const& what, TOList<String_t> const& names,
              String_t const& dir) {
     SftpStatus status;
@@ -234,7 +233,7 @@ int MakeRemoteDirectory(SftpClientSession& session, Pathname const& dir) {
     return isThere ? DONE : Failed(dir, made, refusal);
 }
 
-/// Copies what a local directory holds into a remote one, which is made.
+/// Copies the contents of a local directory into a remote one, which is made.
 int PutDirectory(SftpClientSession& session, Pathname const& local, Pathname const& remote) {
     if (int const status = MakeRemoteDirectory(session, remote); status != DONE) return status;
     TOList<String_t> files;
@@ -252,7 +251,7 @@ int PutDirectory(SftpClientSession& session, Pathname const& local, Pathname con
         else if (S_ISREG(attrs.st_mode))
             files.Append(file);
         else
-            std::cerr << file << ": left out, not a file or directory" << std::endl;
+            std::cerr << file << ": skipped, not a file or directory" << std::endl;
         if (result != DONE) outcome = result;
     }
     if (error) return Failed(local, -error.value(), SftpStatus());

@@ -15,7 +15,7 @@ struct Options {
     int reverse = 0;
 };
 
-/// Nothing is searched for in the set any more, so that its names may change.
+/// The order of the set no longer matters, so that its names may change.
 void MakePrintable(Entries& entries) {
     Entries::Iterator next(entries, 0);
     while (DirEntry* const entry = next()) {
@@ -24,8 +24,8 @@ void MakePrintable(Entries& entries) {
     }
 }
 
-/// An empty directory and one that is not there give no entries alike.
-int TellWhyNothingIsListed(SftpClientSession& session, String_t const& path) {
+/// Neither an empty directory nor a missing one has entries.
+int ReportWhyNothingIsListed(SftpClientSession& session, String_t const& path) {
     if (SftpClientSession::IsWildcardPath(path))
         return Fail(examples::NOT_LISTED, String_t(path) += ": nothing matches");
     SftpStatus status;
@@ -37,7 +37,8 @@ int TellWhyNothingIsListed(SftpClientSession& session, String_t const& path) {
 int List(SftpClientSession& session, String_t const& path, Options const& options) {
     SftpStatus status;
     Entries entries;
-    if (session.ListDir(status, entries, path, options.all) < 1) return TellWhyNothingIsListed(session, path);
+    if (session.ListDir(status, entries, path, options.all) < 1)
+        return ReportWhyNothingIsListed(session, path);
     MakePrintable(entries);
     PutDirEntries(std::cout, entries, options.reverse);
     return examples::DONE;

@@ -1,4 +1,4 @@
-// Holds an interactive shell on a remote host.
+// Runs an interactive shell on a remote host.
 
 #include "login.h"
 

@@ -30,10 +30,10 @@ auto Complains(std::string const& line) {
 class LayersOfACopy : public testing::Test {
 protected:
     LayersOfACopy() {
-        for (char const* folder : {"apps", "channel", "docs", "event", "foundations", "include", "kex",
-                                   "packet", "session", "sftp", "trust"})
-            std::filesystem::copy(SOURCES / folder, Path() / folder,
-                                  std::filesystem::copy_options::recursive);
+        for (auto const& folder : std::filesystem::directory_iterator(SOURCES))
+            if (IsPartOfIt(folder.path().filename()))
+                std::filesystem::copy(folder, Path() / folder.path().filename(),
+                                      std::filesystem::copy_options::recursive);
     }
 
     std::filesystem::path const& Path() const { return _tree.Path(); }
@@ -48,6 +48,14 @@ protected:
     }
 
 private:
+    /// The documents, the public headers, and the folders of the libraries.
+    static bool IsPartOfIt(std::string const& name) {
+        for (char const* other : {"bench", "examples", "fuzz", "tests"})
+            if (name == other) return false;
+        return name == "docs" || name == "include" || name == "foundations" ||
+               std::filesystem::exists(SOURCES / name / "CMakeLists.txt");
+    }
+
     servers::TemporaryDirectory _tree;
 };
 
@@ -79,6 +87,12 @@ TEST_F(LayersOfACopy, HeadersWithoutAnExtensionCount) {
 TEST_F(LayersOfACopy, PathsIntoAnotherFolderCount) {
     Append("event/timers.cpp", "#include \"../channel/forwarded_connection.h\"\n");
     EXPECT_THAT(CheckLayers(Path()), Complains("event may not include channel"));
+}
+
+TEST_F(LayersOfACopy, PathsFromTheTopCount) {
+    Append("sftp/sftp_name.cpp", "#include \"trust/private.h\"\n");
+    WriteFile(Path() / "trust/private.h", "");
+    EXPECT_THAT(CheckLayers(Path()), Complains("sftp may not include trust"));
 }
 
 TEST_F(LayersOfACopy, HeaderForEverythingIsNotForTheLibrary) {

@@ -174,5 +174,5 @@ TEST(Forward, RefusedChannelIsTold) {
                         c.SendOpenFailure(1, "");
                     },
                     FORWARD, FromPort(tcp::FreePort())),
-                Fails(7, "the server refuses the channel"));
+                Fails(7, "the server refused the channel"));
 }

@@ -115,7 +115,7 @@ TEST_F(SftpExamples, CopyWalksThroughDirectories) {
     std::filesystem::create_symlink("one", There("tree/link"));
     Ran const ran = Run(SFTP_COPY, "get -r " + There("tree") + " " + Here("back"));
     EXPECT_EQ(ran.status, 0) << ran;
-    EXPECT_EQ(ran.errors, "link: left out, not a file or directory\n");
+    EXPECT_EQ(ran.errors, "link: skipped, not a file or directory\n");
     EXPECT_FALSE(std::filesystem::exists(Here("back/tree/link")));
 }
 
@@ -318,8 +318,8 @@ TEST(SftpExamplesAgainstMalice, RecursiveGetStaysInItsDirectory) {
                                      "in/tree/sub/deep/x", "in/tree/sub/fine", "out", "out/file"));
     EXPECT_EQ(ReadFile(outer / "out/file"), "untouched");
     EXPECT_EQ(ReadFile(outer / "in/tree/good"), "/tree/good");
-    for (char const* line : {"../escaped: not a name in a directory\n", "a/..: not a name in a directory\n",
-                             "new?line?[31m: not a name in a directory\n",
+    for (char const* line : {"../escaped: not a plain file name\n", "a/..: not a plain file name\n",
+                             "new?line?[31m: not a plain file name\n",
                              "/linked: Too many levels of symbolic links\n", "/elsewhere: Not a directory\n"})
         EXPECT_THAT(ran.errors, HasSubstr(line));
 }
@@ -340,7 +340,7 @@ TEST(SftpExamplesAgainstMalice, PatternGetTakesNoNameThatLeadsElsewhere) {
     EXPECT_EQ(ReadFile(outer / "elsewhere"), "untouched");
     EXPECT_EQ(ReadFile(outer / "in/foobar"), "/tree/foobar");
     for (char const* line :
-         {"/tree/foo/.bashrc: not a name in a directory\n", "/tree/foo?bar: not a name in a directory\n",
+         {"/tree/foo/.bashrc: not a plain file name\n", "/tree/foo?bar: not a plain file name\n",
           "/foolink: Too many levels of symbolic links\n"})
         EXPECT_THAT(ran.errors, HasSubstr(line));
 }
@@ -385,7 +385,7 @@ TEST(SftpExamplesAgainstMalice, FileCutShortIsNoticed) {
     Manner manner;
     manner.heldBack = 3;
     EXPECT_THAT(RunAgainst({}, SFTP_COPY, "get /file " + here.Path().string(), manner),
-                Fails(10, "/file: not complete, 8 bytes there and 5 here"));
+                Fails(10, "/file: incomplete, 8 bytes there and 5 here"));
 }
 
 TEST(SftpExamplesAgainstMalice, NothingSteersTheTerminal) {
@@ -426,6 +426,6 @@ TEST(SftpExamplesRefused, ChannelIsTold) {
         },
         settings);
     EXPECT_THAT(Execute(SFTP_LS, "tester@127.0.0.1:" + std::to_string(server.Port())),
-                Fails(7, "the server refuses the channel"));
+                Fails(7, "the server refused the channel"));
     server.Finish();
 }
