@@ -18,18 +18,18 @@ std::string Lines(std::string const& text) { return Printable(text, Layout::LINE
 
 } // namespace
 
-TEST(Printable, TextStaysAsItIs) {
+TEST(ExamplesPrintable, TextStaysAsItIs) {
     for (char const* text : {"", "a b~", "caf\303\251", "\342\202\254", "\360\237\230\200", "\302\240",
                              "\364\217\277\277", "\355\237\277"})
         EXPECT_EQ(OneLine(text), text);
 }
 
-TEST(Printable, ControlCharactersAreReplaced) {
+TEST(ExamplesPrintable, ControlCharactersAreReplaced) {
     EXPECT_EQ(OneLine(std::string("a\0\033[1m\177\n\r\tb", 11)), "a??[1m????b");
     EXPECT_EQ(OneLine("\302\200\302\233x\302\237"), "??x?") << "U+0080 to U+009F";
 }
 
-TEST(Printable, BytesThatAreNotUtf8AreReplaced) {
+TEST(ExamplesPrintable, BytesThatAreNotUtf8AreReplaced) {
     EXPECT_EQ(OneLine("\233[2J"), "?[2J");
     EXPECT_EQ(OneLine("\303"), "?") << "cut short";
     EXPECT_EQ(OneLine("\303\303\251"), "?\303\251");
@@ -38,17 +38,17 @@ TEST(Printable, BytesThatAreNotUtf8AreReplaced) {
     EXPECT_EQ(OneLine("\364\220\200\200\370"), "?????") << "beyond the last";
 }
 
-TEST(Printable, LinesKeepTheirEndsAndTabs) {
+TEST(ExamplesPrintable, LinesKeepTheirEndsAndTabs) {
     EXPECT_EQ(Lines("a\n\tb\r\n"), "a\n\tb\r\n");
     EXPECT_EQ(Lines("a\rb\033\r"), "a?b??") << "a carriage return writes over the line";
 }
 
-TEST(HasControl, FindsOneAnywhere) {
+TEST(ExamplesHasControl, FindsOneAnywhere) {
     for (char const* text : {"\n", "a\033", "a\177b", "\302\205"}) EXPECT_TRUE(HasControl(text)) << text;
     for (char const* text : {"", "ab", "caf\303\251", "caf\351"}) EXPECT_FALSE(HasControl(text)) << text;
 }
 
-TEST(PrintableStream, FiltersUntilItGoes) {
+TEST(ExamplesPrintableStream, FiltersUntilItGoes) {
     std::ostringstream out;
     {
         examples::PrintableStream filter(out);
@@ -59,7 +59,7 @@ TEST(PrintableStream, FiltersUntilItGoes) {
     EXPECT_EQ(out.str(), "?[2J12?\a");
 }
 
-TEST(PrintableStream, RevivesAStreamThatHasFailed) {
+TEST(ExamplesPrintableStream, RevivesAStreamThatHasFailed) {
     std::ostringstream out;
     {
         examples::PrintableStream filter(out);
