@@ -1,10 +1,11 @@
 // The interactive shell, on a real terminal and without one.
 
+#include <brantle/apps/ssh_interactive_session.h>
+
 #include <cstdlib>
 #include <map>
 #include <thread>
 
-#include <brantle/apps/ssh_interactive_session.h>
 #include <brantle/cindral/tty_modes.h>
 
 #include "wire/apps_fixture.h"

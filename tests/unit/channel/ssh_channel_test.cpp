@@ -1,8 +1,7 @@
 #include <brantle/channel/ssh_channel.h>
 
-#include "support/holds_buffer.h"
-
 #include "plain_connection.h"
+#include "support/holds_buffer.h"
 
 namespace cindral {
 

@@ -1,3 +1,5 @@
+#include <brantle/event/iomultiplexer_task.h>
+
 #include <sys/resource.h>
 
 #include <atomic>
@@ -11,7 +13,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <brantle/event/iomultiplexer_task.h>
 #include <brantle/event/timers.h>
 
 #include "pipes.h"
