@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <netdb.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <cerrno>
@@ -14,6 +15,7 @@ std::atomic<short> failingEvents{0};
 std::atomic<int> longestLimit{0};
 std::atomic<int> lastLimit{0};
 std::atomic<bool> addressTextFails{false};
+std::atomic<bool> noDescriptorIsLeft{false};
 std::atomic<int> nameLookUps{0};
 
 template <typename Function>
@@ -34,6 +36,9 @@ int FailingWait::Limit() const { return lastLimit; }
 FailingAddressText::FailingAddressText() { addressTextFails = true; }
 FailingAddressText::~FailingAddressText() { addressTextFails = false; }
 
+NoDescriptorLeft::NoDescriptorLeft() { noDescriptorIsLeft = true; }
+NoDescriptorLeft::~NoDescriptorLeft() { noDescriptorIsLeft = false; }
+
 NameLookUps::NameLookUps() { nameLookUps = 0; }
 int NameLookUps::Count() const { return nameLookUps; }
 
@@ -47,6 +52,13 @@ int poll(pollfd* records, nfds_t count, int limit) {
         return next(records, count, limit);
     lastLimit = limit;
     errno = ETIMEDOUT;
+    return -1;
+}
+
+int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    static auto* const next = Next(&accept4, "accept4");
+    if (!noDescriptorIsLeft) return next(fd, address, length, flags);
+    errno = EMFILE;
     return -1;
 }
 

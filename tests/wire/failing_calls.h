@@ -25,6 +25,16 @@ public:
     FailingAddressText& operator=(FailingAddressText const&) = delete;
 };
 
+/// accept4(2) fails with EMFILE as long as the object lives, as where the process has no descriptor left.
+/// Lowering the limit itself would stop the sanitizers, which open descriptors of their own.
+class NoDescriptorLeft {
+public:
+    NoDescriptorLeft();
+    ~NoDescriptorLeft();
+    NoDescriptorLeft(NoDescriptorLeft const&) = delete;
+    NoDescriptorLeft& operator=(NoDescriptorLeft const&) = delete;
+};
+
 /// Counts the reverse look-ups of names in this process.
 class NameLookUps {
 public:

@@ -31,22 +31,6 @@ bool IsSet(int fd, int level, int option) {
     return getsockopt(fd, level, option, &value, &size) == 0 && value != 0;
 }
 
-/// As long as it lives the process can open no descriptor.
-class NoDescriptorLeft {
-public:
-    NoDescriptorLeft() {
-        getrlimit(RLIMIT_NOFILE, &_before);
-        rlimit const lowered{3, _before.rlim_max}; // 0, 1 and 2 are open
-        setrlimit(RLIMIT_NOFILE, &lowered);
-    }
-    ~NoDescriptorLeft() { setrlimit(RLIMIT_NOFILE, &_before); }
-    NoDescriptorLeft(NoDescriptorLeft const&) = delete;
-    NoDescriptorLeft& operator=(NoDescriptorLeft const&) = delete;
-
-private:
-    rlimit _before{};
-};
-
 class LocalForwarding : public ForwardingTest {
 protected:
     /// Expects that the connection is attached to the server's channel 77, and ends the run.
