@@ -10,6 +10,8 @@
 #include <cstdio>
 
 #include <brantle/cindral/exceptions.h>
+#include <brantle/session/file_transfer.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/thornel/file_descriptor.h>
 #include <brantle/thornel/text.h>
 
@@ -57,6 +59,7 @@ int ScpSession::StartSend(String_t const& target) {
 }
 
 int ScpSession::SendFile(String_t const& dir, String_t const& name) {
+    if (_dialect && !_dialect->Transfer().CanAnnounce(name)) return -EINVAL;
     Pathname const path = Join(dir, name);
     FileDescriptor const fd(open64(str_text(path.Text()), O_RDONLY | O_CLOEXEC));
     if (fd < 0) return -errno;
@@ -70,6 +73,11 @@ int ScpSession::SendFile(String_t const& dir, String_t const& name) {
                   static_cast<long long>(status.st_size), str_text(name.Text()));
     _output.Writeln(block, EOL);
     if (int const result = ReadResponse(); result < 0) return result;
+    if (_dialect) {
+        int const sent = _dialect->Transfer().SendBody(_output, name, fd, status.st_size);
+        int const answer = ReadResponse();
+        return sent < 0 ? sent : answer;
+    }
     for (ssize_t n; (n = read(fd, block, sizeof block)) > 0;) _output.Write(block, static_cast<int>(n));
     _output.Put(ACKNOWLEDGED);
     return ReadResponse();
@@ -127,11 +135,17 @@ int ScpSession::ReceiveFile(String_t const& dir, String_t const& name) {
     ParseCLine(line.SubStr(1, UINT_MAX), mode, size, announced);
     _output.Put(ACKNOWLEDGED);
     Pathname const path = Join(dir, name);
-    // Deliberate: the server's mode, set-user-ID and all, as far as the umask lets it (pinned by
-    // ScpReceive.ModeOfTheServerIsTakenWithItsSpecialBits).
-    FileDescriptor const fd(open64(str_text(path.Text()), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
+    // Deliberate without a dialect: the server's mode, set-user-ID and all, as far as the umask lets it
+    // (pinned by ScpReceive.ModeOfTheServerIsTakenWithItsSpecialBits).
+    FileDescriptor const fd(open64(str_text(path.Text()), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
+                                   _dialect ? _dialect->Transfer().CreationMode(mode) : mode));
     if (fd < 0) return -errno;
-    ReceiveBody(fd, size);
+    if (_dialect) {
+        if (int const result = _dialect->Transfer().ReceiveBody(_input, name, fd, size); result < 0)
+            return result;
+    } else {
+        ReceiveBody(fd, size);
+    }
     int const result = ReadResponse();
     if (result >= 0) _output.Put(ACKNOWLEDGED);
     return result;

@@ -9,6 +9,7 @@
 
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/global_requests.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/thornel/client_socket.h>
 #include <brantle/thornel/file_descriptor.h>
 
@@ -20,6 +21,7 @@ namespace {
 
 constexpr unsigned int ACCEPT_LIMIT = 60; ///< seconds
 constexpr int BACKLOG = 1;
+constexpr int DIALECT_BACKLOG = 128;
 
 /// Starts a forwarding that is given as text.
 template <class Start>
@@ -76,6 +78,10 @@ int SshSession::LFAcceptor::Dispatch(int fd) {
     SshSession* const session = _session; // what is handled meanwhile may replace this dispatcher
     LocalForwarding* const forwarding = session->_localForwardings.Find(_listenPort);
     if (!forwarding || !forwarding->_server || forwarding->_server->Fd() != fd) return 0;
+    if (session->_dialect) {
+        session->_dialect->Accept(*forwarding);
+        return 1;
+    }
     // Deliberate: whatever it returns. Without a descriptor for it a connection stays ready, and the loop
     // busy-waits. Pinned by LocalForwarding.ListenerStaysInTheLoopWhileNoDescriptorIsLeft.
     session->AcceptLocalFwdConnection(forwarding);
@@ -92,7 +98,7 @@ int SshSession::StartLocalForwarding(unsigned int port, String_t const& host, un
     auto const [entry, isNew] =
         _localForwardings.Insert(listenPort, LocalForwarding(bindAddress, listenPort, port, host));
     if (!isNew) return -1;
-    if (entry->_server->Listen(BACKLOG) < 0) {
+    if (entry->_server->Listen(_dialect ? DIALECT_BACKLOG : BACKLOG) < 0) {
         int const error = errno;
         _localForwardings.Remove(listenPort);
         return -error;
@@ -102,8 +108,10 @@ int SshSession::StartLocalForwarding(unsigned int port, String_t const& host, un
 }
 
 int SshSession::CancelLocalForwarding(unsigned int listenPort) {
-    // Deliberate: the registration of the closed descriptor stays. Pinned by
+    // Deliberate without a dialect: the registration of the closed descriptor stays. Pinned by
     // LocalForwarding.CancelClosesTheListenerAndLeavesItsRecordBehind.
+    LocalForwarding const* const forwarding = _dialect ? _localForwardings.Find(listenPort) : nullptr;
+    if (forwarding) _mux.Unregister(forwarding->_server->Fd());
     return _localForwardings.Remove(listenPort) ? 0 : -1;
 }
 

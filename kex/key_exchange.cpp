@@ -4,7 +4,7 @@
 
 #include <brantle/cindral/digest.h>
 #include <brantle/cindral/signature.h>
-#include <brantle/session/ssh_session.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/thornel/split.h>
 #include <brantle/trust/known_hosts.h>
 
@@ -51,6 +51,7 @@ void UpdateRaw(Digest& digest, ByteString const& bytes) { digest._rep->Update(by
 } // namespace
 
 int SshSession::KeyExchange() {
+    if (_dialect) return _dialect->KeyExchange();
     PacketKexInit own(_defaultKexAlgorithms);
     _out.WritePacket(own);
     PacketDecoder decoder(_in.ReadPacket());

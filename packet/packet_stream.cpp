@@ -30,6 +30,7 @@ unsigned int OSshPacketStream::SizeOf(Packet& packet) {
 }
 
 void OSshPacketStream::WritePacket(Packet& packet, bool more) {
+    if (_filter) return _filter->Write(packet, more);
     _sshBuffer.StartPacket();
     ByteString const payload = packet.Payload(_sshBuffer._cipher);
     auto const padding = static_cast<unsigned char>(packet._padLen);
@@ -77,6 +78,7 @@ bool ISshPacketStream::HasBufferedPacket() {
 }
 
 ByteString ISshPacketStream::ReadPacket() {
+    if (_filter) return _filter->Read();
     StartPacket();
     _isStarted = false;
     unsigned int const block = _sshBuffer._cipher._rep->BlockSize();

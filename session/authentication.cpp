@@ -11,7 +11,7 @@
 #include <brantle/cindral/string_buffer.h>
 #include <brantle/packet/auth_messages.h>
 #include <brantle/packet/transport_messages.h>
-#include <brantle/session/ssh_session.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/thornel/pathname.h>
 #include <brantle/thornel/split.h>
 #include <brantle/thornel/text.h>
@@ -46,6 +46,7 @@ int SshSession::TakeVerdict(int number) {
 
 int SshSession::Authenticate(String_t const& identity, String_t const& user, String_t const& password,
                              EnterPassword& enter, KbdInteractiveCallback& callback) {
+    if (_dialect) return _dialect->Authenticate(identity, user, password, enter, callback);
     if (!HasKeys()) return -1; // whoever is at the other end would read the credentials
     InitiateAuthentication();
     PacketUserAuthNoneRequest request(user, SERVICE);

@@ -11,7 +11,7 @@
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/session_requests.h>
 #include <brantle/packet/transport_messages.h>
-#include <brantle/session/ssh_session.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/thornel/sock_io.h>
 #include <brantle/thornel/text.h>
 
@@ -38,6 +38,7 @@ public:
         : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session) {}
     SshDispatcher* Clone() const override { return new SshDispatcher(*this); }
     int Dispatch(int fd) override { return _session->Dispatch(fd); }
+    int InAvail() const override { return _session->_dialect && _session->_dialect->HasInput(); }
 
 private:
     SshSession* _session;
@@ -107,6 +108,7 @@ void SshSession::RegisterFdDispatcher(SshChannel* channel) {
 }
 
 void SshSession::RegisterChannelInput(int fd, SshChannel* channel) {
+    if (_dialect) return _dialect->RegisterInput(fd, *channel);
     _mux.Register(fd, FdDispatcher(this, channel));
 }
 
@@ -124,6 +126,7 @@ SshChannel* SshSession::ReplaceChannel(unsigned int id, SshChannelMakerBase cons
 
 int SshSession::Dispatch(int fd) {
     if (fd != _fd) throw SystemError("invalid input", EINVAL, CryptoException::EncodeInt(fd));
+    if (_dialect) return _dialect->Dispatch();
     // Deliberate: the rest of a packet that has begun is waited for, and timers and Terminate with it. Pinned
     // by Dispatch.PacketWhoseRestComesLaterIsWaitedForInTheSameDispatch.
     return HandlePackets([this] { return _in.HasBufferedInput(); });

@@ -11,6 +11,7 @@
 #include <brantle/channel/tcp_forwarding.h>
 #include <brantle/channel/x11_forwarding.h>
 #include <brantle/cindral/exceptions.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/thornel/sock_stream.h>
 #include <brantle/thornel/text.h>
 
@@ -72,21 +73,26 @@ void SshSession::SetNodelay(int fd) {
         throw SystemError("setsockopt", errno, CryptoException::EncodeInt(fd));
 }
 
-int SshSession::Connect(unsigned int timeout) {
+int SshSession::OpenSocket(unsigned int timeout) {
     int error = 0;
     int const fd = _socket.Connect(timeout, error);
     if (fd != _fd) {
         if (_fd >= 0) close(_fd);
         _fd = fd;
     }
-    if (fd < 0) return -error;
-    IOSockStream line(fd);
+    return fd < 0 ? -error : 0;
+}
+
+int SshSession::Connect(unsigned int timeout) {
+    if (_dialect) return _dialect->Connect(timeout);
+    if (int const result = OpenSocket(timeout); result < 0) return result;
+    IOSockStream line(_fd);
     line.Readln(_serverVersion, "\n");
     line.Writeln(_clientVersion, "\n");
     line.Flush();
     _serverVersion = _serverVersion.Trim();
-    _out._socketBuffer.Bind(fd);
-    _in._socketBuffer.Bind(fd);
+    _out._socketBuffer.Bind(_fd);
+    _in._socketBuffer.Bind(_fd);
     return 0;
 }
 

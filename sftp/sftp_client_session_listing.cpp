@@ -5,6 +5,8 @@
 #include <climits>
 #include <cstring>
 
+#include <brantle/session/file_transfer.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/sftp/sftp_client_session.h>
 #include <brantle/thornel/text.h>
 
@@ -112,6 +114,7 @@ int SftpClientSession::ReadDir(SftpClient::DirReader& reader, String_t const& pa
     for (; HasEntry(reader); ++reader) {
         String_t const& name = reader._filename;
         if (IsSelfOrParent(name) || !Matches(name, pattern)) continue;
+        if (_dialect) _dialect->Transfer().CheckName(name);
         names.Append(Pathname(dir).Append(name.Text()));
         ++count;
     }

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include <brantle/session/file_transfer.h>
+#include <brantle/session/session_dialect.h>
 #include <brantle/sftp/sftp_client_session.h>
 #include <brantle/thornel/file_descriptor.h>
 #include <brantle/thornel/text.h>
@@ -37,6 +39,7 @@ int ForEach(TOList<String_t> const& names, Operation const& operation) {
 } // namespace
 
 int SftpClientSession::Receive(SftpStatus& status, String_t const& remote, int fd) {
+    if (_dialect) return _dialect->Transfer().Receive(_client, status, remote, fd);
     SftpFileHandle const handle = _client.Open(status, remote, SftpClient::SSH_FXF_READ, SftpFileAttr());
     SftpClient::FileControl const control(_client, handle);
     if (handle._bytes.Length() == 0) return -1;
@@ -60,11 +63,13 @@ int SftpClientSession::ReceiveBlocks(SftpStatus& status, SftpFileHandle const& h
 }
 
 int SftpClientSession::Receive(SftpStatus& status, String_t const& remote, String_t const& local) {
+    if (_dialect) return _dialect->Transfer().Receive(_client, status, remote, local);
     FileDescriptor const fd(open64(str_text(local.Text()), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     return fd < 0 ? -errno : Receive(status, remote, fd);
 }
 
 int SftpClientSession::Send(SftpStatus& status, String_t const& remote, int fd) {
+    if (_dialect) return _dialect->Transfer().Send(_client, status, remote, fd);
     constexpr unsigned int flags =
         SftpClient::SSH_FXF_WRITE | SftpClient::SSH_FXF_CREAT | SftpClient::SSH_FXF_TRUNC;
     SftpFileHandle const handle = _client.Open(status, remote, flags, SftpFileAttr());

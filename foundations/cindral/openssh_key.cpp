@@ -23,7 +23,20 @@ constexpr unsigned int PLAIN_BLOCK = 8;
 constexpr unsigned int MAX_ROUNDS = 1U
                                     << 20; ///< of bcrypt: hours of work, where files have 16 or some hundreds
 
-bool IsOfferedType(ByteView const& name) { return name.Is(KeyName(KEY_RSA)) || name.Is(KeyName(KEY_DSA)); }
+constexpr char ED25519[] = "ssh-ed25519";
+constexpr unsigned int ED25519_SEED = 32; ///< the private half; the public one has the same length
+constexpr char ECDSA_PREFIX[] = "ecdsa-sha2-";
+constexpr char CURVE_PREFIX[] = "nistp";
+
+bool BeginsWith(ByteView const& name, char const* prefix) {
+    std::size_t const length = std::strlen(prefix);
+    return name._length > length && std::memcmp(name._data, prefix, length) == 0;
+}
+
+bool IsOfferedType(ByteView const& name, bool anyType) {
+    return name.Is(KeyName(KEY_RSA)) || name.Is(KeyName(KEY_DSA)) ||
+           (anyType && (name.Is(ED25519) || BeginsWith(name, ECDSA_PREFIX)));
+}
 
 /// Wipes what a handle on key bytes leaves behind.
 class WipedBytes : public ByteString {
@@ -56,7 +69,7 @@ evp_pkey_st* ReadRsa(WireReader& reader) {
     BnCtxPtr const context(BN_CTX_new());
     if (!reader.Ok() || !context || !Exponent(dp, d, p, context.get()) || !Exponent(dq, d, q, context.get()))
         return nullptr;
-    return MakePkey(KEY_RSA, EVP_PKEY_KEYPAIR,
+    return MakePkey("RSA", EVP_PKEY_KEYPAIR,
                     {{OSSL_PKEY_PARAM_RSA_N, n._bn},
                      {OSSL_PKEY_PARAM_RSA_E, e._bn},
                      {OSSL_PKEY_PARAM_RSA_D, d._bn},
@@ -71,12 +84,41 @@ evp_pkey_st* ReadDsa(WireReader& reader) {
     BigNum p, q, g, y, x;
     for (BigNum* number : {&p, &q, &g, &y, &x}) reader.Mpint(number->_bn);
     if (!reader.Ok()) return nullptr;
-    return MakePkey(KEY_DSA, EVP_PKEY_KEYPAIR,
+    return MakePkey("DSA", EVP_PKEY_KEYPAIR,
                     {{OSSL_PKEY_PARAM_FFC_P, p._bn},
                      {OSSL_PKEY_PARAM_FFC_Q, q._bn},
                      {OSSL_PKEY_PARAM_FFC_G, g._bn},
                      {OSSL_PKEY_PARAM_PUB_KEY, y._bn},
                      {OSSL_PKEY_PARAM_PRIV_KEY, x._bn}});
+}
+
+/// RFC 8709; the private half comes with the public one after it.
+evp_pkey_st* ReadEd25519(WireReader& reader) {
+    reader.String();
+    ByteView const both = reader.String();
+    if (!reader.Ok() || both._length != 2 * ED25519_SEED) return nullptr;
+    return EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, both._data, ED25519_SEED);
+}
+
+/// RFC 5656, section 3.1.
+evp_pkey_st* ReadEcdsa(WireReader& reader) {
+    ByteView const curve = reader.String();
+    ByteView const point = reader.String();
+    BigNum number;
+    reader.Mpint(number._bn);
+    char group[] = "P-???";
+    if (!reader.Ok() || !BeginsWith(curve, CURVE_PREFIX) || curve._length != sizeof CURVE_PREFIX + 2)
+        return nullptr;
+    std::memcpy(group + 2, curve._data + sizeof CURVE_PREFIX - 1, 3);
+    KeyPoint const publicHalf{group, point};
+    return MakePkey("EC", EVP_PKEY_KEYPAIR, {{OSSL_PKEY_PARAM_PRIV_KEY, number._bn}}, &publicHalf);
+}
+
+evp_pkey_st* ReadNamed(ByteView const& name, WireReader& reader) {
+    return name.Is(KeyName(KEY_RSA))   ? ReadRsa(reader)
+           : name.Is(KeyName(KEY_DSA)) ? ReadDsa(reader)
+           : name.Is(ED25519)          ? ReadEd25519(reader)
+                                       : ReadEcdsa(reader);
 }
 
 /// The padding counts 1, 2, 3 and so on up to the block's end.
@@ -86,14 +128,12 @@ bool IsPadding(ByteView const& bytes) {
     return true;
 }
 
-int ReadPlain(SecretBytes const& plain, bool encrypted, evp_pkey_st*& key) {
+int ReadPlain(SecretBytes const& plain, bool encrypted, bool anyType, evp_pkey_st*& key) {
     WireReader reader(plain.data(), static_cast<unsigned int>(plain.size()));
     unsigned int const check = reader.Int();
     if (check != reader.Int()) return encrypted ? PrivateKey::WRONG_PASSPHRASE : PrivateKey::BROKEN_FILE;
     ByteView const name = reader.String();
-    PkeyPtr made(name.Is(KeyName(KEY_RSA))   ? ReadRsa(reader)
-                 : name.Is(KeyName(KEY_DSA)) ? ReadDsa(reader)
-                                             : nullptr);
+    PkeyPtr made(IsOfferedType(name, anyType) ? ReadNamed(name, reader) : nullptr);
     reader.String(); // the comment
     ByteView const padding = reader.Rest();
     if (!made || !reader.Ok() || !IsPadding(padding)) return PrivateKey::BROKEN_FILE;
@@ -103,7 +143,8 @@ int ReadPlain(SecretBytes const& plain, bool encrypted, evp_pkey_st*& key) {
 
 } // namespace
 
-int OpenSSHKey::Open(unsigned char const* body, unsigned int length) {
+int OpenSSHKey::Open(unsigned char const* body, unsigned int length, bool anyType) {
+    _anyType = anyType;
     WireReader reader(body, length);
     ByteView const magic = reader.Bytes(sizeof MAGIC);
     if (!reader.Ok() || std::memcmp(magic._data, MAGIC, sizeof MAGIC) != 0) return PrivateKey::BROKEN_FILE;
@@ -111,11 +152,11 @@ int OpenSSHKey::Open(unsigned char const* body, unsigned int length) {
     ByteView const derivation = reader.String();
     WireReader options(reader.String());
     unsigned int const keys = reader.Int();
-    ByteView const publicBlob = reader.String();
+    _public = reader.String();
     _private = reader.String();
-    ByteView const type = WireReader(publicBlob).String();
+    ByteView const type = WireReader(_public).String();
     if (!reader.Ok()) return PrivateKey::BROKEN_FILE;
-    if (keys != 1 || !IsOfferedType(type)) return PrivateKey::UNSUPPORTED_KEY;
+    if (keys != 1 || !IsOfferedType(type, anyType)) return PrivateKey::UNSUPPORTED_KEY;
 
     _encrypted = !_cipher.Is("none");
     if (_encrypted) {
@@ -134,7 +175,7 @@ int OpenSSHKey::Open(unsigned char const* body, unsigned int length) {
 int OpenSSHKey::Read(ByteView const& passphrase, evp_pkey_st*& key) const {
     SecretBytes bytes(_private._data, _private._data + _private._length);
     if (_encrypted) Decrypt(_cipher, BcryptPbkdf(passphrase, _salt, _rounds, KEY_LENGTH + IV_LENGTH), bytes);
-    return ReadPlain(bytes, _encrypted, key);
+    return ReadPlain(bytes, _encrypted, _anyType, key);
 }
 
 } // namespace cindral

@@ -11,14 +11,18 @@ namespace cindral {
 /// the memory given to `Open`.
 class OpenSSHKey {
 public:
-    /// Returns 0 or a `PrivateKey::Failure`.
-    int Open(unsigned char const* body, unsigned int length);
+    /// `anyType` admits ed25519 and ecdsa keys beside rsa and dsa. Returns 0 or a `PrivateKey::Failure`.
+    int Open(unsigned char const* body, unsigned int length, bool anyType);
     bool IsEncrypted() const { return _encrypted; }
+    /// The blob of the public half, which is never encrypted. Empty before `Open` has read it.
+    ByteView const& PublicBlob() const { return _public; }
     /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
     /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
     int Read(ByteView const& passphrase, evp_pkey_st*& key) const;
 
 private:
+    bool _anyType = false;
+    ByteView _public;
     ByteView _cipher;
     ByteView _salt;
     unsigned int _rounds = 0;

@@ -22,6 +22,7 @@ using X509SigPtr = OpenSSLPtr<X509_SIG, X509_SIG_free>;
 
 constexpr char const* RSA_LABEL = "RSA PRIVATE KEY";
 constexpr char const* DSA_LABEL = "DSA PRIVATE KEY";
+constexpr char const* EC_LABEL = "EC PRIVATE KEY";
 constexpr char const* PKCS8_LABEL = "PRIVATE KEY";
 constexpr char const* ENCRYPTED_PKCS8_LABEL = "ENCRYPTED PRIVATE KEY";
 constexpr char const* OPENSSH_LABEL = "OPENSSH PRIVATE KEY";
@@ -40,11 +41,11 @@ int GivePassphrase(char* buffer, int size, int, void* passphrase) {
     return length;
 }
 
-int FromPkcs8(PKCS8_PRIV_KEY_INFO const* info, evp_pkey_st*& key) {
+int FromPkcs8(PKCS8_PRIV_KEY_INFO const* info, bool anyType, evp_pkey_st*& key) {
     ASN1_OBJECT const* algorithm = nullptr;
     PKCS8_pkey_get0(&algorithm, nullptr, nullptr, nullptr, info);
     int const type = OBJ_obj2nid(algorithm);
-    if (type != NID_rsaEncryption && type != NID_dsa) return PrivateKey::UNSUPPORTED_KEY;
+    if (!anyType && type != NID_rsaEncryption && type != NID_dsa) return PrivateKey::UNSUPPORTED_KEY;
     key = EVP_PKCS82PKEY(info);
     return key ? 0 : PrivateKey::BROKEN_FILE;
 }
@@ -84,8 +85,9 @@ int PemKey::Open(SecretBytes const& contents) {
         if (!bio || PEM_read_bio(bio.get(), &_label, &_header, &_body, &_length) != 1)
             return PrivateKey::BROKEN_FILE;
     } while (EndsWith(_label, " PARAMETERS"));
-    if (IsLabel(OPENSSH_LABEL)) return _openSSH.Open(_body, static_cast<unsigned int>(_length));
-    if (IsLabel(RSA_LABEL) || IsLabel(DSA_LABEL) || IsLabel(PKCS8_LABEL) || IsLabel(ENCRYPTED_PKCS8_LABEL))
+    if (IsLabel(OPENSSH_LABEL)) return _openSSH.Open(_body, static_cast<unsigned int>(_length), _anyType);
+    if (IsLabel(RSA_LABEL) || IsLabel(DSA_LABEL) || IsLabel(PKCS8_LABEL) || IsLabel(ENCRYPTED_PKCS8_LABEL) ||
+        (_anyType && IsLabel(EC_LABEL)))
         return CheckEncryption();
     return EndsWith(_label, "PRIVATE KEY") ? PrivateKey::UNSUPPORTED_KEY : PrivateKey::BROKEN_FILE;
 }
@@ -114,7 +116,7 @@ int PemKey::Read(ByteView const& passphrase, evp_pkey_st*& key) const {
     if (!IsLabel(PKCS8_LABEL)) return ReadTraditional(passphrase, key);
     unsigned char const* pos = _body;
     Pkcs8Ptr const info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &pos, _length));
-    return info ? FromPkcs8(info.get(), key) : PrivateKey::BROKEN_FILE;
+    return info ? FromPkcs8(info.get(), _anyType, key) : PrivateKey::BROKEN_FILE;
 }
 
 int PemKey::ReadTraditional(ByteView const& passphrase, evp_pkey_st*& key) const {
@@ -129,7 +131,8 @@ int PemKey::ReadTraditional(ByteView const& passphrase, evp_pkey_st*& key) const
             return mistake;
     }
     unsigned char const* pos = der.data();
-    key = d2i_PrivateKey(IsLabel(RSA_LABEL) ? EVP_PKEY_RSA : EVP_PKEY_DSA, nullptr, &pos, length);
+    int const type = IsLabel(RSA_LABEL) ? EVP_PKEY_RSA : IsLabel(DSA_LABEL) ? EVP_PKEY_DSA : EVP_PKEY_EC;
+    key = d2i_PrivateKey(type, nullptr, &pos, length);
     return key ? 0 : mistake;
 }
 
@@ -140,7 +143,7 @@ int PemKey::ReadEncryptedPkcs8(ByteView const& passphrase, evp_pkey_st*& key) co
     ERR_clear_error();
     auto const* text = reinterpret_cast<char const*>(passphrase._data);
     Pkcs8Ptr const info(PKCS8_decrypt(sealed.get(), text, static_cast<int>(passphrase._length)));
-    if (info) return FromPkcs8(info.get(), key);
+    if (info) return FromPkcs8(info.get(), _anyType, key);
     return PassphraseWasWrong() ? PrivateKey::WRONG_PASSPHRASE : PrivateKey::UNSUPPORTED_KEY;
 }
 

@@ -10,7 +10,8 @@ namespace cindral {
 /// its own in the same armour.
 class PemKey {
 public:
-    PemKey() = default;
+    /// `anyType` admits all types of keys, else rsa and dsa alone.
+    explicit PemKey(bool anyType) : _anyType(anyType) {}
     ~PemKey();
     PemKey(PemKey const&) = delete;
     PemKey& operator=(PemKey const&) = delete;
@@ -18,6 +19,8 @@ public:
     /// Returns 0 or a `PrivateKey::Failure`.
     int Open(SecretBytes const& contents);
     bool IsEncrypted() const;
+    /// The blob of the public half; empty for a form that doesn't hold one in the clear.
+    ByteView const& PublicBlob() const { return _openSSH.PublicBlob(); }
     /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
     /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
     int Read(ByteView const& passphrase, evp_pkey_st*& key) const;
@@ -29,6 +32,7 @@ private:
     int ReadTraditional(ByteView const& passphrase, evp_pkey_st*& key) const;
     int ReadEncryptedPkcs8(ByteView const& passphrase, evp_pkey_st*& key) const;
 
+    bool _anyType;
     char* _label = nullptr;
     char* _header = nullptr;
     unsigned char* _body = nullptr;

@@ -1,3 +1,4 @@
+#include <openssl/core_names.h>
 #include <openssl/params.h>
 
 #include "openssl_ptr.h"
@@ -30,13 +31,19 @@ char const* KeyName(KeyType type) {
     return nullptr;
 }
 
-evp_pkey_st* MakePkey(KeyType type, int selection, std::initializer_list<KeyNumber> numbers) {
+evp_pkey_st* MakePkey(char const* type, int selection, std::initializer_list<KeyNumber> numbers,
+                      KeyPoint const* point) {
     ParamBuildPtr const build(OSSL_PARAM_BLD_new());
     if (!build) return nullptr;
     for (KeyNumber const& number : numbers)
         if (OSSL_PARAM_BLD_push_BN(build.get(), number._name, number._value) != 1) return nullptr;
+    if (point &&
+        (OSSL_PARAM_BLD_push_utf8_string(build.get(), OSSL_PKEY_PARAM_GROUP_NAME, point->_group, 0) != 1 ||
+         OSSL_PARAM_BLD_push_octet_string(build.get(), OSSL_PKEY_PARAM_PUB_KEY, point->_point._data,
+                                          point->_point._length) != 1))
+        return nullptr;
     ParamPtr const parameters(OSSL_PARAM_BLD_to_param(build.get()));
-    PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_name(nullptr, type == KEY_RSA ? "RSA" : "DSA", nullptr));
+    PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
     EVP_PKEY* key = nullptr;
     if (!parameters || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
         EVP_PKEY_fromdata(context.get(), &key, selection, parameters.get()) != 1)

@@ -5,6 +5,8 @@
 
 #include <brantle/cindral/key_types.h>
 
+#include "wire_format.h"
+
 struct bignum_st;
 struct evp_pkey_st;
 
@@ -19,9 +21,16 @@ struct KeyNumber {
     bignum_st const* _value;
 };
 
-/// A new OpenSSL key out of its numbers; null when OpenSSL doesn't take them.
-/// `selection` is EVP_PKEY_PUBLIC_KEY or EVP_PKEY_KEYPAIR.
-evp_pkey_st* MakePkey(KeyType type, int selection, std::initializer_list<KeyNumber> numbers);
+/// The curve of an ecdsa key under OpenSSL's name, and the public point.
+struct KeyPoint {
+    char const* _group;
+    ByteView _point;
+};
+
+/// A new OpenSSL key out of its numbers; null when OpenSSL doesn't take them. `type` is OpenSSL's name,
+/// `selection` EVP_PKEY_PUBLIC_KEY or EVP_PKEY_KEYPAIR; `point` is null but for ecdsa keys.
+evp_pkey_st* MakePkey(char const* type, int selection, std::initializer_list<KeyNumber> numbers,
+                      KeyPoint const* point = nullptr);
 
 } // namespace cindral
 

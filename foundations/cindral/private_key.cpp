@@ -61,6 +61,21 @@ int ReadEncrypted(PemKey const& file, EnterPassword& enter, evp_pkey_st*& key) {
     return result;
 }
 
+/// `publicBlob` is null when rsa and dsa keys alone are wanted, `enter` when no passphrase is to be asked
+/// for.
+int ReadKey(char const* path, EnterPassword* enter, ByteString* publicBlob, evp_pkey_st*& key) {
+    SecretBytes contents;
+    if (int const failure = ReadFile(path, contents)) return failure;
+    PemKey file(publicBlob != nullptr);
+    int result = file.Open(contents);
+    if (publicBlob) publicBlob->Append(file.PublicBlob()._data, file.PublicBlob()._length);
+    if (result == 0 && !file.IsEncrypted()) result = file.Read(ByteView(), key);
+    if (result == 0 && file.IsEncrypted())
+        result = enter ? ReadEncrypted(file, *enter, key) : PrivateKey::NO_PASSPHRASE;
+    ERR_clear_error(); // a file that is no key is a result here, not an error to find later
+    return result;
+}
+
 } // namespace
 
 PrivateKey::Rep::Rep(evp_pkey_st* key) : _key(key) {}
@@ -92,21 +107,19 @@ PrivateKey::PrivateKey() : _rep(nullptr) {}
 PrivateKey::~PrivateKey() { delete _rep; }
 
 int PrivateKey::Read(char const* path, EnterPassword& enter) {
-    SecretBytes contents;
-    if (int const failure = ReadFile(path, contents)) return failure;
-    PemKey file;
     evp_pkey_st* key = nullptr;
-    int result = file.Open(contents);
-    if (result == 0)
-        result = file.IsEncrypted() ? ReadEncrypted(file, enter, key) : file.Read(ByteView(), key);
-    ERR_clear_error(); // a file that is no key is a result here, not an error to find later
-    if (result != 0) return result;
+    if (int const result = ReadKey(path, &enter, nullptr, key)) return result;
     PkeyPtr owned(key);
     Rep* const fresh = new Rep(key);
     (void)owned.release();
     delete _rep;
     _rep = fresh;
     return 0;
+}
+
+int PrivateKey::ReadAny(char const* path, EnterPassword* enter, ByteString& publicBlob, evp_pkey_st*& key) {
+    publicBlob.Reserve(0);
+    return ReadKey(path, enter, &publicBlob, key);
 }
 
 } // namespace cindral

@@ -75,9 +75,9 @@ String_t PublicKey::Rep::EncodeSSH64() const {
 
 evp_pkey_st* PublicKey::Rep::NewPkey() const {
     if (_type == KEY_RSA)
-        return MakePkey(_type, EVP_PKEY_PUBLIC_KEY,
+        return MakePkey("RSA", EVP_PKEY_PUBLIC_KEY,
                         {{OSSL_PKEY_PARAM_RSA_E, _numbers[0]._bn}, {OSSL_PKEY_PARAM_RSA_N, _numbers[1]._bn}});
-    return MakePkey(_type, EVP_PKEY_PUBLIC_KEY,
+    return MakePkey("DSA", EVP_PKEY_PUBLIC_KEY,
                     {{OSSL_PKEY_PARAM_FFC_P, _numbers[0]._bn},
                      {OSSL_PKEY_PARAM_FFC_Q, _numbers[1]._bn},
                      {OSSL_PKEY_PARAM_FFC_G, _numbers[2]._bn},

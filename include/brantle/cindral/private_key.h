@@ -56,6 +56,13 @@ public:
     /// Passphrase and decrypted bytes are wiped.
     int Read(char const* path, EnterPassword& enter);
 
+    /// Reads a key file with a key of whatever type, ed25519 and ecdsa included, into an OpenSSL key that the
+    /// caller frees with `EVP_PKEY_free`; everything else is as in `Read`. `publicBlob` gets the key blob of
+    /// the public half, which a "BEGIN OPENSSH PRIVATE KEY" file holds unencrypted, also when the result is a
+    /// failure; it is empty for the PEM forms. `enter` may be null, and an encrypted key then gives
+    /// `NO_PASSPHRASE`.
+    static int ReadAny(char const* path, EnterPassword* enter, ByteString& publicBlob, evp_pkey_st*& key);
+
     /// Null until a `Read` succeeds.
     Rep* _rep;
 };

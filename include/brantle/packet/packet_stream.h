@@ -7,6 +7,7 @@
 #include <brantle/cindral/socket_buffer.h>
 #include <brantle/export.h>
 #include <brantle/packet/packet.h>
+#include <brantle/packet/packet_filter.h>
 #include <brantle/packet/ssh_buffer.h>
 #include <brantle/thornel/byte_string.h>
 
@@ -44,7 +45,8 @@ public:
     OSocketBuffer _socketBuffer;
     OSshBuffer _sshBuffer;
     OSockStreamAdapter _adapter;
-    unsigned int _byteCount; ///< bytes of all packets without their MACs; flow control resets it
+    unsigned int _byteCount;         ///< bytes of all packets without their MACs; flow control resets it
+    PacketFilter* _filter = nullptr; ///< what packets go through instead; not owned
 };
 
 /// Reads packets in the binary packet format of RFC 4253, section 6. As OSshPacketStream.
@@ -62,7 +64,7 @@ public:
     ByteString ReadPacket();
 
     /// Whether bytes of a further packet have already been read from the descriptor.
-    bool HasBufferedInput() const { return _isStarted || Buffered() > 0; }
+    bool HasBufferedInput() const { return _filter ? _filter->HasInput() : _isStarted || Buffered() > 0; }
     /// Whether all that the next ReadPacket takes has already been read from the descriptor. The length of
     /// the packet stands in its first block, which this decrypts for that ReadPacket.
     ///
@@ -84,6 +86,9 @@ private:
 
     bool _isStarted = false;  ///< the first block has been taken
     unsigned int _length = 0; ///< of the packet that has been started
+
+public:
+    PacketFilter* _filter = nullptr; ///< what packets come from instead; not owned
 };
 
 } // namespace cindral

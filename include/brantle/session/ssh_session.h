@@ -30,6 +30,8 @@
 
 namespace cindral {
 
+class SessionDialect;
+
 /// One client connection to one SSH server: the hub of the library.
 ///
 /// It is one class whose sources stand in three folders: session/ (connecting, authentication, the session
@@ -265,6 +267,7 @@ public:
     bool IsAuthenticated() const { return _authenticated != 0; }
 
 protected:
+    friend class SessionDialect;
     class BRANTLE_LOCAL SshDispatcher;
     class BRANTLE_LOCAL FdDispatcher;
     class BRANTLE_LOCAL LFAcceptor;
@@ -313,6 +316,8 @@ protected:
     int HandleChannelClose(PacketDecoder& decoder);
     int WaitForOpenConfirmation(String_t const& channelType, FileDescriptor& connection);
     void DispatchBufferedPackets();
+    /// The socket part of Connect, with the descriptor stored and not yet bound to the streams.
+    int OpenSocket(unsigned int timeout);
     void ReportIgnored(int number);
     void RefuseChannel(unsigned int sender, int reason);
 
@@ -365,6 +370,7 @@ protected:
     AutoPtr<X11Forwarding> _x11; ///< null while X11 is not forwarded
     IOMultiplexer _mux;
     IOMultiplexerTask _task;
+    SessionDialect* _dialect = nullptr; ///< another way to speak with the server; not owned
 
 private:
     /// What both kinds of exchange end with: the checks of the server's reply, the hash and the keys.

@@ -34,7 +34,7 @@ TEST(KeyName, IsTheSshName) {
 }
 
 TEST_F(PkeyNumbers, NumbersBecomeAKey) {
-    Pkey const key(MakePkey(KEY_RSA, EVP_PKEY_PUBLIC_KEY,
+    Pkey const key(MakePkey("RSA", EVP_PKEY_PUBLIC_KEY,
                             {{OSSL_PKEY_PARAM_RSA_N, _modulus._bn}, {OSSL_PKEY_PARAM_RSA_E, _exponent._bn}}),
                    EVP_PKEY_free);
     ASSERT_NE(key, nullptr);
@@ -46,7 +46,7 @@ TEST_F(PkeyNumbers, NumbersBecomeAKey) {
 }
 
 TEST_F(PkeyNumbers, MissingNumberMakesNoKey) {
-    EXPECT_EQ(MakePkey(KEY_RSA, EVP_PKEY_PUBLIC_KEY, {{OSSL_PKEY_PARAM_RSA_N, _modulus._bn}}), nullptr);
+    EXPECT_EQ(MakePkey("RSA", EVP_PKEY_PUBLIC_KEY, {{OSSL_PKEY_PARAM_RSA_N, _modulus._bn}}), nullptr);
 }
 
 } // namespace
