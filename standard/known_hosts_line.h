@@ -1,0 +1,53 @@
+#ifndef BRANTLE_STANDARD_KNOWN_HOSTS_LINE_H
+#define BRANTLE_STANDARD_KNOWN_HOSTS_LINE_H
+
+#include <string>
+#include <string_view>
+
+#include "standard/bytes.h"
+
+namespace cindral::standard {
+
+/// A host as lines may name it, in lower case. Without a name it is none.
+struct HostName {
+    std::string name;
+    std::string alias; ///< another name, which no pattern but itself matches; may be empty
+};
+
+/// One line of a known_hosts file in OpenSSH's format: `[@marker] hosts type key [comment]`, the fields
+/// separated by blanks and tabs. The fields are views of the line given to Parse.
+class KnownHostsLine {
+public:
+    enum Marker { NONE, REVOKED, AUTHORITY };
+
+    /// Splits the line. False for a line that is empty, a comment, too short, or has a marker that is
+    /// none of the two known ones.
+    bool Parse(std::string_view line);
+
+    Marker GetMarker() const { return _marker; }
+
+    /// Whether the line speaks of the host: its hosts are either one hashed name or a list of patterns, in
+    /// which a negated one that matches excludes the host.
+    bool IsFor(HostName const& host) const;
+
+    /// Decodes the key's blob. False if it is no base64, or not of the type that the line names.
+    bool DecodeKey(Bytes& blob) const;
+
+private:
+    Marker _marker = NONE;
+    std::string_view _hosts;
+    std::string_view _type;
+    std::string_view _key64;
+};
+
+/// In lower case, as far as ASCII goes.
+std::string LowerCase(std::string_view text);
+
+/// Base64 with padding and without line ends (RFC 4648).
+std::string EncodeBase64(View bytes);
+/// False for anything but such a text. An empty text is valid.
+bool DecodeBase64(std::string_view text, Bytes& bytes);
+
+} // namespace cindral::standard
+
+#endif
