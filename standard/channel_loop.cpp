@@ -1,0 +1,520 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <typeinfo>
+
+#include <brantle/packet/packet.h>
+#include <brantle/session/ssh_session.h>
+
+#include "standard/channel_loop.h"
+
+namespace cindral::standard {
+
+namespace {
+
+constexpr std::size_t PROGRAM_READ = 8192; ///< what a program's own channel is given at a time
+constexpr int READS = 4;                   ///< of one descriptor before others have their turn
+constexpr int ACCEPTS = 16;                ///< likewise
+constexpr std::size_t X11_HEADER = 12;
+constexpr std::size_t X11_MAX_SETUP = 1024;
+
+using TtyChannel = SshChannelMgr::TtyChannel;
+using FdChannel = SshChannelMgr::FdChannel;
+using X11Channel = SshChannelMgr::X11Channel;
+
+bool IsA(SshChannel const& object, std::type_info const& type) { return typeid(object) == type; }
+
+/// Whether a channel is of a class of the program's own, whose overridden operations take part.
+bool IsPrograms(SshChannel const& object) {
+    return !IsA(object, typeid(TtyChannel)) && !IsA(object, typeid(FdChannel)) &&
+           !IsA(object, typeid(X11Channel));
+}
+
+/// The length of an X client's set-up message (X Window System Protocol, section 8), of which `bytes` is the
+/// beginning; 0 while it can't be known.
+std::size_t X11SetupLength(Bytes const& bytes) {
+    if (bytes.size() < X11_HEADER) return 0;
+    auto const number = [&](std::size_t at) {
+        return static_cast<std::size_t>(bytes[0] == 'B' ? bytes[at] << 8 | bytes[at + 1]
+                                                        : bytes[at + 1] << 8 | bytes[at]);
+    };
+    auto const padded = [](std::size_t length) { return (length + 3) / 4 * 4; };
+    return X11_HEADER + padded(number(6)) + padded(number(8));
+}
+
+int OpenSpare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
+
+} // namespace
+
+/// Leads a descriptor to the channel that it feeds, by the channel's number, as channels come and go.
+class ChannelLoop::InputDispatcher : public IOMultiplexerDispatcher {
+public:
+    InputDispatcher(ChannelLoop& loop, unsigned int local)
+        : IOMultiplexerDispatcher(IOMultiplexerRead), _loop(loop), _local(local) {}
+    InputDispatcher* Clone() const override { return new InputDispatcher(*this); }
+    int Dispatch(int fd) override {
+        _loop.ServeInput(_local, fd);
+        return 1;
+    }
+
+private:
+    ChannelLoop& _loop;
+    unsigned int _local;
+};
+
+/// Leads a descriptor that has room again to the channel that writes to it.
+class ChannelLoop::OutputDispatcher : public IOMultiplexerDispatcher {
+public:
+    OutputDispatcher(ChannelLoop& loop, unsigned int local, bool isError)
+        : IOMultiplexerDispatcher(IOMultiplexerWrite), _loop(loop), _local(local), _isError(isError) {}
+    OutputDispatcher* Clone() const override { return new OutputDispatcher(*this); }
+    int Dispatch(int) override {
+        _loop.ServeOutput(_local, _isError);
+        return 1;
+    }
+
+private:
+    ChannelLoop& _loop;
+    unsigned int _local;
+    bool _isError;
+};
+
+/// Goes on writing to the server.
+class ChannelLoop::SocketDispatcher : public IOMultiplexerDispatcher {
+public:
+    explicit SocketDispatcher(ChannelLoop& loop) : IOMultiplexerDispatcher(IOMultiplexerWrite), _loop(loop) {}
+    SocketDispatcher* Clone() const override { return new SocketDispatcher(*this); }
+    int Dispatch(int) override {
+        _loop.Settle();
+        return 1;
+    }
+
+private:
+    ChannelLoop& _loop;
+};
+
+/// Leads a socket that has connected, or failed to, to its opening.
+class ChannelLoop::ConnectDispatcher : public IOMultiplexerDispatcher {
+public:
+    ConnectDispatcher(ChannelLoop& loop, unsigned int key)
+        : IOMultiplexerDispatcher(IOMultiplexerWrite), _loop(loop), _key(key) {}
+    ConnectDispatcher* Clone() const override { return new ConnectDispatcher(*this); }
+    int Dispatch(int) override {
+        _loop.ServeConnect(_key);
+        return 1;
+    }
+
+private:
+    ChannelLoop& _loop;
+    unsigned int _key;
+};
+
+class ChannelLoop::KeepaliveTimer : public IOMultiplexer::PeriodicTimer,
+                                    public TPVarrCmp<IOMultiplexer::Timer> {
+public:
+    KeepaliveTimer(ChannelLoop& loop, unsigned int seconds)
+        : PeriodicTimer(IOMultiplexer::Timeval(seconds, 0)), _loop(loop) {}
+    void Fire(IOMultiplexer::Timeval const&) override {
+        if (_loop._channels.UnansweredKeepalives() >= _loop._keepaliveUnanswered)
+            throw SshProtocolError("the server does not answer keepalives");
+        _loop._channels.PostKeepalive();
+        _loop.Settle();
+    }
+    int operator()(IOMultiplexer::Timer* timer) const override { return timer != this; }
+
+private:
+    ChannelLoop& _loop;
+};
+
+ChannelLoop::ChannelLoop(LoopHost& host, Connection& connection, Channels& channels)
+    : _host(host), _connection(connection), _channels(channels) {}
+
+ChannelLoop::~ChannelLoop() {
+    for (auto& entry : _pumps) {
+        WatchInput(entry.first, entry.second, false);
+        for (auto* sink : {entry.second.output.get(), entry.second.errors.get()})
+            if (sink && !sink->IsEmpty()) _host.Mux().Unregister(sink->Fd());
+    }
+    for (auto& entry : _pending) _host.Mux().Unregister(entry.second.connector->Take()._fd);
+    if (_socketIsWatched) _host.Mux().Unregister(_socket._fd);
+    if (_keepalive) _host.Mux().Unregister(*_keepalive);
+}
+
+void ChannelLoop::SetKeepalive(unsigned int seconds, unsigned int unanswered) {
+    _keepaliveSeconds = seconds;
+    _keepaliveUnanswered = unanswered;
+}
+
+// --- the local side
+
+SshChannel* ChannelLoop::Object(unsigned int local) const {
+    return _host.Table().Find(static_cast<int>(local));
+}
+
+ChannelLoop::Pump* ChannelLoop::Find(unsigned int local) {
+    auto const found = _pumps.find(local);
+    return found == _pumps.end() ? nullptr : &found->second;
+}
+
+void ChannelLoop::RegisterInput(int fd, SshChannel const& object) {
+    if (!_isRunning) {
+        _isRunning = true;
+        _spare._fd = OpenSpare();
+        if (_keepaliveSeconds > 0) {
+            _keepalive = std::make_unique<KeepaliveTimer>(*this, _keepaliveSeconds);
+            _host.Mux().Insert(_keepalive.get());
+        }
+    }
+    Pump& pump = _pumps[object._localId];
+    WatchInput(object._localId, pump, false);
+    pump.input = fd;
+    WatchInput(object._localId, pump, MayRead(_channels.Find(object._localId), pump));
+}
+
+bool ChannelLoop::MayRead(Channel const* channel, Pump const& pump) const {
+    return pump.input >= 0 && channel && channel->Sendable() > 0 && pump.unsent.empty() &&
+           _connection.MayPost();
+}
+
+void ChannelLoop::WatchInput(unsigned int local, Pump& pump, bool watch) {
+    if (pump.inputIsWatched == watch) return;
+    pump.inputIsWatched = watch;
+    if (watch)
+        _host.Mux().Register(pump.input, InputDispatcher(*this, local));
+    else
+        _host.Mux().Unregister(pump.input);
+}
+
+void ChannelLoop::ServeInput(unsigned int local, int fd) {
+    Channel* const channel = _channels.Find(local);
+    Pump* const pump = Find(local);
+    if (!pump || pump->input != fd) return;
+    if (MayRead(channel, *pump))
+        ReadInput(*channel, *pump);
+    else
+        WatchInput(local, *pump, false);
+    Settle();
+}
+
+void ChannelLoop::ReadInput(Channel& channel, Pump& pump) {
+    SshChannel* const object = Object(channel.local);
+    if (object && IsPrograms(*object)) {
+        char buffer[PROGRAM_READ];
+        ssize_t const n = read(pump.input, buffer, sizeof buffer);
+        if (n > 0)
+            object->ForwardToSshd(buffer, static_cast<unsigned int>(n));
+        else if (n == 0 || (errno != EINTR && errno != EAGAIN))
+            EndInput(channel, pump);
+        return;
+    }
+    for (int reads = 0; reads < READS && MayRead(&channel, pump); ++reads) {
+        std::size_t const room = channel.Sendable();
+        ssize_t const n = read(pump.input, _channels.BeginData(room), room);
+        if (n > 0) _channels.EndData(channel, static_cast<std::size_t>(n));
+        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) return EndInput(channel, pump);
+        // What a pipe, socket or terminal gave short would be waited for next.
+        if (n < 0 || static_cast<std::size_t>(n) < room) return;
+        pollfd more{pump.input, POLLIN, 0};
+        if (poll(&more, 1, 0) <= 0) return;
+    }
+}
+
+/// The end of the input, or its failure, which leaves the rest of the channel as it is.
+void ChannelLoop::EndInput(Channel& channel, Pump& pump) {
+    WatchInput(channel.local, pump, false);
+    pump.input = -1;
+    _channels.PostEof(channel);
+    AfterOutput(channel.local, pump);
+}
+
+void ChannelLoop::Send(Channel& channel, View data) {
+    Pump& pump = _pumps[channel.local];
+    pump.unsent.insert(pump.unsent.end(), data.begin(), data.end());
+    OnWindow(channel);
+}
+
+void ChannelLoop::OnWindow(Channel& channel) {
+    Pump* const pump = Find(channel.local);
+    if (!pump || pump->unsent.empty()) return;
+    std::size_t done = 0;
+    while (done < pump->unsent.size() && channel.Sendable() > 0 && _connection.MayPost()) {
+        std::size_t const n = std::min(channel.Sendable(), pump->unsent.size() - done);
+        _channels.PostData(channel, View(pump->unsent.data() + done, n));
+        done += n;
+    }
+    pump->unsent.erase(pump->unsent.begin(), pump->unsent.begin() + static_cast<std::ptrdiff_t>(done));
+}
+
+// --- the server's side
+
+void ChannelLoop::Dispatch() {
+    _connection.Fill();
+    View message;
+    while (_connection.Next(message)) _channels.Take(message);
+    if (_hasFlushes) {
+        _hasFlushes = false;
+        _host.Table().FlushAllChannels();
+    }
+    Settle();
+}
+
+/// What is to be done after anything has happened: write, and watch what has to be watched now.
+void ChannelLoop::Settle() {
+    _connection.Flush();
+    WatchSocket();
+    for (auto& entry : _pumps) {
+        Channel* const channel = _channels.Find(entry.first);
+        if (channel && !entry.second.unsent.empty()) OnWindow(*channel);
+        WatchInput(entry.first, entry.second, MayRead(channel, entry.second));
+    }
+}
+
+void ChannelLoop::WatchSocket() {
+    bool const wanted = _connection.HasPendingOutput();
+    if (wanted == _socketIsWatched) return;
+    if (_socket._fd < 0) _socket._fd = fcntl(_connection.Fd(), F_DUPFD_CLOEXEC, 0);
+    if (_socket._fd < 0) throw SystemError("dup", errno, String_t());
+    _socketIsWatched = wanted;
+    if (wanted)
+        _host.Mux().Register(_socket._fd, SocketDispatcher(*this));
+    else
+        _host.Mux().Unregister(_socket._fd);
+}
+
+void ChannelLoop::OnData(Channel& channel, View data, bool isError) {
+    SshChannel* const object = Object(channel.local);
+    if (!object) return _channels.Consume(channel, data.size());
+    Pump& pump = _pumps[channel.local];
+    if (IsPrograms(*object)) {
+        auto const bytes = reinterpret_cast<char const*>(data.data());
+        auto const size = static_cast<unsigned int>(data.size());
+        if (isError)
+            object->ForwardExtended(bytes, size);
+        else
+            object->Forward(bytes, size);
+        _hasFlushes = true;
+        return _channels.Consume(channel, data.size());
+    }
+    if (object->_fdOut < 0 && IsA(*object, typeid(X11Channel)))
+        return DeliverX11(channel, pump, *object, data);
+    Deliver(&channel, channel.local, pump, data, isError && channel.isSession);
+}
+
+/// Writes to the channel's descriptor, and grants what has left. A local program that is gone ends a
+/// forwarded connection; for the session channel it is a failure of the session.
+void ChannelLoop::Deliver(Channel* channel, unsigned int local, Pump& pump, View data, bool isError) {
+    std::unique_ptr<DescriptorSink>& sink = isError ? pump.errors : pump.output;
+    if (!sink) {
+        SshChannel const* const object = Object(local);
+        if (!object) return;
+        sink = std::make_unique<DescriptorSink>(isError ? object->_fdErr : object->_fdOut);
+    }
+    bool const wasEmpty = sink->IsEmpty();
+    try {
+        std::size_t const left = sink->Write(data);
+        if (channel) _channels.Consume(*channel, left);
+    } catch (SystemError const&) {
+        if (!channel || channel->isSession) throw;
+        sink->Clear();
+        _channels.PostClose(*channel);
+    }
+    WatchOutput(local, *sink, isError, wasEmpty);
+}
+
+void ChannelLoop::DeliverX11(Channel& channel, Pump& pump, SshChannel& object, View data) {
+    pump.x11Setup.insert(pump.x11Setup.end(), data.begin(), data.end());
+    std::size_t const length = X11SetupLength(pump.x11Setup);
+    if (length > X11_MAX_SETUP) return _channels.PostClose(channel);
+    if (length == 0 || pump.x11Setup.size() < length) return;
+    Bytes const setup = std::move(pump.x11Setup);
+    pump.x11Setup.clear();
+    _channels.Consume(channel, length);
+    object.Forward(reinterpret_cast<char const*>(setup.data()), static_cast<unsigned int>(length));
+    if (object._fdOut < 0) return _channels.PostClose(channel);
+    if (setup.size() > length)
+        Deliver(&channel, channel.local, pump, View(setup.data() + length, setup.size() - length), false);
+}
+
+void ChannelLoop::WatchOutput(unsigned int local, DescriptorSink& sink, bool isError, bool wasEmpty) {
+    if (wasEmpty && !sink.IsEmpty())
+        _host.Mux().Register(sink.Fd(), OutputDispatcher(*this, local, isError));
+    else if (!wasEmpty && sink.IsEmpty())
+        _host.Mux().Unregister(sink.Fd());
+}
+
+void ChannelLoop::ServeOutput(unsigned int local, bool isError) {
+    Pump* const pump = Find(local);
+    if (!pump) return;
+    Deliver(_channels.Find(local), local, *pump, View(), isError);
+    AfterOutput(local, *pump);
+    Settle();
+}
+
+void ChannelLoop::OnEof(Channel& channel) {
+    if (Pump* const pump = Find(channel.local)) AfterOutput(channel.local, *pump);
+}
+
+/// What waits for all data to be written: the end of a connection, of a channel, of the session.
+void ChannelLoop::AfterOutput(unsigned int local, Pump& pump) {
+    if ((pump.output && !pump.output->IsEmpty()) || (pump.errors && !pump.errors->IsEmpty())) return;
+    Channel* const channel = _channels.Find(local);
+    if (pump.isClosing) return Drop(local);
+    if (!channel || channel->isSession || !channel->eofReceived) return;
+    SshChannel const* const object = Object(local);
+    if (object && !IsPrograms(*object) && object->_fdOut >= 0) shutdown(object->_fdOut, SHUT_WR);
+    if (channel->eofSent) _channels.PostClose(*channel);
+}
+
+void ChannelLoop::OnClosed(Channel& channel) {
+    Pump& pump = _pumps[channel.local];
+    WatchInput(channel.local, pump, false);
+    pump.input = -1;
+    pump.isClosing = true;
+    pump.isSession = channel.isSession;
+    AfterOutput(channel.local, pump);
+}
+
+void ChannelLoop::Drop(unsigned int local) {
+    bool const isSession = Find(local)->isSession;
+    _pumps.erase(local);
+    if (isSession) return _host.OnSessionEnd();
+    _host.Table().RemoveChannel(static_cast<int>(local));
+}
+
+// --- forwarding
+
+void ChannelLoop::Accept(int listener, std::string const& host, unsigned int port) {
+    for (int accepted = 0; accepted < ACCEPTS; ++accepted) {
+        int const connection = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (connection >= 0) {
+            AcceptOne(connection, host, port);
+        } else if ((errno == EMFILE || errno == ENFILE) && _spare._fd >= 0) {
+            // Else the listener would stay ready, and the loop never rest.
+            close(_spare._fd);
+            int const refused = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (refused >= 0) close(refused);
+            _spare._fd = OpenSpare();
+            _host.SetLastError("no descriptor left for a forwarded connection");
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            break;
+        }
+        pollfd more{listener, POLLIN, 0};
+        if (poll(&more, 1, 0) <= 0) break;
+    }
+    Settle();
+}
+
+void ChannelLoop::AcceptOne(int accepted, std::string const& host, unsigned int port) {
+    FileDescriptor connection(accepted);
+    if (_channels.Count() + _pending.size() >= MAX_CHANNELS)
+        return _host.SetLastError("too many channels for a further forwarded connection");
+    sockaddr_in caller{};
+    socklen_t size = sizeof caller;
+    char address[INET_ADDRSTRLEN] = "0.0.0.0";
+    unsigned int callerPort = 0;
+    if (getpeername(accepted, reinterpret_cast<sockaddr*>(&caller), &size) == 0 &&
+        caller.sin_family == AF_INET) {
+        inet_ntop(AF_INET, &caller.sin_addr, address, sizeof address);
+        callerPort = ntohs(caller.sin_port);
+    }
+    SshSession::SetNodelay(accepted);
+    SshChannel& object = _host.NewTcpChannel(0, "direct-tcpip", connection);
+    Channel& channel =
+        _channels.Add(std::make_unique<Channel>(object._localId), Channels::MAX_WINDOW, Channels::MAX_PACKET);
+    Writer fields;
+    fields.String(host).Int(port).String(address).Int(callerPort);
+    _channels.PostOpen(channel, "direct-tcpip", fields.Get());
+}
+
+void ChannelLoop::OnOpened(Channel& channel) {
+    SshChannel* const object = Object(channel.local);
+    if (!object) return _channels.PostClose(channel);
+    object->_remoteId = channel.remote;
+    RegisterInput(object->_fdIn, *object);
+}
+
+void ChannelLoop::OnOpenFailed(Channel& channel, std::string const& reason) {
+    _host.SetLastError(reason);
+    if (channel.isSession) return;
+    _pumps.erase(channel.local);
+    _host.Table().RemoveChannel(static_cast<int>(channel.local));
+}
+
+void ChannelLoop::OnOpenRequest(OpenRequest const& request) {
+    if (_channels.Count() + _pending.size() >= MAX_CHANNELS)
+        return _channels.PostRefusal(request, Packet::SSH_OPEN_RESOURCE_SHORTAGE, "too many channels");
+    if (request.type == "forwarded-tcpip") return OpenForwarded(request);
+    if (request.type == "x11") {
+        auto const local = _host.Table().NextId();
+        Channel& channel =
+            _channels.Add(std::make_unique<Channel>(local), Channels::MAX_WINDOW, Channels::MAX_PACKET);
+        channel.remoteWindow = request.window;
+        channel.remoteMax = Channels::PacketSize(request.maxPacket);
+        if (_host.OpenX11Channel(request.message)) return;
+        _channels.Remove(local);
+    }
+    _channels.PostRefusal(request, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED, "open failed");
+}
+
+/// RFC 4254, section 7.2.
+void ChannelLoop::OpenForwarded(OpenRequest const& request) {
+    Reader fields(request.rest, "CHANNEL_OPEN");
+    fields.String();
+    unsigned int const port = fields.Int();
+    fields.String();
+    fields.Int();
+    fields.End();
+    std::string host;
+    unsigned int targetPort = 0;
+    if (!_host.FindTarget(port, host, targetPort))
+        return _channels.PostRefusal(request, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED,
+                                     "port not forwarded");
+    unsigned int const key = _nextPending++;
+    Pending& pending = _pending[key];
+    pending.connector.reset(new TcpConnector(host, targetPort));
+    pending.type = request.type;
+    pending.sender = request.sender;
+    pending.window = request.window;
+    pending.maxPacket = request.maxPacket;
+    Connect(key, pending);
+}
+
+void ChannelLoop::Connect(unsigned int key, Pending& pending) {
+    int const fd = pending.connector->Next();
+    if (fd >= 0) {
+        _host.Mux().Register(fd, ConnectDispatcher(*this, key));
+        return;
+    }
+    OpenRequest const request{View(),         pending.type,      pending.sender,
+                              pending.window, pending.maxPacket, View()};
+    _channels.PostRefusal(request, Packet::SSH_OPEN_CONNECT_FAILED, "connect failed");
+    _pending.erase(key);
+}
+
+void ChannelLoop::ServeConnect(unsigned int key) {
+    auto const found = _pending.find(key);
+    if (found == _pending.end()) return;
+    Pending& pending = found->second;
+    FileDescriptor& fd = pending.connector->Take();
+    _host.Mux().Unregister(fd._fd);
+    if (!pending.connector->IsConnected()) {
+        Connect(key, pending);
+        return Settle();
+    }
+    SshSession::SetNodelay(fd._fd);
+    SshChannel& object = _host.NewTcpChannel(pending.sender, "forwarded-tcpip", fd);
+    Channel& channel =
+        _channels.Add(std::make_unique<Channel>(object._localId), Channels::MAX_WINDOW, Channels::MAX_PACKET);
+    _channels.PostConfirmation(channel, OpenRequest{View(), pending.type, pending.sender, pending.window,
+                                                    pending.maxPacket, View()});
+    _pending.erase(found);
+    RegisterInput(object._fdIn, object);
+    Settle();
+}
+
+} // namespace cindral::standard

@@ -1,0 +1,138 @@
+#ifndef BRANTLE_STANDARD_CHANNEL_LOOP_H
+#define BRANTLE_STANDARD_CHANNEL_LOOP_H
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include <brantle/channel/ssh_channel_mgr.h>
+#include <brantle/event/iomultiplexer.h>
+#include <brantle/event/timers.h>
+#include <brantle/thornel/file_descriptor.h>
+
+#include "standard/channels.h"
+#include "standard/connection.h"
+#include "standard/descriptor_sink.h"
+#include "standard/tcp_connector.h"
+
+namespace cindral::standard {
+
+/// What the loop needs of the session that it serves.
+class LoopHost {
+public:
+    virtual ~LoopHost() = default;
+    virtual SshChannelMgr& Table() = 0;
+    virtual IOMultiplexer& Mux() = 0;
+    /// Makes a channel of the table for a connection, which it takes over, and returns it.
+    virtual SshChannel& NewTcpChannel(unsigned int remote, char const* type, FileDescriptor& connection) = 0;
+    /// Lets the session make and confirm the channel of a remote X client. False if X11 is not forwarded.
+    virtual bool OpenX11Channel(View message) = 0;
+    /// Where the server's connections to `port` lead; false if that port is not forwarded.
+    virtual bool FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) = 0;
+    /// The session channel has ended, and all that it brought has been written.
+    virtual void OnSessionEnd() = 0;
+    virtual void SetLastError(std::string const& text) = 0;
+};
+
+/// Moves bytes between the channels and their local descriptors, without ever waiting for one of them: a
+/// descriptor that is not served rests, and what it is owed is kept, within the channel's window.
+class ChannelLoop {
+public:
+    /// Most channels at a time. The server's further ones are refused, further local connections closed.
+    static constexpr std::size_t MAX_CHANNELS = 1024;
+
+    ChannelLoop(LoopHost& host, Connection& connection, Channels& channels);
+    /// Takes everything out of the loop.
+    ~ChannelLoop();
+    ChannelLoop(ChannelLoop const&) = delete;
+    ChannelLoop& operator=(ChannelLoop const&) = delete;
+
+    /// Whether the loop has taken over, with the first descriptor registered.
+    bool IsRunning() const { return _isRunning; }
+    /// From now on `fd` feeds the channel.
+    void RegisterInput(int fd, SshChannel const& object);
+    /// Serves the server's socket: all that has arrived.
+    void Dispatch();
+    /// Accepts what waits at a listener, whose connections lead to `port` of `host` at the server's side.
+    void Accept(int listener, std::string const& host, unsigned int port);
+    /// Data of a channel that a program feeds by itself.
+    void Send(Channel& channel, View data);
+    void SetKeepalive(unsigned int seconds, unsigned int unanswered);
+    /// Writes what has been posted, and watches what has to be watched from now on.
+    void Settle();
+
+    // As in ChannelEvents.
+    void OnOpened(Channel& channel);
+    void OnOpenFailed(Channel& channel, std::string const& reason);
+    void OnData(Channel& channel, View data, bool isError);
+    void OnEof(Channel& channel);
+    void OnClosed(Channel& channel);
+    void OnWindow(Channel& channel);
+    void OnOpenRequest(OpenRequest const& request);
+
+private:
+    class InputDispatcher;
+    class OutputDispatcher;
+    class SocketDispatcher;
+    class ConnectDispatcher;
+    class KeepaliveTimer;
+
+    /// The local side of a channel.
+    struct Pump {
+        int input = -1; ///< -1: none, or at its end
+        bool inputIsWatched = false;
+        std::unique_ptr<DescriptorSink> output;
+        std::unique_ptr<DescriptorSink> errors;
+        bool isSession = false;
+        bool isClosing = false; ///< gone at the server's side
+        Bytes unsent;           ///< of data that the window had no room for
+        Bytes x11Setup;         ///< the part of an X client's first message that has come
+    };
+
+    /// A connection to a target that is being made for the server.
+    struct Pending {
+        std::unique_ptr<TcpConnector> connector;
+        std::string type;
+        unsigned int sender = 0;
+        unsigned int window = 0;
+        unsigned int maxPacket = 0;
+    };
+
+    SshChannel* Object(unsigned int local) const;
+    Pump* Find(unsigned int local);
+    void ServeInput(unsigned int local, int fd);
+    void ServeOutput(unsigned int local, bool isError);
+    void ServeConnect(unsigned int key);
+    void ReadInput(Channel& channel, Pump& pump);
+    void EndInput(Channel& channel, Pump& pump);
+    bool MayRead(Channel const* channel, Pump const& pump) const;
+    void WatchInput(unsigned int local, Pump& pump, bool watch);
+    void WatchOutput(unsigned int local, DescriptorSink& sink, bool isError, bool wasEmpty);
+    void WatchSocket();
+    void Deliver(Channel* channel, unsigned int local, Pump& pump, View data, bool isError);
+    void DeliverX11(Channel& channel, Pump& pump, SshChannel& object, View data);
+    void AfterOutput(unsigned int local, Pump& pump);
+    void Drop(unsigned int local);
+    void OpenForwarded(OpenRequest const& request);
+    void Connect(unsigned int key, Pending& pending);
+    void AcceptOne(int connection, std::string const& host, unsigned int port);
+
+    LoopHost& _host;
+    Connection& _connection;
+    Channels& _channels;
+    bool _isRunning = false;
+    bool _hasFlushes = false;            ///< a program's own channel has data to flush
+    std::map<unsigned int, Pump> _pumps; ///< by the channel's local number
+    std::map<unsigned int, Pending> _pending;
+    unsigned int _nextPending = 0;
+    FileDescriptor _socket; ///< a second descriptor of the connection, watched while output waits
+    bool _socketIsWatched = false;
+    FileDescriptor _spare; ///< given up for a moment to turn a connection away when descriptors run out
+    unsigned int _keepaliveSeconds = 0;
+    unsigned int _keepaliveUnanswered = 0;
+    std::unique_ptr<KeepaliveTimer> _keepalive;
+};
+
+} // namespace cindral::standard
+
+#endif

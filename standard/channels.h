@@ -1,0 +1,169 @@
+#ifndef BRANTLE_STANDARD_CHANNELS_H
+#define BRANTLE_STANDARD_CHANNELS_H
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "standard/bytes.h"
+#include "standard/connection.h"
+
+namespace cindral::standard {
+
+/// One channel as the connection protocol sees it (RFC 4254, section 5): numbers, windows, and which ends are
+/// still open. Windows and packet sizes are in bytes.
+struct Channel {
+    /// A request of this side that the server has not answered yet.
+    struct Request {
+        std::string name;
+        bool isReported; ///< the answer is passed on to who sent the request
+    };
+
+    explicit Channel(unsigned int number) : local(number) {}
+    virtual ~Channel() = default;
+
+    bool IsOpen() const { return isConfirmed && !closeSent; }
+    /// How much may be sent in one message now.
+    std::size_t Sendable() const { return IsOpen() && !eofSent ? std::min(remoteWindow, remoteMax) : 0; }
+
+    unsigned int const local;
+    unsigned int remote = 0;
+    bool isSession = false;
+    bool isConfirmed = false;
+    bool eofSent = false;
+    bool eofReceived = false;
+    bool closeSent = false;
+    bool closeReceived = false;
+
+    unsigned int remoteWindow = 0; ///< what this side may still send
+    unsigned int remoteMax = 0;    ///< in one message
+    unsigned int localWindow = 0;  ///< what the server may still send
+    unsigned int localMax = 0;     ///< in one message
+    unsigned int windowSize = 0;   ///< what is granted at most
+    unsigned int consumed = 0;     ///< passed on, and not granted again yet
+
+    std::deque<Request> requests;
+    int exitStatus = -1;
+    std::string exitSignal;
+};
+
+/// An opening by the server.
+struct OpenRequest {
+    View message; ///< whole
+    std::string type;
+    unsigned int sender;
+    unsigned int window;
+    unsigned int maxPacket;
+    View rest; ///< the fields of the type
+};
+
+/// Who is told of what happens to channels. Views are good during the call.
+class ChannelEvents {
+public:
+    virtual ~ChannelEvents() = default;
+    virtual void OnOpened(Channel& channel) = 0;
+    virtual void OnOpenFailed(Channel& channel, std::string const& reason) = 0;
+    /// The bytes count as unread until Channels::Consume().
+    virtual void OnData(Channel& channel, View data) = 0;
+    virtual void OnErrorData(Channel& channel, View data) = 0;
+    virtual void OnEof(Channel& channel) = 0;
+    /// Both sides have closed; the channel is gone after the call.
+    virtual void OnClosed(Channel& channel) = 0;
+    /// More may be sent than before.
+    virtual void OnWindow(Channel& channel) = 0;
+    virtual void OnOpenRequest(OpenRequest const& request) = 0;
+    /// A request of this side that was refused and that nobody asked to be told of.
+    virtual void OnRequestRefused(Channel& channel, std::string const& name) = 0;
+};
+
+/// The connection protocol (RFC 4254): channels, their windows, and the requests of both sides.
+///
+/// Whatever the server sends against the protocol throws SshProtocolError: data beyond a window or a packet
+/// size, after EOF, for a channel that is not open, and a window that overflows.
+class Channels {
+public:
+    static constexpr unsigned int MAX_PACKET = 0x8000;
+    static constexpr unsigned int MAX_WINDOW = 0x200000;
+    /// What is sent in front of the data of a message.
+    static constexpr std::size_t DATA_HEADER = 9;
+
+    /// What one message may hold at most, of the size that the server announced.
+    static unsigned int PacketSize(unsigned int announced);
+
+    Channels(Connection& connection, ChannelEvents& events);
+    ~Channels();
+
+    /// Takes a channel in, which Find() finds from then on.
+    Channel& Add(std::unique_ptr<Channel> channel, unsigned int windowSize, unsigned int maxPacket);
+    /// Null for a number that is not in use.
+    Channel* Find(unsigned int local) const;
+    Channel* FindRemote(unsigned int remote) const;
+    void Remove(unsigned int local) { _channels.erase(local); }
+    std::size_t Count() const { return _channels.size(); }
+    std::map<unsigned int, std::unique_ptr<Channel>> const& All() const { return _channels; }
+
+    /// Handles a message from the server. True if it is to be passed on to who waits for an answer: the
+    /// answers to openings and requests that were sent as reported ones. The view then leads to what is to be
+    /// passed on.
+    bool Take(View& message);
+
+    /// Notes what a message of this side's means, and posts it. An opening, confirmation or request that the
+    /// session made by itself comes by here.
+    void Submit(View message);
+
+    // Each posts a message; nothing waits.
+    void PostData(Channel& channel, View data);
+    /// Room for data of at most `size` bytes, to be ended by EndData(). REQUIRES: Connection::MayPost(), and
+    /// size <= channel.Sendable().
+    unsigned char* BeginData(std::size_t size);
+    void EndData(Channel& channel, std::size_t size);
+    void PostEof(Channel& channel);
+    void PostClose(Channel& channel);
+    void PostOpen(Channel& channel, char const* type, View fields);
+    void PostConfirmation(Channel& channel, OpenRequest const& request);
+    void PostRefusal(OpenRequest const& request, int reason, char const* text);
+    /// Counts bytes as passed on; grants them when that is worth a message.
+    void Consume(Channel& channel, std::size_t size);
+    void PostKeepalive();
+
+    /// Keepalives that have not been answered.
+    unsigned int UnansweredKeepalives() const { return _keepalives; }
+    /// The port that the server chose for the last remote forwarding of port 0.
+    unsigned int RemotePort() const { return _remotePort; }
+
+private:
+    enum class Global { KEEPALIVE, FORWARDING, REPORTED };
+
+    Channel& Known(unsigned int local, char const* what) const;
+    Channel& Open(unsigned int local, char const* what) const;
+    bool TakeConfirmation(View message);
+    bool TakeOpenFailure(View message);
+    void TakeData(View fields, bool isError);
+    void TakeAdjustment(View fields);
+    void TakeEof(View fields);
+    void TakeClose(View fields);
+    void TakeRequest(View fields);
+    bool TakeAnswer(View message);
+    void TakeGlobalRequest(View fields);
+    bool TakeGlobalAnswer(View& message);
+    void TakeOpening(View message);
+    void TakeExit(Channel& channel, std::string const& name, Reader& fields);
+    void SubmitRequest(View message);
+    void SubmitGlobalRequest(View message);
+    void SubmitOpening(View message);
+    void SubmitConfirmation(View message);
+    void RemoveIfClosed(Channel& channel);
+
+    Connection& _connection;
+    ChannelEvents& _events;
+    std::map<unsigned int, std::unique_ptr<Channel>> _channels; ///< by local number
+    std::deque<Global> _globals; ///< requests that wait for their answers, which come in order
+    unsigned int _keepalives = 0;
+    bool _isAnyPort = false; ///< the last remote forwarding asked for port 0
+    unsigned int _remotePort = 0;
+};
+
+} // namespace cindral::standard
+
+#endif

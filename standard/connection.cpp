@@ -1,0 +1,184 @@
+#include <cerrno>
+
+#include <brantle/packet/packet.h>
+
+#include "standard/connection.h"
+#include "standard/printable.h"
+
+namespace cindral::standard {
+
+namespace {
+
+constexpr std::size_t MAX_LINE = 8192;                 ///< of what precedes the identification
+constexpr unsigned int MAX_LINES = 1024;               ///< likewise
+constexpr std::size_t MAX_HELD = 0x10000;              ///< messages
+constexpr unsigned long long MAX_PACKETS = 1ull << 31; ///< RFC 4344, section 3.1
+constexpr int FIRST_EXCHANGE_MESSAGE = 20;
+constexpr int LAST_EXCHANGE_MESSAGE = 49;
+constexpr int EXT_INFO = 7; // RFC 8308
+
+bool StartsWith(std::string const& text, char const* start) { return text.rfind(start, 0) == 0; }
+
+View Fields(View message) { return View(message.begin() + 1, message.size() - 1); }
+
+} // namespace
+
+Connection::Connection(Offer const& offer, HostKeyCheck& hostKeys, RekeyLimit const& limit)
+    : _limit(limit), _exchange(_transport, offer, hostKeys) {}
+
+int Connection::Identify(int fd, Deadline const& deadline, std::string const& own, std::string& server,
+                         std::string& reason) {
+    _transport.Attach(fd);
+    if (int const failure = _transport.SendLine(own + "\r\n", deadline)) return failure;
+    for (unsigned int lines = 0; lines < MAX_LINES;) {
+        if (!_transport.NextLine(server, MAX_LINE)) {
+            if (!_transport.WaitForInput(deadline)) {
+                reason = "the server has not identified itself in time";
+                return -ETIMEDOUT;
+            }
+            _transport.Fill();
+            continue;
+        }
+        ++lines;
+        if (!StartsWith(server, "SSH-")) continue;
+        if (!server.empty() && server.back() == '\r') server.pop_back();
+        if (StartsWith(server, "SSH-2.0-") || StartsWith(server, "SSH-1.99-")) {
+            _exchange.SetIdentification(own, server);
+            return 0;
+        }
+        reason = "the server speaks another protocol version: " + Printable(View(server));
+        return -EPROTONOSUPPORT;
+    }
+    reason = "the server sends lines without end in place of its identification";
+    return -EPROTO;
+}
+
+void Connection::ExchangeKeys() {
+    _exchange.Start();
+    View message;
+    while (!_exchange.HasKeys()) {
+        while (!_exchange.HasKeys() && Next(message))
+            throw SshProtocolError("message before the first keys", message[0]);
+        if (!_exchange.HasKeys()) WaitAndFill();
+    }
+    _transport.FlushAll();
+}
+
+void Connection::Send(View message) {
+    View other;
+    while (!_exchange.MaySend()) {
+        if (Next(other)) throw SshProtocolError("message within a key exchange", other[0]);
+        if (!_exchange.MaySend()) WaitAndFill();
+    }
+    _transport.Send(message);
+    Flush();
+    _transport.FlushAll();
+}
+
+View Connection::Receive() {
+    View message;
+    while (!Next(message)) WaitAndFill();
+    return message;
+}
+
+void Connection::WaitAndFill() {
+    Flush();
+    Deadline const deadline(Transport::TIME_LIMIT);
+    // While this side has output left, the server may be waiting for it as well.
+    while (_transport.PendingOutput() > 0) {
+        if (!_transport.WaitForEither(deadline)) throw SshProtocolError("the server does not take data");
+        _transport.Flush();
+        if (_transport.Fill() > 0) return;
+    }
+    if (!_transport.WaitForInput(deadline)) throw SshProtocolError("the server does not answer");
+    _transport.Fill();
+}
+
+void Connection::Post(View message) {
+    if (_exchange.MaySend() && _held.empty()) return _transport.Send(message);
+    if (_held.size() >= MAX_HELD) throw SshProtocolError("too many requests within a key exchange");
+    _held.push_back(message.Copy());
+}
+
+void Connection::PostHeld() {
+    if (_held.empty() || !_exchange.MaySend()) return;
+    for (Bytes const& message : _held) _transport.Send(message);
+    _held.clear();
+}
+
+void Connection::Flush() {
+    if (IsRekeyDue()) _exchange.Start();
+    _transport.Flush();
+}
+
+bool Connection::IsRekeyDue() const {
+    if (!_exchange.HasKeys() || _exchange.IsUnderWay()) return false;
+    return _transport.BytesSinceKeys() >= _limit.bytes || _transport.PacketsSinceKeys() >= MAX_PACKETS ||
+           (_limit.seconds > 0 && Clock::now() - _keysSince >= std::chrono::seconds(_limit.seconds));
+}
+
+bool Connection::Next(View& message) {
+    while (_transport.Next(message))
+        if (!TakeTransportMessage(message)) return true;
+    return false;
+}
+
+/// Whether the message has been dealt with here.
+bool Connection::TakeTransportMessage(View message) {
+    int const number = message[0];
+    if (number >= FIRST_EXCHANGE_MESSAGE && number <= LAST_EXCHANGE_MESSAGE) {
+        _exchange.Take(message);
+        if (_exchange.Completed() != _exchangesSeen) {
+            _exchangesSeen = _exchange.Completed();
+            _keysSince = Clock::now();
+        }
+        PostHeld();
+        return true;
+    }
+    if (number == Packet::SSH_MSG_DISCONNECT) {
+        Reader fields(Fields(message), "DISCONNECT");
+        fields.Int();
+        throw SshProtocolError("disconnected by the server", String_t(Printable(fields.String()).c_str()));
+    }
+    _exchange.CheckStrict(number);
+    switch (number) {
+    case Packet::SSH_MSG_IGNORE:
+    case Packet::SSH_MSG_UNIMPLEMENTED:
+    case Packet::SSH_MSG_DEBUG:
+        return true;
+    case EXT_INFO:
+        TakeExtensions(message);
+        return true;
+    default:
+        return false;
+    }
+}
+
+void Connection::TakeExtensions(View message) {
+    Reader fields(Fields(message), "EXT_INFO");
+    for (unsigned int left = fields.Int(); left > 0; --left) {
+        View const name = fields.String();
+        View const value = fields.String();
+        if (name == View("server-sig-algs")) _serverSigAlgs = value.Str();
+    }
+    fields.End();
+}
+
+void Connection::PostUnimplemented() {
+    Post(Writer(Packet::SSH_MSG_UNIMPLEMENTED).Int(_transport.InputSequence()).Get());
+}
+
+void Connection::Disconnect(int reason, std::string const& text) noexcept {
+    try {
+        _transport.Send(Writer(Packet::SSH_MSG_DISCONNECT)
+                            .Int(static_cast<unsigned int>(reason))
+                            .String(text)
+                            .String("")
+                            .Get());
+        _transport.Flush();
+    } catch (...) {
+        return; // the connection is gone: there is nobody left to inform
+    }
+}
+
+} // namespace cindral::standard

@@ -1,0 +1,96 @@
+#ifndef BRANTLE_STANDARD_CONNECTION_H
+#define BRANTLE_STANDARD_CONNECTION_H
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "standard/key_exchange.h"
+#include "standard/message_port.h"
+#include "standard/transport.h"
+
+namespace cindral::standard {
+
+/// When keys are renewed.
+struct RekeyLimit {
+    unsigned long long bytes = 1ull << 30;
+    unsigned int seconds = 3600; ///< 0: no limit
+};
+
+/// The transport layer of one connection (RFC 4253): identification, key exchanges whenever either side wants
+/// one, and the messages that are of no concern to what runs above it.
+///
+/// It works in two ways. Receive() and Send() block on the caller's thread. In a loop, Fill() and Next()
+/// serve what has arrived, and Post() and Flush() write what the socket takes; nothing waits.
+class Connection : public MessagePort {
+public:
+    /// The references must outlive the object.
+    Connection(Offer const& offer, HostKeyCheck& hostKeys, RekeyLimit const& limit);
+
+    /// Takes the connected socket, which stays the caller's, and exchanges identification lines before the
+    /// deadline (RFC 4253, section 4.2): lines before the server's are skipped. `own` is without its line
+    /// end. Returns 0 or a negated errno value, with the reason in `reason`.
+    int Identify(int fd, Deadline const& deadline, std::string const& own, std::string& server,
+                 std::string& reason);
+    /// Runs the first key exchange. Throws Declined, too.
+    void ExchangeKeys();
+
+    void Send(View message) override;
+    View Receive() override;
+
+    /// Sends a message as soon as an exchange under way permits, without a wait.
+    void Post(View message);
+    /// Room for a message that the caller writes in place, ended by EndPost().
+    /// REQUIRES: MayPost().
+    unsigned char* BeginPost(std::size_t size) { return _transport.Begin(size); }
+    void EndPost(std::size_t size) { _transport.End(size); }
+    /// Whether a message would leave at once: no exchange is under way, and little waits for the socket.
+    bool MayPost() const { return _exchange.MaySend() && _transport.PendingOutput() < MAX_PENDING; }
+    /// Writes what the socket takes. Starts an exchange when one is due.
+    void Flush();
+    /// Writes all, waiting as long as the server makes progress.
+    void FlushAll() { _transport.FlushAll(); }
+    bool HasPendingOutput() const { return _transport.PendingOutput() > 0; }
+
+    /// Reads what has arrived.
+    std::size_t Fill() { return _transport.Fill(); }
+    /// The next message that is of concern above, from what has been read; false if there is none.
+    bool Next(View& message);
+    /// Whether there are packets to be taken by Next().
+    bool HasPacket() { return _transport.HasPacket(); }
+    /// Waits for more from the server, with everything written first. Throws SshProtocolError when it stays
+    /// silent for longer than the limit.
+    void WaitAndFill();
+
+    /// Answers the message that Next() or Receive() gave last with UNIMPLEMENTED (RFC 4253, section 11.4).
+    void PostUnimplemented();
+    /// Sends DISCONNECT and writes what the socket takes. Throws nothing.
+    void Disconnect(int reason, std::string const& text) noexcept;
+
+    int Fd() const { return _transport.Fd(); }
+    KeyExchange const& Exchange() const { return _exchange; }
+    /// The signature algorithms that the server takes (RFC 8308, section 3.1); empty if it has not said so.
+    std::string const& ServerSignatureAlgorithms() const { return _serverSigAlgs; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    bool TakeTransportMessage(View message);
+    void TakeExtensions(View message);
+    void PostHeld();
+    bool IsRekeyDue() const;
+
+    static constexpr std::size_t MAX_PENDING = 0x40000;
+
+    RekeyLimit const& _limit;
+    Transport _transport;
+    KeyExchange _exchange;
+    Clock::time_point _keysSince;
+    unsigned int _exchangesSeen = 0;
+    std::vector<Bytes> _held; ///< messages that wait for the end of an exchange
+    std::string _serverSigAlgs;
+};
+
+} // namespace cindral::standard
+
+#endif

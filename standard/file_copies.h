@@ -1,0 +1,53 @@
+#ifndef BRANTLE_STANDARD_FILE_COPIES_H
+#define BRANTLE_STANDARD_FILE_COPIES_H
+
+#include <functional>
+#include <string>
+
+#include <brantle/session/file_transfer.h>
+
+#include "standard/data_port.h"
+
+namespace cindral::standard {
+
+/// How files are copied.
+struct CopyOptions {
+    unsigned int requestsInFlight = 64;
+    bool keepsModes = false; ///< received files get the server's permission bits, within 0777
+};
+
+/// Copies of whole files over SFTP, with many requests on the way, and the bodies of scp's. A copy that is
+/// not complete is a failure, whose reason `report` is given.
+class FileCopies : public FileTransfer {
+public:
+    using Progress =
+        std::function<void(String_t const& name, unsigned long long done, unsigned long long total)>;
+    using Report = std::function<void(std::string const& text)>;
+
+    FileCopies(DataPort& port, CopyOptions const& options, Progress progress, Report report);
+
+    int Receive(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) override;
+    int Receive(SftpClient& client, SftpStatus& status, String_t const& remote,
+                String_t const& local) override;
+    int Send(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) override;
+    void CheckName(String_t const& name) override;
+
+    bool CanAnnounce(String_t const& name) override;
+    unsigned int CreationMode(unsigned int mode) override;
+    int SendBody(OSshDataStream& out, String_t const& name, int fd, long long size) override;
+    int ReceiveBody(ISshDataStream& in, String_t const& name, int fd, long long size) override;
+
+private:
+    template <class OpenLocal>
+    int ReceiveTo(SftpClient& client, SftpStatus& status, String_t const& remote, OpenLocal const& openLocal);
+    int Fail(int result, String_t const& name, std::string const& reason);
+
+    DataPort& _port;
+    CopyOptions const& _options;
+    Progress _progress;
+    Report _report;
+};
+
+} // namespace cindral::standard
+
+#endif

@@ -1,0 +1,623 @@
+#include <brantle/standard/standard_dialect.h>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <string>
+
+#include <brantle/channel/tcp_forwarding.h>
+#include <brantle/cindral/exceptions.h>
+#include <brantle/packet/channel_messages.h>
+#include <brantle/packet/packet_filter.h>
+#include <brantle/session/session_dialect.h>
+#include <brantle/sftp/sftp_file_attr.h>
+#include <brantle/sftp/sftp_packet.h>
+#include <brantle/thornel/descriptor_io.h>
+#include <brantle/thornel/sock_io.h>
+
+#include "standard/algorithms.h"
+#include "standard/channel_loop.h"
+#include "standard/channels.h"
+#include "standard/connection.h"
+#include "standard/data_port.h"
+#include "standard/file_copies.h"
+#include "standard/find_identities.h"
+#include "standard/known_hosts_file.h"
+#include "standard/printable.h"
+#include "standard/sftp_replies.h"
+#include "standard/user_auth.h"
+
+namespace cindral {
+
+using namespace standard;
+
+namespace {
+
+constexpr unsigned int SESSION_CHANNEL = 0;
+constexpr unsigned char NUL = 0;
+constexpr std::size_t MAX_DEFERRED = 64; ///< openings by the server before the loop serves them
+
+String_t Text(std::string const& text) {
+    return String_t(text.data(), static_cast<unsigned int>(text.size()));
+}
+
+char const* Chars(String_t const& text) { return text.Text() ? text.Text() : ""; }
+
+/// A message in the form that ISshPacketStream returns: with a padding length of 0 before it.
+ByteString Packed(View message) {
+    ByteString packet(static_cast<unsigned int>(1 + message.size()));
+    packet.Data()[0] = 0;
+    std::memcpy(packet.Data() + 1, message.data(), message.size());
+    return packet;
+}
+
+/// Whether a message asks for the subsystem "sftp".
+bool IsSftpRequest(View message) {
+    Reader fields(View(message.begin() + 1, message.size() - 1), "CHANNEL_REQUEST");
+    fields.Int();
+    if (fields.String() != View("subsystem")) return false;
+    fields.Bool();
+    return fields.String() == View("sftp");
+}
+
+/// Copies the attributes of a file (draft-ietf-secsh-filexfer-02, section 5).
+void CopyAttributes(Reader& from, Writer& to) {
+    unsigned int const flags = from.Int();
+    to.Int(flags);
+    if (flags & SftpFileAttr::SIZE) to.Fixed(from.Fixed(8));
+    if (flags & SftpFileAttr::UIDGID) to.Fixed(from.Fixed(8));
+    if (flags & SftpFileAttr::PERMISSIONS) to.Fixed(from.Fixed(4));
+    if (flags & SftpFileAttr::ACMODTIME) to.Fixed(from.Fixed(8));
+    if (!(flags & SftpFileAttr::EXTENDED)) return;
+    unsigned int pairs = from.Int();
+    for (to.Int(pairs); pairs > 0; --pairs) {
+        to.String(from.String());
+        to.String(from.String());
+    }
+}
+
+} // namespace
+
+/// Sits between a session and its server: the session's messages are those of its own dialect, the server's
+/// those of the RFCs.
+class StandardDialect::Impl : public SessionDialect,
+                              public PacketFilter,
+                              public HostKeyCheck,
+                              public ChannelEvents,
+                              public LoopHost,
+                              public DataPort,
+                              private SftpReplies {
+public:
+    Impl(StandardDialect& face, SshSession& session);
+    ~Impl() override;
+
+    // SessionDialect
+    int Connect(unsigned int timeout) override;
+    int KeyExchange() override;
+    int Authenticate(String_t const& identity, String_t const& user, String_t const& password,
+                     EnterPassword& enter, KbdInteractiveCallback& callback) override;
+    int Dispatch() override;
+    bool HasInput() override;
+    void RegisterInput(int fd, SshChannel const& channel) override;
+    void Accept(SshSession::LocalForwarding& forwarding) override;
+    FileTransfer& Transfer() override { return _copies; }
+
+    // PacketFilter; its HasInput is the one above
+    ByteString Read() override;
+    void Write(Packet& packet, bool more) override;
+
+    // HostKeyCheck
+    std::string Order(std::string const& algorithms) override;
+    std::string Refuse(std::string const& algorithm, View key) override;
+
+    // ChannelEvents
+    void OnOpened(Channel& channel) override;
+    void OnOpenFailed(Channel& channel, std::string const& reason) override;
+    void OnData(Channel& channel, View data) override;
+    void OnErrorData(Channel& channel, View data) override;
+    void OnEof(Channel& channel) override;
+    void OnClosed(Channel& channel) override;
+    void OnWindow(Channel& channel) override;
+    void OnOpenRequest(OpenRequest const& request) override;
+    void OnRequestRefused(Channel& channel, std::string const& name) override;
+
+    // DataPort
+    void Write(View data) override;
+    unsigned char* BeginWrite(std::size_t size) override;
+    void EndWrite(std::size_t size) override;
+    void SetReceiver(DataReceiver* receiver) override { _receiver = receiver; }
+    void Serve() override;
+
+    // LoopHost
+    SshChannelMgr& Table() override { return SessionDialect::Table(); }
+    IOMultiplexer& Mux() override { return SessionDialect::Mux(); }
+    SshChannel& NewTcpChannel(unsigned int remote, char const* type, FileDescriptor& connection) override;
+    bool OpenX11Channel(View message) override;
+    bool FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) override;
+    void OnSessionEnd() override { _session.Terminate(); }
+    void SetLastError(std::string const& text) override { _lastError = Text(text); }
+
+    void SetAlgorithms(AlgorithmKind kind, char const* place, String_t const& names, std::string& list);
+
+    StandardDialect& _face;
+    Offer _offer;
+    std::string _publicKeyAlgorithms;
+    HostKeyPolicy _policy = ACCEPT_NEW;
+    RekeyLimit _rekeyLimit;
+    unsigned int _keepaliveSeconds = 0;
+    unsigned int _keepaliveUnanswered = 0;
+    CopyOptions _copyOptions;
+
+    Connection _connection;
+    Channels _channels;
+    ChannelLoop _loop;
+    int _exitStatus = -1;
+    String_t _exitSignal;
+    String_t _kexName;
+    String_t _hostKeyName;
+    String_t _lastError;
+
+private:
+    /// A message for the session, and the bytes of the channel that it stands for.
+    struct Incoming {
+        ByteString packet;
+        std::size_t bytes;
+    };
+
+    // SftpReplies
+    void TakeReply(View message) override;
+
+    void Deliver(View data, std::size_t bytes);
+    Channel& OpenSession();
+    void ServeBlocking();
+    void FlushBlocking();
+    int Refused(std::string const& reason);
+
+    KnownHostsFile _knownHosts;
+    BlockCipher _plain; ///< messages are encoded without a cipher, and padded here
+    FileCopies _copies;
+    std::deque<Incoming> _inbox;       ///< for the session, outside the loop
+    DataReceiver* _receiver = nullptr; ///< of the session channel's data in place of the session, for a while
+    bool _isSftp = false;
+    std::deque<Bytes> _deferred; ///< openings that wait for the loop
+    bool _hasEnded = false;      ///< the session channel brings no more
+};
+
+StandardDialect::Impl::Impl(StandardDialect& face, SshSession& session)
+    : SessionDialect(session), _face(face),
+      _offer{DefaultAlgorithms(AlgorithmKind::KEX), DefaultAlgorithms(AlgorithmKind::HOST_KEY),
+             DefaultAlgorithms(AlgorithmKind::CIPHER), DefaultAlgorithms(AlgorithmKind::MAC)},
+      _publicKeyAlgorithms(DefaultAlgorithms(AlgorithmKind::PUBLIC_KEY)),
+      _connection(_offer, *this, _rekeyLimit), _channels(_connection, *this),
+      _loop(*this, _connection, _channels),
+      _copies(
+          *this, _copyOptions,
+          [&face](String_t const& name, unsigned long long done, unsigned long long total) {
+              face.Progress(name, done, total);
+          },
+          [this](std::string const& text) { SetLastError(text); }) {
+    Attach(*this);
+}
+
+StandardDialect::Impl::~Impl() { Detach(); }
+
+int StandardDialect::Impl::Refused(std::string const& reason) {
+    SetLastError(reason);
+    return -1;
+}
+
+// --- connecting
+
+int StandardDialect::Impl::Connect(unsigned int timeout) {
+    Deadline const deadline{std::chrono::seconds(timeout)};
+    int result = OpenSocket(timeout);
+    if (result < 0) {
+        SetLastError(std::string("connection failed: ") + std::strerror(-result));
+        return result;
+    }
+    SshSession::SetNodelay(_session.Fd());
+    SockIO::SetCloseOnExec(_session.Fd());
+    std::string server, reason;
+    try {
+        result = _connection.Identify(_session.Fd(), deadline, Chars(ClientVersion()), server, reason);
+    } catch (SshProtocolError const& failure) {
+        reason = failure.what();
+        result = -ECONNRESET;
+    } catch (SystemError const& failure) {
+        reason = failure.what();
+        result = -failure.Errno();
+    }
+    SetServerVersion(Text(server));
+    if (result < 0) SetLastError(reason);
+    return result;
+}
+
+int StandardDialect::Impl::KeyExchange() {
+    if (_connection.Fd() < 0) return Refused("the session is not connected");
+    try {
+        _connection.ExchangeKeys();
+    } catch (Declined const& declined) {
+        _connection.Disconnect(Packet::SSH_DISCONNECT_KEY_EXCHANGE_FAILED, "key exchange failed");
+        return Refused(declined.Text());
+    }
+    auto const& exchange = _connection.Exchange();
+    Agreement const& agreed = exchange.Agreed();
+    _kexName = Text(agreed.kex);
+    _hostKeyName = Text(agreed.hostKey);
+    for (int direction = 0; direction < 2; ++direction)
+        SetAgreed(direction, Text(agreed.ciphers[direction]), Text(agreed.macs[direction]));
+    Bytes const& id = exchange.SessionId();
+    SetSessionId(ByteString(id.data(), static_cast<unsigned int>(id.size())));
+    return 0;
+}
+
+std::string StandardDialect::Impl::Order(std::string const& algorithms) {
+    SockIO::SockAddr const& address = Socket().Addr();
+    std::string first, rest;
+    auto const known = _knownHosts.KnownAlgorithms(Chars(address.Host()), address.Port());
+    auto const add = [](std::string& list, std::string const& name) {
+        list += (list.empty() ? "" : ",") + name;
+    };
+    for (std::string const& name : known)
+        if (HasName(algorithms, name)) add(first, name);
+    for (std::string const& name : SplitNames(algorithms))
+        if (!HasName(first, name)) add(rest, name);
+    if (!first.empty() && !rest.empty()) first += ',';
+    return first + rest;
+}
+
+std::string StandardDialect::Impl::Refuse(std::string const& algorithm, View key) {
+    SockIO::SockAddr const& address = Socket().Addr();
+    std::string const host = Chars(address.Host());
+    KnownHostsFile::Finding const finding =
+        _knownHosts.Lookup(host, address.Port(), Chars(address.IpAddr()), key);
+    if (finding.verdict == KnownHostsFile::MATCH) return std::string();
+    if (finding.verdict != KnownHostsFile::UNKNOWN) return finding.Text(host);
+    std::string const type(FindSignature(algorithm).keyType);
+    std::string const fingerprint = Fingerprint(key);
+    if (!_face.ConfirmHostKey(Text(host), Text(type), Text(fingerprint)))
+        return "the host " + host + " is not known, and its " + type + " key (" + fingerprint +
+               ") was not accepted";
+    if (int const failure = _knownHosts.Append(host, address.Port(), key))
+        SetLastError("the host key could not be added to the known hosts: " +
+                     std::string(std::strerror(-failure)));
+    return std::string();
+}
+
+int StandardDialect::Impl::Authenticate(String_t const& identity, String_t const& user,
+                                        String_t const& password, EnterPassword& enter,
+                                        KbdInteractiveCallback& callback) {
+    if (!_connection.Exchange().HasKeys())
+        return Refused("no keys are in force: KeyExchange has not succeeded");
+    String_t const host = Socket().RefString();
+    Login login;
+    login.sessionId = _connection.Exchange().SessionId();
+    login.user = Chars(user);
+    login.host = Chars(host);
+    login.password = View(Chars(password));
+    login.algorithms = _publicKeyAlgorithms;
+    login.serverAlgorithms = &_connection.ServerSignatureAlgorithms();
+    UserAuthenticator authenticator(
+        _connection, login,
+        [&](std::vector<std::string>& notes) {
+            auto const agent = std::make_shared<AgentClient>();
+            return FindIdentities(Chars(identity), agent, login.password, enter, notes);
+        },
+        enter, callback);
+    int const result = authenticator.Run();
+    SetBanner(Text(authenticator.Banner()));
+    if (result < 0) return Refused(authenticator.LastError());
+    SetAuthenticated();
+    return 0;
+}
+
+// --- messages outside the loop
+
+bool StandardDialect::Impl::HasInput() { return !_inbox.empty() || _connection.HasPacket(); }
+
+ByteString StandardDialect::Impl::Read() {
+    if (!_connection.Exchange().HasKeys()) throw SshProtocolError("no keys are in force");
+    View message;
+    for (;;) {
+        if (!_inbox.empty()) {
+            Incoming const incoming = _inbox.front();
+            _inbox.pop_front();
+            if (Channel* const channel = _channels.Find(SESSION_CHANNEL))
+                _channels.Consume(*channel, incoming.bytes);
+            return incoming.packet;
+        }
+        if (_hasEnded) return ByteString();
+        ServeBlocking();
+    }
+}
+
+/// Handles what has come, after a wait if that is nothing.
+void StandardDialect::Impl::ServeBlocking() {
+    View message;
+    bool served = false;
+    for (; _connection.Next(message); served = true)
+        if (_channels.Take(message)) _inbox.push_back({Packed(message), 0});
+    if (!served) _connection.WaitAndFill();
+}
+
+void StandardDialect::Impl::FlushBlocking() {
+    _connection.Flush();
+    while (_connection.HasPendingOutput()) {
+        _connection.WaitAndFill();
+        View message;
+        while (_connection.Next(message))
+            if (_channels.Take(message)) _inbox.push_back({Packed(message), 0});
+    }
+}
+
+void StandardDialect::Impl::Write(Packet& packet, bool more) {
+    if (!_connection.Exchange().HasKeys()) throw SshProtocolError("no keys are in force");
+    ByteString const payload = packet.Payload(_plain);
+    View const message(payload.Data(), payload.Length());
+    if (message.empty()) return;
+    int const number = message[0];
+    // The session grants by a rule of its own; what is granted here follows from what has been read.
+    if (number == Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST) return;
+    if (number == Packet::SSH_MSG_CHANNEL_DATA || number == Packet::SSH_MSG_CHANNEL_EOF ||
+        number == Packet::SSH_MSG_CHANNEL_CLOSE) {
+        Reader fields(View(message.begin() + 1, message.size() - 1), "channel message");
+        unsigned int const remote = fields.Int();
+        // Data streams say 0 for the session channel, whatever number the server has given it.
+        Channel* const channel =
+            _loop.IsRunning() ? _channels.FindRemote(remote) : _channels.Find(SESSION_CHANNEL);
+        if (!channel) return;
+        if (number == Packet::SSH_MSG_CHANNEL_EOF)
+            _channels.PostEof(*channel);
+        else if (number == Packet::SSH_MSG_CHANNEL_CLOSE)
+            _channels.PostClose(*channel);
+        else if (_loop.IsRunning())
+            _loop.Send(*channel, fields.String());
+        else
+            Write(fields.String());
+    } else {
+        if (number == Packet::SSH_MSG_CHANNEL_OPEN) _hasEnded = _isSftp = false;
+        if (number == Packet::SSH_MSG_CHANNEL_REQUEST && IsSftpRequest(message)) _isSftp = true;
+        _channels.Submit(message);
+    }
+    if (more) return;
+    if (_loop.IsRunning())
+        _loop.Settle();
+    else
+        FlushBlocking();
+}
+
+Channel& StandardDialect::Impl::OpenSession() {
+    Channel* const channel = _channels.Find(SESSION_CHANNEL);
+    if (!channel || _hasEnded || !channel->IsOpen())
+        throw SshProtocolError("the server has closed the channel");
+    return *channel;
+}
+
+void StandardDialect::Impl::Write(View data) {
+    for (std::size_t done = 0; done < data.size();) {
+        Channel& channel = OpenSession();
+        if (channel.Sendable() == 0 || !_connection.MayPost()) {
+            ServeBlocking();
+            continue;
+        }
+        std::size_t const n = std::min(channel.Sendable(), data.size() - done);
+        _channels.PostData(channel, View(data.data() + done, n));
+        done += n;
+    }
+}
+
+unsigned char* StandardDialect::Impl::BeginWrite(std::size_t size) {
+    while (!_connection.MayPost()) ServeBlocking();
+    return OpenSession().Sendable() >= size ? _channels.BeginData(size) : nullptr;
+}
+
+void StandardDialect::Impl::EndWrite(std::size_t size) { _channels.EndData(OpenSession(), size); }
+
+void StandardDialect::Impl::Serve() {
+    OpenSession();
+    ServeBlocking();
+}
+
+/// A name without its line of a listing gets one that ends at its first byte: for the session there must be
+/// one, and such a one reads as empty.
+void StandardDialect::Impl::TakeReply(View message) {
+    if (message[0] != SftpPacket::FXP_NAME) {
+        Writer whole;
+        return Deliver(whole.String(message).Get(), message.size() + 4);
+    }
+    Reader fields(message, "SFTP name");
+    Writer names;
+    names.Byte(fields.Byte()).Int(fields.Int());
+    unsigned int const count = fields.Int();
+    names.Int(count);
+    for (unsigned int left = count; left > 0; --left) {
+        names.String(fields.String());
+        View const line = fields.String();
+        names.String(line.empty() ? View(&NUL, 1) : line);
+        CopyAttributes(fields, names);
+    }
+    names.Fixed(fields.Rest());
+    Writer whole;
+    Deliver(whole.String(names.Get()).Get(), message.size() + 4);
+}
+
+void StandardDialect::Impl::Deliver(View data, std::size_t bytes) {
+    Writer message(Packet::SSH_MSG_CHANNEL_DATA);
+    message.Int(SESSION_CHANNEL).String(data);
+    _inbox.push_back({Packed(message.Get()), bytes});
+}
+
+// --- in the loop
+
+int StandardDialect::Impl::Dispatch() {
+    _loop.Dispatch();
+    return 1;
+}
+
+void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
+    bool const isFirst = !_loop.IsRunning();
+    if (isFirst) _loop.SetKeepalive(_keepaliveSeconds, _keepaliveUnanswered);
+    _loop.RegisterInput(fd, channel);
+    if (!isFirst) return;
+    // What came before the loop was there to serve it.
+    for (Incoming const& incoming : std::exchange(_inbox, {})) {
+        View const message(incoming.packet.Data() + 1, incoming.packet.Length() - 1);
+        if (Channel* const session = _channels.Find(SESSION_CHANNEL); session && incoming.bytes > 0)
+            _loop.OnData(*session, View(message.begin() + Channels::DATA_HEADER, incoming.bytes), false);
+    }
+    for (Bytes const& deferred : std::exchange(_deferred, {})) {
+        View message(deferred);
+        _channels.Take(message);
+    }
+    _loop.Settle();
+}
+
+void StandardDialect::Impl::Accept(SshSession::LocalForwarding& forwarding) {
+    _loop.Accept(forwarding._server->Fd(), Chars(forwarding._host), forwarding._port);
+}
+
+void StandardDialect::Impl::OnOpened(Channel& channel) { _loop.OnOpened(channel); }
+
+void StandardDialect::Impl::OnOpenFailed(Channel& channel, std::string const& reason) {
+    _loop.OnOpenFailed(channel, reason);
+}
+
+void StandardDialect::Impl::OnData(Channel& channel, View data) {
+    if (_loop.IsRunning()) return _loop.OnData(channel, data, false);
+    if (_receiver) {
+        _receiver->TakeData(data);
+        _channels.Consume(channel, data.size());
+    } else if (_isSftp) {
+        TakeData(data);
+    } else {
+        Deliver(data, data.size());
+    }
+}
+
+void StandardDialect::Impl::OnErrorData(Channel& channel, View data) {
+    if (_loop.IsRunning()) return _loop.OnData(channel, data, true);
+    auto from = reinterpret_cast<char const*>(data.data());
+    DescriptorIO(STDERR_FILENO).Write(from, from + data.size(), 0);
+    _channels.Consume(channel, data.size());
+}
+
+void StandardDialect::Impl::OnEof(Channel& channel) {
+    if (_loop.IsRunning()) return _loop.OnEof(channel);
+    if (channel.isSession) _hasEnded = true;
+}
+
+void StandardDialect::Impl::OnClosed(Channel& channel) {
+    if (channel.isSession) {
+        _exitStatus = channel.exitStatus;
+        _exitSignal = Text(channel.exitSignal);
+        _hasEnded = true;
+    }
+    if (_loop.IsRunning()) _loop.OnClosed(channel);
+}
+
+void StandardDialect::Impl::OnWindow(Channel& channel) {
+    if (_loop.IsRunning()) _loop.OnWindow(channel);
+}
+
+void StandardDialect::Impl::OnOpenRequest(OpenRequest const& request) {
+    if (_loop.IsRunning()) return _loop.OnOpenRequest(request);
+    if (_deferred.size() < MAX_DEFERRED) return _deferred.push_back(request.message.Copy());
+    _channels.PostRefusal(request, Packet::SSH_OPEN_RESOURCE_SHORTAGE, "too many channels");
+}
+
+void StandardDialect::Impl::OnRequestRefused(Channel&, std::string const& name) {
+    SetLastError("the server refused the request \"" + name + "\"");
+    throw SshProtocolError("the server refused a request", Text(name));
+}
+
+SshChannel& StandardDialect::Impl::NewTcpChannel(unsigned int remote, char const* type,
+                                                 FileDescriptor& connection) {
+    return *Table().NewTcpConnection(remote, type, Channels::MAX_WINDOW, connection, &In(), &Out());
+}
+
+bool StandardDialect::Impl::OpenX11Channel(View message) {
+    PacketDecoder decoder(Packed(message));
+    return _session.OpenForwardedX11Channel(PacketOpenTcpChannel(decoder)) == 0;
+}
+
+/// A forwarding of port 0 is kept under that, and announced under the port that the server chose.
+bool StandardDialect::Impl::FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) {
+    SshSession::ForwardingInfo const* info = RemoteForwardings().Find(port);
+    if (!info && port == _channels.RemotePort()) info = RemoteForwardings().Find(0);
+    if (!info) return false;
+    host = Chars(info->_host);
+    targetPort = info->_port;
+    return true;
+}
+
+void StandardDialect::Impl::SetAlgorithms(AlgorithmKind kind, char const* place, String_t const& names,
+                                          std::string& list) {
+    CheckAlgorithms(kind, place, Chars(names));
+    list = Chars(names);
+}
+
+// --- the public face
+
+StandardDialect::StandardDialect(SshSession& session) : _impl(std::make_unique<Impl>(*this, session)) {}
+
+StandardDialect::~StandardDialect() = default;
+
+void StandardDialect::SetKexAlgorithms(String_t const& names) {
+    _impl->SetAlgorithms(AlgorithmKind::KEX, "StandardDialect::SetKexAlgorithms", names, _impl->_offer.kex);
+}
+
+void StandardDialect::SetHostKeyAlgorithms(String_t const& names) {
+    _impl->SetAlgorithms(AlgorithmKind::HOST_KEY, "StandardDialect::SetHostKeyAlgorithms", names,
+                         _impl->_offer.hostKeys);
+}
+
+void StandardDialect::SetPublicKeyAlgorithms(String_t const& names) {
+    _impl->SetAlgorithms(AlgorithmKind::PUBLIC_KEY, "StandardDialect::SetPublicKeyAlgorithms", names,
+                         _impl->_publicKeyAlgorithms);
+}
+
+void StandardDialect::SetCiphers(String_t const& names) {
+    _impl->SetAlgorithms(AlgorithmKind::CIPHER, "StandardDialect::SetCiphers", names, _impl->_offer.ciphers);
+}
+
+void StandardDialect::SetMacs(String_t const& names) {
+    _impl->SetAlgorithms(AlgorithmKind::MAC, "StandardDialect::SetMacs", names, _impl->_offer.macs);
+}
+
+void StandardDialect::SetHostKeyPolicy(HostKeyPolicy policy) { _impl->_policy = policy; }
+
+int StandardDialect::ConfirmHostKey(String_t const&, String_t const&, String_t const&) {
+    return _impl->_policy == ACCEPT_NEW;
+}
+
+void StandardDialect::SetKeepalive(unsigned int seconds, unsigned int unanswered) {
+    _impl->_keepaliveSeconds = seconds;
+    _impl->_keepaliveUnanswered = unanswered;
+}
+
+void StandardDialect::SetRekeyLimit(unsigned long long bytes, unsigned int seconds) {
+    if (bytes < 1024) throw InvalidArgument("StandardDialect::SetRekeyLimit", "less than 1024 bytes");
+    _impl->_rekeyLimit.bytes = bytes;
+    _impl->_rekeyLimit.seconds = seconds;
+}
+
+void StandardDialect::SetRequestsInFlight(unsigned int count) {
+    if (count == 0 || count > 1024)
+        throw InvalidArgument("StandardDialect::SetRequestsInFlight", "not from 1 to 1024");
+    _impl->_copyOptions.requestsInFlight = count;
+}
+
+void StandardDialect::Progress(String_t const&, unsigned long long, unsigned long long) {}
+
+int StandardDialect::ExitStatus() const { return _impl->_exitStatus; }
+String_t const& StandardDialect::ExitSignal() const { return _impl->_exitSignal; }
+String_t const& StandardDialect::KexName() const { return _impl->_kexName; }
+String_t const& StandardDialect::HostKeyName() const { return _impl->_hostKeyName; }
+bool StandardDialect::IsStrict() const { return _impl->_connection.Exchange().IsStrict(); }
+unsigned int StandardDialect::KeyExchanges() const { return _impl->_connection.Exchange().Completed(); }
+unsigned int StandardDialect::RemotePort() const { return _impl->_channels.RemotePort(); }
+String_t const& StandardDialect::LastError() const { return _impl->_lastError; }
+
+} // namespace cindral
