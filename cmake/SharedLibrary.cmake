@@ -1,4 +1,4 @@
-# brantle_shared_library(NAME VERSION v SOVERSION s MACRO M LINKS ...)
+# brantle_shared_library(NAME VERSION v SOVERSION s MACRO M [OUTPUT_NAME o] LINKS ...)
 #
 # A shared library of this tree: hidden visibility, one export macro (M_API, switched by
 # M_BUILDING), a version script made from library.map.in beside this file with the one node
@@ -9,7 +9,7 @@ check_linker_flag(CXX -Wl,-z,pack-relative-relocs BRANTLE_HAVE_RELR)
 set(BRANTLE_RELR $<$<BOOL:${BRANTLE_HAVE_RELR}>:-Wl,-z,pack-relative-relocs>)
 
 function(brantle_shared_library name)
-  cmake_parse_arguments(ARG "" "VERSION;SOVERSION;MACRO" "LINKS" ${ARGN})
+  cmake_parse_arguments(ARG "" "VERSION;SOVERSION;MACRO;OUTPUT_NAME" "LINKS" ${ARGN})
   add_library(${name} SHARED)
   add_library(brantle::${name} ALIAS ${name})
   set(NODE ${ARG_MACRO}_${ARG_SOVERSION})
@@ -20,6 +20,9 @@ function(brantle_shared_library name)
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
     INSTALL_RPATH $ORIGIN
     LINK_DEPENDS ${script})
+  if(ARG_OUTPUT_NAME)
+    set_target_properties(${name} PROPERTIES OUTPUT_NAME ${ARG_OUTPUT_NAME})
+  endif()
   target_compile_definitions(${name} PRIVATE ${ARG_MACRO}_BUILDING)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
