@@ -1,0 +1,140 @@
+// A session with the standard dialect, for the tests of real servers.
+//
+//   standard_program [NAME=VALUE...] JOB TARGET KEY ARGUMENT...
+//
+//     run COMMAND              with descriptors 0, 1 and 2; exits with the command's status
+//     get REMOTE LOCAL         over SFTP, as put LOCAL REMOTE, cat REMOTE, mget PATTERN DIRECTORY
+//     scp-get DIR TO NAME      through the remote scp, as scp-put DIR TO NAME
+//
+// Names: kex, hostkeys, ciphers, macs set what is offered; rekey the bytes between key exchanges; local and
+// remote a forwarding; display the X server. What was agreed goes to the file that "report" names. Exit
+// status 100: a refusal, with the reason on the error output; 101: an exception.
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <brantle/brantle.h>
+#include <brantle/standard.h>
+
+using namespace cindral;
+
+namespace {
+
+constexpr int REFUSED = 100;
+constexpr int THROWN = 101;
+
+using Options = std::map<std::string, std::string>;
+using Arguments = std::vector<std::string>;
+
+char const* Get(Options const& options, char const* name) {
+    auto const found = options.find(name);
+    return found == options.end() ? nullptr : found->second.c_str();
+}
+
+void Configure(StandardDialect& dialect, Options const& options) {
+    if (char const* names = Get(options, "kex")) dialect.SetKexAlgorithms(names);
+    if (char const* names = Get(options, "hostkeys")) dialect.SetHostKeyAlgorithms(names);
+    if (char const* names = Get(options, "ciphers")) dialect.SetCiphers(names);
+    if (char const* names = Get(options, "macs")) dialect.SetMacs(names);
+    if (char const* bytes = Get(options, "rekey"))
+        dialect.SetRekeyLimit(std::strtoull(bytes, nullptr, 10), 0);
+}
+
+int Refuse(StandardDialect const& dialect) {
+    std::cerr << dialect.LastError() << '\n';
+    return REFUSED;
+}
+
+/// Connects and logs in; 0 or REFUSED.
+int LogIn(SshSession& session, StandardDialect& dialect, Options const& options, std::string const& user,
+          std::string const& key) {
+    Configure(dialect, options);
+    EnterPassword enter(0, "");
+    KbdInteractiveCallback questions;
+    if (session.Connect(20) < 0 || session.KeyExchange() < 0 ||
+        session.Authenticate(key.c_str(), user.c_str(), "", enter, questions) < 0)
+        return Refuse(dialect);
+    return 0;
+}
+
+void Report(SshSession const& session, StandardDialect const& dialect, Options const& options) {
+    char const* const file = Get(options, "report");
+    if (!file) return;
+    std::ofstream(file) << "kex=" << dialect.KexName() << "\nhostkey=" << dialect.HostKeyName()
+                        << "\ncipher=" << session.CipherName(0) << "\nmac=" << session.MacName(0)
+                        << "\nstrict=" << dialect.IsStrict() << "\nexchanges=" << dialect.KeyExchanges()
+                        << "\nsignal=" << dialect.ExitSignal() << "\nport=" << dialect.RemotePort() << '\n';
+}
+
+int RunCommand(Options const& options, std::string const& host, std::string const& user,
+               Arguments const& args) {
+    SshCmdSession session(host.c_str(), args.at(1).c_str());
+    StandardDialect dialect(session);
+    if (int const result = LogIn(session, dialect, options, user, args.at(0))) return result;
+    if (char const* spec = Get(options, "local"))
+        if (session.StartLocalForwarding(spec) < 0) return Refuse(dialect);
+    if (char const* spec = Get(options, "remote"))
+        if (session.StartRemoteForwarding(spec) < 0) return Refuse(dialect);
+    if (char const* display = Get(options, "display")) session.StartX11Forwarding(0, display);
+    session.Run();
+    Report(session, dialect, options);
+    return dialect.ExitStatus() < 0 ? Refuse(dialect) : dialect.ExitStatus();
+}
+
+int CopyOverSftp(std::string const& job, Options const& options, std::string const& host,
+                 std::string const& user, Arguments const& args) {
+    SftpClientSession session(host.c_str());
+    StandardDialect dialect(session);
+    if (int const result = LogIn(session, dialect, options, user, args.at(0))) return result;
+    if (session.Start() != 0) return Refuse(dialect);
+    SftpStatus status;
+    int result = -1;
+    if (job == "get") result = session.Get(status, args.at(1).c_str(), args.at(2).c_str());
+    if (job == "put") result = session.Put(status, args.at(1).c_str(), args.at(2).c_str());
+    if (job == "cat") result = session.Cat(status, args.at(1).c_str());
+    if (job == "mget") result = session.MGet(status, args.at(1).c_str(), args.at(2).c_str());
+    Report(session, dialect, options);
+    return result < 0 ? Refuse(dialect) : 0;
+}
+
+int CopyThroughScp(std::string const& job, Options const& options, std::string const& host,
+                   std::string const& user, Arguments const& args) {
+    ScpSession session(host.c_str());
+    StandardDialect dialect(session);
+    if (int const result = LogIn(session, dialect, options, user, args.at(0))) return result;
+    char const *from = args.at(1).c_str(), *to = args.at(2).c_str(), *name = args.at(3).c_str();
+    int const result =
+        job == "scp-put" ? session.SendFile(from, to, name) : session.ReceiveFile(from, to, name);
+    return result < 0 ? Refuse(dialect) : 0;
+}
+
+int Main(Arguments arguments) {
+    Options options;
+    while (!arguments.empty() && arguments.front().find('=') != std::string::npos) {
+        std::size_t const at = arguments.front().find('=');
+        options[arguments.front().substr(0, at)] = arguments.front().substr(at + 1);
+        arguments.erase(arguments.begin());
+    }
+    std::string const job = arguments.at(0), target = arguments.at(1);
+    std::size_t const at = target.find('@');
+    std::string const user = target.substr(0, at), host = target.substr(at + 1);
+    Arguments const rest(arguments.begin() + 2, arguments.end());
+    if (job == "run") return RunCommand(options, host, user, rest);
+    if (job.rfind("scp-", 0) == 0) return CopyThroughScp(job, options, host, user, rest);
+    return CopyOverSftp(job, options, host, user, rest);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Main(Arguments(argv + 1, argv + argc));
+    } catch (std::exception const& failure) {
+        std::cerr << failure.what() << '\n';
+        return THROWN;
+    }
+}
