@@ -1,7 +1,6 @@
 #include <brantle/channel/ssh_data_stream.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 
 #include <brantle/channel/window_adjust.h>
@@ -57,8 +56,7 @@ int ISshDataStream::Fill() {
 }
 
 int ISshDataStream::Fetch(char* begin, char* end) {
-    if (end - begin < static_cast<std::ptrdiff_t>(_capacity) || !IsExactly<ISshDataStream>(*this))
-        return ISockStream::Fetch(begin, end);
+    if (!IsLarge(begin, end) || !IsExactly<ISshDataStream>(*this)) return ISockStream::Fetch(begin, end);
     FlushTied();
     return static_cast<int>(Take(begin, static_cast<unsigned int>(end - begin)));
 }

@@ -27,8 +27,8 @@ SftpPacket::DecoderStream::DecoderStream(ByteString const& payload)
 SftpPacket::DecoderStream::~DecoderStream() = default;
 
 int SftpPacket::DecoderStream::Fetch(char* begin, char* end) {
-    return IsExactly<DecoderStream>(*this) ? FetchFromLayer(begin, end)
-                                           : ISockStreamAdapter::Fetch(begin, end);
+    bool const direct = IsLarge(begin, end) && IsExactly<DecoderStream>(*this);
+    return direct ? FetchFromLayer(begin, end) : ISockStreamAdapter::Fetch(begin, end);
 }
 
 SftpPacket::SftpPacket(int type, ByteString const& payload) : _payload(payload), _type(type), _id(0) {}

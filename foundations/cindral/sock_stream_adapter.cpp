@@ -1,7 +1,6 @@
 #include <brantle/cindral/sock_stream_adapter.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 
 namespace cindral {
@@ -19,13 +18,8 @@ int ISockStreamAdapter::Fill() {
 }
 
 int ISockStreamAdapter::Fetch(char* begin, char* end) {
-    return IsExactly<ISockStreamAdapter>(*this) ? FetchFromLayer(begin, end) : ISockStream::Fetch(begin, end);
-}
-
-int ISockStreamAdapter::FetchFromLayer(char* begin, char* end) {
-    if (end - begin < static_cast<std::ptrdiff_t>(_capacity)) return ISockStream::Fetch(begin, end);
-    FlushTied();
-    return _layer.get(begin, end);
+    bool const direct = IsLarge(begin, end) && IsExactly<ISockStreamAdapter>(*this);
+    return direct ? FetchFromLayer(begin, end) : ISockStream::Fetch(begin, end);
 }
 
 OSockStreamAdapter::OSockStreamAdapter(CascadableStreamBuf& layer) : _layer(layer) {}

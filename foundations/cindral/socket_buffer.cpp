@@ -34,11 +34,14 @@ int OSocketBuffer::Flush() { return FlushDescriptor(std::exchange(_moreToCome, f
 int OSocketBuffer::putchr(char byte) { return Put(byte); }
 
 int OSocketBuffer::put(char const* begin, char const* end) {
-    bool const fits = end - begin <= _end - _pos && end - begin < static_cast<std::ptrdiff_t>(_capacity);
-    bool const isBuffered = fits || !IsExactly<OSocketBuffer>(*this);
+    auto const size = static_cast<int>(end - begin);
+    if (size <= _end - _pos && size < static_cast<int>(_capacity)) {
+        _pos = std::copy(begin, end, _pos);
+        return size;
+    }
     char const* from = begin;
-    int const taken = isBuffered ? PutRange(begin, end) : Send(from, end, _moreToCome);
-    return taken < 0 ? -1 : static_cast<int>(end - begin);
+    int const taken = IsExactly<OSocketBuffer>(*this) ? Send(from, end, _moreToCome) : PutRange(begin, end);
+    return taken < 0 ? -1 : size;
 }
 
 int OSocketBuffer::Finalize() { return Flush() < 0 ? -1 : 0; }

@@ -101,19 +101,14 @@ int DescriptorIO::Write(char const*& from, char const* end, unsigned int limit, 
 }
 
 int DescriptorIO::Write(Range& first, Range& second, unsigned int limit, bool more) const {
-    int const flags = SendFlags(limit, more);
     while (_kind == SOCKET && !first.IsEmpty() && !second.IsEmpty()) {
-        iovec parts[] = {Part(first), Part(second)};
-        msghdr message{};
-        message.msg_iov = parts;
-        message.msg_iovlen = 2;
-        ssize_t const written = Retry([&] { return SystemCalls().sendmsg(_fd, &message, flags); }, limit);
+        ssize_t const written = SendOnce(first, second, limit, SendFlags(limit, more));
         if (written < 0) return -1;
         ssize_t const ofFirst = std::min<ssize_t>(written, first._end - first._from);
         first._from += ofFirst;
         second._from += written - ofFirst;
     }
-    if (Write(first._from, first._end, limit, more) < 0) return -1;
+    if (!first.IsEmpty() && Write(first._from, first._end, limit, more) < 0) return -1;
     return Write(second._from, second._end, limit, more);
 }
 
@@ -165,6 +160,15 @@ ssize_t DescriptorIO::WriteOnce(char const* from, std::size_t size, unsigned int
             return count;
         },
         limit);
+}
+
+/// WriteOnce for a socket and two ranges.
+ssize_t DescriptorIO::SendOnce(Range const& first, Range const& second, unsigned int limit, int flags) const {
+    iovec parts[] = {Part(first), Part(second)};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    return Retry([&] { return SystemCalls().sendmsg(_fd, &message, flags); }, limit);
 }
 
 /// Repeats a system call that writes until it has taken something or failed.

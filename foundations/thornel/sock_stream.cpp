@@ -99,29 +99,37 @@ int OSockStream::Put(char const& byte) {
 }
 
 int OSockStream::FlushDescriptor(bool more) {
-    char const* none = nullptr;
-    int const sent = Send(none, none, more);
-    if (sent >= 0 && _isCorked && !more) {
+    auto const size = static_cast<int>(_pos - _start);
+    if (size > 0) {
+        char const* from = _start;
+        int const result = _failure == 0 ? _io.Write(from, _pos, _timeout, more) : -1;
+        if (NoteWritten(result, from, more) < 0) return -1;
+    } else if (_isCorked && !more) {
         _io.Uncork();
         _isCorked = false;
     }
-    return sent;
+    return size;
 }
 
 int OSockStream::Send(char const*& from, char const* end, bool more) {
     DescriptorIO::Range buffered{_start, _pos};
     DescriptorIO::Range range{from, end};
-    auto const size = static_cast<int>(buffered.Size() + range.Size());
-    if (size == 0) return 0;
-    if (_failure == 0) {
-        if (_io.Write(buffered, range, _timeout, more) < 0) _failure = errno;
-        _pos = std::copy(buffered._from, buffered._end, _start);
-        from = range._from;
-    }
-    if (_failure == 0) {
+    int const result = _failure == 0 ? _io.Write(buffered, range, _timeout, more) : -1;
+    from = range._from;
+    return NoteWritten(result, buffered._from, more);
+}
+
+/// Takes note of a write of what is buffered, of which the part from `rest` on has not gone if it failed.
+int OSockStream::NoteWritten(int result, char const* rest, bool more) {
+    if (result == 0) {
+        _pos = _start;
         _isCorked = more;
-        return size;
+        return 0;
     }
+    if (_failure == 0) _failure = errno;
+    auto const left = static_cast<std::size_t>(_pos - rest);
+    std::memmove(_start, rest, left);
+    _pos = _start + left;
     SetStatus(Status() | FAILED);
     errno = _failure;
     return -1;
@@ -139,6 +147,10 @@ void OSockStream::Unbind() { OSockStream::Bind(-1); }
 
 OSockStream& OSockStream::Write(char const* data, int size) {
     if (size <= 0) return *this;
+    if (size <= _end - _pos) {
+        _pos = std::copy_n(data, size, _pos);
+        return *this;
+    }
     char const* const end = data + size;
     // What is larger than the buffer goes past it.
     if (size > static_cast<int>(BUFFER_SIZE) && IsExactly<OSockStream, IOSockStream>(*this)) Send(data, end);
@@ -157,11 +169,8 @@ ISockStream::ISockStream(OSockStream* tied)
 
 ISockStream::~ISockStream() = default;
 
-void ISockStream::FlushTied() {
-    if (!std::exchange(_isTiedFlushed, false) && _tied) _tied->Flush();
-}
-
 int ISockStream::Refill() {
+    if (!_tied) return Fill();
     FlushTied();
     Setting<bool> const flushed(_isTiedFlushed, true);
     return Fill();

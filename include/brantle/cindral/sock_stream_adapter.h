@@ -22,8 +22,11 @@ public:
 
 protected:
     int Fetch(char* begin, char* end) override;
-    /// A Fetch() that takes a range as large as the buffer straight from the layer.
-    int FetchFromLayer(char* begin, char* end);
+    /// A Fetch() straight from the layer.
+    int FetchFromLayer(char* begin, char* end) {
+        FlushTied();
+        return _layer.get(begin, end);
+    }
 
 private:
     CascadableStreamBuf& _layer;

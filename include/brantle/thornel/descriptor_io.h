@@ -70,6 +70,7 @@ private:
 
     ssize_t ReadOnce(char* to, std::size_t size, int flags, unsigned int limit) const;
     ssize_t WriteOnce(char const* from, std::size_t size, unsigned int limit, int flags) const;
+    ssize_t SendOnce(Range const& first, Range const& second, unsigned int limit, int flags) const;
     template <class Call>
     ssize_t Retry(Call const& call, unsigned int limit) const;
     int Wait(short events, unsigned int limit) const;

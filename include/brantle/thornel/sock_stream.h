@@ -1,6 +1,9 @@
 #ifndef BRANTLE_THORNEL_SOCK_STREAM_H
 #define BRANTLE_THORNEL_SOCK_STREAM_H
 
+#include <cstddef>
+#include <utility>
+
 #include <brantle/thornel/byte_string.h>
 #include <brantle/thornel/descriptor_io.h>
 #include <brantle/thornel/export.h>
@@ -73,14 +76,15 @@ protected:
     /// Writes what is buffered to the descriptor, as Flush() does. With `more`, other bytes follow at once,
     /// and the kernel may hold these back for them.
     int FlushDescriptor(bool more);
-    /// Writes what is buffered and after it a range, past the buffer. Returns the number of bytes, or -1 with
-    /// errno set; `from` says how much of the range has gone.
+    /// Writes what is buffered and after it a range, past the buffer. Returns 0, or -1 with errno set; `from`
+    /// says how much of the range has gone.
     int Send(char const*& from, char const* end, bool more = false);
     /// Whether the kernel may hold back bytes. The next Flush() sends them.
     bool IsCorked() const { return _isCorked; }
 
 private:
     int MakeRoom();
+    int NoteWritten(int result, char const* rest, bool more);
 
     DescriptorIO _io;
     int _failure; ///< errno of the write that failed since the last Bind, else 0
@@ -143,7 +147,9 @@ public:
 protected:
     /// Flushes the tied stream, if there is one, unless Refill() has just done so for this read. To be called
     /// by each Fill() that may wait.
-    void FlushTied();
+    void FlushTied() {
+        if (_tied && !std::exchange(_isTiedFlushed, false)) _tied->Flush();
+    }
     /// Flushes the tied stream, then calls Fill().
     int Refill();
     /// Flushes the tied stream, then reads from the descriptor into a range, past the buffer, which must be
@@ -156,6 +162,10 @@ protected:
     /// else leaves it to this one. Returns the number of bytes, 0 at the end of the input, a negative value
     /// on failure.
     virtual int Fetch(char* begin, char* end);
+    /// Whether a range is as large as the buffer.
+    bool IsLarge(char const* begin, char const* end) const {
+        return end - begin >= static_cast<std::ptrdiff_t>(_capacity);
+    }
 
 private:
     static constexpr int NONE = -1;
