@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <stdexcept>
 #include <string>
 
 #include <brantle/brantle.h>
@@ -26,10 +27,7 @@ constexpr unsigned int CONNECT_SECONDS = 20;
 /// What OpenSSH's server sends between a login by key and the first channel.
 constexpr int UNSOLICITED_PACKETS = 3;
 
-[[noreturn]] void Die(std::string const& what) {
-    std::fprintf(stderr, "bench_brantle: %s\n", what.c_str());
-    std::exit(1);
-}
+[[noreturn]] void Die(std::string const& what) { throw std::runtime_error(what); }
 
 double Now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -323,20 +321,16 @@ std::map<std::string, Job> const jobs = {
 
 } // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     if (argc < 6) Die("usage: bench_brantle JOB HOST PORT USER KEY ...");
     auto const job = jobs.find(argv[1]);
-    if (job == jobs.end()) {
-        std::printf("UNSUPPORTED %s\n", argv[1]);
-        return UNSUPPORTED;
-    }
+    if (job == jobs.end()) return UNSUPPORTED;
     if (argc - 6 != job->second._arguments) Die(std::string("wrong number of arguments for ") + argv[1]);
     PrivateHome home;
     Report report(argv[1]);
     Target const target = {argv[2], static_cast<unsigned short>(std::atoi(argv[3])), argv[4], argv[5]};
-    try {
-        return job->second._run(target, report, argv + 6);
-    } catch (Except const& failure) {
-        Die(failure.what());
-    }
+    return job->second._run(target, report, argv + 6);
+} catch (std::exception const& failure) {
+    std::fprintf(stderr, "bench_brantle: %s\n", failure.what());
+    return 1;
 }

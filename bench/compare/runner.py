@@ -202,7 +202,7 @@ class Runner:
         if process.returncode == UNSUPPORTED:
             raise Unsupported
         if process.returncode:
-            raise Failed(words.strip()[-300:].replace("\n", " "))
+            raise Failed(words.strip()[-300:].replace("\n", " ") or f"exit status {process.returncode}")
 
     def _read_report(self):
         lines = (line.split() for line in self._report.read_text().splitlines())
