@@ -58,10 +58,29 @@ bool IsBuilt(std::string const& path) {
            exists(BINARIES / match[1].str());
 }
 
+/// Whether the options of a Python program are among those of which its help tells.
+bool HasOptions(std::string const& program, std::vector<std::string> const& words) {
+    std::string const help = RunOrThrow({program, "--help"});
+    for (std::string const& word : words)
+        if (word.compare(0, 2, "--") == 0 && help.find(word) == std::string::npos) return false;
+    return true;
+}
+
+bool FilesAreThere(std::vector<std::string> const& words) {
+    for (std::string const& word : words)
+        if (word.find('/') != std::string::npos && word.find('.') != std::string::npos &&
+            !exists(SOURCES / word))
+            return false;
+    return true;
+}
+
 bool NamesWhatIsThere(std::string const& command) {
     std::vector<std::string> const words = Words(command);
     std::string const& program = words[0];
     if (program.compare(0, 7, "script/") == 0) return access((SOURCES / program).c_str(), X_OK) == 0;
+    if (program == "sed") return FilesAreThere({words.begin() + 2, words.end()});
+    if (program.compare(0, 6, "bench/") == 0)
+        return exists(SOURCES / program) && HasOptions(SOURCES / program, words);
     if (program == "cmake") return IsPreset(After("--preset", words)) && IsTarget(After("--target", words));
     if (program == "ctest")
         return IsPreset(After("--preset", words)) && FindsTests("-R", After("-R", words)) &&
@@ -99,13 +118,14 @@ TEST(DocumentedCommands, OneThatNamesNothingIsNoticed) {
     for (char const* command :
          {"script/none", "cmake --preset none", "cmake --build --preset release --target none",
           "ctest --preset none", "ctest --preset release -R ^none$", "ctest --preset release -L ^none$",
-          "build/release/none", "build/fuzz/fuzz/fuzz_none", "make"})
+          "build/release/none", "build/fuzz/fuzz/fuzz_none", "bench/none", "bench/compare/compare.py --none",
+          "sed 's/a/b/' script/none.txt", "make"})
         EXPECT_FALSE(NamesWhatIsThere(command)) << command;
 }
 
 // What has no fence is not seen here, or by whoever copies commands.
 TEST(DocumentedCommands, BlocksAreFenced) {
     for (char const* file : {"README.md", "CONTRIBUTING.md", "SECURITY.md", "docs/design.md",
-                             "docs/dialect.md", "fuzz/README.md"})
+                             "docs/dialect.md", "fuzz/README.md", "bench/README.md"})
         EXPECT_FALSE(std::regex_search(servers::ReadFile(SOURCES / file), std::regex("\n\n    "))) << file;
 }
