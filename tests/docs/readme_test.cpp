@@ -231,12 +231,11 @@ TEST_F(Readme, ForwardingWorksAsShown) {
         if (line.compare(0, 8, "forward ") == 0) command = line;
     command = Replaced(command, "8080", std::to_string(port));
     command = Replaced(command, "localhost:80 ", "localhost:" + std::to_string(_server->Port()) + " ");
-    servers::ChildProcess forward({{"setsid", "-w", "bash", "-c", "exec " + Addressed(command)},
-                                   Environment(),
-                                   {},
-                                   {},
-                                   Here("errors")});
+    servers::ChildProcess forward(
+        {{"bash", "-c", "exec " + Addressed(command)}, Environment(), {}, {}, Here("errors")});
     while (forward.IsRunning() && !tcp::End::Accepts(port)) usleep(20000);
     ASSERT_TRUE(forward.IsRunning()) << ReadFile(Here("errors"));
     EXPECT_EQ(tcp::End::To(port).Receive(4), "SSH-");
+    forward.Stop();
+    EXPECT_FALSE(tcp::End::Accepts(port)) << "it goes on";
 }
