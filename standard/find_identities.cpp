@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include <brantle/cindral/exceptions.h>
 #include <brantle/thornel/pathname.h>
@@ -19,30 +20,31 @@ namespace {
 
 constexpr std::size_t MAX_PUBLIC_FILE = 0x10000;
 
-/// Answers with the passphrase given, then with what the user answers.
+/// Answers with the passphrase given, then with one preset in the user's object, then with what the user
+/// answers.
 class Passphrases : public EnterPassword {
 public:
     Passphrases(View given, EnterPassword& user, std::string const& file)
-        : EnterPassword(user._tries + (user.HasPreset() ? 1 : 0) + (given.empty() ? 0 : 1), ""),
-          _given(given), _user(user), _file(file) {}
+        : EnterPassword(user._tries, ""), _given(given), _user(user) {
+        _user.SetPrompt("Enter passphrase for", file.c_str());
+        _tries += (given.empty() ? 0 : 1) + (_user.HasPreset() ? 1 : 0);
+    }
 
     int operator()(char* buffer, unsigned int size) override {
-        if (!_given.empty()) {
-            std::size_t const length = std::min<std::size_t>(_given.size(), size);
-            std::memcpy(buffer, _given.data(), length);
-            _given = View();
-            return static_cast<int>(length);
-        }
-        if (!_prompted) _user.SetPrompt("Enter passphrase for", _file.c_str());
-        _prompted = true;
+        if (!_given.empty()) return Store(std::exchange(_given, View()), buffer, size);
+        if (_user.HasPreset()) return Store(_user.UsePreset().Text(), buffer, size);
         return _user(buffer, size);
     }
 
 private:
+    static int Store(View secret, char* buffer, unsigned int size) {
+        std::size_t const length = std::min<std::size_t>(secret.size(), size);
+        std::memcpy(buffer, secret.data(), length);
+        return static_cast<int>(length);
+    }
+
     View _given;
     EnterPassword& _user;
-    std::string const& _file;
-    bool _prompted = false;
 };
 
 /// A key in a file.
@@ -60,6 +62,7 @@ public:
 
     bool IsUnlocked() const override { return _file.IsLoaded(); }
     bool Unlock(std::string& reason) override {
+        if (IsUnlocked()) return true;
         Passphrases passphrases(_passphrase, _enter, _name);
         int const result = _file.Load(passphrases);
         if (result < 0) reason = PrivateKeyFile::Describe(result);
@@ -135,7 +138,7 @@ Bytes ReadPublicKey(std::string const& path) {
 std::vector<std::string> DefaultFiles() {
     Pathname const home = Pathname::Home();
     std::vector<std::string> files;
-    if (str_len(home.Text()) == 0) return files;
+    if (str_empty(home.Text())) return files;
     for (char const* name : {"id_ed25519", "id_ecdsa", "id_rsa"})
         files.push_back(home.Text() + std::string("/.ssh/") + name);
     return files;

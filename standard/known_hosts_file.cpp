@@ -231,7 +231,7 @@ int CompleteLastLine(int fd, std::string& text) {
 
 KnownHostsFile::KnownHostsFile() {
     Pathname const home = Pathname::Home();
-    if (str_len(home.Text()) == 0) {
+    if (str_empty(home.Text())) {
         _files = {""}; // can't be read, so that no key is accepted that nobody could compare later
         return;
     }

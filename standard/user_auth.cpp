@@ -227,6 +227,12 @@ bool UserAuthenticator::AskPassword(SecretBytes& password) {
     if (_passwordTries == _enter._tries)
         _enter.SetPrompt("Password for", (_login.user + "@" + _login.host).c_str());
     --_passwordTries;
+    if (_enter.HasPreset()) {
+        String_t const preset = _enter.UsePreset();
+        View const secret(preset.Text());
+        password.assign(secret.begin(), secret.end());
+        return true;
+    }
     password.resize(MAX_TYPED_PASSWORD);
     int const size = _enter(reinterpret_cast<char*>(password.data()), MAX_TYPED_PASSWORD);
     if (size < 0) {
