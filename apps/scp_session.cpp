@@ -21,7 +21,7 @@ namespace cindral {
 
 namespace {
 
-/// Deliberate, odd as it is: the largest SFTP write (pinned by ScpReceive.BlockThatComesInPartIsNotWritten).
+/// Deliberate: the largest SFTP write (pinned by ScpReceive.PartialBlockIsNotWritten).
 constexpr unsigned int BLOCK_SIZE = 32786;
 constexpr char ACKNOWLEDGED = 0;
 constexpr char ERROR_WITH_TEXT = 1;
@@ -66,8 +66,8 @@ int ScpSession::SendFile(String_t const& dir, String_t const& name) {
     struct stat64 status;
     if (int const result = fstat64(fd, &status); result < 0) return result;
     char block[BLOCK_SIZE];
-    // Deliberate: neither a line feed in the name nor what the file grows by after this is kept from the
-    // remote program, which takes both for further lines (pinned by ScpSend.LineFeedInANameGoesOutAsItIs and
+    // Deliberate: a line feed in the name and anything appended to the file after this are sent too; the
+    // remote program interprets them as further lines (pinned by ScpSend.LineFeedInANameGoesOutAsItIs and
     // ScpSend.FileThatGrowsMeanwhileGoesOutWhole).
     std::snprintf(block, sizeof block, "C0%03o %lld %s", status.st_mode & 0777u,
                   static_cast<long long>(status.st_size), str_text(name.Text()));

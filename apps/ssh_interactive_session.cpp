@@ -23,7 +23,7 @@ int SshInteractiveSession::Run() {
     _out.WritePacket(request);
     StartShell();
     InitDispatcher();
-    // Only now, so that whatever was printed until here found the terminal in its usual mode.
+    // Only now, so that everything printed before this was printed in the terminal's usual mode.
     _termios.SetRaw();
     return SshSession::Run();
 }

@@ -5,10 +5,10 @@
 
 namespace cindral {
 
-/// Seconds that a connection to the local target of a forwarding may take.
+/// Limit for connecting to the local target of a forwarding, in seconds.
 constexpr unsigned int CONNECT_LIMIT = 60;
 
-/// Whether a new connection takes data, after a wait of 60 milliseconds at the longest.
+/// Whether a new connection becomes writable within 60 milliseconds.
 inline bool IsWritable(int fd) {
     pollfd record{fd, POLLOUT, 0};
     return poll(&record, 1, 60) == 1;

@@ -1,4 +1,4 @@
-// The text form of a forwarding.
+// Parses the text form of a forwarding.
 
 #include <cerrno>
 #include <sstream>
@@ -15,8 +15,8 @@ class FieldReader {
 public:
     explicit FieldReader(char const* text) : _in(text) {}
 
-    /// Reads one field, up to a colon, up to the end of the text, or in "[" and "]]", after which no colon
-    /// stands. False if there is none.
+    /// Reads one field, up to a colon, up to the end of the text, or enclosed in "[" and "]]", which no colon
+    /// follows. False if there is none.
     bool Read() {
         char first;
         if (!(_in >> first)) return false;
@@ -32,13 +32,13 @@ public:
 
     bool ReadNumberAndColon(unsigned int& number) { return _in >> number && ReadCharacter(':'); }
 
-    /// What has been read last.
+    /// The field read last.
     bool IsNumber() const { return _isNumber; }
     unsigned int Number() const { return static_cast<unsigned int>(_number); }
     String_t const& Text() const { return _text; }
 
 private:
-    /// Takes the very next character; white space is skipped in front of a field alone.
+    /// Reads the next character without skipping white space, which is skipped only before a field.
     bool ReadCharacter(char expected) {
         char character;
         return _in.get(character) && character == expected;

@@ -20,7 +20,7 @@ OSshDataStream::~OSshDataStream() {
     try {
         OSshDataStream::Flush();
     } catch (Except const&) {
-        // a destructor has nobody to report to
+        // a destructor has no way to report it
     }
 }
 
@@ -61,8 +61,8 @@ int ISshDataStream::Fetch(char* begin, char* end) {
     return static_cast<int>(Take(begin, static_cast<unsigned int>(end - begin)));
 }
 
-/// Stores data of the last message, or else of the next one that has any. Returns the number of bytes, 0 if
-/// there is no message.
+/// Stores data from the last message or, if that is used up, from the next one that has any. Returns the
+/// number of bytes, 0 if there is no message.
 unsigned int ISshDataStream::Take(char* to, unsigned int room) {
     ByteString bytes = _pending;
     PacketDecoder::View data{0, _pending.Length()};
@@ -77,7 +77,7 @@ unsigned int ISshDataStream::Take(char* to, unsigned int room) {
     }
     unsigned int const n = std::min(room, data._length);
     _pending = n < data._length ? bytes.SubStr(data._start + n, data._length - n) : ByteString();
-    // A call into the C library, where a memcpy built for size becomes a copy byte by byte.
+    // A call into the C library: a memcpy compiled for size would be inlined as a byte-by-byte copy.
     std::memmove(to, bytes.Data() + data._start, n);
     return n;
 }

@@ -23,7 +23,7 @@ constexpr unsigned int ACCEPT_LIMIT = 60; ///< seconds
 constexpr int BACKLOG = 1;
 constexpr int DIALECT_BACKLOG = 128;
 
-/// Starts a forwarding that is given as text.
+/// Starts a forwarding from its text form.
 template <class Start>
 int StartParsed(String_t const& spec, Start start) {
     String_t bindAddress, host;
@@ -60,8 +60,8 @@ SshSession::LocalForwarding& SshSession::LocalForwarding::operator=(LocalForward
 
 SshSession::LocalForwarding::~LocalForwarding() { delete _server; }
 
-/// Leads a listener to its forwarding, by the listening port: a forwarding may be cancelled while its
-/// descriptor is registered, and the descriptor's number may then be that of another file.
+/// Finds the forwarding of a listener by the listening port: a forwarding may be cancelled while its
+/// descriptor is still registered, and the number of that descriptor may then be reused for another file.
 class SshSession::LFAcceptor : public IOMultiplexerDispatcher {
 public:
     LFAcceptor(SshSession* session, unsigned int listenPort)
@@ -75,14 +75,14 @@ private:
 };
 
 int SshSession::LFAcceptor::Dispatch(int fd) {
-    SshSession* const session = _session; // what is handled meanwhile may replace this dispatcher
+    SshSession* const session = _session; // a handler called below may replace this dispatcher
     LocalForwarding* const forwarding = session->_localForwardings.Find(_listenPort);
     if (!forwarding || !forwarding->_server || forwarding->_server->Fd() != fd) return 0;
     if (session->_dialect) {
         session->_dialect->Accept(*forwarding);
         return 1;
     }
-    // Deliberate: whatever it returns. Without a descriptor for it a connection stays ready, and the loop
+    // Deliberate: the result is ignored. If no descriptor is free, the connection stays pending and the loop
     // busy-waits. Pinned by LocalForwarding.ListenerStaysInTheLoopWhileNoDescriptorIsLeft.
     session->AcceptLocalFwdConnection(forwarding);
     session->DispatchBufferedPackets();
@@ -109,7 +109,7 @@ int SshSession::StartLocalForwarding(unsigned int port, String_t const& host, un
 
 int SshSession::CancelLocalForwarding(unsigned int listenPort) {
     // Deliberate without a dialect: the registration of the closed descriptor stays. Pinned by
-    // LocalForwarding.CancelClosesTheListenerAndLeavesItsRecordBehind.
+    // LocalForwarding.CancelClosesTheListenerAndKeepsItsRegistration.
     LocalForwarding const* const forwarding = _dialect ? _localForwardings.Find(listenPort) : nullptr;
     if (forwarding) _mux.Unregister(forwarding->_server->Fd());
     return _localForwardings.Remove(listenPort) ? 0 : -1;
@@ -130,8 +130,8 @@ int SshSession::AcceptLocalFwdConnection(LocalForwarding* forwarding) {
     return WaitForOpenConfirmation(request._channelType, connection);
 }
 
-/// Handles packets until the answer is among them, or until those that have arrived are used up: the
-/// connection is then dropped by its owner, and an answer that comes later finds nobody waiting.
+/// Handles packets until the reply is among them, or until all that have arrived are handled: the owner then
+/// closes the connection, and a later reply is ignored.
 int SshSession::WaitForOpenConfirmation(String_t const& channelType, FileDescriptor& connection) {
     do {
         PacketDecoder decoder(_in.ReadPacket());
@@ -142,8 +142,8 @@ int SshSession::WaitForOpenConfirmation(String_t const& channelType, FileDescrip
                                                             _windowSize, connection, &_in, &_out));
             return 0;
         }
-        // Deliberate: CHANNEL_OPEN_FAILURE is no answer but a message without a handler. Pinned by
-        // LocalForwarding.OpenFailureClosesTheConnectionSilently.
+        // Deliberate: CHANNEL_OPEN_FAILURE is not treated as a reply but as a message without a handler.
+        // Pinned by LocalForwarding.OpenFailureClosesTheConnectionSilently.
         if (number == Packet::SSH_MSG_CHANNEL_FAILURE) return -1;
         Handler const* handler = _handlers.Find(number);
         if (handler && (this->**handler)(decoder) == 0) break;
@@ -161,8 +161,8 @@ int SshSession::StartRemoteForwarding(unsigned int port, String_t const& host, u
     if (_remoteForwardings.Find(listenPort)) return -1;
     PacketGlobalRequest request("tcpip-forward", 1, bindAddress, listenPort);
     _out.WritePacket(request);
-    // Deliberate: the very next message is the answer. Pinned by
-    // RemoteForwarding.AnyOtherMessageIsTakenForARefusal.
+    // Deliberate: the very next message is taken as the reply. Pinned by
+    // RemoteForwarding.OtherMessageIsARefusal.
     PacketDecoder decoder(_in.ReadPacket());
     PacketRequestResult const result(decoder);
     if (result._type != Packet::SSH_MSG_REQUEST_SUCCESS) return -1;
@@ -190,8 +190,8 @@ int SshSession::OpenForwardedTcpChannel(PacketOpenTcpChannel const& request) {
     if (connection < 0) return 1;
     SshChannel* const channel = _channels.NewTcpConnection(request._senderChannel, request._channelType,
                                                            _windowSize, connection, &_in, &_out);
-    // Deliberate: the channel stays. Pinned by
-    // RemoteForwarding.ConnectionThatIsNotWritableWithinSixtyMillisecondsIsRefusedAndStays.
+    // Deliberate: the channel stays in the table. Pinned by
+    // RemoteForwarding.ConnectionNotWritableWithin60MillisecondsIsRefusedAndKept.
     if (!IsWritable(channel->_fdIn)) return 1;
     PacketChannelOpenConfirmation confirmation(request._senderChannel, channel->_localId, _windowSize,
                                                request._maxPacketSize);

@@ -28,7 +28,8 @@ constexpr unsigned int FIRST_PORT = 6000;
 /// The command that lists the cookie of a display. A display that another SSH server forwards to this host
 /// is listed under the name of the host's own displays.
 ///
-/// Deliberate: the display becomes shell text as it is. Pinned by X11Xauth.ShellGetsTheDisplayAsItIs.
+/// Deliberate: the display is inserted into the shell command unquoted. Pinned by
+/// X11Xauth.DisplayIsPassedToTheShellUnquoted.
 String_t ListCommand(String_t const& display) {
     static char const forwarded[] = "localhost:";
     constexpr unsigned int length = sizeof forwarded - 1;
@@ -41,7 +42,7 @@ String_t ListCommand(String_t const& display) {
     return command;
 }
 
-/// The bytes of hexadecimal text; none if that is not what it is.
+/// The bytes of hexadecimal text; none if the text is malformed.
 ByteString ReadCookie(char const* text) {
     ByteString cookie;
     cookie.Reserve(str_len(text) / 2);
@@ -57,7 +58,7 @@ ByteString ReadCookie(char const* text) {
     return cookie;
 }
 
-/// The splitter's token, which it leaves; null if there is none.
+/// Returns the splitter's token and goes to the next; null if there is none.
 char const* TakeToken(StringSplitter& splitter) {
     char const* const token = splitter.Current();
     if (!token || token >= splitter.End()) return nullptr;
@@ -91,7 +92,7 @@ void SshSession::X11Forwarding::AskXauth() {
     if (entries.good() && String_t::Getline(entries, line, "\n")) TakeEntry(line);
 }
 
-/// Takes an entry as `xauth` lists it: display, name of the method, cookie.
+/// Parses an entry as listed by `xauth`: display, name of the method, cookie.
 void SshSession::X11Forwarding::TakeEntry(String_t const& line) {
     StringTok words(line.Text());
     words(" ");

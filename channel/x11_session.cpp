@@ -13,16 +13,18 @@ namespace cindral {
 
 namespace {
 
-/// Channels that may wait for the first data of their X clients: each costs memory, and the peer nothing.
+/// Limit on channels that wait for the first data of their X clients: each uses memory here, but costs the
+/// peer nothing.
 constexpr unsigned int MAX_UNCONNECTED = 1024;
 
 /// The first message of an X client (X Window System Protocol, section 8): byte order, protocol version, and
-/// the name and the data of its authorisation, both padded.
+/// the name and the data of its authorization, both padded.
 class SetupMessage {
 public:
     SetupMessage(unsigned char const* bytes, unsigned int length) : _bytes(bytes, length) {}
 
-    /// Whether this is version 11 of the protocol, with lengths within bounds and as long as they say.
+    /// Whether this is version 11 of the protocol, with lengths within bounds that match the size of the
+    /// message.
     bool IsAcceptable() const {
         if (_bytes.Length() < HEADER || (_bytes.Data()[0] != 'B' && _bytes.Data()[0] != 'l')) return false;
         return NameLength() <= MAX_LENGTH && Number(2) == 11 && DataLength() <= MAX_LENGTH &&
@@ -32,7 +34,7 @@ public:
     ByteString Name() const { return _bytes.SubStr(HEADER, NameLength()); }
     ByteString Data() const { return _bytes.SubStr(HEADER + Padded(NameLength()), DataLength()); }
 
-    /// Sends the message with other texts as name and data; the lengths stay.
+    /// Sends the message with name and data replaced; their lengths are not changed.
     void Send(int fd, String_t const& name, ByteString const& data) const {
         OSockStream out(fd);
         Write(out, _bytes.SubStr(0, HEADER));
@@ -77,14 +79,14 @@ int SshSession::StartX11Forwarding(int singleConnection, String_t const& display
     return 0;
 }
 
-/// Tells the server of the forwarding, which ends where it refuses.
+/// Requests the forwarding from the server; if it refuses, the forwarding is disabled.
 void SshSession::RequestX11Forwarding() {
     PacketSessionX11Request request(_remoteChannel, 1, _x11->_singleConnection,
                                     X11Forwarding::_defaultAuthMethod,
                                     X11Forwarding::CookieString(_x11->_fakeCookie), _x11->_screenNumber);
     _out.WritePacket(request);
-    // Deliberate: the very next message is the answer, and any other than a success is a refusal. Pinned by
-    // X11Request.AnyNumberButSuccessIsARefusal.
+    // Deliberate: the very next message is taken as the reply, and anything but a success as a refusal.
+    // Pinned by X11Request.AnyMessageButSuccessIsARefusal.
     PacketDecoder decoder(_in.ReadPacket());
     PacketChannelResponse const response(decoder);
     if (response._type != Packet::SSH_MSG_CHANNEL_SUCCESS) _x11.Reset(nullptr);
@@ -117,8 +119,8 @@ int SshSession::InitiateX11Connection(unsigned char const* data, unsigned int le
     ByteString const& real = _x11->_realCookie;
     bool const isKnown = real.Length() != 0;
     if (isKnown && real.Length() != X11Forwarding::COOKIE_LENGTH) return -1;
-    // An X server without access control does not look at the cookie. Deliberate: the lengths in the message
-    // stay, whatever the method. Pinned by X11Setup.MethodIsThatOfXauthAndTheLengthsStay.
+    // An X server without access control does not check the cookie. Deliberate: the lengths in the message
+    // are not changed, whatever the method. Pinned by X11Setup.MethodIsThatOfXauthAndLengthsAreUnchanged.
     message.Send(fd, _x11->_authMethod, isKnown ? real : _x11->_fakeCookie);
     RegisterChannelInput(fd, channel);
     return fd.Release();

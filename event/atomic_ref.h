@@ -17,7 +17,7 @@ public:
     T exchange(T value, std::memory_order order) const {
         return __atomic_exchange_n(_field, value, static_cast<int>(order));
     }
-    /// Both return the value before.
+    /// Both return the previous value.
     T fetch_add(T value, std::memory_order order) const {
         return __atomic_fetch_add(_field, value, static_cast<int>(order));
     }

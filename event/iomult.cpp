@@ -38,7 +38,7 @@ short PollEvents(IOMultiplexerDispatcherType type) {
     case IOMultiplexerWrite:
         return POLLWRNORM;
     }
-    // Deliberate: the place that the message names is fixed (pinned by
+    // Deliberate: the source location in the message is fixed (pinned by
     // MultiplexerDeathTest.UnknownTypeEndsTheProcess).
     FatalAssertion("0", "iomult", 179, "int IOMultiplexer::Register(int, const IOMultiplexerDispatcher&)");
 }
@@ -47,8 +47,8 @@ int Matches(IOMultiplexerCallback* callback, void const* cmp) {
     return (*static_cast<IOMultiplexerCallback::Cmp const*>(cmp))(callback) == 0;
 }
 
-/// The argument of poll(2) in milliseconds: computed in wrapping 32-bit arithmetic, and what comes out
-/// negative is no limit.
+/// The timeout argument of poll(2), in milliseconds, computed in wrapping 32-bit arithmetic; a negative
+/// result means no limit.
 int Milliseconds(IOMultiplexer::Timeval const& t) {
     std::int32_t const milliseconds = static_cast<std::int32_t>(t._sec * 1000u + t._msec);
     return milliseconds < 0 ? -1 : milliseconds;
@@ -68,7 +68,7 @@ IOMultiplexerDispatcher* IOMultiplexer::FindDispatcher(int fd) const {
 int IOMultiplexer::Register(int fd, IOMultiplexerDispatcher const& d) {
     if (fd < 0) return EINVAL;
     WriteGuard guard(*this);
-    // `d` may be the very dispatcher that is replaced.
+    // `d` may be the very dispatcher that is being replaced.
     IOMultiplexerDispatcherType const type = d._type;
     _dispatchers.Insert(fd, Handle<IOMultiplexerDispatcher>()).first->Reset(d.Clone());
     _pollFds.Insert(SockIO::PollFd(fd, PollEvents(type)));
@@ -87,8 +87,8 @@ int IOMultiplexer::Unregister(int fd) {
         _Unregister(fd);
     }
     CallCallbacks(fd);
-    // Deliberate: one more than was locked. It is refused, unless another thread has become the writer
-    // (pinned by Multiplexer.EndsAWriterThatCameInTheGapOfUnregister).
+    // Deliberate: one unlock too many. It fails, unless another thread has become the writer (pinned by
+    // Multiplexer.UnlockAfterUnregisterReleasesAConcurrentWriter).
     WUnlock();
     return 0;
 }
@@ -141,7 +141,8 @@ IOMultiplexer::Timeval IOMultiplexer::CheckTimers() {
         Timeval const next = timer->ScheduleNext();
         if (next._sec != 0 || next._msec != 0) _timers.Insert(timer);
     }
-    // A timer that falls due between the two looks at the clock waits for the next event or the 60 seconds.
+    // A timer that becomes due between the two readings of the clock waits for the next event or for the 60
+    // seconds.
     Timeval sleep(60, 0);
     if (Timer* const first = _timers.Top()) {
         Timeval const later = Timeval::Now();
@@ -177,8 +178,8 @@ int IOMultiplexer::Poll(PollFds& fds, Timeval const& timeout) {
         fds = _pollFds;
     }
     int const ready = poll(fds.begin(), fds.Size(), Milliseconds(timeout));
-    // Deliberate: one more than was locked. It is refused, unless another thread is a reader (pinned by
-    // Multiplexer.TakesAConcurrentReadersCountAfterPoll).
+    // Deliberate: one unlock too many. It fails, unless another thread is a reader (pinned by
+    // Multiplexer.ReadUnlockAfterPollReleasesAConcurrentReader).
     RUnlock();
     return ready;
 }
@@ -213,6 +214,6 @@ void IOMultiplexer::ProcessRequest(int fd, IOMultiplexerRequest* request) {
         if (!FindDispatcher(fd)) return;
     }
     request->Process(fd);
-    // Deliberate, as in `Poll` (pinned by Multiplexer.TakesAConcurrentReadersCountAfterARequest).
+    // Deliberate, as in `Poll` (pinned by Multiplexer.ReadUnlockAfterARequestReleasesAConcurrentReader).
     RUnlock();
 }

@@ -9,8 +9,7 @@ IOMultiplexerTask::IOMultiplexerTask(IOMultiplexer& mux) : _mux(mux), _timeout(0
 IOMultiplexerTask::IOMultiplexerTask(IOMultiplexer& mux, IOMultiplexer::Timeval const& timeout)
     : _mux(mux), _timeout(timeout), _stop(0) {}
 
-// Another thread may stop the task: the plain word is read and written atomically, in no order with
-// anything else.
+// Another thread may stop the task: the flag is read and written atomically, with relaxed ordering.
 bool IOMultiplexerTask::IsStopped() const { return AtomicRef(_stop).load(std::memory_order_relaxed) != 0; }
 
 int IOMultiplexerTask::Stop() { return AtomicRef(_stop).exchange(1, std::memory_order_relaxed); }

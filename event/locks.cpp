@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Counts a waiter for as long as it waits, also when its thread is cancelled.
+/// Counts a waiter for as long as it waits, even if its thread is cancelled.
 class Waiting {
 public:
     explicit Waiting(int& count) : _count(count) { ++_count; }
@@ -32,8 +32,8 @@ RMutex::RMutex() : _owner(0), _depth(0) { pthread_mutex_init(&_mutex, nullptr); 
 
 RMutex::~RMutex() { pthread_mutex_destroy(&_mutex); }
 
-// `_owner` is asked for by threads that do not hold the mutex, so it is read and written atomically.
-// Only the holder ever finds itself there, hence no ordering is needed.
+// `_owner` is also read by threads that do not hold the mutex, so it is read and written atomically. Only the
+// holder can find its own id there, so no ordering is needed.
 bool RMutex::IsOwner() const { return AtomicRef(_owner).load(std::memory_order_relaxed) == pthread_self(); }
 
 void RMutex::SetOwner(pthread_t owner) { AtomicRef(_owner).store(owner, std::memory_order_relaxed); }

@@ -67,8 +67,8 @@ OwnedNumber FixedGroup(KexType type) {
     }
 }
 
-/// Gives p and g to `dh`, which owns them then. DH_set0_pqg takes no modulus without a generator, so one that
-/// is missing counts as 0, as it does in the hash. Without p there is no group.
+/// Passes p and g to `dh`, which then owns them. DH_set0_pqg accepts no modulus without a generator, so a
+/// missing generator counts as 0, as it does in the hash. Without p there is no group.
 void SetGroup(DH* dh, OwnedNumber p, OwnedNumber g) {
     if (!g) g = NewNumber();
     if (!DH_set0_pqg(dh, p.get(), nullptr, g.get())) return;
@@ -82,7 +82,7 @@ OwnedNumber RandomNumber(int bits) {
     return number;
 }
 
-/// What both exchange hashes begin with.
+/// The beginning of both exchange hashes.
 void HashPrefix(Digest& digest, String_t const& clientVersion, String_t const& serverVersion,
                 ByteString const& clientKexInit, ByteString const& serverKexInit, ByteString const& hostKey) {
     digest.UpdateString(clientVersion);
@@ -92,7 +92,7 @@ void HashPrefix(Digest& digest, String_t const& clientVersion, String_t const& s
     digest.Update(hostKey);
 }
 
-/// What both exchange hashes end with.
+/// The end of both exchange hashes.
 ByteString HashSuffix(Digest& digest, bignum_st const* own, BigNum const& peer, BigNum const& secret) {
     digest.Update(own);
     digest.Update(peer._bn);
@@ -108,8 +108,8 @@ DhExchange::DhExchange() : _dh(DH_new()) {
 }
 
 DhExchange::DhExchange(KexType type) : DhExchange() {
-    // The modulus is 2, and the prime the generator, on purpose: the fixed groups are offered, and
-    // GenerateKey refuses them (pinned by DhExchangeTest.FixedGroupRefusesEveryNeed).
+    // Deliberate: the modulus is 2, and the prime is the generator: the fixed groups are offered, and
+    // GenerateKey refuses them (pinned by DhExchange.FixedGroupRefusesEveryNeed).
     OwnedNumber p = FromHex("2", "BN_hex2bn(2)");
     SetGroup(_dh, std::move(p), FixedGroup(type));
 }

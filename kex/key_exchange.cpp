@@ -141,7 +141,7 @@ int SshSession::KexConclude(DhExchange& exchange, Reply const& reply, PacketKexI
 }
 
 int SshSession::CheckServerHostKey(PublicKey const& key) const {
-    // A blob that is no key has nothing to be trusted by, and the store takes loaded keys only.
+    // A blob that is not a valid key can't be trusted, and the store only accepts loaded keys.
     if (!key._rep) return 0;
     SockIO::SockAddr const& address = _socket.Addr();
     return KnownHosts::IsIn(address.Host(), address.Port(), address.IpAddr(), key);
@@ -166,7 +166,7 @@ ByteString SshSession::DeriveKey(DigestType type, unsigned char letter, ByteStri
     first._rep->Finish();
     ByteString key = first._rep->_value;
     while (key.Length() < _keyNeed) {
-        // Unlike RFC 4253, section 7.2, the hash and the key so far enter with their lengths.
+        // Unlike RFC 4253, section 7.2, the hash and the key so far are hashed with their length fields.
         Digest extension(type);
         extension.Update(secret._bn);
         extension.Update(hash);

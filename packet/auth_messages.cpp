@@ -58,7 +58,7 @@ ByteString PacketUserAuthPasswdRequest::Payload(BlockCipher& cipher) {
 }
 
 PacketUserAuthPasswdRequest::~PacketUserAuthPasswdRequest() {
-    // Through the shared representation on purpose: the caller's copy of the secret goes too.
+    // Deliberately through the shared representation, so that the caller's copy of the secret is wiped too.
     char* const text = _password._rep->_text;
     if (text) OPENSSL_cleanse(text, static_cast<unsigned int>(str_len(text)));
 }

@@ -65,8 +65,8 @@ PacketOpenTcpChannel::PacketOpenTcpChannel(PacketDecoder& decoder)
         _maxPacketSize = in.ReadInt();
         _host = in.ReadString();
         _port = in.ReadInt();
-        // Deliberate: not for "forwarded-tcpip", whose originator (RFC 4254, section 7.2) is refused as a
-        // surplus. Pinned by RemoteForwarding.OpeningWithTheOriginatorsAddressEndsTheRun.
+        // Deliberate: not for "forwarded-tcpip", whose originator (RFC 4254, section 7.2) is refused as
+        // surplus data. Pinned by RemoteForwarding.OpeningWithTheOriginatorsAddressEndsTheRun.
         if (_channelType == "direct-tcpip") {
             _originatorHost = in.ReadString();
             _originatorPort = in.ReadInt();

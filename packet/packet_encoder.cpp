@@ -12,7 +12,7 @@ namespace cindral {
 
 PacketEncoder::PacketEncoder(unsigned int capacity)
     : OStringBuffer(capacity), _adapter(*this), _stream(&_adapter), _count(0) {
-    // A failed allocation below leaves as such, instead of a message with bytes missing.
+    // A failed allocation below is rethrown, instead of producing a message with bytes missing.
     _stream.exceptions(std::ios_base::badbit);
 }
 
@@ -76,7 +76,7 @@ void PacketEncoder::WriteStringList(TOList<String_t> const& list) {
 
 int PacketEncoder::PadLen(unsigned int block) {
     Terminate();
-    unsigned int const unpadded = _count + 5; // packet length and padding length stand in front
+    unsigned int const unpadded = _count + 5; // packet length and padding length come first
     unsigned int const padding = block - unpadded % block;
     return static_cast<int>(padding < 5 ? padding + block : padding);
 }

@@ -71,7 +71,7 @@ bool ISshPacketStream::HasBufferedPacket() {
     unsigned int const block = _sshBuffer._cipher._rep->BlockSize();
     if (!_isStarted && Buffered() < block) return false;
     StartPacket();
-    if (_length < MIN_PACKET_LENGTH || _length > MAX_PACKET_LENGTH) return true; // refused without a read
+    if (_length < MIN_PACKET_LENGTH || _length > MAX_PACKET_LENGTH) return true; // refused without reading
     unsigned int const size = std::max(_length + LENGTH_FIELD, block);
     unsigned int const macSize = _sshBuffer._mac._rep ? _sshBuffer._mac._rep->Length() : 0;
     return Buffered() >= size - block + macSize;

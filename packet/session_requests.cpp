@@ -141,8 +141,8 @@ ByteString PacketSessionX11Request::Payload(BlockCipher& cipher) {
 }
 
 PacketSessionX11Request::PacketSessionX11Request(PacketDecoder& decoder) : Packet(SSH_MSG_CHANNEL_REQUEST) {
-    // Deliberate: the words name another message. Pinned by
-    // DecodingTest.WrongNumberIsRefusedInTheWordsOfTheClass.
+    // Deliberate: the text names another message. Pinned by
+    // MessageDecoding.WrongMessageNumberIsRefusedWithTheTextOfTheClass.
     Decode(decoder, "expected SERVICE_REQUEST package, received", [this](PacketDecoder& in) {
         _recipientChannel = in.ReadInt();
         _request = in.ReadString();

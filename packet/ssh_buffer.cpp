@@ -91,7 +91,7 @@ int ISshBuffer::get(char* begin, char* end) {
     return next == begin ? rest : static_cast<int>(next - begin) + std::max(rest, 0);
 }
 
-/// Takes up to `room` bytes of the packet from the layer below into `raw` and decrypts them into `plain`,
+/// Reads up to `room` bytes of the packet from the layer below into `raw` and decrypts them into `plain`,
 /// which may be the same array.
 int ISshBuffer::Receive(unsigned char* raw, unsigned int room, unsigned char* plain) {
     if (_eof || _remaining == 0) return 0;
@@ -103,7 +103,7 @@ int ISshBuffer::Receive(unsigned char* raw, unsigned int room, unsigned char* pl
     }
     _remaining -= static_cast<unsigned int>(taken);
     int total = 0;
-    // Piece by piece, each of which the MAC still finds in the processor's cache.
+    // Piece by piece, so that each piece is still in the processor's cache for the MAC.
     for (int done = 0, piece; done < taken; done += piece) {
         piece = std::min(taken - done, static_cast<int>(SSH_PLAIN_SIZE));
         int const produced = Decrypt(raw + done, static_cast<unsigned int>(piece), plain + total);
@@ -126,8 +126,8 @@ int ISshBuffer::FinalizePacket() {
         unsigned char received[MAX_MAC_SIZE];
         int const taken = _next->get(Chars(received), Chars(received) + length);
         if (taken < 0) return taken;
-        // Deliberate: compared as far as it came (pinned by
-        // PacketStream.ConnectionThatEndsAtTheMacPassesUnchecked).
+        // Deliberate: only the bytes received are compared (pinned by
+        // PacketStream.PacketIsAcceptedWhenTheConnectionEndsBeforeItsMac).
         if (std::memcmp(_mac._rep->Value(), received, static_cast<unsigned int>(taken)) != 0)
             throw SshProtocolError("invalid mac value");
     }

@@ -35,7 +35,7 @@ bool SshSession::HasKeys() const {
     return isOn(CLIENT) && isOn(SERVER);
 }
 
-/// Takes the server's verdict on a request from the number of its reply: 0 for success, which is noted, -1
+/// Returns the result of a request from the message number of the reply: 0 for success, which is recorded, -1
 /// for failure, 1 for a reply that is neither.
 int SshSession::TakeVerdict(int number) {
     if (number == Packet::SSH_MSG_USERAUTH_FAILURE) return -1;
@@ -47,7 +47,7 @@ int SshSession::TakeVerdict(int number) {
 int SshSession::Authenticate(String_t const& identity, String_t const& user, String_t const& password,
                              EnterPassword& enter, KbdInteractiveCallback& callback) {
     if (_dialect) return _dialect->Authenticate(identity, user, password, enter, callback);
-    if (!HasKeys()) return -1; // whoever is at the other end would read the credentials
+    if (!HasKeys()) return -1; // an unknown peer would read the credentials
     InitiateAuthentication();
     PacketUserAuthNoneRequest request(user, SERVICE);
     _out.WritePacket(request);
@@ -88,7 +88,7 @@ ByteString SshSession::AuthReadPacket() {
         if (MessageNumber(packet) != Packet::SSH_MSG_USERAUTH_BANNER) return packet;
         PacketDecoder decoder(packet);
         _banner = PacketUserAuthBanner(decoder)._message;
-        // Deliberate: printed as it came, control characters included. Pinned by
+        // Deliberate: printed as received, control characters included. Pinned by
         // AuthBanner.ControlCharactersArePrintedAsTheyCame.
         std::cout << _banner << std::flush;
     }
@@ -128,8 +128,8 @@ int SshSession::SignAuthData(PublicKey const& key, String_t const& identity, Str
     PrivateKey privateKey;
     result = ReadIdentity(privateKey, identity, password, enter);
     if (result < 0) return result;
-    // The private key need not be the other half of the public one. Whether its signature will do is
-    // for the server to say.
+    // The private key need not be the other half of the public one: the server decides whether its signature
+    // is valid.
     signature = Signature(privateKey._rep->Type());
     return signature.Sign(data, DIGEST_SHA1, privateKey);
 }
@@ -142,7 +142,7 @@ int SshSession::AuthPasswd(String_t const& user, String_t password, EnterPasswor
     unsigned int tries = enter._tries;
     if (tries == 0) return -1;
     for (;;) {
-        // The message shares the text of the password and wipes it when it goes.
+        // The message shares the text of the password and wipes it on destruction.
         PacketUserAuthPasswdRequest request(user, SERVICE, password);
         _out.WritePacket(request);
         int const number = MessageNumber(AuthReadPacket());
@@ -215,15 +215,15 @@ int SshSession::ReadIdentity(PrivateKey& privateKey, String_t const& identity, S
                              EnterPassword& enter) {
     if (privateKey._rep && privateKey._rep->IsLoaded()) return 0;
     enter.Preset(password);
-    if (!enter.HasPreset()) enter.EnterPassword::Preset(password); // an override may have kept it to itself
+    if (!enter.HasPreset()) enter.EnterPassword::Preset(password); // an override may not have passed it on
     auto const read = [&](String_t const& path) {
         enter.SetPrompt("Enter passphrase for", path);
         return privateKey.Read(path.Text(), enter);
     };
     int result = read(str_empty(identity.Text()) ? DefaultIdentity("id_rsa") : identity);
     if (result < 0 && str_empty(identity.Text())) result = read(DefaultIdentity("id_dsa"));
-    // It was offered for the key alone; a password prompt that follows is for the user. An override of
-    // Preset is told the one secret, and no more.
+    // It was meant only for the key; a later password prompt is for the user. An override of Preset must see
+    // only the one secret.
     enter.EnterPassword::Preset(String_t());
     return result;
 }

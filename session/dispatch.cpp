@@ -19,8 +19,8 @@ namespace cindral {
 
 namespace {
 
-/// Whether a CHANNEL_OPEN is that of a session as RFC 4254, section 6.1, has it: type, number, window and
-/// packet size, without the address that PacketOpenTcpChannel reads.
+/// Whether a CHANNEL_OPEN is one for a session, in the format of RFC 4254, section 6.1: type, number, window
+/// and packet size, without the address that PacketOpenTcpChannel reads.
 bool IsSessionOpen(ByteString const& packet) {
     PacketDecoder decoder(packet);
     unsigned int const padding = decoder.ReadByte();
@@ -31,7 +31,7 @@ bool IsSessionOpen(ByteString const& packet) {
 
 } // namespace
 
-/// Leads the socket to its session.
+/// Passes events on the socket to its session.
 class SshSession::SshDispatcher : public IOMultiplexerDispatcher {
 public:
     explicit SshDispatcher(SshSession* session)
@@ -44,8 +44,8 @@ private:
     SshSession* _session;
 };
 
-/// Leads a local descriptor to its channel, which need not be in the session's table. The reference follows a
-/// replacement; the registration of a channel that is gone ends.
+/// Passes data from a local descriptor to its channel, which need not be in the session's table. If the
+/// channel is replaced, the reference follows; if it is destroyed, the registration ends.
 class SshSession::FdDispatcher : public IOMultiplexerDispatcher {
 public:
     FdDispatcher(SshSession* session, SshChannel* channel)
@@ -127,13 +127,13 @@ SshChannel* SshSession::ReplaceChannel(unsigned int id, SshChannelMakerBase cons
 int SshSession::Dispatch(int fd) {
     if (fd != _fd) throw SystemError("invalid input", EINVAL, CryptoException::EncodeInt(fd));
     if (_dialect) return _dialect->Dispatch();
-    // Deliberate: the rest of a packet that has begun is waited for, and timers and Terminate with it. Pinned
-    // by Dispatch.PacketWhoseRestComesLaterIsWaitedForInTheSameDispatch.
+    // Deliberate: blocks for the rest of a partly received packet, which also delays timers and Terminate.
+    // Pinned by Dispatch.PartialPacketIsCompletedInTheSameDispatch.
     return HandlePackets([this] { return _in.HasBufferedInput(); });
 }
 
-/// Packets that came in the same read as the answer are announced by no poll(2) any more. The rest of one
-/// that has come in part is.
+/// Handles packets that were read together with the reply: no poll(2) will report those. It will report the
+/// rest of a partly received one.
 void SshSession::DispatchBufferedPackets() {
     auto const isWhole = [this] { return _in.HasBufferedPacket(); };
     if (_task.IsStopped() || !isWhole())
@@ -142,7 +142,7 @@ void SshSession::DispatchBufferedPackets() {
         _mux.Unregister(_fd);
 }
 
-/// Handles a packet, and as many others as `hasMore` asks for, until a handler returns 0; then flushes the
+/// Handles a packet, and further ones while `hasMore()` is true, until a handler returns 0; then flushes the
 /// channels. Returns what the last handler returned, 1 if there was none.
 template <class HasMore>
 int SshSession::HandlePackets(HasMore const& hasMore) {
@@ -163,8 +163,8 @@ int SshSession::HandlePackets(HasMore const& hasMore) {
 
 void SshSession::ReportIgnored(int number) {
     std::cerr << "ignore packet ";
-    // Deliberate: a number without a name, such as 7, fails the stream for the rest of the process. Pinned by
-    // Dispatch.NumberWithoutANameFailsTheErrorStreamAndNothingFollows.
+    // Deliberate: a number without a name, such as 7, leaves std::cerr failed for the rest of the process.
+    // Pinned by Dispatch.NumberWithoutANameFailsTheErrorStream.
     if (char const* name = Packet::MsgName(static_cast<unsigned int>(number)))
         std::cerr << name;
     else
@@ -174,7 +174,7 @@ void SshSession::ReportIgnored(int number) {
 
 int SshSession::HandleDisconnect(PacketDecoder& decoder) {
     PacketDisconnect const message(decoder);
-    // Deliberate: printed as it came, control characters included. Pinned by
+    // Deliberate: printed as received, control characters included. Pinned by
     // RunLoop.ControlCharactersOfADisconnectArePrintedAsTheyCame.
     std::cerr << "connection closed by peer, " << message._description << _eol << std::flush;
     _task.Stop();
@@ -233,7 +233,7 @@ int SshSession::HandleChannelEof(PacketDecoder& decoder) {
 int SshSession::HandleChannelClose(PacketDecoder& decoder) {
     PacketChannelClose const message(decoder);
     auto const id = static_cast<int>(message._recipientChannel);
-    // Data that came in front of the CLOSE is not lost with the channel.
+    // Data received before the CLOSE must not be lost with the channel.
     if (SshChannel* channel = _channels.Find(id)) channel->Flush();
     int const fd = _channels.RemoveChannel(id);
     if (fd >= 0) _mux.Unregister(fd);

@@ -8,7 +8,7 @@ namespace cindral {
 
 namespace {
 
-// Deliberate, here and below: texts of the server's are printed as they came. Pinned by
+// Deliberate, here and below: texts from the server are printed as received. Pinned by
 // KbdInteractiveCallback.ControlCharactersArePrintedAsTheyCame.
 void PrintLine(String_t const& text) {
     if (!(text == "")) std::cout << text << '\n' << std::flush;

@@ -17,7 +17,7 @@
 
 namespace cindral {
 
-// Part of the dialect, by which servers may know this client: it does not follow the library's version.
+// Part of the dialect, by which servers may recognise this client: it does not follow the library's version.
 char const* const SshSession::_defaultClientVersion = "SSH-2.0-libbrantle_0.1";
 char const* const SshSession::_eol = "\r\n";
 

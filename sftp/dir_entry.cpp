@@ -40,7 +40,7 @@ char TypeLetter(unsigned int mode) {
     }
 }
 
-/// The set-id bits show in place of the right to read, and the sticky bit does not show.
+/// The set-id bits are shown in place of the read permission, and the sticky bit is not shown.
 void PutMode(std::ostream& out, unsigned int mode) {
     auto const letter = [mode](unsigned int bit, char set, char clear) { return mode & bit ? set : clear; };
     out << TypeLetter(mode) << letter(S_ISUID, 's', letter(S_IRUSR, 'r', '-')) << letter(S_IWUSR, 'w', '-')
@@ -95,7 +95,8 @@ DirEntry::DirEntry(String_t const& name, String_t const& longname, SftpFileAttr 
 }
 
 std::ostream& DirEntry::put(std::ostream& out, UserNameMap& users, GroupNameMap& groups, long now) const {
-    // Deliberate: control characters and all (pinned by DirEntryTest.LineOfTheServerIsWrittenAsItStands).
+    // Deliberate: written unchanged, control characters included (pinned by
+    // DirEntries.LineOfTheServerIsWrittenUnchanged).
     if (_longname != "") return out << _longname;
     PutMode(out, _status.st_mode);
     std::ios::fmtflags const flags = out.flags(std::ios::right);

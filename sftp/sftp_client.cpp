@@ -32,10 +32,10 @@ unsigned int Id(ByteString const& message) { return GetBigEndian<unsigned int>(m
     throw SshProtocolError("invalid sftp response received", Type(reply));
 }
 
-/// Of the lowest code there is no negative: it stays.
+/// The lowest code can't be negated: it is returned unchanged.
 int Negated(int code) { return static_cast<int>(0u - static_cast<unsigned int>(code)); }
 
-/// Stores a reply that can be nothing but a status, and returns its negated code.
+/// Stores a reply that must be a status, and returns its negated code.
 int TakeStatus(SftpStatus& status, ByteString const& reply) {
     if (Type(reply) != SftpPacket::FXP_STATUS) Refuse(reply);
     SftpPacketStatus const packet(reply);
@@ -246,14 +246,14 @@ void SftpClient::DirReader::Close() {
     _state &= ~OPEN;
 }
 
-/// Asks for more entries. Returns whether there are any.
+/// Requests more entries. Returns whether there are any.
 bool SftpClient::DirReader::Receive() {
     if (_client.ReadDir(_status, _handle, _names) > 0) return true;
     _state |= FINISHED;
     return false;
 }
 
-/// Makes the first entry received the one at hand.
+/// Makes the first entry received the current one.
 void SftpClient::DirReader::Take() {
     SftpName const name = _names.Pop();
     _filename = name._filename;

@@ -41,8 +41,8 @@ Pathname SftpClientSession::RemotePathname(Pathname path) {
     return path.IsAbs() || str_empty(_remoteDir.Text()) ? path : Resolve(path, _remoteDir);
 }
 
-// Deliberate: the remote directory says whether there is one to take a local name against (pinned by
-// SftpSessionDirectories.LocalNameIsResolvedIfTheRemoteOneIsKnown).
+// Deliberate: a local name is resolved only if the remote directory is known (pinned by
+// SftpSessionDirectories.LocalNameIsResolvedIfTheRemoteDirectoryIsKnown).
 Pathname SftpClientSession::LocalPathname(Pathname path) {
     return path.IsAbs() || str_empty(_remoteDir.Text()) ? path : Resolve(path, _localDir);
 }
@@ -141,7 +141,7 @@ int SftpClientSession::ChangeOwner(SftpStatus& status, String_t const& path, Id 
         int const found = _client.Stat(status, name, attrs);
         Replace(attrs, id, value);
         int const set = _client.SetStat(status, name, attrs);
-        // What this name gives takes the place of an earlier failure, even if it is a success.
+        // The result for this name replaces an earlier failure, even if it is a success.
         if (result < 0) result = found;
         if (set < 0) result = set;
     });

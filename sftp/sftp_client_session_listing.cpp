@@ -68,11 +68,11 @@ int SftpClientSession::Glob(SftpStatus& status, TOList<String_t>& names, Pathnam
     return found;
 }
 
-// Up to a directory that can be opened, and down again. A loop and not calls, as how deep the path is may be
-// the server's word.
+// Goes up to a directory that can be opened, and down again. Iterative, not recursive, because the server may
+// determine the depth of the path.
 int SftpClientSession::GlobRec(SftpStatus&, TOList<String_t>& names, Pathname const& path,
                                String_t const& rest) {
-    TOList<String_t> patterns; ///< each for the directories that match the one in front of it
+    TOList<String_t> patterns; ///< each is applied to the directories that match the one before it
     patterns.Append(rest);
     TOList<String_t> found;
     int count = 0;

@@ -24,7 +24,7 @@ int Outcome(SftpStatus const& status) { return status._code != SftpStatus::FX_OK
 
 int Unlink(Pathname const& path) { return unlink(str_text(path.Text())) < 0 ? -errno : 0; }
 
-/// Goes on up to the first negative result. Returns that, or the number of names.
+/// Continues up to the first negative result. Returns that, or the number of names.
 template <class Operation>
 int ForEach(TOList<String_t> const& names, Operation const& operation) {
     int done = 0;
@@ -45,15 +45,15 @@ int SftpClientSession::Receive(SftpStatus& status, String_t const& remote, int f
     if (handle._bytes.Length() == 0) return -1;
     SftpFileAttr attrs;
     if (int const result = Fstat(status, handle, attrs); result < 0) return result;
-    // Deliberate: the server's mode, set-user-ID and all, whatever the umask and the descriptor are (pinned
-    // by SftpTransferWire.ModeOfTheServerIsTakenDespiteTheUmask and
+    // Deliberate: sets the server's mode, set-user-ID bit included, regardless of the umask and the kind of
+    // descriptor (pinned by SftpTransferWire.ModeOfTheServerIsTakenDespiteTheUmask and
     // SftpTransferOperations.CatWritesToDescriptor1).
     if (fchmod(fd, attrs._permissions) < 0) return -errno;
     return ReceiveBlocks(status, handle, fd);
 }
 
-/// A negative code of the server's looks like a number of bytes, though none have come: the block may still
-/// be as it was made, and the number greater than the block.
+/// A negative status code from the server, once negated, looks like a number of bytes, although none were
+/// received: the block may still be all zero, and the number greater than the block.
 int SftpClientSession::ReceiveBlocks(SftpStatus& status, SftpFileHandle const& handle, int fd) {
     char block[READ_SIZE] = {};
     long long offset = 0;
@@ -81,7 +81,7 @@ int SftpClientSession::Send(SftpStatus& status, String_t const& remote, int fd) 
     return SendBlocks(status, handle, fd);
 }
 
-/// A block that is refused is dropped, and the next one takes its place.
+/// A refused block is dropped, and the next one is written in its place.
 int SftpClientSession::SendBlocks(SftpStatus& status, SftpFileHandle const& handle, int fd) {
     char block[WRITE_SIZE];
     long long offset = 0;
@@ -125,8 +125,8 @@ int SftpClientSession::MoveToRemote(SftpStatus& status, String_t const& local, S
     return sent < 0 ? sent : Unlink(LocalPathname(local));
 }
 
-/// A source that ends in no name has no place in the directory; it may not take the directory's own.
-/// Deliberate: any other name is taken, that of a hidden file too (pinned by
+/// A source without a last component can't be put into the directory, and must not replace the directory
+/// itself. Deliberate: any other name is accepted, even that of a hidden file (pinned by
 /// SftpTransferNames.MayBeThoseOfHiddenFiles).
 int SftpClientSession::ReceiveInto(SftpStatus& status, String_t const& remote, Pathname const& dir) {
     String_t const leaf = Pathname(remote).Leaf(nullptr);

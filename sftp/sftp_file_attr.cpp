@@ -8,7 +8,7 @@ namespace cindral {
 
 namespace {
 
-/// The count is the peer's word alone: the end of the input ends the pairs too.
+/// The count comes from the peer and is not trusted: the end of the input ends the pairs too.
 void SkipExtendedPairs(ISockStream& in) {
     unsigned int count = 0;
     in >> count;

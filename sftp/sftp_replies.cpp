@@ -12,7 +12,7 @@ struct CountedNames {
     TOList<SftpName>& _names;
 };
 
-/// The count is the peer's word alone: the first name that is not whole ends the list.
+/// The count comes from the peer and is not trusted: the first incomplete name ends the list.
 ISockStream& operator>>(ISockStream& in, CountedNames& received) {
     in >> received._count;
     for (unsigned int left = received._count; left > 0 && in.Status() == 0; --left) {

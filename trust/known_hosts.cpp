@@ -22,7 +22,7 @@ namespace {
 
 constexpr unsigned short DEFAULT_PORT = 22;
 
-/// The name under which a host is known.
+/// The name under which a host is stored.
 String_t HostKeyName(char const* host, unsigned short port) {
     char name[1024];
     if (host[0] == '[') {
@@ -41,7 +41,7 @@ Pathname DefaultPath() {
 
 char const* AlgorithmName(PublicKey const& key) { return key._rep ? key._rep->Name() : "ssh-unknown"; }
 
-/// What can be read of a file.
+/// Everything that can be read from a file.
 std::string ReadToEnd(int fd) {
     std::string contents;
     char block[4096];
@@ -103,14 +103,14 @@ int KnownHosts::_Read(std::istream& in) {
     return _errnum;
 }
 
-/// Deliberate: what is not understood here matches nothing, and its host is a new one (pinned by
-/// KnownHostsTest.HostIsNewWhereItsLineIsNotUnderstood).
+/// Deliberate: a line that is not understood matches nothing, so its host counts as new (pinned by
+/// KnownHostsStore.HostIsNewWhereItsLineIsNotUnderstood).
 void KnownHosts::ReadLine(String_t const& line) {
     StringTok next(line.Text());
     char const* const host = next(", ");
     char const* const address = next.Delimiter() == ',' ? next(" ") : nullptr;
     char const* const algorithm = next(" ");
-    // The old format has a number of bits in the place of the algorithm.
+    // The old format has a number of bits in place of the algorithm.
     if (!algorithm || (algorithm[0] >= '0' && algorithm[0] <= '9')) return;
     String_t const key64(next(" "));
     _hosts.Insert(HostKeyName(host, DEFAULT_PORT), key64);
@@ -132,13 +132,13 @@ int KnownHosts::_IsIn(String_t const& host, unsigned short port, String_t const&
         known = value;
     }
     if (!str_empty(address.Text())) _hosts.Insert(HostKeyName(address.Text(), port), key64);
-    // An entry without a key is nobody's, not even that of a key that is not loaded.
+    // An entry without a key matches no key, not even one that is not loaded.
     return known && !str_empty(known->Text()) && *known == key64.Text();
 }
 
-/// In one write, so that programs which append at the same time don't mix their lines. A key without a name
-/// leaves the host alone on its line. Deliberate: a last line without its line feed is not completed first
-/// (pinned by KnownHostsTest.NewEntryGoesIntoALastLineWithoutALineEnd).
+/// In one write, so that programs that append at the same time don't interleave their lines. If the key has
+/// no algorithm name, the line contains only the host. Deliberate: a last line without its line feed is not
+/// completed first (pinned by KnownHostsStore.NewEntryGoesIntoALastLineWithoutALineEnd).
 void KnownHosts::Append(String_t const& name, PublicKey const& key, String_t const& key64) {
     FileDescriptor const fd(
         open64(str_text(_path.Text()), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));

@@ -57,9 +57,10 @@ public:
     /// Sends a finished request and returns the reply, which is empty when there is none.
     ByteString Exchange(PacketEncoder& request);
 
-    /// One request and its reply are under it.
+    /// Held during one request and its reply.
     Mutex _mutex;
-    /// Handles; grows under `SshAgentAccess::_mutex` and falls outside it, hence atomically.
+    /// Number of handles; incremented under `SshAgentAccess::_mutex` but decremented without it, hence
+    /// atomic.
     std::uint32_t _count;
     ClientSocketUn _socket;
     FileDescriptor _fd;
@@ -110,12 +111,14 @@ void SshAgentAccess::Rep::Disconnect() {
     _fd.Reset();
 }
 
-// What is left of a reply that was not read whole would be taken for the next one: the connection ends.
+// The rest of a partly read reply would be taken for the next one, so the connection is closed.
 ByteString SshAgentAccess::Rep::Exchange(PacketEncoder& request) {
     request.Terminate();
     static_cast<OSockStream&>(_stream) << request._count;
     _stream.Write(request.Str(), static_cast<int>(request._count));
     ByteString reply;
+    // Deliberate: no time limit, as the agent may be asking its user (pinned by
+    // Agent.SilentAgentHoldsUpEveryUserOfTheConnection).
     try {
         static_cast<ISockStream&>(_stream) >> reply;
     } catch (...) {
@@ -128,7 +131,7 @@ ByteString SshAgentAccess::Rep::Exchange(PacketEncoder& request) {
     return reply;
 }
 
-/// The exchange of a request that is answered by success or failure alone.
+/// The exchange for a request whose reply is only success or failure.
 int SshAgentAccess::Rep::Request(PacketEncoder& request) {
     PacketDecoder decoder(Exchange(request));
     int const number = decoder.ReadByte();
@@ -237,7 +240,8 @@ SshAgentAccess::~SshAgentAccess() {
     if (!_rep) return;
     if (AtomicRef(_rep->_count).fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     MutexGuard guard(_mutex);
-    // Since then another handle may have joined, and may even have gone again with the `Rep`.
+    // In the meantime another handle may have been created, and may even have been destroyed together with
+    // the `Rep`.
     if (_instance != _rep || AtomicRef(_rep->_count).load(std::memory_order_acquire) != 0) return;
     delete _rep;
     _instance = nullptr;

@@ -29,7 +29,7 @@ Hash Sha512(unsigned char const* bytes, size_t length) {
     return hash;
 }
 
-/// The words of a hash, read over and over again.
+/// The words of a hash, read cyclically.
 class WordStream {
 public:
     explicit WordStream(Hash const& hash) : _hash(hash) {}

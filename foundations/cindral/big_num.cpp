@@ -15,7 +15,7 @@ namespace cindral {
 
 namespace {
 
-/// Reads `length` bytes piece by piece, so that a length that lies costs nothing.
+/// Reads `length` bytes piece by piece, so that a false length costs no memory.
 std::vector<unsigned char> ReadBody(std::istream& in, unsigned int length) {
     constexpr unsigned int PIECE = 4096;
     std::vector<unsigned char> body;

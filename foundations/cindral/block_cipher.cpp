@@ -14,7 +14,7 @@ namespace {
 struct Algorithm {
     char const* _name;
     unsigned int _keyLength;
-    unsigned int _blockSize; ///< also the length of the vector
+    unsigned int _blockSize; ///< also the length of the initialisation vector
     FetchedCipher _cipher;
 };
 
@@ -65,7 +65,7 @@ public:
         if (!_context) throw OpenSSLError("EVP_CIPHER_CTX_new");
         try {
             EVP_CIPHER const* cipher = algorithm._cipher.Get();
-            // A counter mode takes pieces of any length; OpenSSL gives it a block size of 1.
+            // A counter mode accepts input of any length; OpenSSL reports a block size of 1 for it.
             _piece = static_cast<unsigned int>(EVP_CIPHER_get_block_size(cipher));
             int const encrypts = mode == BlockCipher::ENCRYPT ? 1 : 0;
             if (EVP_CipherInit_ex2(_context, cipher, key, iv, encrypts, nullptr) != 1)

@@ -24,7 +24,7 @@ constexpr int SIGNALS[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 constexpr unsigned int SIGNAL_COUNT = sizeof SIGNALS / sizeof *SIGNALS;
 
 std::atomic<int> wakeFd{-1};         ///< where the handler writes the number of the signal
-std::atomic<int> runningHandlers{0}; ///< those that may hold that descriptor's number
+std::atomic<int> runningHandlers{0}; ///< handlers running now, which may have read `wakeFd`
 static_assert(std::atomic<int>::is_always_lock_free, "the handler uses them");
 
 void NoteSignal(int number) {
@@ -33,14 +33,15 @@ void NoteSignal(int number) {
     int const fd = wakeFd;
     auto const byte = static_cast<unsigned char>(number);
     if (fd < 0)
-        raise(number); // the old handlers are back: one of them takes it when this one has returned
+        raise(number); // the old handlers have been restored: one of them gets it once this one has returned
     else [[maybe_unused]]
         ssize_t const written = write(fd, &byte, 1);
     --runningHandlers;
     errno = savedErrno;
 }
 
-/// While it lives, the signals that are not ignored come through a pipe, whatever thread they hit.
+/// During its lifetime, signals that are not ignored are delivered through a pipe, whichever thread receives
+/// them.
 class SignalPipe {
 public:
     SignalPipe() {
@@ -63,8 +64,8 @@ public:
     SignalPipe& operator=(SignalPipe const&) = delete;
 
     int Fd() const { return _pipe[0]; }
-    /// Puts the old handlers back and sends what came to them. Returns the last signal sent, or 0. Other
-    /// threads may still be in the handler: they write before this returns, or not at all.
+    /// Restores the old handlers and raises the signals received. Returns the last signal raised, or 0. Other
+    /// threads may still be in the handler: they write before this function reads the pipe, or not at all.
     int RestoreAndRaise() {
         if (_pipe[0] < 0) return 0;
         for (unsigned int i = 0; i < SIGNAL_COUNT; ++i) sigaction(SIGNALS[i], &_old[i], nullptr);
@@ -80,7 +81,7 @@ private:
     struct sigaction _old[SIGNAL_COUNT] = {};
 };
 
-/// The terminal, or the standard streams where there is none; echo is off while it lives.
+/// The terminal, or the standard streams if there is none; echo is off during its lifetime.
 class QuietTerminal {
 public:
     QuietTerminal() : _tty(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)), _isTerminal(false), _settings{} {
@@ -112,13 +113,13 @@ private:
     termios _settings;
 };
 
-/// The line as it comes in, a byte at a time: what follows it is not ours to read.
+/// Reads a line one byte at a time, so that nothing after it is consumed.
 class LineReader {
 public:
     LineReader(char* buffer, unsigned int size) : _buffer(buffer), _size(size), _length(0) {}
 
-    /// Reads up to the line end. Returns the length, or minus errno: -EINTR when there is something
-    /// to read in `interrupt`.
+    /// Reads up to the end of the line. Returns the length, or a negated errno value: -EINTR when `interrupt`
+    /// is readable.
     int Read(int in, int interrupt) {
         for (bool any = false;;) {
             pollfd fds[] = {{in, POLLIN, 0}, {interrupt, POLLIN, 0}};

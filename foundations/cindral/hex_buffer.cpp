@@ -10,7 +10,7 @@ constexpr unsigned int HEX_BUFFER_SIZE = 256;
 
 bool IsSpace(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
 
-/// The value of a digit, negative if it is none.
+/// The value of a digit, negative if the character is not one.
 int DigitValue(char digit) {
     if (digit >= '0' && digit <= '9') return digit - '0';
     if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
@@ -29,7 +29,7 @@ OHexBuffer::~OHexBuffer() {
     try {
         OHexBuffer::Flush();
     } catch (...) {
-        // a destructor has nobody to report to
+        // a destructor has no way to report it
     }
 }
 

@@ -9,7 +9,7 @@ namespace cindral {
 
 /// Tables of algorithms, the most preferred first, each record with its SSH name in `_name`.
 
-/// The record of that name; null if there is none, or `name` is null.
+/// The record with that name; null if there is none, or if `name` is null.
 template <class Algorithm, unsigned int COUNT>
 Algorithm* FindAlgorithm(Algorithm (&algorithms)[COUNT], char const* name) {
     if (!name) return nullptr;

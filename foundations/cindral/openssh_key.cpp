@@ -21,7 +21,7 @@ constexpr unsigned int KEY_LENGTH = 32;    ///< of AES-256, the cipher of both m
 constexpr unsigned int IV_LENGTH = 16;
 constexpr unsigned int PLAIN_BLOCK = 8;
 constexpr unsigned int MAX_ROUNDS = 1U
-                                    << 20; ///< of bcrypt: hours of work, where files have 16 or some hundreds
+                                    << 20; ///< of bcrypt: hours of work; real files have 16 to some hundreds
 
 constexpr char ED25519[] = "ssh-ed25519";
 constexpr unsigned int ED25519_SEED = 32; ///< the private half; the public one has the same length
@@ -38,7 +38,7 @@ bool IsOfferedType(ByteView const& name, bool anyType) {
            (anyType && (name.Is(ED25519) || BeginsWith(name, ECDSA_PREFIX)));
 }
 
-/// Wipes what a handle on key bytes leaves behind.
+/// Wipes key bytes on destruction.
 class WipedBytes : public ByteString {
 public:
     using ByteString::ByteString;
@@ -55,7 +55,7 @@ void Decrypt(ByteView const& cipherName, SecretBytes const& keyAndIv, SecretByte
         throw OpenSSLError("EVP_CipherUpdate");
 }
 
-/// d modulo one less than the prime, which the file does not hold.
+/// d modulo (prime - 1), which the file does not contain.
 bool Exponent(BigNum& result, BigNum const& d, BigNum const& prime, BN_CTX* context) {
     BigNum less;
     BN_set_flags(d._bn, BN_FLG_CONSTTIME);

@@ -7,8 +7,8 @@ struct evp_pkey_st;
 
 namespace cindral {
 
-/// The body of an "OPENSSH PRIVATE KEY" file, opened without its passphrase. All spans point into
-/// the memory given to `Open`.
+/// The body of an "OPENSSH PRIVATE KEY" file, parsed without its passphrase. All spans point into the memory
+/// passed to `Open`.
 class OpenSSHKey {
 public:
     /// `anyType` admits ed25519 and ecdsa keys beside rsa and dsa. Returns 0 or a `PrivateKey::Failure`.
@@ -16,8 +16,8 @@ public:
     bool IsEncrypted() const { return _encrypted; }
     /// The blob of the public half, which is never encrypted. Empty before `Open` has read it.
     ByteView const& PublicBlob() const { return _public; }
-    /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
-    /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
+    /// Decrypts and reads the key. The passphrase is ignored if the key is not encrypted. Returns 0 or a
+    /// `PrivateKey::Failure`. Throws `OpenSSLError`.
     int Read(ByteView const& passphrase, evp_pkey_st*& key) const;
 
 private:

@@ -50,7 +50,7 @@ int FromPkcs8(PKCS8_PRIV_KEY_INFO const* info, bool anyType, evp_pkey_st*& key) 
     return key ? 0 : PrivateKey::BROKEN_FILE;
 }
 
-/// Whether OpenSSL knew the cipher, and only what came out of it made no sense.
+/// Whether OpenSSL supports the cipher, and only the decrypted data was invalid.
 bool PassphraseWasWrong() {
     bool wrong = false;
     while (unsigned long const error = ERR_get_error()) {

@@ -6,8 +6,8 @@
 
 namespace cindral {
 
-/// A key file, opened without its passphrase: one of the PEM forms, or the form that has a body of
-/// its own in the same armour.
+/// A key file, parsed without its passphrase: one of the PEM formats, or the OpenSSH format, which has a
+/// different body in the same armour.
 class PemKey {
 public:
     /// `anyType` admits all types of keys, else rsa and dsa alone.
@@ -21,8 +21,8 @@ public:
     bool IsEncrypted() const;
     /// The blob of the public half; empty for a form that doesn't hold one in the clear.
     ByteView const& PublicBlob() const { return _openSSH.PublicBlob(); }
-    /// Decrypts and reads the key. The passphrase is not looked at when the key is not encrypted.
-    /// Returns 0 or a `PrivateKey::Failure`. Throws `OpenSSLError`.
+    /// Decrypts and reads the key. The passphrase is ignored if the key is not encrypted. Returns 0 or a
+    /// `PrivateKey::Failure`. Throws `OpenSSLError`.
     int Read(ByteView const& passphrase, evp_pkey_st*& key) const;
 
 private:

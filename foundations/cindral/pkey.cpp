@@ -8,7 +8,7 @@ namespace cindral {
 
 namespace {
 
-/// The numbers of a private key stand in the parameters.
+/// The numbers of a private key are in the parameters.
 void FreeWiped(OSSL_PARAM* parameters) {
     for (OSSL_PARAM* parameter = parameters; parameter->key; ++parameter)
         OPENSSL_cleanse(parameter->data, parameter->data_size);

@@ -15,7 +15,7 @@ namespace cindral {
 /// The SSH name of a type of key; null for `KEY_NONE`.
 char const* KeyName(KeyType type);
 
-/// A number of a key under the name that OpenSSL has for it (OSSL_PKEY_PARAM_...).
+/// A number of a key, by its OpenSSL parameter name (OSSL_PKEY_PARAM_...).
 struct KeyNumber {
     char const* _name;
     bignum_st const* _value;
@@ -27,7 +27,7 @@ struct KeyPoint {
     ByteView _point;
 };
 
-/// A new OpenSSL key out of its numbers; null when OpenSSL doesn't take them. `type` is OpenSSL's name,
+/// A new OpenSSL key made from its numbers; null when OpenSSL rejects them. `type` is OpenSSL's name,
 /// `selection` EVP_PKEY_PUBLIC_KEY or EVP_PKEY_KEYPAIR; `point` is null but for ecdsa keys.
 evp_pkey_st* MakePkey(char const* type, int selection, std::initializer_list<KeyNumber> numbers,
                       KeyPoint const* point = nullptr);

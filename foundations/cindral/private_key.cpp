@@ -42,8 +42,8 @@ void AppendNumbers(SecretBytes& to, EVP_PKEY const* key, char const* const (&nam
     }
 }
 
-/// Offers the preset secret, whatever an override does with it, and then what `enter` answers, until a
-/// passphrase fits or no more tries are left.
+/// Tries the preset secret, even if `enter` is overridden, and then what `enter` returns, until a passphrase
+/// fits or no tries are left.
 int ReadEncrypted(PemKey const& file, EnterPassword& enter, evp_pkey_st*& key) {
     int result = PrivateKey::NO_PASSPHRASE;
     if (String_t const preset = enter.UsePreset(); !str_empty(preset.Text())) {
@@ -72,7 +72,7 @@ int ReadKey(char const* path, EnterPassword* enter, ByteString* publicBlob, evp_
     if (result == 0 && !file.IsEncrypted()) result = file.Read(ByteView(), key);
     if (result == 0 && file.IsEncrypted())
         result = enter ? ReadEncrypted(file, *enter, key) : PrivateKey::NO_PASSPHRASE;
-    ERR_clear_error(); // a file that is no key is a result here, not an error to find later
+    ERR_clear_error(); // a file that is not a key is a normal result here; leave no error in the queue
     return result;
 }
 

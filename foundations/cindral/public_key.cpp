@@ -40,7 +40,7 @@ ByteString Decode64(ByteView const& text) {
     unsigned int padding = 0;
     while (padding < 2 && padding < text._length && text._data[text._length - 1 - padding] == '=') ++padding;
     if (text._length == 0 || text._length % 4 != 0) return ByteString();
-    // OpenSSL's decoder takes '=' anywhere.
+    // OpenSSL's decoder accepts '=' anywhere.
     if (std::memchr(text._data, '=', text._length - padding)) return ByteString();
     ByteString bytes(text._length / 4 * 3);
     int const length = EVP_DecodeBlock(bytes.Data(), text._data, static_cast<int>(text._length));

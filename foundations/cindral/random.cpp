@@ -30,7 +30,7 @@ ByteString RandomBytes(unsigned int length) {
 }
 
 unsigned char PseudoRand::NextByte() {
-    // xorshift64*: 0 is the one state that it can't leave, so 0 stands for "not seeded".
+    // xorshift64*: 0 is the one state that it can't leave, so 0 means "not seeded".
     thread_local std::uint64_t state = 0;
     while (state == 0) {
         unsigned char seed[sizeof state];

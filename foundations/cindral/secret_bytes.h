@@ -8,7 +8,7 @@
 
 namespace cindral {
 
-/// Wipes what it gives back, the arrays that a growing vector leaves behind included.
+/// Wipes memory before freeing it, including the old arrays of a growing vector.
 template <typename T>
 struct WipingAllocator {
     using value_type = T;

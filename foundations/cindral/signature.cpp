@@ -36,7 +36,7 @@ Pieces Parse(ByteString const& blob) {
     return pieces;
 }
 
-/// What OpenSSL makes: the blob's value for rsa, a DER sequence for dsa. Empty on failure.
+/// The signature as OpenSSL returns it: the blob's value for rsa, a DER sequence for dsa. Empty on failure.
 std::vector<unsigned char> RawSign(ByteString const& data, EVP_PKEY* key) {
     MdCtxPtr const context(EVP_MD_CTX_new());
     size_t length = static_cast<size_t>(EVP_PKEY_get_size(key));
@@ -80,7 +80,7 @@ std::vector<unsigned char> DerFromDss(ByteView const& value) {
     return der;
 }
 
-/// The value may come without leading zeros (RFC 4253 section 6.6); OpenSSL wants the full length.
+/// The value may lack leading zeros (RFC 4253 section 6.6); OpenSSL requires the full length.
 std::vector<unsigned char> PaddedRsa(ByteView const& value, size_t length) {
     size_t const missing = value._length < length ? length - value._length : 0;
     std::vector<unsigned char> padded(missing);

@@ -41,7 +41,7 @@ void AppendString(ByteString& to, char const* text) {
 }
 
 ByteString EncodeMpint(bignum_st const* number) {
-    // One byte in front of the magnitude leaves room for the sign.
+    // One byte before the magnitude leaves room for the sign.
     unsigned int const magnitude = number ? static_cast<unsigned int>(BN_num_bytes(number)) : 0;
     ByteString encoded(4 + 1 + magnitude);
     unsigned char* body = encoded.Data() + 4;

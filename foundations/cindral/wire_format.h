@@ -9,7 +9,7 @@ namespace cindral {
 
 /// The strings of RFC 4251 section 5, in memory.
 
-/// Bytes that belong to someone else.
+/// Bytes that it does not own.
 struct ByteView {
     unsigned char const* _data = nullptr;
     unsigned int _length = 0;
@@ -20,13 +20,13 @@ struct ByteView {
 void AppendString(ByteString& to, void const* bytes, unsigned int length);
 void AppendString(ByteString& to, char const* text);
 
-/// The mpint with its length in front; null counts as zero.
+/// The mpint, preceded by its length; null counts as zero.
 ByteString EncodeMpint(bignum_st const* number);
 /// The number in the body of an mpint. False when OpenSSL has no memory.
 bool DecodeMpint(unsigned char const* body, unsigned int length, bignum_st* number);
 
-/// Reads a memory area from its front. What runs past the end gives zeros and empty values and
-/// clears `Ok()`; nothing after the end is touched.
+/// Reads a memory area from its start. A read past the end returns zeros or empty values and clears `Ok()`;
+/// nothing after the end is accessed.
 class WireReader {
 public:
     WireReader(unsigned char const* bytes, unsigned int length) : _pos(bytes), _left(length) {}

@@ -23,7 +23,7 @@ bnode_t* Furthest(bnode_t* node, Side side) {
     return node;
 }
 
-/// Climbs until it comes from below on the given side, and returns the node arrived at.
+/// Climbs to the first ancestor that is reached from its child on the given side, and returns that ancestor.
 bnode_t* ClimbFrom(bnode_t* node, Side side) {
     if (!node) return nullptr;
     while (node->_parent && Link(node->_parent, side) != node) node = node->_parent;
@@ -85,7 +85,7 @@ AVLnode* AfterRemove(AVLnode* node, Side side, int& shrunk) {
     return root;
 }
 
-/// Takes the smallest node out of a tree, and returns the new root.
+/// Removes the smallest node from a tree, and returns the new root.
 AVLnode* DeleteSmallest(AVLnode* root, int& shrunk, AVLnode*& smallest) {
     if (!root->_left) {
         smallest = root;
@@ -96,7 +96,7 @@ AVLnode* DeleteSmallest(AVLnode* root, int& shrunk, AVLnode*& smallest) {
     return AfterRemove(root, LEFT, shrunk);
 }
 
-/// Takes the root out of a tree, and returns the new one.
+/// Removes the root from a tree, and returns the new one.
 AVLnode* DeleteRoot(AVLnode* root, int& shrunk) {
     if (!root->_left || !root->_right) {
         shrunk = 1;
@@ -110,7 +110,7 @@ AVLnode* DeleteRoot(AVLnode* root, int& shrunk) {
     return AfterRemove(successor, RIGHT, shrunk);
 }
 
-/// Copies the tree under `from` into the place of a child under `to`, as far as the copying goes.
+/// Copies the tree with root `from` and makes it the child of `to` on a side, as far as copying succeeds.
 void DupChild(bnode_t const* from, bnode_t* to, Side side);
 
 void DupChildren(bnode_t const* from, bnode_t* to) {

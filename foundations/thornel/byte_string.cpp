@@ -8,7 +8,7 @@
 
 namespace {
 
-/// A representation of its own with room for `length` bytes.
+/// A new representation with room for `length` bytes.
 ByteString::Srep* NewRep(unsigned int length) {
     std::unique_ptr<unsigned char[]> data(new unsigned char[length]);
     ByteString::Srep* const rep = new ByteString::Srep(data.get(), length);
@@ -16,8 +16,8 @@ ByteString::Srep* NewRep(unsigned int length) {
     return rep;
 }
 
-/// Copies bytes; a null source is no bytes. A memmove stays a call into the C library, where a memcpy
-/// built for size becomes a copy byte by byte.
+/// Copies bytes; a null source means no bytes. A memmove remains a call into the C library, whereas a memcpy
+/// compiled for size is inlined as a byte-by-byte copy.
 void Copy(unsigned char* to, void const* from, unsigned int length) {
     if (length > 0) std::memmove(to, from, length);
 }

@@ -23,7 +23,7 @@ int CloseKeepingErrno(int fd) {
     return -1;
 }
 
-/// The host of a text without its brackets; an empty one where they do not match.
+/// The host in a text without its brackets; empty if they do not match.
 String_t WithoutBrackets(char const* begin, std::size_t length) {
     if (length > 0 && *begin == '[') {
         if (length < 2 || begin[length - 1] != ']') return String_t();
@@ -45,7 +45,7 @@ bool ParsePort(char const* text, unsigned short& port) {
     return true;
 }
 
-/// Splits "host:port" or "[host]:port"; an empty host says that the text is neither.
+/// Splits "host:port" or "[host]:port"; an empty host means that the text is neither.
 SockIO::SockAddr ParseTarget(char const* target) {
     char const* hostEnd =
         target ? (*target == '[' ? std::strchr(target, ']') : std::strchr(target, ':')) : nullptr;
@@ -55,7 +55,7 @@ SockIO::SockAddr ParseTarget(char const* target) {
     return SockIO::SockAddr(WithoutBrackets(target, static_cast<std::size_t>(hostEnd - target)), port);
 }
 
-/// The errno value that says best what getaddrinfo says.
+/// The errno value closest to the result of getaddrinfo.
 int ErrnoOf(int addressError) {
     switch (addressError) {
     case EAI_AGAIN:
@@ -137,7 +137,7 @@ void ClientSocketIn::Resolve() {
 int ClientSocketIn::Connect(unsigned int seconds, int& error) {
     Deadline const whole{std::chrono::seconds(seconds)};
     error = EINVAL;
-    // An address that does not answer takes its share of the time and no more.
+    // An address that does not respond uses no more than its share of the time.
     for (std::size_t i = 0; i < _addresses.size(); ++i) {
         milliseconds share(0);
         if (whole.IsLimited()) {
@@ -187,7 +187,7 @@ int ClientSocketUn::Connect(unsigned int seconds, int& error) {
         error = EINVAL;
         return -1;
     }
-    // A full queue of the server is no matter for poll: connect itself waits, with the limit for sends.
+    // poll can't wait for a server whose queue is full: connect itself waits, up to the send timeout.
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     Deadline const deadline{std::chrono::seconds(seconds)};
     int connected = fd;

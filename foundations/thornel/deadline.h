@@ -8,12 +8,12 @@
 #include <chrono>
 #include <climits>
 
-/// The end of a wait, on a clock that nobody sets.
+/// The end of a wait, on the monotonic clock.
 class Deadline {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// `limit` from now; a limit of 0 never comes.
+    /// `limit` from now; a limit of 0 means never.
     explicit Deadline(std::chrono::milliseconds limit)
         : _limited(limit.count() > 0), _end(_limited ? Clock::now() + limit : Clock::time_point()) {}
 
@@ -24,8 +24,8 @@ public:
                         std::chrono::milliseconds(0));
     }
 
-    /// Waits until `fd` is ready, with any poll of that signature. Returns 0, or -1 with errno set,
-    /// ETIMEDOUT when the time is up.
+    /// Waits until `fd` is ready, with any function that has the signature of poll. Returns 0, or -1 with
+    /// errno set, ETIMEDOUT when the time is up.
     template <class Poll>
     int Wait(Poll poll, int fd, short events) const {
         for (;;) {

@@ -17,7 +17,7 @@
 
 namespace {
 
-/// Keeps the SIGPIPE of a write in this thread from being delivered, for descriptors that have no
+/// Prevents delivery of the SIGPIPE of a write in this thread, for descriptors that do not support
 /// MSG_NOSIGNAL. A SIGPIPE that was pending before stays pending.
 class SigpipeShield {
 public:
@@ -148,7 +148,7 @@ ssize_t DescriptorIO::WriteOnce(char const* from, std::size_t size, unsigned int
     }
     if (limit && _kind != SOCKET) {
         if (Wait(POLLOUT, limit) < 0) return -1;
-        size = std::min<std::size_t>(size, PIPE_BUF); // what a ready pipe takes without blocking
+        size = std::min<std::size_t>(size, PIPE_BUF); // what a ready pipe accepts without blocking
     }
     return Retry(
         [=] {
@@ -171,7 +171,7 @@ ssize_t DescriptorIO::SendOnce(Range const& first, Range const& second, unsigned
     return Retry([&] { return SystemCalls().sendmsg(_fd, &message, flags); }, limit);
 }
 
-/// Repeats a system call that writes until it has taken something or failed.
+/// Repeats a system call that writes until it has written something or failed.
 template <class Call>
 ssize_t DescriptorIO::Retry(Call const& call, unsigned int limit) const {
     for (;;) {

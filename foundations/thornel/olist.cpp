@@ -2,7 +2,7 @@
 
 namespace {
 
-/// Links of a chain from a first one to a null, apart from the list.
+/// A null-terminated chain of links, detached from the list.
 using Chain = olink_t*;
 
 struct Order {
@@ -25,7 +25,7 @@ Chain Merge(Chain a, Chain b, Order const& order) {
     return merged;
 }
 
-/// Sorts the first `length` links and takes them off the chain.
+/// Sorts the first `length` links and removes them from the chain.
 Chain SortFront(Chain& chain, unsigned int length, Order const& order) {
     if (length == 0) return nullptr;
     if (length == 1) {

@@ -9,7 +9,7 @@
 /// One user's record in the password database.
 class PasswdEntry {
 public:
-    /// Looks the user up; the texts of the record before are gone then.
+    /// Looks the user up; the texts of the previous record are then invalid.
     void Read(uid_t user);
 
     bool Found() const { return _found != nullptr; }

@@ -24,9 +24,9 @@ String_t ToString(std::string_view text) {
     return String_t(text.data(), static_cast<unsigned int>(text.size()));
 }
 
-/// A path cut in front of its last component.
+/// A path split before its last component.
 struct Cut {
-    std::string_view _dir;  ///< without separators at its end, but for "/"
+    std::string_view _dir;  ///< without separators at its end, except for "/"
     std::string_view _leaf; ///< without separators
 };
 
@@ -41,7 +41,7 @@ Cut CutLeaf(std::string_view path) {
             path.substr(slash + 1)};
 }
 
-/// The components that are left of a path when "." and ".." are carried out on the text.
+/// The components that remain of a path when "." and ".." are resolved in the text.
 std::vector<std::string_view> Resolve(std::string_view path, bool absolute) {
     std::vector<std::string_view> components;
     while (!path.empty()) {

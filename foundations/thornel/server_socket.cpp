@@ -11,7 +11,7 @@
 
 namespace {
 
-/// The IPv4 address of a text: numeric, a name, or all of them. False if there is none.
+/// The IPv4 address in a text: numeric, a name, or the wildcard. False if there is none.
 bool ToAddress(String_t const& text, in_addr& address) {
     if (str_empty(text.Text()) || text == "*") {
         address.s_addr = htonl(INADDR_ANY);
@@ -42,7 +42,7 @@ int OpenListener(sockaddr_in const& address, int backlog) {
     return fd;
 }
 
-/// Whether accept failed for a connection that is gone, and the next one is worth a try.
+/// Whether accept failed only because that connection is gone, so that the next one is worth a try.
 bool IsPassing(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED ||
            error == EPROTO;

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// A frame no longer than this is allocated at once, a longer one as its bytes come in.
+/// A frame no longer than this is allocated in one piece, a longer one as its bytes arrive.
 constexpr unsigned int FIRST_PIECE = 64 * 1024;
 
 template <class T>
@@ -53,7 +53,7 @@ bool ReadFrame(ISockStream& in, unsigned int length, ByteString& value) {
     return true;
 }
 
-/// Gives a variable another value for as long as it lives.
+/// Sets a variable to another value during the lifetime of this object.
 template <class T>
 class Setting {
 public:
@@ -119,7 +119,8 @@ int OSockStream::Send(char const*& from, char const* end, bool more) {
     return NoteWritten(result, buffered._from, more);
 }
 
-/// Takes note of a write of what is buffered, of which the part from `rest` on has not gone if it failed.
+/// Records the result of a write of what is buffered. If it failed, the part from `rest` on is still to be
+/// written.
 int OSockStream::NoteWritten(int result, char const* rest, bool more) {
     if (result == 0) {
         _pos = _start;
@@ -152,7 +153,7 @@ OSockStream& OSockStream::Write(char const* data, int size) {
         return *this;
     }
     char const* const end = data + size;
-    // What is larger than the buffer goes past it.
+    // A range larger than the buffer bypasses it.
     if (size > static_cast<int>(BUFFER_SIZE) && IsExactly<OSockStream, IOSockStream>(*this)) Send(data, end);
     if (PutRange(data, end, [this] { return MakeRoom(); }) < 0) SetStatus(Status() | FAILED);
     return *this;

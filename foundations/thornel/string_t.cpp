@@ -25,7 +25,7 @@ Chars Copy(char const* text, unsigned int length) {
     return copy;
 }
 
-/// A representation of its own for a text.
+/// A new representation for a text.
 String_t::Srep* NewRep(Chars text) {
     String_t::Srep* const rep = new String_t::Srep(text.get());
     text.release();
@@ -94,7 +94,7 @@ String_t String_t::Trim() const {
 
 namespace {
 
-/// Reads up to a delimiter, and gives the state that the stream is in after that.
+/// Reads up to a delimiter, and returns the state of the stream after that.
 std::ios_base::iostate ReadTo(std::string const& stops, std::streambuf& in, std::string& line) {
     using Traits = std::streambuf::traits_type;
     try {

@@ -1,7 +1,7 @@
 #ifndef BRANTLE_BRANTLE_H
 #define BRANTLE_BRANTLE_H
 
-/// Everything that the library offers, in one header.
+/// The whole public interface of the library, in one header.
 
 #include <brantle/apps/scp_session.h>
 #include <brantle/apps/ssh_cmd_session.h>

@@ -1,9 +1,9 @@
 #ifndef BRANTLE_BRANTLE_EXPORT_H
 #define BRANTLE_BRANTLE_EXPORT_H
 
-/// Marks what libbrantle offers to other objects; everything else stays hidden inside it.
+/// Marks the symbols that libbrantle exports; all others have hidden visibility.
 ///
-/// BRANTLE_LOCAL keeps a class that is declared within an offered one, and defined in a source file, inside.
+/// BRANTLE_LOCAL hides a class that is nested in an exported one and defined in a source file.
 #ifdef BRANTLE_BUILDING
 #define BRANTLE_API __attribute__((visibility("default")))
 #define BRANTLE_LOCAL __attribute__((visibility("hidden")))

@@ -7,22 +7,22 @@
 
 namespace cindral {
 
-/// Holds an interactive shell on a remote pseudo-terminal, with the terminal on descriptor 0 in raw
-/// mode meanwhile. Connect, exchange keys and authenticate first. The window's size is told to the
-/// server once; there is no escape character.
+/// Runs an interactive shell on a remote pseudo-terminal, with the terminal on descriptor 0 in raw mode while
+/// it runs. Connect, exchange keys and authenticate first. The terminal size is sent to the server once;
+/// there is no escape character.
 class BRANTLE_API SshInteractiveSession : public SshSession {
 public:
-    /// The target as for SshSession. Remembers the settings of the terminal on descriptor 0; the
-    /// destructor puts them back.
+    /// Takes the target as SshSession does. Saves the settings of the terminal on descriptor 0; the
+    /// destructor restores them.
     SshInteractiveSession(unsigned short port, String_t const& host);
     explicit SshInteractiveSession(String_t const& host);
     ~SshInteractiveSession() override;
 
-    /// Leaves raw mode, stops the loop, and writes "Connection to HOST closed." to standard output.
-    /// Called when the remote shell ends, or by the program. Returns the stop flag as it was.
+    /// Leaves raw mode, stops the loop, and writes "Connection to HOST closed." to standard output. Called
+    /// when the remote shell ends, or by the program. Returns the previous value of the stop flag.
     ///
-    /// REQUIRES: no other thread uses the terminal's settings or std::cout meanwhile, as Run's may. Unlike
-    /// SshSession::Terminate it is thus not to be called from any thread.
+    /// REQUIRES: no other thread, such as the one in Run, uses the terminal's settings or std::cout at the
+    /// same time. So, unlike SshSession::Terminate, it may not be called from every thread.
     int Terminate() override;
 
     /// Results as for SshCmdSession. When the peer disconnects, and on an exception, the terminal

@@ -13,18 +13,18 @@ class SshChannelRef;
 /// One channel of the connection protocol (RFC 4254, section 5), attached to up to three descriptors.
 ///
 /// Flow control departs from RFC 4254, section 5.2: it counts all packets of the connection in each
-/// direction, grants the peer a further window as soon as two thirds of the channel's own have
-/// passed, in either direction, and never waits for a window of the peer's.
+/// direction, grants the peer more window as soon as two thirds of the local window have been used, in either
+/// direction, and never waits for window from the peer.
 ///
 /// The packet streams belong to the session and must outlive the channel; descriptors are not
 /// closed. A channel belongs to the thread that runs its session.
 class BRANTLE_API SshChannel {
 public:
-    /// A channel without numbers, descriptors and streams.
+    /// A channel without numbers, descriptors or streams.
     SshChannel();
 
-    /// `localId` and `remoteId` are this side's and the peer's number of the channel, `windowSize`
-    /// is in bytes. Data from `fdIn` goes to the peer; data of the peer goes to `fdOut`.
+    /// `localId` and `remoteId` are the local and the peer's number of the channel, `windowSize` is in bytes.
+    /// Data from `fdIn` goes to the peer; data from the peer goes to `fdOut`.
     SshChannel(unsigned int localId, unsigned int remoteId, String_t const& name, unsigned int windowSize,
                int fdIn, int fdOut, int fdErr, ISshPacketStream* in, OSshPacketStream* out);
     SshChannel(SshChannel const&) = delete;
@@ -35,10 +35,10 @@ public:
     /// Does nothing on a channel without an output stream.
     virtual void ForwardToSshd(char const* data, unsigned int n);
 
-    /// Takes `n` bytes of the peer's for `_fdOut`. They are buffered until Flush.
+    /// Buffers `n` bytes received from the peer for `_fdOut` until Flush.
     virtual void Forward(char const* data, unsigned int n);
 
-    /// Writes `n` bytes of the peer's extended data to `_fdErr` at once.
+    /// Writes `n` bytes of extended data from the peer to `_fdErr` immediately.
     virtual void ForwardExtended(char const* data, unsigned int n);
 
     /// Writes out what Forward has buffered.
@@ -56,7 +56,7 @@ public:
     int _fdIn;
     int _fdOut;
     int _fdErr;
-    int _eofSent; ///< non-zero once CHANNEL_EOF has gone out
+    int _eofSent; ///< non-zero once CHANNEL_EOF has been sent
     ISshPacketStream* _in;
     OSshPacketStream* _out;
     OSockStream _outStream; ///< on `_fdOut`
@@ -65,7 +65,7 @@ public:
 private:
     friend class SshChannelRef;
 
-    SshChannelRef* _references = nullptr; ///< the first of the list
+    SshChannelRef* _references = nullptr; ///< head of the list
 };
 
 } // namespace cindral

@@ -11,7 +11,7 @@ namespace cindral {
 
 class SshSession;
 
-/// Makes a channel of a program's own class. The caller of the operator owns the result.
+/// Creates a channel of a class defined by the program. The caller of the operator owns the result.
 class BRANTLE_API SshChannelMakerBase {
 public:
     virtual SshChannel* operator()(unsigned int localId, unsigned int remoteId, String_t const& name,
@@ -20,12 +20,12 @@ public:
     virtual ~SshChannelMakerBase();
 };
 
-/// The table of a session's channels. It owns them, hands out their local numbers from 0 upwards,
-/// never one twice, and drops silently whatever is meant for a number that it does not know.
-/// Used on the thread that runs the session.
+/// The table of a session's channels. It owns them, assigns their local numbers from 0 upwards without ever
+/// reusing one, and silently drops whatever is addressed to an unknown number. Used on the thread that runs
+/// the session.
 class BRANTLE_API SshChannelMgr {
 public:
-    /// The session channel: what the peer sends is written to its descriptor at once and whole.
+    /// The session channel: what the peer sends is written to its descriptor immediately and completely.
     class BRANTLE_API TtyChannel : public SshChannel {
     public:
         using SshChannel::SshChannel;
@@ -49,15 +49,15 @@ public:
     };
 
     /// A connection of a remote X client (RFC 4254, section 6.3.2). It has no descriptor until the first
-    /// data, the client's connection set-up message, has brought the connection to the X server.
+    /// data, the client's connection setup message, has caused a connection to the X server.
     class BRANTLE_API X11Channel : public FdChannel {
     public:
         X11Channel(unsigned int localId, unsigned int remoteId, String_t const& name, unsigned int windowSize,
                    SshSession& session, ISshPacketStream* in, OSshPacketStream* out);
         ~X11Channel() override;
 
-        /// Without a descriptor, lets the session connect; where that fails, sends CHANNEL_EOF and is ready
-        /// to try the next data. With one, as SshChannel::Forward.
+        /// Without a descriptor, has the session connect to the X server; if that fails, sends CHANNEL_EOF
+        /// and tries again with the next data. With a descriptor, as SshChannel::Forward.
         void Forward(char const* data, unsigned int n) override;
 
         SshSession* _session; ///< not owned
@@ -69,42 +69,42 @@ public:
     /// Deletes every channel.
     ~SshChannelMgr();
 
-    /// Each of these enters a new channel under the next local number. The table owns the result.
+    /// Each of these adds a new channel under the next local number. The table owns the result.
     SshChannel* NewTtyChannel(unsigned int remoteId, String_t const& name, unsigned int windowSize, int fdIn,
                               int fdOut, int fdErr, ISshPacketStream* in, OSshPacketStream* out);
-    /// Takes the descriptor over and leaves -1 in `fd`.
+    /// Takes ownership of the descriptor and sets `fd` to -1.
     SshChannel* NewTcpConnection(unsigned int remoteId, String_t const& name, unsigned int windowSize,
                                  FileDescriptor& fd, ISshPacketStream* in, OSshPacketStream* out);
-    /// A channel without descriptors, which turns to `session` for its connection.
+    /// A channel without descriptors, which has `session` make its connection.
     SshChannel* NewX11Connection(unsigned int remoteId, String_t const& name, unsigned int windowSize,
                                  SshSession& session, ISshPacketStream* in, OSshPacketStream* out);
     SshChannel* NewChannel(unsigned int remoteId, String_t const& name, unsigned int windowSize,
                            ISshPacketStream* in, OSshPacketStream* out, SshChannelMakerBase const& maker);
 
-    /// Puts a channel made by `maker` in the place of channel `id`, under its numbers, name and
-    /// window, and deletes the old one; the maker chooses the descriptors. What a SshChannelRef to the old
-    /// one points to is then the new one. Returns the new channel, null for an unknown number. If the maker
-    /// throws, the old channel is deleted all the same, and the number is unknown from then on.
+    /// Replaces channel `id` with a channel made by `maker`, with the same numbers, name and window, and
+    /// deletes the old one; the maker chooses the descriptors. Every SshChannelRef to the old channel then
+    /// points to the new one. Returns the new channel, null for an unknown number. If the maker throws, the
+    /// old channel is deleted nevertheless, and its number is unknown from then on.
     SshChannel* ReplaceChannel(int id, SshChannelMakerBase const& maker);
 
-    /// Deletes channel `id` and returns the `_fdIn` it had, -1 for an unknown number. What has not been
-    /// flushed is lost.
+    /// Deletes channel `id` and returns its `_fdIn`, or -1 for an unknown number. Data not yet flushed is
+    /// lost.
     int RemoveChannel(int id);
 
-    /// How many channels of X clients have no connection to the X server.
+    /// Number of channels of X clients that have no connection to the X server.
     unsigned int CountUnconnectedX11() const;
 
     /// The local number that the next channel gets.
     unsigned int NextId() const { return _nextId; }
 
-    /// The channel of that number, null if there is none. The table keeps it.
+    /// The channel with that number, null if there is none. The table still owns it.
     SshChannel* Find(int id) const;
 
-    /// Hands data of the peer's to the channel's Forward. Extended data takes the same path.
+    /// Passes data from the peer to the channel's Forward; likewise extended data.
     void Forward(int id, char const* data, unsigned int n);
     void ForwardExtended(int id, char const* data, unsigned int n);
 
-    /// Flushes every channel, in ascending number order. REQUIRES: no Flush enters or removes a channel.
+    /// Flushes every channel, in ascending number order. REQUIRES: no Flush adds or removes a channel.
     void FlushAllChannels();
 
 private:

@@ -9,7 +9,7 @@ class SshChannel;
 
 /// A pointer to a channel that does not own it and never dangles. It becomes null when the channel is
 /// destroyed, whoever owns it; when SshChannelMgr::ReplaceChannel puts another channel in its place, it
-/// points to that one. It belongs to the channel's thread.
+/// points to that one. Use it on the channel's thread.
 class BRANTLE_API SshChannelRef {
 public:
     /// `channel` may be null.
@@ -20,7 +20,7 @@ public:
 
     SshChannel* Get() const { return _channel; }
 
-    /// Lets all references to `from` point to `to`, which may be null.
+    /// Makes all references to `from` point to `to`, which may be null.
     static void Redirect(SshChannel& from, SshChannel* to);
 
 private:

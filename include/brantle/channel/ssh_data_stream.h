@@ -8,34 +8,36 @@
 
 namespace cindral {
 
-// The session channel as a pair of blocking byte streams, for work that runs without the event loop. Neither
-// stream has a descriptor: Bind and Unbind are of no use here. The packet streams and the window belong to
-// the session and must outlive the data streams, which may be built before the channel is open and used once
-// it is. Both streams of a session belong to one thread, as the input stream writes too.
+// The session channel as a pair of blocking byte streams, for use without the event loop. Neither stream has
+// a descriptor: Bind and Unbind are not useful here. The packet streams and the window belong to the session
+// and must outlive the data streams, which may be constructed before the channel is open and used once it is.
+// Both streams of a session must be used on one thread, because the input stream writes too.
 
-/// Sends what is written as CHANNEL_DATA (RFC 4254, section 5.2), each of at most MAX_DATA bytes, once
-/// that many are buffered or Flush is called. So a protocol of requests flushes after each one.
+/// Sends what is written in CHANNEL_DATA messages (RFC 4254, section 5.2) of at most MAX_DATA bytes each,
+/// once that many are buffered or Flush is called. A request-reply protocol therefore has to flush after each
+/// request.
 ///
-/// Windows of the peer's are not waited for; what has been sent is granted to the peer by the rule of
-/// CheckForWindowAdjust.
+/// It never waits for window from the peer. Bytes sent count towards the window that CheckForWindowAdjust
+/// grants to the peer.
 class BRANTLE_API OSshDataStream : public OSockStream {
 public:
-    /// Most bytes in one message.
+    /// Maximum number of data bytes in one message.
     static constexpr unsigned int MAX_DATA = BUFFER_SIZE - 48;
 
-    /// `remoteChannel` is the recipient number of every message, `windowSize` in bytes is looked up again
-    /// on each check.
+    /// `remoteChannel` is the recipient number of every message; `windowSize`, in bytes, is read again at
+    /// each check.
     OSshDataStream(OSshPacketStream& out, unsigned int remoteChannel, unsigned int const& windowSize);
-    /// Flushes. What goes wrong with it, as an Except, is dropped.
+    /// Flushes. An Except thrown by that is ignored.
     ///
-    /// A class that overrides Flush() is gone by then: it flushes in its own destructor.
+    /// By then, a derived class's override of Flush() can no longer be called: such a class has to flush in
+    /// its own destructor.
     ~OSshDataStream() override;
 
-    /// Sends what is buffered as one message, and blocks until it is written. Returns the number of bytes.
-    /// What WritePacket throws passes through, and the bytes stay.
+    /// Sends what is buffered as one message, and blocks until it is written. Returns the number of bytes. If
+    /// WritePacket throws, the exception is passed on and the bytes stay in the buffer.
     ///
-    /// In the middle of a Write or Put the message is handed over as a packet that another one follows:
-    /// without TCP_NODELAY the end of a request would else wait for the acknowledgement of what went before.
+    /// In the middle of a Write or Put, the packet is written with `more`: without TCP_NODELAY, the end of a
+    /// request would otherwise wait for the acknowledgement of the data before it.
     int Flush() override;
 
     /// Sends a WINDOW_ADJUST when the bytes written on the connection have used up two thirds of the window,
@@ -47,25 +49,26 @@ public:
     unsigned int const& _windowSize;
 };
 
-/// Reads the data of the peer's CHANNEL_DATA messages, whatever channel number they carry.
+/// Reads the data of the peer's CHANNEL_DATA messages, whatever their channel number.
 ///
-/// There is no end of file: the protocol on the channel says where its data ends. WINDOW_ADJUST and channel
-/// requests, "exit-status" among them, are skipped; any other message, CHANNEL_EOF and CHANNEL_CLOSE
-/// too, leaves a read as the SshProtocolError of PacketChannelData. What ReadPacket throws passes through as
-/// well. The destructor drops what has not been read.
+/// There is no end of file: the protocol on the channel has to define where its data ends. WINDOW_ADJUST and
+/// channel requests, "exit-status" among them, are skipped; on any other message, CHANNEL_EOF and
+/// CHANNEL_CLOSE included, the read throws the SshProtocolError of PacketChannelData. Exceptions of
+/// ReadPacket are passed on as well. The destructor discards what has not been read.
 class BRANTLE_API ISshDataStream : public ISockStream {
 public:
-    /// As for OSshDataStream; `out` takes the window adjustments. The stream is not tied.
+    /// As for OSshDataStream; WINDOW_ADJUST messages are sent through `out`. The stream is not tied.
     ISshDataStream(ISshPacketStream& in, OSshPacketStream& out, unsigned int remoteChannel,
                    unsigned int const& windowSize);
     ~ISshDataStream() override;
 
-    /// Fills the buffer, whatever it holds, from the last message or else from the next one that has data.
-    /// Returns the number of bytes, 0 if the packet stream has ended within a packet's MAC.
+    /// Refills the buffer, discarding its contents, from the last message or, if that is used up, from the
+    /// next one that has data. Returns the number of bytes, or 0 if the packet stream has ended within a
+    /// packet's MAC.
     int Fill() override;
 
-    /// As in OSshDataStream, for the bytes read on the connection. The message leaves with the next one, or
-    /// before a read that has to wait.
+    /// As in OSshDataStream, for the bytes read on the connection. The message is sent together with the next
+    /// one, or before a read that has to wait.
     void CheckForWindowAdjust();
 
     ISshPacketStream& _in;
@@ -75,8 +78,8 @@ public:
     unsigned int const& _windowSize;
 
 protected:
-    /// Takes a range as large as the buffer straight from the message, except in a derived class: its Fill()
-    /// gives every byte.
+    /// Copies a range as large as the buffer directly from the message, except in a derived class, where
+    /// every byte comes from its Fill().
     int Fetch(char* begin, char* end) override;
 
 private:

@@ -8,24 +8,25 @@
 
 namespace cindral {
 
-/// Where a forwarding leads. The listening port is the key under which a session keeps it.
+/// The target of a forwarding. The listening port is the key under which the session stores it.
 class BRANTLE_API SshSession::ForwardingInfo {
 public:
     ForwardingInfo();
     ForwardingInfo(String_t const& bindAddress, unsigned int port, String_t const& host);
 
-    String_t _bindAddress; ///< listened on: here for a local forwarding, at the peer for a remote one
-    String_t _host;        ///< the target
-    unsigned int _port;    ///< the target's
+    String_t
+        _bindAddress;   ///< listened on: by this process for a local forwarding, by the peer for a remote one
+    String_t _host;     ///< the target
+    unsigned int _port; ///< the target's
 };
 
-/// A forwarding with its listener in this process, which it owns. A copy or an assignment takes the
-/// listener over and leaves the source without one: there is one owner at a time.
+/// A forwarding with its listener in this process, which it owns. Copying or assigning it moves the listener
+/// and leaves the source without one: there is one owner at a time.
 class BRANTLE_API SshSession::LocalForwarding : public SshSession::ForwardingInfo {
 public:
     /// Without a listener.
     LocalForwarding();
-    /// Its listener is opened by ServerSocketIn::Listen alone.
+    /// Only ServerSocketIn::Listen opens the listener.
     LocalForwarding(String_t const& bindAddress, unsigned int listenPort, unsigned int port,
                     String_t const& host);
     LocalForwarding(LocalForwarding const& other);

@@ -8,15 +8,15 @@
 
 namespace cindral {
 
-/// The local X server that remote X clients are led to, its cookie, and the cookie that the peer is
-/// given instead (RFC 4254, section 6.3). One for a session, made by SshSession::StartX11Forwarding.
+/// The local X server for remote X clients, its cookie, and the cookie that is sent to the peer instead (RFC
+/// 4254, section 6.3). A session has one at most, created by SshSession::StartX11Forwarding.
 class BRANTLE_API SshSession::X11Forwarding {
 public:
-    /// Asks `xauth` for the cookie of `display`, which is [host] ":" number ["." screen], and draws the
-    /// peer's. Without an entry, or without `xauth`, the X server's cookie stays empty. The host ends at
-    /// its first dot. `singleConnection` goes into the request to the SSH server.
+    /// Asks `xauth` for the cookie of `display`, which is [host] ":" number ["." screen], and generates the
+    /// peer's. Without an entry, or without `xauth`, the X server's cookie stays empty. The host name is cut
+    /// at its first dot. `singleConnection` is sent in the request to the SSH server.
     ///
-    /// REQUIRES: `display` is trusted text: a shell gets it as it is.
+    /// REQUIRES: `display` is trusted text: it is passed to a shell unquoted.
     X11Forwarding(String_t const& display, int singleConnection);
     X11Forwarding(X11Forwarding const&) = delete;
     X11Forwarding& operator=(X11Forwarding const&) = delete;
@@ -25,8 +25,8 @@ public:
     static String_t CookieString(ByteString const& cookie);
 
     /// Connects to the X server within `timeout` seconds: over TCP if the display has a host other than
-    /// "unix", else over its Unix-domain socket. Returns a descriptor that is the caller's, or a negative
-    /// value; `error` is then the errno value, or as before if the address itself is unusable.
+    /// "unix", otherwise over its Unix-domain socket. Returns a descriptor that the caller owns, or a
+    /// negative value; `error` is then the errno value, or unchanged if the address itself is unusable.
     int Connect(unsigned int timeout, int& error);
 
     static constexpr unsigned int COOKIE_LENGTH = 16; ///< bytes
@@ -35,7 +35,7 @@ public:
     static char const* const _localSocketPrefix; ///< "/tmp/.X11-unix/X"
 
     String_t _display;
-    String_t _authMethod;   ///< what the X server is told to check
+    String_t _authMethod;   ///< name of the authentication method sent to the X server
     ByteString _realCookie; ///< the X server's; may be empty
     ByteString _fakeCookie; ///< the peer's, random
     String_t _host;
@@ -43,7 +43,7 @@ public:
     unsigned int _displayNumber;
     unsigned int _screenNumber;
     int _singleConnection;
-    int _unixSocket; ///< 1 if the last Connect went to the Unix-domain socket
+    int _unixSocket; ///< 1 if the last Connect used the Unix-domain socket
 
 private:
     void AskXauth();

@@ -11,9 +11,9 @@ namespace cindral {
 
 /// Binary values on standard streams, most significant byte first, in the forms of RFC 4251, section 5.
 ///
-/// The writers return the number of bytes written, length fields included; a stream that takes no
-/// more is left with badbit. The readers throw BadInput when the input ends before the value is
-/// whole, with eofbit and failbit set on the stream, and read nothing after it.
+/// The writers return the number of bytes written, length fields included; if the stream accepts no more,
+/// badbit is set. The readers throw BadInput when the input ends before the value is complete, with eofbit
+/// and failbit set on the stream, and read nothing beyond the value.
 class CINDRAL_API BinBuffer {
 public:
     static unsigned int WriteByte(std::ostream& out, unsigned char value);

@@ -9,8 +9,8 @@ namespace cindral {
 
 /// A handle on the cipher of one direction of a connection (RFC 4253 section 6.3, RFC 4344 section 4).
 ///
-/// The handle stays the same object while `Redefine` exchanges the implementation, so that others
-/// may keep references to it and see each change at once. One thread at a time.
+/// The handle remains the same object when `Redefine` replaces the implementation, so others may keep
+/// references to it and see each change immediately. One thread at a time.
 class CINDRAL_API BlockCipher {
 public:
     enum Mode : int { ENCRYPT = 0, DECRYPT = 1 };
@@ -19,20 +19,20 @@ public:
     class CINDRAL_API Rep {
     public:
         virtual ~Rep();
-        /// Bytes of a block; never 0.
+        /// Block size in bytes; never 0.
         virtual unsigned int BlockSize() const = 0;
-        /// `BlockCipher::NONE` for the cipher that changes nothing, another number for all others.
+        /// `BlockCipher::NONE` for the cipher "none", a different number for all others.
         virtual int Kind() const = 0;
-        /// Processes `length` bytes, a multiple of the block size, from `source` to `destination`,
-        /// which may be the same array; a following call goes on where this one ended.
-        /// Returns the number of bytes produced, negative on failure.
+        /// Processes `length` bytes, a multiple of the block size, from `source` to `destination`, which may
+        /// be the same array; the next call continues where this one ended. Returns the number of bytes
+        /// produced, negative on failure.
         virtual int Process(unsigned char const* source, unsigned int length, unsigned char* destination) = 0;
-        /// 0 asks for whole blocks without padding, which is how every cipher here works, and
-        /// returns 0; padding is not offered, so any other value returns a negative number.
+        /// 0 selects whole blocks without padding, which is how every cipher here works, and returns 0;
+        /// padding is not supported, so any other value returns a negative number.
         virtual int SetPadding(int padding) = 0;
     };
 
-    /// What `Rep::Kind` says of the `none` cipher.
+    /// What `Rep::Kind` returns for the `none` cipher.
     static constexpr int NONE = 0;
 
     /// The `none` cipher: passes bytes through; its block size is 8.
@@ -48,9 +48,9 @@ public:
     /// Key length in bytes; 0 for a name that is not known and for "none".
     static unsigned int KeyLen(char const* name);
 
-    /// Replaces the implementation by a fresh one. The first bytes of `key` and `iv` are used; there
-    /// may be more. Throws `InvalidArgument` for an unknown name, or a key or vector too short for
-    /// the cipher, and `OpenSSLError`; the old implementation then stays.
+    /// Replaces the implementation with a new one. The first bytes of `key` and `iv` are used; they may be
+    /// longer. Throws `InvalidArgument` for an unknown name, or a key or initialisation vector too short for
+    /// the cipher, and `OpenSSLError`; the old implementation is then kept.
     void Redefine(char const* name, Mode mode, ByteString const& key, ByteString const& iv);
 
     /// Never null.

@@ -8,8 +8,8 @@ namespace cindral {
 
 /// A layer of a stack of byte streams: framing, hexadecimal text, memory, a socket.
 ///
-/// A layer is used in its own direction only; the other direction fails here with ENOTSUP. It does
-/// not own the layers below it, which must outlive it. Nothing locks: one thread at a time.
+/// A layer is used in its own direction only; the other direction fails here with ENOTSUP. It does not own
+/// the layers below it, which must outlive it. Not thread-safe: one thread at a time.
 class CINDRAL_API CascadableStreamBuf {
 public:
     CascadableStreamBuf();
@@ -17,30 +17,30 @@ public:
     CascadableStreamBuf(CascadableStreamBuf const&) = delete;
     CascadableStreamBuf& operator=(CascadableStreamBuf const&) = delete;
 
-    /// Takes one byte. Negative on failure.
+    /// Writes one byte. Negative on failure.
     virtual int putchr(char byte);
-    /// Gives one byte. Returns 1, 0 at the end of the input, negative on failure.
+    /// Reads one byte. Returns 1, 0 at the end of the input, negative on failure.
     virtual int getchr(char& byte);
-    /// Takes a range. Returns the number of bytes taken, negative on failure.
+    /// Writes a range. Returns the number of bytes accepted, negative on failure.
     virtual int put(char const* begin, char const* end);
-    /// Fills the whole range, unless the input ends or fails. Returns the number of bytes stored, 0 at
-    /// the end of the input, negative on failure. Of a range that was filled in part the number is
-    /// returned, and what ended it shows in the next call.
+    /// Fills the whole range, unless the input ends or fails. Returns the number of bytes stored, 0 at the
+    /// end of the input, negative on failure. For a partly filled range, the number is returned, and the next
+    /// call reports the reason.
     virtual int get(char* begin, char* end);
 };
 
 /// An output layer.
 class CINDRAL_API CascadableOStreamBuf : public CascadableStreamBuf {
 public:
-    /// Closes the layer and those below it: what they hold back is passed on. Negative on failure.
-    /// Here there is nothing to do, and the result is 0.
+    /// Closes the layer and those below it: buffered data is passed on. Negative on failure. This
+    /// implementation does nothing and returns 0.
     virtual int Finalize();
 };
 
 /// An input layer.
 class CINDRAL_API CascadableIStreamBuf : public CascadableStreamBuf {};
 
-/// An output layer that gathers bytes in a buffer; the derived class's Flush() passes them on.
+/// An output layer that collects bytes in a buffer; the derived class's Flush() passes them on.
 class CINDRAL_API CascadableOStreamBuffer : public CascadableOStreamBuf, public OutputBuffer<char> {
 public:
     /// `next` is the layer below, `size` the buffer's size in bytes.
@@ -69,8 +69,8 @@ public:
 
     int getchr(char& byte) override;
     int get(char* begin, char* end) override;
-    /// Fetches bytes from the layer below. Returns their number, 0 at the end of the input, negative
-    /// on failure; a failure must show again in the next call.
+    /// Fetches bytes from the layer below. Returns their number, 0 at the end of the input, negative on
+    /// failure; after a failure the next call must fail again.
     int Fill() override = 0;
 
     CascadableIStreamBuf* _next; ///< the layer below, not owned

@@ -15,7 +15,7 @@ namespace cindral {
 /// operation that feeds it throws `OpenSSLError` when OpenSSL fails.
 class CINDRAL_API Digest {
 public:
-    /// The digest at work.
+    /// The digest computation.
     class CINDRAL_API Rep {
     public:
         explicit Rep(DigestType type);
@@ -23,9 +23,9 @@ public:
         Rep(Rep const&) = delete;
         Rep& operator=(Rep const&) = delete;
 
-        /// Feeds raw bytes, no prefix. REQUIRES: `Finish` has not been called.
+        /// Feeds raw bytes, without a length. REQUIRES: `Finish` has not been called.
         virtual void Update(unsigned char const* bytes, unsigned int length);
-        /// Ends the digest; the result stands in `_value` afterwards.
+        /// Finishes the digest; the result is then in `_value`.
         virtual void Finish();
 
         ByteString _value;

@@ -5,7 +5,7 @@
 
 namespace cindral {
 
-/// An owned buffer of bytes for a secret; it is wiped when it goes.
+/// An owned buffer of bytes for a secret, wiped on destruction.
 class CINDRAL_API EUCVector {
 public:
     /// `length` zero bytes; a negative length counts as 0. `_data` is never null.

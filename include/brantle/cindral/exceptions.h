@@ -7,13 +7,12 @@
 
 namespace cindral {
 
-/// Base of everything that libcindral and libbrantle throw: a text that says what went wrong, and a
-/// detail that may be empty. `what()` is the text, and with a detail ": " and the detail after it.
-/// Thrown by value. Like the `String_t` values inside, an exception object
-/// belongs to one thread at a time.
+/// Base of everything that libcindral and libbrantle throw: a text that says what went wrong, and a detail
+/// that may be empty. `what()` is the text, followed by ": " and the detail if there is one. Thrown by value.
+/// Like the `String_t` values inside, an exception object belongs to one thread at a time.
 class CINDRAL_API CryptoException : public Except {
 public:
-    /// `text` may be null, which reads as an empty text.
+    /// A null `text` counts as an empty text.
     CryptoException(char const* text, String_t const& detail);
     CryptoException(CryptoException const&) = default;
     CryptoException& operator=(CryptoException const&) = default;
@@ -30,7 +29,7 @@ private:
     String_t _detail;
 };
 
-/// The peer broke the protocol. A number as detail is the number of the message received.
+/// The peer violated the protocol. A number as detail is the number of the message received.
 class CINDRAL_API SshProtocolError : public CryptoException {
 public:
     explicit SshProtocolError(char const* text);
@@ -56,7 +55,7 @@ private:
     int _errno;
 };
 
-/// Input that ends too early or a bad state found inside the system; `Text()` says which.
+/// Input that ends too early, or an invalid internal state; `Text()` says which.
 class CINDRAL_API BadInput : public CryptoException {
 public:
     explicit BadInput(String_t const& text);
@@ -65,7 +64,7 @@ public:
     ~BadInput() override;
 };
 
-/// A bad argument: `Text()` is the place, `Detail()` what is wrong there.
+/// A bad argument: `Text()` is the function, `Detail()` what is wrong.
 class CINDRAL_API InvalidArgument : public CryptoException {
 public:
     InvalidArgument(char const* place, char const* wrong);

@@ -1,7 +1,7 @@
 #ifndef BRANTLE_CINDRAL_EXPORT_H
 #define BRANTLE_CINDRAL_EXPORT_H
 
-/// Marks what libcindral offers to other objects; everything else stays hidden inside it.
+/// Marks the symbols that libcindral exports; all others have hidden visibility.
 #ifdef CINDRAL_BUILDING
 #define CINDRAL_API __attribute__((visibility("default")))
 #else

@@ -9,14 +9,14 @@ namespace cindral {
 /// An output layer that writes bytes as lower-case hexadecimal text into the next layer.
 class CINDRAL_API OHexBuffer : public CascadableOStreamBuffer {
 public:
-    /// A line holds up to `lineLength` digits, two for each byte; 0 is one line without end. Between
-    /// two lines goes `separator`, and nothing after the last one. `column` digits count as already
+    /// A line holds up to `lineLength` digits, two for each byte; 0 means one line of unlimited length.
+    /// `separator` is written between lines, but not after the last one. `column` digits count as already
     /// written on the first line.
     OHexBuffer(CascadableOStreamBuf* next, unsigned int lineLength, char separator, unsigned int column);
-    /// Flushes; a failure is swallowed.
+    /// Flushes; a failure is ignored.
     ~OHexBuffer() override;
 
-    /// Passes on the bytes gathered so far, as text. Returns 0, or the next layer's negative result.
+    /// Passes on the bytes collected so far, as text. Returns 0, or the next layer's negative result.
     int Flush() override;
 
 private:
@@ -25,9 +25,9 @@ private:
     unsigned int _column;
 };
 
-/// An input layer that reads hexadecimal text, of either case, from the next layer and gives bytes.
-/// White space between the pairs of digits is skipped; anything else fails with EINVAL, a pair cut
-/// short by the end too.
+/// An input layer that reads hexadecimal text, of either case, from the next layer and returns bytes. White
+/// space between the pairs of digits is skipped; anything else fails with EINVAL, as does an incomplete pair
+/// at the end.
 class CINDRAL_API IHexBuffer : public CascadableIStreamBuffer {
 public:
     explicit IHexBuffer(CascadableIStreamBuf* next);

@@ -3,7 +3,7 @@
 
 namespace cindral {
 
-/// The kinds of keys and signatures (RFC 4253 section 6.6). Non-zero for every real key.
+/// The kinds of keys and signatures (RFC 4253 section 6.6). Non-zero for every key type except KEY_NONE.
 enum KeyType : int {
     KEY_NONE = 0, ///< no key
     KEY_RSA = 1,  ///< "ssh-rsa"
@@ -13,7 +13,7 @@ enum KeyType : int {
 /// The host key algorithms that the client offers, most preferred first.
 inline constexpr char HOST_KEY_ALGORITHMS[] = "ssh-rsa,ssh-dss";
 
-/// The digests that `Digest` and `Signature` know.
+/// The digests that `Digest` and `Signature` support.
 enum DigestType : int {
     DIGEST_SHA1 = 2, ///< SHA-1, 20 bytes
 };

@@ -13,10 +13,10 @@ namespace cindral {
 /// A private key, rsa or dsa, or no key at all. One thread at a time.
 class CINDRAL_API PrivateKey {
 public:
-    /// Negative results of `Read` that are no errno value.
+    /// Negative results of `Read` that are not negated errno values.
     enum Failure : int {
-        BROKEN_FILE = -1001,      ///< no key file in a known format, or cut or damaged
-        WRONG_PASSPHRASE = -1002, ///< no passphrase offered was the right one
+        BROKEN_FILE = -1001,      ///< not a key file in a known format, or truncated or damaged
+        WRONG_PASSPHRASE = -1002, ///< none of the passphrases tried was right
         UNSUPPORTED_KEY = -1003,  ///< a key neither rsa nor dsa, or a cipher or format version not known
         NO_PASSPHRASE = -1004,    ///< encrypted, and no passphrase can be asked for
     };
@@ -24,7 +24,7 @@ public:
     /// The implementation; owns the OpenSSL key.
     class CINDRAL_API Rep {
     public:
-        /// Takes over `key`, an rsa or dsa key pair.
+        /// Takes ownership of `key`, an rsa or dsa key pair.
         explicit Rep(evp_pkey_st* key);
         virtual ~Rep();
         Rep(Rep const&) = delete;
@@ -34,9 +34,9 @@ public:
         virtual int IsLoaded() const;
 
         KeyType Type() const;
-        /// The key as an agent's add-identity message takes it: the algorithm name as string, then
-        /// the numbers as mpint: n, e, d, the inverse of q modulo p, p, q for rsa; p, q, g, y, x for
-        /// dsa. Holds the secret numbers, which are the caller's to wipe. Throws `OpenSSLError`.
+        /// The key as in an agent's add-identity message: the algorithm name as string, then the numbers as
+        /// mpint: n, e, d, the inverse of q modulo p, p, q for rsa; p, q, g, y, x for dsa. It contains the
+        /// secret numbers, which the caller has to wipe. Throws `OpenSSLError`.
         ByteString EncodeSSH() const;
 
         evp_pkey_st* _key;
@@ -48,11 +48,11 @@ public:
     PrivateKey(PrivateKey const&) = delete;
     PrivateKey& operator=(PrivateKey const&) = delete;
 
-    /// Reads a key file: PEM (PKCS#1, PKCS#8, DSA) or "BEGIN OPENSSH PRIVATE KEY", plain or
-    /// encrypted (the latter with aes256-ctr or aes256-cbc and bcrypt of up to 2^20 rounds). For an
-    /// encrypted key the secret preset in `enter` is offered first, whatever `enter` overrides; then
-    /// `enter` is called up to its number of tries. Returns 0; minus errno when the file can't be read;
-    /// a `Failure`; or the negative result of `enter`. On failure the object stays as it was.
+    /// Reads a key file: PEM (PKCS#1, PKCS#8, DSA) or "BEGIN OPENSSH PRIVATE KEY", plain or encrypted (the
+    /// latter with aes256-ctr or aes256-cbc and bcrypt of up to 2^20 rounds). For an encrypted key, the
+    /// secret preset in `enter` is tried first, even if a class derived from it overrides the call operator;
+    /// then `enter` is called up to its number of tries. Returns 0; a negated errno value if the file can't
+    /// be read; a `Failure`; or the negative result of `enter`. On failure the object is unchanged.
     /// Passphrase and decrypted bytes are wiped.
     int Read(char const* path, EnterPassword& enter);
 

@@ -21,19 +21,19 @@ public:
         virtual KeyType Type() const;
         /// The algorithm name, such as "ssh-rsa".
         virtual char const* Name() const;
-        /// Non-zero when both are the same key.
+        /// Non-zero when both keys are equal.
         virtual int Equals(Rep const& other) const;
 
-        /// The key blob, byte for byte as it was read.
+        /// The key blob, byte for byte as read.
         ByteString EncodeSSH() const;
         /// The key blob in base 64 on one line, as in a known hosts file.
         String_t EncodeSSH64() const;
-        /// A new OpenSSL key, which the caller frees with `EVP_PKEY_free`; null when OpenSSL does
-        /// not take the numbers.
+        /// A new OpenSSL key, which the caller frees with `EVP_PKEY_free`; null when OpenSSL rejects the
+        /// numbers.
         evp_pkey_st* NewPkey() const;
 
-        /// The key that `blob` holds, or null when the blob is malformed, has bytes after its end
-        /// or is of another algorithm. The caller owns the result.
+        /// The key that `blob` holds, or null when the blob is malformed, has trailing bytes or is for
+        /// another algorithm. The caller owns the result.
         static Rep* Parse(ByteString const& blob);
         Rep* Clone() const;
 
@@ -56,9 +56,9 @@ public:
     PublicKey& operator=(PublicKey const& other);
     PublicKey& operator=(ByteString const& blob);
 
-    /// Reads the first line of a file in the one-line format: algorithm name, base 64, comment.
-    /// Returns 0; minus errno when the file can't be read; -EINVAL when it holds no such key, and
-    /// the object then stays as it was.
+    /// Reads the first line of a file in the one-line format: algorithm name, base 64, comment. Returns 0; a
+    /// negated errno value if the file can't be read; or -EINVAL if it contains no such key, and the object
+    /// is then unchanged.
     int ReadSSH(char const* path);
 
     /// Null when there is no key.

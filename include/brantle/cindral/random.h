@@ -10,8 +10,8 @@ namespace cindral {
 /// Throws `OpenSSLError` with "RAND_bytes".
 CINDRAL_API ByteString RandomBytes(unsigned int length);
 
-/// A small, fast generator for bytes that need not be secret, such as padding. Every thread has its
-/// own, seeded from the cryptographic source at its first byte.
+/// A small, fast generator for bytes that need not be secret, such as padding. Every thread has its own
+/// state, seeded from the cryptographic source at its first byte.
 class CINDRAL_API PseudoRand {
 public:
     /// Any thread may call it. Throws `OpenSSLError` with "RAND_bytes" when seeding fails.

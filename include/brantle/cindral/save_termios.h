@@ -7,9 +7,9 @@
 
 namespace cindral {
 
-/// Remembers the settings of a terminal and puts them back when it goes. The descriptor stays the
-/// caller's and must outlive the object. On a descriptor that is no terminal the settings read as
-/// zero and nothing else happens.
+/// Saves the settings of a terminal and restores them on destruction. The descriptor remains owned by the
+/// caller and must outlive the object. If the descriptor is not a terminal, the settings are all zero and
+/// nothing else happens.
 class CINDRAL_API SaveTermios {
 public:
     explicit SaveTermios(int fd);
@@ -17,13 +17,13 @@ public:
     SaveTermios(SaveTermios const&) = delete;
     SaveTermios& operator=(SaveTermios const&) = delete;
 
-    /// The remembered settings.
+    /// The saved settings.
     termios const& Settings() const { return _settings; }
 
-    /// Raw mode: every byte as typed and as written, no echo, no signals from keys. Returns 0, or
-    /// minus errno.
+    /// Sets raw mode: input and output bytes are not processed, no echo, no signals from keys. Returns 0 or a
+    /// negated errno value.
     int SetRaw();
-    /// Puts the remembered settings back. Returns 0, or minus errno.
+    /// Restores the saved settings. Returns 0 or a negated errno value.
     int LeaveRaw();
 
 private:

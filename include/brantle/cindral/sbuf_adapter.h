@@ -10,8 +10,8 @@ namespace cindral {
 
 /// A standard stream buffer over a layer, for a std::istream or std::ostream on top.
 ///
-/// It holds no buffer of its own but the one byte that a look ahead takes. A flush of the stream
-/// flushes the layer itself, not those below it. The layer must outlive the adapter.
+/// It has no buffer except one byte of look-ahead. Flushing the stream flushes the layer itself, not those
+/// below it. The layer must outlive the adapter.
 class CINDRAL_API SBufAdapter : public std::streambuf {
 public:
     explicit SBufAdapter(CascadableStreamBuf& layer);
@@ -29,7 +29,7 @@ protected:
 
 private:
     CascadableStreamBuf& _layer;
-    char _ahead; ///< the byte looked at and not yet taken, if the get area holds one
+    char _ahead; ///< the byte of look-ahead, if the get area holds one
 };
 
 } // namespace cindral

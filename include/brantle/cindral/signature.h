@@ -21,26 +21,26 @@ public:
 
         /// The blob for the wire; empty when there is no signature.
         virtual ByteString Encode() const;
-        /// Stores a signature blob. Returns 0; negative, with the object unchanged, when it is
-        /// malformed, has bytes after its end, or is not of this key type and digest.
+        /// Stores a signature blob. Returns 0; negative, with the object unchanged, when it is malformed, has
+        /// trailing bytes, or is not for this key type and digest.
         virtual int Decode(ByteString const& blob, DigestType digest);
 
         KeyType _type;
         ByteString _blob;
     };
 
-    /// An empty signature for that type of key.
+    /// An empty signature for keys of that type.
     explicit Signature(KeyType type);
-    /// The signature in a blob; one that verifies nothing when the blob is malformed.
+    /// The signature in a blob; if the blob is malformed, one whose verification always fails.
     explicit Signature(ByteString const& blob);
     Signature(Signature const& other);
     Signature& operator=(Signature const& other);
     ~Signature();
 
-    /// Signs `data`. Returns 0; negative when there is no key, it is of another type, its size does
-    /// not fit the signature format (a dsa subgroup other than 160 bits), or OpenSSL fails.
+    /// Signs `data`. Returns 0; negative when there is no key, the key is of another type, its size does not
+    /// fit the signature format (a dsa subgroup other than 160 bits), or OpenSSL fails.
     int Sign(ByteString const& data, DigestType digest, PrivateKey const& key);
-    /// Verifies this signature over `data`. Returns 1 when it is valid; any other value is failure.
+    /// Verifies this signature over `data`. Returns 1 when it is valid; any other value means failure.
     int Verify(ByteString const& data, DigestType digest, PublicKey const& key);
 
     /// Never null.

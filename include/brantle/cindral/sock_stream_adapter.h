@@ -7,11 +7,11 @@
 
 namespace cindral {
 
-/// A socket input stream over a layer, with the typed operators of ISockStream.
+/// A socket input stream on top of a layer, with the typed operators of ISockStream.
 ///
-/// A Fill() asks the layer for a whole buffer, so a layer without an end of its own, such as a bare
-/// socket, needs one in between that says where the data ends. An end is not final: a layer that has
-/// more later is read on, whatever the status says. The layer must outlive the adapter.
+/// A Fill() asks the layer for a whole buffer, so a layer without an end, such as a bare socket, needs
+/// another one in between that defines where the data ends. An end is not final: if the layer has more data
+/// later, reading continues, whatever the status. The layer must outlive the adapter.
 class CINDRAL_API ISockStreamAdapter : public ISockStream {
 public:
     explicit ISockStreamAdapter(CascadableStreamBuf& layer);
@@ -22,7 +22,7 @@ public:
 
 protected:
     int Fetch(char* begin, char* end) override;
-    /// A Fetch() straight from the layer.
+    /// A Fetch() that reads directly from the layer.
     int FetchFromLayer(char* begin, char* end) {
         FlushTied();
         return _layer.get(begin, end);
@@ -32,9 +32,9 @@ private:
     CascadableStreamBuf& _layer;
 };
 
-/// A socket output stream over a layer, with the typed operators of OSockStream.
+/// A socket output stream on top of a layer, with the typed operators of OSockStream.
 ///
-/// Flush it before the layer is used otherwise; the destructor drops what is buffered. The layer must
+/// Flush it before the layer is used directly; the destructor discards what is buffered. The layer must
 /// outlive the adapter.
 class CINDRAL_API OSockStreamAdapter : public OSockStream {
 public:

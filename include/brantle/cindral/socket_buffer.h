@@ -7,11 +7,11 @@
 
 namespace cindral {
 
-/// The lowest input layer, over a descriptor given by Bind, which stays the caller's.
+/// The lowest input layer, over a descriptor set by Bind, which the caller continues to own.
 ///
-/// It reads ahead: up to 8192 bytes lie between `_pos` and `_end` that no layer above has taken yet. A range
-/// larger than that is received where it belongs, except in a derived class: its Fill() gives every byte.
-/// With a `_timeout` above 0 a wait of more than so many seconds fails with ETIMEDOUT.
+/// It reads ahead: up to 8192 bytes that no layer above has read yet are between `_pos` and `_end`. A larger
+/// range is received directly into its destination, except in a derived class, where every byte comes from
+/// its Fill(). If `_timeout` is above 0, a wait of more than that many seconds fails with ETIMEDOUT.
 class CINDRAL_API ISocketBuffer : public CascadableIStreamBuf, public ISockStream {
 public:
     ISocketBuffer();
@@ -23,19 +23,20 @@ public:
     int get(char* begin, char* end) override;
 };
 
-/// The lowest output layer, over a descriptor given by Bind, which stays the caller's.
+/// The lowest output layer, over a descriptor set by Bind, which the caller continues to own.
 ///
-/// Flush() writes out what is buffered. A range that does not fit in with it, or is as large as the whole
-/// buffer, leaves at once, in one call with what is buffered, except in a derived class: its Flush() sees
-/// every byte. With a `_timeout` above 0 a wait of more than so many seconds fails with ETIMEDOUT.
+/// Flush() writes out what is buffered. A range that does not fit into the rest of the buffer, or is as large
+/// as the whole buffer, is written immediately, in one call with what is buffered, except in a derived class,
+/// where every byte passes through its Flush(). If `_timeout` is above 0, a wait of more than that many
+/// seconds fails with ETIMEDOUT.
 class CINDRAL_API OSocketBuffer : public CascadableOStreamBuf, public OSockStream {
 public:
     OSocketBuffer();
     ~OSocketBuffer() override;
 
-    /// Says whether other bytes follow those of the next Flush() at once. If so, the kernel may hold back
-    /// what leaves by then for them, so that all leave in full segments, for up to 200 ms or until the
-    /// Flush() after that one, even of an empty buffer.
+    /// Sets whether other bytes follow those of the next Flush() immediately. If so, the kernel may delay
+    /// what is written up to that Flush(), in order to send full segments, for up to 200 ms or until the
+    /// Flush() after it, even if the buffer is then empty.
     void SetMoreToCome(bool more) { _moreToCome = more; }
     using OSockStream::IsCorked;
 

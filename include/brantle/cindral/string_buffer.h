@@ -9,7 +9,7 @@
 
 namespace cindral {
 
-/// The end layer over memory for output: a sink that grows as needed.
+/// The lowest layer for output to memory, which grows as needed.
 class CINDRAL_API OStringBuffer : public CascadableOStreamBuf {
 public:
     OStringBuffer();
@@ -17,7 +17,7 @@ public:
     explicit OStringBuffer(unsigned int capacity);
     ~OStringBuffer() override;
 
-    /// Takes the byte and returns 0.
+    /// Appends the byte and returns 0.
     int putchr(char byte) override;
     int put(char const* begin, char const* end) override;
 
@@ -25,18 +25,18 @@ public:
     char const* Str() const;
     /// Their number.
     unsigned int Len() const { return static_cast<unsigned int>(_length); }
-    /// Takes the bytes written out of the buffer, without a copy, and leaves it empty.
+    /// Moves the written bytes out of the buffer without copying, and leaves it empty.
     ByteString Release();
 
 private:
     void Reserve(std::size_t room);
 
-    unsigned char* _data; ///< owned; null until there is something to hold
+    unsigned char* _data; ///< owned; null until something is written
     std::size_t _length;
     std::size_t _capacity;
 };
 
-/// The end layer over memory for input. The memory is not copied and must stay while it is read.
+/// The lowest layer for input from memory. The memory is not copied and must remain valid while it is read.
 class CINDRAL_API IStringBuffer : public CascadableIStreamBuf {
 public:
     /// Over a text up to its terminator; null is empty.
@@ -45,13 +45,13 @@ public:
     IStringBuffer(char const* data, unsigned int size);
     ~IStringBuffer() override;
 
-    /// Starts again on other memory.
+    /// Starts again with other memory.
     void Assign(char const* data, unsigned int size);
 
     int getchr(char& byte) override;
     int get(char* begin, char* end) override;
 
-    /// Passes over up to `size` bytes. Returns where they lie; how many there are, in `size`.
+    /// Skips up to `size` bytes. Returns their address, and their number in `size`.
     char const* Skip(unsigned int& size);
 
 private:

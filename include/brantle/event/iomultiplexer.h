@@ -15,23 +15,22 @@
 #include <generic/tslist>
 #include <generic/tsortedvector>
 
-/// The poll-based event core: a table from descriptor to dispatcher, the records for poll(2), the
-/// callbacks that are told of an unregistered descriptor, and a queue of timers.
+/// The poll-based event core: a table from descriptor to dispatcher, the records for poll(2), the callbacks
+/// that are called when a descriptor has been unregistered, and a queue of timers.
 ///
-/// It has no thread and no loop; `IOMultiplexerTask` drives it. It owns the clones of the dispatchers
-/// registered. Callbacks and timers stay the caller's, unless `DestroyCallbacks` or `DestroyTimers` is
-/// called, and must outlive their stay in it.
+/// It has no thread and no loop; `IOMultiplexerTask` drives it. It owns the clones of the registered
+/// dispatchers. Callbacks and timers remain owned by the caller, unless `DestroyCallbacks` or `DestroyTimers`
+/// is called, and must exist as long as they are registered.
 ///
-/// Threads: table, poll records and callbacks are guarded by the read-write lock that the class derives
-/// from, so `Register`, `Unregister`, `Clear` and the callback list may be used from any thread. poll(2),
-/// the look-up of a dispatcher and the dispatcher itself run outside the lock: a change of the table by
-/// another thread while a dispatch is under way is not safe. The timer queue takes no lock and belongs
-/// to the loop's thread. Nothing wakes a sleeping poll(2): a change made by another thread takes effect
-/// when it returns.
+/// Threads: table, poll records and callbacks are guarded by the read-write lock that the class derives from,
+/// so `Register`, `Unregister`, `Clear` and the callback list may be used from any thread. poll(2), the
+/// look-up of a dispatcher and the dispatcher itself run outside the lock: a change of the table by another
+/// thread during a dispatch is not safe. The timer queue is not locked and belongs to the loop's thread. A
+/// poll(2) in progress is not interrupted: a change made by another thread takes effect when it returns.
 class BRANTLE_API IOMultiplexer : public RWLock {
 public:
-    /// Seconds and milliseconds. 1000 is a legal millisecond count: only what is greater is carried
-    /// over. Arithmetic wraps in 32 bits.
+    /// Seconds and milliseconds. A millisecond count of 1000 is valid: only a greater one is carried over.
+    /// Arithmetic wraps in 32 bits.
     struct BRANTLE_API Timeval {
         Timeval() : Timeval(0, 0) {}
         Timeval(unsigned long sec, unsigned int msec);
@@ -46,7 +45,7 @@ public:
         std::uint32_t _msec;
     };
 
-    /// Work to be done at a point of time. Derive from `OnceTimer` or `PeriodicTimer`
+    /// Work to be done at a certain time. Derive from `OnceTimer` or `PeriodicTimer`
     /// (<brantle/event/timers.h>) and implement `Fire`.
     class BRANTLE_API Timer {
     public:
@@ -57,18 +56,18 @@ public:
         Timer(Timer const&) = default;
         Timer& operator=(Timer const&) = default;
 
-        /// The timer's work. `now` is the time at which the multiplexer looked at its timers. May
-        /// insert and unregister timers.
+        /// The timer's work. `now` is the time at which the multiplexer checked its timers. May insert and
+        /// unregister timers.
         virtual void Fire(Timeval const& now) = 0;
-        /// Computes and stores the next due time and returns it; zero takes the timer out of the
-        /// queue for good.
+        /// Computes and stores the next due time and returns it; zero removes the timer from the queue
+        /// permanently.
         virtual Timeval ScheduleNext() = 0;
         virtual ~Timer();
 
         Timeval _start;
-        Timeval _next; ///< the due time; not to be changed from outside while the timer is queued
+        Timeval _next; ///< the due time; do not change it from outside while the timer is queued
 
-        /// Gives the timer queue its key.
+        /// Returns the key for the timer queue.
         struct Adapter {
             static Timeval const& Key(Timer const* timer) { return timer->_next; }
         };
@@ -88,8 +87,8 @@ public:
     /// Returns 0, or EINVAL for a negative `fd`. A type other than the two of
     /// `IOMultiplexerDispatcherType` ends the process.
     int Register(int fd, IOMultiplexerDispatcher const& d);
-    /// Deletes the dispatcher of `fd` and then calls the callbacks, also when `fd` was not registered.
-    /// Returns 0, or EINVAL for a negative `fd`.
+    /// Deletes the dispatcher of `fd` and then calls the callbacks, even if `fd` was not registered. Returns
+    /// 0, or EINVAL for a negative `fd`.
     int Unregister(int fd);
     /// Deletes all dispatchers. Callbacks are not called, and timers stay.
     void Clear();
@@ -97,7 +96,7 @@ public:
     /// Puts a callback at the front, or at the end, of the list.
     void Insert(IOMultiplexerCallback* callback);
     void Append(IOMultiplexerCallback* callback);
-    /// Takes the first callback that `cmp` matches out of the list and returns it, or null.
+    /// Removes the first callback that `cmp` matches from the list and returns it, or null.
     IOMultiplexerCallback* Unregister(IOMultiplexerCallback::Cmp const& cmp);
     /// Calls the callbacks with `fd` from the front, until one returns non-zero.
     void CallCallbacks(int fd);
@@ -106,8 +105,7 @@ public:
 
     /// Queues a timer.
     void Insert(Timer* timer);
-    /// Takes the first timer in array order that `cmp` matches out of the queue and returns it, or
-    /// null.
+    /// Removes from the queue the first timer, in array order, that `cmp` matches, and returns it, or null.
     Timer* Unregister(TPVarrCmp<Timer> const& cmp);
     /// Fires all timers that are due and returns how long to sleep: until the next one is due, or
     /// 60 seconds.
@@ -120,22 +118,22 @@ public:
     /// Fills `fds` with the descriptors whose dispatchers have input buffered, and returns their
     /// number. The caller holds the lock.
     int InAvail(PollFds& fds);
-    /// Waits until a descriptor is ready or `timeout` is over. `fds` becomes the set looked at, with
-    /// its `revents`. Returns the number of ready descriptors, 0 at the end of the time, or -1 with
-    /// `errno` set. poll(2) is not called when input is buffered. A time that is negative in 32-bit
-    /// milliseconds is no limit at all.
+    /// Waits until a descriptor is ready or `timeout` is over. `fds` becomes the set that was polled, with
+    /// its `revents`. Returns the number of ready descriptors, 0 on timeout, or -1 with `errno` set. poll(2)
+    /// is not called when input is buffered. A timeout that is negative in 32-bit milliseconds means no
+    /// limit.
     int Poll(PollFds& fds, Timeval const& timeout);
-    /// The next ready descriptor of `fds` after position `cursor`, which moves on to it, round robin;
-    /// -1 when none is ready. `cursor` starts at -1 and lives with the caller.
+    /// The next ready descriptor of `fds` after position `cursor`, which advances to it, round robin; -1 when
+    /// none is ready. The caller keeps `cursor`, which starts at -1.
     static int Nextfd(int& cursor, PollFds const& fds);
-    /// Lets the dispatcher of `fd` serve it, without any lock, and returns its result; 0 for an
-    /// unknown descriptor.
+    /// Calls the dispatcher of `fd`, without holding any lock, and returns its result; 0 for an unknown
+    /// descriptor.
     int Dispatch(int fd);
 
     /// A new request for `fd`, which the caller owns, or null for an unknown descriptor.
     IOMultiplexerRequest* MakeRequest(int fd);
-    /// Processes `request`, without any lock, if `fd` is registered. `request` may be null and stays
-    /// the caller's.
+    /// Processes `request`, without holding any lock, if `fd` is registered. `request` may be null; the
+    /// caller still owns it.
     void ProcessRequest(int fd, IOMultiplexerRequest* request);
 
 private:

@@ -10,12 +10,12 @@ enum IOMultiplexerDispatcherType : int { IOMultiplexerRead = 0, IOMultiplexerWri
 /// `IOMultiplexer::MakeRequest`. The base does nothing.
 class BRANTLE_API IOMultiplexerRequest {
 public:
-    /// The descriptor is for derived classes; the base stores nothing.
+    /// The descriptor is for derived classes; the base class does not store it.
     explicit IOMultiplexerRequest(int fd);
 
-    /// For programs that pool their requests; the multiplexer never asks. The base returns 1.
+    /// For programs that pool their requests; the multiplexer never calls it. The base class returns 1.
     virtual int ReleasePool() const;
-    /// Does the work. Called without any lock of the multiplexer.
+    /// Does the work. Called without holding any lock of the multiplexer.
     virtual void Process(int fd);
     virtual ~IOMultiplexerRequest();
 };
@@ -23,8 +23,8 @@ public:
 /// What is done when a descriptor is ready: the base class of everything that is registered in an
 /// `IOMultiplexer`.
 ///
-/// The object given to `IOMultiplexer::Register` is a prototype: the multiplexer keeps a `Clone` of
-/// it, which must carry in its fields all that `Dispatch` needs.
+/// The object given to `IOMultiplexer::Register` is a prototype: the multiplexer keeps a `Clone` of it, whose
+/// members must contain everything that `Dispatch` needs.
 class BRANTLE_API IOMultiplexerDispatcher {
 public:
     explicit IOMultiplexerDispatcher(IOMultiplexerDispatcherType type);
@@ -35,12 +35,12 @@ public:
     /// A new copy of the concrete object on the heap, which the caller owns. Every derived class
     /// overrides it.
     virtual IOMultiplexerDispatcher* Clone() const;
-    /// Serves `fd`, which is ready. Non-zero keeps the registration, 0 asks the loop to end it. The
-    /// base returns 1. May register and unregister descriptors, but not destroy its own dispatcher
-    /// before it is done with its fields.
+    /// Serves `fd`, which is ready. Non-zero keeps the registration, 0 asks the loop to end it. The base
+    /// returns 1. May register and unregister descriptors, but must not destroy its own dispatcher while it
+    /// still uses its members.
     virtual int Dispatch(int fd);
-    /// Non-zero when input lies buffered in user space, so that the descriptor counts as ready
-    /// without poll(2). The base returns 0.
+    /// Non-zero when input is buffered in user space, so that the descriptor counts as ready without poll(2).
+    /// The base returns 0.
     virtual int InAvail() const;
     /// A new request for `fd`, which the caller owns. The base returns a plain
     /// `IOMultiplexerRequest`.
@@ -49,7 +49,7 @@ public:
     IOMultiplexerDispatcherType _type;
 };
 
-/// Is told when a descriptor has been unregistered.
+/// Called when a descriptor has been unregistered.
 class BRANTLE_API IOMultiplexerCallback {
 public:
     IOMultiplexerCallback() = default;
@@ -65,7 +65,7 @@ public:
     /// Chooses a callback of the list.
     class BRANTLE_API Cmp {
     public:
-        /// 0 is a match.
+        /// Returns 0 for a match.
         virtual int operator()(IOMultiplexerCallback* callback) const = 0;
         virtual ~Cmp();
     };

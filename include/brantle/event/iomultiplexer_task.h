@@ -4,8 +4,8 @@
 #include <brantle/event/iomultiplexer.h>
 #include <brantle/export.h>
 
-/// The loop that drives an `IOMultiplexer`, on the thread of whoever calls `Run`. The multiplexer stays
-/// the caller's and outlives the task.
+/// The loop that drives an `IOMultiplexer`, on the thread that calls `Run`. The multiplexer remains owned by
+/// the caller and must outlive the task.
 class BRANTLE_API IOMultiplexerTask {
 public:
     explicit IOMultiplexerTask(IOMultiplexer& mux);
@@ -18,9 +18,9 @@ public:
     /// it was stopped, or the errno value of a failed poll(2). What a dispatcher or a timer throws
     /// passes through, and `Run` may then be called again.
     int Run();
-    /// Stops the task for good; a sleeping `Run` ends when its poll(2) returns, which nothing hastens.
-    /// May be called from any thread, dispatcher or timer. Returns the former state, non-zero when the
-    /// task was stopped before.
+    /// Stops the task permanently; a sleeping `Run` ends when its poll(2) returns, which this does not
+    /// interrupt. May be called from any thread, dispatcher or timer. Returns the previous state: non-zero if
+    /// the task had already been stopped.
     int Stop();
     /// Whether the task has been stopped.
     bool IsStopped() const;

@@ -30,7 +30,7 @@ private:
     static constexpr std::uint32_t VALID = 0x33343536;
 };
 
-/// A recursive mutex: its holder may lock it again, and it is free after as many unlocks.
+/// A recursive mutex: its holder may lock it again, and it is released after as many unlocks.
 class BRANTLE_API RMutex {
 public:
     RMutex();
@@ -43,7 +43,7 @@ public:
     int Lock();
     /// As `Lock`, but returns the error of pthread_mutex_trylock (EBUSY) instead of waiting.
     int Trylock();
-    /// Gives back one `Lock`. Returns 1, and changes nothing, when the caller is not the holder.
+    /// Undoes one `Lock`. Returns 1, and changes nothing, if the caller is not the holder.
     int Unlock();
 
 private:
@@ -55,8 +55,8 @@ private:
     int _depth;
 };
 
-/// Holds a `Mutex` or an `RMutex` from construction to the end of the scope. A lock that fails is
-/// tolerated: the scope is entered all the same, and nothing is unlocked at its end.
+/// Holds a `Mutex` or an `RMutex` from construction to the end of the scope. If locking fails, the scope is
+/// entered nevertheless, and nothing is unlocked at its end.
 template <class M>
 class MutexGuard {
 public:
@@ -72,12 +72,12 @@ private:
     bool _locked;
 };
 
-/// A reader-writer lock that prefers readers: they enter while writers wait, so a stream of readers
-/// can starve a writer. It is not recursive, and it does not know which thread holds it: an unlock
-/// counts for whoever is in.
+/// A reader-writer lock that prefers readers: they enter while writers wait, so a stream of readers can
+/// starve a writer. It is not recursive, and it does not know which thread holds it: an unlock by any thread
+/// releases one holder, whichever it is.
 ///
-/// Every operation returns 0 or a positive error number, and EINVAL at once if the lock could not be
-/// set up. Waiting is a cancellation point, and a cancelled waiter leaves the lock as it was.
+/// Every operation returns 0 or a positive error number, and EINVAL immediately if initialisation failed.
+/// Waiting is a cancellation point, and a cancelled waiter leaves the lock unchanged.
 class BRANTLE_API RWLock {
 public:
     RWLock();
@@ -89,19 +89,19 @@ public:
     int RLock();
     /// As `RLock`, but returns EBUSY instead of waiting.
     int TryRLock();
-    /// Takes one reader off; the last one wakes a waiting writer. EINVAL, and no change, when no
-    /// reader is active.
+    /// Removes one reader; the last one wakes a waiting writer. EINVAL, and no change, when no reader is
+    /// active.
     int RUnlock();
     /// Waits while a writer or any reader is active, then makes the caller the writer.
     int WLock();
     /// As `WLock`, but returns EBUSY instead of waiting.
     int TryWLock();
-    /// Ends the writer and wakes all waiting readers, or else one waiting writer. EINVAL, and no
-    /// change, when no writer is active.
+    /// Removes the writer and wakes all waiting readers or, if there are none, one waiting writer. EINVAL,
+    /// and no change, when no writer is active.
     int WUnlock();
 
 protected:
-    /// A POSIX condition tied to a mutex, which knows whether its initialisation succeeded.
+    /// A POSIX condition variable tied to a mutex; it knows whether its initialisation succeeded.
     class BRANTLE_API Condition {
     public:
         explicit Condition(Mutex& mutex);

@@ -15,8 +15,8 @@ public:
     Timeval ScheduleNext() override;
 };
 
-/// A timer that fires once in every interval. When it has fallen after it skips the ticks missed, and
-/// its phase shifts to the present.
+/// A timer that fires once in every interval. If it falls behind, it skips the missed ticks, and the next
+/// interval starts at the present time.
 class BRANTLE_API IOMultiplexer::PeriodicTimer : public IOMultiplexer::Timer {
 public:
     /// First due one interval from now.
@@ -26,8 +26,8 @@ public:
     PeriodicTimer(PeriodicTimer const&) = default;
     PeriodicTimer& operator=(PeriodicTimer const&) = default;
 
-    /// One interval after the last due time, or from now when that is not in the future. A timer at zero
-    /// without an interval stays there, which takes it out of the queue.
+    /// One interval after the last due time, or one interval from now if that is not in the future. A timer
+    /// with a due time of zero and no interval keeps the due time zero, which removes it from the queue.
     Timeval ScheduleNext() override;
 
     Timeval _interval;

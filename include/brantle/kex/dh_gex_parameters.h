@@ -5,14 +5,14 @@
 
 namespace cindral {
 
-/// The sizes that a client asks of a group, in bits (RFC 4419, section 3).
+/// The group sizes that a client requests, in bits (RFC 4419, section 3).
 ///
 /// Constructors throw `InvalidArgument` for a size outside 1024 to 8192, and for sizes out of order.
 class BRANTLE_API DhGexParameters {
 public:
     /// 1024, 1024, 8192.
     DhGexParameters() noexcept;
-    /// The old form of the request, in which the preferred size stands alone; both limits are -1.
+    /// For the old form of the request, which contains only the preferred size; both limits are -1.
     explicit DhGexParameters(int preferred);
     DhGexParameters(int lowest, int preferred, int highest);
 

@@ -12,7 +12,7 @@ namespace cindral {
 
 class Signature;
 
-/// Asks which methods may continue (RFC 4252, section 5.2).
+/// Requests the list of methods that can continue (RFC 4252, section 5.2).
 class BRANTLE_API PacketUserAuthNoneRequest : public Packet {
 public:
     PacketUserAuthNoneRequest(String_t const& user, String_t const& service);
@@ -26,10 +26,10 @@ public:
 /// Offers a public key, or proves possession of its private half (RFC 4252, section 7).
 class BRANTLE_API PacketUserAuthPubkeyRequest : public Packet {
 public:
-    /// The query whether the key would do. `key` outlives the message.
+    /// The query whether the key is acceptable. `key` must outlive the message.
     PacketUserAuthPubkeyRequest(String_t const& user, String_t const& service, String_t const& algorithm,
                                 PublicKey& key);
-    /// The request with a signature; null makes it the query. `key` and `signature` outlive the message.
+    /// The request with a signature; null makes it the query. `key` and `signature` must outlive the message.
     PacketUserAuthPubkeyRequest(String_t const& user, String_t const& service, String_t const& algorithm,
                                 PublicKey& key, Signature* signature);
     ByteString Payload(BlockCipher& cipher) override;
@@ -47,7 +47,7 @@ class BRANTLE_API PacketUserAuthPasswdRequest : public Packet {
 public:
     PacketUserAuthPasswdRequest(String_t const& user, String_t const& service, String_t const& password);
     /// Overwrites the text of the password with zero bytes, in the caller's value too, since both share it.
-    /// The bytes kept in `_payload` stay.
+    /// The bytes in `_payload` are not overwritten.
     ~PacketUserAuthPasswdRequest() override;
     PacketUserAuthPasswdRequest(PacketUserAuthPasswdRequest const&) = delete;
     PacketUserAuthPasswdRequest& operator=(PacketUserAuthPasswdRequest const&) = delete;
@@ -72,7 +72,7 @@ public:
     String_t _submethods;
 };
 
-/// Refuses a request and lists the methods that may continue (RFC 4252, section 5.1).
+/// Refuses a request and lists the methods that can continue (RFC 4252, section 5.1).
 class BRANTLE_API PacketUserAuthFailure : public Packet {
 public:
     explicit PacketUserAuthFailure(PacketDecoder& decoder);
@@ -81,7 +81,7 @@ public:
     int _partialSuccess = 0;
 };
 
-/// Ends authentication (RFC 4252, section 5.1).
+/// Reports successful authentication (RFC 4252, section 5.1).
 class BRANTLE_API PacketUserAuthSuccess : public Packet {
 public:
     explicit PacketUserAuthSuccess(PacketDecoder& decoder);
@@ -96,9 +96,9 @@ public:
     String_t _language;
 };
 
-/// Tells that the key offered would do (RFC 4252, section 7).
+/// Reports that the offered key is acceptable (RFC 4252, section 7).
 ///
-/// Its number is also that of `PacketUserAuthInfoReq`: the method requested last says which one it is.
+/// Its number is also that of `PacketUserAuthInfoReq`: the method last requested determines which one it is.
 class BRANTLE_API PacketUserAuthPkOk : public Packet {
 public:
     PacketUserAuthPkOk(String_t const& algorithm, ByteString const& blob);
@@ -109,13 +109,13 @@ public:
     PublicKey _key;
 };
 
-/// One question of the server.
+/// One prompt of the server.
 struct Prompt {
     String_t _text;
     int _echo = 0; ///< non-zero: the answer may be shown while it is typed
 };
 
-/// Asks the user questions (RFC 4256, section 3.2).
+/// Asks for responses from the user (RFC 4256, section 3.2).
 class BRANTLE_API PacketUserAuthInfoReq : public Packet {
 public:
     explicit PacketUserAuthInfoReq(PacketDecoder& decoder);
@@ -126,7 +126,7 @@ public:
     TOList<Prompt> _prompts;
 };
 
-/// The user's answers, one for each prompt in its order (RFC 4256, section 3.4).
+/// The user's responses, one for each prompt, in the same order (RFC 4256, section 3.4).
 class BRANTLE_API PacketUserAuthInfoResp : public Packet {
 public:
     explicit PacketUserAuthInfoResp(TOList<String_t> const& responses);

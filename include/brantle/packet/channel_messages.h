@@ -24,8 +24,8 @@ public:
 
 /// Opens a channel for a TCP connection (RFC 4254, section 7.2), or for one of X11 (section 6.3.2).
 ///
-/// Decoding reads the originator for "direct-tcpip" alone. An "x11" open thus fits, with the originator in
-/// `_host` and `_port`; a "forwarded-tcpip" open has an address and a port more and is refused.
+/// Decoding reads the originator only for "direct-tcpip". An "x11" open therefore fits, with the originator
+/// in `_host` and `_port`; a "forwarded-tcpip" open contains another address and port and is refused.
 class BRANTLE_API PacketOpenTcpChannel : public Packet {
 public:
     /// A "direct-tcpip" open.
@@ -45,7 +45,7 @@ public:
     unsigned int _originatorPort = 0;
 };
 
-/// Grants a channel (RFC 4254, section 5.1).
+/// Confirms that a channel is open (RFC 4254, section 5.1).
 class BRANTLE_API PacketChannelOpenConfirmation : public Packet {
 public:
     PacketChannelOpenConfirmation(unsigned int recipientChannel, unsigned int senderChannel,
@@ -73,7 +73,7 @@ public:
     String_t _language;
 };
 
-/// Lets the receiver send more (RFC 4254, section 5.2).
+/// Permits the receiver to send more (RFC 4254, section 5.2).
 class BRANTLE_API PacketChannelWindowAdjust : public Packet {
 public:
     PacketChannelWindowAdjust(unsigned int recipientChannel, unsigned int bytesToAdd);
@@ -92,7 +92,8 @@ public:
     /// Shares the value.
     PacketChannelData(unsigned int recipientChannel, ByteString const& bytes);
     explicit PacketChannelData(PacketDecoder& decoder);
-    /// Decodes without a copy: tells where the bytes lie in the decoder's data, and keeps none.
+    /// Decodes without copying: sets `data` to the position of the bytes in the decoder's data, and stores
+    /// none.
     PacketChannelData(PacketDecoder& decoder, PacketDecoder::View& bytes);
     ByteString Payload(BlockCipher& cipher) override;
 
@@ -100,7 +101,7 @@ public:
     ByteString _bytes;
 };
 
-/// Data of a channel beside its main stream (RFC 4254, section 5.2).
+/// Extended data of a channel, such as standard error (RFC 4254, section 5.2).
 class BRANTLE_API PacketChannelExtendedData : public Packet {
 public:
     PacketChannelExtendedData(unsigned int recipientChannel, unsigned int dataType, ByteString const& bytes);
@@ -112,7 +113,7 @@ public:
     ByteString _bytes;
 };
 
-/// Tells that no more data follow (RFC 4254, section 5.3).
+/// Signals that no more data follows (RFC 4254, section 5.3).
 class BRANTLE_API PacketChannelEof : public Packet {
 public:
     explicit PacketChannelEof(unsigned int recipientChannel);
@@ -132,9 +133,9 @@ public:
     unsigned int _recipientChannel = 0;
 };
 
-/// The answer to a channel request (RFC 4254, section 5.4).
+/// The reply to a channel request (RFC 4254, section 5.4).
 ///
-/// It stands for both answers, and decoding takes any message number: the receiver looks at `_type`.
+/// It represents both replies, and decoding accepts any message number: the receiver has to check `_type`.
 class BRANTLE_API PacketChannelResponse : public Packet {
 public:
     PacketChannelResponse(int type, unsigned int recipientChannel);

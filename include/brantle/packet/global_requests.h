@@ -22,15 +22,15 @@ public:
     unsigned int _port = 0;
 };
 
-/// The answer to a global request (RFC 4254, section 4), without data of its own.
+/// The reply to a global request (RFC 4254, section 4), without request-specific data.
 ///
-/// Decoding takes any message number: the receiver looks at `_type`. The class is not made for sending: its
-/// payload is empty.
+/// Decoding accepts any message number: the receiver has to check `_type`. The class is not meant for
+/// sending: its payload is empty.
 class BRANTLE_API PacketRequestResult : public Packet {
 public:
     explicit PacketRequestResult(int type);
     explicit PacketRequestResult(PacketDecoder& decoder);
-    /// Sets the padding of an empty payload, and returns that.
+    /// Sets the padding for an empty payload, and returns that payload.
     ByteString Payload(BlockCipher& cipher) override;
 };
 

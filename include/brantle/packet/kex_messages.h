@@ -11,14 +11,14 @@
 
 namespace cindral {
 
-/// Offers algorithms (RFC 4253, section 7.1). The cipher, MAC and compression lists of the two directions
-/// agree.
+/// Offers algorithms (RFC 4253, section 7.1). The cipher, MAC and compression lists are the same for both
+/// directions.
 ///
-/// The exchange hash covers the payload, cookie included: it has to be taken from the very object that was
-/// sent or received.
+/// The exchange hash covers the payload, cookie included: it has to be the payload of the same object that
+/// was sent or received.
 class BRANTLE_API PacketKexInit : public Packet {
 public:
-    /// The client's offer with a fresh cookie; `kexAlgorithms` is a comma-separated list.
+    /// The client's offer with a new random cookie; `kexAlgorithms` is a comma-separated list.
     explicit PacketKexInit(char const* kexAlgorithms);
     explicit PacketKexInit(PacketDecoder& decoder);
     ByteString Payload(BlockCipher& cipher) override;
@@ -45,7 +45,7 @@ public:
     ByteString Payload(BlockCipher& cipher) override;
 };
 
-/// The client's public value over a fixed group (RFC 4253, section 8).
+/// The client's public value for a fixed group (RFC 4253, section 8).
 class BRANTLE_API PacketKexDhInit : public Packet {
 public:
     explicit PacketKexDhInit(BigNum const& e);
@@ -54,7 +54,7 @@ public:
     BigNum _e;
 };
 
-/// The server's answer over a fixed group: host key, public value, signature (RFC 4253, section 8).
+/// The server's reply for a fixed group: host key, public value, signature (RFC 4253, section 8).
 class BRANTLE_API PacketKexDhReply : public Packet {
 public:
     explicit PacketKexDhReply(PacketDecoder& decoder);
@@ -64,7 +64,7 @@ public:
     ByteString _signature;
 };
 
-/// Asks for a group by its size in bits (RFC 4419, section 3).
+/// Requests a group by its size in bits (RFC 4419, section 3).
 class BRANTLE_API PacketDhGexReq : public Packet {
 public:
     /// Throws what `DhGexParameters` throws.
@@ -72,7 +72,7 @@ public:
     explicit PacketDhGexReq(DhGexParameters const& parameters);
     ByteString Payload(BlockCipher& cipher) override;
 
-    /// 1 if the size of `modulus` lies between the two limits asked for, both inclusive, else 0.
+    /// 1 if the size of `modulus` is between the two requested limits, both inclusive; otherwise 0.
     int CheckNBits(BigNum const& modulus) const;
 
     DhGexParameters _parameters;
@@ -87,7 +87,7 @@ public:
     BigNum _g;
 };
 
-/// The client's public value over the server's group (RFC 4419, section 3).
+/// The client's public value for the server's group (RFC 4419, section 3).
 class BRANTLE_API PacketDhGexInit : public Packet {
 public:
     explicit PacketDhGexInit(BigNum const& e);
@@ -96,7 +96,7 @@ public:
     BigNum _e;
 };
 
-/// The server's answer over its own group: host key, public value, signature (RFC 4419, section 3).
+/// The server's reply for its group: host key, public value, signature (RFC 4419, section 3).
 class BRANTLE_API PacketDhGexReply : public Packet {
 public:
     explicit PacketDhGexReply(PacketDecoder& decoder);

@@ -12,11 +12,12 @@ class PacketEncoder;
 
 /// Base of all SSH messages (RFC 4250, section 4.1).
 ///
-/// A message is built from its fields and encoded once by `Payload`, or built from a received packet
-/// through a `PacketDecoder`. A derived class is its fields in wire order; the message number, the
-/// padding, the keeping of the encoded bytes and the exactness of decoding stand here.
+/// A message is built from its fields and encoded once by `Payload`, or built from a received packet through
+/// a `PacketDecoder`. A derived class declares its fields in wire order; this class handles the message
+/// number, the padding, the storage of the encoded bytes and the check that decoding consumes the whole
+/// packet.
 ///
-/// A message belongs to the one thread that handles it.
+/// A message must be used on one thread.
 class BRANTLE_API Packet {
 public:
     static constexpr int SSH_MSG_DISCONNECT = 1;
@@ -86,26 +87,26 @@ public:
     /// Name of each message number; null for a number that has none.
     static char const* const _messages[101];
 
-    /// A message of that number, not encoded yet.
+    /// A message with that number, not encoded yet.
     explicit Packet(int type);
 
     /// A received message: `raw` is padding length, payload and padding, as `ISshPacketStream::ReadPacket`
-    /// returns it. `_payload` keeps the payload in it; an empty `raw` gives an empty one. A padding length
-    /// that exceeds the packet gives everything after the first byte.
+    /// returns it. Its payload is stored in `_payload`; if `raw` is empty, so is the payload. If the padding
+    /// length exceeds the packet, the payload is everything after the first byte.
     Packet(int type, ByteString const& raw);
 
     virtual ~Packet();
 
-    /// The encoded message, shared: message number and fields, without framing. The first call encodes,
-    /// with padding for the block size of `cipher`; later calls return the same bytes. A class that is only
-    /// received returns what it keeps of the packet.
+    /// The encoded message, shared: message number and fields, without framing. The first call encodes, with
+    /// padding for the block size of `cipher`; later calls return the same bytes. A class that is only
+    /// received returns the payload stored from the packet.
     virtual ByteString Payload(BlockCipher& cipher);
 
-    /// Name of a message number; null for a number up to 100 that has none, "UNKNOWN_MESSAGE" above 100.
+    /// Name of a message number; null for a number up to 100 without a name, "UNKNOWN_MESSAGE" above 100.
     static char const* MsgName(unsigned int number);
 
     ByteString _payload; ///< the encoded message; empty before it is encoded
-    int _padLen;         ///< bytes of padding, of which the low 8 bits count
+    int _padLen;         ///< bytes of padding; only the low 8 bits are used
     int _type;           ///< message number
 
 protected:
@@ -113,11 +114,11 @@ protected:
     static constexpr unsigned int SMALL = 256;
     static constexpr unsigned int LARGE = 1024;
 
-    /// In place of the words for a wrong message number: every number is taken and kept in `_type`.
+    /// Passed as `wrongType`: every message number is accepted and stored in `_type`.
     static constexpr char const* ANY_TYPE = nullptr;
 
-    /// The body of a `Payload`: encodes the message number and what `fields(PacketEncoder&)` writes, unless
-    /// the message has been encoded before.
+    /// The body of a `Payload` function: encodes the message number and what `fields(PacketEncoder&)` writes,
+    /// unless the message has already been encoded.
     template <typename Fields>
     ByteString Encode(BlockCipher& cipher, unsigned int capacity, Fields const& fields) {
         return EncodeOnce(cipher, capacity, &fields, [](void const* writer, PacketEncoder& encoder) {
@@ -125,9 +126,9 @@ protected:
         });
     }
 
-    /// The body of a decoding constructor: checks the message number, lets `fields(PacketDecoder&)` read,
-    /// and refuses anything after fields and padding. A wrong number is an `SshProtocolError` with the
-    /// words `wrongType` and the number received.
+    /// The body of a decoding constructor: checks the message number, calls `fields(PacketDecoder&)` to read,
+    /// and refuses anything after fields and padding. A wrong number throws an `SshProtocolError` with the
+    /// text `wrongType` and the number received.
     template <typename Fields>
     void Decode(PacketDecoder& decoder, char const* wrongType, Fields const& fields) {
         unsigned int const padding = BeginDecode(decoder, wrongType);

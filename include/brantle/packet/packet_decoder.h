@@ -13,30 +13,30 @@
 
 namespace cindral {
 
-/// Reads the data types of RFC 4251, section 5, out of one received packet: padding length, payload and
+/// Reads the data types of RFC 4251, section 5, from one received packet: padding length, payload and
 /// padding, without the packet length.
 ///
-/// Every reader throws `BadInput` where the packet ends before the value does, and no value is larger than
-/// the packet. A decoder that has thrown is not used again.
+/// Every reader throws `BadInput` if the packet ends before the value does, and no value is larger than the
+/// packet. Do not use a decoder again after it has thrown.
 class BRANTLE_API PacketDecoder {
 public:
-    /// An empty packet; `Assign` gives one to read.
+    /// An empty packet; use `Assign` to set one.
     PacketDecoder();
-    /// Over a copy of the bytes.
+    /// Reads a copy of the bytes.
     PacketDecoder(unsigned char const* data, unsigned int length);
-    /// Over the value, shared.
+    /// Reads the value, which is shared, not copied.
     explicit PacketDecoder(ByteString const& data);
     ~PacketDecoder();
     PacketDecoder(PacketDecoder const&) = delete;
     PacketDecoder& operator=(PacketDecoder const&) = delete;
 
-    /// Starts at the front of another packet, which is shared. The state of the stream stays: a `Skip` that
-    /// has come to the end makes a later one see the end at once.
+    /// Starts at the beginning of another packet, which is shared. The state of the stream is kept: once a
+    /// `Skip` has reached the end, a later one finds the end immediately.
     void Assign(ByteString const& data);
 
     int ReadTypeCode();
     unsigned char ReadByte();
-    /// The byte as it stands, 0 to 255.
+    /// The byte as a number from 0 to 255.
     int ReadBool();
     unsigned short ReadShort();
     unsigned int ReadInt();
@@ -46,15 +46,15 @@ public:
     String_t ReadString();
     /// A `string`. A length above the whole packet's is an `SshProtocolError`.
     ByteString ReadBytes();
-    /// That many bytes, without a length in front.
+    /// That many bytes, without a length before them.
     ByteString ReadBytes(unsigned int length);
 
-    /// Where bytes lie in `_data`.
+    /// The position of bytes in `_data`.
     struct View {
         unsigned int _start = 0;
         unsigned int _length = 0;
     };
-    /// As ReadBytes(), but leaves the bytes where they lie.
+    /// As ReadBytes(), but does not copy the bytes.
     View ReadView();
 
     /// A number in the form of `BigNum::Read`.
@@ -65,7 +65,7 @@ public:
     /// A `uint32` count and that many `string`s.
     TOList<String_t> ReadStringList();
 
-    /// Passes over `count` bytes of padding, or to the end if fewer are left. A byte after them is an
+    /// Skips `count` bytes of padding, or to the end if fewer are left. If a byte follows them, throws an
     /// `SshProtocolError` that names the message.
     void Skip(unsigned int count);
 

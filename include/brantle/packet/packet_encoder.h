@@ -21,8 +21,8 @@ class Signature;
 
 /// Writes the data types of RFC 4251, section 5, into a growing buffer.
 ///
-/// It lives on the stack for one message. The bytes are `Str()`, once `Terminate` or `PadLen` has been
-/// called, and their number is `_count`.
+/// It is meant as a local variable for one message. After `Terminate` or `PadLen`, `Str()` returns the bytes;
+/// their number is `_count`.
 class BRANTLE_API PacketEncoder : public OStringBuffer {
 public:
     /// `capacity` bytes to begin with; the buffer grows as needed.
@@ -34,7 +34,7 @@ public:
     /// The low 8 bits of a message number.
     void WriteTypeCode(int type);
     void WriteByte(unsigned char value);
-    /// The low 8 bits, as they are: 256 writes 0.
+    /// The low 8 bits, not normalised to 0 or 1: 256 writes 0.
     void WriteBool(int value);
     void WriteShort(unsigned short value);
     void WriteInt(unsigned int value);
@@ -42,21 +42,21 @@ public:
 
     /// A `string` of the text without its terminator; null is an empty one.
     void WriteString(char const* text);
-    /// A `string` of the bytes; null data are an empty one.
+    /// A `string` of the bytes; null data is an empty one.
     void WriteBytes(unsigned char const* data, unsigned int length);
     void WriteBytes(ByteString const& bytes);
     /// The bytes without a length.
     void WriteBytesRaw(unsigned char const* data, unsigned int length);
     void WriteBytesRaw(ByteString const& bytes);
 
-    /// The number in the form of `BigNum::Write`, which no SSH-2 message uses.
+    /// The number in the form of `BigNum::Write`. No SSH-2 message uses it.
     void WriteBignum(bignum_st const* number);
     /// An `mpint`.
     void WriteBignum2(bignum_st const* number);
 
     /// The key blob as a `string`; an empty key writes an empty one.
     void WritePublicKey(PublicKey const& key);
-    /// The key in the form of the agent's messages, without a length; an empty key writes nothing.
+    /// The key in the format of agent messages, without a length; an empty key writes nothing.
     void WritePrivateKey(PrivateKey const& key);
     /// The finished digest as a `string`.
     void WriteDigest(Digest const& digest);
@@ -65,10 +65,10 @@ public:
     /// A `uint32` count, then each element as a `string`.
     void WriteStringList(TOList<String_t> const& list);
 
-    /// Bytes of padding that bring the framed packet to a multiple of `block` bytes (RFC 4253, section 6):
-    /// 5 to `block` + 4. Everything written stands in the buffer afterwards.
+    /// Bytes of padding that bring the framed packet to a multiple of `block` bytes (RFC 4253, section 6): 5
+    /// to `block` + 4. Afterwards, everything written is in the buffer.
     int PadLen(unsigned int block);
-    /// Brings everything written into the buffer.
+    /// Flushes everything written into the buffer.
     void Terminate();
 
 private:

@@ -19,27 +19,27 @@ BRANTLE_API int MessageNumber(ByteString const& packet);
 
 /// Writes packets in the binary packet format of RFC 4253, section 6.
 ///
-/// The cipher and the MAC belong to the session, need not be built yet when the stream is, and must
-/// outlive it. Bind the descriptor into `_socketBuffer` before the first packet; it stays the
-/// caller's. A wait for the peer ends after 180 seconds. No locks: one thread, one packet at a time.
+/// The cipher and the MAC belong to the session, may be constructed after the stream, and must outlive its
+/// use. Bind the descriptor to `_socketBuffer` before the first packet; the caller still owns it. A wait for
+/// the peer times out after 180 seconds. Not thread-safe: one thread, one packet at a time.
 class BRANTLE_API OSshPacketStream {
 public:
     OSshPacketStream(BlockCipher& cipher, Mac& mac);
     OSshPacketStream(OSshPacketStream const&) = delete;
     OSshPacketStream& operator=(OSshPacketStream const&) = delete;
 
-    /// Frames, encrypts, authenticates and sends one packet, with a flush of the socket. A failing
-    /// layer below shows only in what follows: the packet is not counted, nothing is thrown.
+    /// Frames, encrypts, authenticates and sends one packet, and flushes the socket buffer. Throws nothing if
+    /// a layer below fails; such a packet is only left out of `_byteCount`.
     void WritePacket(Packet& packet) { WritePacket(packet, false); }
-    /// The same; with `more`, another packet follows at once and the kernel may hold this one back for it, as
-    /// OSocketBuffer::SetMoreToCome has it.
+    /// The same; with `more`, another packet follows immediately and the kernel may delay this one until
+    /// then; see OSocketBuffer::SetMoreToCome.
     void WritePacket(Packet& packet, bool more);
 
-    /// The bytes that WritePacket counts for a packet, which this encodes.
+    /// The number of bytes that WritePacket would add to `_byteCount` for a packet. Encodes the packet.
     unsigned int SizeOf(Packet& packet);
 
-    /// Writes the padding of the current packet: zero bytes while there is no cipher, random ones
-    /// under a cipher.
+    /// Writes the padding of the current packet: zero bytes with the cipher "none", random bytes with any
+    /// other.
     void WritePadChars(unsigned int count);
 
     OSocketBuffer _socketBuffer;
@@ -49,28 +49,29 @@ public:
     PacketFilter* _filter = nullptr; ///< what packets go through instead; not owned
 };
 
-/// Reads packets in the binary packet format of RFC 4253, section 6. As OSshPacketStream.
+/// Reads packets in the binary packet format of RFC 4253, section 6. Ownership and threads as for
+/// OSshPacketStream.
 class BRANTLE_API ISshPacketStream {
 public:
     ISshPacketStream(BlockCipher& cipher, Mac& mac);
     ISshPacketStream(ISshPacketStream const&) = delete;
     ISshPacketStream& operator=(ISshPacketStream const&) = delete;
 
-    /// Blocks for one packet and returns padding length, payload and padding, the form that
-    /// PacketDecoder takes. Empty if the layer below fails while the MAC is read.
+    /// Blocks until one packet has arrived and returns its padding length, payload and padding, in the form
+    /// that PacketDecoder expects. Empty if the layer below fails while the MAC is read.
     ///
-    /// Throws SshProtocolError: "packet length less than 2" (also when the connection has ended),
-    /// "packet length exceeds maximum value" beyond 0x40000 bytes, "invalid mac value".
+    /// Throws SshProtocolError: "packet length less than 2" (also when the connection has ended), "packet
+    /// length exceeds maximum value" (above 0x40000 bytes), "invalid mac value".
     ByteString ReadPacket();
 
     /// Whether bytes of a further packet have already been read from the descriptor.
     bool HasBufferedInput() const { return _filter ? _filter->HasInput() : _isStarted || Buffered() > 0; }
-    /// Whether all that the next ReadPacket takes has already been read from the descriptor. The length of
-    /// the packet stands in its first block, which this decrypts for that ReadPacket.
+    /// Whether everything that the next ReadPacket needs has already been read from the descriptor. The
+    /// packet's length is in its first block, which this function decrypts in advance for that ReadPacket.
     ///
-    /// REQUIRES: the next packet is under the keys of this moment.
+    /// REQUIRES: the next packet is encrypted with the current keys.
     bool HasBufferedPacket();
-    /// Whether ReadPacket would find input without a wait, be it the end of it or a part of a packet.
+    /// Whether ReadPacket would find input without waiting, even if only end of file or part of a packet.
     bool HasInput() const { return HasBufferedInput() || _socketBuffer.HasInput(); }
 
     ISocketBuffer _socketBuffer;
@@ -84,8 +85,8 @@ private:
         return static_cast<unsigned int>(_socketBuffer._end - _socketBuffer._pos);
     }
 
-    bool _isStarted = false;  ///< the first block has been taken
-    unsigned int _length = 0; ///< of the packet that has been started
+    bool _isStarted = false;  ///< the first block has been decrypted
+    unsigned int _length = 0; ///< of the packet whose first block has been decrypted
 
 public:
     PacketFilter* _filter = nullptr; ///< what packets come from instead; not owned

@@ -13,9 +13,8 @@ namespace cindral {
 /// Asks for a pseudo-terminal (RFC 4254, section 6.2).
 class BRANTLE_API PacketSessionPtyRequest : public Packet {
 public:
-    /// Takes the terminal's name from the environment variable TERM, its size from the terminal at
-    /// descriptor `fd` (0 in each direction if it is none), and its modes from `settings`. No reply is asked
-    /// for.
+    /// Takes the terminal's name from the environment variable TERM, its size from the terminal at descriptor
+    /// `fd` (0 by 0 if it is not a terminal), and its modes from `settings`. No reply is requested.
     PacketSessionPtyRequest(unsigned int recipientChannel, int fd, termios const& settings);
     explicit PacketSessionPtyRequest(PacketDecoder& decoder);
     ByteString Payload(BlockCipher& cipher) override;
@@ -88,8 +87,8 @@ public:
 
 /// A channel request of any name (RFC 4254, section 5.4).
 ///
-/// Decoding knows the data of "exit-status" and "exit-signal" (section 6.10) and takes other requests only
-/// without data of their own. Encoding writes no such data.
+/// Decoding supports the data of "exit-status" and "exit-signal" (section 6.10) and accepts other requests
+/// only without request-specific data. Encoding writes no such data.
 class BRANTLE_API PacketChannelRequest : public Packet {
 public:
     PacketChannelRequest(unsigned int recipientChannel, String_t const& request, int wantReply);
@@ -100,7 +99,7 @@ public:
     String_t _request;
     int _wantReply = 0;
     unsigned int _exitStatus = 0;  ///< read for "exit-status"
-    String_t _signalName;          ///< read for "exit-signal", without the "SIG" in front
+    String_t _signalName;          ///< read for "exit-signal", without the "SIG" prefix
     unsigned char _coreDumped = 0; ///< read for "exit-signal"
 };
 

@@ -20,7 +20,7 @@ public:
     String_t _language;
 };
 
-/// Data that the receiver drops (RFC 4253, section 11.2).
+/// Data that the receiver ignores (RFC 4253, section 11.2).
 class BRANTLE_API PacketIgnore : public Packet {
 public:
     explicit PacketIgnore(ByteString const& data);
@@ -30,7 +30,7 @@ public:
     ByteString _data;
 };
 
-/// Asks for a service by name (RFC 4253, section 10).
+/// Requests a service by name (RFC 4253, section 10).
 class BRANTLE_API PacketServiceRequest : public Packet {
 public:
     explicit PacketServiceRequest(String_t const& service);
@@ -40,7 +40,7 @@ public:
     String_t _service;
 };
 
-/// Grants a service (RFC 4253, section 10).
+/// Accepts a service request (RFC 4253, section 10).
 class BRANTLE_API PacketServiceAccept : public Packet {
 public:
     explicit PacketServiceAccept(String_t const& service);

@@ -8,8 +8,8 @@
 
 namespace cindral {
 
-/// Answers the questions of keyboard-interactive authentication (RFC 4256). This class asks on the
-/// terminal; a program derives from it to answer by itself.
+/// Answers the prompts of keyboard-interactive authentication (RFC 4256). This class asks the user on the
+/// terminal; a program derives from it to answer in another way.
 class BRANTLE_API KbdInteractiveCallback {
 public:
     KbdInteractiveCallback();
@@ -17,12 +17,12 @@ public:
     KbdInteractiveCallback& operator=(KbdInteractiveCallback const&) = default;
     virtual ~KbdInteractiveCallback();
 
-    /// Called once for each request of the server's. `name` and `instruction` may be empty, and so
-    /// may `prompts`. Returns one answer for each prompt, in order.
+    /// Called once for each request from the server. `name` and `instruction` may be empty, and so may
+    /// `prompts`. Returns one answer for each prompt, in order.
     ///
-    /// Here: prints name, instruction and prompts to standard output; reads an answer that may be
-    /// echoed as one word of standard input, any other without echo, up to 128 bytes. All texts are printed
-    /// as the server sent them, control characters included.
+    /// This implementation prints name, instruction and prompts to standard output. If the answer may be
+    /// echoed, it is read as one word from standard input; otherwise it is read without echo, up to 128
+    /// bytes. All texts are printed as the server sent them, control characters included.
     virtual TOList<String_t> operator()(String_t const& name, String_t const& instruction,
                                         TOList<Prompt> const& prompts);
 };

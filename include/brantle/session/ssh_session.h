@@ -34,36 +34,37 @@ class SessionDialect;
 
 /// One client connection to one SSH server: the hub of the library.
 ///
-/// It is one class whose sources stand in three folders: session/ (connecting, authentication, the session
+/// The sources of this one class are in three folders: session/ (connecting, authentication, the session
 /// channel, the loop), kex/ (key exchange) and channel/ (forwarding of TCP and X11).
 ///
-/// The order of calls is: constructor, Connect, KeyExchange, Authenticate, the starts of forwardings that
-/// are wanted, Open, one of StartShell, StartCommand and StartSubsystem, InitDispatcher, Run. Everything
-/// before Run blocks on the caller's thread. Steps out of order are not guarded.
+/// The order of calls is: constructor, Connect, KeyExchange, Authenticate, StartX11Forwarding,
+/// StartLocalForwarding and StartRemoteForwarding as needed, Open, one of StartShell, StartCommand or
+/// StartSubsystem, InitDispatcher, Run. Everything before Run blocks on the caller's thread. The order is not
+/// checked.
 ///
-/// A refusal comes back as a negative result, a violation of the protocol as an SshProtocolError (or
-/// BadInput for a message that ends too early). After either the connection is of no further use:
-/// destroy the session, which closes it. Nothing sends DISCONNECT but Disconnect.
+/// A refusal by the peer is reported as a negative result, a protocol violation as an SshProtocolError (or
+/// BadInput if a message is truncated). After either the connection is unusable: destroy the session, which
+/// closes it. Only Disconnect sends a DISCONNECT.
 ///
-/// A session belongs to one thread at a time; Terminate alone may be called from any, where no override of
-/// it asks for more.
-/// The object is large, about 65 KiB, as the buffers of both directions are embedded in it.
+/// A session belongs to one thread at a time; only Terminate may be called from any thread, unless an
+/// override of it is more restrictive. The object is large, about 65 KiB, because the buffers of both
+/// directions are embedded in it.
 class BRANTLE_API SshSession {
 public:
-    /// The slot of the cipher and MAC pairs that serves output; the other one serves input. SERVER is no
-    /// server's role: it swaps the slots and changes nothing else. Nothing uses it; pass CLIENT.
+    /// The slot of the cipher and MAC pairs that serves output; the other one serves input. SERVER does not
+    /// select a server's role: it only swaps the two slots. Nothing uses it; pass CLIENT.
     enum Mode { CLIENT = 0, SERVER = 1 };
 
     /// The state of X11 forwarding; see <brantle/channel/x11_forwarding.h>.
     class X11Forwarding;
 
-    /// What is known of a forwarding; see <brantle/channel/tcp_forwarding.h>.
+    /// The parameters of a forwarding; see <brantle/channel/tcp_forwarding.h>.
     class ForwardingInfo;
     class LocalForwarding;
 
-    /// The target by port and host name or address, or by one text "host:port", as ParseUrl gives
-    /// it. Throws SystemError "initialize client socket failed" if the host can't be resolved or
-    /// the text can't be read.
+    /// Takes the target as a port and a host name or address, or as one string "host:port", as ParseUrl
+    /// returns it. Throws SystemError "initialize client socket failed" if the host can't be resolved or the
+    /// string is malformed.
     SshSession(Mode mode, unsigned short port, String_t const& host);
     SshSession(Mode mode, String_t const& host);
     SshSession(SshSession const&) = delete;
@@ -71,38 +72,38 @@ public:
     /// Closes the connection.
     virtual ~SshSession();
 
-    /// Asks the loop to end at its next look at the stop flag, and may be called from any thread. Nothing
-    /// wakes a sleeping poll(2): the loop ends when that returns, after up to 60 seconds, or when Dispatch
-    /// has the rest of a packet. Returns the flag as it was. The override in SshInteractiveSession does more
-    /// and is not for every thread.
+    /// Asks the loop to end the next time it checks the stop flag. May be called from any thread. A poll(2)
+    /// in progress is not interrupted: the loop ends when it returns, after up to 60 seconds, or when a
+    /// Dispatch that is waiting for the rest of a packet has received it. Returns the previous value of the
+    /// flag. The override in SshInteractiveSession does more and may not be called from every thread.
     virtual int Terminate();
 
-    /// Serves the socket: handles every packet that has arrived, then flushes the channels. Called
-    /// by the loop. `fd` must be the session's socket, else SystemError "invalid input".
+    /// Serves the socket: handles every packet that has arrived, then flushes the channels. Called by the
+    /// loop. `fd` must be the session's socket, otherwise SystemError "invalid input" is thrown.
     ///
-    /// The rest of a packet of which a part has arrived is waited for, for up to 180 seconds at a time: a
-    /// server that never completes it keeps timers from firing and Terminate from taking effect.
+    /// If only part of a packet has arrived, this blocks for the rest, for up to 180 seconds at a time: a
+    /// server that never completes the packet keeps timers from firing and Terminate from taking effect.
     virtual int Dispatch(int fd);
 
-    /// Runs the loop on the caller's thread until the session ends. Returns -1 once stopped, an
-    /// errno value if poll(2) failed. What a peer does against the protocol leaves as an exception.
+    /// Runs the loop on the caller's thread until the session ends. Returns -1 once stopped, an errno value
+    /// if poll(2) failed. A protocol violation by the peer is thrown as an exception.
     ///
     /// The text of a DISCONNECT goes to std::cerr as the server sent it, control characters included. A
-    /// message whose number has no name, such as 7, leaves std::cerr failed: nothing more is printed there,
-    /// in the whole process, until the program clears its state.
+    /// message whose number has no name, such as 7, sets std::cerr to a failed state: nothing more is printed
+    /// there by the whole process until the program clears that state.
     virtual int Run();
 
-    /// Splits a target text, [user "@"] host [":" port], where the host may be an address in
-    /// brackets, into user and "host:port". The last "@" counts; without one the user is the local
-    /// one; without a port, ":22" is added. Returns 0, or -EINVAL for a null text (the outputs stay)
-    /// or an unclosed bracket.
+    /// Splits a target text, [user "@"] host [":" port], where the host may be an address in brackets, into
+    /// user and "host:port". The last "@" is the separator; without one, the user is the local user; without
+    /// a port, ":22" is added. Returns 0, or -EINVAL for a null pointer (the outputs are then unchanged) or
+    /// an unclosed bracket.
     static int ParseUrl(char const* url, String_t& user, String_t& host);
 
     /// Sets TCP_NODELAY on a socket. Throws SystemError "setsockopt".
     static void SetNodelay(int fd);
 
-    /// Connects within `timeout` seconds and exchanges identification lines (RFC 4253, section 4.2):
-    /// takes the server's first line as it is, then sends the local one, ended by a line feed alone.
+    /// Connects within `timeout` seconds and exchanges identification lines (RFC 4253, section 4.2): reads
+    /// the server's first line without checking it, then sends the client's, terminated by a line feed alone.
     /// Returns 0 or a negated errno value. The wait for the server's line has no limit.
     int Connect(unsigned int timeout);
 
@@ -112,46 +113,47 @@ public:
     /// signature is not accepted. The server host key, compression and language lists are not
     /// compared. Throws what the decoders and DhExchange throw.
     ///
-    /// After -1, or an exception, nobody knows who the server is and nothing is encrypted: give the
-    /// connection up. Authenticate sends nothing on it. A host key that was unknown is then known all the
-    /// same: it is written to known_hosts before the server has shown that it holds the key.
+    /// After -1, or an exception, the server is not authenticated and nothing is encrypted: abandon the
+    /// connection. Authenticate sends nothing on it. A previously unknown host key has by then been stored
+    /// nevertheless: it is written to known_hosts before the server has proved that it holds the private key.
     int KeyExchange();
 
-    /// Runs the ssh-userauth service (RFC 4252): asks with "none", then tries the methods that the
-    /// server lists, in its order, until one succeeds. Returns 0, or -1 if all fail. Without keys in force,
-    /// as when KeyExchange has not been called or has not returned 0, it is -1 as well and nothing is sent:
-    /// the password would leave in clear, for whoever is at the other end.
+    /// Runs the ssh-userauth service (RFC 4252): asks with "none", then tries the methods that the server
+    /// lists, in its order, until one succeeds. Returns 0, or -1 if all fail. If no keys are in use, because
+    /// KeyExchange has not been called or has not returned 0, it also returns -1 and sends nothing: the
+    /// password would be sent in the clear, to an unknown peer.
     ///
-    /// `identity` is the path of a private key, with its public key beside it under the extension
-    /// ".ssh" or ".pub"; empty for the defaults in ~/.ssh. A key agent is asked first. `password` is
-    /// both the login password and the key's passphrase; its text is wiped when it has been sent, so
-    /// that the caller's own copy reads as empty afterwards. Copies of it, and of what is typed, stay in the
-    /// memory of the messages sent and on the stack. `enter` asks for further passwords, as
-    /// often as its number of tries; `callback` answers keyboard-interactive requests.
+    /// `identity` is the path of a private key, with its public key in the same directory, with the extension
+    /// ".ssh" or ".pub"; empty for the defaults in ~/.ssh. A key agent is asked first. `password` is both the
+    /// login password and the key's passphrase; its text is wiped once it has been sent, so the caller's own
+    /// copy is empty afterwards. Copies of it, and of what the user types, remain in the memory of the sent
+    /// messages and on the stack. `enter` asks for further passwords, up to its number of tries; `callback`
+    /// answers keyboard-interactive requests.
     ///
-    /// A banner is printed on standard output as the server sent it, control characters included, so that it
-    /// may look like anything, a prompt of the program's too. Throws SshProtocolError on a message out of
-    /// place.
+    /// A banner is printed on standard output as the server sent it, control characters included, so it can
+    /// imitate anything, even one of the program's own prompts. Throws SshProtocolError on an unexpected
+    /// message.
     int Authenticate(String_t const& identity, String_t const& user, String_t const& password,
                      EnterPassword& enter, KbdInteractiveCallback& callback);
 
-    /// The next packet that is not a banner. Of use to a program, too, for a server that sends
-    /// messages of its own between authentication and Open, which tolerates none.
+    /// Returns the next packet that is not a banner. A program may need it, too, if the server sends other
+    /// messages between authentication and Open: Open does not tolerate any.
     ByteString AuthReadPacket();
 
     /// Lets remote X clients reach the X server that `display` names, as in "localhost:10.0", "unix:0" or
-    /// ":0" (RFC 4254, section 6.3). To be called before Open, which asks the server for it. With
+    /// ":0" (RFC 4254, section 6.3). Call it before Open, which sends the request to the server. With
     /// `singleConnection` the server is asked to forward no more than one connection. Returns 0, or -1 if
-    /// `display` is empty or forwarding has been started already. Waits for the `xauth` command.
+    /// `display` is empty or forwarding has already been started. Blocks until the `xauth` command has ended.
     ///
-    /// REQUIRES: `display` is text that the program trusts, such as the user's own DISPLAY. It becomes
-    /// part of a shell command as it is: pass nothing that came from anybody else.
+    /// REQUIRES: `display` is text that the program trusts, such as the user's own DISPLAY. It is inserted
+    /// into a shell command unquoted: never pass text from an untrusted source.
     int StartX11Forwarding(int singleConnection, String_t const& display);
 
-    /// Splits the text of a forwarding, [bindAddress ":"] listenPort ":" host ":" port, where a bind address
-    /// or host may stand in "[" and "]]" with no colon after it, as a host of digits alone has to. Without
-    /// a bind address it is "localhost". What follows the port after a further colon is not looked at.
-    /// Returns 0, or -EINVAL for another text or null; the outputs are then set as far as the text went.
+    /// Parses a forwarding specification, [bindAddress ":"] listenPort ":" host ":" port, where a bind
+    /// address or host may be enclosed in "[" and "]]" with no colon after it, as a host that consists of
+    /// digits only must be. The bind address defaults to "localhost". Anything after the port and a further
+    /// colon is ignored. Returns 0, or -EINVAL for any other string or null; the outputs parsed up to that
+    /// point are then set.
     static int ParseFwdSpec(char const* spec, String_t& bindAddress, unsigned int& listenPort, String_t& host,
                             unsigned int& port);
 
@@ -161,87 +163,94 @@ public:
     /// listening fails. `spec` is as ParseFwdSpec reads it, whose -EINVAL is returned.
     ///
     /// A connection that is made while data flows on other channels may be dropped; see
-    /// AcceptLocalFwdConnection. One that comes while the process has no descriptor left stays waiting, and
-    /// the loop busy-waits until there is one.
+    /// AcceptLocalFwdConnection. One that arrives while the process has no free descriptor remains pending,
+    /// and the loop busy-waits until a descriptor is free.
     int StartLocalForwarding(String_t const& spec);
     int StartLocalForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
                              String_t const& bindAddress);
 
-    /// Stops listening; connections stay. Returns 0, or -1 if the port is not forwarded. The loop keeps the
-    /// record of the closed descriptor, and busy-waits until its number is registered again or unregistered.
+    /// Stops listening; existing connections stay open. Returns 0, or -1 if the port is not forwarded. The
+    /// closed descriptor remains registered with the loop, which busy-waits until that descriptor number is
+    /// registered again or unregistered.
     int CancelLocalForwarding(unsigned int listenPort);
 
-    /// Asks the server to listen on `listenPort` of its address `bindAddress` and to lead each connection
-    /// here, where it goes on to `port` of `host` (RFC 4254, section 7.1). Returns 0, or -1 if the server
-    /// refuses or that port is forwarded already; `spec` is as above. A listenPort of 0 stays 0: the port
-    /// that the server then chooses is not learnt. Throws what the decoder of the answer throws.
+    /// Asks the server to listen on `listenPort` of its address `bindAddress` and to forward each connection
+    /// to this client, which connects it to `port` of `host` (RFC 4254, section 7.1). Returns 0, or -1 if the
+    /// server refuses or that port is forwarded already; `spec` is as above. A listenPort of 0 is stored as
+    /// 0: the port that the server chooses is not read from its reply. Throws what the decoder of the reply
+    /// throws.
     ///
-    /// REQUIRES: nothing else arrives from the server meanwhile, since the next packet is taken for the
-    /// answer: to be called before Open.
+    /// REQUIRES: nothing else arrives from the server in the meantime, since the next packet is taken as the
+    /// reply: call it before Open.
     ///
-    /// A connection that the server announces with the originator's address, as RFC 4254 has it, ends Run
-    /// with an SshProtocolError; one that it announces without is served.
+    /// If the server's CHANNEL_OPEN contains the originator's address, as RFC 4254 specifies, Run ends with
+    /// an SshProtocolError; without it, the connection is accepted.
     int StartRemoteForwarding(String_t const& spec);
     int StartRemoteForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
                               String_t const& bindAddress);
 
-    /// Forgets the forwarding and tells the server to stop listening, without asking for a reply;
-    /// connections stay. Returns 0, or -1 if the port is not forwarded.
+    /// Removes the forwarding and asks the server to stop listening, without requesting a reply; existing
+    /// connections stay open. Returns 0, or -1 if the port is not forwarded.
     int CancelRemoteForwarding(unsigned int listenPort);
 
-    /// Opens the session channel (RFC 4254, section 6.1) and asks for X11 forwarding, if it has been
-    /// started. Returns 0, also where the server refuses the forwarding, which is then off; or -1 if the
-    /// server refuses the channel. Throws SshProtocolError on any other answer.
+    /// Opens the session channel (RFC 4254, section 6.1) and requests X11 forwarding if StartX11Forwarding
+    /// has been called. Returns 0, even if the server refuses the forwarding, which is then disabled; or -1
+    /// if the server refuses the channel. Throws SshProtocolError on any other reply.
     int Open();
 
-    /// Send the request to start a shell, a command or a subsystem (RFC 4254, section 6.5) on the
-    /// session channel, without asking for a reply.
+    /// Send the request to start a shell, a command or a subsystem (RFC 4254, section 6.5) on the session
+    /// channel, without requesting a reply.
     void StartShell();
     void StartCommand(String_t const& command) { StartCommand(command, false); }
     void StartSubsystem(String_t const& name) { StartSubsystem(name, false); }
 
-    /// Sends DISCONNECT with one of the reasons of Packet and a text; closes nothing.
+    /// Sends DISCONNECT with one of the reasons of Packet and a description; does not close the connection.
     void Disconnect(int reason, String_t const& text);
 
     /// Prepares the loop: the handlers of messages, the socket, and the session channel attached to
     /// the process's descriptors 0, 1 and 2.
     void InitDispatcher();
 
-    /// Registers the input descriptor of `channel`, a TCP socket, with the loop: what comes from it goes to
-    /// the channel's ForwardToSshd, and its end to CloseChannel with the channel's `_localId`. The channel
-    /// need not be in the session's table and stays its owner's. If it is destroyed the registration ends, as
-    /// soon as the descriptor is ready; if ReplaceChannel puts another in its place, that one is fed.
+    /// Registers the input descriptor of `channel`, a TCP socket, with the loop: its data is passed to the
+    /// channel's ForwardToSshd, and at end of file CloseChannel is called with the channel's `_localId`. The
+    /// channel need not be in the session's table, and its ownership does not change. If it is destroyed, the
+    /// registration ends the next time the descriptor is ready; if ReplaceChannel replaces it, the data goes
+    /// to the replacement.
     ///
     /// Throws InvalidArgument for a null channel, and what SetNodelay throws.
     void RegisterFdDispatcher(SshChannel* channel);
 
-    /// Sends CHANNEL_EOF on the channel of that local number; the channel stays. Unknown: nothing.
+    /// Sends CHANNEL_EOF on the channel with that local number, which stays open. Does nothing if there is no
+    /// such channel.
     void CloseChannel(unsigned int id);
 
-    /// Confirms a channel of a remote X client; its connection to the X server waits for the client's first
-    /// data. Returns 0, or the reason of a refusal (RFC 4254, section 5.1): 1 (administratively prohibited)
-    /// if X11 is not forwarded, 4 (resource shortage) while 1,024 channels are without a connection.
+    /// Confirms a channel opened for a remote X client; the X server is connected only when the client's
+    /// first data arrives. Returns 0, or the reason code for a refusal (RFC 4254, section 5.1): 1
+    /// (administratively prohibited) if X11 is not forwarded, 4 (resource shortage) while 1,024 such channels
+    /// have no connection yet.
     int OpenForwardedX11Channel(PacketOpenTcpChannel const& request);
 
-    /// Connects an X11 channel to the X server, given the client's connection set-up message, which
-    /// must be whole, alone and show the cookie that the peer was given. The X server gets its own cookie in
-    /// its place. Blocks for up to 60 seconds. Returns the descriptor, attached to `channel` in the loop
-    /// and from then on the channel's, or -1: nothing was connected, as for a null `channel`, or it is closed
-    /// again. Throws what SetNodelay throws.
+    /// Connects an X11 channel to the X server, given the client's connection set-up message, which must be
+    /// complete, with nothing after it, and contain the cookie that was given to the peer. The X server's
+    /// real cookie is substituted for it. Blocks for up to 60 seconds. Returns the descriptor, registered
+    /// with the loop for `channel`, which now owns it; or -1 if no connection was made, as for a null
+    /// `channel`, or if it has been closed again. Throws what SetNodelay throws.
     int InitiateX11Connection(unsigned char const* data, unsigned int length, SshChannel* channel);
 
-    /// Accepts one connection of a local forwarding, waiting for one for up to 60 seconds, and asks the
-    /// server for a channel for it. Called by the loop, which ignores the result.
+    /// Accepts one connection of a local forwarding, waiting up to 60 seconds for it, and asks the server to
+    /// open a channel for it. Called by the loop, which ignores the result.
     ///
-    /// Waits for one packet and handles what has come with it, up to the end of a packet that has begun. With
-    /// a confirmation (RFC 4254, section 5.1) among that, the connection is attached to its channel in the
-    /// loop; else it is closed, even if the confirmation is still on its way. Returns 0, also where the
-    /// server refuses or has not answered yet; -1 if no connection came or the server answers with
-    /// CHANNEL_FAILURE; what DecodeCaller returns if the caller has no IPv4 address.
+    /// Waits for one packet and handles all that have arrived with it; if only part of the last one has, it
+    /// waits for the rest. If one of them is the confirmation (RFC 4254, section 5.1), the connection is
+    /// attached to its channel and registered with the loop; otherwise it is closed, even if the confirmation
+    /// is still in transit. Returns 0, even if the server refuses or has not replied yet; -1 if there was no
+    /// connection or the server replies with CHANNEL_FAILURE; what DecodeCaller returns if the caller has no
+    /// IPv4 address.
     int AcceptLocalFwdConnection(LocalForwarding* forwarding);
 
-    /// Connects to a remote forwarding's target within 60 seconds and joins it to a new channel. Returns 0,
-    /// or 1 for a refusal; a connection not writable within 60 ms stays in the channel table all the same.
+    /// Connects to a remote forwarding's target within 60 seconds and attaches the connection to a new
+    /// channel. Returns 0, or 1 for a refusal; a connection that is not writable within 60 ms is refused, but
+    /// its channel stays in the table.
     int OpenForwardedTcpChannel(PacketOpenTcpChannel const& request);
 
     /// Swaps the class of a live channel; see SshChannelMgr::ReplaceChannel.
@@ -250,12 +259,12 @@ public:
     /// The multiplexer that Run drives, for a program's own descriptors, timers and callbacks.
     IOMultiplexer& Multiplexer() { return _mux; }
 
-    /// The connected socket, for a program that wants to poll it; negative while there is none. And
-    /// whether bytes of a further packet have been read from it already.
+    /// The connected socket, for a program that wants to poll it, negative while there is none; and whether
+    /// bytes of a further packet have already been read from it.
     int Fd() const { return _fd; }
     bool HasBufferedInput() const { return _in.HasBufferedInput(); }
 
-    /// What has been agreed and received so far; texts are empty before their step.
+    /// What has been negotiated and received so far; a string is empty until the corresponding step.
     KexType KexMethod() const { return _kexType; }
     String_t const& ServerVersion() const { return _serverVersion; }
     String_t const& Banner() const { return _banner; }
@@ -274,8 +283,8 @@ protected:
     using Handler = int (SshSession::*)(PacketDecoder&);
     using KexFunction = int (SshSession::*)(PacketKexInit& own, PacketKexInit& peer);
 
-    /// The same; with `more`, data for the channel or a read of its data stream follows at once, and takes
-    /// the request along.
+    /// The same; with `more`, the caller immediately sends data on the channel or reads from its data stream,
+    /// which also sends the request.
     void StartCommand(String_t const& command, bool more);
     void StartSubsystem(String_t const& name, bool more);
 
@@ -334,14 +343,14 @@ protected:
     static char const* const _eol;
     static KexFunction const _kexFuncs[4];
 
-    // Declared in this order since destruction depends on it: the loop goes before the channels,
-    // and the streams go before the descriptor is closed. The streams refer to ciphers and MACs
-    // that are built after them.
+    // The order of these members matters for destruction: the loop is destroyed before the channels, and the
+    // streams before the descriptor is closed. The streams refer to ciphers and MACs that are constructed
+    // after them.
     Mode _mode;
     ClientSocketIn _socket;
     int _fd = -1; ///< the connected socket
 private:
-    /// Closes `_fd`, whatever number it holds then.
+    /// On destruction, closes `_fd`, whatever its value then.
     struct SocketCloser {
         int const& _fd;
         ~SocketCloser();
@@ -361,7 +370,7 @@ protected:
     ByteString _sessionId;
     unsigned int _keyNeed = 16; ///< bytes of each key
     int _authenticated = 0;
-    unsigned int _remoteChannel = 0; ///< the peer's number of the session channel
+    unsigned int _remoteChannel = 0; ///< the peer's number for the session channel
     unsigned int _windowSize = 0;    ///< what this side grants each channel, in bytes
     TMap<int, Handler, GCmp<int>> _handlers;
     SshChannelMgr _channels;
@@ -373,7 +382,7 @@ protected:
     SessionDialect* _dialect = nullptr; ///< another way to speak with the server; not owned
 
 private:
-    /// What both kinds of exchange end with: the checks of the server's reply, the hash and the keys.
+    /// The end of both kinds of exchange: checks the server's reply, then computes the hash and the keys.
     template <class Reply, class Hash>
     int KexConclude(DhExchange& exchange, Reply const& reply, PacketKexInit& own, PacketKexInit& peer,
                     Hash const& hash);

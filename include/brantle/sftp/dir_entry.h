@@ -13,7 +13,8 @@
 
 namespace cindral {
 
-/// Names of users by their ids, each looked up once on this machine. An empty name has not been looked up.
+/// Maps user ids to user names; each is looked up once on this machine. An empty name has not been looked up
+/// yet.
 class BRANTLE_API UserNameMap : public TMap<int, String_t> {
 public:
     /// The name, or the id's digits if it has none.
@@ -27,11 +28,11 @@ public:
     String_t operator[](int gid);
 };
 
-/// A file of a remote directory, which is written as a line of a long listing.
+/// A file in a remote directory, which can be written as a line of a long listing.
 ///
-/// That line is the server's if it has sent one, whatever it holds: control characters of the server's choice
-/// reach a terminal. Otherwise it is made here, with the names that this machine has for the ids; the name in
-/// it is the server's too.
+/// If the server has sent that line, it is used unchanged, including any control characters, which then reach
+/// the terminal. Otherwise it is composed here, with the names that this machine has for the ids; the file
+/// name in it comes from the server too.
 class BRANTLE_API DirEntry {
 public:
     /// Orders entries by their names.
@@ -42,14 +43,14 @@ public:
         }
     };
 
-    /// Empty texts and a status of zeros.
+    /// Empty strings and an all-zero status.
     DirEntry();
-    /// To search for.
+    /// An entry to search for.
     explicit DirEntry(String_t const& name);
     DirEntry(String_t const& name, String_t const& longname, SftpFileAttr const& attrs);
 
-    /// Writes the line, without its end. `now` is in seconds since the epoch: a file that is 180 days older
-    /// or more shows its year, any other the time.
+    /// Writes the line, without a line end. `now` is in seconds since the epoch: a file that is 180 days
+    /// older or more shows its year, any other the time.
     std::ostream& put(std::ostream& out, UserNameMap& users, GroupNameMap& groups, long now) const;
 
     String_t _name;
@@ -57,7 +58,7 @@ public:
     struct stat _status;
 };
 
-/// Writes the line of one entry, without its end.
+/// Writes the line of one entry, without a line end.
 BRANTLE_API std::ostream& operator<<(std::ostream& out, DirEntry const& entry);
 
 /// Writes a line for each entry, in descending order if `reverse` is not 0. It looks up each user and group

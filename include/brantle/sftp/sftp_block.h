@@ -6,18 +6,18 @@
 
 namespace cindral {
 
-/// Bytes for a file, at most INT_MAX, where they lie in the caller's memory, which must stay. In messages it
-/// stands for a ByteString, of which it spares the copy.
+/// Bytes to write to a file, at most INT_MAX, in the caller's memory, which must remain valid. In messages it
+/// is used in place of a ByteString to avoid a copy.
 struct SftpDataView {
     char const* _data = nullptr;
     unsigned int _length = 0;
 };
 
-/// Memory of the caller's for the bytes of a file. In messages it stands for a ByteString.
+/// The caller's memory for bytes read from a file. In messages it is used in place of a ByteString.
 struct SftpBufferView {
     char* _data;
     unsigned int _room;
-    unsigned int _length = 0; ///< of the bytes received; with more than there is room for, none is stored
+    unsigned int _length = 0; ///< number of bytes received; if they do not fit, none is stored
 };
 
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpDataView const& source);

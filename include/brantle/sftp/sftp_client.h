@@ -15,17 +15,18 @@
 namespace cindral {
 
 /// The client's side of SFTP, version 3 (draft-ietf-secsh-filexfer-02): one operation for each request, which
-/// sends it and waits for its reply. Start comes first, the others follow in any order.
+/// sends it and waits for its reply. Call Start first, then the others in any order.
 ///
-/// Paths are sent as they are; none is relative to anything but what the server takes it to be.
+/// Paths are sent unchanged; the server resolves relative ones.
 ///
-/// Failures go two ways. What the server refuses is told in the caller's SftpStatus, which a status reply
-/// overwrites and any other reply leaves alone, and in the result: most operations return 0 or else the
-/// negated code of the status. A broken conversation is an SshProtocolError: "error reading sftp response",
-/// "invalid request id", "invalid sftp response received" with the type of the reply, or the words of a
-/// message that can't be decoded. No request can follow one. What the streams throw passes through.
+/// There are two kinds of failure. A refusal by the server is reported in the caller's SftpStatus, which a
+/// status reply overwrites and any other reply leaves unchanged, and in the result: most operations return 0
+/// or the negated status code. A protocol violation throws an SshProtocolError: "error reading sftp
+/// response", "invalid request id", "invalid sftp response received" with the type of the reply, or the error
+/// text of a message that can't be decoded. No request can be made after that. Exceptions of the streams are
+/// passed on.
 ///
-/// The streams are the caller's and must outlive the client. One thread at a time may use it.
+/// The caller owns the streams, which must outlive the client. One thread at a time may use it.
 class BRANTLE_API SftpClient {
 public:
     // How a file is opened (section 6.3).
@@ -38,7 +39,7 @@ public:
 
     /// The version that Start announces.
     static constexpr unsigned int VERSION = 3;
-    /// Most bytes that one Write sends.
+    /// Maximum number of bytes that one Write sends.
     static constexpr unsigned int MAX_WRITE = 32786;
 
     class DirReader;
@@ -46,14 +47,13 @@ public:
 
     /// The streams are those of a channel on which the `sftp` subsystem runs by the time of Start.
     SftpClient(OSshDataStream& out, ISshDataStream& in);
-    /// Sends nothing: what is open stays open.
+    /// Sends nothing: open files and directories stay open.
     ~SftpClient();
 
-    /// Begins the conversation. Returns the server's version, whatever it is; version 3 is spoken all the
-    /// same.
+    /// Starts the protocol. Returns the server's version, whatever it is; version 3 is used regardless.
     int Start();
 
-    /// Reads the reply to the request with that id: the payload of a message, at least 5 bytes.
+    /// Reads the reply to the request with that id. Returns the payload of a message, at least 5 bytes.
     ByteString ReadResponse(unsigned int id);
 
     /// Opens a file. `pflags` are bits of SSH_FXF_*, `attrs` those of a file that is created. Returns the
@@ -62,15 +62,15 @@ public:
                         SftpFileAttr const& attrs);
     /// Opens a directory for ReadDir; as Open.
     SftpFileHandle OpenDir(SftpStatus& status, String_t const& path);
-    /// Closes a file or directory; `status` alone tells how it went.
+    /// Closes a file or directory; the result is only in `status`.
     void Close(SftpStatus& status, SftpFileHandle const& handle);
 
     /// Reads up to `length` bytes from `offset` into `buffer`. Returns their number, 0 at the end of the
-    /// file, which is no failure: the code is then 0. More bytes than asked for are dropped and end in -5,
-    /// with that code.
+    /// file, which is not a failure: the status code is then 0. If more bytes arrive than were requested,
+    /// they are discarded and the result is -5, with the status code 5.
     int Read(SftpStatus& status, SftpFileHandle const& handle, long long offset, char* buffer,
              unsigned int length);
-    /// Writes the first MAX_WRITE of `length` bytes to `offset`. Returns how many that are.
+    /// Writes at most the first MAX_WRITE of `length` bytes at `offset`. Returns how many that is.
     int Write(SftpStatus& status, SftpFileHandle const& handle, long long offset, char const* data,
               unsigned int length);
 
@@ -85,31 +85,31 @@ public:
     /// Removes a file.
     int Remove(SftpStatus& status, String_t const& path);
 
-    /// Attributes of a file, of a symbolic link itself or else of what it leads to. Fields of `attrs`
-    /// that the server does not tell stay as they are; the flags say which are told.
+    /// Attributes of a file: of a symbolic link itself, or of its target. Fields of `attrs` that the server
+    /// does not send are unchanged; the flags say which ones it has sent.
     int Lstat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     int Stat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     /// Either of them: `type` is FXP_LSTAT or FXP_STAT.
     int StatCore(int type, SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     /// The same of an open file.
     int Fstat(SftpStatus& status, SftpFileHandle const& handle, SftpFileAttr& attrs);
-    /// Sets the attributes that are present, of a file or of an open one.
+    /// Sets the attributes that are present, of a file by path or of an open file.
     int SetStat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     int SetFstat(SftpStatus& status, SftpFileHandle const& handle, SftpFileAttr& attrs);
 
-    /// Renames a file or directory; what is there under the new name is a matter of the server's.
+    /// Renames a file or directory; the server decides what happens if the new name exists.
     int Rename(SftpStatus& status, String_t const& oldPath, String_t const& newPath);
-    /// Creates a symbolic link. The paths go out in this order; servers differ on which is the link.
+    /// Creates a symbolic link. The paths are sent in this order; servers differ on which is the link.
     int Symlink(SftpStatus& status, String_t const& firstPath, String_t const& secondPath);
-    /// Where a symbolic link leads. A reply of other than one name ends in -5 and leaves `result` and
-    /// `status` alone.
+    /// The target of a symbolic link. If the reply does not contain exactly one name, returns -5 and leaves
+    /// `result` and `status` unchanged.
     int Readlink(SftpStatus& status, String_t const& path, String_t& result);
     /// The absolute form of a path; as Readlink.
     int Realpath(SftpStatus& status, String_t const& path, String_t& result);
 
     OSshDataStream& _out;
     ISshDataStream& _in;
-    unsigned int _nextId; ///< of the next request; wraps
+    unsigned int _nextId; ///< of the next request; wraps around
 
 private:
     void Send(SftpPacket& request);
@@ -124,9 +124,9 @@ private:
 ///
 ///     for (DirReader reader(client, path); reader._state == DirReader::OPEN; ++reader) ...
 ///
-/// The entry at hand stands in the fields. State and status belong to the reader and tell the rest: a path
-/// that could not be opened leaves the state without OPEN, the end of the listing and a failure on the way
-/// add FINISHED, with the code 1 in the status at the end.
+/// The members contain the current entry, the state and the status. If the path could not be opened, OPEN is
+/// not set in the state; the end of the listing, or a failure during it, adds FINISHED, and at the end the
+/// status code is 1.
 class BRANTLE_API SftpClient::DirReader {
 public:
     static constexpr unsigned int OPEN = 1;
@@ -134,26 +134,26 @@ public:
 
     /// Opens the directory.
     DirReader(SftpClient& client, String_t const& path);
-    /// Closes it; what goes wrong with that is dropped.
+    /// Closes it; a failure is ignored.
     ~DirReader();
     DirReader(DirReader const&) = delete;
     DirReader& operator=(DirReader const&) = delete;
 
-    /// Opens a directory and takes its first entry. Returns 0, or -1 if there is none. A code that the status
-    /// has from before counts as a failure to open.
+    /// Opens a directory and goes to its first entry. Returns 0, or -1 if there is none. If the status
+    /// already contains a code from before, that counts as a failure to open.
     int Open(String_t const& path);
-    /// Takes the next entry. At the end the last one stays.
+    /// Goes to the next entry. At the end, the last one is kept.
     DirReader& operator++();
-    /// Closes the directory if it is open. After an exception it counts as open still.
+    /// Closes the directory if it is open. After an exception it still counts as open.
     void Close();
 
     SftpClient& _client;
     SftpFileHandle _handle;
-    TOList<SftpName> _names; ///< received and not taken yet
+    TOList<SftpName> _names; ///< received but not visited yet
     String_t _filename;      ///< this and the next two as in SftpName
     String_t _longname;
     SftpFileAttr _attrs;
-    SftpStatus _status; ///< of the last reply that was one
+    SftpStatus _status; ///< of the last status reply
     unsigned int _state;
 
 private:
@@ -161,7 +161,7 @@ private:
     void Take();
 };
 
-/// Closes a handle at the end of a scope, an empty one too. What comes of it is dropped.
+/// Closes a handle at the end of a scope, even an empty one. The result is ignored.
 class BRANTLE_API SftpClient::FileControl {
 public:
     /// The client must outlive the scope.
@@ -174,7 +174,7 @@ public:
     SftpFileHandle _handle;
 };
 
-/// An empty base for what offers the operations of SFTP to programs.
+/// An empty base class for classes that offer SFTP operations to programs.
 class BRANTLE_API SftpInterface {
 public:
     SftpInterface();

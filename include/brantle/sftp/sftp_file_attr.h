@@ -15,17 +15,17 @@ public:
     static constexpr unsigned int UIDGID = 2;
     static constexpr unsigned int PERMISSIONS = 4;
     static constexpr unsigned int ACMODTIME = 8;
-    static constexpr unsigned int EXTENDED = 0x80000000; ///< pairs of a vendor's follow on the wire
+    static constexpr unsigned int EXTENDED = 0x80000000; ///< vendor-specific pairs follow on the wire
 
-    /// Nothing present, all fields 0.
+    /// No field present, all fields 0.
     SftpFileAttr();
     /// All fields, of a local file.
     explicit SftpFileAttr(struct stat const& file);
-    /// Nothing but permissions.
+    /// Only permissions.
     static SftpFileAttr Default(unsigned int mode);
 
-    /// Clears `file` and stores what is present. Of the size the low 32 bits alone are stored; take `_size`
-    /// where a file may have 4 GiB or more.
+    /// Clears `file` and stores the fields present. Only the low 32 bits of the size are stored; use `_size`
+    /// if a file may have 4 GiB or more.
     void FillStat(struct stat& file) const;
 
     unsigned int _flags;
@@ -37,9 +37,10 @@ public:
     unsigned int _mtime;
 };
 
-/// Writes the flags as they are and the fields present; extended pairs are never written.
+/// Writes the flags unchanged, and the fields present; extended pairs are never written.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpFileAttr const& attr);
-/// Reads the flags and the fields present, the others stay; extended pairs are read and dropped.
+/// Reads the flags and the fields present; the other fields are unchanged. Extended pairs are read and
+/// discarded.
 BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpFileAttr& attr);
 
 } // namespace cindral

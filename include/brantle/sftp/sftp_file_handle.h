@@ -7,8 +7,8 @@
 
 namespace cindral {
 
-/// What the server calls an open file or directory; an empty one is none. Copies share the bytes. Nothing is
-/// closed with it.
+/// The server's handle for an open file or directory; an empty one means none. Copies share the bytes.
+/// Destroying it closes nothing.
 class BRANTLE_API SftpFileHandle {
 public:
     SftpFileHandle() = default;
@@ -17,7 +17,7 @@ public:
     ByteString _bytes;
 };
 
-/// The bytes with their length in front, as of any ByteString.
+/// The length and the bytes, as for any ByteString.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpFileHandle const& handle);
 BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpFileHandle& handle);
 

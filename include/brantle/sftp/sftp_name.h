@@ -9,7 +9,7 @@
 
 namespace cindral {
 
-/// A directory entry as the server tells it. The texts are the server's, whatever they hold.
+/// A directory entry as the server sends it. The texts are stored unchanged, whatever they contain.
 class BRANTLE_API SftpName {
 public:
     String_t _filename;
@@ -19,10 +19,10 @@ public:
 
 /// Both texts and the attributes.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpName const& name);
-/// An empty text fails, as with ReadSftpString.
+/// An empty text is an error, as in ReadSftpString.
 BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpName& name);
 
-/// The number of names, then each.
+/// The number of names, then each name.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, TOList<SftpName> const& names);
 
 } // namespace cindral

@@ -13,13 +13,13 @@ namespace cindral {
 /// Base of all SFTP messages (version 3, draft-ietf-secsh-filexfer-02, section 3).
 ///
 /// A message is built from its fields and encoded once by `Payload`, or built from a received payload. A
-/// derived class is its fields in wire order, once for writing and once for reading; type, request id, the
-/// keeping of the encoded bytes and the failures of decoding stand here. What comes after the last field of
-/// a received payload is ignored.
+/// derived class declares its fields in wire order, once for writing and once for reading; this class handles
+/// the type, the request id, the storage of the encoded bytes and decoding errors. Anything after the last
+/// field of a received payload is ignored.
 ///
-/// On the channel a message is its payload as a ByteString, with its length in front.
+/// On the channel a message is sent as its length and its payload, in the form of a ByteString.
 ///
-/// A message belongs to the one thread that handles it.
+/// A message must be used on one thread.
 class BRANTLE_API SftpPacket {
 public:
     static constexpr int FXP_INIT = 1;
@@ -54,11 +54,11 @@ public:
         EncoderStream();
         ~EncoderStream() override;
 
-        /// Flushes, and takes out all that has been written.
+        /// Flushes, and returns everything that has been written.
         ByteString Bytes();
     };
 
-    /// Reads a payload, which must stay meanwhile.
+    /// Reads a payload, which must remain valid meanwhile.
     class BRANTLE_API DecoderStream : private IStringBuffer, public ISockStreamAdapter {
     public:
         explicit DecoderStream(ByteString const& payload);
@@ -70,8 +70,8 @@ public:
 
     virtual ~SftpPacket();
 
-    /// The encoded message, shared: type, request id and fields. The first call encodes, later ones return
-    /// the same bytes; of a received message they are the bytes received.
+    /// The encoded message, shared: type, request id and fields. The first call encodes, later calls return
+    /// the same bytes; for a received message they are the bytes received.
     virtual ByteString Payload();
 
     ByteString _payload; ///< the encoded message; empty before it is encoded
@@ -84,7 +84,8 @@ protected:
     /// A message not encoded yet.
     SftpPacket(int type, unsigned int id);
 
-    /// The body of a `Payload`: encodes type, id and these fields, unless that has been done before.
+    /// The body of a `Payload` function: encodes type, id and these fields, unless that has already been
+    /// done.
     template <class... Fields>
     ByteString Encode(Fields const&... fields) {
         if (_payload.Length() > 0) return _payload;
@@ -94,9 +95,9 @@ protected:
         return _payload = out.Bytes();
     }
 
-    /// The body of a decoding constructor: checks the type, then reads id and fields. A wrong type is an
-    /// `SshProtocolError` with the words `wrongType` and the type received. Fields that do not fit are one
-    /// with the words `badFields`, if the stream's status has any of the bits in `Failures`.
+    /// The body of a decoding constructor: checks the type, then reads id and fields. A wrong type throws an
+    /// `SshProtocolError` with the text `wrongType` and the type received. Malformed fields throw one with
+    /// the text `badFields`, if the stream's status has any of the bits in `Failures`.
     template <unsigned int Failures = ~0u, class... Fields>
     void Decode(char const* wrongType, char const* badFields, Fields&... fields) {
         DecoderStream in(_payload);

@@ -25,8 +25,8 @@ public:
     unsigned int _version = 0;
 };
 
-/// How a request ended (section 7), in the fields of SftpStatus. Empty texts are accepted in this message
-/// alone: an empty message leaves both texts empty.
+/// How a request ended (section 7), in the fields of SftpStatus. Empty texts are accepted only in this
+/// message: an empty message text leaves both texts empty.
 class BRANTLE_API SftpPacketStatus : public SftpPacket {
 public:
     SftpPacketStatus(unsigned int id, unsigned int code, String_t const& message, String_t const& language);
@@ -60,11 +60,11 @@ public:
     ByteString _data;
 };
 
-/// Names (section 7): entries of a directory, or a path. The list is the caller's and must outlive the
+/// Names (section 7): directory entries, or one path. The caller owns the list, which must outlive the
 /// message.
 ///
-/// Received names are appended to the list, and those in front of a failure stay there. Other than in the
-/// draft, and than in what is received, encoding writes the count twice.
+/// Received names are appended to the list, and those before a failure stay there. Unlike the draft, and
+/// unlike decoding, encoding writes the count twice.
 class BRANTLE_API SftpPacketName : public SftpPacket {
 public:
     SftpPacketName(unsigned int id, TOList<SftpName>& names);
@@ -75,8 +75,8 @@ public:
     TOList<SftpName>& _names;
 };
 
-/// Attributes of a file (section 7). They are the caller's and must outlive the message; those received are
-/// stored there.
+/// Attributes of a file (section 7). The caller owns them, and they must outlive the message; received
+/// attributes are stored there.
 class BRANTLE_API SftpPacketAttrs : public SftpPacket {
 public:
     SftpPacketAttrs(unsigned int id, SftpFileAttr& attrs);

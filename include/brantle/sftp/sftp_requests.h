@@ -13,7 +13,7 @@
 
 namespace cindral {
 
-/// Begins a conversation (section 4): the client's version. It has no request id.
+/// Starts the protocol (section 4): the client's version. It has no request id.
 class BRANTLE_API SftpPacketInit : public SftpPacket {
 public:
     explicit SftpPacketInit(unsigned int version);
@@ -45,7 +45,7 @@ public:
     SftpFileHandle _handle;
 };
 
-/// Asks for a range of a file (section 6.4). Offsets and lengths are in bytes, here and below.
+/// Requests a range of a file (section 6.4). Offsets and lengths are in bytes, here and below.
 class BRANTLE_API SftpPacketRead : public SftpPacket {
 public:
     SftpPacketRead(unsigned int id, SftpFileHandle const& handle, long long offset, unsigned int length);
@@ -61,7 +61,7 @@ public:
 class BRANTLE_API SftpPacketWrite : public SftpPacket {
 public:
     SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset, ByteString const& data);
-    /// The bytes must stay until the message is encoded; `_data` is empty.
+    /// The bytes must remain valid until the message is encoded; `_data` is empty.
     SftpPacketWrite(unsigned int id, SftpFileHandle const& handle, long long offset,
                     SftpDataView const& data);
     explicit SftpPacketWrite(ByteString const& payload);
@@ -75,8 +75,8 @@ private:
     SftpDataView _source;
 };
 
-/// Asks for a file's attributes (section 6.8), of a link itself with FXP_LSTAT or of what it leads to with
-/// FXP_STAT. After the path stands, other than in the draft, which attributes are wanted.
+/// Asks for a file's attributes (section 6.8), of a link itself with FXP_LSTAT or of its target with
+/// FXP_STAT. Unlike in the draft, the path is followed by flags that say which attributes are wanted.
 class BRANTLE_API SftpPacketStat : public SftpPacket {
 public:
     SftpPacketStat(int type, unsigned int id, String_t const& path, unsigned int attrFlags);
@@ -87,8 +87,8 @@ public:
     unsigned int _attrFlags = 0; ///< as in SftpFileAttr
 };
 
-/// Asks for the attributes of an open file (section 6.8). After the handle stands, other than in the draft,
-/// which attributes are wanted.
+/// Asks for the attributes of an open file (section 6.8). Unlike in the draft, the handle is followed by
+/// flags that say which attributes are wanted.
 class BRANTLE_API SftpPacketFstat : public SftpPacket {
 public:
     SftpPacketFstat(unsigned int id, SftpFileHandle const& handle, unsigned int attrFlags);
@@ -99,8 +99,8 @@ public:
     unsigned int _attrFlags = 0; ///< as in SftpFileAttr
 };
 
-/// Sets attributes of a file (section 6.9). The attributes are the caller's and must outlive the message;
-/// those received are stored there.
+/// Sets attributes of a file (section 6.9). The caller owns the attributes, which must outlive the message;
+/// received ones are stored there.
 class BRANTLE_API SftpPacketSetstat : public SftpPacket {
 public:
     SftpPacketSetstat(unsigned int id, String_t const& path, SftpFileAttr& attrs);
@@ -183,8 +183,7 @@ public:
     String_t _path;
 };
 
-/// Renames a file or directory (section 6.5). After the paths stands, other than in the draft, a word of
-/// flags.
+/// Renames a file or directory (section 6.5). Unlike in the draft, the paths are followed by a word of flags.
 class BRANTLE_API SftpPacketRename : public SftpPacket {
 public:
     SftpPacketRename(unsigned int id, String_t const& oldPath, String_t const& newPath, unsigned int flags);
@@ -196,7 +195,7 @@ public:
     unsigned int _flags = 0;
 };
 
-/// Asks where a symbolic link leads (section 6.10).
+/// Requests the target of a symbolic link (section 6.10).
 class BRANTLE_API SftpPacketReadlink : public SftpPacket {
 public:
     SftpPacketReadlink(unsigned int id, String_t const& path);

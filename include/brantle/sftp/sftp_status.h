@@ -7,13 +7,13 @@
 
 namespace cindral {
 
-/// How the server ended a request (draft-ietf-secsh-filexfer-02, section 7). Codes and texts are the server's
-/// own; those named here are all that mean something to this library.
+/// How the server ended a request (draft-ietf-secsh-filexfer-02, section 7). Codes and texts come from the
+/// server; the codes named here are the only ones with a meaning to this library.
 class BRANTLE_API SftpStatus {
 public:
     static constexpr int FX_OK = 0;
     static constexpr int FX_EOF = 1;
-    static constexpr int FX_BAD_MESSAGE = 5; ///< also found on this side
+    static constexpr int FX_BAD_MESSAGE = 5; ///< also set by this library
 
     int _code = FX_OK;
     String_t _message;
@@ -22,7 +22,7 @@ public:
 
 /// The code and both texts.
 BRANTLE_API OSockStream& operator<<(OSockStream& out, SftpStatus const& status);
-/// An empty text sets MALFORMED, as with ReadSftpString.
+/// An empty text sets MALFORMED, as in ReadSftpString.
 BRANTLE_API ISockStream& operator>>(ISockStream& in, SftpStatus& status);
 
 } // namespace cindral

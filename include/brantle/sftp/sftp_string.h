@@ -7,15 +7,15 @@
 
 namespace cindral {
 
-/// Longest text that `ReadSftpString` takes, in bytes.
+/// Longest text that `ReadSftpString` accepts, in bytes.
 constexpr unsigned int MAX_SFTP_STRING = 262144;
 
 /// Writes a text: a 32-bit length and that many bytes.
 BRANTLE_API OSockStream& WriteSftpString(OSockStream& out, String_t const& text);
 
 /// Reads a text of 1 to MAX_SFTP_STRING bytes; a zero byte in it ends it early. Any other length, 0 included,
-/// leaves the text alone and sets the status to MALFORMED. Where the status tells of a failure already, the
-/// length alone is read.
+/// leaves the text unchanged and sets the status to MALFORMED. If the status already reports a failure, only
+/// the length is read.
 BRANTLE_API ISockStream& ReadSftpString(ISockStream& in, String_t& text);
 
 } // namespace cindral

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-/// Unsigned numbers in memory, most significant byte first. Nothing need be aligned.
+/// Unsigned numbers in memory, most significant byte first. No alignment is required.
 
 /// Writes the number into the sizeof(T) bytes at `to`.
 template <class T>

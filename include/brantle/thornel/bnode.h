@@ -3,13 +3,13 @@
 
 #include <brantle/thornel/export.h>
 
-/// Core of a binary tree node. A tree is known by its root; a null root is the empty tree. Comparisons
-/// get a node and a key, and order the node's key against that one: negative, 0 or positive. Nothing locks:
-/// one thread at a time, or an outer lock.
+/// Core of a binary tree node. A tree is identified by its root; a null root is the empty tree. Comparisons
+/// take a node and a key, and return how the node's key compares with that key: negative, 0 or positive. Not
+/// thread-safe: use one thread at a time, or external locking.
 class THORNEL_API bnode_t {
 public:
-    /// Steps through a tree in order. From a node with a right child the successor is `LDown` of that
-    /// child, from another one `LUp` of the node; the predecessor likewise, with the sides exchanged.
+    /// Steps through a tree in order. From a node with a right child the successor is `LDown` of that child,
+    /// from any other node `LUp` of the node; likewise for the predecessor, with the sides exchanged.
     struct THORNEL_API Iterator {
         /// Leftmost node under the argument, itself included; null for null.
         static bnode_t* LDown(bnode_t* node);
@@ -46,39 +46,39 @@ public:
 /// A node of an AVL tree. `Insert` and `Delete` may change the root: the caller stores the root that they
 /// return and clears its parent pointer.
 ///
-/// The balance factors say how the tree is rebalanced, not where its nodes are found: factors that do not
-/// fit the shape cost balance and nothing else.
+/// The balance factors only control rebalancing, not searching: wrong factors make the tree less balanced,
+/// but have no other effect.
 class THORNEL_API AVLnode : public bnode_t {
 public:
     AVLnode() : _balance(0) {}
     ~AVLnode() override;
 
-    /// Adds the node that `create` makes from `createArg`, for a key that is not there yet. For one that is
-    /// there calls `found` with its node and `foundArg`, and the tree stays as it is. `root` may be null, and
-    /// `grown` becomes 1 if the tree is higher than before, else 0. Returns the new root.
+    /// Adds the node that `create` makes from `createArg`, for a key that is not in the tree yet. If the key
+    /// is there, calls `found` with its node and `foundArg`, and the tree is unchanged. `root` may be null,
+    /// and `grown` is set to 1 if the tree has become higher, otherwise to 0. Returns the new root.
     static AVLnode* Insert(AVLnode* root, int (*compare)(bnode_t const*, void const*), void const* key,
                            AVLnode* (*create)(void*), void* createArg, int (*found)(bnode_t*, void*),
                            void* foundArg, int& grown);
 
-    /// Takes the node with a key out of the tree and puts it into `result`, the caller's then; without such a
-    /// key `result` stays as it is. `root` may be null, and `shrunk` becomes 1 if the tree is lower than
-    /// before, else 0. Returns the new root.
+    /// Removes the node with a key from the tree and stores it in `result`; the caller then owns it. If there
+    /// is no such key, `result` is unchanged. `root` may be null, and `shrunk` is set to 1 if the tree has
+    /// become lower, otherwise to 0. Returns the new root.
     static AVLnode* Delete(AVLnode* root, int (*compare)(bnode_t const*, void const*), void const* key,
                            int& shrunk, AVLnode*& result);
 
     int _balance; ///< height of the right side less that of the left: -1, 0 or 1
 };
 
-/// A place in an ordered container, or none. Changing the container at that place ends its validity.
+/// A position in an ordered container, or none. Changing the container at that position invalidates it.
 ///
-/// `Tree` is the container, const for a walk that does not change the elements; `Node` its node class, the
-/// `Data()` of which returns a pointer to the element; `Element` what the walk gives.
+/// `Tree` is the container, const if the iteration does not change the elements; `Node` is its node class,
+/// whose `Data()` returns a pointer to the element; `Element` is the type that the iterator returns.
 template <class Tree, class Node, class Element>
 class TreeIterator {
 public:
-    /// Placed nowhere.
+    /// An iterator without a position.
     TreeIterator() : _root(nullptr), _node(nullptr) {}
-    /// Placed on the smallest element, or on the largest one if `last` is not 0.
+    /// Positioned at the smallest element, or at the largest one if `last` is not 0.
     TreeIterator(Tree& tree, int last) : _root(tree.Root()), _node(nullptr) {
         if (last)
             Last();
@@ -96,7 +96,7 @@ public:
         return MoveTo(_node->_right ? bnode_t::Iterator::LDown(_node->_right)
                                     : bnode_t::Iterator::LUp(_node));
     }
-    /// Goes to the element before; null at the end, and from then on.
+    /// Goes to the previous element; null at the end, and from then on.
     Element* Prev() {
         if (!_node) return nullptr;
         return MoveTo(_node->_left ? bnode_t::Iterator::RDown(_node->_left) : bnode_t::Iterator::RUp(_node));
@@ -107,7 +107,7 @@ public:
     /// REQUIRES: there is a current element.
     Element& operator*() const { return *Curr(); }
     Element* operator->() const { return Curr(); }
-    /// The current element or null; moves on to the next.
+    /// Returns the current element or null, and goes to the next.
     Element* operator()() {
         Element* const current = Curr();
         Next();

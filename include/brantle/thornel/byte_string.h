@@ -7,11 +7,11 @@
 
 /// A value of binary data. Copies share one counted representation.
 ///
-/// A default-built value has null data and length 0. The count is a plain integer: values that share a
-/// representation belong to one thread at a time, or under an outer lock.
+/// A default-constructed value has null data and length 0. The count is a plain integer: values that share a
+/// representation must be used by one thread at a time, or with external locking.
 class THORNEL_API ByteString {
 public:
-    /// What the copies of a value share. Owned by them together; the last one frees it.
+    /// The representation that copies of a value share and jointly own; the last one frees it.
     struct THORNEL_API Srep {
         unsigned char* _data; ///< owned, may be null
         unsigned int _length; ///< bytes in the data
@@ -28,7 +28,7 @@ public:
 
     /// No bytes; the data pointer is null.
     ByteString();
-    /// A private array of `length` bytes; its contents are the caller's to fill.
+    /// An unshared array of `length` uninitialised bytes, for the caller to fill.
     explicit ByteString(unsigned int length);
     /// Copies `length` bytes; null `data` gives no bytes.
     ByteString(void const* data, unsigned int length);
@@ -37,9 +37,10 @@ public:
     ~ByteString() { Release(_rep); }
     ByteString& operator=(ByteString const& other) noexcept;
 
-    /// The bytes, null for a default-built value. Valid until the value changes or goes.
+    /// The bytes, null for a default-constructed value. Valid until the value changes or is destroyed.
     unsigned char const* Data() const { return _rep->_data; }
-    /// The bytes as an array that all copies share: write only into a value just sized or reserved.
+    /// The bytes as an array that all copies share: write only to a value that has just been sized or
+    /// reserved.
     unsigned char* Data() { return _rep->_data; }
     /// Number of bytes; 0 with null data.
     unsigned int Length() const { return _rep->_data ? _rep->_length : 0; }
@@ -47,12 +48,12 @@ public:
     /// The bytes from `start`, `length` of them or as many as there are after it.
     ByteString SubStr(unsigned int start, unsigned int length) const;
 
-    /// Makes the array private and the value `length` bytes long. As many of the old bytes as fit stay in
-    /// front; the contents after them are the caller's to fill.
+    /// Makes the array unshared and the value `length` bytes long. As many of the old bytes as fit are kept
+    /// at the beginning; the bytes after them are uninitialised, for the caller to fill.
     void Reserve(unsigned int length);
 
-    /// Adds bytes at the end; copies that share the representation keep theirs. The bytes may be this
-    /// value's own. A null `data` adds nothing. Throws std::bad_alloc where the length would exceed 32 bits.
+    /// Appends bytes; copies that share the representation are unaffected. The bytes may be part of this
+    /// value. A null `data` appends nothing. Throws std::bad_alloc if the length would exceed 32 bits.
     void Append(void const* data, unsigned int length);
 
     Srep* _rep;

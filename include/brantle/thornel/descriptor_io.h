@@ -12,13 +12,13 @@
 /// Reads and writes on one descriptor: the one place where interrupted calls, short counts, closed
 /// peers, non-blocking descriptors and time limits are dealt with.
 ///
-/// Sockets, pipes, terminals and files are told apart once, when the descriptor is set, so that a
-/// transfer on the fast path is a single system call. A write to a closed peer fails with EPIPE and
-/// raises no SIGPIPE. The descriptor stays the caller's. A limit is in seconds and holds for each
-/// wait by itself; 0 is no limit; a wait that ends by it fails with ETIMEDOUT.
+/// Sockets, pipes, terminals and files are distinguished once, when the descriptor is set, so that a transfer
+/// on the fast path is a single system call. A write to a closed peer fails with EPIPE and raises no SIGPIPE.
+/// The caller continues to own the descriptor. A time limit is in seconds and applies to each wait
+/// separately; 0 means no limit; a wait that exceeds it fails with ETIMEDOUT.
 class THORNEL_API DescriptorIO {
 public:
-    /// The system calls beneath, replaceable as a whole so that tests can interrupt and shorten them.
+    /// The system calls used, replaceable as a set so that tests can interrupt and shorten them.
     struct Calls {
         ssize_t (*recv)(int, void*, std::size_t, int);
         ssize_t (*send)(int, void const*, std::size_t, int);
@@ -40,29 +40,29 @@ public:
 
     explicit DescriptorIO(int fd = -1) { Set(fd); }
 
-    /// Works on `fd` from now on; a negative one is none, and every transfer then fails with EBADF.
+    /// Uses `fd` from now on; a negative value means none, and every transfer then fails with EBADF.
     void Set(int fd);
     int Fd() const { return _fd; }
 
-    /// Reads what there is, at least one byte and at most `size`, after a wait if there is none.
-    /// Returns the number, 0 at the end of the input, -1 on failure with errno set.
+    /// Reads what is available, at least one byte and at most `size`, waiting if there is none. Returns the
+    /// number, 0 at the end of the input, -1 on failure with errno set.
     int Read(char* to, std::size_t size, unsigned int limit) const;
 
-    /// As Read, but stops after the first `last` and takes no byte after that out of the descriptor.
+    /// As Read, but stops after the first `last` and reads no byte after that from the descriptor.
     int ReadUntil(char* to, std::size_t size, char last, unsigned int limit) const;
 
-    /// Writes everything from `from` to `end` and advances `from` by what has gone. Returns 0, or -1
-    /// with errno set. With `more`, other bytes follow at once: a TCP socket may hold back the end of these,
-    /// which does not fill a segment, for them or for an Uncork, though no longer than 200 ms.
+    /// Writes everything from `from` to `end` and advances `from` by what has been written. Returns 0, or -1
+    /// with errno set. With `more`, other bytes follow immediately: a TCP socket may delay the last partial
+    /// segment until those bytes or an Uncork, but for no longer than 200 ms.
     int Write(char const*& from, char const* end, unsigned int limit, bool more = false) const;
 
     /// The same for two ranges, one after the other. A socket takes both in one system call.
     int Write(Range& first, Range& second, unsigned int limit, bool more = false) const;
 
-    /// Sends what a socket holds back by `more`.
+    /// Sends what a socket is delaying because of `more`.
     void Uncork() const;
 
-    /// Whether there is input, the end of it or a failure to read, without a wait.
+    /// Whether a read would return input, end of file or an error without waiting.
     bool HasInput() const;
 
 private:
@@ -77,7 +77,7 @@ private:
 
     int _fd;
     Kind _kind;
-    mutable bool _drained; ///< the last read found less than it had room for, so the next one will wait
+    mutable bool _drained; ///< the last read got fewer bytes than it had room for, so the next one will wait
 };
 
 #endif

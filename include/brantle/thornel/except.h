@@ -6,8 +6,8 @@
 #include <brantle/thornel/export.h>
 #include <brantle/thornel/string_t.h>
 
-/// Root of the exceptions of this family of libraries. Thrown by value; copies share the message, so an
-/// exception stays on the thread that threw it.
+/// Root of the exceptions of this family of libraries. Thrown by value; copies share the message, so use an
+/// exception only on the thread that threw it.
 class THORNEL_API Except : public std::exception {
 public:
     Except() = default;

@@ -1,7 +1,7 @@
 #ifndef BRANTLE_THORNEL_EXPORT_H
 #define BRANTLE_THORNEL_EXPORT_H
 
-/// Marks what libthornel offers to other objects; everything else stays hidden inside it.
+/// Marks the symbols that libthornel exports; all others have hidden visibility.
 #ifdef THORNEL_BUILDING
 #define THORNEL_API __attribute__((visibility("default")))
 #else

@@ -11,16 +11,16 @@ public:
     FileDescriptor(FileDescriptor const&) = delete;
     FileDescriptor& operator=(FileDescriptor const&) = delete;
 
-    /// Reads like the plain descriptor.
+    /// Converts to the plain descriptor.
     operator int() const { return _fd; }
 
-    /// Gives the descriptor away, for the caller to close. Returns it, negative if there is none.
+    /// Releases the descriptor, which the caller then has to close. Returns it, negative if there is none.
     int Release();
-    /// Takes over `fd`, which may be negative, in place of the descriptor owned, which is closed. Nothing
-    /// happens if it is that one.
+    /// Takes over `fd`, which may be negative, in place of the descriptor owned, which is closed. Does
+    /// nothing if it is the same one.
     void Reset(int fd = -1);
 
-    int _fd; ///< the descriptor; negative is none
+    int _fd; ///< the descriptor; negative if there is none
 };
 
 #endif

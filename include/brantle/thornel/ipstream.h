@@ -6,17 +6,17 @@
 
 #include <brantle/thornel/export.h>
 
-/// An input stream over the standard output of a command that /bin/sh runs. Its standard input and
-/// error stream are this process's. A command that could not be started leaves badbit in the state;
-/// a shell that does not know the command has started, and the stream is then at its end.
+/// An input stream over the standard output of a command run by /bin/sh. The command inherits the standard
+/// input and standard error of this process. If the shell can't be started, badbit is set; if it is started
+/// but does not find the command, the stream is at end of file.
 class THORNEL_API ipstream : public std::istream {
 public:
     explicit ipstream(char const* command);
     /// Closes as close() does.
     ~ipstream() override;
 
-    /// Closes the pipe, waits for the command to end and returns its wait status as waitpid gives it,
-    /// or -1 if there is none.
+    /// Closes the pipe, waits for the command to end and returns its wait status as set by waitpid, or -1 if
+    /// there is none.
     int close();
 
 private:

@@ -3,7 +3,7 @@
 
 #include <brantle/thornel/export.h>
 
-/// A link of an owned list; derived classes add the element.
+/// A link of an owning list; derived classes add the element.
 class THORNEL_API olink_t {
 public:
     olink_t() : _next(nullptr) {}
@@ -25,9 +25,9 @@ public:
     virtual int operator()(olink_t const* link) = 0;
 };
 
-/// Core of the owned list: a circular chain of links that it owns and destroys. The predicates return
-/// non-zero for a match; they and the functions called on links get the caller's argument second. Nothing
-/// locks: one thread at a time, or an outer lock.
+/// Core of the owning list: a circular chain of links that it owns and destroys. The predicates return
+/// non-zero for a match; they and the functions called on links get the caller's argument as the second one.
+/// Not thread-safe: use one thread at a time, or external locking.
 class THORNEL_API olist_t {
 public:
     olist_t() : _last(nullptr) {}
@@ -35,9 +35,9 @@ public:
     olist_t& operator=(olist_t const&) = delete;
     ~olist_t() { clear(); }
 
-    /// Adds a link at the end, and owns it.
+    /// Adds a link at the end, and takes ownership of it.
     void append(olink_t* link);
-    /// Adds a link at the front, and owns it.
+    /// Adds a link at the front, and takes ownership of it.
     void insert(olink_t* link);
     /// Number of links.
     unsigned int Len() const;
@@ -46,17 +46,17 @@ public:
 
     /// First match or null.
     olink_t* find(int (*match)(olink_t const*, void const*), void const* arg) const;
-    /// Unlinks the first match and hands it to the caller, who owns it then; null if there is none.
+    /// Unlinks the first match and returns it to the caller, who then owns it; null if there is none.
     olink_t* remove(int (*match)(olink_t const*, void const*), void const* arg);
-    /// Unlinks the first link and hands it to the caller; null if the list is empty.
+    /// Unlinks the first link and returns it to the caller; null if the list is empty.
     olink_t* removeTop();
-    /// Unlinks the last link and hands it to the caller; null if the list is empty.
+    /// Unlinks the last link and returns it to the caller; null if the list is empty.
     olink_t* removeBottom();
     /// Removes and destroys all matches, and returns their number.
     unsigned int removeLoop(int (*match)(olink_t const*, void const*), void const* arg);
     unsigned int removeLoop(olist_cmpo_t& match);
 
-    /// Calls a function on each link in order. The function may not change the chain.
+    /// Calls a function on each link in order. The function must not change the chain.
     void loop(int (*function)(olink_t*, void*), void* arg);
 
     /// Sorts the chain by a three-way comparison, which gets two links. Equal links keep their order.
@@ -71,14 +71,14 @@ public:
     olink_t* _last; ///< null when empty; its successor is the first link
 
 protected:
-    /// Unlinks the link after another one, which may be the same when it is alone.
+    /// Unlinks the link after the given one, which is the same link if it is the only one.
     olink_t* removeAfter(olink_t* before);
 
-    /// As `Sort`, with an argument for the comparison in third place.
+    /// As `Sort`, with a third argument for the comparison.
     void Sort(int (*compare)(olink_t const*, olink_t const*, void const*), void const* arg);
 };
 
-/// A list of pointers to elements that it does not own. Nothing locks.
+/// A list of pointers to elements that it does not own. Not thread-safe.
 class THORNEL_API slist_t {
 public:
     /// One position of the list.
@@ -94,10 +94,10 @@ public:
     void append(void* element) { _links.append(new slink_t(element)); }
     /// Adds an element at the front.
     void insert(void* element) { _links.insert(new slink_t(element)); }
-    /// Takes the first element out for which the predicate returns non-zero, and returns it; null if
-    /// there is none.
+    /// Removes the first element for which the predicate returns non-zero, and returns it; null if there is
+    /// none.
     void* remove(int (*match)(void*, void const*), void const* arg);
-    /// Forgets all elements.
+    /// Removes all elements, without destroying them.
     void clear() { _links.clear(); }
 
     /// Number of elements.

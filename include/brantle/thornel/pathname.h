@@ -5,8 +5,8 @@
 #include <brantle/thornel/string_t.h>
 #include <generic/tolist>
 
-/// A path as text, usable wherever a `String_t const&` is wanted. Nothing but `Home`, `Cwd`, `Abs` and
-/// `Glob` looks at the system; the rest works on the text alone.
+/// A path as text, usable wherever a `String_t const&` is wanted. Only `Home`, `Cwd`, `Abs` and `Glob` access
+/// the system; the rest works only on the text.
 class THORNEL_API Pathname : public String_t {
 public:
     Pathname() = default;
@@ -23,34 +23,33 @@ public:
         return *this;
     }
 
-    /// The current user's home directory: `$HOME` if it is set and not empty, else that of the password
+    /// The current user's home directory: `$HOME` if it is set and not empty, otherwise that in the password
     /// database; empty if neither has one.
     static Pathname Home();
-    /// The current working directory, empty if it can't be told.
+    /// The current working directory, empty if it can't be determined.
     static Pathname Cwd();
 
-    /// Adds a component after a separator; no separator in front if the path is empty or ends in one.
-    /// An empty or null component changes nothing.
+    /// Appends a separator and a component; no separator is added if the path is empty or ends in one. An
+    /// empty or null component changes nothing.
     Pathname& Append(char const* component);
-    /// Puts a directory in front, with a separator unless there is one. An empty or null directory
-    /// changes nothing.
+    /// Prepends a directory, with a separator unless there is one. An empty or null directory changes
+    /// nothing.
     Pathname& Insert(char const* directory);
-    /// Removes "." and ".." components and surplus separators. A ".." that leads above the start of a
-    /// relative path stays; a relative path of which nothing remains is ".".
+    /// Removes "." and ".." components and redundant separators. A ".." that goes above the start of a
+    /// relative path is kept; a relative path of which nothing remains becomes ".".
     Pathname& Collapse();
-    /// Makes a relative path absolute by the current working directory.
+    /// Makes a relative path absolute by prefixing the current working directory.
     Pathname& Abs();
     bool IsAbs() const;
 
-    /// Everything in front of the last component, without the separators between: empty for a single
-    /// component and for "/", and "/" for a component right under the root.
+    /// Everything before the last component, without the separators between them: empty for a single
+    /// component and for "/", and "/" for a component directly under the root.
     Pathname Dir() const;
-    /// The last component, without separators after it. `suffix`, which may be null, is taken off its end
+    /// The last component, without separators after it. `suffix`, which may be null, is removed from its end
     /// unless it is the whole component.
     String_t Leaf(char const* suffix) const;
-    /// Replaces the extension of the last component, or adds it. `extension` comes with its dot, as in
-    /// ".pub"; null or empty takes the extension away. A dot at the start of the component begins no
-    /// extension.
+    /// Replaces the extension of the last component, or adds it. `extension` includes its dot, as in ".pub";
+    /// null or empty removes the extension. A dot at the start of the component does not begin an extension.
     Pathname& ChExt(char const* extension);
 
     /// Expands a wildcard pattern on the local file system, by the rules of glob(3), and appends the names to

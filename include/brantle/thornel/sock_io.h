@@ -7,10 +7,10 @@
 #include <brantle/thornel/export.h>
 #include <brantle/thornel/string_t.h>
 
-/// Small tools around descriptors and socket addresses.
+/// Utilities for descriptors and socket addresses.
 class THORNEL_API SockIO {
 public:
-    /// The operating system's poll record, to be kept sorted by descriptor.
+    /// The operating system's poll record, with an order by descriptor.
     struct PollFd : pollfd {
         PollFd() : pollfd{-1, 0, 0} {}
         PollFd(int descriptor, short wanted, short ready = 0) : pollfd{descriptor, wanted, ready} {}
@@ -22,19 +22,19 @@ public:
         };
     };
 
-    /// A host by name and port, with the address that it stands for once that is known.
+    /// A host by name and port, with its address once that is known.
     class THORNEL_API SockAddr {
     public:
         SockAddr();
         SockAddr(String_t const& host, unsigned short port);
 
-        /// The host as the program gave it, without brackets.
+        /// The host as given by the program, without brackets.
         String_t const& Host() const { return _host; }
         unsigned short Port() const { return _port; }
         /// The numeric address, as in "127.0.0.1" or "::1"; empty while it is not known.
         String_t IpAddr() const;
 
-        /// Keeps the address, which is a sockaddr_in or sockaddr_in6.
+        /// Stores the address, which is a sockaddr_in or sockaddr_in6.
         void SetAddress(sockaddr const* address, socklen_t length);
 
     private:

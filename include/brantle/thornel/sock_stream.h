@@ -10,15 +10,15 @@
 #include <brantle/thornel/stream_buffer.h>
 #include <brantle/thornel/string_t.h>
 
-/// What all socket streams share: a status word, 0 while all is well.
+/// What all socket streams share: a status word, 0 while there is no error.
 ///
-/// The status only records. A stream goes on reading and writing whatever it says, and it stays until
+/// The status is only a record: a stream continues to read and write whatever its status. It is kept until
 /// the next SetStatus or Bind. One thread at a time.
 class THORNEL_API SockStream {
 public:
     static constexpr unsigned int FAILED = 1;       ///< output was lost
     static constexpr unsigned int MALFORMED = 2;    ///< a field or line was out of bounds
-    static constexpr unsigned int END_OF_INPUT = 4; ///< a read found less than it wanted
+    static constexpr unsigned int END_OF_INPUT = 4; ///< a read got fewer bytes than requested
 
     SockStream();
     virtual ~SockStream();
@@ -31,25 +31,25 @@ private:
     unsigned int _status;
 };
 
-/// A buffered output stream over a descriptor, which stays the caller's.
+/// A buffered output stream over a descriptor, which the caller continues to own.
 ///
-/// Nothing is written until the buffer is full, Flush() is called or a tied input stream waits; in
-/// particular the destructor writes nothing, as the descriptor may be closed by then. After a failed
-/// write the stream stays failed with the same errno until it is bound again.
+/// Nothing is written until the buffer is full, Flush() is called or a tied input stream waits; in particular
+/// the destructor writes nothing, since the descriptor may be closed by then. After a failed write, all
+/// further writes fail with the same errno until the stream is bound again.
 ///
-/// A derived class that overrides Flush(), to send the bytes elsewhere or to look at them first, sees every
-/// byte there in [_start, _pos), whatever operation wrote it.
+/// In a derived class that overrides Flush(), to send the bytes elsewhere or to inspect them first, every
+/// byte passes through that Flush() in [_start, _pos), whichever operation wrote it.
 class THORNEL_API OSockStream : public OutputBuffer<char>, public virtual SockStream {
 public:
-    /// Bytes that the buffer of a socket stream holds.
+    /// Size of the buffer of a socket stream, in bytes.
     static constexpr unsigned int BUFFER_SIZE = 8192;
 
     OSockStream();
     explicit OSockStream(int fd);
     ~OSockStream() override;
 
-    /// Writes out what is buffered. Returns the number of bytes, or -1 with errno set and FAILED in
-    /// the status; what has not gone stays in the buffer.
+    /// Writes out what is buffered. Returns the number of bytes, or -1 with errno set and FAILED in the
+    /// status; what has not been written stays in the buffer.
     int Flush() override;
     int Put(char const& byte) override;
 
@@ -58,7 +58,8 @@ public:
     /// Detaches the descriptor and drops what is buffered.
     virtual void Unbind();
 
-    /// Writes `size` bytes through the buffer. What can't be written is lost, with FAILED in the status.
+    /// Writes `size` bytes through the buffer. What can't be written is lost, and FAILED is set in the
+    /// status.
     OSockStream& Write(char const* data, int size);
     /// Writes the text and the line end `eol`.
     OSockStream& Writeln(String_t const& text, char const* eol);
@@ -66,20 +67,20 @@ public:
     /// The descriptor, negative if there is none.
     int Fd() const { return _io.Fd(); }
 
-    /// Seconds that one wait for the peer may take; 0, as at the start, is no limit.
+    /// Limit of one wait for the peer, in seconds; 0, the initial value, means no limit.
     unsigned int _timeout;
 
 protected:
-    /// Whether the Flush() in progress makes room in the middle of a Write or Put: more bytes of the same
-    /// message follow.
+    /// Whether the current Flush() is making room in the middle of a Write or Put, so that more bytes of the
+    /// same message follow.
     bool IsMakingRoom() const { return _isMakingRoom; }
-    /// Writes what is buffered to the descriptor, as Flush() does. With `more`, other bytes follow at once,
-    /// and the kernel may hold these back for them.
+    /// Writes what is buffered to the descriptor, as Flush() does. With `more`, other bytes follow
+    /// immediately, and the kernel may delay these until then.
     int FlushDescriptor(bool more);
-    /// Writes what is buffered and after it a range, past the buffer. Returns 0, or -1 with errno set; `from`
-    /// says how much of the range has gone.
+    /// Writes what is buffered and then a range, which bypasses the buffer. Returns 0, or -1 with errno set;
+    /// `from` is advanced by what has been written of the range.
     int Send(char const*& from, char const* end, bool more = false);
-    /// Whether the kernel may hold back bytes. The next Flush() sends them.
+    /// Whether the kernel may be delaying bytes. The next Flush() sends them.
     bool IsCorked() const { return _isCorked; }
 
 private:
@@ -93,29 +94,30 @@ private:
     char _array[BUFFER_SIZE]; ///< of the OutputBuffer
 };
 
-/// A buffered input stream over a descriptor, which stays the caller's.
+/// A buffered input stream over a descriptor, which the caller continues to own.
 ///
-/// Before the stream waits for bytes it flushes, once, the output stream that it is tied to. After a failed
-/// read the stream stays failed with the same errno until it is bound again.
+/// Before the stream waits for bytes, it flushes once the output stream to which it is tied. After a failed
+/// read, all further reads fail with the same errno until the stream is bound again.
 ///
-/// A derived class that overrides Fill(), to take the bytes from elsewhere or to change them, gives every
-/// byte there, in [_pos, _end), whatever operation reads it. The tied stream has then been flushed already.
+/// In a derived class that overrides Fill(), to get the bytes from elsewhere or to transform them, every byte
+/// comes from that Fill(), in [_pos, _end), whichever operation reads it. The tied stream has already been
+/// flushed when Fill() is called.
 class THORNEL_API ISockStream : public InputBuffer<char>, public virtual SockStream {
 public:
     static constexpr unsigned int BUFFER_SIZE = 8192;
-    /// Longest frame that operator>> into a ByteString takes, in bytes.
+    /// Longest frame that operator>> into a ByteString accepts, in bytes.
     static constexpr unsigned int MAX_FRAME = 16 * 1024 * 1024;
-    /// Longest line that Readln takes, in bytes without the line end.
+    /// Longest line that Readln accepts, in bytes without the line end.
     static constexpr unsigned int MAX_LINE = 256 * 1024;
 
-    /// A stream without descriptor. `tied` may be null; else it must outlive this stream.
+    /// A stream without a descriptor. `tied` may be null; otherwise it must outlive this stream.
     explicit ISockStream(OSockStream* tied);
     ~ISockStream() override;
 
     /// Reads from the descriptor into the buffer, whose readable range must be empty. Returns the number of
     /// bytes, 0 at the end of the input, -1 with errno set on failure.
     int Fill() override;
-    /// As InputBuffer::Get, with the tied stream flushed before a Fill().
+    /// As InputBuffer::Get, but flushes the tied stream before a Fill().
     int Get(char& byte) override;
 
     /// Attaches the descriptor, with an empty buffer and a status of 0.
@@ -123,17 +125,17 @@ public:
     /// Detaches the descriptor and drops what has been read ahead.
     virtual void Unbind();
 
-    /// Reads exactly `size` bytes. If the input ends or fails before, Gcount() tells how many came
+    /// Reads exactly `size` bytes. If the input ends or fails earlier, Gcount() returns how many were read
     /// and END_OF_INPUT is added to the status.
     ISockStream& Read(char* data, int size);
 
-    /// Reads a line up to and including `eol`, or "\n" if that is empty, and stores it without. Takes no byte
-    /// after the line end out of the descriptor. If the input ends or fails first, what came is stored and
-    /// END_OF_INPUT added to the status; a line above MAX_LINE bytes is given up with MALFORMED added,
-    /// and what was read of it is stored.
+    /// Reads a line up to and including `eol`, or "\n" if that is empty, and stores it without that line end.
+    /// Reads no byte after the line end from the descriptor. If the input ends or fails first, what was read
+    /// is stored and END_OF_INPUT is added to the status; if the line exceeds MAX_LINE bytes, reading stops,
+    /// what was read is stored and MALFORMED is added.
     ISockStream& Readln(String_t& line, char const* eol);
 
-    /// Bytes that the last Read delivered.
+    /// Number of bytes that the last Read stored.
     int Gcount() const { return _gcount; }
     /// Ties this stream to another output stream, or to none.
     void Tie(OSockStream* tied) { _tied = tied; }
@@ -141,26 +143,26 @@ public:
     /// The descriptor, negative if there is none.
     int Fd() const { return _io.Fd(); }
 
-    /// Seconds that one wait for the peer may take; 0, as at the start, is no limit.
+    /// Limit of one wait for the peer, in seconds; 0, the initial value, means no limit.
     unsigned int _timeout;
 
 protected:
-    /// Flushes the tied stream, if there is one, unless Refill() has just done so for this read. To be called
-    /// by each Fill() that may wait.
+    /// Flushes the tied stream, if there is one, unless Refill() has just done so for this read. Every Fill()
+    /// that may wait has to call it.
     void FlushTied() {
         if (_tied && !std::exchange(_isTiedFlushed, false)) _tied->Flush();
     }
     /// Flushes the tied stream, then calls Fill().
     int Refill();
-    /// Flushes the tied stream, then reads from the descriptor into a range, past the buffer, which must be
-    /// empty. Results as of Fill().
+    /// Flushes the tied stream, then reads from the descriptor directly into a range; the buffer must be
+    /// empty. Results as for Fill().
     int ReadUnbuffered(char* begin, char* end);
-    /// Whether a read from the descriptor would find bytes, the end of the input or a failure without a wait.
+    /// Whether a read from the descriptor would return bytes, end of file or an error without waiting.
     bool HasInput() const { return _failure || _io.HasInput(); }
-    /// Stores a part of a range that Read wants, with an empty buffer: here what a Refill() brings. A
-    /// class that overrides this to fetch large ranges past the buffer does so where IsExactly() holds, and
-    /// else leaves it to this one. Returns the number of bytes, 0 at the end of the input, a negative value
-    /// on failure.
+    /// Called by Read while the buffer is empty: stores part of the range to be read, here from what a
+    /// Refill() provides. A class that overrides this to read large ranges directly, bypassing the buffer,
+    /// does so only if IsExactly() holds, and otherwise calls this one. Returns the number of bytes, 0 at the
+    /// end of the input, a negative value on failure.
     virtual int Fetch(char* begin, char* end);
     /// Whether a range is as large as the buffer.
     bool IsLarge(char const* begin, char const* end) const {
@@ -198,8 +200,8 @@ public:
 THORNEL_API OSockStream& endm(OSockStream& out);
 THORNEL_API OSockStream& operator<<(OSockStream& out, OSockStream& (*manipulator)(OSockStream&));
 
-/// Numbers, most significant byte first; a ByteString is its 32-bit length and its bytes. One of more than
-/// INT_MAX bytes is not written at all, with FAILED in the status.
+/// Numbers, most significant byte first; a ByteString is written as its 32-bit length and its bytes. One of
+/// more than INT_MAX bytes is not written at all, and FAILED is set in the status.
 THORNEL_API OSockStream& operator<<(OSockStream& out, unsigned char value);
 THORNEL_API OSockStream& operator<<(OSockStream& out, unsigned int value);
 THORNEL_API OSockStream& operator<<(OSockStream& out, int value);
@@ -207,9 +209,9 @@ THORNEL_API OSockStream& operator<<(OSockStream& out, unsigned long long value);
 THORNEL_API OSockStream& operator<<(OSockStream& out, long long value);
 THORNEL_API OSockStream& operator<<(OSockStream& out, ByteString const& value);
 
-/// The reverse. A short read leaves the target alone and END_OF_INPUT in the status. A ByteString
-/// longer than ISockStream::MAX_FRAME is refused with MALFORMED, its bytes unread; memory grows with
-/// the bytes that have come, not with the length announced.
+/// The reverse. A short read leaves the target unchanged and sets END_OF_INPUT in the status. A ByteString
+/// longer than ISockStream::MAX_FRAME is refused with MALFORMED, and its bytes are not read; memory is
+/// allocated as the bytes arrive, not according to the announced length.
 THORNEL_API ISockStream& operator>>(ISockStream& in, unsigned char& value);
 THORNEL_API ISockStream& operator>>(ISockStream& in, unsigned int& value);
 THORNEL_API ISockStream& operator>>(ISockStream& in, int& value);

@@ -6,7 +6,7 @@
 #include <generic/tolist>
 
 /// Appends each token of a text, which may be null, to a list, in order. Each character of `delimiters` ends
-/// a token; a run of them counts as one.
+/// a token; consecutive delimiters count as one.
 THORNEL_API void Split(char const* text, TOList<String_t>& list, char const* delimiters);
 
 #endif

@@ -8,21 +8,22 @@
 
 #include <brantle/thornel/export.h>
 
-/// Whether an object is of one of the classes listed, and not of a class derived from one.
+/// Whether the exact class of an object is one of those listed, and not a class derived from one.
 ///
-/// The streams of this library rest on a promise: a class that overrides Fill() or Flush() sees every byte
-/// there. Whoever knows a shorter way for a large range than through the buffer takes it only in an object
-/// of which this says that its Fill() or Flush() is the library's own.
+/// The streams of this library guarantee that every byte passes through the Fill() or Flush() of a class that
+/// overrides it. Code that can transfer a large range without the buffer may therefore do so only if this
+/// function shows that the object's Fill() or Flush() is the library's own.
 template <class... Classes, class Object>
 bool IsExactly(Object const& object) {
     std::type_info const& type = typeid(object);
     return ((&type == &typeid(Classes) || type == typeid(Classes)) || ...); // mostly the addresses agree
 }
 
-/// The buffer of an input stream: what has been read and not yet been taken is its readable range,
-/// [_pos, _end).
+/// The buffer of an input stream: what has been filled in but not yet read out is its readable range, [_pos,
+/// _end).
 ///
-/// A derived class says in Fill() where the bytes come from, and may move `_end` and `_pos` within the array.
+/// A derived class defines in Fill() where the bytes come from, and may move `_end` and `_pos` within the
+/// array.
 ///
 /// Invariant: _start <= _pos <= _end <= _start + _capacity.
 template <class T>
@@ -43,7 +44,7 @@ public:
     /// of the input, a negative value on failure.
     virtual int Fill() = 0;
 
-    /// Takes one element. Returns 1, or Fill()'s result if that is below 1.
+    /// Reads one element. Returns 1, or Fill()'s result if that is below 1.
     virtual int Get(T& element) {
         if (_pos >= _end) {
             int filled = Fill();
@@ -53,7 +54,7 @@ public:
         return 1;
     }
 
-    /// Takes from the readable range, at most up to `end`, without a Fill(). Returns the number.
+    /// Copies elements from the readable range, at most up to `end`, without a Fill(). Returns their number.
     std::size_t TakeBuffered(T* begin, T* end) {
         std::size_t count = static_cast<std::size_t>(std::min(end - begin, _end - _pos));
         std::copy_n(_pos, count, begin);
@@ -63,16 +64,16 @@ public:
 
     T* _start;              ///< the array
     T* _end;                ///< end of the readable range
-    T* _pos;                ///< next element to take
+    T* _pos;                ///< next element to read
     unsigned int _capacity; ///< size of the array
 
 private:
     std::unique_ptr<T[]> _allocated; ///< the array, unless it is the derived class's own
 };
 
-/// The buffer of an output stream: what has been put and not yet been written lies in [_start, _pos).
+/// The buffer of an output stream: what has been put but not yet written is in [_start, _pos).
 ///
-/// A derived class says in Flush() where the bytes go; it may set `_end` lower to write in smaller pieces.
+/// A derived class defines in Flush() where the bytes go; it may set `_end` lower to write in smaller pieces.
 ///
 /// Invariant: _start <= _pos <= _end <= _start + _capacity.
 template <class T>
@@ -89,12 +90,12 @@ public:
     OutputBuffer(OutputBuffer const&) = delete;
     OutputBuffer& operator=(OutputBuffer const&) = delete;
 
-    /// Passes on what has been put and makes room. Negative on failure; what could not be passed on
-    /// stays.
+    /// Passes on what has been put and makes room. Negative on failure; what could not be passed on stays in
+    /// the buffer.
     virtual int Flush() = 0;
 
-    /// Puts one element. A full buffer is flushed first; if there is no room even then, the element
-    /// is dropped. Returns Flush()'s result, or 0 if there was no need of one.
+    /// Puts one element. A full buffer is flushed first; if there is no room even then, the element is
+    /// dropped. Returns Flush()'s result, or 0 if no flush was needed.
     virtual int Put(T const& element) {
         int flushed = 0;
         if (_pos >= _end) {
@@ -105,14 +106,14 @@ public:
         return flushed;
     }
 
-    /// Puts a range, with a Flush() each time the buffer is full and more is to come. Returns the
-    /// number of elements taken, or a negative value once a Flush() failed or made no room: its result,
-    /// or -1 where that is not negative.
+    /// Puts a range, with a Flush() each time the buffer is full and more is to come. Returns the number of
+    /// elements put, or a negative value once a Flush() fails or makes no room: its result, or -1 if that is
+    /// not negative.
     int PutRange(T const* begin, T const* end) {
         return PutRange(begin, end, [this] { return Flush(); });
     }
 
-    /// The same with another operation than Flush().
+    /// The same with another operation instead of Flush().
     template <class MakeRoom>
     int PutRange(T const* begin, T const* end, MakeRoom makeRoom) {
         for (T const* next = begin; next != end;) {
@@ -128,7 +129,7 @@ public:
     }
 
     T* _start;              ///< the array
-    T* _end;                ///< end of the room
+    T* _end;                ///< end of the available space
     T* _pos;                ///< where the next element goes
     unsigned int _capacity; ///< size of the array
 

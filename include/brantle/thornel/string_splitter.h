@@ -4,15 +4,15 @@
 #include <brantle/thornel/export.h>
 #include <brantle/thornel/string_t.h>
 
-/// Walks over the tokens of a text. Each delimiter ends one token, so two in a row enclose an empty one.
-/// Works on a private copy, in which the tokens stay valid as long as the splitter.
+/// Iterates over the tokens of a text. Each delimiter ends one token, so two in a row enclose an empty one.
+/// Works on a private copy; the tokens point into it and are valid as long as the splitter exists.
 ///
-/// There is a token as long as `Current()` is not null and lies before `End()`. An empty token after
-/// the last delimiter is therefore none.
+/// There is a token as long as `Current()` is not null and is before `End()`. An empty string after the last
+/// delimiter is therefore not a token.
 class THORNEL_API StringSplitter {
 public:
-    /// Places the splitter on the first token. Each character of `delimiters` ends a token. `text` may be
-    /// null; it goes up to `end`, or to its NUL if that is null.
+    /// Starts at the first token. Each character of `delimiters` ends a token. `text` may be null; it extends
+    /// to `end`, or to its NUL if `end` is null.
     StringSplitter(char const* text, char const* delimiters, char const* end);
     StringSplitter(StringSplitter const&) = delete;
     StringSplitter& operator=(StringSplitter const&) = delete;

@@ -4,8 +4,8 @@
 #include <brantle/thornel/export.h>
 #include <brantle/thornel/string_t.h>
 
-/// Takes a text apart token by token, with a choice of delimiters each time. A run of delimiters counts
-/// as one. Works on a private copy, in which the tokens stay valid as long as the tokeniser.
+/// Splits a text token by token, with a choice of delimiters each time. Consecutive delimiters count as one.
+/// Works on a private copy; the tokens point into it and are valid as long as the tokeniser exists.
 class THORNEL_API StringTok {
 public:
     /// `text` may be null.

@@ -12,41 +12,42 @@
 
 namespace cindral {
 
-/// The client's store of server host keys, which decides by trust on first use: a host that is not
-/// in the store is accepted and added, a host that is there must show the same key.
+/// The client's store of server host keys, which decides by trust on first use: a host that is not in the
+/// store is accepted and added; a host that is in it must present the same key.
 ///
-/// The store is filled from `.ssh/known_hosts` of the home directory, and new hosts are appended to
-/// that file; it is never rewritten, so a host whose key has changed is edited out by hand. Hosts are
-/// known under the canonical name "[host]:port"; a host text that begins with a bracket is canonical
-/// as it is.
+/// The store is read from `.ssh/known_hosts` in the home directory, and new hosts are appended to that file;
+/// it is never rewritten, so the entry of a host whose key has changed must be removed by hand. Hosts are
+/// stored under the canonical name "[host]:port"; a host string that begins with a bracket is already
+/// canonical.
 ///
-/// What the store does not understand it does not refuse: hashed names (the default of some systems),
-/// patterns, "@revoked", fields after tabs, the third name of a line and names in another letter case match
-/// nothing, so that such a host counts as new and any key is accepted for it. A program that needs more than
-/// trust on first use has to look at the file by itself.
+/// Entries that the store does not understand do not cause a refusal: hashed names (the default of some
+/// systems), patterns, "@revoked", fields after tabs, the third name on a line, and names that differ in
+/// letter case match nothing, so such a host counts as new and any key is accepted for it. A program that
+/// needs more than trust on first use has to check the file itself.
 ///
-/// The static operations work on the one store of the process. All operations may be called from any
+/// The static operations work on the single store of the process. All operations may be called from any
 /// thread.
 class BRANTLE_API KnownHosts {
 public:
-    /// The store of the process, built at the first call and destroyed at exit.
+    /// The store of the process, created at the first call and destroyed at exit.
     static KnownHosts* GetInstance();
     /// The host key algorithms that the client offers: "ssh-rsa,ssh-dss".
     static String_t KeyAlgorithms();
     /// The result of the last read: 0, or a negative errno value.
     static int Errnum();
-    /// Adds the entries of a file, or of a stream in the file's format, to the store. The first entry
-    /// of a host counts. Returns 0, or the negative errno value of a file that cannot be opened.
+    /// Adds the entries of a file, or of a stream in the file's format, to the store. If a host has several
+    /// entries, the first one counts. Returns 0, or the negative errno value of a file that cannot be opened.
     static int Read(char const* path);
     static int Read(std::basic_istream<char, std::char_traits<char>>& in);
-    /// Non-zero when `key` may be trusted for `host`, which must not be empty. A new host is appended to
-    /// the file in one write, without a report if that fails; the file is created with mode 0600. A last line
-    /// that lacks its line feed swallows the new entry. `address` may be empty; an address that is not known
-    /// gets the key too, in memory only, and has no influence on the result.
+    /// Non-zero when `key` may be trusted for `host`, which must not be empty. A new host is appended to the
+    /// file in one write, whose failure is not reported; the file is created with mode 0600. If the file's
+    /// last line does not end in a line feed, the new entry becomes part of that line. `address` may be
+    /// empty; an unknown address is associated with the key too, in memory only, and does not affect the
+    /// result.
     static int IsIn(String_t const& host, unsigned short port, String_t const& address, PublicKey const& key);
 
-    /// A store of its own, filled from the default file, from the file named, or from the stream.
-    /// New hosts are appended to the default file in every case.
+    /// Creates a separate store, read from the default file, from the given file, or from the stream. Nothing
+    /// can be asked of it: the operations above work on the store of the process alone.
     KnownHosts();
     explicit KnownHosts(char const* path);
     explicit KnownHosts(std::basic_istream<char, std::char_traits<char>>& in);
