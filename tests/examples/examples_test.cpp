@@ -15,7 +15,7 @@ using namespace execute;
 using namespace peer;
 using testing::HasSubstr;
 
-TEST(Examples, CommandGetsInputAndGivesOutput) {
+TEST(Examples, CommandPassesInputAndOutput) {
     ServerSettings settings;
     settings.group = DhGroup::Modp(1024);
     settings.noneAccepted = true;
@@ -132,7 +132,7 @@ TEST(Examples, ScpCopyGetsFilesIntoADirectory) {
     EXPECT_EQ(TakeFile(home + "/other"), "");
 }
 
-TEST(Examples, ScpCopyTellsWhatFailed) {
+TEST(Examples, ScpCopyReportsFailures) {
     auto const answering = [](std::string const& answer) {
         return [answer](Connection& c) {
             c.WellBehaved(Stage::Opened);
@@ -271,7 +271,7 @@ TEST(Examples, FailureIsReportedAfterAMessageWithoutAName) {
     EXPECT_THAT(ran.errors, testing::EndsWith("connection failed: packet length less than 2\n"));
 }
 
-TEST(Examples, WrongArgumentsAreAnsweredByTheUsage) {
+TEST(Examples, WrongArgumentsPrintTheUsage) {
     std::string const command = "usage: run_command [-X] [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
     for (char const* arguments : {"", "-i", "-i key", "host", "-i key -X"})
         EXPECT_THAT(Execute(RUN_COMMAND, arguments), Fails(2, command)) << arguments;
@@ -311,7 +311,7 @@ TEST(Examples, EachFailureHasALineAndAStatus) {
                 Fails(8, "connection failed: packet length less than 2"));
 }
 
-TEST(Examples, KeyExchangeTellsARefusalFromAServerOfAnotherKind) {
+TEST(Examples, KeyExchangeDistinguishesARefusalFromAnotherProtocol) {
     ServerSettings settings;
     settings.kexInit.kex = "curve25519-sha256";
     auto const lists = [](Connection& c) { c.WellBehaved(Stage::KexInitExchanged); };

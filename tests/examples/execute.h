@@ -16,7 +16,7 @@
 
 namespace execute {
 
-/// What a command line of the shell came to.
+/// The outcome of a command line of the shell.
 struct Ran {
     int status;
     std::string output;

@@ -45,7 +45,7 @@ std::string Requested(Connection& c) { return c.ReadChannelRequest().type; }
 
 } // namespace
 
-TEST(Forward, CarriesConnectionsBesideACommand) {
+TEST(Forward, ConnectionsAreCarriedDuringACommand) {
     std::uint16_t const port = tcp::FreePort();
     Ran const ran = ExecuteAgainst(
         [&](Connection& c) {
@@ -62,7 +62,7 @@ TEST(Forward, CarriesConnectionsBesideACommand) {
     EXPECT_EQ(ran.errors, "");
 }
 
-TEST(Forward, CarriesConnectionsBesideAShell) {
+TEST(Forward, ConnectionsAreCarriedDuringAShell) {
     std::uint16_t const port = tcp::FreePort();
     Ran const ran = ExecuteAgainst(
         [&](Connection& c) {
@@ -78,7 +78,7 @@ TEST(Forward, CarriesConnectionsBesideAShell) {
     EXPECT_EQ(ran.output, "Connection to 127.0.0.1 closed.\n");
 }
 
-TEST(Forward, AloneItForwardsUntilItIsInterrupted) {
+TEST(Forward, WithoutACommandItForwardsUntilInterrupted) {
     for (int const number : {SIGINT, SIGTERM}) {
         std::uint16_t const port = tcp::FreePort();
         Ran const ran = ExecuteAgainst(
@@ -96,7 +96,7 @@ TEST(Forward, AloneItForwardsUntilItIsInterrupted) {
     }
 }
 
-TEST(Forward, AnyNumberOfForwardingsIsStartedInTheirOrder) {
+TEST(Forward, ForwardingsAreStartedInOrder) {
     std::uint16_t const first = tcp::FreePort();
     std::uint16_t const second = tcp::FreePort();
     tcp::Service const service;
@@ -137,7 +137,7 @@ TEST(Forward, AnyNumberOfForwardingsIsStartedInTheirOrder) {
     EXPECT_EQ(ran.errors, "");
 }
 
-TEST(Forward, WrongArgumentsAreAnsweredByTheUsage) {
+TEST(Forward, WrongArgumentsPrintTheUsage) {
     for (char const* arguments :
          {"", "host", "host true", "host -L", "host -L 8080:80:80", "host -R 1:a:2 -L", "host -X 1:a:2"}) {
         Ran const ran = Execute(FORWARD, arguments);
@@ -146,7 +146,7 @@ TEST(Forward, WrongArgumentsAreAnsweredByTheUsage) {
     }
 }
 
-TEST(Forward, ForwardingThatFailsIsNamed) {
+TEST(Forward, FailedForwardingIsNamed) {
     tcp::Service const taken;
     std::string const spec = "127.0.0.1:" + std::to_string(taken.Port()) + ":target:8000";
     EXPECT_THAT(ExecuteAgainst(
@@ -166,7 +166,7 @@ TEST(Forward, ForwardingThatFailsIsNamed) {
                 Fails(13, "9000:here:80: refused, or forwarded already"));
 }
 
-TEST(Forward, RefusedChannelIsTold) {
+TEST(Forward, RefusedChannelIsReported) {
     EXPECT_THAT(ExecuteAgainst(
                     [](Connection& c) {
                         c.WellBehaved(Stage::Authenticated);

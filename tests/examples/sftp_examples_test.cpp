@@ -71,7 +71,7 @@ TEST_F(SftpExamples, LsListsInTheLongForm) {
     EXPECT_THAT(Run(SFTP_LS, There("empty")), Succeeds());
 }
 
-TEST_F(SftpExamples, LsTellsWhatFailed) {
+TEST_F(SftpExamples, LsReportsFailures) {
     EXPECT_THAT(Run(SFTP_LS, There("missing")), Fails(11, There("missing") + ": No such file"));
     EXPECT_THAT(Run(SFTP_LS, "'" + There("x*") + "'"), Fails(11, There("x*") + ": nothing matches"));
 }
@@ -88,7 +88,7 @@ TEST_F(SftpExamples, CopyPutsAndGetsFiles) {
     EXPECT_EQ(ModeOf(Here("back/a")), 0640u);
 }
 
-TEST_F(SftpExamples, CopyTakesPatterns) {
+TEST_F(SftpExamples, CopyAcceptsPatterns) {
     for (char const* name : {"a1", "a2", "b"}) WriteFile(Here(name), name);
     EXPECT_THAT(Run(SFTP_COPY, "put '" + Here("a?") + "' " + There()), Succeeds());
     EXPECT_EQ(ReadFile(There("a1")) + ReadFile(There("a2")), "a1a2");
@@ -99,7 +99,7 @@ TEST_F(SftpExamples, CopyTakesPatterns) {
     EXPECT_FALSE(std::filesystem::exists(Here("back/a1")));
 }
 
-TEST_F(SftpExamples, CopyWalksThroughDirectories) {
+TEST_F(SftpExamples, CopyRecursesIntoDirectories) {
     std::filesystem::create_directories(Here("tree/sub/deep"));
     WriteFile(Here("tree/one"), "1", 0600);
     WriteFile(Here("tree/.two"), "2", 0640);
@@ -119,7 +119,7 @@ TEST_F(SftpExamples, CopyWalksThroughDirectories) {
     EXPECT_FALSE(std::filesystem::exists(Here("back/tree/link")));
 }
 
-TEST_F(SftpExamples, CopyGoesOnAfterWhatFails) {
+TEST_F(SftpExamples, CopyContinuesAfterFailures) {
     WriteFile(There("a"), "1");
     EXPECT_THAT(Run(SFTP_COPY, "get " + There("missing") + " " + There("a") + " " + Here()),
                 Fails(10, There("missing") + ": No such file"));
@@ -144,7 +144,7 @@ TEST_F(SftpExamples, CopyNoticesThatAFileCannotGrow) {
                 Fails(10, Here("file") + ": File too large"));
 }
 
-TEST_F(SftpExamples, ChangeDoesOneThing) {
+TEST_F(SftpExamples, ChangeAppliesOneOperation) {
     EXPECT_THAT(Run(SFTP_CHANGE, "mkdir " + There("made")), Succeeds());
     EXPECT_TRUE(std::filesystem::is_directory(There("made")));
     WriteFile(There("made/old"), "content");
@@ -388,17 +388,17 @@ TEST(SftpExamplesAgainstMalice, FileCutShortIsNoticed) {
                 Fails(10, "/file: incomplete, 8 bytes there and 5 here"));
 }
 
-TEST(SftpExamplesAgainstMalice, NothingSteersTheTerminal) {
+TEST(SftpExamplesAgainstMalice, TerminalControlCharactersAreNotPrinted) {
     EXPECT_EQ(RunAgainst({{"/tree", {"\033[2J", "new\nline"}}}, SFTP_LS, "/tree").output,
               "long ?[2J\nlong new?line\n");
     EXPECT_THAT(RunAgainst({}, SFTP_CHANGE, "mkdir /x"), Fails(12, "/x: ?[31mno?"));
 }
 
-TEST(SftpExamplesAgainstMalice, RefusalWithoutWordsHasItsCode) {
+TEST(SftpExamplesAgainstMalice, RefusalWithoutATextPrintsItsCode) {
     EXPECT_THAT(RunAgainst({}, SFTP_CHANGE, "rmdir /x"), Fails(12, "/x: refused with code 77"));
 }
 
-TEST(SftpExamplesUsage, WrongArgumentsAreAnsweredByIt) {
+TEST(SftpExamplesUsage, WrongArgumentsPrintTheUsage) {
     auto const expect = [](std::string const& program, std::string const& arguments,
                            std::string const& usage) {
         Ran const ran = Execute(program, arguments);
@@ -414,7 +414,7 @@ TEST(SftpExamplesUsage, WrongArgumentsAreAnsweredByIt) {
         expect(SFTP_CHANGE, arguments, "sftp_change");
 }
 
-TEST(SftpExamplesRefused, ChannelIsTold) {
+TEST(SftpExamplesRefused, RefusedChannelIsReported) {
     ServerSettings settings;
     settings.group = DhGroup::Modp(1024);
     settings.noneAccepted = true;

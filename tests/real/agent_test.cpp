@@ -67,7 +67,7 @@ std::unique_ptr<servers::TemporaryDirectory> RealAgent::_keys;
 
 } // namespace
 
-TEST_F(RealAgent, EmptyOneHoldsNothing) {
+TEST_F(RealAgent, EmptyAgentListsNothing) {
     SshAgentAccess access(nullptr);
     SshAgentAccess::Iterator identity(access);
     EXPECT_FALSE(identity);
@@ -75,7 +75,7 @@ TEST_F(RealAgent, EmptyOneHoldsNothing) {
     EXPECT_EQ(access.IsAvailable(ReadPublic("user_rsa")), 0);
 }
 
-TEST_F(RealAgent, ListsWhatSshAddPutIn) {
+TEST_F(RealAgent, ListsKeysAddedBySshAdd) {
     for (char const* name : KEYS) agent->Add(File(name));
     SshAgentAccess access(nullptr);
     std::string listed;
@@ -90,7 +90,7 @@ TEST_F(RealAgent, ListsWhatSshAddPutIn) {
     EXPECT_EQ(access.IsAvailable(ReadPublic("host_rsa")), 0);
 }
 
-TEST_F(RealAgent, TakesAndGivesUpKeys) {
+TEST_F(RealAgent, KeysAreAddedAndRemoved) {
     SshAgentAccess access(nullptr);
     for (char const* name : KEYS) {
         PrivateKey key;
@@ -105,7 +105,7 @@ TEST_F(RealAgent, TakesAndGivesUpKeys) {
     EXPECT_EQ(agent->List(), "");
 }
 
-TEST_F(RealAgent, SignsSoThatTheSignatureVerifies) {
+TEST_F(RealAgent, SignatureVerifies) {
     SshAgentAccess access(nullptr);
     for (char const* name : KEYS) {
         agent->Add(File(name));
@@ -117,7 +117,7 @@ TEST_F(RealAgent, SignsSoThatTheSignatureVerifies) {
     }
 }
 
-TEST_F(RealAgent, RefusesToSignWithAKeyThatItLacks) {
+TEST_F(RealAgent, UnknownKeyIsNotSignedWith) {
     SshAgentAccess access(nullptr);
     PublicKey const key = ReadPublic("user_rsa");
     Signature signature(key._rep->Type());
@@ -125,7 +125,7 @@ TEST_F(RealAgent, RefusesToSignWithAKeyThatItLacks) {
     EXPECT_EQ(signature._rep->Encode().Length(), 0u);
 }
 
-TEST_F(RealAgent, LockedOneRefusesEverything) {
+TEST_F(RealAgent, LockedAgentRefusesEverything) {
     agent->Add(File("user_rsa"));
     SshAgentAccess access(nullptr);
     PublicKey const key = ReadPublic("user_rsa");
@@ -138,7 +138,7 @@ TEST_F(RealAgent, LockedOneRefusesEverything) {
     EXPECT_EQ(access.IsAvailable(key), 1);
 }
 
-TEST_F(RealAgent, DeathOfTheAgentHurtsNobody) {
+TEST_F(RealAgent, DeadAgentIsAFailureResult) {
     SshAgentAccess access(nullptr);
     EXPECT_EQ(access.Clear(), 0);
     agent.reset();

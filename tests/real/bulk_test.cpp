@@ -37,16 +37,16 @@ constexpr long GROWTH_LIMIT_KIB = BUILT_WITH_SANITIZER ? 16384 : 4096;
 
 /// Bytes among which none can be lost, doubled or moved unseen: the key stream of AES in counter mode, with a
 /// key and a counter of zeros.
-class Pattern {
+class ByteSource {
 public:
-    Pattern() : _context(EVP_CIPHER_CTX_new()) {
+    ByteSource() : _context(EVP_CIPHER_CTX_new()) {
         std::array<unsigned char, 16> const zeros{};
         if (EVP_EncryptInit_ex(_context, EVP_aes_128_ctr(), nullptr, zeros.data(), zeros.data()) != 1)
             throw std::runtime_error("EVP_EncryptInit_ex");
     }
-    ~Pattern() { EVP_CIPHER_CTX_free(_context); }
-    Pattern(Pattern const&) = delete;
-    Pattern& operator=(Pattern const&) = delete;
+    ~ByteSource() { EVP_CIPHER_CTX_free(_context); }
+    ByteSource(ByteSource const&) = delete;
+    ByteSource& operator=(ByteSource const&) = delete;
 
     unsigned char const* Next(std::size_t count) {
         int written = 0;
@@ -102,7 +102,7 @@ struct Arrival {
 
 Arrival ReadPattern(int fd) {
     Arrival arrival;
-    Pattern pattern;
+    ByteSource pattern;
     std::vector<char> piece(PIECE);
     for (std::size_t number = 1;; ++number) {
         ssize_t const count = read(fd, piece.data(), piece.size());
@@ -116,7 +116,7 @@ Arrival ReadPattern(int fd) {
 
 /// How many bytes could be written.
 std::size_t WritePattern(int fd, std::size_t total = BULK) {
-    Pattern pattern;
+    ByteSource pattern;
     for (std::size_t done = 0; done < total; done += PIECE) {
         unsigned char const* bytes = pattern.Next(PIECE);
         for (std::size_t at = 0; at < PIECE;) {
@@ -166,9 +166,9 @@ private:
 
 } // namespace
 
-TEST_F(Bulk, OutputArrivesWhole) {
+TEST_F(Bulk, OutputArrivesComplete) {
     Pipe output;
-    auto const session = client.StartCommand(Pattern::Command(BULK), -1, output.Writer());
+    auto const session = client.StartCommand(ByteSource::Command(BULK), -1, output.Writer());
     output.CloseWriter();
     Arrival const arrival = ReadPattern(output.Reader());
     EXPECT_EQ(arrival.count, BULK);
@@ -176,9 +176,9 @@ TEST_F(Bulk, OutputArrivesWhole) {
     ExpectFlat(client.ReportOf(*session));
 }
 
-TEST_F(Bulk, InputArrivesWhole) {
+TEST_F(Bulk, InputArrivesComplete) {
     Pipe input, output;
-    auto const session = client.StartCommand("cmp - <(" + Pattern::Command(BULK) + ") && echo the same",
+    auto const session = client.StartCommand("cmp - <(" + ByteSource::Command(BULK) + ") && echo the same",
                                              input.Reader(), output.Writer());
     input.CloseReader();
     output.CloseWriter();
@@ -194,7 +194,7 @@ TEST_F(Bulk, InputArrivesWhole) {
     ExpectFlat(client.ReportOf(*session));
 }
 
-TEST_F(Bulk, ForwardedConnectionArrivesWholeBothWays) {
+TEST_F(Bulk, ForwardedConnectionIsCompleteBothWays) {
     tcp::Service const service;
     client.WithLocalForwarding("127.0.0.1:0:127.0.0.1:" + std::to_string(service.Port()));
     client::Forwarding forwarding(client);

@@ -1,4 +1,4 @@
-// The library with Dropbear, which leaves it no method of key exchange that leads to keys.
+// The library with Dropbear, with which no method of key exchange succeeds.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ TEST_F(Dropbear, SendsItsKexinitUnprompted) {
     EXPECT_EQ(FirstMessageUnprompted(TheServer()), KEXINIT);
 }
 
-TEST_F(Dropbear, FixedGroupLeadsToNoKeys) {
+TEST_F(Dropbear, FixedGroupIsRefused) {
     client::SessionClient const client(TheServer());
     client::Report const report = client.LogIn();
     EXPECT_EQ(report["connect"], "0");

@@ -48,12 +48,13 @@ void ExpectClean(Report const& report) {
 }
 
 /// The two ends of a forwarded connection: that of the program here, and that of the service.
-struct Joined {
+struct Attached {
     tcp::End local;
     tcp::End remote;
 };
 
-/// One server for all cases, and for each case a service of the test's own that a forwarding leads to.
+/// One server for all cases, and for each case a service of the test's own that is the target of a
+/// forwarding.
 template <class Kind>
 class ForwardingCase : public servers::ServerSuite<typename Kind::Server> {
 protected:
@@ -66,7 +67,7 @@ protected:
     Forwarding& ForwardToService() { return ForwardTo(service.Port()); }
 
     tcp::End Connect() const { return tcp::End::To(forwarding->Port()); }
-    Joined Join() const {
+    Attached Join() const {
         tcp::End local = Connect();
         return {std::move(local), service.Accept()};
     }
@@ -84,13 +85,13 @@ protected:
 };
 
 template <class Kind>
-class LocalForwarding : public ForwardingCase<Kind> {};
+class RealLocalForwarding : public ForwardingCase<Kind> {};
 using AllKinds = testing::Types<Asyncssh, Paramiko, Openssh>;
-TYPED_TEST_SUITE(LocalForwarding, AllKinds, Names);
+TYPED_TEST_SUITE(RealLocalForwarding, AllKinds, Names);
 
-TYPED_TEST(LocalForwarding, BytesComeBackFromAnEchoServer) {
+TYPED_TEST(RealLocalForwarding, EchoServerReturnsTheBytes) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     std::thread echo([&] {
         for (std::string bytes; !(bytes = ends.remote.Receive(1)).empty();) ends.remote.Send(bytes);
         ends.remote.Close();
@@ -105,7 +106,7 @@ TYPED_TEST(LocalForwarding, BytesComeBackFromAnEchoServer) {
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, CurlFetchesPages) {
+TYPED_TEST(RealLocalForwarding, CurlFetchesPages) {
     support::TemporaryDirectory files;
     std::string page(3'000'000, 'p');
     page += "end";
@@ -133,7 +134,7 @@ TYPED_TEST(LocalForwarding, CurlFetchesPages) {
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, RefusedConnectionIsClosed) {
+TYPED_TEST(RealLocalForwarding, RefusedConnectionIsClosed) {
     this->ForwardTo(tcp::FreePort());
     for (int tried = 0; tried < 3; ++tried) {
         tcp::End const local = this->Connect();
@@ -143,9 +144,9 @@ TYPED_TEST(LocalForwarding, RefusedConnectionIsClosed) {
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, ServiceThatResetsEndsTheConnection) {
+TYPED_TEST(RealLocalForwarding, ServiceThatResetsEndsTheConnection) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     ends.local.Send("request");
     EXPECT_EQ(ends.remote.Receive(7), "request");
     ends.remote.Reset();
@@ -154,9 +155,9 @@ TYPED_TEST(LocalForwarding, ServiceThatResetsEndsTheConnection) {
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, ProgramThatResetsEndsTheConnection) {
+TYPED_TEST(RealLocalForwarding, ProgramThatResetsEndsTheConnection) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     ends.local.Send("request");
     EXPECT_EQ(ends.remote.Receive(7), "request");
     ends.local.Reset();
@@ -168,9 +169,9 @@ TYPED_TEST(LocalForwarding, ProgramThatResetsEndsTheConnection) {
     EXPECT_THAT(report.errors, HasSubstr("Connection reset by peer"));
 }
 
-TYPED_TEST(LocalForwarding, AnswerComesAfterTheProgramsEnd) {
+TYPED_TEST(RealLocalForwarding, AnswerArrivesAfterTheProgramsEof) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     ends.local.Send("request");
     ends.local.EndSending();
     EXPECT_EQ(ends.remote.ReceiveAll(), "request");
@@ -184,9 +185,9 @@ TYPED_TEST(LocalForwarding, AnswerComesAfterTheProgramsEnd) {
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, ServicesEndIsThatOfBothDirections) {
+TYPED_TEST(RealLocalForwarding, EofOfTheServiceEndsBothDirections) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     ends.remote.Send("goodbye");
     ends.remote.EndSending();
     EXPECT_EQ(ends.local.ReceiveAll(), "goodbye");
@@ -194,26 +195,26 @@ TYPED_TEST(LocalForwarding, ServicesEndIsThatOfBothDirections) {
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, SilentConnectionEndsWithTheProgram) {
+TYPED_TEST(RealLocalForwarding, SilentConnectionEndsWithTheProgram) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     ends.local.Close();
     EXPECT_TRUE(ends.remote.IsClosedByPeer());
     ends.remote.Close();
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, SilentConnectionEndsWithTheService) {
+TYPED_TEST(RealLocalForwarding, SilentConnectionEndsWithTheService) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     ends.remote.Close();
     EXPECT_TRUE(ends.local.IsClosedByPeer());
     this->ExpectNothingLeft();
 }
 
-TYPED_TEST(LocalForwarding, SilentConnectionEndsWithTheSession) {
+TYPED_TEST(RealLocalForwarding, SilentConnectionEndsWithTheSession) {
     this->ForwardToService();
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     this->forwarding->AwaitConnections(1);
     Report const report = this->forwarding->End();
     EXPECT_EQ(report["run"], "-1") << report;
@@ -241,7 +242,7 @@ void Echo(tcp::End& end) {
 }
 
 /// Sends a mebibyte through an echo service; whether it comes back.
-bool ComesBack(Joined& ends, unsigned int seed) {
+bool ComesBack(Attached& ends, unsigned int seed) {
     std::string const sent = Noise(seed, MEBIBYTE);
     std::thread echo([&] { Echo(ends.remote); });
     std::thread sender([&] {
@@ -260,7 +261,7 @@ class ManyForwardings : public ForwardingCase<Kind> {
 protected:
     /// Opens so many connections while nothing flows, then uses them all at once.
     void ExpectRound(unsigned int round, unsigned int count) {
-        std::vector<Joined> connections;
+        std::vector<Attached> connections;
         for (unsigned int i = 0; i < count; ++i) connections.push_back(this->Join());
         this->forwarding->AwaitConnections(count);
         std::atomic<unsigned int> right{0};
@@ -281,10 +282,10 @@ TYPED_TEST(ManyForwardings, FourRoundsOfFiftyConnectionsLeaveNothing) {
     this->ExpectNothingLeft();
 }
 
-/// Keeps a connection busy: its service sends without a pause until told to end.
+/// Keeps a connection busy: its service sends without a pause until it is stopped.
 class Flood {
 public:
-    explicit Flood(Joined ends) : _ends(std::move(ends)) {
+    explicit Flood(Attached ends) : _ends(std::move(ends)) {
         _sender = std::thread([this] {
             std::string const piece(65536, 'f');
             for (; !_isOver; _sent += piece.size()) _ends.remote.Send(piece);
@@ -308,7 +309,7 @@ public:
     std::size_t Received() const { return _received; }
 
 private:
-    Joined _ends;
+    Attached _ends;
     std::atomic<bool> _isOver{false};
     std::atomic<std::size_t> _sent{0};
     std::atomic<std::size_t> _received{0};
@@ -317,36 +318,36 @@ private:
 };
 
 /// Whether a byte of the program reaches the service, rather than that the program's end is closed.
-bool IsJoined(Joined const& ends) {
+bool IsAttached(Attached const& ends) {
     send(ends.local.Fd(), "x", 1, MSG_NOSIGNAL);
     std::array<pollfd, 2> records{pollfd{ends.remote.Fd(), POLLIN, 0}, pollfd{ends.local.Fd(), POLLIN, 0}};
     if (poll(records.data(), records.size(), 30'000) < 1)
-        throw std::runtime_error("neither joined nor dropped");
+        throw std::runtime_error("neither attached nor dropped");
     return records[0].revents & POLLIN;
 }
 
-TYPED_TEST(ManyForwardings, ConnectionAmidTrafficIsDroppedCleanly) {
+TYPED_TEST(ManyForwardings, ConnectionDuringTrafficIsDroppedCleanly) {
     this->ForwardToService();
-    std::vector<Joined> connections; // the server keeps its half of those that are dropped
-    Joined quiet = this->Join();
+    std::vector<Attached> connections; // the server keeps its half of those that are dropped
+    Attached quiet = this->Join();
     Flood flood(this->Join());
     client::WaitUntil(this->forwarding->Process(), [&] { return flood.Received() > MEBIBYTE; });
-    unsigned int joined = 0, dropped = 0;
-    while (dropped == 0 && joined < 100) {
+    unsigned int attached = 0, dropped = 0;
+    while (dropped == 0 && attached < 100) {
         connections.push_back(this->Join());
-        ++(IsJoined(connections.back()) ? joined : dropped);
+        ++(IsAttached(connections.back()) ? attached : dropped);
     }
     EXPECT_EQ(dropped, 1u);
     EXPECT_TRUE(connections.back().local.IsClosedByPeer());
-    this->forwarding->AwaitConnections(2 + joined);
+    this->forwarding->AwaitConnections(2 + attached);
     flood.End();
     EXPECT_EQ(flood.Received(), flood.Sent());
-    this->forwarding->AwaitConnections(1 + joined);
+    this->forwarding->AwaitConnections(1 + attached);
     EXPECT_TRUE(ComesBack(quiet, 1));
-    for (unsigned int i = 0; i < joined; ++i) connections[i].local.Close();
-    for (unsigned int i = 0; i < joined; ++i) connections[i].remote.Close();
+    for (unsigned int i = 0; i < attached; ++i) connections[i].local.Close();
+    for (unsigned int i = 0; i < attached; ++i) connections[i].remote.Close();
     this->forwarding->AwaitConnections(0);
-    Joined late = this->Join();
+    Attached late = this->Join();
     EXPECT_TRUE(ComesBack(late, 2));
     this->forwarding->AwaitConnections(0);
     Report const report = this->forwarding->End();
@@ -355,17 +356,17 @@ TYPED_TEST(ManyForwardings, ConnectionAmidTrafficIsDroppedCleanly) {
 }
 
 template <class Kind>
-class RemoteForwarding : public ForwardingCase<Kind> {
+class RealRemoteForwarding : public ForwardingCase<Kind> {
 protected:
-    RemoteForwarding() {
+    RealRemoteForwarding() {
         this->client.WithRemoteForwarding("127.0.0.1:" + std::to_string(port) +
                                           ":127.0.0.1:" + std::to_string(this->service.Port()));
     }
     std::uint16_t const port = tcp::FreePort();
 };
-TYPED_TEST_SUITE(RemoteForwarding, LargeKinds, Names);
+TYPED_TEST_SUITE(RealRemoteForwarding, LargeKinds, Names);
 
-TYPED_TEST(RemoteForwarding, ChannelWithTheOriginatorsAddressEndsTheRun) {
+TYPED_TEST(RealRemoteForwarding, ChannelWithTheOriginatorsAddressEndsTheRun) {
     Forwarding session(this->client);
     tcp::End const caller = tcp::End::To(this->port);
     Report const report = session.Await();
@@ -379,19 +380,19 @@ TYPED_TEST(RemoteForwarding, ChannelWithTheOriginatorsAddressEndsTheRun) {
     EXPECT_TRUE(caller.IsClosedByPeer());
 }
 
-TYPED_TEST(RemoteForwarding, PortInUseIsRefusedAndTheSessionGoesOn) {
+TYPED_TEST(RealRemoteForwarding, PortInUseIsRefusedAndTheSessionContinues) {
     tcp::Service const taken;
     this->client.WithRemoteForwarding("127.0.0.1:" + std::to_string(taken.Port()) + ":127.0.0.1:1");
     this->ForwardToService();
     EXPECT_EQ(this->client.ReportSoFar()["remote"], "-1");
-    Joined ends = this->Join();
+    Attached ends = this->Join();
     EXPECT_TRUE(ComesBack(ends, 3));
     this->ExpectNothingLeft();
 }
 
 } // namespace
 
-TEST(RemoteForwardingParamiko, AnswerWithAPortIsRefusedByTheDecoder) {
+TEST(RealRemoteForwardingParamiko, AnswerWithAPortIsRefusedByTheDecoder) {
     servers::ParamikoServer const server;
     SessionClient client(server);
     client.WithKey("user_rsa")
@@ -407,7 +408,7 @@ TEST(RemoteForwardingParamiko, AnswerWithAPortIsRefusedByTheDecoder) {
 }
 
 // It denies the channel with CHANNEL_OPEN_FAILURE, and then ends its connection.
-TEST(ForwardingProftpd, ConnectionIsRefusedAndDropped) {
+TEST(RealForwardingProftpd, ConnectionIsRefusedAndDropped) {
     servers::ProftpdServer const server;
     SessionClient client(server);
     tcp::Service const service;

@@ -124,7 +124,7 @@ std::string FromBase64(std::string const& text) {
 }
 
 /// A key certificate in OpenSSH's format: the one thing with a signature under SHA-1 that ssh-keygen reads.
-/// It ends with the signature over all that stands before.
+/// It ends with the signature over all before it.
 struct Certificate {
     std::string body;
     std::string signature;
@@ -177,7 +177,7 @@ private:
 
 } // namespace
 
-TEST_F(Keygen, FindsTheHostsLearnt) {
+TEST_F(Keygen, FindsLearntHosts) {
     ASSERT_TRUE(Trusts("host", 22, "host_rsa"));
     ASSERT_TRUE(Trusts("host", 2222, "host_dsa"));
     EXPECT_EQ(Find("host").output, "# Host host found: line 1 \nhost " + Words("host_rsa") + "\n");
@@ -187,7 +187,7 @@ TEST_F(Keygen, FindsTheHostsLearnt) {
     EXPECT_NE(Find("other").status, 0);
 }
 
-TEST_F(Keygen, ReadsTheKeysLearnt) {
+TEST_F(Keygen, ReadsLearntKeys) {
     std::vector<std::string> expected;
     for (std::string const key : {"host_rsa", "host_dsa", "user_rsa"}) {
         ASSERT_TRUE(Trusts(key.c_str(), 22, key));
@@ -198,7 +198,7 @@ TEST_F(Keygen, ReadsTheKeysLearnt) {
     EXPECT_EQ(Fingerprints(KnownHostsFile()), expected);
 }
 
-TEST_F(Keygen, HostThatItRemovesIsLearntAgain) {
+TEST_F(Keygen, RemovedHostIsLearntAgain) {
     ASSERT_TRUE(Trusts("host", 22, "host_dsa"));
     ASSERT_TRUE(Trusts("host", 2222, "host_rsa"));
     ASSERT_FALSE(Trusts("host", 2222, "user_rsa"));
@@ -208,7 +208,7 @@ TEST_F(Keygen, HostThatItRemovesIsLearntAgain) {
     EXPECT_THAT(Find("[host]:2222").output, HasSubstr(Words("user_rsa")));
 }
 
-TEST_F(Keygen, HostThatItHashesIsUnknown) {
+TEST_F(Keygen, HashedHostIsUnknown) {
     ASSERT_TRUE(Trusts("host", 22, "host_rsa"));
     ASSERT_EQ(SshKeygen({"-H", "-f", KnownHostsFile()}).status, 0);
     ASSERT_THAT(servers::ReadFile(KnownHostsFile()), StartsWith("|1|"));

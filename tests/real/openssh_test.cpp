@@ -27,19 +27,21 @@ protected:
 
 } // namespace
 
-TEST_F(Openssh, LetsOpenUserInWithNothing) { ExpectOpenUserNeedsNothing(ThePeer(), TheServer().OpenUser()); }
-TEST_F(Openssh, TakesKeys) { ExpectKeyLogins(ThePeer()); }
-TEST_F(Openssh, TakesEncryptedKeysWithTheirPassphrase) { ExpectEncryptedKeyLogins(ThePeer()); }
+TEST_F(Openssh, AcceptsAUserWithoutCredentials) {
+    ExpectOpenUserNeedsNothing(ThePeer(), TheServer().OpenUser());
+}
+TEST_F(Openssh, AcceptsKeys) { ExpectKeyLogins(ThePeer()); }
+TEST_F(Openssh, AcceptsEncryptedKeysWithTheirPassphrase) { ExpectEncryptedKeyLogins(ThePeer()); }
 TEST_F(Openssh, RefusesWrongPassphrase) { ExpectWrongPassphraseRefused(ThePeer()); }
-TEST_F(Openssh, TakesDefaultKeys) { ExpectDefaultKeyLogins(ThePeer()); }
-TEST_F(Openssh, TakesKeysOfAnAgent) { ExpectAgentLogins(ThePeer()); }
+TEST_F(Openssh, AcceptsDefaultKeys) { ExpectDefaultKeyLogins(ThePeer()); }
+TEST_F(Openssh, AcceptsKeysOfAnAgent) { ExpectAgentLogins(ThePeer()); }
 TEST_F(Openssh, RefusesUnknownKey) { ExpectUnknownKeyRefused(ThePeer()); }
-TEST_F(Openssh, TakesThePassword) { ExpectPasswordLogin(ThePeer()); }
-TEST_F(Openssh, RefusesAnotherPassword) { ExpectWrongPasswordRefused(ThePeer()); }
-TEST_F(Openssh, TakesThePasswordTyped) { ExpectPasswordTypedOnTheTerminal(ThePeer()); }
+TEST_F(Openssh, AcceptsThePassword) { ExpectPasswordLogin(ThePeer()); }
+TEST_F(Openssh, RefusesAWrongPassword) { ExpectWrongPasswordRefused(ThePeer()); }
+TEST_F(Openssh, AcceptsATypedPassword) { ExpectPasswordTypedOnTheTerminal(ThePeer()); }
 // PAM has a second request, which asks nothing.
-TEST_F(Openssh, TakesKeyboardInteractive) { ExpectKeyboardInteractiveLogin(ThePeer(), "1,0"); }
-TEST_F(Openssh, RefusesAnotherAnswer) { ExpectWrongAnswerRefused(ThePeer()); }
+TEST_F(Openssh, AcceptsKeyboardInteractive) { ExpectKeyboardInteractiveLogin(ThePeer(), "1,0"); }
+TEST_F(Openssh, RefusesAWrongAnswer) { ExpectWrongAnswerRefused(ThePeer()); }
 
 TEST_F(Openssh, OpenThrowsOnMessagesAfterTheLogin) {
     std::string const expected = "SshProtocolError: expected either CHANNEL_OPEN_CONFIRMATION or "
@@ -58,7 +60,7 @@ TEST_F(Openssh, OpenThrowsOnMessagesAfterTheLogin) {
     }
 }
 
-TEST_F(Openssh, MessagesAfterTheLoginAreThese) {
+TEST_F(Openssh, MessagesAfterTheLoginAreKnown) {
     std::string const globalRequest = "80", debug = "4";
     SessionClient client(TheServer());
     EXPECT_EQ(client.WithKey("user_rsa").ReadingUnsolicited(3).LogIn()["unsolicited"],
@@ -71,10 +73,10 @@ TEST_F(Openssh, MessagesAfterTheLoginAreThese) {
 TEST_F(Openssh, HostIsLearntThenFound) { ExpectHostLearntThenFound(ThePeer(), "ssh-rsa", "host_rsa"); }
 TEST_F(Openssh, ChangedHostKeyIsRefused) { ExpectChangedHostKeyRefused(ThePeer()); }
 
-TEST_F(Openssh, InputComesBack) { ExpectInputComesBack(ThePeer()); }
-TEST_F(Openssh, ErrorOutputComesOnDescriptor1) { ExpectErrorOutputOnDescriptor1(ThePeer()); }
+TEST_F(Openssh, InputIsEchoed) { ExpectInputComesBack(ThePeer()); }
+TEST_F(Openssh, ErrorOutputIsWrittenToDescriptor1) { ExpectErrorOutputOnDescriptor1(ThePeer()); }
 TEST_F(Openssh, SignalEndsTheCommand) { ExpectEndedBySignal(ThePeer()); }
-TEST_F(Openssh, GivesAShellOnATerminal) { ExpectShellOnTerminal(ThePeer()); }
+TEST_F(Openssh, RunsAShellOnATerminal) { ExpectShellOnTerminal(ThePeer()); }
 
 namespace {
 
@@ -111,9 +113,9 @@ TEST(OpensshOtherChoices, CtrWithSha1) { ExpectAgreement({"aes128-ctr", "hmac-sh
 TEST(OpensshOtherChoices, CbcWithMd5AndDsaHostKey) { ExpectAgreement({"aes128-cbc", "hmac-md5", "ssh-dss"}); }
 TEST(OpensshOtherChoices, CtrWithShortSha1) { ExpectAgreement({"aes128-ctr", "hmac-sha1-96", "ssh-rsa"}); }
 
-TEST(OpensshLongKeys, OfCipherFailAtTheFirstPacket) {
+TEST(OpensshLongKeys, LongCipherKeysFailAtTheFirstPacket) {
     ExpectNoCommonKeys({"aes256-ctr", "hmac-sha1", "ssh-rsa"});
 }
-TEST(OpensshLongKeys, OfMacFailAtTheFirstPacket) {
+TEST(OpensshLongKeys, LongMacKeysFailAtTheFirstPacket) {
     ExpectNoCommonKeys({"aes128-ctr", "hmac-sha2-256", "ssh-rsa"});
 }

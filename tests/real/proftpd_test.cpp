@@ -53,12 +53,12 @@ void ExpectPasswordLogin(ProftpdServer const& server) {
 
 using Proftpd = servers::ServerSuite<ProftpdServer>;
 
-TEST_F(Proftpd, TakesKeys) { ExpectKeyLogins(TheServer()); }
-TEST_F(Proftpd, TakesEncryptedKey) {
+TEST_F(Proftpd, AcceptsKeys) { ExpectKeyLogins(TheServer()); }
+TEST_F(Proftpd, AcceptsAnEncryptedKey) {
     ExpectLogin(SessionClient(TheServer()).WithKey("user_rsa.openssh.encrypted", servers::KEY_PASSPHRASE));
 }
-TEST_F(Proftpd, TakesKeysOfAnAgent) { ExpectAgentLogins(TheServer()); }
-TEST_F(Proftpd, TakesThePassword) { ExpectPasswordLogin(TheServer()); }
+TEST_F(Proftpd, AcceptsKeysOfAnAgent) { ExpectAgentLogins(TheServer()); }
+TEST_F(Proftpd, AcceptsThePassword) { ExpectPasswordLogin(TheServer()); }
 TEST_F(Proftpd, RefusesUnknownKey) { ExpectUnknownKeyRefused({TheServer()}); }
 TEST_F(Proftpd, ChangedHostKeyIsRefused) { ExpectChangedHostKeyRefused({TheServer()}); }
 

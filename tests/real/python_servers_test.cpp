@@ -44,30 +44,30 @@ TYPED_TEST(PythonServer, AgreesOnTheFirstChoices) {
     EXPECT_EQ(report["mac"], "hmac-sha1,hmac-sha1");
 }
 
-TYPED_TEST(PythonServer, LetsOpenUserInWithNothing) {
+TYPED_TEST(PythonServer, AcceptsAUserWithoutCredentials) {
     ExpectOpenUserNeedsNothing(this->_peer, this->TheServer().OpenUser());
 }
-TYPED_TEST(PythonServer, TakesKeys) { ExpectKeyLogins(this->_peer); }
-TYPED_TEST(PythonServer, TakesEncryptedKeysWithTheirPassphrase) { ExpectEncryptedKeyLogins(this->_peer); }
+TYPED_TEST(PythonServer, AcceptsKeys) { ExpectKeyLogins(this->_peer); }
+TYPED_TEST(PythonServer, AcceptsEncryptedKeysWithTheirPassphrase) { ExpectEncryptedKeyLogins(this->_peer); }
 TYPED_TEST(PythonServer, RefusesWrongPassphrase) { ExpectWrongPassphraseRefused(this->_peer); }
-TYPED_TEST(PythonServer, TakesDefaultKeys) { ExpectDefaultKeyLogins(this->_peer); }
-TYPED_TEST(PythonServer, TakesKeysOfAnAgent) { ExpectAgentLogins(this->_peer); }
+TYPED_TEST(PythonServer, AcceptsDefaultKeys) { ExpectDefaultKeyLogins(this->_peer); }
+TYPED_TEST(PythonServer, AcceptsKeysOfAnAgent) { ExpectAgentLogins(this->_peer); }
 TYPED_TEST(PythonServer, RefusesUnknownKey) { ExpectUnknownKeyRefused(this->_peer); }
-TYPED_TEST(PythonServer, TakesThePassword) { ExpectPasswordLogin(this->_peer); }
-TYPED_TEST(PythonServer, RefusesAnotherPassword) { ExpectWrongPasswordRefused(this->_peer); }
-TYPED_TEST(PythonServer, TakesThePasswordTyped) { ExpectPasswordTypedOnTheTerminal(this->_peer); }
-TYPED_TEST(PythonServer, TakesKeyboardInteractive) { ExpectKeyboardInteractiveLogin(this->_peer, "1"); }
-TYPED_TEST(PythonServer, RefusesAnotherAnswer) { ExpectWrongAnswerRefused(this->_peer); }
+TYPED_TEST(PythonServer, AcceptsThePassword) { ExpectPasswordLogin(this->_peer); }
+TYPED_TEST(PythonServer, RefusesAWrongPassword) { ExpectWrongPasswordRefused(this->_peer); }
+TYPED_TEST(PythonServer, AcceptsATypedPassword) { ExpectPasswordTypedOnTheTerminal(this->_peer); }
+TYPED_TEST(PythonServer, AcceptsKeyboardInteractive) { ExpectKeyboardInteractiveLogin(this->_peer, "1"); }
+TYPED_TEST(PythonServer, RefusesAWrongAnswer) { ExpectWrongAnswerRefused(this->_peer); }
 
 TYPED_TEST(PythonServer, HostIsLearntThenFound) {
     ExpectHostLearntThenFound(this->_peer, "ssh-rsa", "host_rsa");
 }
 TYPED_TEST(PythonServer, ChangedHostKeyIsRefused) { ExpectChangedHostKeyRefused(this->_peer); }
 
-TYPED_TEST(PythonServer, InputComesBack) { ExpectInputComesBack(this->_peer); }
-TYPED_TEST(PythonServer, ErrorOutputComesOnDescriptor1) { ExpectErrorOutputOnDescriptor1(this->_peer); }
+TYPED_TEST(PythonServer, InputIsEchoed) { ExpectInputComesBack(this->_peer); }
+TYPED_TEST(PythonServer, ErrorOutputIsWrittenToDescriptor1) { ExpectErrorOutputOnDescriptor1(this->_peer); }
 TYPED_TEST(PythonServer, SignalEndsTheCommand) { ExpectEndedBySignal(this->_peer); }
-TYPED_TEST(PythonServer, GivesAShellOnATerminal) { ExpectShellOnTerminal(this->_peer); }
+TYPED_TEST(PythonServer, RunsAShellOnATerminal) { ExpectShellOnTerminal(this->_peer); }
 
 TYPED_TEST(PythonServer, BannerDsaHostKeyCbcAndAnotherMacWork) {
     std::string const banner = "a word before\n";

@@ -13,11 +13,13 @@
 
 #include <brantle/brantle.h>
 
+#include "support/pattern.h"
 #include "support/servers/openssh_server.h"
 #include "support/servers/proftpd_server.h"
 #include "support/servers/python_servers.h"
 #include "support/servers/server_suite.h"
 
+using support::Pattern;
 using testing::HasSubstr;
 
 namespace {
@@ -47,16 +49,6 @@ public:
         for (; unsolicited > 0; --unsolicited) AuthReadPacket();
     }
 };
-
-std::string Pattern(std::size_t size) {
-    std::string text(size, '\0');
-    unsigned int state = 1;
-    for (char& c : text) {
-        state = state * 1103515245u + 12345u;
-        c = static_cast<char>(state >> 16);
-    }
-    return text;
-}
 
 TOList<String_t> Names() {
     TOList<String_t> names;
@@ -131,24 +123,24 @@ protected:
     support::TemporaryDirectory back;
 };
 
-using Asyncssh = ScpWith<servers::AsyncsshServer>;
-using Paramiko = ScpWith<servers::ParamikoServer>;
-using Proftpd = ScpWith<servers::ProftpdServer>;
-using Openssh = ScpWith<servers::OpensshServer, 3>;
+using ScpAsyncssh = ScpWith<servers::AsyncsshServer>;
+using ScpParamiko = ScpWith<servers::ParamikoServer>;
+using ScpProftpd = ScpWith<servers::ProftpdServer>;
+using ScpOpenssh = ScpWith<servers::OpensshServer, 3>;
 
 } // namespace
 
-TEST_F(Asyncssh, FilesComeBackAsTheyWent) { ExpectRoundTrip(); }
-TEST_F(Asyncssh, OneFileMayTakeAnotherName) { ExpectOneFileUnderAnotherName(); }
-TEST_F(Asyncssh, ComplaintsAreThrown) { ExpectComplaints(); }
+TEST_F(ScpAsyncssh, FilesSurviveARoundTrip) { ExpectRoundTrip(); }
+TEST_F(ScpAsyncssh, FileMayBeRenamed) { ExpectOneFileUnderAnotherName(); }
+TEST_F(ScpAsyncssh, RemoteErrorsAreThrown) { ExpectComplaints(); }
 
-TEST_F(Paramiko, FilesComeBackAsTheyWent) { ExpectRoundTrip(); }
-TEST_F(Paramiko, OneFileMayTakeAnotherName) { ExpectOneFileUnderAnotherName(); }
-TEST_F(Paramiko, ComplaintsAreThrown) { ExpectComplaints(); }
+TEST_F(ScpParamiko, FilesSurviveARoundTrip) { ExpectRoundTrip(); }
+TEST_F(ScpParamiko, FileMayBeRenamed) { ExpectOneFileUnderAnotherName(); }
+TEST_F(ScpParamiko, RemoteErrorsAreThrown) { ExpectComplaints(); }
 
-TEST_F(Proftpd, FilesComeBackAsTheyWent) { ExpectRoundTrip(); }
-TEST_F(Proftpd, OneFileMayTakeAnotherName) { ExpectOneFileUnderAnotherName(); }
+TEST_F(ScpProftpd, FilesSurviveARoundTrip) { ExpectRoundTrip(); }
+TEST_F(ScpProftpd, FileMayBeRenamed) { ExpectOneFileUnderAnotherName(); }
 
 // sshd drops what exceeds its window, so what goes there stays below 2 MiB.
-TEST_F(Openssh, FilesArrive) { ExpectRoundTrip(); }
-TEST_F(Openssh, ComplaintsAreThrown) { ExpectComplaints(); }
+TEST_F(ScpOpenssh, FilesArrive) { ExpectRoundTrip(); }
+TEST_F(ScpOpenssh, RemoteErrorsAreThrown) { ExpectComplaints(); }

@@ -12,11 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "real/session_cases.h"
+#include "support/pattern.h"
 #include "support/servers/test_keys.h"
 
 using client::Report;
 using client::SessionClient;
 using servers::RealServer;
+using support::Pattern;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -25,17 +27,7 @@ namespace {
 std::string const STOPPED = "-1"; ///< the result of Run when the remote program has ended
 std::string const RSA_AND_DSA[] = {"user_rsa", "user_dsa"};
 
-std::string Pattern(std::size_t length) {
-    std::string text(length, '\0');
-    unsigned int state = 1;
-    std::generate(text.begin(), text.end(), [&state] {
-        state = state * 1103515245u + 12345u;
-        return static_cast<char>(state >> 16);
-    });
-    return text;
-}
-
-/// Logs in, runs a command, and finds nothing amiss.
+/// Logs in, runs a command, and expects success.
 Report RunCommand(Peer const& peer, SessionClient const& client, std::string const& command,
                   std::string const& input = {}) {
     Report const report = client.Run(command + peer.lastWords, input);
@@ -150,7 +142,7 @@ void ExpectWrongPasswordRefused(Peer const& peer) {
 }
 
 void ExpectPasswordTypedOnTheTerminal(Peer const& peer) {
-    client::Terminal terminal(80, 24);
+    support::Terminal terminal(80, 24);
     SessionClient client(peer.server);
     client.AskingForAPassword();
     auto const session = client.StartOnTerminal("login", terminal);
@@ -220,7 +212,7 @@ void ExpectEndedBySignal(Peer const& peer) {
 }
 
 void ExpectShellOnTerminal(Peer const& peer) {
-    client::Terminal terminal(133, 41);
+    support::Terminal terminal(133, 41);
     termios const before = terminal.Settings();
     SessionClient client(peer.server);
     client.WithKey("user_rsa").ReadingUnsolicited(peer.unsolicitedAfterKey).WithVariable("TERM=vt220");

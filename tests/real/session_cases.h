@@ -11,7 +11,7 @@
 /// A server, and what a program has to mind with it.
 struct Peer {
     servers::RealServer const& server;
-    unsigned int unsolicitedAfterKey = 0;  ///< packets that it sends of its own after a login with a key
+    unsigned int unsolicitedAfterKey = 0;  ///< packets that it sends unasked after a login with a key
     unsigned int unsolicitedOtherwise = 0; ///< and with any other method
     std::string banner{};                  ///< what it says before a login
     std::string lastWords{};               ///< what a command ends with, for its output to come out whole

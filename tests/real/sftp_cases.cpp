@@ -34,7 +34,7 @@ std::vector<std::string> NamesIn(DirEntries const& entries) {
     return names;
 }
 
-/// A call ends in minus the code of a refusal, and the status tells that refusal.
+/// Expects that a call returns the negated code of a refusal, and that the status holds it.
 void ExpectRefused(Visit& visit, Refusal const& refusal, std::function<int()> const& call,
                    std::string const& what) {
     visit.status = SftpStatus();
@@ -67,7 +67,7 @@ gid_t OtherGroup(SftpPeer const& peer) {
 
 } // namespace
 
-void ExpectStartLeadsHome(SftpPeer const& peer) {
+void ExpectStartIsInTheHomeDirectory(SftpPeer const& peer) {
     Visit visit(peer);
     EXPECT_EQ(visit.Cd(visit.status, ""), 0);
     EXPECT_EQ(std::filesystem::canonical(visit.RemoteDir().Text()), std::filesystem::canonical(peer.home));

@@ -10,7 +10,7 @@
 
 #include "support/servers/real_server.h"
 
-/// A refusal as its server tells it.
+/// A refusal as its server words it.
 struct Refusal {
     int code;
     std::string words;
@@ -19,7 +19,7 @@ struct Refusal {
 /// The SFTP of a server, and how it differs from that of others.
 struct SftpPeer {
     servers::RealServer const& server;
-    unsigned int unsolicited; ///< packets that the server sends of its own after the login
+    unsigned int unsolicited; ///< packets that the server sends unasked after the login
     std::string home;         ///< where a session begins
     uid_t uid;                ///< whose the files are that it makes
     gid_t gid;
@@ -32,7 +32,7 @@ struct SftpPeer {
     bool linksAreFollowed = false; ///< by Lstat too, and Readlink gives an absolute name
 };
 
-void ExpectStartLeadsHome(SftpPeer const& peer);
+void ExpectStartIsInTheHomeDirectory(SftpPeer const& peer);
 void ExpectCdFollowsTheServer(SftpPeer const& peer);
 void ExpectDirectoriesMadeAndRemoved(SftpPeer const& peer);
 void ExpectFilesRemoved(SftpPeer const& peer);

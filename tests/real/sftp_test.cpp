@@ -89,12 +89,12 @@ struct Names {
 TYPED_TEST_SUITE(Sftp, Servers, Names);
 TYPED_TEST_SUITE(SftpOwners, SftpServers, Names);
 
-TYPED_TEST(Sftp, StartLeadsHome) { ExpectStartLeadsHome(this->ThePeer()); }
+TYPED_TEST(Sftp, StartIsInTheHomeDirectory) { ExpectStartIsInTheHomeDirectory(this->ThePeer()); }
 TYPED_TEST(Sftp, CdFollowsTheServer) { ExpectCdFollowsTheServer(this->ThePeer()); }
-TYPED_TEST(Sftp, DirectoriesAreMadeAndRemoved) { ExpectDirectoriesMadeAndRemoved(this->ThePeer()); }
+TYPED_TEST(Sftp, DirectoriesAreCreatedAndRemoved) { ExpectDirectoriesMadeAndRemoved(this->ThePeer()); }
 TYPED_TEST(Sftp, FilesAreRemoved) { ExpectFilesRemoved(this->ThePeer()); }
 TYPED_TEST(Sftp, FilesAreRenamed) { ExpectFilesRenamed(this->ThePeer()); }
-TYPED_TEST(Sftp, LinksAreMadeAndRead) { ExpectLinksMadeAndRead(this->ThePeer()); }
+TYPED_TEST(Sftp, LinksAreCreatedAndRead) { ExpectLinksMadeAndRead(this->ThePeer()); }
 TYPED_TEST(Sftp, AttributesAreRead) { ExpectAttributesRead(this->ThePeer()); }
 TYPED_TEST(Sftp, ModesAreChanged) { ExpectModesChanged(this->ThePeer()); }
 TYPED_TEST(Sftp, DirectoryIsListed) { ExpectDirectoryListed(this->ThePeer()); }
@@ -102,9 +102,9 @@ TYPED_TEST(Sftp, FilesAreListedByName) { ExpectFilesListedByName(this->ThePeer()
 TYPED_TEST(Sftp, NamesAreFound) { ExpectNamesFound(this->ThePeer()); }
 TYPED_TEST(Sftp, ManyEntriesAreListed) { ExpectManyEntriesListed(this->ThePeer()); }
 TYPED_TEST(Sftp, MissingFilesAreRefused) { ExpectMissingFilesRefused(this->ThePeer()); }
-TYPED_TEST(Sftp, OtherRefusalsAreTold) { ExpectOtherRefusals(this->ThePeer()); }
+TYPED_TEST(Sftp, OtherRefusalsAreReported) { ExpectOtherRefusals(this->ThePeer()); }
 
-TYPED_TEST(Sftp, FilesComeBackAsTheyWent) { ExpectRoundTrip(this->ThePeer()); }
+TYPED_TEST(Sftp, FilesSurviveARoundTrip) { ExpectRoundTrip(this->ThePeer()); }
 TYPED_TEST(Sftp, FilesAreCopiedBetweenDescriptors) { ExpectCopiesBetweenDescriptors(this->ThePeer()); }
 TYPED_TEST(Sftp, FilesAreCopiedBetweenNames) { ExpectCopiesBetweenNames(this->ThePeer()); }
 TYPED_TEST(Sftp, FilesAreMoved) { ExpectMoves(this->ThePeer()); }
@@ -112,15 +112,15 @@ TYPED_TEST(Sftp, ListsAreCopied) { ExpectListsCopied(this->ThePeer()); }
 TYPED_TEST(Sftp, ListsAreMoved) { ExpectListsMoved(this->ThePeer()); }
 TYPED_TEST(Sftp, MatchesAreCopied) { ExpectMatchesCopied(this->ThePeer()); }
 TYPED_TEST(Sftp, MatchesAreMoved) { ExpectMatchesMoved(this->ThePeer()); }
-TYPED_TEST(Sftp, FileGoesToStandardOutput) { ExpectFileOnStandardOutput(this->ThePeer()); }
+TYPED_TEST(Sftp, FileIsWrittenToStandardOutput) { ExpectFileOnStandardOutput(this->ThePeer()); }
 TYPED_TEST(Sftp, CopiesAreRefused) { ExpectCopiesRefused(this->ThePeer()); }
 
-TYPED_TEST(SftpOwners, OwnersMayStay) { ExpectOwnersKept(this->ThePeer()); }
-TYPED_TEST(SftpOwners, OwnerIsGivenAwayByRootAlone) { ExpectOwnerGivenAwayByRootAlone(this->ThePeer()); }
+TYPED_TEST(SftpOwners, OwnersMayBeUnchanged) { ExpectOwnersKept(this->ThePeer()); }
+TYPED_TEST(SftpOwners, OnlyRootChangesTheOwner) { ExpectOwnerGivenAwayByRootAlone(this->ThePeer()); }
 TYPED_TEST(SftpOwners, GroupIsChanged) { ExpectGroupChanged(this->ThePeer()); }
 
 using SftpProftpd = Sftp<ProftpdServer>;
-TEST_F(SftpProftpd, OwnersAreChangedWithoutExtensionAlone) {
+TEST_F(SftpProftpd, OwnersAreChangedOnlyWithoutTheExtension) {
     ExpectOwnersChangedWithoutExtensionAlone(ThePeer());
 }
 

@@ -13,7 +13,9 @@
 
 #include "real/sftp_cases.h"
 #include "real/sftp_visit.h"
+#include "support/pattern.h"
 
+using support::Pattern;
 using namespace cindral;
 
 namespace {
@@ -35,16 +37,6 @@ std::vector<File> const& Files() {
         return all;
     }();
     return files;
-}
-
-std::string Pattern(std::size_t size) {
-    std::string text(size, '\0');
-    unsigned int state = 1;
-    std::generate(text.begin(), text.end(), [&state] {
-        state = state * 1103515245u + 12345u;
-        return static_cast<char>(state >> 16);
-    });
-    return text;
 }
 
 void ExpectFile(std::string const& path, std::string const& content, mode_t mode) {

@@ -38,11 +38,11 @@ private:
     servers::TemporaryDirectory _here;
 };
 
-/// What lstat(2) tells; throws std::system_error if that fails.
+/// The result of lstat(2); throws std::system_error if that fails.
 struct stat OnDisk(std::string const& path);
 /// The permissions of a file.
 mode_t ModeOf(std::string const& path);
-/// Whether there is a file, which may be a link that leads nowhere.
+/// Whether there is a file, which may be a dangling link.
 bool Exists(std::string const& path);
 
 std::vector<std::string> Texts(TOList<String_t> const& names);

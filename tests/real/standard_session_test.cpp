@@ -12,6 +12,7 @@
 #include "support/servers/stock_sshd.h"
 #include "support/servers/x_server.h"
 #include "support/temporary_directory.h"
+#include "wire/tcp_end.h"
 
 using servers::Outcome;
 using servers::ReadFile;
@@ -267,7 +268,7 @@ TEST_F(StandardSession, RemoteForwardingOfPort0LeadsToItsTarget) {
 
 TEST_F(StandardSession, RemoteForwardingCarriesAConnection) {
     std::string const port = std::to_string(server->Port());
-    std::string const listen = std::to_string(server->Port() + 1);
+    std::string const listen = std::to_string(tcp::FreePort());
     Outcome const outcome = Run("sleep 0.2; exec 3<>/dev/tcp/127.0.0.1/" + listen + "; head -c 4 <&3", "",
                                 {"remote=" + listen + ":127.0.0.1:" + port});
     EXPECT_EQ(outcome.output, "SSH-") << outcome.errors;
@@ -275,10 +276,10 @@ TEST_F(StandardSession, RemoteForwardingCarriesAConnection) {
 
 TEST_F(StandardSession, LocalForwardingCarriesConnections) {
     std::string const port = std::to_string(server->Port());
-    std::string const listen = std::to_string(server->Port() + 2);
+    std::string const listen = std::to_string(tcp::FreePort());
     // The command connects to the client's side, which is the same machine here.
     Outcome const outcome = Run("for i in 1 2 3 4 5 6 7 8; do (exec 3<>/dev/tcp/127.0.0.1/" + listen +
-                                    "; head -c 4 <&3; echo) & done; wait",
+                                    "; printf '%s\\n' $(head -c 4 <&3)) & done; wait",
                                 "", {"local=" + listen + ":127.0.0.1:" + port});
     EXPECT_EQ(outcome.output, "SSH-\nSSH-\nSSH-\nSSH-\nSSH-\nSSH-\nSSH-\nSSH-\n") << outcome.errors;
 }

@@ -45,7 +45,7 @@ protected:
     }
     void SetUp() override { ASSERT_TRUE(_server && _display) << "a server did not start"; }
 
-    /// What a command came to with that display forwarded. It waits a moment at its end, as some servers
+    /// The outcome of a command with that display forwarded. It waits a moment at its end, as some servers
     /// report the end of a command before its last output.
     static Report Run(std::string const& display, std::string const& command) {
         return SessionClient(*_server)
@@ -114,7 +114,7 @@ TYPED_TEST(X11, WrongCookieNeverReachesTheXServer) {
     }
 }
 
-TYPED_TEST(X11, XServerThatIsNotThereIsRefused) {
+TYPED_TEST(X11, MissingXServerIsRefused) {
     ScriptedXServer display(Transport::Unix);
     display.StopListening();
     Report const report = this->Run(display.Display(), "xdpyinfo");
@@ -122,7 +122,7 @@ TYPED_TEST(X11, XServerThatIsNotThereIsRefused) {
     EXPECT_EQ(report["run"], "-1") << report;
 }
 
-TYPED_TEST(X11, RemoteSideKnowsTheFakeCookieAlone) {
+TYPED_TEST(X11, RemoteSideKnowsOnlyTheFakeCookie) {
     Report const report = this->Run(this->_display->Display(), "xauth list");
     EXPECT_THAT(report.output, HasSubstr("MIT-MAGIC-COOKIE-1")) << report;
     EXPECT_THAT(report.output, testing::Not(HasSubstr(this->_display->Cookie())));
@@ -130,7 +130,7 @@ TYPED_TEST(X11, RemoteSideKnowsTheFakeCookieAlone) {
 
 } // namespace
 
-TEST(X11Paramiko, RefusesAndTheSessionGoesOn) {
+TEST(X11Paramiko, RefusedRequestDoesNotEndTheSession) {
     x11::FakeXauth const xauth("");
     servers::ParamikoServer const server;
     ScriptedXServer const display(Transport::Unix);

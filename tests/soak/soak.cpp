@@ -214,7 +214,7 @@ void TakeFile(Connection& c, Arrival& arrival) {
 
 } // namespace
 
-TEST(Soak, LargeFileComesFromSshd) {
+TEST(Soak, LargeFileIsDownloadedFromSshd) {
     servers::OpensshServer const server;
     LargeFile const file;
     Arrival arrival(file);
@@ -239,7 +239,7 @@ TEST(Soak, LargeFileComesFromSshd) {
     arrival.Expect("get from sshd");
 }
 
-TEST(Soak, LargeFileGoesToThePeer) {
+TEST(Soak, LargeFileIsUploadedToThePeer) {
     LargeFile const file;
     Arrival arrival(file);
     peer::ServerSettings settings;

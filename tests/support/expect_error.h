@@ -8,19 +8,20 @@
 
 #include <brantle/cindral/exceptions.h>
 
+#include "support/text.h"
+
 namespace support {
 
 /// Expects that `action` throws exactly an `Error` with these words.
 template <typename Error, typename Action>
 void ExpectError(std::string const& text, std::string const& detail, Action action) {
-    auto const words = [](String_t const& value) { return std::string(value.Text() ? value.Text() : ""); };
     try {
         action();
         ADD_FAILURE() << "no error; expected \"" << text << '"';
     } catch (cindral::CryptoException const& error) {
         EXPECT_EQ(typeid(error), typeid(Error)) << error.what();
-        EXPECT_EQ(words(error.Text()), text);
-        EXPECT_EQ(words(error.Detail()), detail);
+        EXPECT_EQ(Text(error.Text()), text);
+        EXPECT_EQ(Text(error.Detail()), detail);
     }
 }
 

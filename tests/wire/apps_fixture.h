@@ -23,12 +23,7 @@ protected:
     }
 
     /// Payloads of the client after its login.
-    std::vector<peer::Bytes> Sent() const {
-        std::vector<peer::Bytes> payloads;
-        auto const& records = server->At(0).received;
-        for (std::size_t i = 6; i < records.size(); ++i) payloads.push_back(records[i].payload);
-        return payloads;
-    }
+    std::vector<peer::Bytes> Sent() const { return server->At(0).ReceivedAfter(peer::USERAUTH_REQUEST); }
 
     static peer::Bytes OpenRequest() {
         return peer::Writer().U8(peer::CHANNEL_OPEN).String("session").U32(0).U32(0x200000).U32(0x8000);

@@ -31,7 +31,7 @@ protected:
 
     AuthTest() { settings.group = peer::DhGroup::Modp(1024); }
 
-    /// What the client's call came to, after the key exchange. The server goes on with the script and then
+    /// The outcome of the client's call, after the key exchange. The server goes on with the script and then
     /// expects the client to close.
     std::string Run(Script const& script, std::function<int(AuthSession&)> const& client) {
         server = std::make_unique<peer::ScriptedPeer>(
@@ -77,12 +77,7 @@ protected:
     static void Nothing(peer::Connection&) {}
 
     /// Payloads of the client after its NEWKEYS.
-    std::vector<peer::Bytes> Sent() const {
-        std::vector<peer::Bytes> payloads;
-        auto const& records = server->At(0).received;
-        for (std::size_t i = 4; i < records.size(); ++i) payloads.push_back(records[i].payload);
-        return payloads;
-    }
+    std::vector<peer::Bytes> Sent() const { return server->At(0).ReceivedAfter(peer::NEWKEYS); }
     /// Payloads of the client after the request for "none".
     std::vector<peer::Bytes> SentAfterNone() const {
         auto payloads = Sent();

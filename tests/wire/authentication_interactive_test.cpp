@@ -52,7 +52,7 @@ TEST_F(AuthInteractive, SubmethodsAreSentAfterAnEmptyLanguage) {
     EXPECT_THAT(Sent(), ElementsAre(Request("keyboard-interactive").String("").String("pam,otp").Data()));
 }
 
-TEST_F(AuthInteractive, LanguageIsNotPassedOn) {
+TEST_F(AuthInteractive, LanguageIsNotPassedToTheCallback) {
     EXPECT_EQ(Interactive([](Connection& c) {
                   c.ReadAuthRequest();
                   c.SendPacket(
@@ -95,7 +95,7 @@ TEST_F(AuthInteractive, ServerEndsTheExchangesNotTheClient) {
     EXPECT_EQ(authenticated, 0);
 }
 
-TEST_F(AuthInteractive, AnswersAreSentAsTheCallbackGaveThem) {
+TEST_F(AuthInteractive, AnswersAreSentUnchanged) {
     callback.answers = {{"one", "", "three"}};
     EXPECT_EQ(Interactive([](Connection& c) {
                   c.ReadAuthRequest();
@@ -107,7 +107,7 @@ TEST_F(AuthInteractive, AnswersAreSentAsTheCallbackGaveThem) {
     EXPECT_THAT(Sent(), ElementsAre(InteractiveRequest(), InfoResponse({"one", "", "three"})));
 }
 
-TEST_F(AuthInteractive, CopyCallbackAnswersEachPromptAlike) {
+TEST_F(AuthInteractive, KbdCopyCallbackAnswersEachPromptAlike) {
     cindral::KbdCopyCallback copy("secret");
     EXPECT_EQ(Run(
                   [](Connection& c) {
@@ -121,7 +121,7 @@ TEST_F(AuthInteractive, CopyCallbackAnswersEachPromptAlike) {
     EXPECT_THAT(Sent(), ElementsAre(InteractiveRequest(), InfoResponse({"secret", "secret", "secret"})));
 }
 
-TEST_F(AuthInteractive, SuccessAndFailureAtOnceAreTaken) {
+TEST_F(AuthInteractive, ImmediateSuccessAndFailureAreAccepted) {
     EXPECT_EQ(Interactive([](Connection& c) {
                   c.ReadAuthRequest();
                   c.SendAuthSuccess();
@@ -137,7 +137,7 @@ TEST_F(AuthInteractive, SuccessAndFailureAtOnceAreTaken) {
     EXPECT_TRUE(callback.requests.empty());
 }
 
-TEST_F(AuthInteractive, AnyOtherMessageIsAViolationByItsName) {
+TEST_F(AuthInteractive, OtherMessageIsAViolationNamingIt) {
     std::vector<std::pair<unsigned, std::string>> const cases{
         {IGNORE, ": SSH_MSG_IGNORE"},
         {DEBUG, ": SSH_MSG_DEBUG"},
@@ -152,7 +152,7 @@ TEST_F(AuthInteractive, AnyOtherMessageIsAViolationByItsName) {
                   "SshProtocolError: unexpected ssh response" + name);
 }
 
-TEST_F(AuthInteractive, ViolationAfterAnAnswerIsAViolationToo) {
+TEST_F(AuthInteractive, OtherMessageAfterAnAnswerIsAViolation) {
     callback.answers = {{"a"}};
     EXPECT_EQ(Interactive([](Connection& c) {
                   c.ReadAuthRequest();

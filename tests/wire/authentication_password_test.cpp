@@ -37,7 +37,7 @@ char const violation[] = "SshProtocolError: expected either USERAUTH_SUCCESS or 
 
 } // namespace
 
-TEST_F(AuthPassword, GivenOneIsSentWithoutPrompting) {
+TEST_F(AuthPassword, GivenPasswordIsSentWithoutPrompting) {
     EXPECT_EQ(Login("password", AcceptRequest), "0");
     EXPECT_EQ(authenticated, 1);
     EXPECT_THAT(Sent(), ElementsAre(ServiceRequest(), NoneRequest(), PasswordRequest("secret")));
@@ -46,7 +46,7 @@ TEST_F(AuthPassword, GivenOneIsSentWithoutPrompting) {
     EXPECT_EQ(output.Text(), "");
 }
 
-TEST_F(AuthPassword, EmptyOneIsSentWithoutPrompting) {
+TEST_F(AuthPassword, EmptyPasswordIsSentWithoutPrompting) {
     for (String_t const& empty : {String_t(), String_t("")}) {
         password = empty;
         EXPECT_EQ(Login("password", AcceptRequest), "0");
@@ -65,7 +65,7 @@ TEST_F(AuthPassword, ThreeTriesAreThreeRequestsAndThreePrompts) {
     EXPECT_EQ(enter._tries, 3u) << "the count is a copy";
 }
 
-TEST_F(AuthPassword, OneTryIsOneRequestAndStillOnePrompt) {
+TEST_F(AuthPassword, OneTryIsOneRequestAndOnePrompt) {
     enter._tries = 1;
     EXPECT_EQ(Login("password", RefuseRequests(1)), "-1");
     EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret")));
@@ -81,7 +81,7 @@ TEST_F(AuthPassword, ZeroTriesSendNothing) {
     EXPECT_EQ(Text(password), "secret");
 }
 
-TEST_F(AuthPassword, TypedOneLogsIn) {
+TEST_F(AuthPassword, TypedPasswordLogsIn) {
     EXPECT_EQ(Login("password",
                     [](Connection& c) {
                         RefuseRequests(1)(c);
@@ -93,7 +93,7 @@ TEST_F(AuthPassword, TypedOneLogsIn) {
     EXPECT_EQ(enter.questions.size(), 1u);
 }
 
-TEST_F(AuthPassword, TypedOneEndsAtItsLengthAndAtThirtyTwoBytes) {
+TEST_F(AuthPassword, TypedPasswordHasAtMost32Bytes) {
     std::string const longText(40, 'x');
     enter.answers = {"", longText};
     EXPECT_EQ(Login("password", RefuseRequests(3)), "-1");
@@ -101,14 +101,14 @@ TEST_F(AuthPassword, TypedOneEndsAtItsLengthAndAtThirtyTwoBytes) {
                                              PasswordRequest(longText.substr(0, 32))));
 }
 
-TEST_F(AuthPassword, GivenOneHasNoLimit) {
+TEST_F(AuthPassword, GivenPasswordHasNoLimit) {
     std::string const longText(5000, 'x');
     password = longText.c_str();
     EXPECT_EQ(Login("password", AcceptRequest), "0");
     EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest(longText)));
 }
 
-TEST_F(AuthPassword, RefusedPromptIsTheResult) {
+TEST_F(AuthPassword, RefusedPromptIsReturned) {
     enter.answers.clear();
     enter.whenOut = -77;
     EXPECT_EQ(Passwd(RefuseRequests(1)), "-77");
@@ -123,7 +123,7 @@ TEST_F(AuthPassword, RefusedPromptIsTheResult) {
         << "the walk goes on";
 }
 
-TEST_F(AuthPassword, DemandForAChangeEndsTheMethod) {
+TEST_F(AuthPassword, ChangeRequestEndsTheMethod) {
     auto const demand = [](Connection& c) {
         c.ReadAuthRequest();
         c.SendPacket(Writer().U8(USERAUTH_PASSWD_CHANGEREQ).String("expired").String(""));
@@ -166,7 +166,7 @@ TEST_F(AuthPassword, CallersTextIsWipedByTheFirstTry) {
     EXPECT_EQ(std::string(password.Text(), 6), std::string(6, '\0'));
 }
 
-TEST_F(AuthPassword, CallersTextIsWipedByAViolationToo) {
+TEST_F(AuthPassword, CallersTextIsWipedOnAViolation) {
     EXPECT_EQ(Login("password",
                     [](Connection& c) {
                         c.ReadAuthRequest();
@@ -176,7 +176,7 @@ TEST_F(AuthPassword, CallersTextIsWipedByAViolationToo) {
     EXPECT_EQ(Text(password), "");
 }
 
-TEST_F(AuthPassword, TypedOneReachesNeitherLaterMethodsNorTheCaller) {
+TEST_F(AuthPassword, TypedPasswordReachesNeitherLaterMethodsNorTheCaller) {
     EXPECT_EQ(Login("password,password", RefuseRequests(6)), "-1");
     EXPECT_THAT(SentAfterNone(),
                 ElementsAre(PasswordRequest("secret"), PasswordRequest("typed-1"), PasswordRequest("typed-2"),

@@ -7,36 +7,17 @@
 #include <brantle/cindral/private_key.h>
 
 #include "support/agent/scripted_agent.h"
+#include "support/session/ssh_directory.h"
 #include "wire/auth_fixture.h"
 
-namespace fs = std::filesystem;
 using namespace peer;
 using testing::ElementsAre;
 
 namespace {
 
-class AuthKey : public AuthTest {
+class AuthKey : public AuthTest, protected SshDirectory {
 protected:
-    AuthKey() : directory(fs::path(std::getenv("HOME")) / ".ssh") {
-        fs::create_directories(directory);
-        identity = (directory / "own").string();
-    }
-    ~AuthKey() override { fs::remove_all(directory); }
-
-    std::string Write(std::string const& name, std::string const& text) const {
-        fs::path const path = directory / name;
-        std::ofstream(path) << text;
-        fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
-        return path.string();
-    }
-    void WritePublic(std::string const& name, KeyPair const& key) const {
-        Write(name, key.PublicLine() + "\n");
-    }
-    void WritePair(std::string const& name, KeyPair const& key) const {
-        Write(name, key.Pem());
-        WritePublic(name + ".pub", key);
-    }
-    std::string Path(std::string const& name) const { return (directory / name).string(); }
+    AuthKey() { identity = Path("own"); }
 
     /// Answers the query as it should be, then leaves the signed request to `answer`.
     Script AcceptQuery(Script const& answer) {
@@ -79,7 +60,6 @@ protected:
             .String(key.Blob());
     }
 
-    fs::path directory;
     AuthRequest signedRequest;
     bool signatureIsValid = false;
 };
@@ -108,7 +88,7 @@ TEST_F(AuthKey, QueryAndSignedRequestAreExact) {
     EXPECT_EQ(Text(password), "secret");
 }
 
-TEST_F(AuthKey, WithoutAPublicKeyNothingIsSent) {
+TEST_F(AuthKey, NothingIsSentWithoutAPublicKey) {
     Write("own", rsa.Pem());
     EXPECT_EQ(Key(Nothing), noFile);
     EXPECT_TRUE(Sent().empty());
@@ -121,7 +101,7 @@ TEST_F(AuthKey, WithoutAPublicKeyNothingIsSent) {
     EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest()));
 }
 
-TEST_F(AuthKey, IdentityLooksUnderSshBeforePub) {
+TEST_F(AuthKey, IdentityIsSoughtWithExtensionSshBeforePub) {
     Write("own", dsa.Pem());
     WritePublic("own.ssh", dsa);
     WritePublic("own.pub", rsa);
@@ -129,7 +109,7 @@ TEST_F(AuthKey, IdentityLooksUnderSshBeforePub) {
     EXPECT_EQ(SentAfterNone()[0], KeyQuery(dsa));
 }
 
-TEST_F(AuthKey, DefaultsStandInTheHomeDirectory) {
+TEST_F(AuthKey, DefaultsAreInTheHomeDirectory) {
     identity = "";
     WritePair("id_dsa", dsa);
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
@@ -141,13 +121,13 @@ TEST_F(AuthKey, DefaultsStandInTheHomeDirectory) {
     EXPECT_TRUE(signatureIsValid);
 }
 
-TEST_F(AuthKey, WithoutAnyDefaultNothingIsSent) {
+TEST_F(AuthKey, NothingIsSentWithoutADefaultKey) {
     identity = "";
     EXPECT_EQ(Key(Nothing), noFile);
     EXPECT_TRUE(Sent().empty());
 }
 
-TEST_F(AuthKey, DefaultPublicAndPrivateKeyNeedNotBelongTogether) {
+TEST_F(AuthKey, DefaultPublicAndPrivateKeyNeedNotMatch) {
     identity = "";
     Write("id_rsa", rsa.Pem());
     WritePair("id_dsa", dsa);
@@ -195,13 +175,13 @@ TEST_F(AuthKey, AcceptanceOfAnotherKeyIsARefusal) {
     EXPECT_THAT(Sent(), ElementsAre(KeyQuery(rsa)));
 }
 
-TEST_F(AuthKey, AcceptanceUnderANameThatDoesNotFitTheKeyIsARefusal) {
+TEST_F(AuthKey, AcceptanceWithAMismatchedKeyNameIsARefusal) {
     WritePair("own", rsa);
     for (char const* name : {"ssh-dss", "", "ssh-rs", "ssh-rsa2", "rsa-sha2-256"})
         EXPECT_EQ(Key(AnswerQuery(PkOk(name, rsa.Blob()))), "-1") << name;
 }
 
-TEST_F(AuthKey, AcceptanceOfWhatIsNoKeyIsARefusal) {
+TEST_F(AuthKey, AcceptanceWithoutAKeyIsARefusal) {
     WritePair("own", rsa);
     Bytes const half = Slice(rsa.Blob(), 0, 20);
     for (Bytes const& blob : {Bytes{}, Bytes{0}, half, Concat({rsa.Blob(), Bytes{0}})})
@@ -238,7 +218,7 @@ TEST_F(AuthKey, AnyOtherAnswerToTheSignatureIsAViolation) {
     }
 }
 
-TEST_F(AuthKey, BannersDisturbNeitherAnswer) {
+TEST_F(AuthKey, BannersBeforeAnswersAreAccepted) {
     WritePair("own", rsa);
     EXPECT_EQ(Login("publickey",
                     [](Connection& c) {
@@ -253,7 +233,7 @@ TEST_F(AuthKey, BannersDisturbNeitherAnswer) {
     EXPECT_EQ(output.Text(), "12");
 }
 
-TEST_F(AuthKey, PrivateKeyThatCannotBeReadIsTheResult) {
+TEST_F(AuthKey, UnreadablePrivateKeyIsReturned) {
     WritePublic("own.pub", rsa);
     EXPECT_EQ(Key(AnswerQuery(PkOk("ssh-rsa", rsa.Blob()))), noFile);
     EXPECT_THAT(Sent(), ElementsAre(KeyQuery(rsa)));
@@ -271,7 +251,7 @@ TEST_F(AuthKey, PrivateKeyThatCannotBeReadIsTheResult) {
     EXPECT_THAT(SentAfterNone(), ElementsAre(KeyQuery(rsa), InteractiveRequest()));
 }
 
-TEST_F(AuthKey, PasswordThatIsThePassphraseSparesThePrompt) {
+TEST_F(AuthKey, PasswordIsTriedAsPassphrase) {
     WritePublic("own.pub", rsa);
     Write("own", rsa.EncryptedPem("secret"));
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
@@ -281,7 +261,7 @@ TEST_F(AuthKey, PasswordThatIsThePassphraseSparesThePrompt) {
     EXPECT_EQ(Text(password), "secret");
 }
 
-TEST_F(AuthKey, OtherPassphraseIsAskedFor) {
+TEST_F(AuthKey, PassphraseIsAskedForIfThePasswordFails) {
     WritePublic("own.pub", rsa);
     Write("own", rsa.EncryptedPem("open sesame"));
     enter.answers = {"wrong", "open sesame"};
@@ -291,7 +271,7 @@ TEST_F(AuthKey, OtherPassphraseIsAskedFor) {
     EXPECT_THAT(enter.questions, ElementsAre(question, question));
 }
 
-TEST_F(AuthKey, PassphraseThatNobodyKnowsEndsTheMethod) {
+TEST_F(AuthKey, UnknownPassphraseEndsTheMethod) {
     WritePublic("own.pub", rsa);
     Write("own", rsa.EncryptedPem("open sesame"));
     enter.answers.clear();
@@ -300,7 +280,7 @@ TEST_F(AuthKey, PassphraseThatNobodyKnowsEndsTheMethod) {
     EXPECT_THAT(Sent(), ElementsAre(KeyQuery(rsa)));
 }
 
-TEST_F(AuthKey, PasswordWipedByAnEarlierMethodPresetsAnEmptyPassphrase) {
+TEST_F(AuthKey, PasswordWipedByAnEarlierMethodPresetsNothing) {
     WritePair("own", rsa);
     enter._tries = 1;
     EXPECT_EQ(Login("password,publickey",
@@ -313,7 +293,7 @@ TEST_F(AuthKey, PasswordWipedByAnEarlierMethodPresetsAnEmptyPassphrase) {
     EXPECT_THAT(enter.presets, ElementsAre(""));
 }
 
-TEST_F(AuthKey, PassphraseOfferedBeforeIsNoAnswerToALaterPasswordPrompt) {
+TEST_F(AuthKey, PresetPassphraseDoesNotAnswerALaterPasswordPrompt) {
     WritePair("own", rsa);
     enter._tries = 1;
     EXPECT_EQ(Login("publickey,password", AcceptQuery([](Connection& c) {
@@ -327,7 +307,7 @@ TEST_F(AuthKey, PassphraseOfferedBeforeIsNoAnswerToALaterPasswordPrompt) {
     EXPECT_EQ(SentAfterNone().back(), PasswordRequest("secret"));
 }
 
-TEST_F(AuthKeyWithAgent, SignsInPlaceOfTheKeyFile) {
+TEST_F(AuthKeyWithAgent, AgentSignsInsteadOfTheKeyFile) {
     for (KeyPair const* key : {&rsa, &dsa}) {
         WritePublic("own.pub", *key);
         ScriptedAgent const agent(ScriptedAgent::Holding(*key));
@@ -344,7 +324,7 @@ TEST_F(AuthKeyWithAgent, SignsInPlaceOfTheKeyFile) {
     EXPECT_EQ(enter.prompt, "") << "no private key is looked for";
 }
 
-TEST_F(AuthKeyWithAgent, SignatureIsPassedOnAsItIs) {
+TEST_F(AuthKeyWithAgent, SignatureIsPassedUnchanged) {
     WritePublic("own.pub", rsa);
     Bytes const signature = Writer().String("ssh-rsa").String("not a signature at all");
     ScriptedAgent const agent(
@@ -353,7 +333,7 @@ TEST_F(AuthKeyWithAgent, SignatureIsPassedOnAsItIs) {
     EXPECT_EQ(SentAfterNone()[1], SignedRequest(rsa, signature));
 }
 
-TEST_F(AuthKeyWithAgent, IsNotAskedWhenTheServerRefusesTheKey) {
+TEST_F(AuthKeyWithAgent, AgentIsNotAskedWhenTheServerRefusesTheKey) {
     WritePair("own", rsa);
     ScriptedAgent const agent(ScriptedAgent::Holding(rsa));
     EXPECT_EQ(Login("publickey",
@@ -378,7 +358,7 @@ TEST_F(AuthKeyWithAgent, ConnectionLastsForOneSignature) {
     EXPECT_EQ(agent.Requests().size(), 2u);
 }
 
-TEST_F(AuthKeyWithAgent, WithoutTheKeyGivesWayToTheKeyFile) {
+TEST_F(AuthKeyWithAgent, KeyFileIsUsedWhenTheAgentLacksTheKey) {
     WritePair("own", rsa);
     for (int failure : {5, 30, 102}) {
         ScriptedAgent const agent(
@@ -390,7 +370,7 @@ TEST_F(AuthKeyWithAgent, WithoutTheKeyGivesWayToTheKeyFile) {
     }
 }
 
-TEST_F(AuthKeyWithAgent, SignatureOfAnotherKindGivesWayToTheKeyFile) {
+TEST_F(AuthKeyWithAgent, KeyFileIsUsedAfterASignatureOfAnotherType) {
     WritePair("own", rsa);
     ScriptedAgent const agent([](Bytes const&) {
         return Writer().U8(ScriptedAgent::signResponse).String(dsa.Sign(ToBytes("data"))).Data();
@@ -399,7 +379,7 @@ TEST_F(AuthKeyWithAgent, SignatureOfAnotherKindGivesWayToTheKeyFile) {
     EXPECT_TRUE(signatureIsValid);
 }
 
-TEST_F(AuthKeyWithAgent, NobodyAtTheSocketGivesWayToTheKeyFile) {
+TEST_F(AuthKeyWithAgent, KeyFileIsUsedWhenNobodyListensOnTheSocket) {
     WritePair("own", rsa);
     setenv("SSH_AUTH_SOCK", Path("no-socket").c_str(), 1);
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");
@@ -407,7 +387,7 @@ TEST_F(AuthKeyWithAgent, NobodyAtTheSocketGivesWayToTheKeyFile) {
     EXPECT_TRUE(signatureIsValid);
 }
 
-TEST_F(AuthKeyWithAgent, ViolationOfItsProtocolEndsAuthentication) {
+TEST_F(AuthKeyWithAgent, AgentProtocolViolationEndsAuthentication) {
     WritePair("own", rsa);
     auto const acceptQuery = AnswerQuery(PkOk("ssh-rsa", rsa.Blob()));
     {

@@ -50,7 +50,7 @@ protected:
 
 } // namespace
 
-TEST_F(AuthService, NoneAcceptedNeedsNothingMore) {
+TEST_F(AuthService, AcceptedNoneIsEnough) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();
@@ -212,7 +212,7 @@ TEST_F(AuthWalk, EmptyListSendsNothingElse) {
     EXPECT_EQ(authenticated, 0);
 }
 
-TEST_F(AuthWalk, UnknownMethodsArePassedOver) {
+TEST_F(AuthWalk, UnknownMethodsAreSkipped) {
     EXPECT_EQ(Login("none,hostbased,Password,passwor,password2,gssapi-with-mic", Nothing), "-1");
     EXPECT_TRUE(SentAfterNone().empty());
 }
@@ -227,7 +227,7 @@ TEST_F(AuthWalk, KnownMethodAmongUnknownOnesIsTried) {
     EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret")));
 }
 
-TEST_F(AuthWalk, OrderIsTheServers) {
+TEST_F(AuthWalk, MethodsAreTriedInTheServersOrder) {
     auto const refuseBoth = [](Connection& c) {
         for (int i = 0; i < 2; ++i) {
             c.ReadAuthRequest();
@@ -242,7 +242,7 @@ TEST_F(AuthWalk, OrderIsTheServers) {
     EXPECT_THAT(SentAfterNone(), ElementsAre(PasswordRequest("secret"), InteractiveRequest()));
 }
 
-TEST_F(AuthWalk, SuccessEndsTheWalk) {
+TEST_F(AuthWalk, SuccessEndsTheSequence) {
     EXPECT_EQ(Login("keyboard-interactive,password,keyboard-interactive",
                     [](Connection& c) {
                         c.ReadAuthRequest();
@@ -267,7 +267,7 @@ TEST_F(AuthWalk, MethodListedTwiceIsTriedTwice) {
     EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest(), InteractiveRequest()));
 }
 
-TEST_F(AuthWalk, ListsOfLaterFailuresAndPartialSuccessAreReadByNobody) {
+TEST_F(AuthWalk, ListsOfLaterFailuresAndPartialSuccessAreIgnored) {
     enter._tries = 1;
     EXPECT_EQ(Login("password,keyboard-interactive",
                     [](Connection& c) {
@@ -281,7 +281,7 @@ TEST_F(AuthWalk, ListsOfLaterFailuresAndPartialSuccessAreReadByNobody) {
     EXPECT_EQ(authenticated, 0);
 }
 
-TEST_F(AuthWalk, PartialSuccessOfNoneIsAFailureLikeAnyOther) {
+TEST_F(AuthWalk, PartialSuccessOfNoneIsAFailure) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();
@@ -301,7 +301,7 @@ TEST_F(AuthWalk, LaterFailureMayBeMalformed) {
               "-1");
 }
 
-TEST_F(AuthWalk, ViolationEndsTheWalk) {
+TEST_F(AuthWalk, ViolationEndsTheSequence) {
     EXPECT_EQ(Login("keyboard-interactive,password",
                     [](Connection& c) {
                         c.ReadAuthRequest();
@@ -311,7 +311,7 @@ TEST_F(AuthWalk, ViolationEndsTheWalk) {
     EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest()));
 }
 
-TEST_F(AuthBanner, IsPrintedAsItIsAndKept) {
+TEST_F(AuthBanner, IsPrintedUnchangedAndKept) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();
@@ -335,7 +335,7 @@ TEST_F(AuthBanner, ControlCharactersArePrintedAsTheyCame) {
     EXPECT_EQ(output.Text(), "\x1b[2J\a\rEnter passphrase: ");
 }
 
-TEST_F(AuthBanner, OfTwoTheSecondIsKept) {
+TEST_F(AuthBanner, SecondOfTwoIsKept) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();
@@ -348,7 +348,7 @@ TEST_F(AuthBanner, OfTwoTheSecondIsKept) {
     EXPECT_EQ(banner, "second\r\n");
 }
 
-TEST_F(AuthBanner, EmptyOneReplacesTheFormer) {
+TEST_F(AuthBanner, EmptyBannerReplacesTheOld) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();
@@ -361,7 +361,7 @@ TEST_F(AuthBanner, EmptyOneReplacesTheFormer) {
     EXPECT_EQ(banner, "");
 }
 
-TEST_F(AuthBanner, DisturbsNoExchange) {
+TEST_F(AuthBanner, IsAcceptedInEveryExchange) {
     callback.answers = {{"a"}, {}};
     EXPECT_EQ(Login("password,keyboard-interactive",
                     [](Connection& c) {

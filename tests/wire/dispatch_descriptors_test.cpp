@@ -11,9 +11,14 @@
 
 #include <brantle/thornel/file_descriptor.h>
 
+#include "support/descriptor_state.h"
+#include "support/pattern.h"
 #include "unit/event/pipes.h"
 #include "wire/loop_fixture.h"
 
+using support::ClosesOnExec;
+using support::IsSet;
+using support::Pattern;
 using namespace peer;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -26,20 +31,6 @@ constexpr std::uint32_t TWO_THIRDS = 1398102; // of the window 0x200000, by inte
 void ReadToEof(Connection& c) {
     while (c.ReadPacket().at(0) != CHANNEL_EOF) continue;
 }
-
-std::string Pattern(std::size_t size) {
-    std::string text(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i * 7 + i / 251);
-    return text;
-}
-
-bool IsSet(int fd, int level, int option) {
-    int value = 0;
-    socklen_t size = sizeof value;
-    return getsockopt(fd, level, option, &value, &size) == 0 && value != 0;
-}
-
-bool ClosesOnExec(int fd) { return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0; }
 
 /// Two ends of a TCP connection.
 class TcpPair {
@@ -156,7 +147,7 @@ protected:
 
 // --- standard input
 
-TEST_F(LoopDescriptors, InputGoesOutInMessagesOf8192Bytes) {
+TEST_F(LoopDescriptors, InputIsSentInMessagesOf8192Bytes) {
     std::string const text = Pattern(20000);
     MemoryFile const input(text);
     EXPECT_EQ(RunFrom(input.Fd(),
@@ -212,7 +203,7 @@ TEST_F(LoopDescriptors, InputAfterTheServersEofIsNotRead) {
               "-1");
 }
 
-TEST_F(LoopDescriptors, ReadErrorIsReportedInEveryCycleAsLongAsItPersists) {
+TEST_F(LoopDescriptors, PersistentReadErrorIsReportedInEveryCycle) {
     int const directory = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     class ThreeLines : public std::stringbuf {
     public:
@@ -249,7 +240,7 @@ TEST_F(LoopDescriptors, ReadErrorIsReportedInEveryCycleAsLongAsItPersists) {
     close(directory);
 }
 
-TEST_F(LoopDescriptors, InputThatHasNothingAfterAllIsAReadErrorToo) {
+TEST_F(LoopDescriptors, SpuriousReadinessIsAReadError) {
     fcntl(silence.Fd(), F_SETFL, O_NONBLOCK);
     int result = -1;
     EXPECT_EQ(Receive({ExitStatus(0)}, [&](LoopSession& session) { result = session._mux.Dispatch(0); }),
@@ -259,7 +250,7 @@ TEST_F(LoopDescriptors, InputThatHasNothingAfterAllIsAReadErrorToo) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(LoopDescriptors, InputOfAChannelThatIsGoneEndsItsRegistration) {
+TEST_F(LoopDescriptors, InputOfARemovedChannelEndsItsRegistration) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       silence.Write("for nobody");
@@ -273,7 +264,7 @@ TEST_F(LoopDescriptors, InputOfAChannelThatIsGoneEndsItsRegistration) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(LoopDescriptors, SocketIsPreparedAndStandardInputIsNot) {
+TEST_F(LoopDescriptors, SocketHasNodelayAndCloseOnExecAndStandardInputHasNot) {
     TcpPair input; // an option that could be set, were it tried
     bool nodelay = false;
     bool closes = false;
@@ -318,7 +309,7 @@ TEST_F(LoopDescriptors, SessionChannelIsTheFirstAndAttachedToTheProcessesDescrip
 
 // --- forwarded connections
 
-TEST_F(LoopDescriptors, ForwardedConnectionIsPreparedAndServedInBothDirections) {
+TEST_F(LoopDescriptors, ForwardedConnectionHasNodelayAndIsServedInBothDirections) {
     TcpPair pair;
     Checked(static_cast<int>(write(pair.far, "request", 7)), "write");
     bool nodelay = false;
@@ -364,7 +355,7 @@ TEST_F(LoopDescriptors, ReadErrorOfAForwardedConnectionIsReported) {
     EXPECT_THAT(Sent(), ElementsAre(Eof(77)));
 }
 
-TEST_F(LoopDescriptors, EofOfTheServerEndsTheReadingOfThatConnection) {
+TEST_F(LoopDescriptors, EofOfTheServerStopsReadingThatConnection) {
     TcpPair pair;
     EXPECT_EQ(Run(
                   [&](Connection& c) {
@@ -408,7 +399,7 @@ TEST_F(LoopDescriptors, CloseOfTheServerClosesThatConnectionAfterItsData) {
     EXPECT_EQ(atTheEnd, 0);
 }
 
-TEST_F(LoopDescriptors, DataForAConnectionThatIsResetIsLostSilently) {
+TEST_F(LoopDescriptors, DataForAResetConnectionIsDroppedSilently) {
     TcpPair pair;
     EXPECT_EQ(Run(
                   [&](Connection& c) {
@@ -445,14 +436,6 @@ TEST_F(LoopDescriptors, ForwardingADescriptorThatIsNoTcpSocketThrows) {
               "-1");
     EXPECT_THAT(what, testing::MatchesRegex("setsockopt: [0-9]+"));
     EXPECT_EQ(error, ENOTSOCK);
-}
-
-TEST(SetNodelay, FailureNamesTheDescriptor) {
-    EXPECT_EQ(Outcome([] {
-                  cindral::SshSession::SetNodelay(-1);
-                  return 0;
-              }),
-              "SystemError: setsockopt: -1");
 }
 
 // --- channels of the program's own
@@ -572,7 +555,7 @@ TEST_F(OwnChannel, ThatIsNullIsRefused) {
 
 // --- a program's own descriptors and timers
 
-TEST_F(LoopDescriptors, ProgramsOwnDescriptorIsServedBesideTheSession) {
+TEST_F(LoopDescriptors, DescriptorOfTheProgramIsServedDuringTheSession) {
     Pipe own;
     int served = 0;
     EXPECT_EQ(Run(
@@ -597,7 +580,7 @@ TEST_F(LoopDescriptors, ProgramsOwnDescriptorIsServedBesideTheSession) {
     EXPECT_THAT(Sent(), ElementsAre(Data("own", 42)));
 }
 
-TEST_F(LoopDescriptors, ProgramsTimerFiresWhileTheSessionRuns) {
+TEST_F(LoopDescriptors, TimerOfTheProgramFiresDuringTheSession) {
     class Ticks : public IOMultiplexer::PeriodicTimer {
     public:
         explicit Ticks(LoopSession& session)
@@ -677,7 +660,7 @@ TEST_F(WindowOnTheWire, ThresholdIsExactForOutput) {
     }
 }
 
-TEST_F(WindowOnTheWire, GrantGoesToTheChannelThatChecks) {
+TEST_F(WindowOnTheWire, GrantIsForTheChannelThatChecks) {
     TcpPair pair;
     EXPECT_EQ(Receive({Data("x", 1), Data("y"), ExitStatus(0)},
                       [&](LoopSession& session) {
@@ -688,7 +671,7 @@ TEST_F(WindowOnTheWire, GrantGoesToTheChannelThatChecks) {
     EXPECT_THAT(Sent(), ElementsAre(WindowAdjust(77, TWO_THIRDS + 1)));
 }
 
-TEST_F(WindowOnTheWire, CountBeyondTheWindowIsNeverGrantedAgain) {
+TEST_F(WindowOnTheWire, CountAboveTheWindowIsNeverGrantedAgain) {
     std::string const chunk(0x30000, 'n');
     EXPECT_EQ(Run([&](Connection& c) {
                   for (int i = 0; i < 11; ++i) c.SendIgnore(chunk); // passes the window without a check
@@ -700,7 +683,7 @@ TEST_F(WindowOnTheWire, CountBeyondTheWindowIsNeverGrantedAgain) {
     EXPECT_EQ(output.Text().size(), 50u * 32000);
 }
 
-TEST_F(WindowOnTheWire, DataForAnUnknownChannelIsCountedButChecksNothing) {
+TEST_F(WindowOnTheWire, DataForAnUnknownChannelIsCountedButNotChecked) {
     std::string const piece(32000, 'u');
     EXPECT_EQ(Run([&](Connection& c) {
                   for (int i = 0; i < 45; ++i) c.SendData(piece, 9);
@@ -746,7 +729,7 @@ TEST_F(WindowOnTheWire, OutputIsGrantedByTheCountOfAllPacketsWritten) {
     EXPECT_TRUE(arrived == text);
 }
 
-TEST_F(WindowOnTheWire, ServerThatGrantsNothingReceivesDataAllTheSame) {
+TEST_F(WindowOnTheWire, DataIsSentWithoutAGrantOfTheServer) {
     settings.window = 0;
     settings.maxPacket = 0;
     std::string const text = Pattern(10000);

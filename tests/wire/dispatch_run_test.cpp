@@ -29,12 +29,12 @@ TEST_F(RunLoop, ControlCharactersOfADisconnectArePrintedAsTheyCame) {
     EXPECT_EQ(messages, "connection closed by peer, \x1b[2J\a\rPassword: \n\r\n");
 }
 
-TEST_F(RunLoop, DisconnectWithoutATextIsReportedAllTheSame) {
+TEST_F(RunLoop, DisconnectWithoutATextIsReported) {
     EXPECT_EQ(Receive({Disconnect("")}), "-1");
     EXPECT_EQ(messages, "connection closed by peer, \r\n");
 }
 
-TEST_F(RunLoop, PacketsAfterADisconnectThatHaveArrivedAreHandled) {
+TEST_F(RunLoop, ArrivedPacketsAfterADisconnectAreHandled) {
     EXPECT_EQ(Receive({Disconnect("bye"), Data("late"), Debug(), Eof()}), "-1");
     EXPECT_EQ(messages, "connection closed by peer, bye\r\nignore packet SSH_MSG_DEBUG\n");
     EXPECT_EQ(output.Text(), "late");
@@ -42,7 +42,7 @@ TEST_F(RunLoop, PacketsAfterADisconnectThatHaveArrivedAreHandled) {
     EXPECT_EQ(dispatches, 1);
 }
 
-TEST_F(RunLoop, PacketsAfterADisconnectThatComeLaterAreNotRead) {
+TEST_F(RunLoop, LaterPacketsAfterADisconnectAreNotRead) {
     EXPECT_EQ(Run([](Connection& c) {
                   c.SendDisconnect(2, "bye");
                   c.ExpectClosed();
@@ -52,7 +52,7 @@ TEST_F(RunLoop, PacketsAfterADisconnectThatComeLaterAreNotRead) {
     EXPECT_EQ(dispatches, 1);
 }
 
-TEST_F(RunLoop, TerminateOfTheProgramEndsTheRun) {
+TEST_F(RunLoop, TerminateEndsTheRun) {
     std::unique_ptr<AtOnce> timer;
     EXPECT_EQ(Run([](Connection&) {},
                   [&](LoopSession& session) {
@@ -65,7 +65,7 @@ TEST_F(RunLoop, TerminateOfTheProgramEndsTheRun) {
     EXPECT_TRUE(inputStays);
 }
 
-TEST_F(RunLoop, TerminateBeforeRunEndsItAtOnceAndForGood) {
+TEST_F(RunLoop, TerminateBeforeRunEndsEveryRunImmediately) {
     int first = -1;
     int second = -1;
     EXPECT_EQ(Receive(
@@ -83,7 +83,7 @@ TEST_F(RunLoop, TerminateBeforeRunEndsItAtOnceAndForGood) {
     EXPECT_EQ(output.Text(), "");
 }
 
-TEST_F(RunLoop, TerminateOfAnotherThreadTakesEffectWhenPollReturns) {
+TEST_F(RunLoop, TerminateByAnotherThreadTakesEffectWhenPollReturns) {
     Pipe own;
     std::promise<void> loopPasses;
     std::promise<void> terminated;
@@ -116,7 +116,7 @@ TEST_F(RunLoop, TerminateOfAnotherThreadTakesEffectWhenPollReturns) {
     EXPECT_EQ(dispatches, 1);
 }
 
-TEST_F(RunLoop, FailureOfPollIsItsErrno) {
+TEST_F(RunLoop, FailedPollReturnsItsErrno) {
     FailingPoll failing;
     EXPECT_EQ(Run([](Connection&) {}, [&](LoopSession& session) { failing.Prepare(session.Multiplexer()); }),
               "22");
@@ -138,7 +138,7 @@ TEST_F(RunLoop, EndOfTheStreamInsideAPacketIsAnException) {
               closedEarly);
 }
 
-TEST_F(RunLoop, MacThatDoesNotFitIsAnException) {
+TEST_F(RunLoop, WrongMacIsAnException) {
     SendOptions options;
     options.flipMacByte = 0;
     EXPECT_EQ(Run([&](Connection& c) { c.SendPacket(Data("forged"), options); }),
@@ -147,14 +147,14 @@ TEST_F(RunLoop, MacThatDoesNotFitIsAnException) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(RunLoop, PacketThatIsTooLongIsAnException) {
+TEST_F(RunLoop, TooLongPacketIsAnException) {
     SendOptions options;
     options.packetLength = 0x40001;
     EXPECT_EQ(Run([&](Connection& c) { c.SendPacket(Data("x"), options); }),
               "SshProtocolError: packet length exceeds maximum value: 262145");
 }
 
-TEST_F(RunLoop, PacketWhoseMacCanNotBeReadCountsAsNumberZero) {
+TEST_F(RunLoop, PacketWithUnreadableMacCountsAsMessageZero) {
     EXPECT_EQ(Run([](Connection& c) {
                   Bytes const eof = c.Encode(Eof());
                   Bytes const data = c.Encode(Data("x"));
@@ -182,7 +182,7 @@ TEST_F(RunLoop, RunMayBeCalledAgainAfterAnException) {
     EXPECT_EQ(output.Text(), "next");
 }
 
-TEST_F(RunLoop, OneRoadFromCommandToExitStatusIsExact) {
+TEST_F(RunLoop, SequenceFromCommandToExitStatusIsExact) {
     std::string const typed = "input of the command\n";
     MemoryFile const input(typed);
     EXPECT_EQ(RunFrom(input.Fd(),

@@ -31,7 +31,7 @@ Bytes Longer(Bytes payload) {
     return payload;
 }
 
-std::string Surplus(std::string const& name) {
+std::string ExtraBytes(std::string const& name) {
     return "SshProtocolError: additional characters in packet after padding: " + name;
 }
 
@@ -72,7 +72,7 @@ Client NotedChannel(std::string& log) {
 
 } // namespace
 
-TEST_F(Dispatch, ForeignDescriptorIsRefused) {
+TEST_F(Dispatch, OtherDescriptorIsRefused) {
     for (int offset : {-1, 1}) {
         int error = 0;
         int fd = 0;
@@ -93,7 +93,7 @@ TEST_F(Dispatch, ForeignDescriptorIsRefused) {
     }
 }
 
-TEST_F(Dispatch, NegativeDescriptorIsRefusedInDecimalToo) {
+TEST_F(Dispatch, NegativeDescriptorIsReportedInDecimal) {
     std::string what;
     auto const dispatch = [&](LoopSession& session) { what = Outcome([&] { return session.Dispatch(-7); }); };
     EXPECT_EQ(Receive({ExitStatus(0)}, dispatch), "-1");
@@ -160,7 +160,7 @@ TEST_F(Dispatch, KexInitForRekeyingGetsNoAnswer) {
     EXPECT_EQ(messages, "ignore packet SSH_MSG_KEXINIT\n");
 }
 
-TEST_F(Dispatch, NumberWithoutANameFailsTheErrorStreamAndNothingFollows) {
+TEST_F(Dispatch, NumberWithoutANameFailsTheErrorStream) {
     for (unsigned number : {0u, 7u, 19u, 35u, 79u, 89u}) {
         EXPECT_EQ(Receive({Bytes{static_cast<std::uint8_t>(number)}, Debug(), ExitStatus(0)}), "-1")
             << number;
@@ -175,7 +175,7 @@ TEST_F(Dispatch, PacketsOfOneSegmentAreHandledInOneDispatch) {
     EXPECT_EQ(dispatches, 1);
 }
 
-TEST_F(Dispatch, PacketWhoseRestComesLaterIsWaitedForInTheSameDispatch) {
+TEST_F(Dispatch, PartialPacketIsCompletedInTheSameDispatch) {
     for (std::size_t first : {1u, 4u, 16u, 20u}) {
         EXPECT_EQ(Run([&](Connection& c) {
                       Bytes const eof = c.Encode(Eof());
@@ -200,14 +200,14 @@ TEST_F(Dispatch, IgnoreIsDroppedSilently) {
 
 // --- data
 
-TEST_F(Dispatch, DataComesOutOnDescriptorOne) {
+TEST_F(Dispatch, DataIsWrittenToDescriptorOne) {
     std::string const binary("\0\r\n\xff", 4);
     EXPECT_EQ(Receive({Data("text "), Data(""), Data(binary), ExitStatus(0)}), "-1");
     EXPECT_EQ(output.Text(), "text " + binary);
     EXPECT_EQ(errorOutput.Text(), "");
 }
 
-TEST_F(Dispatch, ExtendedDataOfAnyTypeComesOutOnDescriptorOne) {
+TEST_F(Dispatch, ExtendedDataOfAnyTypeIsWrittenToDescriptorOne) {
     EXPECT_EQ(Receive({ExtendedData("error", 1), Data("-"), ExtendedData("other", 0xfffffffe),
                        ExtendedData("", 1), ExitStatus(0)}),
               "-1");
@@ -225,7 +225,7 @@ TEST_F(Dispatch, DataForUnknownChannelsIsDroppedSilently) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(Dispatch, ChannelsAreFlushedOnceADispatch) {
+TEST_F(Dispatch, ChannelsAreFlushedOncePerDispatch) {
     std::string log;
     EXPECT_EQ(
         Receive({Data("a", 1), ExtendedData("b", 1, 1), Data("c", 1), ExitStatus(0)}, NotedChannel(log)),
@@ -235,11 +235,11 @@ TEST_F(Dispatch, ChannelsAreFlushedOnceADispatch) {
 
 TEST_F(Dispatch, ExceptionSkipsTheFlush) {
     std::string log;
-    EXPECT_EQ(Receive({Data("a", 1), Longer(Eof(1))}, NotedChannel(log)), Surplus("SSH_MSG_CHANNEL_EOF"));
+    EXPECT_EQ(Receive({Data("a", 1), Longer(Eof(1))}, NotedChannel(log)), ExtraBytes("SSH_MSG_CHANNEL_EOF"));
     EXPECT_EQ(log, "data a;");
 }
 
-TEST_F(Dispatch, DataOfAForwardedConnectionIsThereWhenTheDispatchHasEnded) {
+TEST_F(Dispatch, DataOfAForwardedConnectionIsFlushedByTheEndOfTheDispatch) {
     MemoryFile forwarded;
     auto const prepare = [&](LoopSession& session) {
         FileDescriptor fd(dup(forwarded.Fd()));
@@ -252,13 +252,13 @@ TEST_F(Dispatch, DataOfAForwardedConnectionIsThereWhenTheDispatchHasEnded) {
     EXPECT_EQ(text, "one two");
 }
 
-TEST_F(Dispatch, OutputThatCanNotBeWrittenEndsTheRun) {
+TEST_F(Dispatch, FailedOutputEndsTheRun) {
     int const full = open("/dev/full", O_WRONLY | O_CLOEXEC);
     EXPECT_EQ(Receive({Data("x")}, [&](LoopSession&) { dup2(full, 1); }), "SystemError: write failed: data");
     close(full);
 }
 
-TEST_F(Dispatch, OutputThatIsTakenInPartEndsTheRunToo) {
+TEST_F(Dispatch, PartialOutputEndsTheRun) {
     int ends[2];
     Checked(pipe2(ends, O_CLOEXEC | O_NONBLOCK), "pipe2");
     std::string const tooMuch(200000, 'x');
@@ -293,7 +293,7 @@ TEST_F(Dispatch, ExitMessageEndsTheRunOnAnyChannelAndGetsNoReply) {
     }
 }
 
-TEST_F(Dispatch, WhatComesAfterAnExitMessageIsDropped) {
+TEST_F(Dispatch, MessagesAfterAnExitMessageAreDropped) {
     std::string log;
     EXPECT_EQ(Receive({Data("a", 1), ExitStatus(0), Data("b", 1), Data("late"), Debug()}, NotedChannel(log)),
               "-1");
@@ -302,14 +302,14 @@ TEST_F(Dispatch, WhatComesAfterAnExitMessageIsDropped) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(Dispatch, CallbacksAreToldThatTheSocketIsUnregistered) {
+TEST_F(Dispatch, CallbacksRunWhenTheSocketIsUnregistered) {
     class Callback : public IOMultiplexerCallback {
     public:
         int operator()(int fd) override {
-            told.push_back(fd);
+            fds.push_back(fd);
             return 0;
         }
-        std::vector<int> told;
+        std::vector<int> fds;
     } callback;
     int fd = -1;
     EXPECT_EQ(Receive({ExitStatus(0)},
@@ -318,7 +318,7 @@ TEST_F(Dispatch, CallbacksAreToldThatTheSocketIsUnregistered) {
                           session.Multiplexer().Append(&callback);
                       }),
               "-1");
-    EXPECT_THAT(callback.told, ElementsAre(fd));
+    EXPECT_THAT(callback.fds, ElementsAre(fd));
 }
 
 TEST_F(Dispatch, OtherRequestsAreDroppedWithoutReply) {
@@ -333,7 +333,7 @@ TEST_F(Dispatch, OtherRequestsAreDroppedWithoutReply) {
 }
 
 TEST_F(Dispatch, OtherRequestsWithDataAfterThemAreAViolation) {
-    EXPECT_EQ(Receive({RequestHead("xon-xoff").Bool(true)}), Surplus("SSH_MSG_CHANNEL_REQUEST"));
+    EXPECT_EQ(Receive({RequestHead("xon-xoff").Bool(true)}), ExtraBytes("SSH_MSG_CHANNEL_REQUEST"));
     EXPECT_EQ(terminations, 0);
 }
 
@@ -357,13 +357,13 @@ TEST_F(Dispatch, FurtherEofSendsAFurtherClose) {
     EXPECT_THAT(Sent(), ElementsAre(Eof(42), Close(42), Eof(42), Close(42)));
 }
 
-TEST_F(Dispatch, EofAfterTheOwnOneIsAnsweredByCloseAlone) {
+TEST_F(Dispatch, EofAfterTheLocalOneIsAnsweredByCloseOnly) {
     EXPECT_EQ(Receive({Eof(), Eof(), ExitStatus(0)}, [](LoopSession& session) { session.CloseChannel(0); }),
               "-1");
     EXPECT_THAT(Sent(), ElementsAre(Eof(42), Close(42), Close(42)));
 }
 
-TEST_F(Dispatch, CloseChannelSendsEofAsOftenAsItIsCalled) {
+TEST_F(Dispatch, CloseChannelSendsEofOnEachCall) {
     EXPECT_EQ(Receive(
                   {ExitStatus(0)},
                   [](LoopSession& session) {
@@ -390,7 +390,7 @@ TEST_F(Dispatch, EofAndCloseOfUnknownChannelsChangeNothing) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(Dispatch, CloseDeletesTheChannelAndGetsNoneBack) {
+TEST_F(Dispatch, CloseDeletesTheChannelAndIsNotAnswered) {
     bool found = true;
     EXPECT_EQ(Receive({Close(), Data("gone"), Close(), Eof(), Disconnect("end")}, {},
                       [&](LoopSession& session) { found = session._channels.Find(0) != nullptr; }),
@@ -428,7 +428,7 @@ TEST_F(Dispatch, ChannelsOfAnyTypeAreRefused) {
 
 TEST_F(Dispatch, ForwardedConnectionWithAnOriginatorIsAViolation) {
     EXPECT_EQ(Receive({ChannelOpenHead("forwarded-tcpip", 7).String("host").U32(80).String("origin").U32(1)}),
-              Surplus("SSH_MSG_CHANNEL_OPEN"));
+              ExtraBytes("SSH_MSG_CHANNEL_OPEN"));
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
@@ -461,7 +461,7 @@ TEST_F(Dispatch, AnyOtherOpeningWithoutAnAddressEndsTheRun) {
 
 // --- violations
 
-TEST_F(Dispatch, KnownMessageWithAByteTooManyEndsTheRun) {
+TEST_F(Dispatch, MessageWithAnExtraByteEndsTheRun) {
     std::vector<std::pair<Bytes, char const*>> const known{
         {Data("x"), "SSH_MSG_CHANNEL_DATA"},
         {ExtendedData("x", 1), "SSH_MSG_CHANNEL_EXTENDED_DATA"},
@@ -475,14 +475,14 @@ TEST_F(Dispatch, KnownMessageWithAByteTooManyEndsTheRun) {
         {Disconnect("x"), "SSH_MSG_DISCONNECT"},
     };
     for (auto const& [payload, name] : known) {
-        EXPECT_EQ(Receive({Longer(payload)}), Surplus(name));
+        EXPECT_EQ(Receive({Longer(payload)}), ExtraBytes(name));
         EXPECT_THAT(Sent(), IsEmpty()) << name;
         EXPECT_EQ(messages, "") << name;
         EXPECT_EQ(output.Text(), "") << name;
     }
 }
 
-TEST_F(Dispatch, KnownMessageWhoseTextIsTooLongEndsTheRun) {
+TEST_F(Dispatch, MessageWithATooLongTextEndsTheRun) {
     for (Bytes const& payload :
          {Bytes(Writer().U8(CHANNEL_DATA).U32(0).U32(0xffffffff)), Bytes(Writer().U8(IGNORE).U32(0x10000)),
           Bytes(Writer().U8(DISCONNECT).U32(11).U32(0x80000000)),
@@ -493,7 +493,7 @@ TEST_F(Dispatch, KnownMessageWhoseTextIsTooLongEndsTheRun) {
 
 // --- a program's own channels
 
-TEST_F(Dispatch, ReplacedChannelServesTheDescriptorsOfTheOldOne) {
+TEST_F(Dispatch, ReplacementServesTheDescriptorsOfTheOldChannel) {
     class Upper : public NotingChannel {
     public:
         using NotingChannel::NotingChannel;

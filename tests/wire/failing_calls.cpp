@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -7,7 +6,10 @@
 #include <atomic>
 #include <cerrno>
 
+#include "support/next_symbol.h"
 #include "wire/failing_calls.h"
+
+using support::NextSymbol;
 
 namespace {
 
@@ -17,11 +19,6 @@ std::atomic<int> lastLimit{0};
 std::atomic<bool> addressTextFails{false};
 std::atomic<bool> noDescriptorIsLeft{false};
 std::atomic<int> nameLookUps{0};
-
-template <typename Function>
-Function* Next(Function*, char const* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 } // namespace
 
@@ -47,7 +44,7 @@ extern "C" {
 // In place of the C library's, for the library under test too.
 
 int poll(pollfd* records, nfds_t count, int limit) {
-    static auto* const next = Next(&poll, "poll");
+    static auto* const next = NextSymbol(&poll, "poll");
     if (count != 1 || failingEvents == 0 || records->events != failingEvents || limit > longestLimit)
         return next(records, count, limit);
     lastLimit = limit;
@@ -56,20 +53,20 @@ int poll(pollfd* records, nfds_t count, int limit) {
 }
 
 int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    static auto* const next = Next(&accept4, "accept4");
+    static auto* const next = NextSymbol(&accept4, "accept4");
     if (!noDescriptorIsLeft) return next(fd, address, length, flags);
     errno = EMFILE;
     return -1;
 }
 
 char const* inet_ntop(int family, void const* address, char* text, socklen_t size) noexcept {
-    static auto* const next = Next(&inet_ntop, "inet_ntop");
+    static auto* const next = NextSymbol(&inet_ntop, "inet_ntop");
     return addressTextFails ? nullptr : next(family, address, text, size);
 }
 
 int getnameinfo(sockaddr const* address, socklen_t length, char* host, socklen_t hostLength, char* service,
                 socklen_t serviceLength, int flags) {
-    static auto* const next = Next(&getnameinfo, "getnameinfo");
+    static auto* const next = NextSymbol(&getnameinfo, "getnameinfo");
     if (!(flags & NI_NUMERICHOST)) ++nameLookUps;
     return next(address, length, host, hostLength, service, serviceLength, flags);
 }

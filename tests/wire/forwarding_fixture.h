@@ -1,16 +1,18 @@
 #ifndef TESTS_WIRE_FORWARDING_FIXTURE_H
 #define TESTS_WIRE_FORWARDING_FIXTURE_H
 
-#include <filesystem>
 #include <functional>
 #include <future>
-#include <iterator>
+#include <set>
 #include <string>
 
 #include <brantle/channel/tcp_forwarding.h>
 
+#include "support/descriptor_state.h"
 #include "wire/loop_fixture.h"
 #include "wire/tcp_end.h"
+
+using support::OpenDescriptors;
 
 inline peer::Bytes Confirmation(std::uint32_t recipient, std::uint32_t sender) {
     return peer::Writer()
@@ -62,12 +64,7 @@ inline void GrantForwarding(peer::Connection& c) {
     c.SendPacket(peer::Writer().U8(peer::REQUEST_SUCCESS));
 }
 
-inline std::size_t OpenDescriptors() {
-    std::filesystem::directory_iterator const all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
-/// Sessions with forwardings. A local one leads from port Listener() to "target" 8000; the channel of its
+/// Sessions with forwardings. A local one forwards port Listener() to "target" 8000; the channel of its
 /// first connection is 1 here and 77 at the server. No test leaves a descriptor open.
 class ForwardingTest : public LoopTest {
 protected:
@@ -124,7 +121,7 @@ protected:
         ReadToTheEnd(c);
     }
 
-    /// What AcceptLocalFwdConnection came to for one connection, with a server that answers by this script
+    /// The outcome of AcceptLocalFwdConnection for one connection, with a server that answers by this script
     /// and goes on by the other when the call has returned. The session is then run until the server ends it.
     std::string Accept(AnswerScript const& answer, AnswerScript const& goOn = EndTheRun) {
         std::string outcome;
@@ -144,7 +141,7 @@ protected:
     }
 
 private:
-    std::size_t _descriptors = 0;
+    std::set<int> _descriptors;
     std::promise<std::uint16_t> _listening;
     std::shared_future<std::uint16_t> _listener{_listening.get_future()};
     std::promise<void> _prepared;

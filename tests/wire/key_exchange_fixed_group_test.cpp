@@ -1,5 +1,5 @@
 // The exchange without a group request, RFC 4253 section 8. The fixed groups themselves end in their
-// arithmetic, so that a group of the usual form stands in for them here.
+// arithmetic, so that a group of the usual form is used in their place here.
 
 #include <functional>
 #include <string>
@@ -14,7 +14,7 @@ class FixedGroupSession : public TestSession {
 public:
     using TestSession::TestSession;
 
-    /// KeyExchange, with a method that it would not come to.
+    /// KeyExchange, with a method that it would not choose.
     int ExchangeOverFixedGroup() {
         cindral::PacketKexInit own(_defaultKexAlgorithms);
         _out.WritePacket(own);
@@ -93,7 +93,7 @@ std::string TryMessage(Bytes const& message) {
 
 } // namespace
 
-TEST(FixedGroup, LeadsToAnEncryptedConnection) {
+TEST(FixedGroup, ResultsInAnEncryptedConnection) {
     auto const complete = [](Connection& c) {
         ReceiveInit(c);
         c.SendPacket(Payload(MakeReply(c)));
@@ -113,7 +113,7 @@ TEST(FixedGroup, PublicValueOutsideTheGroupIsRefused) {
     EXPECT_EQ(TryReply([](Connection& c, GroupReply& reply) { reply.f = c.kex.group.p; }), "-1");
 }
 
-TEST(FixedGroup, HostKeyThatIsNoneIsRefused) {
+TEST(FixedGroup, MalformedHostKeyIsRefused) {
     EXPECT_EQ(TryReply([](Connection&, GroupReply& reply) { reply.hostKeyBlob = Bytes(30, 0xff); }), "-1");
 }
 

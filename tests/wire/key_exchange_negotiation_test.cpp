@@ -46,7 +46,7 @@ Tried Refused(ServerSettings const& settings) { return Tried(settings, RefusedBy
 
 } // namespace
 
-TEST(Negotiation, ClientKexInitIsExactButForItsCookie) {
+TEST(Negotiation, ClientKexInitIsExactExceptForItsCookie) {
     Tried const tried({}, Complete);
     EXPECT_EQ(tried.outcome, "0");
     Bytes const payload = tried.server.At(0).kex.clientKexInit;
@@ -79,7 +79,7 @@ TEST(Negotiation, CookiesDiffer) {
               Slice(second.server.At(0).kex.clientKexInit, 1, 16));
 }
 
-TEST(Negotiation, ClientsOrderLeads) {
+TEST(Negotiation, ClientPreferenceWins) {
     ServerSettings settings; // its lists are the client's in reverse
     Tried const tried(settings, Complete);
     EXPECT_EQ(tried.outcome, "0");
@@ -91,7 +91,7 @@ TEST(Negotiation, ClientsOrderLeads) {
     EXPECT_EQ(tried.need, 20u);
 }
 
-TEST(Negotiation, MethodsOrderIsTheClientsToo) {
+TEST(Negotiation, ClientPreferenceWinsForMethodsToo) {
     ServerSettings settings;
     settings.kexInit.kex = "diffie-hellman-group1-sha1,diffie-hellman-group14-sha1,unknown,"
                            "diffie-hellman-group-exchange-sha1";
@@ -100,7 +100,7 @@ TEST(Negotiation, MethodsOrderIsTheClientsToo) {
     EXPECT_EQ(tried.kexType, cindral::KEX_GEX);
 }
 
-TEST(Negotiation, DirectionsAreChosenApart) {
+TEST(Negotiation, DirectionsAreNegotiatedIndependently) {
     ServerSettings settings;
     settings.kexInit.cipherClientToServer = "unknown,3des-cbc";
     settings.kexInit.cipherServerToClient = "aes256-ctr";
@@ -120,7 +120,7 @@ TEST(Negotiation, DirectionsAreChosenApart) {
     EXPECT_EQ(server.At(0).kex.preferred, 4096u);
 }
 
-TEST(Negotiation, NoCommonMethodIsRefusedWithoutAFurtherPacket) {
+TEST(Negotiation, WithoutACommonMethodNoFurtherPacketIsSent) {
     for (char const* methods : {"", "curve25519-sha256", "diffie-hellman-group-exchange-sha256,none"}) {
         ServerSettings settings;
         settings.kexInit.kex = methods;
@@ -132,7 +132,7 @@ TEST(Negotiation, NoCommonMethodIsRefusedWithoutAFurtherPacket) {
     }
 }
 
-TEST(Negotiation, NoCommonCipherOrMacIsRefusedAndEarlierChoicesStay) {
+TEST(Negotiation, WithoutACommonCipherOrMacEarlierChoicesAreKept) {
     ServerSettings settings;
     settings.kexInit.cipherClientToServer = "arcfour";
     EXPECT_EQ(Refused(settings).outcome, "-1");
@@ -158,7 +158,7 @@ TEST(Negotiation, NoCommonCipherOrMacIsRefusedAndEarlierChoicesStay) {
     EXPECT_EQ(Refused(settings).need, 16u);
 }
 
-TEST(Negotiation, FixedGroupsAreChosenAndEndInTheirArithmetic) {
+TEST(Negotiation, FixedGroupsAreChosenAndFailInTheirArithmetic) {
     ServerSettings settings;
     settings.kexInit.kex = "diffie-hellman-group1-sha1";
     Tried const group1 = Refused(settings);
@@ -201,13 +201,13 @@ TEST(Negotiation, GuessedPacketIsNotSkipped) {
     EXPECT_EQ(tried.outcome, "SshProtocolError: expected KEX_DH_GEX_GROUP package, received: 30");
 }
 
-TEST(Negotiation, PromiseOfAGuessWithoutOneIsNoMatter) {
+TEST(Negotiation, AnnouncedGuessThatIsNotSentIsHarmless) {
     ServerSettings settings;
     settings.kexInit.firstKexPacketFollows = true;
     EXPECT_EQ(Tried(settings, Complete).outcome, "0");
 }
 
-TEST(Negotiation, OnlyKexInitIsTakenFirst) {
+TEST(Negotiation, FirstPacketMustBeKexInit) {
     std::vector<std::pair<Bytes, std::string>> const messages = {
         {Writer().U8(IGNORE).String("x"), "2"},
         {Writer().U8(DEBUG).Bool(false).String("x").String(""), "4"},
@@ -243,7 +243,7 @@ TEST(Negotiation, KexInitMustEndWithItsLastField) {
 
 TEST(Negotiation, KexInitThatEndsEarlyIsRefused) {
     Bytes const whole = KexInitLists().Payload();
-    // More is missing than the padding after it could stand in for.
+    // More is missing than the padding after it could replace.
     for (std::size_t length = 1; length + 40 < whole.size(); length += 7) {
         ScriptedPeer server([&](Connection& c) {
             c.Identify();

@@ -21,7 +21,7 @@ ServerSettings Pinned(std::string const& cipher = "aes128-ctr", std::string cons
     return settings;
 }
 
-/// Runs a key exchange against a script; the script must come to its end.
+/// Runs a key exchange against a script; the script must run to its end.
 std::string Try(ScriptedPeer::Script const& script, ServerSettings const& settings = Pinned()) {
     ScriptedPeer server(script, settings);
     std::string outcome = ExchangeKeys(server.Port());
@@ -50,7 +50,7 @@ std::string TryGroup(Bytes const& message) {
     });
 }
 
-/// A server that changes its reply before it goes out; the client must stop there.
+/// A server that changes its reply before it is sent; the client must stop there.
 std::string TryReply(std::function<void(Connection&, GroupReply&)> const& change) {
     return Try([&](Connection& c) {
         UpToGroupInit(c);
@@ -154,7 +154,7 @@ INSTANTIATE_TEST_SUITE_P(Needs, KeyNeed,
                                          NeedCase{"aes128-ctr", "hmac-sha2-256", 32, 4096, 40},
                                          NeedCase{"aes128-ctr", "hmac-sha2-512", 64, 4096, 80}));
 
-TEST(KeyForms, ServerWithTheStandardExtensionDisagreesAboveTwentyBytes) {
+TEST(KeyDerivation, ServerWithTheStandardDerivationDisagreesAbove20Bytes) {
     ServerSettings settings = Pinned("aes256-ctr", "hmac-sha1");
     settings.keyExtension = KeyExtension::Rfc4253;
     ScriptedPeer server([](Connection& c) { c.WellBehaved(Stage::Service); }, settings);
@@ -172,7 +172,7 @@ TEST(KeyForms, ServerWithTheStandardExtensionDisagreesAboveTwentyBytes) {
     EXPECT_NE(server.Error(), "");
 }
 
-TEST(KeyForms, ServerWithTheStandardExtensionAgreesUpToTwentyBytes) {
+TEST(KeyDerivation, ServerWithTheStandardDerivationAgreesUpTo20Bytes) {
     ServerSettings settings = Pinned("aes128-ctr", "hmac-sha1");
     settings.keyExtension = KeyExtension::Rfc4253;
     ScriptedPeer server([](Connection& c) { c.WellBehaved(Stage::Service); }, settings);
@@ -185,7 +185,7 @@ TEST(KeyForms, ServerWithTheStandardExtensionAgreesUpToTwentyBytes) {
     server.Finish();
 }
 
-TEST(Group, SizeLimitsAreInclusive) {
+TEST(GexGroup, SizeLimitsAreInclusive) {
     EXPECT_EQ(TryNumberAsModulus(1024), "0");
     EXPECT_EQ(TryNumberAsModulus(8192), "0");
     EXPECT_EQ(TryGroup(GroupMessage(OddNumber(1023), {2})), "-1");
@@ -193,7 +193,7 @@ TEST(Group, SizeLimitsAreInclusive) {
     EXPECT_EQ(TryGroup(GroupMessage({}, {2})), "-1");
 }
 
-TEST(Group, AnySizeWithinTheLimitsIsTakenWhateverWasPreferred) {
+TEST(GexGroup, AnySizeWithinTheLimitsIsAcceptedWhateverThePreference) {
     for (unsigned bits : {1024u, 1536u, 3072u}) {
         ServerSettings settings = Pinned("aes128-ctr", "hmac-sha1");
         settings.group = DhGroup::Modp(bits);
@@ -201,7 +201,7 @@ TEST(Group, AnySizeWithinTheLimitsIsTakenWhateverWasPreferred) {
     }
 }
 
-TEST(Group, TwiceTheNeedMustStayBelowItsBits) {
+TEST(GexGroup, TwiceTheNeedMustBeBelowTheModulusSize) {
     ServerSettings settings = Pinned("aes128-ctr", "hmac-sha2-512");
     settings.group = DhGroup::Modp(1024);
     EXPECT_EQ(Try(
@@ -216,26 +216,26 @@ TEST(Group, TwiceTheNeedMustStayBelowItsBits) {
     EXPECT_EQ(Try(Complete, settings), "0");
 }
 
-TEST(Group, NoPrimalityIsAskedFor) {
+TEST(GexGroup, PrimalityIsNotChecked) {
     DhGroup const composite{OddNumber(1100), {3}, 1100};
     ServerSettings settings = Pinned();
     settings.group = composite;
     EXPECT_EQ(Try(Complete, settings), "0");
 }
 
-TEST(Group, GeneratorWithoutAValidPublicValueRunsOutOfTries) {
+TEST(GexGroup, GeneratorWithoutAValidPublicValueRunsOutOfTries) {
     Bytes const& p = DhGroup::Modp(1024).p;
     EXPECT_EQ(TryGroup(GroupMessage(p, {1})), tooManyRetries);
     EXPECT_EQ(TryGroup(GroupMessage(p, {})), tooManyRetries);
     EXPECT_EQ(TryGroup(GroupMessage(p, AddSmall(p, -1))), tooManyRetries);
 }
 
-TEST(Group, EvenModulusFailsInTheArithmetic) {
+TEST(GexGroup, EvenModulusFailsInTheArithmetic) {
     EXPECT_EQ(TryGroup(GroupMessage(AddSmall(DhGroup::Modp(1024).p, 1), {2})),
               "OpenSSLError: DH_generate_key");
 }
 
-TEST(Group, OtherMessagesAreRefused) {
+TEST(GexGroup, OtherMessagesAreRefused) {
     EXPECT_EQ(TryGroup(Writer().U8(IGNORE).String("")),
               "SshProtocolError: expected KEX_DH_GEX_GROUP package, received: 2");
     EXPECT_EQ(TryGroup(Writer().U8(GEX_REPLY)),
@@ -244,12 +244,12 @@ TEST(Group, OtherMessagesAreRefused) {
               "SshProtocolError: expected KEX_DH_GEX_GROUP package, received: 20");
 }
 
-TEST(Group, MessageMustEndWithTheGenerator) {
+TEST(GexGroup, MessageMustEndWithTheGenerator) {
     EXPECT_EQ(TryGroup(Writer().Raw(GroupMessage(DhGroup::Modp(1024).p, {2})).U8(0)),
               "SshProtocolError: additional characters in packet after padding: SSH_MSG_KEXDH_REPLY");
 }
 
-TEST(Group, ClosingInItsPlaceIsAClosedConnection) {
+TEST(GexGroup, CloseInsteadOfTheGroupIsAClosedConnection) {
     EXPECT_EQ(Try(UpToGroupRequest), closedEarly);
     EXPECT_EQ(Try(UpToGroupInit), closedEarly);
     EXPECT_EQ(Try([](Connection& c) {
@@ -260,7 +260,7 @@ TEST(Group, ClosingInItsPlaceIsAClosedConnection) {
               closedEarly);
 }
 
-TEST(GroupInit, PublicValueLiesInTheGroup) {
+TEST(GexInit, PublicValueIsInTheGroup) {
     ScriptedPeer server(Complete, Pinned());
     EXPECT_EQ(ExchangeKeys(server.Port()), "0");
     server.Finish();
@@ -272,7 +272,7 @@ TEST(GroupInit, PublicValueLiesInTheGroup) {
     }
 }
 
-TEST(Reply, PublicValuesOfTheServerThatAreRefused) {
+TEST(GexReply, InvalidPublicValuesOfTheServerAreRefused) {
     // Each of these comes with the secret, the hash and the signature that belong to it.
     for (unsigned exponent : {0u, 1u, 2u, 7u, 8u, 160u, 1000u, 1023u})
         EXPECT_EQ(TryReply([&](Connection& c, GroupReply& reply) { ReplyWithExponent(c, reply, exponent); }),
@@ -283,7 +283,7 @@ TEST(Reply, PublicValuesOfTheServerThatAreRefused) {
         EXPECT_EQ(TryReply([&](Connection&, GroupReply& reply) { reply.f = f; }), "-1") << Hex(f);
 }
 
-TEST(Reply, NegativePublicValueIsRefused) {
+TEST(GexReply, NegativePublicValueIsRefused) {
     EXPECT_EQ(Try([](Connection& c) {
                   UpToGroupInit(c);
                   GroupReply const reply = c.MakeGroupReply();
@@ -297,7 +297,7 @@ TEST(Reply, NegativePublicValueIsRefused) {
               "-1");
 }
 
-TEST(Reply, SignatureMustFit) {
+TEST(GexReply, SignatureMustVerify) {
     EXPECT_EQ(TryReply([](Connection&, GroupReply& reply) { reply.signature.back() ^= 1; }), "-1");
     EXPECT_EQ(TryReply([](Connection&, GroupReply& reply) { reply.signature[20] ^= 0x80; }), "-1");
     EXPECT_EQ(TryReply([](Connection& c, GroupReply& reply) {
@@ -317,7 +317,7 @@ TEST(Reply, SignatureMustFit) {
     EXPECT_EQ(TryReply([](Connection&, GroupReply& reply) { reply.signature = Bytes(40, 0xff); }), "-1");
 }
 
-TEST(Reply, BothKeyTypesVerify) {
+TEST(GexReply, BothKeyTypesVerify) {
     ServerSettings settings = Pinned();
     EXPECT_EQ(Try(Complete, settings), "0");
     settings.hostKey = &KeyPair::HostDsa();
@@ -326,7 +326,7 @@ TEST(Reply, BothKeyTypesVerify) {
     EXPECT_EQ(Try(Complete, settings), "0");
 }
 
-TEST(Reply, BlobThatIsNoKeyIsRefused) {
+TEST(GexReply, MalformedHostKeyBlobIsRefused) {
     for (Bytes const& blob :
          {Bytes{}, Bytes(30, 0xff), Writer().String("ssh-ed25519").String(Bytes(32, 1)).Data(),
           Writer().String("ssh-rsa").Data(), Slice(KeyPair::HostRsa().Blob(), 0, 100)})
@@ -334,14 +334,14 @@ TEST(Reply, BlobThatIsNoKeyIsRefused) {
             << Hex(blob);
 }
 
-TEST(Reply, OtherMessagesAreRefused) {
+TEST(GexReply, OtherMessagesAreRefused) {
     EXPECT_EQ(TryReplyMessage(Writer().U8(DEBUG).Bool(true).String("").String("")),
               "SshProtocolError: expected KEX_DH_GEX_REPLY package, received: 4");
     EXPECT_EQ(TryReplyMessage(Writer().U8(KEXDH_REPLY)),
               "SshProtocolError: expected KEX_DH_GEX_REPLY package, received: 31");
 }
 
-TEST(Reply, MessageMustEndWithTheSignature) {
+TEST(GexReply, MessageMustEndWithTheSignature) {
     EXPECT_EQ(Try([](Connection& c) {
                   UpToGroupInit(c);
                   c.SendPacket(Writer().Raw(c.MakeGroupReply().Payload()).Raw("more"));
@@ -350,12 +350,12 @@ TEST(Reply, MessageMustEndWithTheSignature) {
               "SshProtocolError: additional characters in packet after padding: SSH_MSG_KEX_DH_GEX_REPLY");
 }
 
-TEST(Reply, LengthAboveThePacketIsRefused) {
+TEST(GexReply, LengthAboveThePacketIsRefused) {
     EXPECT_EQ(TryReplyMessage(Writer().U8(GEX_REPLY).U32(100000)),
               "SshProtocolError: string length exceeds packet length");
 }
 
-TEST(HostKey, ChangeIsRefusedAndTheOldOneStays) {
+TEST(HostKey, ChangeIsRefusedAndTheOldKeyIsKept) {
     ScriptedPeer server(
         [](Connection& c) {
             if (c.index == 1) c.settings.hostKey = &KeyPair::OtherHostRsa();
@@ -389,7 +389,7 @@ TEST(HostKey, IsLearntBeforeItsSignatureIsChecked) {
     server.Finish(2);
 }
 
-TEST(NewKeys, OtherMessagesAreRefusedButTheOwnHasGoneOut) {
+TEST(NewKeys, OtherMessagesAreRefusedAfterTheLocalNewKeys) {
     EXPECT_EQ(TryNewKeysMessage(Writer().U8(IGNORE).String("")),
               "SshProtocolError: expected NEWKEYS package, received: 2");
     EXPECT_EQ(TryNewKeysMessage(Writer().U8(SERVICE_ACCEPT).String("ssh-userauth")),
@@ -401,7 +401,7 @@ TEST(NewKeys, MustBeEmpty) {
               "SshProtocolError: additional characters in packet after padding: SSH_MSG_NEWKEYS");
 }
 
-TEST(NewKeys, ChangeBothDirectionsAtOnce) {
+TEST(NewKeys, BothDirectionsChangeTogether) {
     ScriptedPeer server(
         [](Connection& c) {
             UpToGroupInit(c);

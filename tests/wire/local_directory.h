@@ -64,18 +64,6 @@ public:
         }
         return tree;
     }
-    /// The flags (F_GETFD) of the descriptors of the process that lead into the directory.
-    std::vector<int> DescriptorFlags() const {
-        std::vector<int> flags;
-        for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code gone;
-            auto const target = std::filesystem::read_symlink(entry.path(), gone).string();
-            if (gone || target.rfind(*this / "", 0) != 0) continue;
-            flags.push_back(fcntl(std::stoi(entry.path().filename()), F_GETFD));
-        }
-        return flags;
-    }
-    std::size_t OpenDescriptors() const { return DescriptorFlags().size(); }
 };
 
 /// Makes a directory the working directory of the process as long as it lives.

@@ -156,8 +156,8 @@ class LoopTest : public testing::Test {
 protected:
     using Script = peer::ScriptedPeer::Script;
 
-    /// What Run came to. The server follows the script and then reads until the client has closed; `prepare`
-    /// is called before Run, `inspect` after it.
+    /// The outcome of Run. The server follows the script and then reads until the client has closed;
+    /// `prepare` is called before Run, `inspect` after it.
     std::string Run(Script const& script, Client const& prepare = {}, Client const& inspect = {}) {
         return RunFrom(silence.Fd(), script, prepare, inspect);
     }
@@ -175,7 +175,7 @@ protected:
             settings);
         std::string outcome;
         {
-            ProcessDescriptors const joined(input, output.Fd(), errorOutput.Fd());
+            ProcessDescriptors const redirected(input, output.Fd(), errorOutput.Fd());
             Captured const errors(std::cerr);
             LoopSession session(server->Port());
             Login(session);
@@ -204,12 +204,7 @@ protected:
     }
 
     /// Payloads of the client after its request of a command.
-    std::vector<peer::Bytes> Sent() const {
-        std::vector<peer::Bytes> payloads;
-        auto const& records = server->At(0).received;
-        for (std::size_t i = 8; i < records.size(); ++i) payloads.push_back(records[i].payload);
-        return payloads;
-    }
+    std::vector<peer::Bytes> Sent() const { return server->At(0).ReceivedAfter(peer::CHANNEL_REQUEST); }
 
     peer::ServerSettings settings = QuickSettings();
     InputPipe silence;

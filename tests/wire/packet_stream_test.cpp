@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include "support/pattern.h"
 #include "wire/all_algorithms.h"
 #include "wire/test_session.h"
 
@@ -9,7 +10,7 @@ using namespace peer;
 
 namespace {
 
-/// A payload of its own making, of any length.
+/// Any payload, of any length.
 class RawPacket : public cindral::Packet {
 public:
     explicit RawPacket(Bytes const& payload) : Packet(payload.empty() ? 0 : payload[0]), _bytes(payload) {}
@@ -24,11 +25,7 @@ private:
     Bytes _bytes;
 };
 
-Bytes Pattern(std::size_t size) {
-    Bytes bytes(size);
-    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::uint8_t>(i * 7 + i / 251);
-    return bytes;
-}
+Bytes Pattern(std::size_t size) { return ToBytes(support::Pattern(size)); }
 
 ServerSettings Pinned(std::string const& cipher, std::string const& mac) {
     ServerSettings settings;
@@ -90,7 +87,7 @@ std::string PlainLength(std::uint32_t length, std::size_t bytesAfter) {
     return outcome;
 }
 
-class FramingWith : public testing::TestWithParam<Algorithms> {};
+class Framing : public testing::TestWithParam<Algorithms> {};
 
 } // namespace
 
@@ -127,7 +124,7 @@ TEST(PacketLength, NeedNotBeAMultipleOfTheBlockSize) {
     plain.server.Finish();
 }
 
-TEST(PacketLength, LieUnderACipherEndsInOneOfTheToldWays) {
+TEST(PacketLength, WrongLengthUnderACipherIsAProtocolErrorOrBadMac) {
     for (std::uint32_t length : {0u, 1u}) {
         EncryptedSession encrypted([&](Connection& c) {
             SendOptions options;
@@ -154,7 +151,7 @@ TEST(PacketLength, LieUnderACipherEndsInOneOfTheToldWays) {
     shorter.server.Finish();
 }
 
-TEST(ReceivedPadding, AnyAmountIsTaken) {
+TEST(ReceivedPadding, AnyAmountIsAccepted) {
     for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4}, std::size_t{255}}) {
         PlainSession plain([&](Connection& c) {
             SendOptions options;
@@ -168,7 +165,7 @@ TEST(ReceivedPadding, AnyAmountIsTaken) {
     }
 }
 
-TEST(ReceivedPadding, MoreThanThePacketHoldsIsNoMatterToTheDecoder) {
+TEST(ReceivedPadding, MoreThanThePacketHoldsIsIgnoredByTheDecoder) {
     EncryptedSession encrypted([](Connection& c) {
         c.ExpectPacket(SERVICE_REQUEST);
         SendOptions options;
@@ -183,7 +180,7 @@ TEST(ReceivedPadding, MoreThanThePacketHoldsIsNoMatterToTheDecoder) {
     encrypted.server.Finish();
 }
 
-TEST(ReceivedPadding, FewerBytesThanThereAreIsRefusedByTheDecoder) {
+TEST(ReceivedPadding, FewerBytesThanPresentIsRefusedByTheDecoder) {
     EncryptedSession encrypted([](Connection& c) {
         c.ExpectPacket(SERVICE_REQUEST);
         SendOptions options;
@@ -199,7 +196,7 @@ TEST(ReceivedPadding, FewerBytesThanThereAreIsRefusedByTheDecoder) {
     encrypted.server.Finish();
 }
 
-TEST(Mac, EachChangedByteIsFound) {
+TEST(PacketMac, EachChangedByteIsDetected) {
     for (auto const& [mac, length] :
          {std::pair<char const*, std::size_t>{"hmac-sha1", 20}, {"hmac-sha1-96", 12}, {"hmac-md5", 16}}) {
         for (std::size_t i = 0; i < length; ++i) {
@@ -219,7 +216,7 @@ TEST(Mac, EachChangedByteIsFound) {
     }
 }
 
-TEST(Mac, EachChangedByteOfThePacketIsFound) {
+TEST(PacketMac, EachChangedByteOfThePacketIsDetected) {
     // A change in the length field, or in its block in CBC, ends in whatever the length then reads as.
     for (auto const& [cipher, first] :
          {std::pair<char const*, std::size_t>{"aes128-ctr", 4}, {"3des-cbc", 8}}) {
@@ -239,7 +236,7 @@ TEST(Mac, EachChangedByteOfThePacketIsFound) {
     }
 }
 
-TEST(Mac, ShortOneIsComparedAsFarAsItCame) {
+TEST(PacketMac, TruncatedMacIsComparedAsFarAsReceived) {
     for (std::size_t came = 0; came < 20; ++came) {
         EncryptedSession encrypted([came](Connection& c) {
             SendOptions options;
@@ -254,7 +251,7 @@ TEST(Mac, ShortOneIsComparedAsFarAsItCame) {
     }
 }
 
-TEST(Mac, ShortOneWithAChangedByteIsRefused) {
+TEST(PacketMac, TruncatedMacWithAChangedByteIsRefused) {
     for (std::size_t came = 1; came < 20; ++came) {
         EncryptedSession encrypted([came](Connection& c) {
             SendOptions options;
@@ -267,7 +264,7 @@ TEST(Mac, ShortOneWithAChangedByteIsRefused) {
     }
 }
 
-TEST(Mac, IsBoundToTheSequenceNumber) {
+TEST(PacketMac, IsBoundToTheSequenceNumber) {
     EncryptedSession encrypted([](Connection& c) {
         c.SetSendSequence(5);
         c.SendPacket(Writer().U8(IGNORE).String("x"));
@@ -276,7 +273,7 @@ TEST(Mac, IsBoundToTheSequenceNumber) {
     encrypted.server.Finish();
 }
 
-TEST(Close, BetweenTwoPacketsIsSeenAtTheLength) {
+TEST(ConnectionClose, CloseBetweenPacketsFailsAtTheLength) {
     PlainSession plain([](Connection& c) { c.SendPacket(ToBytes("one")); });
     EXPECT_EQ(PayloadOf(plain.session._in.ReadPacket()), ToBytes("one"));
     EXPECT_EQ(ReadOutcome(plain.session), closedEarly);
@@ -289,7 +286,7 @@ TEST(Close, BetweenTwoPacketsIsSeenAtTheLength) {
     encrypted.server.Finish();
 }
 
-TEST(Close, WithinTheLengthIsSeenThere) {
+TEST(ConnectionClose, CloseWithinTheLengthFailsThere) {
     for (std::size_t came = 0; came < 4; ++came) {
         PlainSession plain([came](Connection& c) {
             c.Wire().faults.cutAfterSent = c.Wire().SentCount() + came;
@@ -300,7 +297,7 @@ TEST(Close, WithinTheLengthIsSeenThere) {
     }
 }
 
-TEST(Close, WithinTheBodyLeavesThePacketItsFullSize) {
+TEST(ConnectionClose, CloseWithinTheBodyKeepsTheFullSize) {
     for (std::size_t came : {16u, 32u, 48u}) {
         EncryptedSession encrypted([came](Connection& c) {
             c.Wire().faults.cutAfterSent = c.Wire().SentCount() + came;
@@ -314,7 +311,7 @@ TEST(Close, WithinTheBodyLeavesThePacketItsFullSize) {
     }
 }
 
-TEST(Close, ByResetInTheMacsPlaceGivesAnEmptyPacket) {
+TEST(ConnectionClose, ResetInsteadOfTheMacGivesAnEmptyPacket) {
     EncryptedSession encrypted([](Connection& c) {
         Bytes const packet = c.Encode(Writer().U8(IGNORE).String("x"));
         c.SendRaw(Slice(packet, 0, packet.size() - 20));
@@ -328,7 +325,7 @@ TEST(Close, ByResetInTheMacsPlaceGivesAnEmptyPacket) {
     encrypted.server.Finish();
 }
 
-TEST(Silence, IsAFailedReadOnceTheTimeLimitIsOver) {
+TEST(ConnectionSilence, SilenceIsAFailedReadAfterTheTimeLimit) {
     // Nothing, a part of the first block, a part of the body, all but the MAC.
     std::vector<std::pair<std::size_t, std::string>> const cases = {
         {0, closedEarly}, {3, closedEarly}, {16, "0"}, {32, "0"}};
@@ -346,7 +343,7 @@ TEST(Silence, IsAFailedReadOnceTheTimeLimitIsOver) {
     }
 }
 
-TEST(Counters, SequenceAndByteCountAdvanceWithoutAMac) {
+TEST(PacketCounters, SequenceAndByteCountAdvanceWithoutAMac) {
     PlainSession plain([](Connection& c) {
         c.SendPacket(ToBytes("one"));
         c.SendPacket(ToBytes("a second one"));
@@ -365,7 +362,7 @@ TEST(Counters, SequenceAndByteCountAdvanceWithoutAMac) {
     plain.server.Finish();
 }
 
-TEST(Counters, MacsAreNotCounted) {
+TEST(PacketCounters, MacsAreNotCounted) {
     EncryptedSession encrypted([](Connection& c) {
         c.SendPacket(ToBytes("one"));
         c.ReadPacket();
@@ -397,7 +394,7 @@ TEST(SentPadding, FollowsTheRuleAtEveryPayloadLength) {
     }
 }
 
-TEST(Write, ToAPeerThatIsGoneIsNeitherThrownNorCounted) {
+TEST(PacketWrite, WriteToAClosedPeerIsNeitherThrownNorCounted) {
     PlainSession plain([](Connection& c) { c.Wire().Reset(); });
     bool counted = true;
     for (int i = 0; i < 1000 && counted; ++i) {
@@ -412,7 +409,7 @@ TEST(Write, ToAPeerThatIsGoneIsNeitherThrownNorCounted) {
     plain.server.Finish();
 }
 
-TEST_P(FramingWith, PayloadsOfManySizesPassBothWays) {
+TEST_P(Framing, PayloadsOfManySizesPassInBothDirections) {
     auto const [cipher, mac] = GetParam();
     std::vector<std::size_t> const sizes = {1,    2,    15,   16,    8170,  8171,  8172,   8179,  8187,
                                             8191, 8192, 8193, 16379, 16384, 32768, 100000, 262000};
@@ -440,7 +437,7 @@ TEST_P(FramingWith, PayloadsOfManySizesPassBothWays) {
     }
 }
 
-TEST_P(FramingWith, ManyPacketsInOneSegmentPass) {
+TEST_P(Framing, ManyPacketsInOneSegmentAreRead) {
     auto const [cipher, mac] = GetParam();
     EncryptedSession encrypted(
         [&](Connection& c) {
@@ -454,4 +451,4 @@ TEST_P(FramingWith, ManyPacketsInOneSegmentPass) {
     encrypted.server.Finish();
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, FramingWith, AllAlgorithms(), AlgorithmsName);
+INSTANTIATE_TEST_SUITE_P(Every, Framing, AllAlgorithms(), AlgorithmsName);

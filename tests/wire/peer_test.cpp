@@ -141,7 +141,7 @@ TEST(PeerAgainstOpenSsh, DsaHostKeyVerifies) {
     server.Finish();
 }
 
-TEST(PeerAgainstOpenSsh, SendsTheGroupThatWasAskedFor) {
+TEST(PeerAgainstOpenSsh, SendsTheGroupRequested) {
     ServerSettings settings = RfcSettings();
     settings.group.reset();
     settings.noneAccepted = true;
@@ -214,7 +214,7 @@ TEST(PeerAgainstOpenSsh, SessionInSingleByteSegmentsWorks) {
     server.Finish();
 }
 
-TEST(PeerKeys, TheTwoFormsDifferOnlyAfterTheFirstDigest) {
+TEST(PeerKeys, BothDerivationsDifferOnlyAfterTheFirstDigest) {
     Bytes const k = FromHex("8123456789");
     Bytes const hash = Sha1(ToBytes("hash"));
     KeySet const standard = DeriveKeySet(KeyExtension::Rfc4253, k, hash, hash, 21);
@@ -233,7 +233,7 @@ TEST(PeerKeys, TheTwoFormsDifferOnlyAfterTheFirstDigest) {
     EXPECT_EQ(DeriveKeySet(KeyExtension::LengthPrefixed, k, hash, hash, 20)['A'].size(), 20u);
 }
 
-TEST(PeerWire, ReaderThrowsAtTheEndAndKnowsWhatIsLeft) {
+TEST(PeerWire, ReaderThrowsAtTheEndAndCountsTheRest) {
     Reader reader(Writer().U8(1).U32(2).U64(3).String("four").Mpint({0x00, 0x80}).Mpint({}).Data());
     EXPECT_EQ(reader.U8(), 1);
     EXPECT_EQ(reader.U32(), 2u);
@@ -250,7 +250,7 @@ TEST(PeerWire, ReaderThrowsAtTheEndAndKnowsWhatIsLeft) {
     EXPECT_NE(Difference({1, 2, 3}, {1, 2}), "");
 }
 
-TEST(PeerFaults, CutAfterSentSendsExactlyThatMany) {
+TEST(PeerFaults, CutAfterSentSendsExactlyThatManyBytes) {
     for (std::size_t n : {0u, 1u, 5u, 12u}) {
         ScriptedPeer server([n](Connection& c) {
             c.Wire().faults.cutAfterSent = n;
@@ -265,7 +265,7 @@ TEST(PeerFaults, CutAfterSentSendsExactlyThatMany) {
     }
 }
 
-TEST(PeerFaults, CutAfterReceivedTakesExactlyThatMany) {
+TEST(PeerFaults, CutAfterReceivedReadsExactlyThatManyBytes) {
     ScriptedPeer server([](Connection& c) {
         c.Wire().faults.cutAfterReceived = 3;
         c.ReadLine();

@@ -80,11 +80,11 @@ class ProcessDescriptors {
 public:
     ProcessDescriptors(int in, int out, int err) {
         std::fflush(stdout);
-        std::array<int, 3> const joined{in, out, err};
+        std::array<int, 3> const replacements{in, out, err};
         for (int fd = 0; fd < 3; ++fd) {
             auto const i = static_cast<std::size_t>(fd);
             _saved[i] = Checked(dup(fd), "dup");
-            Checked(dup2(joined[i], fd), "dup2");
+            Checked(dup2(replacements[i], fd), "dup2");
         }
     }
     ~ProcessDescriptors() {

@@ -13,13 +13,16 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include <brantle/apps/scp_session.h>
 
-#include "support/temporary_directory.h"
+#include "support/descriptor_state.h"
+#include "support/pattern.h"
 #include "wire/apps_fixture.h"
+#include "wire/local_directory.h"
+
+using support::Pattern;
 
 /// A session that lets tests see and call what programs can't.
 class ScpClient : public cindral::ScpSession {
@@ -110,7 +113,7 @@ private:
 /// Transfers from and to a directory of the test's own. The server's number of the channel is 42.
 class ScpTest : public AppTest {
 protected:
-    /// What the client's call came to, after a login; the server's script begins at the opening of the
+    /// The outcome of the client's call, after a login; the server's script begins at the opening of the
     /// channel.
     std::string Run(std::function<void(RemoteScp&)> const& script,
                     std::function<int(ScpClient&)> const& client) {
@@ -130,39 +133,16 @@ protected:
         {
             ScpClient session(server->Port());
             Login(session);
-            std::size_t const before = OpenDescriptors();
+            auto const before = support::OpenDescriptorsBelow(directory.Path());
             outcome = Outcome([&] { return client(session); });
-            EXPECT_EQ(OpenDescriptors(), before);
+            EXPECT_EQ(support::OpenDescriptorsBelow(directory.Path()), before);
         }
         server->Finish();
         return outcome;
     }
 
-    /// The flags (F_GETFD) of the descriptors of files in the directory.
-    std::vector<int> DescriptorFlags() const {
-        std::vector<int> flags;
-        for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code gone;
-            auto const target = std::filesystem::read_symlink(entry.path(), gone).string();
-            if (gone || target.rfind(directory / "", 0) != 0) continue;
-            flags.push_back(fcntl(std::stoi(entry.path().filename()), F_GETFD));
-        }
-        return flags;
-    }
-    std::size_t OpenDescriptors() const { return DescriptorFlags().size(); }
+    String_t Directory() const { return directory.Name(); }
 
-    String_t Directory() const { return directory.Path().c_str(); }
-    std::string Path(std::string const& name) const { return directory / name; }
-
-    void Store(std::string const& name, std::string const& text, mode_t mode = 0644) {
-        std::ofstream(Path(name), std::ios::binary) << text;
-        chmod(Path(name).c_str(), mode);
-    }
-    std::string Stored(std::string const& name) const {
-        std::ifstream file(Path(name), std::ios::binary);
-        EXPECT_TRUE(file) << name;
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
     /// Names in the directory, in order and each after a blank.
     std::string Names() const {
         std::vector<std::string> names;
@@ -173,11 +153,6 @@ protected:
         for (auto const& name : names) text += " " + name;
         return text;
     }
-    mode_t ModeOf(std::string const& name) const {
-        struct stat status{};
-        EXPECT_EQ(stat(Path(name).c_str(), &status), 0);
-        return status.st_mode & 07777;
-    }
 
     static TOList<String_t> List(std::initializer_list<char const*> names) {
         TOList<String_t> list;
@@ -187,14 +162,8 @@ protected:
     static peer::Bytes Exec(std::string const& command) { return Request("exec").String(command); }
     /// CHANNEL_DATA that is one octet 0.
     static peer::Bytes Null() { return Data(std::string(1, '\0')); }
-    /// That many characters, no two neighbours of which are the same.
-    static std::string Pattern(std::size_t size) {
-        std::string text(size, '\0');
-        for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + i % 23);
-        return text;
-    }
 
-    support::TemporaryDirectory directory;
+    LocalDirectory directory;
 };
 
 #endif

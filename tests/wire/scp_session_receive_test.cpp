@@ -16,7 +16,7 @@ char const terminated[] = "SshProtocolError: scp terminated with error";
 
 class ScpReceive : public ScpTest {
 protected:
-    /// What receiving "name" came to, when the remote program has started.
+    /// The outcome of receiving "name", when the remote program has started.
     std::string Receive(std::function<void(RemoteScp&)> const& script) {
         return Run(
             [script](RemoteScp& remote) {
@@ -62,8 +62,8 @@ TEST_F(ScpReceive, WholeTransferIsExact) {
               "0");
     // The last acknowledgement leaves with the session.
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest(), Exec("scp -f dir/name"), Null(), Null(), Null()));
-    EXPECT_EQ(Stored("name"), "hello");
-    EXPECT_EQ(ModeOf("name"), 0640u);
+    EXPECT_EQ(directory.Stored("name"), "hello");
+    EXPECT_EQ(directory.ModeOf("name"), 0640u);
 }
 
 TEST_F(ScpReceive, StartSendsTheCommandAndItsFirstOctetWithTheNextRead) {
@@ -94,28 +94,28 @@ TEST_F(ScpReceive, CommandNamesTheFilesInOrderWithoutQuotes) {
     EXPECT_EQ(Command("dir", List({})), "scp -f");
 }
 
-TEST_F(ScpReceive, EmptyFileGoesFromTheHeaderToTheAnswer) {
+TEST_F(ScpReceive, EmptyFileHasNoBodyMessage) {
     EXPECT_EQ(Receive([](RemoteScp& remote) { remote.GiveFile("C0600 0 name\n", ""); }), "0");
-    EXPECT_EQ(Stored("name"), "");
+    EXPECT_EQ(directory.Stored("name"), "");
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest(), Exec("scp -f dir/name"), Null(), Null(), Null()));
 }
 
-TEST_F(ScpReceive, SizeBelowNothingIsAnEmptyFile) {
+TEST_F(ScpReceive, NegativeSizeIsAnEmptyFile) {
     EXPECT_EQ(Receive([](RemoteScp& remote) { remote.GiveFile("C0600 -5 name\n", ""); }), "0");
-    EXPECT_EQ(Stored("name"), "");
+    EXPECT_EQ(directory.Stored("name"), "");
 }
 
-TEST_F(ScpReceive, FilesOfAllSizesArriveWhole) {
+TEST_F(ScpReceive, FilesOfAllSizesArriveComplete) {
     for (std::size_t size : {1u, 8143u, 8144u, 8145u, 32543u, 32563u, 32767u, 32768u, 32769u, 32785u, 32786u,
                              32787u, 65573u, 1u << 20}) {
         std::string const body = Pattern(size);
         std::string const head = "C0644 " + std::to_string(size) + " name\n";
         EXPECT_EQ(Receive([&](RemoteScp& remote) { remote.GiveFile(head, body); }), "0") << size;
-        EXPECT_TRUE(Stored("name") == body) << size;
+        EXPECT_TRUE(directory.Stored("name") == body) << size;
     }
 }
 
-TEST_F(ScpReceive, MessagesMayBeCutAnywhere) {
+TEST_F(ScpReceive, MessagesMayBeSplitAnywhere) {
     std::string const stream = "C0644 5 name\nhello" + std::string(1, '\0');
     EXPECT_EQ(Receive([&](RemoteScp& remote) {
                   for (char c : stream) {
@@ -124,22 +124,22 @@ TEST_F(ScpReceive, MessagesMayBeCutAnywhere) {
                   }
               }),
               "0");
-    EXPECT_EQ(Stored("name"), "hello");
+    EXPECT_EQ(directory.Stored("name"), "hello");
     EXPECT_EQ(ReceiveHead(stream), "0");
-    EXPECT_EQ(Stored("name"), "hello");
+    EXPECT_EQ(directory.Stored("name"), "hello");
 }
 
-TEST_F(ScpReceive, LinesThatAnnounceNoFileAreDropped) {
+TEST_F(ScpReceive, LinesWithoutAFileHeaderAreDropped) {
     for (std::string const before :
          {"T1183828267 0 1183828267 0\n", "D0755 0 sub\n", "E\n", "\n", "c0644 1 x\n", "?\n\nT\nD\nE\n"}) {
         EXPECT_EQ(Receive([&](RemoteScp& remote) { remote.GiveFile(before + "C0644 2 name\n", "ok"); }), "0")
             << before;
-        EXPECT_EQ(Stored("name"), "ok");
+        EXPECT_EQ(directory.Stored("name"), "ok");
         EXPECT_EQ(Sent().size(), 5u); // none of them is acknowledged
     }
 }
 
-TEST_F(ScpReceive, FilesInsideARecursiveSourcesDirectoryComeAsIfThereWereNone) {
+TEST_F(ScpReceive, FilesOfARecursiveSourceAreReceivedFlat) {
     EXPECT_EQ(
         Run(
             [](RemoteScp& remote) {
@@ -152,7 +152,7 @@ TEST_F(ScpReceive, FilesInsideARecursiveSourcesDirectoryComeAsIfThereWereNone) {
     EXPECT_EQ(Names(), " a b");
 }
 
-TEST_F(ScpReceive, FilesComeInTheServersOrderUnderTheNamesOfTheList) {
+TEST_F(ScpReceive, FilesAreStoredInTheServersOrderUnderTheNamesOfTheList) {
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       EXPECT_EQ(remote.TakeCommand(), "scp -f d/a d/b d/c");
@@ -167,7 +167,7 @@ TEST_F(ScpReceive, FilesComeInTheServersOrderUnderTheNamesOfTheList) {
                       return 0;
                   }),
               "0");
-    EXPECT_EQ(Stored("a") + "," + Stored("b") + "," + Stored("c"), "1,,33");
+    EXPECT_EQ(directory.Stored("a") + "," + directory.Stored("b") + "," + directory.Stored("c"), "1,,33");
 }
 
 TEST_F(ScpReceive, ListMayBeEmpty) {
@@ -177,33 +177,34 @@ TEST_F(ScpReceive, ListMayBeEmpty) {
     EXPECT_EQ(Names(), "");
 }
 
-TEST_F(ScpReceive, NameOfTheHeaderDecidesNothing) {
-    std::filesystem::create_directory(Path("in"));
+TEST_F(ScpReceive, NameInTheHeaderIsIgnored) {
+    std::filesystem::create_directory(directory / "in");
     for (std::string const name : {"..", "../x", "/etc/x", "a/..", "x\x1b[2J", "in"}) {
-        EXPECT_EQ(
-            Run(
-                [&](RemoteScp& remote) {
-                    remote.TakeCommand();
-                    remote.GiveFile("C0644 2 " + name + "\n", "ok");
-                },
-                [&](ScpClient& session) { return session.ReceiveFile("", Path("in").c_str(), "given"); }),
-            "0")
+        EXPECT_EQ(Run(
+                      [&](RemoteScp& remote) {
+                          remote.TakeCommand();
+                          remote.GiveFile("C0644 2 " + name + "\n", "ok");
+                      },
+                      [&](ScpClient& session) {
+                          return session.ReceiveFile("", (directory / "in").c_str(), "given");
+                      }),
+                  "0")
             << name;
-        EXPECT_EQ(Stored("in/given"), "ok");
+        EXPECT_EQ(directory.Stored("in/given"), "ok");
         EXPECT_EQ(Names(), " in");
-        std::filesystem::remove(Path("in/given"));
-        EXPECT_TRUE(std::filesystem::is_empty(Path("in"))) << name;
+        std::filesystem::remove(directory / "in/given");
+        EXPECT_TRUE(std::filesystem::is_empty(directory / "in")) << name;
     }
 }
 
-TEST_F(ScpReceive, FileThatIsThereIsReplacedAndKeepsItsMode) {
-    Store("name", "much longer", 0600);
+TEST_F(ScpReceive, ExistingFileIsReplacedAndKeepsItsMode) {
+    directory.Store("name", "much longer", 0600);
     EXPECT_EQ(Receive([](RemoteScp& remote) { remote.GiveFile("C0644 2 name\n", "ok"); }), "0");
-    EXPECT_EQ(Stored("name"), "ok");
-    EXPECT_EQ(ModeOf("name"), 0600u);
+    EXPECT_EQ(directory.Stored("name"), "ok");
+    EXPECT_EQ(directory.ModeOf("name"), 0600u);
 }
 
-TEST_F(ScpReceive, HeaderThatCannotBeReadIsAnException) {
+TEST_F(ScpReceive, MalformedHeaderIsAnException) {
     for (std::string const head :
          {"0644 five name", "0644 5", "0644", "x 5 name", "0644 99999999999999999999 name"}) {
         EXPECT_EQ(ReceiveHead("C" + head + "\n"),
@@ -217,7 +218,7 @@ TEST_F(ScpReceive, ModeOfTheServerIsTakenWithItsSpecialBits) {
     mode_t const before = umask(027);
     EXPECT_EQ(Receive([](RemoteScp& remote) { remote.GiveFile("C6777 0 name\n", ""); }), "0");
     umask(before);
-    EXPECT_EQ(ModeOf("name"), 06750u);
+    EXPECT_EQ(directory.ModeOf("name"), 06750u);
 }
 
 TEST_F(ScpReceive, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
@@ -225,33 +226,34 @@ TEST_F(ScpReceive, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
                   remote.ExpectAcknowledgement();
                   remote.Send("C0644 5 name\n");
                   remote.ExpectAcknowledgement();
-                  EXPECT_EQ(DescriptorFlags(), std::vector<int>{FD_CLOEXEC});
+                  EXPECT_EQ(support::FlagsOf(support::OpenDescriptorsBelow(directory.Path())),
+                            std::vector<int>{FD_CLOEXEC});
                   remote.Send("hello");
                   remote.Acknowledge();
               }),
               "0");
 }
 
-TEST_F(ScpReceive, ErrorInPlaceOfAHeaderIsAnException) {
+TEST_F(ScpReceive, ErrorInsteadOfAHeaderIsAnException) {
     EXPECT_EQ(ReceiveHead("\1scp: dir/name: No such file or directory\n"), terminated);
     EXPECT_EQ(ReceiveHead("T0 0 0 0\n\1\n"), terminated);
     EXPECT_EQ(ReceiveHead("\2\n"), terminated);
     EXPECT_EQ(Names(), "");
 }
 
-TEST_F(ScpReceive, ErrorAfterTheBodyIsAnExceptionAndTheFileStays) {
+TEST_F(ScpReceive, ErrorAfterTheBodyIsAnExceptionAndTheFileIsKept) {
     std::vector<std::pair<std::string, std::string>> const answers = {
         {"\1scp: read error\n", std::string(terminated) + ": scp: read error"},
         {"\2", terminated},
         {"\7", "SshProtocolError: scp returned illegal error code"}};
     for (auto const& [answer, outcome] : answers) {
         EXPECT_EQ(ReceiveHead("C0644 3 name\nabc" + answer), outcome);
-        EXPECT_EQ(Stored("name"), "abc");
+        EXPECT_EQ(directory.Stored("name"), "abc");
         EXPECT_EQ(Sent().size(), 4u); // the body is not acknowledged
     }
 }
 
-TEST_F(ScpReceive, FileThatCannotBeMadeIsMinusErrno) {
+TEST_F(ScpReceive, FileThatCannotBeCreatedIsTheNegatedErrno) {
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       remote.TakeCommand();
@@ -260,7 +262,7 @@ TEST_F(ScpReceive, FileThatCannotBeMadeIsMinusErrno) {
                       remote.ExpectAcknowledgement(); // leaves with the session
                   },
                   [&](ScpClient& session) {
-                      EXPECT_EQ(session.ReceiveFile("", Path("missing").c_str(), "name"), -ENOENT);
+                      EXPECT_EQ(session.ReceiveFile("", (directory / "missing").c_str(), "name"), -ENOENT);
                       return 0;
                   }),
               "0");
@@ -274,7 +276,7 @@ TEST_F(ScpReceive, FileThatCannotBeMadeIsMinusErrno) {
 }
 
 TEST_F(ScpReceive, NegativeResultEndsTheList) {
-    std::filesystem::create_directory(Path("b"));
+    std::filesystem::create_directory(directory / "b");
     EXPECT_EQ(
         Run(
             [](RemoteScp& remote) {
@@ -307,7 +309,7 @@ TEST_F(ScpReceive, FailedWriteIsAnException) {
         });
 }
 
-TEST_F(ScpReceive, ChannelThatEndsInPlaceOfAHeaderGivesMinusOne) {
+TEST_F(ScpReceive, ChannelThatEndsInsteadOfAHeaderReturnsMinusOne) {
     EXPECT_EQ(Receive([](RemoteScp& remote) {
                   remote.ExpectAcknowledgement();
                   remote.Send("C0644 1");
@@ -317,7 +319,7 @@ TEST_F(ScpReceive, ChannelThatEndsInPlaceOfAHeaderGivesMinusOne) {
     EXPECT_EQ(Names(), "");
 }
 
-TEST_F(ScpReceive, ChannelThatEndsInPlaceOfTheAnswerGivesMinusOne) {
+TEST_F(ScpReceive, ChannelThatEndsInsteadOfTheAnswerReturnsMinusOne) {
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       remote.TakeCommand();
@@ -334,11 +336,11 @@ TEST_F(ScpReceive, ChannelThatEndsInPlaceOfTheAnswerGivesMinusOne) {
                       return result;
                   }),
               "-1");
-    EXPECT_EQ(Stored("name"), "ab");
+    EXPECT_EQ(directory.Stored("name"), "ab");
     EXPECT_EQ(Sent().size(), 4u);
 }
 
-TEST_F(ScpReceive, BlockThatComesInPartIsNotWritten) {
+TEST_F(ScpReceive, PartialBlockIsNotWritten) {
     std::string const block = Pattern(32786);
     EXPECT_EQ(Receive([&](RemoteScp& remote) {
                   remote.ExpectAcknowledgement();
@@ -349,10 +351,10 @@ TEST_F(ScpReceive, BlockThatComesInPartIsNotWritten) {
                   remote.Break();
               }),
               closedEarly); // what the look for the answer finds
-    EXPECT_TRUE(Stored("name") == block);
+    EXPECT_TRUE(directory.Stored("name") == block);
 }
 
-TEST_F(ScpReceive, LineWithoutEndIsGivenUp) {
+TEST_F(ScpReceive, EndlessLineIsRefused) {
     EXPECT_EQ(Receive([](RemoteScp& remote) {
                   remote.ExpectAcknowledgement();
                   for (int i = 0; i < 9; ++i) remote.Send(std::string(32768, 'C'));
@@ -385,7 +387,7 @@ TEST_F(ScpReceive, RefusedChannelMakesTheStartReturnOne) {
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest()));
 }
 
-TEST_F(ScpReceive, RefusedChannelDoesNotKeepTheWholeFromGoingOn) {
+TEST_F(ScpReceive, RefusedChannelDoesNotStopAWholeTransfer) {
     EXPECT_EQ(RunWith(
                   [](Connection& c) {
                       c.ReadChannelOpen();

@@ -32,7 +32,7 @@ std::string const nothing(1, '\0');
 
 class ScpSend : public ScpTest {
 protected:
-    /// What sending the file came to when the remote program has started.
+    /// The outcome of sending the file when the remote program has started.
     std::string Send(std::string const& name, std::function<void(RemoteScp&)> const& script) {
         return Run(
             [script](RemoteScp& remote) {
@@ -56,7 +56,7 @@ protected:
 } // namespace
 
 TEST_F(ScpSend, WholeTransferIsExact) {
-    Store("name", "hello", 0644);
+    directory.Store("name", "hello", 0644);
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       EXPECT_EQ(remote.TakeCommand(), "scp -t some dir/it's");
@@ -87,8 +87,8 @@ TEST_F(ScpSend, ModeIsThreeOctalDigitsOfPermissions) {
     std::vector<std::pair<mode_t, std::string>> const cases = {
         {04755, "C0755"}, {07777, "C0777"}, {0600, "C0600"}, {0407, "C0407"}, {0400, "C0400"}};
     for (auto const& [mode, head] : cases) {
-        std::filesystem::remove(Path("name"));
-        Store("name", "x", mode);
+        std::filesystem::remove(directory / "name");
+        directory.Store("name", "x", mode);
         EXPECT_EQ(Send("name", [](RemoteScp& remote) { remote.TakeFile(1); }), "0");
         EXPECT_THAT(SentForFile(), ElementsAre(Data(head + " 1 name\n"), Data("x" + nothing)));
     }
@@ -96,8 +96,8 @@ TEST_F(ScpSend, ModeIsThreeOctalDigitsOfPermissions) {
 
 TEST_F(ScpSend, ModeBelow0100KeepsItsLeadingZeros) {
     for (auto const& [mode, head] : {std::pair(mode_t{044}, "C0044"), std::pair(mode_t{0}, "C0000")}) {
-        std::filesystem::remove(Path("name"));
-        Store("name", "x", mode);
+        std::filesystem::remove(directory / "name");
+        directory.Store("name", "x", mode);
         if (geteuid() != 0) { // its owner can't read such a file
             EXPECT_EQ(Send("name", [](RemoteScp&) {}), std::to_string(-EACCES));
             continue;
@@ -108,15 +108,15 @@ TEST_F(ScpSend, ModeBelow0100KeepsItsLeadingZeros) {
 }
 
 TEST_F(ScpSend, EmptyFileIsItsHeaderAndItsEnd) {
-    Store("name", "");
+    directory.Store("name", "");
     EXPECT_EQ(Send("name", [](RemoteScp& remote) { remote.TakeFile(0); }), "0");
     EXPECT_THAT(SentForFile(), ElementsAre(Data("C0644 0 name\n"), Null()));
 }
 
-TEST_F(ScpSend, BodyLeavesInFullMessages) {
+TEST_F(ScpSend, BodyIsSentInFullMessages) {
     for (std::size_t size : {8143u, 8144u, 8145u, 32543u, 32563u, 32785u, 32786u, 32787u, 100000u}) {
         std::string const text = Pattern(size);
-        Store("name", text);
+        directory.Store("name", text);
         EXPECT_EQ(Send("name", [size](RemoteScp& remote) { remote.TakeFile(size); }), "0");
         std::vector<Bytes> expected{Data("C0644 " + std::to_string(size) + " name\n")};
         std::string const body = text + nothing;
@@ -128,7 +128,7 @@ TEST_F(ScpSend, BodyLeavesInFullMessages) {
 
 TEST_F(ScpSend, LargeFileArrives) {
     std::string const text = Pattern(1 << 20);
-    Store("name", text);
+    directory.Store("name", text);
     std::string arrived;
     EXPECT_EQ(Send("name",
                    [&](RemoteScp& remote) {
@@ -142,10 +142,10 @@ TEST_F(ScpSend, LargeFileArrives) {
     EXPECT_EQ(arrived, text);
 }
 
-TEST_F(ScpSend, FilesGoInTurnAndAreCounted) {
-    Store("a", "1", 0600);
-    Store("b", "22", 0640);
-    Store("c", "");
+TEST_F(ScpSend, FilesAreSentInOrderAndCounted) {
+    directory.Store("a", "1", 0600);
+    directory.Store("b", "22", 0640);
+    directory.Store("c", "");
     EXPECT_EQ(
         Run(
             [](RemoteScp& remote) {
@@ -182,8 +182,8 @@ TEST_F(ScpSend, ListMayBeEmpty) {
     EXPECT_THAT(SentForFile(), ElementsAre(Data("E\n")));
 }
 
-TEST_F(ScpSend, FileThatCannotBeOpenedIsMinusErrnoAndEndsTheList) {
-    Store("a", "1");
+TEST_F(ScpSend, FileThatCannotBeOpenedIsTheNegatedErrnoAndEndsTheList) {
+    directory.Store("a", "1");
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       remote.TakeCommand();
@@ -205,18 +205,18 @@ TEST_F(ScpSend, FileThatCannotBeOpenedIsMinusErrnoAndEndsTheList) {
     EXPECT_THAT(SentForFile(), ElementsAre(Data("E\n")));
 }
 
-TEST_F(ScpSend, FileThatCannotBeReadIsShorterThanAnnounced) {
-    std::filesystem::create_directory(Path("sub"));
-    chmod(Path("sub").c_str(), 0755);
+TEST_F(ScpSend, UnreadableFileIsShorterThanAnnounced) {
+    std::filesystem::create_directory(directory / "sub");
+    chmod((directory / "sub").c_str(), 0755);
     struct stat status{};
-    ASSERT_EQ(stat(Path("sub").c_str(), &status), 0);
+    ASSERT_EQ(stat((directory / "sub").c_str(), &status), 0);
     std::string const size = std::to_string(status.st_size);
     EXPECT_EQ(Send("sub", [](RemoteScp& remote) { remote.TakeFile(0); }), "0");
     EXPECT_THAT(SentForFile(), ElementsAre(Data("C0755 " + size + " sub\n"), Null()));
 }
 
-TEST_F(ScpSend, FileThatFstatRefusesIsItsResult) {
-    Store("name", "x");
+TEST_F(ScpSend, FailedFstatIsReturned) {
+    directory.Store("name", "x");
     fstatFails = true;
     EXPECT_EQ(Send("name", [](RemoteScp&) {}), "-1");
     fstatFails = false;
@@ -224,11 +224,11 @@ TEST_F(ScpSend, FileThatFstatRefusesIsItsResult) {
 }
 
 TEST_F(ScpSend, FileThatGrowsMeanwhileGoesOutWhole) {
-    Store("name", "hello");
+    directory.Store("name", "hello");
     EXPECT_EQ(Send("name",
                    [&](RemoteScp& remote) {
                        EXPECT_EQ(remote.ReadLine(), "C0644 5 name\n");
-                       std::ofstream(Path("name"), std::ios::app) << nothing << "C0755 4 more\nevil";
+                       std::ofstream(directory / "name", std::ios::app) << nothing << "C0755 4 more\nevil";
                        remote.Acknowledge();
                        remote.Read(5);
                        remote.ExpectAcknowledgement();
@@ -241,7 +241,7 @@ TEST_F(ScpSend, FileThatGrowsMeanwhileGoesOutWhole) {
 }
 
 TEST_F(ScpSend, LineFeedInANameGoesOutAsItIs) {
-    Store("a\nC0755 1 b", "x");
+    directory.Store("a\nC0755 1 b", "x");
     EXPECT_EQ(Send("a\nC0755 1 b",
                    [](RemoteScp& remote) {
                        EXPECT_EQ(remote.ReadLine(), "C0644 1 a\n");
@@ -255,11 +255,12 @@ TEST_F(ScpSend, LineFeedInANameGoesOutAsItIs) {
 }
 
 TEST_F(ScpSend, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
-    Store("name", "hello");
+    directory.Store("name", "hello");
     EXPECT_EQ(Send("name",
                    [&](RemoteScp& remote) {
                        remote.ReadLine();
-                       EXPECT_EQ(DescriptorFlags(), std::vector<int>{FD_CLOEXEC});
+                       EXPECT_EQ(support::FlagsOf(support::OpenDescriptorsBelow(directory.Path())),
+                                 std::vector<int>{FD_CLOEXEC});
                        remote.Acknowledge();
                        remote.Read(5);
                        remote.ExpectAcknowledgement();
@@ -268,12 +269,12 @@ TEST_F(ScpSend, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
               "0");
 }
 
-TEST_F(ScpSend, NameIsAnnouncedAsItWasGiven) {
-    std::filesystem::create_directory(Path("sub"));
-    Store("sub/a b", "x");
+TEST_F(ScpSend, NameIsAnnouncedUnchanged) {
+    std::filesystem::create_directory(directory / "sub");
+    directory.Store("sub/a b", "x");
     EXPECT_EQ(Send("sub/a b", [](RemoteScp& remote) { remote.TakeFile(1); }), "0");
     EXPECT_THAT(SentForFile(), ElementsAre(Data("C0644 1 sub/a b\n"), Data("x" + nothing)));
-    std::string const whole = Path("sub/a b");
+    std::string const whole = directory / "sub/a b";
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       remote.TakeCommand();
@@ -313,8 +314,8 @@ TEST_F(ScpSend, RefusedChannelMakesTheStartReturnOne) {
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest()));
 }
 
-TEST_F(ScpSend, RefusedChannelDoesNotKeepTheWholeFromGoingOn) {
-    Store("name", "x");
+TEST_F(ScpSend, RefusedChannelDoesNotStopAWholeTransfer) {
+    directory.Store("name", "x");
     EXPECT_EQ(RunWith(
                   [](Connection& c) {
                       c.ReadChannelOpen();
@@ -327,8 +328,8 @@ TEST_F(ScpSend, RefusedChannelDoesNotKeepTheWholeFromGoingOn) {
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest(), Data("C0644 1 name\n")));
 }
 
-TEST_F(ScpSend, ErrorsOfTheRemoteProgramAreThrownWhereverTheyCome) {
-    Store("name", "x");
+TEST_F(ScpSend, ErrorsOfTheRemoteProgramAreThrownAtEveryStep) {
+    directory.Store("name", "x");
     std::vector<std::pair<std::string, std::string>> const answers = {
         {"\1scp: t: No such file or directory\n",
          std::string(terminated) + ": scp: t: No such file or directory"},
@@ -364,8 +365,8 @@ TEST_F(ScpSend, ErrorsOfTheRemoteProgramAreThrownWhereverTheyCome) {
     }
 }
 
-TEST_F(ScpSend, EveryOtherAnswerIsIllegal) {
-    Store("name", "x");
+TEST_F(ScpSend, OtherAnswersAreIllegal) {
+    directory.Store("name", "x");
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       remote.TakeCommand();
@@ -403,8 +404,8 @@ TEST_F(ScpSend, ErrorCarriesItsTextAsDetail) {
         });
 }
 
-TEST_F(ScpSend, ChannelThatEndsBeforeAnAnswerGivesMinusOne) {
-    Store("name", "x");
+TEST_F(ScpSend, ChannelThatEndsBeforeAnAnswerReturnsMinusOne) {
+    directory.Store("name", "x");
     EXPECT_EQ(Run(
                   [](RemoteScp& remote) {
                       remote.TakeCommand();
@@ -429,7 +430,7 @@ TEST_F(ScpSend, ChannelThatEndsBeforeAnAnswerGivesMinusOne) {
 }
 
 TEST_F(ScpSend, EndOfTheRemoteProgramIsAnException) {
-    Store("name", "x");
+    directory.Store("name", "x");
     EXPECT_EQ(RunWith(
                   [](Connection& c) {
                       RemoteScp(c).TakeCommand();
@@ -447,7 +448,7 @@ TEST_F(ScpSend, EndOfTheRemoteProgramIsAnException) {
               "SshProtocolError: expected CHANNEL_DATA package, received: 96");
 }
 
-TEST_F(ScpSend, TargetOfTheSessionMayBeOneText) {
+TEST_F(ScpSend, SessionTargetMayBeOneText) {
     Serve([](Connection& c) {
         c.WellBehaved(Stage::Authenticated);
         RemoteScp remote(c);

@@ -53,10 +53,10 @@ unsigned const numbers[] = {0,  1,  2,  3,  4,  5,  6,  20, 21, 30, 31, 32, 33, 
 
 class ScpSweep : public ScpTest, public testing::WithParamInterface<Direction> {
 protected:
-    ScpSweep() { Store("sent", "hello"); }
+    ScpSweep() { directory.Store("sent", "hello"); }
 
-    /// What the transfer came to with a server that is changed first. It ends the stream when it has come to
-    /// the end of its patience.
+    /// The outcome of the transfer with a server that is changed first. It ends the stream when it has come
+    /// to the end of its patience.
     std::string Transfer(
         std::function<void(Connection&)> const& change,
         std::function<void(RemoteScp&)> const& changeRemote = [](RemoteScp&) {}) {
@@ -89,7 +89,7 @@ protected:
     }
 
     std::size_t start = 0; ///< bytes that the server had sent before the change
-    bool ended = false;    ///< the server has come to the end of its part
+    bool ended = false;    ///< the server has done all of its part
 };
 
 } // namespace

@@ -23,7 +23,7 @@ protected:
         settings.noneAccepted = true;
     }
 
-    /// What the client's call came to. The server goes on with the script and then expects the client to
+    /// The outcome of the client's call. The server goes on with the script and then expects the client to
     /// close.
     std::string Run(ScriptedPeer::Script const& script, std::function<int(TestSession&)> const& client) {
         server = std::make_unique<ScriptedPeer>(
@@ -53,12 +53,7 @@ protected:
     }
 
     /// Payloads of the client after its login.
-    std::vector<Bytes> Sent() const {
-        std::vector<Bytes> payloads;
-        auto const& records = server->At(0).received;
-        for (std::size_t i = 6; i < records.size(); ++i) payloads.push_back(records[i].payload);
-        return payloads;
-    }
+    std::vector<Bytes> Sent() const { return server->At(0).ReceivedAfter(USERAUTH_REQUEST); }
 
     static Bytes ChannelOpenPayload() {
         return Writer().U8(CHANNEL_OPEN).String("session").U32(0).U32(0x200000).U32(0x8000);
@@ -92,7 +87,7 @@ TEST_F(SessionChannel, OpenIsExactAndKeepsTheServersNumber) {
     EXPECT_EQ(windowSize, 0x200000u);
 }
 
-TEST_F(SessionChannel, WindowIsTheOwnOneWhateverWasConfirmed) {
+TEST_F(SessionChannel, WindowIsTheLocalOneWhateverWasConfirmed) {
     for (std::uint32_t window : {0u, 1u, 0x1fffffu, 0xffffffffu}) {
         EXPECT_EQ(Open(Answer(Confirmation(0, 0xfffffffe, window, 0))), "0");
         EXPECT_EQ(windowSize, 0x200000u);
@@ -105,7 +100,7 @@ TEST_F(SessionChannel, RecipientOfTheConfirmationIsNotCompared) {
     EXPECT_EQ(remoteChannel, 3u);
 }
 
-TEST_F(SessionChannel, RefusalLeavesNumberAndWindowAtZero) {
+TEST_F(SessionChannel, RefusalKeepsNumberAndWindowAtZero) {
     EXPECT_EQ(Open([](Connection& c) {
                   c.ReadChannelOpen();
                   c.SendOpenFailure(1, "no sessions here");
@@ -142,14 +137,14 @@ TEST_F(SessionChannel, CloseAfterTheOpeningIsAViolation) {
               closedEarly);
 }
 
-TEST_F(SessionChannel, ConfirmationThatIsTooLongIsRefused) {
+TEST_F(SessionChannel, TooLongConfirmationIsRefused) {
     EXPECT_EQ(
         Open(Answer(Concat({Confirmation(0, 42, 0, 0), Bytes{1}}))),
         "SshProtocolError: additional characters in packet after padding: SSH_MSG_CHANNEL_OPEN_CONFIRMATION");
     EXPECT_EQ(windowSize, 0u);
 }
 
-TEST_F(SessionChannel, StartRequestsAreExactAndWaitForNothing) {
+TEST_F(SessionChannel, StartRequestsAreExactAndAskForNoReply) {
     auto const take = [](Connection& c) {
         c.ConfirmOpen();
         for (int i = 0; i < 4; ++i) c.ReadChannelRequest();
@@ -173,7 +168,7 @@ TEST_F(SessionChannel, StartRequestsAreExactAndWaitForNothing) {
                             request("subsystem").String("sftp").Data()));
 }
 
-TEST_F(SessionChannel, RefusedStartRequestsAreNotNoticed) {
+TEST_F(SessionChannel, RefusedStartRequestsAreIgnored) {
     auto const refuse = [](Connection& c) {
         c.ConfirmOpen();
         for (int i = 0; i < 3; ++i) {

@@ -19,14 +19,14 @@ using DirReader = SftpClient::DirReader;
 
 class SftpGlob : public SftpSessionTest {
 protected:
-    /// What Glob comes to, with the names after it. The status is left alone.
+    /// The outcome of Glob, with the names after it. The status must be unchanged.
     std::string Glob(Dialogue const& dialogue, Pathname const& pattern) {
         return WithNames(dialogue, [&](auto& session) { return session.Glob(status, names, pattern); });
     }
     std::string GlobRec(Dialogue const& dialogue, Pathname const& path, String_t const& rest) {
         return WithNames(dialogue, [&](auto& session) { return session.GlobRec(status, names, path, rest); });
     }
-    /// What ReadDir comes to for a reader of /a, with the names after it.
+    /// The outcome of ReadDir for a reader of /a, with the names after it.
     std::string ReadInto(Dialogue const& dialogue, String_t const& pattern, String_t const& dir,
                          std::function<void(DirReader&)> const& prepare = {}) {
         return WithNames(dialogue, [&](auto& session) {
@@ -53,7 +53,7 @@ private:
     }
 };
 
-/// What a directory is only opened with: the names that come at once are not looked at.
+/// The replies to opening a directory only: the names in them are not read.
 Dialogue Peek(std::string const& path, std::vector<std::string> const& entries) {
     return {{OpenDir(path), Opened("h")}, {ReadDir("h"), Names(entries)}, {Close("h"), Done()}};
 }
@@ -76,7 +76,7 @@ void CallWithStack(std::size_t size, std::function<void()> call) {
 
 } // namespace
 
-TEST_F(SftpGlob, WildcardsInTwoComponentsReadEachHit) {
+TEST_F(SftpGlob, WildcardsInTwoComponentsReadEachMatch) {
     Dialogue const dialogue = {
         {OpenDir("/a/*/x*"), Status(2)},
         {OpenDir("/a/*"), Status(2)},
@@ -98,14 +98,14 @@ TEST_F(SftpGlob, WildcardsInTwoComponentsReadEachHit) {
     EXPECT_EQ(Glob(dialogue, "/a/*/x*"), "3 /a/d1/x1 /a/d1/x2 /a/d2/x");
 }
 
-TEST_F(SftpGlob, HitsThatHoldNoMatchAreNotCounted) {
+TEST_F(SftpGlob, DirectoriesWithoutAMatchAreNotCounted) {
     EXPECT_EQ(Glob(NoDirectory("/a/*/x") + NoDirectory("/a/*") + Listing("/a", {"b", "c"}) +
                        Listing("/a/b", {"y"}) + Listing("/a/c", {}),
                    "/a/*/x"),
               "0");
 }
 
-TEST_F(SftpGlob, ComponentsAfterAWildcardAreSearchedForToo) {
+TEST_F(SftpGlob, ComponentsAfterAWildcardAreSearched) {
     EXPECT_EQ(Glob(NoDirectory("/*/b/*") + NoDirectory("/*/b") + NoDirectory("/*") +
                        Listing("/", {"d1", "d2"}) + Listing("/d1", {"b", "c"}) + Listing("/d2", {"c"}) +
                        Listing("/d1/b", {"f", "g"}),
@@ -119,7 +119,7 @@ TEST_F(SftpGlob, EmptyPathIsTheDirectoryItself) {
     EXPECT_EQ(Glob(Peek("./.", {".", "..", "f"}), Pathname()), "1 .");
 }
 
-TEST_F(SftpGlob, RelativeNamesAreFreedOfTheLeadingDot) {
+TEST_F(SftpGlob, LeadingDotIsRemovedFromRelativeNames) {
     EXPECT_EQ(Glob(NoDirectory("./*") + Listing(".", {".", "..", ".hidden", "plain"}), "*"),
               "2 .hidden plain");
     names.Clear();
@@ -141,25 +141,25 @@ TEST_F(SftpGlob, DirectoryIsItsOwnMatch) {
     EXPECT_EQ(Glob(Listing("/a/../b/", {}), "/a/../b/"), "1 /a/../b/");
 }
 
-TEST_F(SftpGlob, FileIsLookedForInItsDirectory) {
+TEST_F(SftpGlob, FileIsSoughtInItsDirectory) {
     EXPECT_EQ(GlobIn({"a", "b", "bb"}, "b"), "1 /a/b");
     names.Clear();
     EXPECT_EQ(Glob(NoDirectory("/f") + Listing("/", {"e", "f"}), "/f"), "1 /f");
 }
 
-TEST_F(SftpGlob, NameThatDoesNotExistGivesNone) {
+TEST_F(SftpGlob, MissingNameHasNoMatch) {
     EXPECT_EQ(GlobIn({"a", "bb"}, "b"), "0");
     EXPECT_EQ(GlobIn({}, "*"), "0");
     EXPECT_EQ(GlobIn({".", ".."}, "*"), "0");
 }
 
-TEST_F(SftpGlob, DirectoryThatDoesNotExistIsLookedForUpToTheRoot) {
+TEST_F(SftpGlob, MissingDirectoryIsSoughtUpToTheRoot) {
     EXPECT_EQ(Glob(NoDirectory("/no/x") + NoDirectory("/no") + Listing("/", {"a"}), "/no/x"), "0");
     EXPECT_EQ(Glob(NoDirectory("/no/x") + NoDirectory("/no") + NoDirectory("/"), "/no/x"), "0");
     EXPECT_EQ(Glob(NoDirectory("./no/x") + NoDirectory("./no") + NoDirectory("."), "no/x"), "0");
 }
 
-TEST_F(SftpGlob, PatternIsOfAllTheWildcards) {
+TEST_F(SftpGlob, AllWildcardsAreSupported) {
     std::vector<std::string> const entries = {".a", "a", "ab", "b", "a*", "[", "a\\"};
     EXPECT_EQ(GlobIn(entries, "*"), "7 /a/.a /a/a /a/ab /a/b /a/a* /a/[ /a/a\\");
     EXPECT_EQ(GlobIn(entries, "?"), "3 /a/a /a/b /a/[");
@@ -171,11 +171,11 @@ TEST_F(SftpGlob, PatternIsOfAllTheWildcards) {
     EXPECT_EQ(GlobIn(entries, "A*"), "0");
 }
 
-TEST_F(SftpGlob, SeparatorAtTheEndIsDropped) {
+TEST_F(SftpGlob, TrailingSeparatorIsDropped) {
     EXPECT_EQ(Glob(NoDirectory("/a/*/") + Listing("/a", {"f", "d"}), "/a/*/"), "2 /a/f /a/d");
 }
 
-TEST_F(SftpGlob, NamesOfTheServerAreTakenAsTheyAre) {
+TEST_F(SftpGlob, NamesOfTheServerAreNotChecked) {
     EXPECT_EQ(GlobIn({"x\ny", "\x1b[2J", "a b", "\xff", "a/..", "../x", "...", "-rf"}, "*"),
               "8 /a/x\ny /a/\x1b[2J /a/a b /a/\xff /a/a/.. /a/../x /a/... /a/-rf");
     EXPECT_EQ(GlobIn({std::string("x\0y", 3)}, "*"), "1 /a/x");
@@ -197,7 +197,7 @@ TEST_F(SftpGlob, EmptyNameOfTheServerIsAViolation) {
               "SshProtocolError: input too short");
 }
 
-TEST_F(SftpGlob, ListingThatFailsOnTheWayEndsThere) {
+TEST_F(SftpGlob, FailedListingEndsThere) {
     for (Message const& last : {Status(4), Status(1), Status(0), Names({})}) {
         names.Clear();
         EXPECT_EQ(Glob(NoDirectory("/a/*") + Dialogue{{OpenDir("/a"), Opened("h")},
@@ -209,14 +209,14 @@ TEST_F(SftpGlob, ListingThatFailsOnTheWayEndsThere) {
     }
 }
 
-TEST_F(SftpGlob, NamesFromBeforeAreKeptBesideADirectory) {
+TEST_F(SftpGlob, ExistingNamesAreKeptForADirectory) {
     names = List({"./old", "x"});
     EXPECT_EQ(Glob(Listing("/a", {}), "/a"), "3 ./old x /a");
     EXPECT_EQ(Glob(Listing("./b", {}), "b").substr(0, 1), "4");
     EXPECT_THAT(Texts(names), ElementsAre("old", "", "", "b")); // all of them are freed of the leading dot
 }
 
-TEST_F(SftpGlob, NamesFromBeforeGiveWayToMatches) {
+TEST_F(SftpGlob, ExistingNamesAreReplacedByMatches) {
     names = List({"old", "older"});
     EXPECT_EQ(Glob(NoDirectory("/a/*") + Listing("/a", {"b"}), "/a/*"), "1 /a/b");
     EXPECT_EQ(Glob(NoDirectory("/a/*") + Listing("/a", {}), "/a/*"), "0");
@@ -235,7 +235,7 @@ TEST_F(SftpGlob, OtherReplyIsAViolation) {
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpGlob, CutListingIsAViolation) {
+TEST_F(SftpGlob, TruncatedListingIsAViolation) {
     EXPECT_EQ(Glob({{OpenDir("/a"), Message(peer::Bytes{102, 0, 0, 0})}}, "/a"),
               "SshProtocolError: error reading sftp response");
     EXPECT_EQ(Glob({{OpenDir("/a"), Opened("h")}, {ReadDir("h"), Message(104, {})}}, "/a"),
@@ -245,7 +245,7 @@ TEST_F(SftpGlob, CutListingIsAViolation) {
               "SshProtocolError: input too short");
 }
 
-TEST_F(SftpGlob, RecursionWithoutAPathAsksNothing) {
+TEST_F(SftpGlob, RecursionWithoutAPathSendsNothing) {
     EXPECT_EQ(GlobRec({}, "", "x"), "0");
     EXPECT_EQ(GlobRec({}, Pathname(), String_t()), "0");
 }
@@ -265,20 +265,20 @@ TEST_F(SftpGlob, RecursionThroughAWildcardCountsTheLevelBelow) {
     EXPECT_EQ(GlobRec(NoDirectory("/a/*") + Listing("/a", {}), "/a/*", "x*"), "0");
 }
 
-TEST_F(SftpGlob, ReadDirTakesWhatIsLeftAndMatches) {
+TEST_F(SftpGlob, ReadDirAppendsRemainingMatches) {
     EXPECT_EQ(ReadInto(Listing("/a", {"x1", ".", "y", "..", "x2"}), "x*", "/dir"), "2 /dir/x1 /dir/x2");
     names.Clear();
     EXPECT_EQ(ReadInto(Listing("/a", {"x1", "y", "x2"}), "x*", "dir/", [](auto& reader) { ++reader; }),
               "1 dir/x2");
 }
 
-TEST_F(SftpGlob, ReadDirWithoutPatternTakesAll) {
+TEST_F(SftpGlob, ReadDirWithoutPatternAppendsAll) {
     EXPECT_EQ(ReadInto(Listing("/a", {".", "..", ".h", "[", "*"}), String_t(), "d"), "3 d/.h d/[ d/*");
     names.Clear();
     EXPECT_EQ(ReadInto(Listing("/a", {".", "b"}), "", "d"), "1 d/b");
 }
 
-TEST_F(SftpGlob, ReadDirWithoutDirectoryGivesMereNames) {
+TEST_F(SftpGlob, ReadDirWithoutDirectoryReturnsBareNames) {
     EXPECT_EQ(ReadInto(Listing("/a", {"b", "/c"}), "", ""), "2 b /c");
     names.Clear();
     EXPECT_EQ(ReadInto(Listing("/a", {"b"}), "b", String_t()), "1 b");
@@ -289,7 +289,7 @@ TEST_F(SftpGlob, ReadDirAppends) {
     EXPECT_EQ(ReadInto(Listing("/a", {"b"}), "", "/a"), "1 old /a/b");
 }
 
-TEST_F(SftpGlob, ReadDirOfAReaderThatIsNotOpenGivesNone) {
+TEST_F(SftpGlob, ReadDirOfAClosedReaderReturnsNone) {
     EXPECT_EQ(ReadInto(NoDirectory("/a"), "", "/a"), "0");
     EXPECT_EQ(
         ReadInto(
@@ -298,14 +298,14 @@ TEST_F(SftpGlob, ReadDirOfAReaderThatIsNotOpenGivesNone) {
         "0");
 }
 
-TEST_F(SftpGlob, ReadDirOfAReaderAtItsEndGivesNone) {
+TEST_F(SftpGlob, ReadDirOfAFinishedReaderReturnsNone) {
     EXPECT_EQ(ReadInto(Listing("/a", {}), "", "/a"), "0");
     EXPECT_EQ(ReadInto(Listing("/a", {"b"}), "", "/a", [](auto& reader) { ++reader; }), "0");
     EXPECT_EQ(ReadInto(Listing("/a", {}), "", "/a", [](auto& reader) { reader.Close(); }), "0");
 }
 
-// The directory that a relative pattern is taken against is the server's to tell.
-TEST_F(SftpGlob, DeepPathsNeedNoMoreStack) {
+// The directory that a relative pattern is taken against is known to the server alone.
+TEST_F(SftpGlob, DeepPathsNeedNoDeepStack) {
     std::string path;
     Dialogue dialogue;
     for (int depth = 0; depth < 2000; ++depth) {

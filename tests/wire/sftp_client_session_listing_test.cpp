@@ -13,7 +13,7 @@ using Entries = TSet<DirEntry, DirEntry::Compare>;
 
 class SftpListDir : public SftpSessionTest {
 protected:
-    /// What ListDir comes to, with the names that are in the set then.
+    /// The outcome of ListDir, with the names that are in the set then.
     std::string ListDir(Dialogue const& dialogue, char const* path, int all = 0) {
         std::string outcome =
             Run(dialogue, [&](auto& session) { return session.ListDir(status, entries, path, all); });
@@ -79,7 +79,7 @@ TEST_F(SftpListDir, SequenceForAPlainFileIsExact) {
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpListDir, EntriesAreWhatTheServerTellsOfThem) {
+TEST_F(SftpListDir, EntriesHaveTheServersNamesAndAttributes) {
     EXPECT_EQ(ListDir(Listing("/d", {"a"}, AllAttrs(9, 5, 6, 0100640)), "/d"), "1 a");
     EXPECT_EQ(Text(Entry("a")._longname), "-a");
     EXPECT_EQ(Entry("a")._status.st_size, 9);
@@ -91,14 +91,14 @@ TEST_F(SftpListDir, EntriesAreWhatTheServerTellsOfThem) {
     EXPECT_EQ(Entry("b")._status.st_mode, 0755u);
 }
 
-TEST_F(SftpListDir, HiddenNamesCountIfAllDo) {
+TEST_F(SftpListDir, HiddenNamesAreListedOnRequest) {
     std::vector<std::string> const names = {".", "..", ".h", "...", "a", "a.b"};
     EXPECT_EQ(ListDir(Listing("/d", names), "/d", 0), "2 a a.b");
     EXPECT_EQ(ListFresh(Listing("/d", names), "/d", 1), "4 ... .h a a.b");
     EXPECT_EQ(ListFresh(Listing("/d", names), "/d", -1), "4 ... .h a a.b");
 }
 
-TEST_F(SftpListDir, DirectoryWithoutEntriesGivesNone) {
+TEST_F(SftpListDir, EmptyDirectoryHasNoEntries) {
     EXPECT_EQ(ListDir(Listing("/d", {}), "/d"), "0");
     EXPECT_EQ(ListDir(Listing("/d", {".", ".."}), "/d", 1), "0");
     EXPECT_EQ(ListDir({{OpenDir("/d"), Opened("h")}, {ReadDir("h"), Names({})}, {Close("h"), Done()}}, "/d"),
@@ -106,7 +106,7 @@ TEST_F(SftpListDir, DirectoryWithoutEntriesGivesNone) {
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpListDir, NameThatComesTwiceCountsTwice) {
+TEST_F(SftpListDir, RepeatedNameIsCountedTwice) {
     EXPECT_EQ(ListDir({{OpenDir("/d"), Opened("h")},
                        {ReadDir("h"), Names({"a", "b"}, Mode(0100600))},
                        {ReadDir("h"), Names({"a"}, Mode(0100644))},
@@ -117,7 +117,7 @@ TEST_F(SftpListDir, NameThatComesTwiceCountsTwice) {
     EXPECT_EQ(Entry("a")._status.st_mode, 0100600u);
 }
 
-TEST_F(SftpListDir, EntriesAreAdded) {
+TEST_F(SftpListDir, ExistingEntriesAreKept) {
     EXPECT_EQ(ListDir(Listing("/d", {"a", "b"}), "/d"), "2 a b");
     EXPECT_EQ(ListDir(Listing("/e", {"b", "c"}), "/e"), "2 a b c");
 }
@@ -128,7 +128,7 @@ TEST_F(SftpListDir, EmptyNameIsTheCurrentDirectory) {
     EXPECT_EQ(ListFresh(Listing("/x/../y", {"a"}), "/x/../y"), "1 a");
 }
 
-TEST_F(SftpListDir, FailureOnTheWayEndsItInSilence) {
+TEST_F(SftpListDir, FailureDuringTheListingEndsItSilently) {
     EXPECT_EQ(ListDir({{OpenDir("/d"), Opened("h")},
                        {ReadDir("h"), Names({"a"})},
                        {ReadDir("h"), Status(4)},
@@ -141,7 +141,7 @@ TEST_F(SftpListDir, FailureOnTheWayEndsItInSilence) {
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpListDir, NamesOfTheServerAreTakenAsTheyAre) {
+TEST_F(SftpListDir, NamesOfTheServerAreNotChecked) {
     std::vector<std::string> const names = {"x\ny", "\x1b[2J", "../x", "/etc/x", "a/.."};
     EXPECT_EQ(ListDir(Listing("/d", names), "/d", 1), "5 \x1b[2J ../x /etc/x a/.. x\ny");
     EXPECT_EQ(ListFresh(Listing("/d", names), "/d", 0), "4 \x1b[2J /etc/x a/.. x\ny");
@@ -160,7 +160,7 @@ TEST_F(SftpListDir, EmptyNameOfTheServerIsAViolation) {
               "SshProtocolError: input too short b");
 }
 
-TEST_F(SftpListDir, LongDirectoryIsListedWhole) {
+TEST_F(SftpListDir, LongDirectoryIsListedCompletely) {
     Dialogue dialogue{{OpenDir("/d"), Opened("h")}};
     for (int batch = 0; batch < 20; ++batch) {
         std::vector<std::string> names;
@@ -173,7 +173,7 @@ TEST_F(SftpListDir, LongDirectoryIsListedWhole) {
     EXPECT_EQ(entries.Size(), 10000u);
 }
 
-TEST_F(SftpListDir, PatternGivesWholeNamesHiddenOnesToo) {
+TEST_F(SftpListDir, PatternListsFullNamesIncludingHidden) {
     EXPECT_EQ(
         ListDir(Matching("*.c", {"b.c", ".c", "a.h", "a.c"}) + Dialogue{Look("b.c"), Look(".c"), Look("a.c")},
                 "*.c"),
@@ -181,7 +181,7 @@ TEST_F(SftpListDir, PatternGivesWholeNamesHiddenOnesToo) {
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpListDir, MatchThatIsGoneIsLeftOutAndCounted) {
+TEST_F(SftpListDir, VanishedMatchIsOmittedButCounted) {
     EXPECT_EQ(
         ListDir(Matching("?", {"a", "b", "c"}) + Dialogue{Look("a"), Look("b", Status(2, "gone")), Look("c")},
                 "?"),
@@ -189,7 +189,7 @@ TEST_F(SftpListDir, MatchThatIsGoneIsLeftOutAndCounted) {
     EXPECT_EQ(Told(status), "2 gone en");
 }
 
-TEST_F(SftpListDir, MatchWithoutAttributesIsInIfThatIsASuccess) {
+TEST_F(SftpListDir, MatchWithoutAttributesIsListedOnSuccess) {
     EXPECT_EQ(
         ListDir(Matching("?", {"a", "b"}) + Dialogue{Look("a", Status(0)), Look("b", Status(0xfffffffb))},
                 "?"),
@@ -203,7 +203,7 @@ TEST_F(SftpListDir, DirectoryThatMatchesAPatternIsNotEntered) {
     EXPECT_EQ(Entry("/home/u/d1")._status.st_mode, 040755u);
 }
 
-TEST_F(SftpListDir, NothingOfThatNameGivesNone) {
+TEST_F(SftpListDir, MissingNameHasNoEntries) {
     EXPECT_EQ(ListDir(Matching("x", {"y"}), "x"), "0");
     EXPECT_EQ(ListDir(Matching("x*", {}), "x*"), "0");
     EXPECT_EQ(
@@ -212,7 +212,7 @@ TEST_F(SftpListDir, NothingOfThatNameGivesNone) {
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpListDir, DirectoryThatOpensTheSecondTimeIsItself) {
+TEST_F(SftpListDir, DirectoryThatOpensOnTheSecondTryIsListedItself) {
     EXPECT_EQ(
         ListDir(NoDirectory("/d") + Listing("/d", {}) + Dialogue{{Lstat("/d"), Attrs(Mode(040700))}}, "/d"),
         "1 /d");

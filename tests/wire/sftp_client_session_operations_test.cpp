@@ -21,7 +21,7 @@ SftpFileHandle const& SomeHandle() {
 /// An operation on a file, which succeeds.
 struct Operation {
     char const* name;
-    /// For the name that goes out.
+    /// For the name that is sent.
     std::function<Dialogue(std::string const&)> dialogue;
     std::function<int(SftpProgram&, SftpStatus&, char const*)> call;
 };
@@ -111,7 +111,7 @@ std::string Name(testing::TestParamInfo<Operation> const& info) { return info.pa
 
 class SftpPathOperation : public SftpSessionTest, public testing::WithParamInterface<Operation> {
 protected:
-    /// The operation on that name, which goes out as another.
+    /// The operation on that name, which is sent as another.
     void ExpectSent(std::string const& name, std::string const& sent) {
         SftpStatus status;
         EXPECT_EQ(Run(GetParam().dialogue(sent),
@@ -120,10 +120,10 @@ protected:
     }
 };
 
-class SftpOperation : public SftpSessionTest, public testing::WithParamInterface<Operation> {
+class SftpStatusResult : public SftpSessionTest, public testing::WithParamInterface<Operation> {
 protected:
     Dialogue WholeDialogue() const { return GetParam().dialogue("/f"); }
-    /// What the operation comes to whose last reply in this dialogue is another one.
+    /// The outcome of the operation with another last reply in this dialogue.
     std::string RunTo(Dialogue dialogue, Message const& reply) {
         dialogue.back().reply = reply;
         return Run(dialogue, [&](auto& session) { return GetParam().call(session, status, "/f"); });
@@ -134,7 +134,7 @@ protected:
 
 class SftpAttributes : public SftpSessionTest {
 protected:
-    /// What Chown to 7 comes to where Stat is answered so; it sends `sent`.
+    /// The outcome of Chown to 7 with that answer to Stat; it sends `sent`.
     std::string Chown(Message const& found, peer::Bytes const& sent) {
         return Run({{Stat("/f"), found}, {SetStat("/f", sent), Done()}}, [](auto& session) {
             SftpStatus status;
@@ -164,7 +164,7 @@ protected:
 
 class SftpReadlink : public SftpSessionTest {
 protected:
-    /// What Readlink comes to, and the target, which was "before".
+    /// The outcome of Readlink, and the target, which was "before".
     std::string ReadlinkWith(Message const& reply) {
         String_t target = "before";
         std::string const outcome = Run(
@@ -177,21 +177,23 @@ protected:
 
 } // namespace
 
-TEST_P(SftpPathOperation, RelativeNameGoesOutAbsolute) {
+TEST_P(SftpPathOperation, RelativeNameIsSentAbsolute) {
     ExpectSent("a", "/home/u/a");
     ExpectSent("../v/./a/", "/home/v/a");
     ExpectSent("../../../..", "/");
 }
 
-TEST_P(SftpPathOperation, AbsoluteNameGoesOutAsItIs) { ExpectSent("/x/../y//z/", "/x/../y//z/"); }
+TEST_P(SftpPathOperation, AbsoluteNameIsSentUnchanged) { ExpectSent("/x/../y//z/", "/x/../y//z/"); }
 
 TEST_P(SftpPathOperation, EmptyNameIsTheCurrentDirectory) { ExpectSent("", "/home/u"); }
 
-TEST_P(SftpPathOperation, NameIsAnyBytes) { ExpectSent("a b\n\x1b]0;\xff\\", "/home/u/a b\n\x1b]0;\xff\\"); }
+TEST_P(SftpPathOperation, NameMayHoldAnyBytes) {
+    ExpectSent("a b\n\x1b]0;\xff\\", "/home/u/a b\n\x1b]0;\xff\\");
+}
 
 INSTANTIATE_TEST_SUITE_P(All, SftpPathOperation, testing::ValuesIn(PathOperations()), Name);
 
-TEST_P(SftpOperation, CodeIsNegatedAndTold) {
+TEST_P(SftpStatusResult, CodeIsReturnedNegatedAndStored) {
     Dialogue const dialogue = WholeDialogue();
     for (std::size_t n = 1; n <= dialogue.size(); ++n) {
         Dialogue const begun(dialogue.begin(), dialogue.begin() + static_cast<std::ptrdiff_t>(n));
@@ -204,21 +206,21 @@ TEST_P(SftpOperation, CodeIsNegatedAndTold) {
     }
 }
 
-TEST_P(SftpOperation, CodeThatIsNegativeIsAPositiveResult) {
+TEST_P(SftpStatusResult, NegativeCodeIsAPositiveResult) {
     EXPECT_EQ(RunTo(WholeDialogue(), Status(0xfffffffb)), "5");
     EXPECT_EQ(status._code, -5);
 }
 
-TEST_P(SftpOperation, StatusOfSuccessIsTold) {
+TEST_P(SftpStatusResult, SuccessStatusIsStored) {
     EXPECT_EQ(RunTo(WholeDialogue(), Status(0, "fine", "de")), "0");
     EXPECT_EQ(Told(status), "0 fine de");
 }
 
-TEST_P(SftpOperation, OtherReplyIsAViolation) {
+TEST_P(SftpStatusResult, OtherReplyIsAViolation) {
     ExpectViolations(WholeDialogue(), [&](auto& session) { return GetParam().call(session, status, "/f"); });
 }
 
-TEST_P(SftpOperation, ReplyToAnotherRequestIsAViolation) {
+TEST_P(SftpStatusResult, ReplyToAnotherRequestIsAViolation) {
     // After Start, the operation's own requests have the ids from 1 on.
     auto const id = static_cast<std::uint32_t>(WholeDialogue().size());
     for (std::uint32_t const other : {id - 1, id + 1, 0xffffffffu}) {
@@ -227,15 +229,15 @@ TEST_P(SftpOperation, ReplyToAnotherRequestIsAViolation) {
     }
 }
 
-TEST_P(SftpOperation, ReplyThatIsCutIsAViolation) {
+TEST_P(SftpStatusResult, TruncatedReplyIsAViolation) {
     EXPECT_EQ(RunTo(WholeDialogue(), Message(peer::Bytes{101, 0, 0, 0})),
               "SshProtocolError: error reading sftp response");
     EXPECT_EQ(RunTo(WholeDialogue(), Message(101, Writer().U32(0))), "SshProtocolError: invalid input");
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SftpOperation, testing::ValuesIn(AllOperations()), Name);
+INSTANTIATE_TEST_SUITE_P(All, SftpStatusResult, testing::ValuesIn(AllOperations()), Name);
 
-TEST_F(SftpAttributes, ReachTheCaller) {
+TEST_F(SftpAttributes, AreReturnedToTheCaller) {
     SftpStatus status = Marked();
     SftpFileAttr attrs;
     EXPECT_EQ(Run({{Stat("/f"), Attrs(AllAttrs(0x123456789a, 5, 6, 0100644))},
@@ -254,7 +256,7 @@ TEST_F(SftpAttributes, ReachTheCaller) {
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpAttributes, OfARefusedFileStayAsTheyAre) {
+TEST_F(SftpAttributes, RefusedStatKeepsThem) {
     SftpStatus status;
     SftpFileAttr attrs = SftpFileAttr::Default(0600);
     EXPECT_EQ(Run({{Stat("/f"), Status(3)}, {Lstat("/f"), Status(3)}, {Fstat("hdl"), Status(3)}},
@@ -267,7 +269,7 @@ TEST_F(SftpAttributes, OfARefusedFileStayAsTheyAre) {
     EXPECT_EQ(Describe(attrs), "4 0 0 0 384 0 0 ");
 }
 
-TEST_F(SftpAttributes, ModeGoesOutAsItIs) {
+TEST_F(SftpAttributes, ModeIsSentUnchanged) {
     for (std::uint32_t const mode : {0u, 07777u, 0100644u, 0xffffffffu}) {
         EXPECT_EQ(Run({{SetStat("/f", Mode(mode)), Done()},
                        {SetFstat("hdl", Mode(mode)), Done()},
@@ -282,19 +284,19 @@ TEST_F(SftpAttributes, ModeGoesOutAsItIs) {
     }
 }
 
-TEST_F(SftpAttributes, WithoutOwnersGoBackWithZeroForTheOther) {
+TEST_F(SftpAttributes, MissingOwnersAreSentBackAsZero) {
     EXPECT_EQ(Chown(Attrs(Mode(0644)), Writer().U32(6).U32(7).U32(0).U32(0644)), "0");
     EXPECT_EQ(Chgrp(Attrs(Mode(0644)), Writer().U32(6).U32(0).U32(7).U32(0644)), "0");
     EXPECT_EQ(Chown(Attrs(NoAttrs()), Owner(7, 0)), "0");
     EXPECT_EQ(Chgrp(Attrs(NoAttrs()), Owner(0, 7)), "0");
 }
 
-TEST_F(SftpAttributes, WithPairsGoBackWithTheFlagAlone) {
+TEST_F(SftpAttributes, ExtendedPairsAreSentBackAsTheFlagOnly) {
     EXPECT_EQ(Chown(Attrs(Extended()), Writer().U32(0x80000007).U64(9).U32(7).U32(0).U32(0640)), "0");
     EXPECT_EQ(Chgrp(Attrs(Extended()), Writer().U32(0x80000007).U64(9).U32(0).U32(7).U32(0640)), "0");
 }
 
-TEST_F(SftpAttributes, OfAHandleGoBackLikewise) {
+TEST_F(SftpAttributes, FchownSendsThemBack) {
     peer::Bytes const sent = Writer().U32(0x80000007).U64(9).U32(7).U32(0).U32(0640);
     peer::Bytes const sentNext = Writer().U32(6).U32(0).U32(8).U32(0644);
     EXPECT_EQ(Run({{Fstat("hdl"), Attrs(Extended())},
@@ -310,7 +312,7 @@ TEST_F(SftpAttributes, OfAHandleGoBackLikewise) {
 }
 
 // A result of Stat that is not negative does not end it.
-TEST_F(SftpAttributes, ThatAreNotGivenGoBackAsNone) {
+TEST_F(SftpAttributes, MissingAttributesAreSentBackAsNone) {
     for (std::uint32_t const code : {0u, 0xfffffffbu}) {
         EXPECT_EQ(Chown(Status(code), Owner(7, 0)), "0");
         EXPECT_EQ(Chgrp(Status(code), Owner(0, 7)), "0");
@@ -323,7 +325,7 @@ TEST_F(SftpAttributes, ThatAreNotGivenGoBackAsNone) {
     }
 }
 
-TEST_F(SftpAttributes, OfAnEmptyHandleAreAskedForAllTheSame) {
+TEST_F(SftpAttributes, EmptyHandleIsStillSent) {
     EXPECT_EQ(Run({{Fstat(""), Status(4, "bad handle")}},
                   [](auto& session) {
                       SftpStatus status;
@@ -332,19 +334,19 @@ TEST_F(SftpAttributes, OfAnEmptyHandleAreAskedForAllTheSame) {
               "-4");
 }
 
-TEST_F(SftpReadlink, TargetIsWhatTheServerGives) {
+TEST_F(SftpReadlink, TargetIsTheServersName) {
     EXPECT_EQ(ReadlinkWith(Names({"../x"})), "0 ../x");
     EXPECT_EQ(ReadlinkWith(Names({"/etc/x\n\x1b[2J"})), "0 /etc/x\n\x1b[2J");
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpReadlink, OtherThanOneNameIsABadMessage) {
+TEST_F(SftpReadlink, AnythingButOneNameIsABadMessage) {
     EXPECT_EQ(ReadlinkWith(Names({})), "-5 before");
     EXPECT_EQ(ReadlinkWith(Names({"a", "b"})), "-5 before");
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpReadlink, RefusalLeavesTheTargetAlone) { EXPECT_EQ(ReadlinkWith(Status(2)), "-2 before"); }
+TEST_F(SftpReadlink, RefusalKeepsTheTarget) { EXPECT_EQ(ReadlinkWith(Status(2)), "-2 before"); }
 
 TEST_F(SftpReadlink, EmptyTargetIsAViolation) {
     EXPECT_EQ(ReadlinkWith(Names({""})), "SshProtocolError: input too short before");

@@ -18,7 +18,7 @@ int Start(SftpProgram& session) { return session.Start(); }
 
 Message Version(std::uint32_t version) { return Message(Writer().U8(2).U32(version)); }
 
-/// All four directories, in the order in which they stand.
+/// All four directories, in the order of their declaration.
 std::string Directories(SftpProgram const& session) {
     return Text(session._remoteDir) + " " + Text(session._remoteHome) + " " + Text(session._localDir) + " " +
            Text(session._localHome);
@@ -26,7 +26,7 @@ std::string Directories(SftpProgram const& session) {
 
 class SftpSessionStart : public SftpSessionTest {
 protected:
-    /// What Start comes to, and the four directories.
+    /// The outcome of Start, and the four directories.
     std::string StartWith(Dialogue const& dialogue) {
         std::string directories;
         std::string const outcome = RunFromLogin(
@@ -75,7 +75,7 @@ TEST_F(SftpSessionStart, SequenceIsExact) {
                                     Data(peer::ToText(greeting)), Data(peer::ToText(realpath))));
 }
 
-TEST_F(SftpSessionStart, RequestForTheSubsystemLeavesWithTheGreeting) {
+TEST_F(SftpSessionStart, SubsystemRequestIsSentWithInit) {
     std::vector<bool> more;
     EXPECT_EQ(RunFromLogin(
                   [](RemoteSftp& remote) {
@@ -98,7 +98,7 @@ TEST_F(SftpSessionStart, WithoutConnectionIsRefused) {
     EXPECT_EQ(Directories(session), "   ");
 }
 
-TEST_F(SftpSessionStart, WithoutLoginIsRefusedAndNothingIsSent) {
+TEST_F(SftpSessionStart, WithoutLoginIsRefusedAndSendsNothing) {
     Serve([](Connection& c) { c.WellBehaved(peer::Stage::NewKeys); });
     {
         SftpProgram session(server->Port());
@@ -122,7 +122,7 @@ TEST_F(SftpSessionStart, RefusedChannelIsAPositiveNumber) {
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest()));
 }
 
-TEST_F(SftpSessionStart, RefusedSubsystemBreaksTheConversation) {
+TEST_F(SftpSessionStart, RefusedSubsystemIsAViolation) {
     for (std::uint8_t const refusal : {peer::CHANNEL_FAILURE, peer::CHANNEL_EOF, peer::CHANNEL_CLOSE}) {
         EXPECT_EQ(RunFromLogin(
                       [refusal](RemoteSftp& remote) {
@@ -136,7 +136,7 @@ TEST_F(SftpSessionStart, RefusedSubsystemBreaksTheConversation) {
     }
 }
 
-TEST_F(SftpSessionStart, ServerThatHangsUpBreaksTheConversation) {
+TEST_F(SftpSessionStart, ClosedConnectionIsAViolation) {
     EXPECT_EQ(RunFromLogin(
                   [](RemoteSftp& remote) {
                       remote.TakeSubsystem();
@@ -146,7 +146,7 @@ TEST_F(SftpSessionStart, ServerThatHangsUpBreaksTheConversation) {
               closedEarly);
 }
 
-TEST_F(SftpSessionStart, ServerOfAnyVersionIsTaken) {
+TEST_F(SftpSessionStart, AnyServerVersionIsAccepted) {
     std::string const expected = "0 /home/u /home/u " + cwd + " " + cwd;
     for (std::uint32_t const version : {0u, 2u, 4u, 6u, 0x7fffffffu}) {
         EXPECT_EQ(StartWith({{Greeting(), Version(version)}, Beginning()[1]}), expected) << version;
@@ -155,40 +155,40 @@ TEST_F(SftpSessionStart, ServerOfAnyVersionIsTaken) {
     EXPECT_EQ(StartWith({{Greeting(), extended}, Beginning()[1]}), expected);
 }
 
-TEST_F(SftpSessionStart, VersionThatIsNegativeEndsIt) {
+TEST_F(SftpSessionStart, NegativeVersionIsAFailure) {
     EXPECT_EQ(GreetedWith(Version(0x80000000)), Nowhere("-2147483648"));
     EXPECT_EQ(GreetedWith(Version(0xffffffff)), Nowhere("-1"));
 }
 
-TEST_F(SftpSessionStart, AnyOtherReplyToTheGreetingIsAViolation) {
+TEST_F(SftpSessionStart, OtherReplyToInitIsAViolation) {
     for (auto const& [type, reply] : Replies()) {
         if (type == 2) continue;
         EXPECT_EQ(GreetedWith(reply), Nowhere(Violation(type)));
     }
 }
 
-TEST_F(SftpSessionStart, GreetingThatIsCutIsAViolation) {
+TEST_F(SftpSessionStart, TruncatedVersionReplyIsAViolation) {
     EXPECT_EQ(GreetedWith(Message(Bytes{})), Nowhere("SshProtocolError: error reading sftp response"));
     EXPECT_EQ(GreetedWith(Message(Bytes{2, 0, 0})), Nowhere("SshProtocolError: error reading sftp response"));
     EXPECT_EQ(GreetedWith(Message(Bytes{2, 0, 0, 0})), Nowhere("SshProtocolError: input too short"));
 }
 
-TEST_F(SftpSessionStart, HomeThatIsRefusedIsANegatedCode) {
+TEST_F(SftpSessionStart, RefusedHomeIsTheNegatedCode) {
     EXPECT_EQ(ResolvedWith(Status(3)), Nowhere("-3"));
     EXPECT_EQ(ResolvedWith(Status(1)), Nowhere("-1"));
     EXPECT_EQ(ResolvedWith(Status(0x7fffffff, "", "")), Nowhere("-2147483647"));
 }
 
-TEST_F(SftpSessionStart, HomeThatIsNotOneNameIsABadMessage) {
+TEST_F(SftpSessionStart, HomeWithoutExactlyOneNameIsABadMessage) {
     EXPECT_EQ(ResolvedWith(Names({})), Nowhere("-5"));
     EXPECT_EQ(ResolvedWith(Names({"/a", "/b"})), Nowhere("-5"));
 }
 
-TEST_F(SftpSessionStart, HomeThatIsAnEmptyNameIsAViolation) {
+TEST_F(SftpSessionStart, EmptyHomeNameIsAViolation) {
     EXPECT_EQ(ResolvedWith(Names({""})), Nowhere("SshProtocolError: input too short"));
 }
 
-TEST_F(SftpSessionStart, AnyOtherReplyToRealpathIsAViolation) {
+TEST_F(SftpSessionStart, OtherReplyToRealpathIsAViolation) {
     for (auto const& [type, reply] : Replies()) {
         if (type == 101 || type == 104) continue;
         EXPECT_EQ(ResolvedWith(reply), Nowhere(Violation(type)));
@@ -200,8 +200,8 @@ TEST_F(SftpSessionStart, ReplyToAnotherRequestIsAViolation) {
               Nowhere("SshProtocolError: invalid request id"));
 }
 
-// Such a server has not told where names begin, so that neither they nor local ones are touched.
-TEST_F(SftpSessionStart, HomeThatIsAMereSuccessLeavesNamesAlone) {
+// Such a server has not sent its current directory, so that neither remote nor local names are resolved.
+TEST_F(SftpSessionStart, SuccessStatusForTheHomeLeavesNamesUnresolved) {
     for (std::uint32_t const code : {0u, 0xffffffffu}) {
         EXPECT_EQ(ResolvedWith(Status(code)), "0   " + cwd + " " + cwd);
     }
@@ -221,7 +221,7 @@ TEST_F(SftpSessionStart, HomeThatIsAMereSuccessLeavesNamesAlone) {
               "0");
 }
 
-TEST_F(SftpSessionDirectories, BeforeStartNamesStayAsTheyAre) {
+TEST_F(SftpSessionDirectories, NamesAreUnchangedBeforeStart) {
     SftpProgram session(1);
     for (char const* const name : {"", ".", "a", "a/../b", "../a//b/", "/a/../b"}) {
         EXPECT_EQ(Text(session.RemotePathname(name)), name);
@@ -230,7 +230,7 @@ TEST_F(SftpSessionDirectories, BeforeStartNamesStayAsTheyAre) {
     EXPECT_EQ(Text(session.RemotePathname(Pathname())), "");
 }
 
-TEST_F(SftpSessionDirectories, RemoteNamesAreTakenAgainstTheCurrentOne) {
+TEST_F(SftpSessionDirectories, RemoteNamesAreResolvedAgainstTheCurrentDirectory) {
     Silently([](SftpProgram& session) {
         EXPECT_EQ(Text(session.RemotePathname("sub")), "/home/u/sub");
         EXPECT_EQ(Text(session.RemotePathname("")), "/home/u");
@@ -245,7 +245,7 @@ TEST_F(SftpSessionDirectories, RemoteNamesAreTakenAgainstTheCurrentOne) {
     });
 }
 
-TEST_F(SftpSessionDirectories, AbsoluteNamesStayAsTheyAre) {
+TEST_F(SftpSessionDirectories, AbsoluteNamesAreUnchanged) {
     Silently([](SftpProgram& session) {
         for (char const* const name : {"/", "/a/../b", "//a/./b/", "/.."}) {
             EXPECT_EQ(Text(session.RemotePathname(name)), name);
@@ -254,7 +254,7 @@ TEST_F(SftpSessionDirectories, AbsoluteNamesStayAsTheyAre) {
     });
 }
 
-TEST_F(SftpSessionDirectories, LocalNamesAreTakenAgainstTheCurrentOne) {
+TEST_F(SftpSessionDirectories, LocalNamesAreResolvedAgainstTheCurrentDirectory) {
     Silently([](SftpProgram& session) {
         EXPECT_EQ(Text(session.LocalPathname("sub")), cwd + "/sub");
         session.LCd("/l/m");
@@ -265,7 +265,7 @@ TEST_F(SftpSessionDirectories, LocalNamesAreTakenAgainstTheCurrentOne) {
     });
 }
 
-TEST_F(SftpSessionDirectories, LocalNameIsResolvedIfTheRemoteOneIsKnown) {
+TEST_F(SftpSessionDirectories, LocalNameIsResolvedIfTheRemoteDirectoryIsKnown) {
     Silently([](SftpProgram& session) {
         session._localDir = Pathname();
         EXPECT_EQ(Text(session.LocalPathname("a/../b")), "b");
@@ -291,7 +291,7 @@ TEST_F(SftpSessionDirectories, CdOfARelativeNameAdoptsTheServersAnswer) {
               "0");
 }
 
-TEST_F(SftpSessionDirectories, CdOfAnAbsoluteNameSendsItAsItIs) {
+TEST_F(SftpSessionDirectories, CdOfAnAbsoluteNameSendsItUnchanged) {
     cindral::SftpStatus status;
     EXPECT_EQ(Run({{Realpath("/a/../b"), Names({"/b"})}},
                   [&](SftpProgram& session) {
@@ -302,7 +302,7 @@ TEST_F(SftpSessionDirectories, CdOfAnAbsoluteNameSendsItAsItIs) {
               "0");
 }
 
-TEST_F(SftpSessionDirectories, CdOfAnEmptyNameLeadsHome) {
+TEST_F(SftpSessionDirectories, CdOfAnEmptyNameReturnsHome) {
     cindral::SftpStatus status = Marked();
     EXPECT_EQ(Run({{Realpath("/a"), Names({"/a"})}},
                   [&](SftpProgram& session) {
@@ -316,7 +316,7 @@ TEST_F(SftpSessionDirectories, CdOfAnEmptyNameLeadsHome) {
               "0");
 }
 
-TEST_F(SftpSessionDirectories, CdThatFailsChangesNothing) {
+TEST_F(SftpSessionDirectories, FailedCdChangesNothing) {
     cindral::SftpStatus status = Marked();
     EXPECT_EQ(Run({{Realpath("/home/u/a"), Names({"/x", "/y"})},
                    {Realpath("/home/u/a"), Names({})},
@@ -333,7 +333,7 @@ TEST_F(SftpSessionDirectories, CdThatFailsChangesNothing) {
     EXPECT_EQ(Told(status), "2 no such file en");
 }
 
-TEST_F(SftpSessionDirectories, CdTakesWhateverNameTheServerGives) {
+TEST_F(SftpSessionDirectories, CdAdoptsAnyNameOfTheServer) {
     cindral::SftpStatus status;
     EXPECT_EQ(Run({{Realpath("/a"), Names({"rel\n\x1b[2J"})},
                    {Realpath("rel\n\x1b[2J/b"), Names({".."})},
@@ -346,7 +346,7 @@ TEST_F(SftpSessionDirectories, CdTakesWhateverNameTheServerGives) {
               "0");
 }
 
-TEST_F(SftpSessionDirectories, LCdTakesAnyNameWithoutALook) {
+TEST_F(SftpSessionDirectories, LCdDoesNotCheckTheName) {
     Silently([](SftpProgram& session) {
         EXPECT_EQ(session.LCd("/no/such/place"), 0);
         EXPECT_EQ(Text(session.LocalDir()), "/no/such/place");
@@ -359,7 +359,7 @@ TEST_F(SftpSessionDirectories, LCdTakesAnyNameWithoutALook) {
     });
 }
 
-TEST_F(SftpSessionDirectories, LCdOfAnEmptyNameLeadsHome) {
+TEST_F(SftpSessionDirectories, LCdOfAnEmptyNameReturnsHome) {
     Silently([](SftpProgram& session) {
         session.LCd("/a");
         EXPECT_EQ(session.LCd(""), 0);
@@ -370,7 +370,7 @@ TEST_F(SftpSessionDirectories, LCdOfAnEmptyNameLeadsHome) {
     });
 }
 
-TEST_F(SftpSessionDirectories, LCdBeforeStartIsAgainstTheProcesss) {
+TEST_F(SftpSessionDirectories, LCdBeforeStartIsRelativeToTheProcess) {
     SftpProgram session(1);
     EXPECT_EQ(session.LCd("a/../b"), 0);
     EXPECT_EQ(Text(session.LocalDir()), cwd + "/a/../b");

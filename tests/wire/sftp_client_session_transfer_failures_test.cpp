@@ -59,12 +59,12 @@ protected:
 
 // --- what a server answers to a receive
 
-TEST_F(SftpTransferFailures, EmptyHandleIsNoFile) {
+TEST_F(SftpTransferFailures, EmptyHandleIsAFailure) {
     EXPECT_EQ(Get({{Open("/f", READING), Opened("")}, {Close(""), Done()}}), "-1");
     EXPECT_EQ(Told(status), "0  ");
 }
 
-TEST_F(SftpTransferFailures, OpenAnsweredByASuccessIsNoFile) {
+TEST_F(SftpTransferFailures, SuccessStatusForOpenIsAFailure) {
     EXPECT_EQ(Get({{Open("/f", READING), Status(0)}, {Close(""), Done()}}), "-1");
 }
 
@@ -76,20 +76,20 @@ TEST_F(SftpTransferFailures, RefusedFstatEndsAReceive) {
     EXPECT_EQ(local.Stored("copy"), "");
 }
 
-TEST_F(SftpTransferFailures, FstatWithoutPermissionsTakesThemAll) {
+TEST_F(SftpTransferFailures, FstatWithoutPermissionsRemovesAllPermissions) {
     EXPECT_EQ(Get(Dialogue{{Open("/f", READING), Opened("h")}, {Fstat("h"), Attrs(Owner(1, 2))}} +
                   Dialogue{{Read("h", 0, READ_SIZE), FileData("text")}, End(4)} + Closing()),
               "0");
     EXPECT_EQ(local.ModeOf("copy"), 0u);
 }
 
-TEST_F(SftpTransferFailures, FstatAnsweredByASuccessTakesAllPermissions) {
+TEST_F(SftpTransferFailures, SuccessStatusForFstatRemovesAllPermissions) {
     EXPECT_EQ(Get(Dialogue{{Open("/f", READING), Opened("h")}, {Fstat("h"), Status(0)}, End(0)} + Closing()),
               "0");
     EXPECT_EQ(local.ModeOf("copy"), 0u);
 }
 
-TEST_F(SftpTransferFailures, NegativeCodeOfAnFstatIsNoFailure) {
+TEST_F(SftpTransferFailures, NegativeCodeOfFstatIsNotAFailure) {
     EXPECT_EQ(
         Get(Dialogue{{Open("/f", READING), Opened("h")}, {Fstat("h"), Status(Code(-3))}, End(0)} + Closing()),
         "0");
@@ -104,24 +104,24 @@ TEST_F(SftpTransferFailures, RefusedReadEndsAReceive) {
     EXPECT_EQ(local.Stored("copy"), "text");
 }
 
-TEST_F(SftpTransferFailures, ReadAnsweredByASuccessIsTheEnd) {
+TEST_F(SftpTransferFailures, SuccessStatusForReadIsTheEnd) {
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), Status(0)}})), "0");
 }
 
-TEST_F(SftpTransferFailures, NoDataIsTheEnd) {
+TEST_F(SftpTransferFailures, EmptyDataIsTheEnd) {
     EXPECT_EQ(
         Get(Fetched({{Read("h", 0, READ_SIZE), FileData("text")}, {Read("h", 4, READ_SIZE), FileData("")}})),
         "0");
     EXPECT_EQ(local.Stored("copy"), "text");
 }
 
-TEST_F(SftpTransferFailures, NoDataLeavesTheCallersOldCodeToTell) {
+TEST_F(SftpTransferFailures, EmptyDataKeepsTheCallersOldCode) {
     status = Marked();
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), FileData("")}})), "-1");
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpTransferFailures, MoreDataThanAskedForEndsAReceive) {
+TEST_F(SftpTransferFailures, MoreDataThanRequestedEndsAReceive) {
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), FileData("text")},
                            {Read("h", 4, READ_SIZE), FileData(Pattern(READ_SIZE + 1))}})),
               "-1");
@@ -129,12 +129,12 @@ TEST_F(SftpTransferFailures, MoreDataThanAskedForEndsAReceive) {
     EXPECT_EQ(local.Stored("copy"), "text");
 }
 
-TEST_F(SftpTransferFailures, NegativeCodeOfAReadCountsAsBytes) {
+TEST_F(SftpTransferFailures, NegativeCodeOfReadCountsAsBytes) {
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), Status(Code(-3))}, End(3)})), "0");
     EXPECT_EQ(local.Stored("copy"), std::string(3, '\0'));
 }
 
-TEST_F(SftpTransferFailures, NegativeCodeOfAReadNeverWritesMoreThanABlock) {
+TEST_F(SftpTransferFailures, NegativeCodeOfReadNeverWritesMoreThanABlock) {
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), FileData("text")},
                            {Read("h", 4, READ_SIZE), Status(Code(-INT_MAX))},
                            End(4ull + INT_MAX)})),
@@ -142,12 +142,12 @@ TEST_F(SftpTransferFailures, NegativeCodeOfAReadNeverWritesMoreThanABlock) {
     EXPECT_EQ(local.Stored("copy"), "texttext" + std::string(READ_SIZE - 4, '\0'));
 }
 
-TEST_F(SftpTransferFailures, LowestCodeOfAReadEndsAReceive) {
+TEST_F(SftpTransferFailures, LowestCodeOfReadEndsAReceive) {
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), Status(Code(INT_MIN))}})), "-1");
     EXPECT_EQ(status._code, INT_MIN);
 }
 
-TEST_F(SftpTransferFailures, AnswerToTheCloseOfAReceiveIsDropped) {
+TEST_F(SftpTransferFailures, ReplyToTheCloseOfAReceiveIsIgnored) {
     EXPECT_EQ(Get({{Open("/f", READING), Opened("h")},
                    {Fstat("h"), Attrs(Mode(0644))},
                    End(0),
@@ -167,7 +167,7 @@ TEST_F(SftpTransferFailures, RefusedSetFstatEndsASend) {
     EXPECT_EQ(Told(status), "3 denied en");
 }
 
-TEST_F(SftpTransferFailures, NegativeCodeOfASetFstatIsNoFailure) {
+TEST_F(SftpTransferFailures, NegativeCodeOfSetFstatIsNotAFailure) {
     local.Store("f", "text");
     EXPECT_EQ(Put({{Open("/f", WRITING), Opened("h")},
                    {SetFstat("h", Mode(0100644)), Status(Code(-3))},
@@ -176,7 +176,7 @@ TEST_F(SftpTransferFailures, NegativeCodeOfASetFstatIsNoFailure) {
               "0");
 }
 
-TEST_F(SftpTransferFailures, NegativeCodeOfASetFstatIsAllThatAnEmptyFileTells) {
+TEST_F(SftpTransferFailures, NegativeCodeOfSetFstatIsTheResultOfAnEmptyFile) {
     local.Store("f", "");
     EXPECT_EQ(Put({{Open("/f", WRITING), Opened("h")},
                    {SetFstat("h", Mode(0100644)), Status(Code(-3))},
@@ -184,7 +184,7 @@ TEST_F(SftpTransferFailures, NegativeCodeOfASetFstatIsAllThatAnEmptyFileTells) {
               "-1");
 }
 
-TEST_F(SftpTransferFailures, RefusedBlockIsDroppedAndTheNextTakesItsPlace) {
+TEST_F(SftpTransferFailures, RefusedBlockIsSkippedAndTheNextIsWrittenAtItsOffset) {
     std::string const text = Pattern(3 * WRITE_SIZE - 1);
     local.Store("f", text);
     EXPECT_EQ(Put(Stored({{Write("h", 0, text.substr(0, WRITE_SIZE)), Status(4, "full")},
@@ -194,7 +194,7 @@ TEST_F(SftpTransferFailures, RefusedBlockIsDroppedAndTheNextTakesItsPlace) {
     EXPECT_EQ(Told(status), "0 done en");
 }
 
-TEST_F(SftpTransferFailures, RefusalOfTheLastBlockIsTold) {
+TEST_F(SftpTransferFailures, RefusalOfTheLastBlockIsReturned) {
     std::string const text = Pattern(2 * WRITE_SIZE);
     local.Store("f", text);
     EXPECT_EQ(Put(Stored({{Write("h", 0, text.substr(0, WRITE_SIZE)), Done()},
@@ -203,7 +203,7 @@ TEST_F(SftpTransferFailures, RefusalOfTheLastBlockIsTold) {
     EXPECT_EQ(Told(status), "4 full en");
 }
 
-TEST_F(SftpTransferFailures, RefusalOfEveryBlockStaysAtTheBeginning) {
+TEST_F(SftpTransferFailures, RefusalOfEveryBlockKeepsTheOffsetAtZero) {
     std::string const text = Pattern(2 * WRITE_SIZE);
     local.Store("f", text);
     EXPECT_EQ(Put(Stored({{Write("h", 0, text.substr(0, WRITE_SIZE)), Status(3, "denied")},
@@ -212,7 +212,7 @@ TEST_F(SftpTransferFailures, RefusalOfEveryBlockStaysAtTheBeginning) {
     EXPECT_EQ(Told(status), "4 full en");
 }
 
-TEST_F(SftpTransferFailures, NegativeCodeOfAWriteCountsAsBytes) {
+TEST_F(SftpTransferFailures, NegativeCodeOfWriteCountsAsBytes) {
     local.Store("f", "text");
     EXPECT_EQ(Put(Stored({{Write("h", 0, "text"), Status(Code(-1))},
                           {Write("h", 1, "tex"), Status(Code(-2))},
@@ -220,7 +220,7 @@ TEST_F(SftpTransferFailures, NegativeCodeOfAWriteCountsAsBytes) {
               "0");
 }
 
-TEST_F(SftpTransferFailures, NegativeCodeOfAWriteMayCountMoreThanTheBlock) {
+TEST_F(SftpTransferFailures, NegativeCodeOfWriteMayCountMoreThanTheBlock) {
     local.Store("f", Pattern(WRITE_SIZE + 1));
     EXPECT_EQ(
         Put(Stored({{Write("h", 0, Pattern(WRITE_SIZE)), Status(Code(-INT_MAX))},
@@ -229,14 +229,14 @@ TEST_F(SftpTransferFailures, NegativeCodeOfAWriteMayCountMoreThanTheBlock) {
     EXPECT_EQ(status._code, -9);
 }
 
-TEST_F(SftpTransferFailures, LowestCodeOfAWriteDropsTheBlock) {
+TEST_F(SftpTransferFailures, LowestCodeOfWriteSkipsTheBlock) {
     local.Store("f", Pattern(WRITE_SIZE + 1));
     EXPECT_EQ(Put(Stored({{Write("h", 0, Pattern(WRITE_SIZE)), Status(Code(INT_MIN))},
                           {Write("h", 0, Pattern(WRITE_SIZE + 1).substr(WRITE_SIZE)), Done()}})),
               "0");
 }
 
-TEST_F(SftpTransferFailures, AnswerToTheCloseOfASendIsDropped) {
+TEST_F(SftpTransferFailures, ReplyToTheCloseOfASendIsIgnored) {
     local.Store("f", "");
     EXPECT_EQ(Put({{Open("/f", WRITING), Opened("h")},
                    {SetFstat("h", Mode(0100644)), Done()},
@@ -269,12 +269,12 @@ TEST_F(SftpTransferFailures, UnreadableFileSendsNothing) {
               Minus(EACCES));
 }
 
-TEST_F(SftpTransferFailures, DirectoryInPlaceOfTheLocalFileSendsNothing) {
+TEST_F(SftpTransferFailures, LocalDirectoryAsFileSendsNothing) {
     local.MakeDirectory("copy");
     EXPECT_EQ(Get({}), Minus(EISDIR));
 }
 
-TEST_F(SftpTransferFailures, FchmodThatFailsEndsAReceiveBeforeAnyData) {
+TEST_F(SftpTransferFailures, FailedFchmodEndsAReceiveBeforeAnyData) {
     EXPECT_EQ(Receive(-1, Fetched({})), Minus(EBADF));
     EXPECT_EQ(Told(status), "0  ");
 
@@ -282,26 +282,26 @@ TEST_F(SftpTransferFailures, FchmodThatFailsEndsAReceiveBeforeAnyData) {
     EXPECT_EQ(Receive(ofTheSystem, Fetched({})), Minus(EPERM));
 }
 
-TEST_F(SftpTransferFailures, FstatThatFailsEndsASendBeforeTheModeIsSet) {
+TEST_F(SftpTransferFailures, FailedFstatEndsASendBeforeTheModeIsSet) {
     EXPECT_EQ(Send(-1, Dialogue{{Open("/f", WRITING), Opened("h")}} + Closing()), Minus(EBADF));
     EXPECT_EQ(Told(status), "0  ");
 }
 
-TEST_F(SftpTransferFailures, ReadOnlyDescriptorTakesNothing) {
+TEST_F(SftpTransferFailures, ReadOnlyDescriptorEndsAReceive) {
     local.Store("copy", "before");
     FileDescriptor const fd(open((local / "copy").c_str(), O_RDONLY));
     EXPECT_EQ(Receive(fd, Fetched({{Read("h", 0, READ_SIZE), FileData("text")}})), Minus(EBADF));
     EXPECT_EQ(local.Stored("copy"), "before");
 }
 
-TEST_F(SftpTransferFailures, DescriptorThatTakesNoMoreEndsAReceive) {
+TEST_F(SftpTransferFailures, FullDescriptorEndsAReceive) {
     FileDescriptor const fd(memfd_create("sealed", MFD_ALLOW_SEALING));
     ASSERT_EQ(fcntl(fd, F_ADD_SEALS, F_SEAL_GROW), 0);
     EXPECT_EQ(Receive(fd, Fetched({{Read("h", 0, READ_SIZE), FileData("text")}})), Minus(EPERM));
     EXPECT_EQ(Told(status), "0  ");
 }
 
-TEST_F(SftpTransferFailures, PipeThatNobodyReadsEndsAReceive) {
+TEST_F(SftpTransferFailures, PipeWithoutAReaderEndsAReceive) {
     PipesMayBreak const ignored;
     DescriptorPair pipe = DescriptorPair::Pipe(false);
     pipe.ClosePeer();
@@ -328,14 +328,14 @@ TEST_F(SftpTransferFailures, FullPipeEndsAReceive) {
               Minus(EAGAIN));
 }
 
-TEST_F(SftpTransferFailures, LocalReadThatFailsEndsASend) {
+TEST_F(SftpTransferFailures, FailedLocalReadEndsASend) {
     local.MakeDirectory("f");
     EXPECT_EQ(
         Put(Dialogue{{Open("/f", WRITING), Opened("h")}, {SetFstat("h", Mode(0040755)), Done()}} + Closing()),
         Minus(EISDIR));
 }
 
-TEST_F(SftpTransferFailures, LocalReadThatFailsAfterABlockEndsASend) {
+TEST_F(SftpTransferFailures, FailedLocalReadAfterABlockEndsASend) {
     DescriptorPair pipe = DescriptorPair::Pipe(true);
     fcntl(pipe.Ours(), F_SETFL, O_NONBLOCK);
     fchmod(pipe.Ours(), 0600);

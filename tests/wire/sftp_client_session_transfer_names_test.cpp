@@ -1,4 +1,4 @@
-// SftpClientSession: names that come from the server lead nowhere but into the directory that was given.
+// SftpClientSession: names from the server cannot leave the directory given.
 
 #include <cerrno>
 #include <optional>
@@ -88,7 +88,7 @@ protected:
 
 } // namespace
 
-TEST_F(SftpTransferNames, OfEntriesLeadNowhereElse) {
+TEST_F(SftpTransferNames, EntryNamesCannotLeaveTheDirectory) {
     std::vector<HostileName> const names{
         {".", "0", {}},
         {"..", "0", {}},
@@ -153,7 +153,7 @@ TEST_F(SftpTransferNames, MayBeThoseOfHiddenFiles) {
     }
 }
 
-TEST_F(SftpTransferNames, EntryWithoutANameBreaksTheConversation) {
+TEST_F(SftpTransferNames, EntryWithoutANameIsAViolation) {
     for (std::string const& name : {""s, "\0x"s}) {
         std::string const outcome = Copied(
             AnyName(name), [this](SftpProgram& session) { return session.MGet(status, "/d/*", "to"); });
@@ -162,7 +162,7 @@ TEST_F(SftpTransferNames, EntryWithoutANameBreaksTheConversation) {
     }
 }
 
-TEST_F(SftpTransferNames, OfAListLeadNowhereElse) {
+TEST_F(SftpTransferNames, ListNamesCannotLeaveTheDirectory) {
     std::vector<HostileName> const names{
         {"..", "1", "home"},
         {".", "1", "u"},
@@ -198,7 +198,7 @@ TEST_F(SftpTransferNames, OfAListLeadNowhereElse) {
     }
 }
 
-TEST_F(SftpTransferNames, ThatAreRefusedSendNothing) {
+TEST_F(SftpTransferNames, RefusedNamesSendNothing) {
     for (char const* const name : {"/", "//", "/..", "/a/..", "/a/."}) {
         EXPECT_EQ(Transfer({}, [&](SftpProgram& session) { return session.Get(status, List({name}), "to"); }),
                   isDirectory);
@@ -210,7 +210,7 @@ TEST_F(SftpTransferNames, ThatAreRefusedSendNothing) {
     ExpectOnly({});
 }
 
-TEST_F(SftpTransferNames, MakeNoDirectoryThatIsMissing) {
+TEST_F(SftpTransferNames, MissingDirectoryIsNotCreated) {
     for (char const* const name : {"/", "//", "/..", "/a/..", "..", "f"})
         EXPECT_THAT(
             Transfer({}, [&](SftpProgram& session) { return session.Get(status, List({name}), "missing"); }),
@@ -219,7 +219,7 @@ TEST_F(SftpTransferNames, MakeNoDirectoryThatIsMissing) {
     ExpectOnly({});
 }
 
-TEST_F(SftpTransferNames, LeaveAFileInTheDirectorysPlace) {
+TEST_F(SftpTransferNames, FileInPlaceOfTheDirectoryIsKept) {
     for (char const* const name : {"/", "//", "/..", "/a/..", "..", "f"})
         EXPECT_THAT(
             Transfer({}, [&](SftpProgram& session) { return session.Get(status, List({name}), "canary"); }),
@@ -228,7 +228,7 @@ TEST_F(SftpTransferNames, LeaveAFileInTheDirectorysPlace) {
     ExpectOnly({});
 }
 
-TEST_F(SftpTransferNames, OfTheHomeDirectoryLeadNowhereElse) {
+TEST_F(SftpTransferNames, HomeDirectoryNamesCannotLeaveTheDirectory) {
     for (std::string const& home : {".."s, "../.."s, "/.."s, "/etc"s, "a\n/.."s}) {
         SCOPED_TRACE(testing::PrintToString(home));
         AnyName files;

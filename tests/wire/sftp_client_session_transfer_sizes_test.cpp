@@ -71,7 +71,7 @@ private:
 
 class SftpTransferSizes : public SftpTransferTest {
 protected:
-    /// Puts a file of each size and gets it again: what that came to.
+    /// Puts a file of each size and gets it again; returns the outcome.
     std::string ThereAndBack(std::vector<std::size_t> const& sizes) {
         for (std::size_t const size : sizes) local.Store(std::to_string(size), Pattern(size), ModeFor(size));
         return TransferWith([this](RemoteSftp& sftp) { remote.Serve(sftp); },
@@ -105,7 +105,7 @@ std::size_t Blocks(std::size_t size, std::size_t block) { return (size + block -
 
 } // namespace
 
-TEST_F(SftpTransferSizes, EachSizeAroundTheLimitsGoesThereAndBackUnchanged) {
+TEST_F(SftpTransferSizes, EachSizeAroundTheLimitsSurvivesARoundTrip) {
     std::vector<std::size_t> sizes{0, 1, 8143, 8144, 8145};
     for (std::size_t size = 32543; size <= 32563; ++size) sizes.push_back(size);
     sizes.push_back(32786);
@@ -121,7 +121,7 @@ TEST_F(SftpTransferSizes, EachSizeAroundTheLimitsGoesThereAndBackUnchanged) {
     EXPECT_EQ(remote.requests[6], writes);
 }
 
-TEST_F(SftpTransferSizes, OneMebibyteGoesThereAndBackUnchanged) {
+TEST_F(SftpTransferSizes, OneMebibyteSurvivesARoundTrip) {
     EXPECT_EQ(ThereAndBack({1 << 20}), "0");
     ExpectUnchanged(1 << 20);
     EXPECT_EQ(remote.requests[5], Blocks(1 << 20, READ_SIZE) + 1);

@@ -1,6 +1,7 @@
 // SftpClientSession: a get and a put with the connection cut after each byte of either side in turn, and with
 // each reply of the server replaced by others: the result or exception says so, and nothing stays open.
 
+#include "support/descriptor_state.h"
 #include "wire/sftp_transfer_fixture.h"
 
 using namespace sftp;
@@ -39,10 +40,10 @@ protected:
     SftpTransferSweep() { local.Store("f", "world", 0640); }
     ~SftpTransferSweep() override {
         server.reset();
-        EXPECT_EQ(OpenDescriptors(), descriptors);
+        EXPECT_EQ(support::OpenDescriptors(), descriptors);
     }
 
-    /// What the transfer came to with a connection that is changed when the session has started.
+    /// The outcome of the transfer with a connection that is changed when the session has started.
     std::string Swept(std::function<void(Connection&)> const& change) {
         Serve([&](Connection& c) {
             c.WellBehaved(peer::Stage::Authenticated);
@@ -62,7 +63,7 @@ protected:
             if (session.Start() != 0) throw std::runtime_error("no start");
             session.LCd(local.Name());
             outcome = Outcome([&] { return GetParam().call(status, session); });
-            EXPECT_EQ(local.OpenDescriptors(), 0u);
+            EXPECT_THAT(support::OpenDescriptorsBelow(local.Path()), testing::IsEmpty());
         }
         server->Join();
         return outcome;
@@ -86,16 +87,16 @@ protected:
         std::filesystem::remove(local / "copy");
     }
 
-    /// What else a transfer may come to if the stream ends within the n-th reply. What is missing of a packet
-    /// reads as zeros: as an empty handle, no data or a code that is a success.
+    /// What other outcome a transfer may have if the stream ends within the n-th reply. What is missing of a
+    /// packet reads as zeros: as an empty handle, no data or a code that is a success.
     static std::string LenientOutcome(std::size_t n) {
         if (n == 0) return "-1";
         unsigned const request = GetParam().dialogue[n].request.Payload(0)[0];
         return request == 5 || n + 2 == GetParam().dialogue.size() ? "0" : "none";
     }
 
-    std::size_t const descriptors = OpenDescriptors();
-    std::size_t sent = 0;     ///< bytes of the server's in front of the transfer
+    std::set<int> const descriptors = support::OpenDescriptors();
+    std::size_t sent = 0;     ///< bytes of the server before the transfer
     std::size_t received = 0; ///< those of the client's
 };
 
@@ -114,7 +115,7 @@ TEST_P(SftpTransferSweep, CutAfterEachByteOfTheServer) {
         while (sent + n >= EndOf(replies[cut])) ++cut;
         bool const mayPass = sent + n > replies[cut].streamOffset && outcome == LenientOutcome(cut);
         if (cut + 1 == replies.size())
-            EXPECT_EQ(outcome, "0") << n; // the file has come to its end
+            EXPECT_EQ(outcome, "0") << n; // the file is complete
         else
             EXPECT_TRUE(mayPass || IsFailure(outcome)) << n << ": " << outcome;
         ExpectFiles();
@@ -133,7 +134,7 @@ TEST_P(SftpTransferSweep, CutAfterEachByteOfTheClient) {
             c.Wire().faults.reset = n % 2 == 0;
         });
         EXPECT_FALSE(server->RanToItsEnd());
-        // The transfer has come to its end when the file is closed.
+        // The transfer is complete when the file is closed.
         EXPECT_TRUE(n > closes ? outcome == "0" : IsFailure(outcome)) << n << ": " << outcome;
         ExpectFiles();
     }
@@ -168,7 +169,7 @@ TEST_P(SftpTransferSweep, EachReplyAsEveryOtherType) {
                 "SshProtocolError: invalid sftp response received: " + std::to_string(types[i]);
             EXPECT_EQ(outcomes[i], isClose ? "0" : broken) << "reply " << n;
         }
-        EXPECT_EQ(local.OpenDescriptors(), 0u);
+        EXPECT_THAT(support::OpenDescriptorsBelow(local.Path()), testing::IsEmpty());
         ExpectFiles();
     }
 }

@@ -39,7 +39,7 @@ TEST_F(SftpTransferOperations, ReceiveReplacesAFile) {
     EXPECT_EQ(process.Tree(), (Tree{{"copy", "600 text"}}));
 }
 
-TEST_F(SftpTransferOperations, ReceiveIntoADescriptorWritesFromWhereItStands) {
+TEST_F(SftpTransferOperations, ReceiveIntoADescriptorWritesAtItsOffset) {
     local.Store("copy", "before ");
     FileDescriptor const fd(open((local / "copy").c_str(), O_WRONLY | O_APPEND));
     EXPECT_EQ(Transfer(Fetching("f", "text", 0600),
@@ -57,7 +57,7 @@ TEST_F(SftpTransferOperations, SendResolvesNoName) {
               "0");
 }
 
-TEST_F(SftpTransferOperations, SendFromADescriptorReadsFromWhereItStands) {
+TEST_F(SftpTransferOperations, SendFromADescriptorReadsAtItsOffset) {
     local.Store("f", "before text");
     FileDescriptor const fd(open((local / "f").c_str(), O_RDONLY));
     lseek(fd, 7, SEEK_SET);
@@ -80,7 +80,7 @@ TEST_F(SftpTransferOperations, PutResolvesBothNames) {
               "0");
 }
 
-TEST_F(SftpTransferOperations, AbsoluteNamesStayAsTheyAre) {
+TEST_F(SftpTransferOperations, AbsoluteNamesAreUnchanged) {
     local.MakeDirectory("sub");
     local.Store("f", "text");
     EXPECT_EQ(Transfer(Fetching("/a/../f", "text") + Storing("/a/../f", "text"),
@@ -96,7 +96,7 @@ TEST_F(SftpTransferOperations, CatWritesToDescriptor1) {
     MemoryFile const output;
     EXPECT_EQ(Transfer(Fetching("/home/u/f", "text", 0640),
                        [&](SftpProgram& session) {
-                           ProcessDescriptors const joined(0, output.Fd(), 2);
+                           ProcessDescriptors const redirected(0, output.Fd(), 2);
                            return session.Cat(status, "f");
                        }),
               "0");
@@ -106,14 +106,14 @@ TEST_F(SftpTransferOperations, CatWritesToDescriptor1) {
     EXPECT_EQ(file.st_mode & 07777, 0640u);
 }
 
-TEST_F(SftpTransferOperations, MoveToLocalRemovesWhatItReceived) {
+TEST_F(SftpTransferOperations, MoveToLocalRemovesTheReceivedFile) {
     EXPECT_EQ(Transfer(Fetching("/home/f", "text") + Removing("/home/f"),
                        [this](SftpProgram& session) { return session.MoveToLocal(status, "../f", "copy"); }),
               "0");
     EXPECT_EQ(local.Stored("copy"), "text");
 }
 
-TEST_F(SftpTransferOperations, MoveToLocalGivesTheResultOfTheRemove) {
+TEST_F(SftpTransferOperations, MoveToLocalReturnsTheResultOfTheRemove) {
     EXPECT_EQ(Transfer(Fetching("/f", "text") + Dialogue{{Remove("/f"), Status(3, "denied")}},
                        [this](SftpProgram& session) { return session.MoveToLocal(status, "/f", "copy"); }),
               "-3");
@@ -121,7 +121,7 @@ TEST_F(SftpTransferOperations, MoveToLocalGivesTheResultOfTheRemove) {
     EXPECT_EQ(local.Stored("copy"), "text");
 }
 
-TEST_F(SftpTransferOperations, MoveToLocalRemovesNothingThatItDidNotReceive) {
+TEST_F(SftpTransferOperations, MoveToLocalKeepsAFileThatWasNotReceived) {
     EXPECT_EQ(Transfer(Refusing("/f", READING),
                        [this](SftpProgram& session) { return session.MoveToLocal(status, "/f", "copy"); }),
               "-1");
@@ -130,7 +130,7 @@ TEST_F(SftpTransferOperations, MoveToLocalRemovesNothingThatItDidNotReceive) {
         std::to_string(-ENOENT));
 }
 
-TEST_F(SftpTransferOperations, MoveToRemoteUnlinksWhatItSent) {
+TEST_F(SftpTransferOperations, MoveToRemoteUnlinksTheSentFile) {
     local.Store("f", "text");
     WorkingDirectory const working(local.Path());
     EXPECT_EQ(Transfer(Storing("/home/copy", "text"),
@@ -139,7 +139,7 @@ TEST_F(SftpTransferOperations, MoveToRemoteUnlinksWhatItSent) {
     EXPECT_TRUE(local.Tree().empty());
 }
 
-TEST_F(SftpTransferOperations, MoveToRemoteSendsFromTheProcessAndUnlinksInTheSession) {
+TEST_F(SftpTransferOperations, MoveToRemoteSendsFromTheProcessDirectoryAndUnlinksInTheSessions) {
     process.Store("f", "sent");
     local.Store("f", "unlinked");
     WorkingDirectory const working(process.Path());
@@ -150,7 +150,7 @@ TEST_F(SftpTransferOperations, MoveToRemoteSendsFromTheProcessAndUnlinksInTheSes
     EXPECT_FALSE(local.Has("f"));
 }
 
-TEST_F(SftpTransferOperations, MoveToRemoteGivesTheErrorOfTheUnlink) {
+TEST_F(SftpTransferOperations, MoveToRemoteReturnsTheErrorOfTheUnlink) {
     process.Store("f", "sent");
     WorkingDirectory const working(process.Path());
     EXPECT_EQ(Transfer(Storing("/copy", "sent"),
@@ -159,7 +159,7 @@ TEST_F(SftpTransferOperations, MoveToRemoteGivesTheErrorOfTheUnlink) {
     EXPECT_EQ(process.Stored("f"), "sent");
 }
 
-TEST_F(SftpTransferOperations, MoveToRemoteUnlinksNothingThatItDidNotSend) {
+TEST_F(SftpTransferOperations, MoveToRemoteKeepsAFileThatWasNotSent) {
     local.Store("f", "text");
     WorkingDirectory const working(local.Path());
     EXPECT_EQ(Transfer(Refusing("/copy", WRITING),
@@ -168,7 +168,7 @@ TEST_F(SftpTransferOperations, MoveToRemoteUnlinksNothingThatItDidNotSend) {
     EXPECT_EQ(local.Stored("f"), "text");
 }
 
-TEST_F(SftpTransferOperations, MoveToRemoteOfAFileThatTheProcessHasNotSendsNothing) {
+TEST_F(SftpTransferOperations, MoveToRemoteOfAMissingFileSendsNothing) {
     local.Store("f", "text");
     WorkingDirectory const working(process.Path());
     EXPECT_EQ(
@@ -190,7 +190,7 @@ TEST_F(SftpTransferOperations, EmptyListsSendNothing) {
               "0");
 }
 
-TEST_F(SftpTransferOperations, ListGetTakesEachUnderItsLastComponent) {
+TEST_F(SftpTransferOperations, ListGetStoresEachUnderItsLastComponent) {
     local.MakeDirectory("to");
     EXPECT_EQ(Transfer(Fetching("/home/u/sub/a", "first") + Fetching("/b", "second", 0600) +
                            Fetching("/home/c/", "third"),
@@ -204,7 +204,7 @@ TEST_F(SftpTransferOperations, ListGetTakesEachUnderItsLastComponent) {
             {"to", "755 directory"}, {"to/a", "644 first"}, {"to/b", "600 second"}, {"to/c", "644 third"}}));
 }
 
-TEST_F(SftpTransferOperations, ListGetWithoutADirectoryGoesToTheCurrentOne) {
+TEST_F(SftpTransferOperations, ListGetWithoutADirectoryUsesTheCurrentOne) {
     EXPECT_EQ(Transfer(Fetching("/home/u/f", "text"),
                        [this](SftpProgram& session) { return session.Get(status, List({"f"}), ""); }),
               "1");
@@ -218,7 +218,7 @@ TEST_F(SftpTransferOperations, ListGetEndsAtALocalFailure) {
         std::to_string(-ENOENT));
 }
 
-TEST_F(SftpTransferOperations, ListPutTakesEachUnderItsLastComponent) {
+TEST_F(SftpTransferOperations, ListPutStoresEachUnderItsLastComponent) {
     local.Store("sub/a", "first");
     process.Store("b", "second", 0600);
     EXPECT_EQ(Transfer(Storing("/home/to/a", "first") + Storing("/home/to/b", "second", 0600),
@@ -279,7 +279,7 @@ TEST_F(SftpTransferOperations, ListMoveToRemoteSendsFromTheSessionAndUnlinksTher
     EXPECT_EQ(process.Stored("a"), "other text");
 }
 
-TEST_F(SftpTransferOperations, ListMoveToRemoteEndsAtAnUnlinkThatFails) {
+TEST_F(SftpTransferOperations, ListMoveToRemoteEndsAtAFailedUnlink) {
     local.Store("a", "first");
     local.Store("b", "second");
     EXPECT_EQ(
@@ -297,7 +297,7 @@ TEST_F(SftpTransferOperations, ListMoveToRemoteEndsAtAnUnlinkThatFails) {
     EXPECT_EQ(local.Tree(), (Tree{{"b", "644 second"}}));
 }
 
-TEST_F(SftpTransferOperations, ListMoveToRemoteUnlinksNothingThatItDidNotSend) {
+TEST_F(SftpTransferOperations, ListMoveToRemoteKeepsAFileThatWasNotSent) {
     local.Store("a", "first");
     EXPECT_EQ(Transfer(Refusing("/to/a", WRITING),
                        [this](SftpProgram& session) {
@@ -309,20 +309,20 @@ TEST_F(SftpTransferOperations, ListMoveToRemoteUnlinksNothingThatItDidNotSend) {
 
 // --- patterns
 
-TEST_F(SftpTransferOperations, MGetOfAPlainNameFindsItInItsDirectory) {
+TEST_F(SftpTransferOperations, MGetOfAPlainNameSearchesItsDirectory) {
     EXPECT_EQ(Transfer(NoDirectory("/d/f") + Listing("/d", {"e", "f"}) + Fetching("/d/f", "text"),
                        [this](SftpProgram& session) { return session.MGet(status, "/d/f", ""); }),
               "1");
     EXPECT_EQ(local.Tree(), (Tree{{"f", "644 text"}}));
 }
 
-TEST_F(SftpTransferOperations, MGetGivesTheFailureOfTheList) {
+TEST_F(SftpTransferOperations, MGetReturnsTheFailureOfTheList) {
     EXPECT_EQ(Transfer(NoDirectory("/d/*") + Listing("/d", {"e", "f"}) + Refusing("/d/e", READING),
                        [this](SftpProgram& session) { return session.MGet(status, "/d/*", ""); }),
               "-1");
 }
 
-TEST_F(SftpTransferOperations, MPutGivesTheFailureOfTheList) {
+TEST_F(SftpTransferOperations, MPutReturnsTheFailureOfTheList) {
     local.Store("a", "first");
     local.Store("b", "second");
     EXPECT_EQ(Transfer(Storing("/to/a", "first") + Refusing("/to/b", WRITING),
@@ -339,7 +339,7 @@ TEST_F(SftpTransferOperations, MMoveToLocalRemovesEach) {
     EXPECT_EQ(local.Tree(), (Tree{{"a", "644 first"}, {"b", "644 second"}}));
 }
 
-TEST_F(SftpTransferOperations, MMoveToLocalOfAPatternThatMatchesNothingGives0) {
+TEST_F(SftpTransferOperations, MMoveToLocalOfAPatternWithoutMatchReturns0) {
     EXPECT_EQ(Transfer(NoDirectory("/home/u/?") + Listing("/home/u", {"aa"}),
                        [this](SftpProgram& session) { return session.MMoveToLocal(status, "?", ""); }),
               "0");
@@ -358,7 +358,7 @@ TEST_F(SftpTransferOperations, MMoveToRemoteUnlinksEach) {
     EXPECT_EQ(process.Tree(), (Tree{{"a", "644 other text"}}));
 }
 
-TEST_F(SftpTransferOperations, MMoveToRemoteOfAPatternThatMatchesNothingSendsNothing) {
+TEST_F(SftpTransferOperations, MMoveToRemoteOfAPatternWithoutMatchSendsNothing) {
     EXPECT_EQ(
         Transfer({}, [this](SftpProgram& session) { return session.MMoveToRemote(status, "?", "/to"); }),
         "0");

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "support/descriptor_state.h"
 #include "wire/sftp_transfer_fixture.h"
 
 using namespace sftp;
@@ -62,7 +63,7 @@ TEST_F(SftpTransferWire, PutByteForByte) {
     EXPECT_EQ(std::vector<Bytes>(sent.begin() + 4, sent.end()), expected);
 }
 
-TEST_F(SftpTransferWire, EmptyRemoteFileIsEmptyHereWithItsPermissions) {
+TEST_F(SftpTransferWire, EmptyRemoteFileIsCreatedWithItsPermissions) {
     EXPECT_EQ(Transfer({{Open("/empty", READING), Opened("h")},
                         {Fstat("h"), Attrs(AllAttrs(0, 0, 0, 0100604))},
                         {Read("h", 0, READ_SIZE), Status(1, "end")},
@@ -90,7 +91,8 @@ TEST_F(SftpTransferWire, LocalFilesAreOpenToNoProgramThatIsStartedMeanwhile) {
         EXPECT_EQ(TransferWith(
                       [&](RemoteSftp& remote) {
                           remote.Expect(dialogue[0].request);
-                          EXPECT_EQ(local.DescriptorFlags(), std::vector<int>{FD_CLOEXEC});
+                          EXPECT_EQ(support::FlagsOf(support::OpenDescriptorsBelow(local.Path())),
+                                    std::vector<int>{FD_CLOEXEC});
                           remote.Reply(dialogue[0].reply);
                           remote.Follow(Dialogue(dialogue.begin() + 1, dialogue.end()));
                       },
@@ -102,7 +104,7 @@ TEST_F(SftpTransferWire, LocalFilesAreOpenToNoProgramThatIsStartedMeanwhile) {
     }
 }
 
-TEST_F(SftpTransferWire, EmptyLocalFileIsWrittenByNoRequest) {
+TEST_F(SftpTransferWire, EmptyLocalFileSendsNoWrite) {
     local.Store("empty", "", 0604);
     EXPECT_EQ(Transfer({{Open("/copy", WRITING), Opened("h")},
                         {SetFstat("h", Mode(0100604)), Done()},
@@ -180,7 +182,7 @@ TEST_F(SftpTransferWire, FileOfOneByteMoreTakesThreeReads) {
     EXPECT_EQ(local.Stored("copy"), text);
 }
 
-TEST_F(SftpTransferWire, RepliesShorterThanAskedMoveTheOffsetByTheirLength) {
+TEST_F(SftpTransferWire, ShortRepliesAdvanceTheOffsetByTheirLength) {
     EXPECT_EQ(Transfer({{Open("/f", READING), Opened("h")},
                         {Fstat("h"), Attrs(AllAttrs(5, 0, 0, 0100644))},
                         {Read("h", 0, 32562), FileData("h")},
@@ -245,7 +247,7 @@ TEST_F(SftpTransferWire, MPutPutsInOrder) {
               "2");
 }
 
-TEST_F(SftpTransferWire, MGetOfAPatternThatMatchesNothingGives0) {
+TEST_F(SftpTransferWire, MGetOfAPatternWithoutMatchReturns0) {
     status = Marked();
     EXPECT_EQ(Transfer(NoDirectory("/home/u/*.c") + Listing("/home/u", {"a.h"}),
                        [this](SftpProgram& session) { return session.MGet(status, "*.c", "to"); }),
@@ -254,13 +256,13 @@ TEST_F(SftpTransferWire, MGetOfAPatternThatMatchesNothingGives0) {
     EXPECT_TRUE(local.Tree().empty());
 }
 
-TEST_F(SftpTransferWire, MPutOfAPatternThatMatchesNothingSendsNothing) {
+TEST_F(SftpTransferWire, MPutOfAPatternWithoutMatchSendsNothing) {
     status = Marked();
     EXPECT_EQ(Transfer({}, [this](SftpProgram& session) { return session.MPut(status, "*.c", "/to"); }), "0");
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpTransferWire, ListGetEndsAtTheThirdNameThatFails) {
+TEST_F(SftpTransferWire, ListGetEndsAtAFailingThirdName) {
     local.MakeDirectory("to");
     EXPECT_EQ(
         Transfer(

@@ -32,7 +32,7 @@ protected:
     std::string RunOn(char const* pattern, Dialogue const& dialogue) {
         return Run(dialogue, [&](auto& session) { return GetParam().call(session, status, pattern); });
     }
-    /// What it comes to for as many files as there are answers.
+    /// The outcome for as many files as there are answers.
     std::string AnsweredWith(std::vector<Message> const& answers) {
         std::vector<std::string> entries;
         Dialogue requests;
@@ -96,7 +96,7 @@ private:
 
 } // namespace
 
-TEST(SftpWildcard, IsOneOfThreeCharactersAnywhere) {
+TEST(SftpWildcard, IsAnyOfThreeCharacters) {
     for (char const* const path : {"*", "?", "[", "a*", "/a?/b", "a[", "\\*", "[]"})
         EXPECT_TRUE(SftpClientSession::IsWildcardPath(path)) << path;
     for (char const* const path : {"", "a", "]", "{a,b}", "~", "\\", "a b", "!^-.$"})
@@ -116,7 +116,7 @@ TEST_P(SftpEachMatch, SequenceIsExact) {
               "0");
 }
 
-TEST_P(SftpEachMatch, NoMatchIsAFailureThatLeavesTheStatus) {
+TEST_P(SftpEachMatch, NoMatchIsAFailureThatKeepsTheStatus) {
     EXPECT_EQ(RunOn("*.c", Matching("*.c", {"a.h"})), "-1");
     EXPECT_EQ(RunOn("*.c", Matching("*.c", {})), "-1");
     EXPECT_EQ(RunOn("/*", NoDirectory("/*") + NoDirectory("/")), "-1");
@@ -131,11 +131,11 @@ TEST_P(SftpEachMatch, NameWithABracketIsAPattern) {
     EXPECT_EQ(RunOn("a[1", Matching("a[1", {"a[1", "a1"}) + Dialogue{On("a[1")}), "0");
 }
 
-TEST_P(SftpEachMatch, DirectoryOfThatVeryNameIsTheMatch) {
+TEST_P(SftpEachMatch, DirectoryOfExactlyThatNameIsTheMatch) {
     EXPECT_EQ(RunOn("d*", Listing("/home/u/d*", {}) + Dialogue{On("d*")}), "0");
 }
 
-TEST_P(SftpEachMatch, BracketInTheCurrentDirectoryMakesNoPattern) {
+TEST_P(SftpEachMatch, BracketInTheCurrentDirectoryIsNotAPattern) {
     EXPECT_EQ(Run({{Realpath("/home/u/d"), Names({"/[d]"})}, {GetParam().request("/[d]/f"), Done()}},
                   [&](auto& session) {
                       session.Cd(status, "d");
@@ -152,12 +152,12 @@ TEST_P(SftpEachMatch, LastFailureIsTheResult) {
     EXPECT_EQ(Told(status), "4 no en");
 }
 
-TEST_P(SftpEachMatch, ResultAboveZeroIsNotTaken) {
+TEST_P(SftpEachMatch, PositiveResultIsIgnored) {
     EXPECT_EQ(AnsweredWith({Status(0xfffffffb)}), "0");
     EXPECT_EQ(AnsweredWith({Status(4), Status(0xfffffffb)}), "-4");
 }
 
-TEST_P(SftpEachMatch, NamesOfTheServerGoBackAsTheyCame) {
+TEST_P(SftpEachMatch, NamesOfTheServerAreSentBackUnchanged) {
     EXPECT_EQ(RunOn("*", Matching("*", {"..", "x\n\x1b[2J", "../y", "/etc/z", "-f", "[", "*"}) +
                              Dialogue{On("x\n\x1b[2J"), On("../y"), On("etc/z"), On("-f"), On("["), On("*")}),
               "0");
@@ -182,7 +182,7 @@ INSTANTIATE_TEST_SUITE_P(All, SftpEachMatch,
                                                    }}),
                          Name);
 
-TEST_F(SftpChown, AsksForEachFileAndSendsAllBack) {
+TEST_F(SftpChown, ReadsAndRewritesTheAttributesOfEachFile) {
     Dialogue const matching = Matching("f?", {"f2", "f", "f1"});
     EXPECT_EQ(Run(matching + Dialogue{{Stat("/home/u/f2"), Attrs(AllAttrs(0x123456789a, 1, 2, 0100600))},
                                       {SetStat("/home/u/f2", AllAttrs(0x123456789a, 7, 2, 0100600)), Done()},
@@ -198,12 +198,12 @@ TEST_F(SftpChown, AsksForEachFileAndSendsAllBack) {
               "0");
 }
 
-TEST_F(SftpChown, WithoutAMatchIsAFailureThatLeavesTheStatus) {
+TEST_F(SftpChown, NoMatchIsAFailureThatKeepsTheStatus) {
     EXPECT_EQ(ResultOf({}), "-1");
     EXPECT_EQ(Told(status), "77 before xx");
 }
 
-TEST_F(SftpChown, AttributesThatCouldNotBeReadAreWrittenAllTheSame) {
+TEST_F(SftpChown, UnreadAttributesAreWrittenAnyway) {
     EXPECT_EQ(ResultOf({{2, SET}}), "0");
     EXPECT_EQ(ResultOf({{2, 3}}), "-3");
     EXPECT_EQ(ResultOf({{2, SET}, {FOUND, SET}}), "0");
@@ -215,31 +215,31 @@ TEST_F(SftpChown, FailureToWriteIsTheResult) {
     EXPECT_EQ(ResultOf({{FOUND, 3}, {FOUND, 4}}), "-4");
 }
 
-TEST_F(SftpChown, NextFileWipesAFailure) {
+TEST_F(SftpChown, NextFileClearsAFailure) {
     EXPECT_EQ(ResultOf({{FOUND, 3}, {FOUND, SET}}), "0");
     EXPECT_EQ(ResultOf({{2, 3}, {FOUND, SET}}), "0");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {FOUND, SET}, {2, SET}}), "0");
 }
 
-TEST_F(SftpChown, FailureToReadCountsAfterAFailureAlone) {
+TEST_F(SftpChown, FailureToReadCountsOnlyAfterAFailure) {
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, SET}}), "-2");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, 4}}), "-4");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, SET}, {5, SET}}), "-5");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {2, SET}, {FOUND, SET}}), "0");
 }
 
-TEST_F(SftpChown, ResultAboveZeroOfStatStaysAfterAFailure) {
+TEST_F(SftpChown, PositiveResultOfStatIsKeptAfterAFailure) {
     EXPECT_EQ(ResultOf({{0xfffffffb, SET}}), "0");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {0xfffffffb, SET}, {FOUND, SET}}), "5");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {0xfffffffb, SET}, {FOUND, 4}}), "-4");
     EXPECT_EQ(ResultOf({{FOUND, 3}, {FOUND, 0xfffffffb}}), "0");
 }
 
-TEST_F(SftpChown, StatusIsThatOfTheLastAnswer) {
+TEST_F(SftpChown, StatusIsThatOfTheLastReply) {
     EXPECT_EQ(ChownAll({{FOUND, 3}, {2, SET}}), "-2");
-    EXPECT_EQ(Told(status), "0 told en");
+    EXPECT_EQ(Told(status), "0 message en");
     EXPECT_EQ(ChgrpAll({{2, 4}}), "-4");
-    EXPECT_EQ(Told(status), "4 told en");
+    EXPECT_EQ(Told(status), "4 message en");
 }
 
 TEST_F(SftpChown, OtherReplyIsAViolation) {

@@ -43,7 +43,7 @@ std::vector<Bytes> Replies() {
     };
 }
 
-/// What a client's work on an open channel came to.
+/// The outcome of a client's work on an open channel.
 std::string Converse(std::uint16_t port, std::function<int(SftpClient&, SftpStatus&)> const& work) {
     TestSession session(port);
     cindral::OSshDataStream output(session._out, 0, session._windowSize);
@@ -86,7 +86,7 @@ public:
         }
         return Fetch(_peer.Port());
     }
-    /// Ends the server. The first connection, which had no faults, tells what stands where.
+    /// Ends the server. The first connection, which had no faults, shows what is where.
     Connection const& Finish(std::size_t sessions) {
         _peer.Join(sessions + 1);
         return _peer.At(0);
@@ -193,7 +193,7 @@ std::size_t EndOf(PacketRecord const& packet) {
 
 } // namespace
 
-TEST(SftpWire, EachMessageIsOneOfTheChannel) {
+TEST(SftpWire, EachMessageIsOneDataMessage) {
     FetchServer server;
     Connection const& c = server.Finish(0);
     ASSERT_EQ(c.received.size(), 7u + 4);
@@ -270,7 +270,7 @@ TEST(SftpWire, CutAfterEachByteOfTheRequestsIsAnError) {
     server.Finish(sessions);
 }
 
-TEST(SftpWire, ResetInAMacsPlaceIsAnErrorOfReading) {
+TEST(SftpWire, ResetInsteadOfAMacIsAReadError) {
     FetchServer whole;
     std::vector<PacketRecord> const replies = Conversation(whole.Finish(0).sent);
 

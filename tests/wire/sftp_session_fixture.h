@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
-#include <iterator>
 #include <map>
 #include <string>
 #include <string_view>
@@ -15,6 +14,7 @@
 
 #include <brantle/sftp/sftp_client_session.h>
 
+#include "support/descriptor_state.h"
 #include "wire/apps_fixture.h"
 
 /// A session that lets tests see and call what programs can't.
@@ -113,7 +113,8 @@ inline Message Symlink(std::string_view first, std::string_view second) {
 }
 
 // Replies
-inline Message Status(std::uint32_t code, std::string_view text = "told", std::string_view language = "en") {
+inline Message Status(std::uint32_t code, std::string_view text = "message",
+                      std::string_view language = "en") {
     return {101, peer::Writer().U32(code).String(text).String(language)};
 }
 inline Message Done() { return Status(0, "done"); }
@@ -165,7 +166,7 @@ inline Dialogue ClosingAfter(Dialogue const& reading, std::size_t i) {
     return {reading[i]};
 }
 
-/// Greets and tells the home directory.
+/// Sends the version and the home directory.
 inline Dialogue Beginning(std::string_view home = "/home/u") {
     return {
         {Message(peer::Writer().U8(1).U32(3)), Message(peer::Writer().U8(2).U32(3))},
@@ -268,7 +269,7 @@ protected:
     using Call = std::function<int(SftpProgram&)>;
     using RemoteScript = std::function<void(RemoteSftp&)>;
 
-    /// What the call came to in a session that has started. The client must say what is in the dialogue and
+    /// The outcome of the call in a session that has started. The client must say what is in the dialogue and
     /// nothing else.
     std::string Run(sftp::Dialogue const& dialogue, Call const& call) {
         return RunWith([dialogue](RemoteSftp& remote) { remote.Follow(dialogue); }, call);
@@ -298,9 +299,9 @@ protected:
         {
             SftpProgram session(server->Port());
             Login(session);
-            std::size_t const before = OpenDescriptors();
+            auto const before = support::OpenDescriptors();
             outcome = Outcome([&] { return call(session); });
-            EXPECT_EQ(OpenDescriptors(), before);
+            EXPECT_EQ(support::OpenDescriptors(), before);
         }
         try {
             server->Finish();
@@ -333,11 +334,6 @@ protected:
     }
     static std::string Violation(unsigned type) {
         return "SshProtocolError: invalid sftp response received: " + std::to_string(type);
-    }
-
-    static std::size_t OpenDescriptors() {
-        std::filesystem::directory_iterator const entries("/proc/self/fd");
-        return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
     }
 
     static TOList<String_t> List(std::initializer_list<char const*> names) {

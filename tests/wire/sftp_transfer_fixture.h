@@ -9,6 +9,7 @@
 
 #include <brantle/thornel/file_descriptor.h>
 
+#include "support/pattern.h"
 #include "wire/local_directory.h"
 #include "wire/sftp_session_fixture.h"
 
@@ -19,6 +20,8 @@ constexpr std::uint32_t WRITING = 26; ///< creating and truncating, too
 constexpr std::uint32_t READ_SIZE = 32562;
 constexpr std::uint32_t WRITE_SIZE = 32544;
 constexpr std::uint32_t REGULAR = 0100000;
+
+using support::Pattern;
 
 /// The code of a status that is below 0.
 inline std::uint32_t Code(std::int32_t code) { return static_cast<std::uint32_t>(code); }
@@ -64,13 +67,6 @@ protected:
             session.LCd(local.Name());
             return call(session);
         };
-    }
-
-    /// That many characters, no two blocks of which are the same.
-    static std::string Pattern(std::size_t size) {
-        std::string text(size, '\0');
-        for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i % 251 + i / 32544);
-        return text;
     }
 
     LocalDirectory local;

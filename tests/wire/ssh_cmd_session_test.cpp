@@ -12,7 +12,7 @@ namespace {
 
 class Command : public AppTest {
 protected:
-    /// What Run came to, after a login; the server's script begins at the opening of the channel.
+    /// The outcome of Run, after a login; the server's script begins at the opening of the channel.
     std::string Run(Script const& script, std::string const& command = "true") {
         Serve([script](Connection& c) {
             c.WellBehaved(Stage::Authenticated);
@@ -20,7 +20,7 @@ protected:
         });
         std::string outcome;
         {
-            ProcessDescriptors const joined(input.Fd(), output.Fd(), errorOutput.Fd());
+            ProcessDescriptors const redirected(input.Fd(), output.Fd(), errorOutput.Fd());
             Captured const errors(std::cerr);
             cindral::SshCmdSession session(server->Port(), "127.0.0.1", command.c_str());
             Login(session);
@@ -44,7 +44,7 @@ void ConfirmAndTakeCommand(Connection& c) {
 
 } // namespace
 
-TEST_F(Command, RoadToTheExitStatusIsExact) {
+TEST_F(Command, SequenceToTheExitStatusIsExact) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       ConfirmAndTakeCommand(c);
@@ -89,7 +89,7 @@ TEST_F(Command, TargetMayBeOneText) {
     });
     std::string outcome;
     {
-        ProcessDescriptors const joined(input.Fd(), output.Fd(), errorOutput.Fd());
+        ProcessDescriptors const redirected(input.Fd(), output.Fd(), errorOutput.Fd());
         std::string const target = "127.0.0.1:" + std::to_string(server->Port());
         cindral::SshCmdSession session(target.c_str(), "by text");
         Login(session);
@@ -143,7 +143,7 @@ TEST_F(Command, RefusedChannelMakesRunReturnOne) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(Command, AnswerToTheOpeningThatIsNoneIsAnException) {
+TEST_F(Command, UnexpectedAnswerToTheOpeningIsAnException) {
     EXPECT_EQ(Run([](Connection& c) {
                   c.ReadChannelOpen();
                   c.SendDebug("");
@@ -161,7 +161,7 @@ TEST_F(Command, ExitSignalEndsTheRunLikeAnExitStatus) {
     EXPECT_EQ(Sent().size(), 2u);
 }
 
-TEST_F(Command, RefusedCommandShowsInWhatFollowsAlone) {
+TEST_F(Command, RefusedCommandIsNotReported) {
     EXPECT_EQ(Run([](Connection& c) {
                   ConfirmAndTakeCommand(c);
                   c.SendChannelMessage(CHANNEL_FAILURE);
@@ -192,14 +192,14 @@ TEST_F(Command, LostConnectionIsAnException) {
     EXPECT_EQ(output.Text(), "some");
 }
 
-TEST_F(Command, FailureOfPollIsItsErrno) {
+TEST_F(Command, FailedPollReturnsItsErrno) {
     Serve([](Connection& c) {
         c.WellBehaved(Stage::Opened);
         c.ReadChannelRequest();
     });
     std::string outcome;
     {
-        ProcessDescriptors const joined(input.Fd(), output.Fd(), errorOutput.Fd());
+        ProcessDescriptors const redirected(input.Fd(), output.Fd(), errorOutput.Fd());
         FailingPoll failing;
         cindral::SshCmdSession session(server->Port(), "127.0.0.1", "true");
         Login(session);
@@ -210,7 +210,7 @@ TEST_F(Command, FailureOfPollIsItsErrno) {
     EXPECT_EQ(outcome, "22");
 }
 
-TEST_F(Command, FurtherRunOnAStoppedSessionOpensAChannelAndEnds) {
+TEST_F(Command, RunOnAStoppedSessionOpensAChannelAndEnds) {
     Serve([](Connection& c) {
         c.WellBehaved(Stage::Opened);
         c.ReadChannelRequest();
@@ -219,7 +219,7 @@ TEST_F(Command, FurtherRunOnAStoppedSessionOpensAChannelAndEnds) {
     });
     std::string outcome;
     {
-        ProcessDescriptors const joined(input.Fd(), output.Fd(), errorOutput.Fd());
+        ProcessDescriptors const redirected(input.Fd(), output.Fd(), errorOutput.Fd());
         cindral::SshCmdSession session(server->Port(), "127.0.0.1", "again");
         Login(session);
         outcome = Outcome([&] { return session.Run(); }) + Outcome([&] { return session.Run(); });

@@ -21,7 +21,7 @@ public:
 
 class DataStreams : public AppTest {
 protected:
-    /// What the client's work on an open channel came to. The server's number of the channel is 42.
+    /// The outcome of the client's work on an open channel. The server's number of the channel is 42.
     std::string Run(Script const& script, std::function<int(StreamSession&)> const& client) {
         Serve([script](Connection& c) {
             c.WellBehaved(Stage::Opened);
@@ -54,7 +54,7 @@ protected:
 
 } // namespace
 
-TEST_F(DataStreams, MessagesGoToChannel0WhateverNumberThePeerHas) {
+TEST_F(DataStreams, MessagesAreSentToChannel0WhateverThePeersNumber) {
     EXPECT_EQ(Run(
                   [](Connection& c) {
                       c.ExpectPacket(CHANNEL_DATA);
@@ -73,7 +73,7 @@ TEST_F(DataStreams, MessagesGoToChannel0WhateverNumberThePeerHas) {
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest(), Data("question\n"), Data(".")));
 }
 
-TEST_F(DataStreams, WhatIsSentIsGrantedAboveTwoThirdsOfTheWindow) {
+TEST_F(DataStreams, SentBytesAreGrantedAboveTwoThirdsOfTheWindow) {
     EXPECT_EQ(Run([](Connection&) {},
                   [](StreamSession& session) {
                       std::string const block(8144, 'x');
@@ -85,7 +85,7 @@ TEST_F(DataStreams, WhatIsSentIsGrantedAboveTwoThirdsOfTheWindow) {
     EXPECT_EQ(Sent().size(), 202u);
 }
 
-TEST_F(DataStreams, WhatIsReadIsGrantedAboveTwoThirdsOfTheWindow) {
+TEST_F(DataStreams, ReadBytesAreGrantedAboveTwoThirdsOfTheWindow) {
     std::string const block(32768, 'x');
     EXPECT_EQ(Run(
                   [&](Connection& c) {
@@ -103,7 +103,7 @@ TEST_F(DataStreams, WhatIsReadIsGrantedAboveTwoThirdsOfTheWindow) {
     EXPECT_THAT(Granted(), ElementsAre(testing::AllOf(testing::Gt(1398102u), testing::Lt(1398102u + 32900))));
 }
 
-TEST_F(DataStreams, EndOfTheChannelThrowsOutOfARead) {
+TEST_F(DataStreams, ReadAtTheEndOfTheChannelThrows) {
     for (std::uint8_t type : {CHANNEL_EOF, CHANNEL_CLOSE}) {
         EXPECT_EQ(Run(
                       [type](Connection& c) {
@@ -118,7 +118,7 @@ TEST_F(DataStreams, EndOfTheChannelThrowsOutOfARead) {
     }
 }
 
-TEST_F(DataStreams, ResetInAMacsPlaceEndsTheInput) {
+TEST_F(DataStreams, ResetInsteadOfAMacEndsTheInput) {
     EXPECT_EQ(Run(
                   [](Connection& c) {
                       Bytes const packet = c.Encode(Data("x"));
@@ -126,13 +126,13 @@ TEST_F(DataStreams, ResetInAMacsPlaceEndsTheInput) {
                       c.Wire().Reset();
                   },
                   [](StreamSession& session) {
-                      session.output.Put('x'); // goes out as the streams go, and nobody is there
+                      session.output.Put('x'); // sent when the streams are destroyed, with no peer left
                       return session.input.Fill();
                   }),
               "0");
 }
 
-TEST_F(DataStreams, NoRequestWaitsForAnAcknowledgementInEitherDirection) {
+TEST_F(DataStreams, NoRequestWaitsForATcpAcknowledgement) {
     // 32 KiB each way, so that the windows of both directions are adjusted on the way.
     constexpr int ROUNDS = 200;
     std::string const block(32544, 'x');

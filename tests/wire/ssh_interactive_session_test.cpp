@@ -8,9 +8,10 @@
 
 #include <brantle/cindral/tty_modes.h>
 
+#include "support/terminal.h"
 #include "wire/apps_fixture.h"
-#include "wire/terminal.h"
 
+using support::Terminal;
 using namespace peer;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -27,7 +28,7 @@ protected:
 
     Interactive() { setenv("TERM", "vt220", 1); }
 
-    /// What Run came to, after a login, on these descriptors; the server's script begins at the opening of
+    /// The outcome of Run, after a login, on these descriptors; the server's script begins at the opening of
     /// the channel. The steps are called before the login, before Run, and after it.
     std::string RunOn(int in, int out, Script const& script, Step const& beforeLogin = {},
                       Step const& before = {}, Step const& after = {}) {
@@ -37,7 +38,7 @@ protected:
         });
         std::string outcome;
         {
-            ProcessDescriptors const joined(in, out, out);
+            ProcessDescriptors const redirected(in, out, out);
             Captured const errors(std::cerr);
             cindral::SshInteractiveSession session(server->Port(), "127.0.0.1");
             if (beforeLogin) beforeLogin(session);
@@ -95,7 +96,7 @@ Bytes PtyRequest(std::string const& term, std::uint32_t columns, std::uint32_t r
         .String(ToPeer(cindral::TtyMakeModes(settings)));
 }
 
-/// The terminal modes of a pty request by their opcodes; opcode 0 stands for the end.
+/// The terminal modes of a pty request by their opcodes; opcode 0 is the end.
 std::map<unsigned, std::uint32_t> Modes(Bytes const& ptyRequest) {
     Reader reader(ptyRequest);
     reader.Raw(5);
@@ -131,7 +132,7 @@ TEST_F(Interactive, TerminalTypeIsEmptyWithoutTerm) {
     EXPECT_EQ(Sent().at(1), PtyRequest("", 0, 0, 0, 0, usual));
 }
 
-TEST_F(Interactive, ModesAreThoseOfTheTerminalWhenTheSessionWasMade) {
+TEST_F(Interactive, ModesAreThoseAtTheConstructionOfTheSession) {
     termios own = usual;
     own.c_cc[VINTR] = 0x18;
     own.c_lflag &= ~static_cast<tcflag_t>(ECHOK);
@@ -146,7 +147,7 @@ TEST_F(Interactive, ModesAreThoseOfTheTerminalWhenTheSessionWasMade) {
     EXPECT_TRUE(terminal.Has(own)); // put back as it was when the session was made
 }
 
-TEST_F(Interactive, WithoutATerminalSizesAreZeroAndNothingIsSwitched) {
+TEST_F(Interactive, WithoutATerminalSizesAreZeroAndNoModeChanges) {
     InputPipe input;
     MemoryFile output;
     EXPECT_EQ(RunOn(input.Fd(), output.Fd(),
@@ -174,7 +175,7 @@ TEST_F(Interactive, RefusedRequestsAreNotWaitedFor) {
     EXPECT_EQ(messages, "ignore packet SSH_MSG_CHANNEL_FAILURE\nignore packet SSH_MSG_CHANNEL_FAILURE\n");
 }
 
-TEST_F(Interactive, ChangedWindowIsNotTold) {
+TEST_F(Interactive, WindowChangeIsNotReported) {
     terminal.Resize(80, 24, 0, 0);
     EXPECT_EQ(Run(
                   [&](Connection& c) {
@@ -192,7 +193,7 @@ TEST_F(Interactive, ChangedWindowIsNotTold) {
                                     Request("shell").Data(), Data("x", 42)));
 }
 
-TEST_F(Interactive, EveryByteTypedGoesOutAsItIs) {
+TEST_F(Interactive, EveryTypedByteIsSentUnchanged) {
     std::string const keys = "~.\x03\x1a\x1c\x04\x11\x13\x16\x7f\x15\r\n";
     std::string arrived;
     EXPECT_EQ(Run(
@@ -208,12 +209,12 @@ TEST_F(Interactive, EveryByteTypedGoesOutAsItIs) {
                   InTheLoop([&] { terminal.Type(keys); })),
               "-1");
     EXPECT_EQ(arrived, keys);
-    EXPECT_EQ(terminal.Screen(), std::string(closingLine) + "\r\n"); // and no echo
+    EXPECT_EQ(terminal.WholeScreen(), std::string(closingLine) + "\r\n"); // and no echo
 }
 
 // --- the terminal's mode
 
-TEST_F(Interactive, TerminalIsRawInTheLoopAndNotBefore) {
+TEST_F(Interactive, TerminalIsRawOnlyInTheLoop) {
     settings.banner = "banner\n";
     bool rawBeforeRun = true;
     bool rawAtOpening = true;
@@ -237,7 +238,7 @@ TEST_F(Interactive, TerminalIsRawInTheLoopAndNotBefore) {
     EXPECT_FALSE(rawAtOpening);
     EXPECT_TRUE(rawInLoop);
     // The usual mode adds a carriage return to each line end, raw mode doesn't.
-    EXPECT_EQ(terminal.Screen(), std::string("banner\r\none\ntwo\n") + closingLine + "\r\n");
+    EXPECT_EQ(terminal.WholeScreen(), std::string("banner\r\none\ntwo\n") + closingLine + "\r\n");
 }
 
 TEST_F(Interactive, ExitMessageRestoresTheTerminalBeforeTheClosingLine) {
@@ -281,7 +282,7 @@ TEST_F(Interactive, ExitMessageRestoresTheTerminalBeforeTheClosingLine) {
     }
 }
 
-TEST_F(Interactive, DisconnectLeavesTheTerminalRawUntilTheSessionGoes) {
+TEST_F(Interactive, DisconnectLeavesTheTerminalRawUntilDestruction) {
     bool raw = false;
     EXPECT_EQ(Run(
                   [](Connection& c) {
@@ -293,10 +294,10 @@ TEST_F(Interactive, DisconnectLeavesTheTerminalRawUntilTheSessionGoes) {
     EXPECT_TRUE(raw);
     EXPECT_TRUE(terminal.Has(usual));
     EXPECT_EQ(messages, "connection closed by peer, shutting down\r\n");
-    EXPECT_EQ(terminal.Screen(), ""); // no closing line
+    EXPECT_EQ(terminal.WholeScreen(), ""); // no closing line
 }
 
-TEST_F(Interactive, ExceptionLeavesTheTerminalRawUntilTheSessionGoes) {
+TEST_F(Interactive, ExceptionLeavesTheTerminalRawUntilDestruction) {
     bool raw = false;
     EXPECT_EQ(Run(
                   [](Connection& c) {
@@ -307,10 +308,10 @@ TEST_F(Interactive, ExceptionLeavesTheTerminalRawUntilTheSessionGoes) {
               closedEarly);
     EXPECT_TRUE(raw);
     EXPECT_TRUE(terminal.Has(usual));
-    EXPECT_EQ(terminal.Screen(), "");
+    EXPECT_EQ(terminal.WholeScreen(), "");
 }
 
-TEST_F(Interactive, TerminateOfTheProgramRestoresAndWritesTheLine) {
+TEST_F(Interactive, TerminateRestoresTheTerminalAndWritesTheClosingLine) {
     bool restored = false;
     EXPECT_EQ(Run(StartShell,
                   [&](cindral::SshInteractiveSession& session) {
@@ -321,19 +322,19 @@ TEST_F(Interactive, TerminateOfTheProgramRestoresAndWritesTheLine) {
                   }),
               "-1");
     EXPECT_TRUE(restored);
-    EXPECT_EQ(terminal.Screen(), std::string(closingLine) + "\r\n");
+    EXPECT_EQ(terminal.WholeScreen(), std::string(closingLine) + "\r\n");
 }
 
-TEST_F(Interactive, FurtherTerminateWritesTheLineAgain) {
+TEST_F(Interactive, SecondTerminateWritesTheClosingLineAgain) {
     int stopped = 0;
     EXPECT_EQ(Run(StartAndExit, {},
                   [&](cindral::SshInteractiveSession& session) { stopped = session.Terminate(); }),
               "-1");
     EXPECT_NE(stopped, 0);
-    EXPECT_EQ(terminal.Screen(), std::string(closingLine) + "\r\n" + closingLine + "\r\n");
+    EXPECT_EQ(terminal.WholeScreen(), std::string(closingLine) + "\r\n" + closingLine + "\r\n");
 }
 
-TEST_F(Interactive, TerminateOfAnotherThreadIsSeenWhenPollReturns) {
+TEST_F(Interactive, TerminateByAnotherThreadTakesEffectWhenPollReturns) {
     std::thread other;
     EXPECT_EQ(Run(StartShell,
                   [&](cindral::SshInteractiveSession& session) {
@@ -344,7 +345,7 @@ TEST_F(Interactive, TerminateOfAnotherThreadIsSeenWhenPollReturns) {
                   }),
               "-1");
     EXPECT_TRUE(terminal.Has(usual));
-    EXPECT_EQ(terminal.Screen(), std::string(closingLine) + "\r\n");
+    EXPECT_EQ(terminal.WholeScreen(), std::string(closingLine) + "\r\n");
 }
 
 TEST_F(Interactive, ClosingLineNamesTheHostOfATargetTextWithoutItsPort) {
@@ -353,14 +354,14 @@ TEST_F(Interactive, ClosingLineNamesTheHostOfATargetTextWithoutItsPort) {
         StartAndExit(c);
     });
     {
-        ProcessDescriptors const joined(terminal.Fd(), terminal.Fd(), terminal.Fd());
+        ProcessDescriptors const redirected(terminal.Fd(), terminal.Fd(), terminal.Fd());
         std::string const target = "localhost:" + std::to_string(server->Port());
         cindral::SshInteractiveSession session(target.c_str());
         Login(session);
         session.Run();
     }
     server->Finish();
-    EXPECT_EQ(terminal.Screen(), "Connection to localhost closed.\r\n");
+    EXPECT_EQ(terminal.WholeScreen(), "Connection to localhost closed.\r\n");
 }
 
 // --- results
@@ -371,7 +372,7 @@ TEST_F(Interactive, RunBeforeTheLoginReturnsMinusOneAndSendsNothing) {
     int result = 0;
     bool raw = true;
     {
-        ProcessDescriptors const joined(terminal.Fd(), terminal.Fd(), terminal.Fd());
+        ProcessDescriptors const redirected(terminal.Fd(), terminal.Fd(), terminal.Fd());
         cindral::SshInteractiveSession session(server->Port(), "127.0.0.1");
         unconnected = session.Run();
         if (session.Connect(10) != 0 || session.KeyExchange() != 0) throw std::runtime_error("no connection");
@@ -383,10 +384,10 @@ TEST_F(Interactive, RunBeforeTheLoginReturnsMinusOneAndSendsNothing) {
     EXPECT_EQ(result, -1);
     EXPECT_FALSE(raw);
     EXPECT_EQ(server->At(0).received.size(), 4u); // the last one is NEWKEYS
-    EXPECT_EQ(terminal.Screen(), "");
+    EXPECT_EQ(terminal.WholeScreen(), "");
 }
 
-TEST_F(Interactive, RefusedChannelMakesRunReturnOneInTheUsualMode) {
+TEST_F(Interactive, RefusedChannelMakesRunReturnOneInCookedMode) {
     bool raw = true;
     EXPECT_EQ(Run(
                   [](Connection& c) {
@@ -397,5 +398,5 @@ TEST_F(Interactive, RefusedChannelMakesRunReturnOneInTheUsualMode) {
               "1");
     EXPECT_FALSE(raw);
     EXPECT_THAT(Sent(), ElementsAre(OpenRequest()));
-    EXPECT_EQ(terminal.Screen(), "");
+    EXPECT_EQ(terminal.WholeScreen(), "");
 }

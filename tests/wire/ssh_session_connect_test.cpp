@@ -11,13 +11,13 @@
 #include <memory>
 #include <vector>
 
+#include "support/descriptor_state.h"
 #include "wire/test_session.h"
 
+using support::IsOpen;
 using namespace peer;
 
 namespace {
-
-bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
 
 /// A socket that listens on the loopback interface.
 class Listener {
@@ -77,7 +77,7 @@ TEST(SessionConnect, NoAnswerWithinTheTimeLimitIsANegatedErrno) {
     EXPECT_LT(session.Fd(), 0);
 }
 
-TEST(SessionConnect, ServerWithoutALineBlocksIt) {
+TEST(SessionConnect, ServerThatSendsNoLineBlocks) {
     std::promise<void> sendLine;
     ScriptedPeer server([&](Connection& c) {
         sendLine.get_future().wait();
@@ -95,12 +95,12 @@ TEST(SessionConnect, ServerWithoutALineBlocksIt) {
     server.Finish();
 }
 
-TEST(SessionConnect, ResetInPlaceOfALineShowsInTheFirstPacket) {
+TEST(SessionConnect, ResetInsteadOfTheLineFailsTheFirstPacket) {
     ScriptedPeer server([](Connection& c) { c.Wire().Reset(); });
     {
         TestSession session(server.Port());
         int const result = session.Connect(10);
-        // The reset may come before connect(2) has told of its success.
+        // The reset may come before connect(2) has returned.
         if (result == 0)
             EXPECT_EQ(Outcome([&] { return session.KeyExchange(); }), closedEarly);
         else
@@ -109,7 +109,7 @@ TEST(SessionConnect, ResetInPlaceOfALineShowsInTheFirstPacket) {
     server.Join();
 }
 
-TEST(SessionConnect, TextWithoutALineEndIsTheServersVersionAllTheSame) {
+TEST(SessionConnect, UnterminatedLineIsTheServersVersion) {
     ScriptedPeer server([](Connection& c) { c.SendLine("rubbish\r"); });
     {
         TestSession session(server.Port());
@@ -169,7 +169,7 @@ TEST(SessionConnect, HandshakeRunsWithoutNodelay) {
     server.Finish();
 }
 
-TEST(SessionConnect, FailingSecondConnectClosesTheFirstConnection) {
+TEST(SessionConnect, FailedSecondConnectClosesTheFirstConnection) {
     auto listener = std::make_unique<Listener>(1);
     TestSession session(listener->port);
     auto connected = std::async(std::launch::async, [&] { return session.Connect(10); });
@@ -185,7 +185,7 @@ TEST(SessionConnect, FailingSecondConnectClosesTheFirstConnection) {
     close(accepted);
 }
 
-TEST(SessionConnect, SecondConnectionIsOfFullUse) {
+TEST(SessionConnect, SecondConnectionIsUsable) {
     ServerSettings settings;
     settings.group = DhGroup::Modp(1024);
     ScriptedPeer server(

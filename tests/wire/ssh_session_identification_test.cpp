@@ -61,7 +61,7 @@ TEST(Identification, ClientSendsItsLineWithABareLineFeedAndNothingElse) {
     EXPECT_EQ(ToText(server.At(0).Wire().Received()), clientLine);
 }
 
-TEST(Identification, FirstPacketStandsDirectlyAfterTheLine) {
+TEST(Identification, FirstPacketDirectlyFollowsTheLine) {
     ScriptedPeer server(KeysAndClose);
     EXPECT_EQ(ExchangeKeys(server.Port()), "0");
     server.Finish();
@@ -84,7 +84,7 @@ TEST(Identification, NothingIsSentBeforeTheServersLine) {
     server.Finish();
 }
 
-TEST(Identification, LineEndsAndBlanksStayOutOfTheHash) {
+TEST(Identification, LineEndsAndBlanksAreNotHashed) {
     EXPECT_EQ(ExchangeAfterLine("SSH-2.0-x\r\n", "SSH-2.0-x"), "0");
     EXPECT_EQ(ExchangeAfterLine("SSH-2.0-x\n", "SSH-2.0-x"), "0");
     EXPECT_EQ(ExchangeAfterLine(" \tSSH-2.0-x with a comment \r\n", "SSH-2.0-x with a comment"), "0");
@@ -98,7 +98,7 @@ TEST(Identification, AnyFirstLineIsTheServersVersion) {
     EXPECT_EQ(ExchangeAfterLine(longLine + "\r\n", longLine), "0");
 }
 
-TEST(Identification, LinesInFrontOfTheVersionAreNotSkipped) {
+TEST(Identification, LinesBeforeTheVersionAreNotSkipped) {
     ScriptedPeer server([](Connection& c) {
         c.SendLine("Welcome\r\nSSH-2.0-x\r\n");
         c.ReadUntilClosed();
@@ -113,13 +113,13 @@ TEST(Identification, LinesInFrontOfTheVersionAreNotSkipped) {
     server.Finish();
 }
 
-TEST(Identification, CloseBeforeTheLineShowsInTheFirstPacket) {
+TEST(Identification, CloseBeforeTheLineFailsTheFirstPacket) {
     ScriptedPeer server([](Connection& c) { c.Wire().ShutdownWrite(); });
     EXPECT_EQ(ExchangeKeys(server.Port()), closedEarly);
     server.Finish();
 }
 
-TEST(Identification, CloseAfterTheLineShowsInTheFirstPacket) {
+TEST(Identification, CloseAfterTheLineFailsTheFirstPacket) {
     ScriptedPeer server([](Connection& c) { c.Identify(); });
     EXPECT_EQ(ExchangeKeys(server.Port()), closedEarly);
     server.Finish();

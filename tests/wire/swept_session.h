@@ -11,10 +11,10 @@
 #include "wire/standard_streams.h"
 #include "wire/test_session.h"
 
-/// What a session that nothing disturbs comes to.
+/// The outcome of an undisturbed session.
 inline char const* const done = "Run -1";
 
-/// Runs a session and gives the step that did not succeed with what it came to, or the end of the run.
+/// Runs a session and gives the step that failed with its outcome, or the end of the run.
 inline std::string RunSession(std::uint16_t port, std::string const& identity = "") {
     StandardStreams const streams;
     TestSession session(port);

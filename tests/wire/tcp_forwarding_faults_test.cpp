@@ -4,21 +4,17 @@
 #include <atomic>
 #include <thread>
 
+#include "support/pattern.h"
 #include "wire/forwarding_fixture.h"
 
+using support::Pattern;
 using namespace peer;
 using testing::AnyOf;
 using testing::HasSubstr;
 
 namespace {
 
-std::string Pattern(std::size_t size, unsigned seed) {
-    std::string text(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i * 7 + i / 251 + seed * 13);
-    return text;
-}
-
-/// A connection whose bytes go out on a thread of their own, as far as they are taken.
+/// Sends bytes through a connection on another thread, as far as they are taken.
 class Sender {
 public:
     Sender(tcp::End const& end, std::string bytes)
@@ -72,9 +68,9 @@ protected:
         c.SendTogether({Close(1), Close(2), ExitStatus(0)});
     }
 
-    /// What a session comes to that suffers these faults, the positions of which count from the exchange on.
+    /// The outcome of a session with these faults, the positions of which count from the exchange on.
     std::string RunWith(Faults faults) {
-        std::size_t const before = OpenDescriptors();
+        std::set<int> const before = OpenDescriptors();
         auto service = std::make_unique<tcp::Service>();
         std::string const outcome = Run(
             [&](Connection& c) {
@@ -146,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(Positions, ForwardedExchange, testing::Range(std::size_
 
 // --- the server answers anything
 
-TEST_F(ForwardingFaults, EveryMessageIsAnAnswerThatIsSurvived) {
+TEST_F(ForwardingFaults, AnyMessageAsAnswerIsSurvived) {
     for (unsigned number = 0; number < 256; ++number) {
         std::string const outcome = Run(
             [&](Connection& c) {
@@ -161,7 +157,7 @@ TEST_F(ForwardingFaults, EveryMessageIsAnAnswerThatIsSurvived) {
     }
 }
 
-TEST_F(ForwardingFaults, ConfirmationCutShortIsSurvived) {
+TEST_F(ForwardingFaults, TruncatedConfirmationIsSurvived) {
     for (std::size_t size = 1; size < 17; ++size) {
         std::string const outcome = Run(
             [&](Connection& c) {
@@ -178,7 +174,7 @@ TEST_F(ForwardingFaults, ConfirmationCutShortIsSurvived) {
 
 // --- one end of a channel goes in the middle
 
-TEST_F(ForwardingFaults, LocalEndClosesWhileDataIsOnItsWay) {
+TEST_F(ForwardingFaults, LocalEndClosesWhileDataIsInFlight) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End local = ConnectThrough(c);
@@ -195,7 +191,7 @@ TEST_F(ForwardingFaults, LocalEndClosesWhileDataIsOnItsWay) {
     EXPECT_THAT(Sent(), testing::Contains(Eof(77)).Times(1));
 }
 
-TEST_F(ForwardingFaults, LocalEndClosesWhileTheSessionIsStalledByIt) {
+TEST_F(ForwardingFaults, LocalEndClosesWhileItStallsTheSession) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End local = ConnectThrough(c);
@@ -335,7 +331,7 @@ TEST_F(ForwardingFaults, TargetIsResetInTheMiddle) {
 
 // --- many at once
 
-TEST_F(ForwardingFaults, ConnectionsOpenedAtRestAreAllUsedAtOnce) {
+TEST_F(ForwardingFaults, IdleConnectionsAreAllUsedAtOnce) {
     constexpr std::uint32_t COUNT = 20;
     constexpr std::size_t SIZE = 100000;
     EXPECT_EQ(Run(

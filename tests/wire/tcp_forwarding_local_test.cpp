@@ -3,9 +3,11 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 
+#include "support/descriptor_state.h"
 #include "wire/failing_calls.h"
 #include "wire/forwarding_fixture.h"
 
+using support::IsSet;
 using namespace peer;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -25,16 +27,10 @@ Bytes Opening(std::uint32_t local, std::uint16_t callersPort) {
         .U32(callersPort);
 }
 
-bool IsSet(int fd, int level, int option) {
-    int value = 0;
-    socklen_t size = sizeof value;
-    return getsockopt(fd, level, option, &value, &size) == 0 && value != 0;
-}
-
 class LocalForwarding : public ForwardingTest {
 protected:
     /// Expects that the connection is attached to the server's channel 77, and ends the run.
-    static void IsJoined(Connection& c, tcp::End& local) {
+    static void IsAttached(Connection& c, tcp::End& local) {
         local.Send("request");
         EXPECT_EQ(c.ReadPacket(), Data("request", 77));
         EndTheRun(c, local);
@@ -88,7 +84,7 @@ TEST_F(LocalForwarding, BadTextIsRefused) {
 TEST_F(LocalForwarding, SecondStartForThePortIsRefusedAndLeavesTheFirstAlone) {
     EXPECT_EQ(Prepare([](LoopSession& session) {
                   EXPECT_EQ(session.StartLocalForwarding(8000, "target", 0, "127.0.0.1"), 0);
-                  std::size_t const open = OpenDescriptors();
+                  std::set<int> const open = OpenDescriptors();
                   auto const* entry = session._localForwardings.Find(0);
                   int const fd = entry->_server->Fd();
                   EXPECT_EQ(session.StartLocalForwarding(9, "other", 0, "127.0.0.2"), -1);
@@ -123,7 +119,7 @@ TEST_F(LocalForwarding, AddressThatCannotBeListenedOnIsANegatedErrno) {
               "-1");
 }
 
-TEST_F(LocalForwarding, CancelClosesTheListenerAndLeavesItsRecordBehind) {
+TEST_F(LocalForwarding, CancelClosesTheListenerAndKeepsItsRegistration) {
     EXPECT_EQ(Prepare([&](LoopSession& session) {
                   Listen(session);
                   int const fd = Forwarding(session)->_server->Fd();
@@ -168,7 +164,7 @@ TEST_F(LocalForwarding, ListenerStaysInTheLoopWhileNoDescriptorIsLeft) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End local = ConnectThrough(c);
-                      IsJoined(c, local);
+                      IsAttached(c, local);
                   },
                   [&](LoopSession& session) {
                       Listen(session);
@@ -184,7 +180,7 @@ TEST_F(LocalForwarding, ListenerStaysInTheLoopWhileNoDescriptorIsLeft) {
               "-1");
 }
 
-// --- what a cancelled forwarding leaves behind
+// --- what a cancelled forwarding leaves
 
 TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAnotherFile) {
     InputPipe other;
@@ -204,7 +200,7 @@ TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAnotherFile) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(LocalForwarding, NumberOfAClosedListenerIsNotThatOfThePortsNextOne) {
+TEST_F(LocalForwarding, NumberOfAClosedListenerIsNotReusedByTheNextOfThePort) {
     InputPipe other;
     other.Write("not for the session");
     int fd = -1;
@@ -221,10 +217,10 @@ TEST_F(LocalForwarding, NumberOfAClosedListenerIsNotThatOfThePortsNextOne) {
     close(fd);
 }
 
-TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAConnectionOfAnother) {
+TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAnotherConnection) {
     std::promise<tcp::End> connected;
     int closed = -1;
-    int joined = -2;
+    int attached = -2;
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       c.SendPacket(Confirmation(c.ReadChannelOpen().sender, 77));
@@ -243,10 +239,10 @@ TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAConnectionOfAnother) {
                       connected.set_value(Connect());
                       session.CancelLocalForwarding(port);
                       session._mux.Dispatch(Forwarding(session)->_server->Fd());
-                      joined = session._channels.Find(1)->_fdIn;
+                      attached = session._channels.Find(1)->_fdIn;
                   }),
               "-1");
-    EXPECT_EQ(joined, closed);
+    EXPECT_EQ(attached, closed);
 }
 
 TEST_F(ForwardedConnection, NumberOfARemovedChannelMayBecomeAnotherFile) {
@@ -285,7 +281,7 @@ TEST_F(LocalForwarding, RequestNamesTheTargetAndTheCaller) {
     EXPECT_THAT(Sent(), ElementsAre(Opening(1, caller)));
 }
 
-TEST_F(LocalForwarding, ConfirmationJoinsTheConnectionToItsChannel) {
+TEST_F(LocalForwarding, ConfirmationAttachesTheConnectionToItsChannel) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = ConnectThrough(c);
@@ -389,27 +385,27 @@ TEST_F(LocalForwarding, RefusalsLeaveTheListenerInTheLoop) {
               "-1");
 }
 
-TEST_F(LocalForwarding, MessagesInFrontOfTheAnswerAreHandled) {
+TEST_F(LocalForwarding, MessagesBeforeTheAnswerAreHandled) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End&) {
                       c.SendTogether({Ignore(), Data("output"), WindowAdjust(0, 1), Confirmation(1, 77)});
                   },
-                  IsJoined),
+                  IsAttached),
               "0, Run -1");
     EXPECT_EQ(output.Text(), "output");
 }
 
-TEST_F(LocalForwarding, UnknownMessagesInFrontOfTheAnswerAreDroppedSilently) {
+TEST_F(LocalForwarding, UnknownMessagesBeforeTheAnswerAreDroppedSilently) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End&) {
                       c.SendTogether({Debug(), OpenFailure(1), Writer().U8(255), Confirmation(1, 77)});
                   },
-                  IsJoined),
+                  IsAttached),
               "0, Run -1");
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(LocalForwarding, ConnectionIsDroppedWhenTheAnswerComesInALaterRead) {
+TEST_F(LocalForwarding, ConnectionIsDroppedWhenTheAnswerArrivesInALaterRead) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End& local) {
                       c.SendIgnore();
@@ -423,7 +419,7 @@ TEST_F(LocalForwarding, ConnectionIsDroppedWhenTheAnswerComesInALaterRead) {
     EXPECT_EQ(Sent().size(), 1u);
 }
 
-TEST_F(LocalForwarding, LateAnswerIsTakenForThatToTheNextConnection) {
+TEST_F(LocalForwarding, LateAnswerIsTakenForTheNextConnection) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const dropped = Connect();
@@ -443,7 +439,7 @@ TEST_F(LocalForwarding, LateAnswerIsTakenForThatToTheNextConnection) {
     EXPECT_EQ(messages, "ignore packet SSH_MSG_CHANNEL_OPEN_CONFIRMATION\n");
 }
 
-TEST_F(LocalForwarding, RestOfAnAnswerThatHasBegunIsWaitedFor) {
+TEST_F(LocalForwarding, RestOfAStartedAnswerIsWaitedFor) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End&) {
                       Bytes const ignored = c.Encode(Ignore());
@@ -453,7 +449,7 @@ TEST_F(LocalForwarding, RestOfAnAnswerThatHasBegunIsWaitedFor) {
                       c.SendRaw(Slice(answer, 5, answer.size() - 5));
                       c.Wire().faults.delay = std::chrono::milliseconds(0);
                   },
-                  IsJoined),
+                  IsAttached),
               "0, Run -1");
 }
 
@@ -573,7 +569,7 @@ TEST_F(LocalForwarding, PacketWithABadLengthAfterTheAnswerEndsTheRun) {
               "SshProtocolError: packet length exceeds maximum value: 262145");
 }
 
-TEST_F(LocalForwarding, DataForOtherChannelsInFrontOfTheAnswerIsFlushed) {
+TEST_F(LocalForwarding, DataForOtherChannelsBeforeTheAnswerIsFlushed) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const first = ConnectThrough(c);
@@ -589,7 +585,7 @@ TEST_F(LocalForwarding, DataForOtherChannelsInFrontOfTheAnswerIsFlushed) {
               "-1");
 }
 
-TEST_F(LocalForwarding, ConnectionThatComesWhileAnotherIsBusyIsDroppedCleanly) {
+TEST_F(LocalForwarding, ConnectionAcceptedWhileAnotherIsBusyIsDroppedCleanly) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const first = ConnectThrough(c);
@@ -617,7 +613,7 @@ TEST_F(LocalForwarding, ConnectionThatComesWhileAnotherIsBusyIsDroppedCleanly) {
     EXPECT_EQ(messages, "ignore packet SSH_MSG_CHANNEL_OPEN_CONFIRMATION\n");
 }
 
-TEST_F(LocalForwarding, ChannelOpenedDuringTheWaitTakesTheAnnouncedNumber) {
+TEST_F(LocalForwarding, ChannelOpenedDuringTheWaitGetsTheAnnouncedNumber) {
     tcp::Service const service;
     EXPECT_EQ(Run(
                   [&](Connection& c) {
@@ -664,7 +660,7 @@ TEST_F(LocalForwarding, MalformedAnswerIsAnException) {
               "SSH_MSG_CHANNEL_OPEN_CONFIRMATION");
 }
 
-TEST_F(LocalForwarding, CallerIsWaitedForSixtySeconds) {
+TEST_F(LocalForwarding, AcceptWaitsSixtySeconds) {
     EXPECT_EQ(Prepare([&](LoopSession& session) {
                   Listen(session);
                   FailingWait const wait(POLLIN);
@@ -687,7 +683,7 @@ TEST_F(LocalForwarding, CallerIsNotLookedUpByName) {
     EXPECT_EQ(lookUps.Count(), 1);
 }
 
-TEST_F(LocalForwarding, CallerWithoutAnAddressIsDropped) {
+TEST_F(LocalForwarding, PeerWithoutAnAddressIsDropped) {
     EXPECT_EQ(Prepare([&](LoopSession& session) {
                   Listen(session);
                   tcp::End const local = Connect();
@@ -701,7 +697,7 @@ TEST_F(LocalForwarding, CallerWithoutAnAddressIsDropped) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(LocalForwarding, WithoutAListenerThereIsNoConnection) {
+TEST_F(LocalForwarding, AcceptWithoutAListenerFails) {
     EXPECT_EQ(Prepare([](LoopSession& session) {
                   cindral::SshSession::LocalForwarding none;
                   EXPECT_EQ(session.AcceptLocalFwdConnection(&none), -1);
@@ -820,7 +816,7 @@ TEST_F(ForwardedConnection, CloseOfTheServerAfterTheLocalEndIsNotAnswered) {
     EXPECT_EQ(Sent().size(), 2u);
 }
 
-TEST_F(ForwardedConnection, OwnEofIsRemembered) {
+TEST_F(ForwardedConnection, LocalEofIsRemembered) {
     std::unique_ptr<tcp::End> local;
     EXPECT_EQ(Run(
                   [&](Connection& c) {
@@ -839,7 +835,7 @@ TEST_F(ForwardedConnection, OwnEofIsRemembered) {
               "-1");
 }
 
-TEST_F(ForwardedConnection, EofOfTheServerIsNotTakenForTheOwn) {
+TEST_F(ForwardedConnection, EofOfTheServerIsNotTakenForTheLocalOne) {
     std::unique_ptr<tcp::End> local;
     EXPECT_EQ(Run(
                   [&](Connection& c) {

@@ -26,7 +26,7 @@ protected:
         AwaitRun();
     }
 
-    /// What starting the forwarding came to with this answer.
+    /// The outcome of starting the forwarding with this answer.
     std::string StartAnsweredBy(Bytes const& answer) {
         std::string outcome;
         EXPECT_EQ(Run(
@@ -72,7 +72,7 @@ void StartTowards(LoopSession& session, char const* host, unsigned int port) {
 
 // --- the request
 
-TEST_F(RemoteForwarding, RequestNamesWhereToListen) {
+TEST_F(RemoteForwarding, RequestNamesTheListeningAddress) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       Grant(c);
@@ -118,7 +118,7 @@ TEST_F(RemoteForwarding, BadTextIsRefusedAndSendsNothing) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(RemoteForwarding, SuccessKeepsIt) {
+TEST_F(RemoteForwarding, SuccessKeepsTheForwarding) {
     EXPECT_EQ(StartAnsweredBy(Writer().U8(REQUEST_SUCCESS)), "0");
     EXPECT_TRUE(isKept);
 }
@@ -128,18 +128,18 @@ TEST_F(RemoteForwarding, FailureKeepsNothing) {
     EXPECT_FALSE(isKept);
 }
 
-TEST_F(RemoteForwarding, AnyOtherMessageIsTakenForARefusal) {
+TEST_F(RemoteForwarding, OtherMessageIsARefusal) {
     EXPECT_EQ(StartAnsweredBy(Writer().U8(IGNORE)), "-1");
     EXPECT_FALSE(isKept);
 }
 
-TEST_F(RemoteForwarding, MessageWithFieldsIsNoAnswer) {
+TEST_F(RemoteForwarding, AnswerWithFieldsIsRefused) {
     EXPECT_EQ(StartAnsweredBy(Ignore("x")),
               "SshProtocolError: additional characters in packet after padding: SSH_MSG_IGNORE");
     EXPECT_FALSE(isKept);
 }
 
-TEST_F(RemoteForwarding, SuccessThatNamesAPortIsNoAnswer) {
+TEST_F(RemoteForwarding, SuccessWithAPortIsRefused) {
     EXPECT_EQ(StartAnsweredBy(Writer().U8(REQUEST_SUCCESS).U32(9000)),
               "SshProtocolError: additional characters in packet after padding: SSH_MSG_REQUEST_SUCCESS");
     EXPECT_FALSE(isKept);
@@ -160,7 +160,7 @@ TEST_F(RemoteForwarding, SecondStartForThePortIsRefusedAndSendsNothing) {
     EXPECT_EQ(Sent().size(), 1u);
 }
 
-TEST_F(RemoteForwarding, CancelTellsTheServerAndExpectsNoAnswer) {
+TEST_F(RemoteForwarding, CancelIsSentWithoutExpectingAReply) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       GrantForwarding(c);
@@ -186,7 +186,7 @@ TEST_F(RemoteForwarding, CancelOfAnUnknownPortIsRefusedAndSendsNothing) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(RemoteForwarding, CancelledPortMayBeStartedAgain) {
+TEST_F(RemoteForwarding, CancelledPortMayBeRestarted) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       GrantForwarding(c);
@@ -205,7 +205,7 @@ TEST_F(RemoteForwarding, CancelledPortMayBeStartedAgain) {
 
 // --- channels of the server's
 
-TEST_F(RemoteForwarding, ShortOpeningIsAttachedToTheTarget) {
+TEST_F(RemoteForwarding, OpeningWithoutOriginatorIsConnectedToTheTarget) {
     EXPECT_EQ(Open(
                   ShortOpening(500, 9000),
                   [&](Connection& c) {
@@ -264,7 +264,7 @@ TEST_F(RemoteForwarding, OpeningWithoutAnyForwardingIsRefused) {
               "-1");
 }
 
-TEST_F(RemoteForwarding, PortThatTheServerChoseIsNotLearnt) {
+TEST_F(RemoteForwarding, PortChosenByTheServerIsNotLearnt) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       Grant(c);
@@ -281,7 +281,7 @@ TEST_F(RemoteForwarding, PortThatTheServerChoseIsNotLearnt) {
     EXPECT_EQ(Sent().at(0), GlobalRequest("tcpip-forward", true, "", 0));
 }
 
-TEST_F(RemoteForwarding, TargetThatRefusesMakesARefusal) {
+TEST_F(RemoteForwarding, RefusingTargetRefusesTheChannel) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       Grant(c);
@@ -294,7 +294,7 @@ TEST_F(RemoteForwarding, TargetThatRefusesMakesARefusal) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(RemoteForwarding, TargetThatIsNoAddressMakesARefusal) {
+TEST_F(RemoteForwarding, InvalidTargetRefusesTheChannel) {
     for (char const* host : {"", "[127.0.0.1", "127.0.0.1]x"}) {
         EXPECT_EQ(Run(
                       [&](Connection& c) {
@@ -308,7 +308,7 @@ TEST_F(RemoteForwarding, TargetThatIsNoAddressMakesARefusal) {
     }
 }
 
-TEST_F(RemoteForwarding, TargetIsWaitedForSixtySeconds) {
+TEST_F(RemoteForwarding, ConnectWaitsSixtySeconds) {
     int const full = Checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
     sockaddr_in const address = tcp::Loopback(0);
     Checked(bind(full, reinterpret_cast<sockaddr const*>(&address), sizeof address), "bind");
@@ -331,7 +331,7 @@ TEST_F(RemoteForwarding, TargetIsWaitedForSixtySeconds) {
     close(full);
 }
 
-TEST_F(RemoteForwarding, ConnectionThatIsNotWritableWithinSixtyMillisecondsIsRefusedAndStays) {
+TEST_F(RemoteForwarding, ConnectionNotWritableWithin60MillisecondsIsRefusedAndKept) {
     std::unique_ptr<FailingWait> wait;
     EXPECT_EQ(Run(
                   [&](Connection& c) {

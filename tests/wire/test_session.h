@@ -10,6 +10,7 @@
 #include <brantle/session/ssh_session.h>
 
 #include "support/peer/scripted_peer.h"
+#include "support/text.h"
 
 /// A session to a scripted peer that lets tests see and call what programs can't.
 class TestSession : public cindral::SshSession {
@@ -36,13 +37,13 @@ public:
     using SshSession::InitiateAuthentication;
 };
 
-inline std::string Text(String_t const& text) { return text.Text() ? text.Text() : ""; }
+using support::Text;
 
 inline peer::Bytes ToPeer(ByteString const& bytes) {
     return bytes.Length() == 0 ? peer::Bytes() : peer::Bytes(bytes.Data(), bytes.Data() + bytes.Length());
 }
 
-/// What a call came to, in one line: its result as in "-1", or its exception as in
+/// The outcome of a call, in one line: its result as in "-1", or its exception as in
 /// "SshProtocolError: packet length less than 2".
 inline std::string Outcome(std::function<int()> const& call) {
     try {

@@ -1,16 +1,18 @@
 // Whole sessions with a server that speaks the protocol in all but one byte: each byte of its packets is
 // changed in turn, and each packet sent under every other message number, ahead of MAC and encryption, so
-// that it is for decoders and handlers to see. The session must end, in a result or exception of its own.
+// that it is for decoders and handlers to see. The session must end, in a result or exception of the library.
 
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
 #include <mutex>
 
+#include "support/descriptor_state.h"
 #include "support/session/captured_streams.h"
 #include "wire/swept_session.h"
 
 namespace fs = std::filesystem;
+using support::OpenDescriptors;
 using namespace peer;
 
 namespace {
@@ -48,7 +50,7 @@ DhGroup GroupAsSent(Connection const& c) {
 }
 
 /// The whole session, with packets of many kinds. Both sides go on from the KEXINIT and the group that the
-/// client was told, so that a change there does not just break the exchange hash.
+/// client received, so that a change there does not just break the exchange hash.
 void Serve(Connection& c) {
     c.Identify();
     c.SendKexInit();
@@ -129,11 +131,6 @@ private:
     ScriptedPeer _server;
 };
 
-std::size_t OpenDescriptors() {
-    fs::directory_iterator const all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
 /// A step gave a negative result, as the last one does in the end, or an exception of the library's.
 bool IsAnEnd(std::string const& outcome) {
     return outcome.find(" -") != std::string::npos || outcome.find(": ") != std::string::npos;
@@ -178,7 +175,7 @@ protected:
         for (std::size_t n = std::get<1>(GetParam()); n < changes.size(); n += shards) {
             Change const& change = changes[n];
             PacketRecord const& packet = _packets[change.sequence];
-            // A changed host key is looked at in full only as long as the host is unknown.
+            // A changed host key is checked completely only as long as the host is unknown.
             if (!server || packet.Type() == GEX_REPLY) server.emplace(_method, _identity);
             bool const inPadding = change.at >= packet.plain.size() - packet.padding.size();
             // Changes can make both sides wait for each other; the server gives up soon then.
@@ -191,7 +188,7 @@ protected:
     std::string _identity;
     std::vector<PacketRecord> _packets;
     std::uint32_t _openedBy = 0; ///< the packet that confirms the channel
-    std::size_t _descriptors = 0;
+    std::set<int> _descriptors;
 };
 
 } // namespace
@@ -227,7 +224,7 @@ TEST_P(MaliciousSweep, EachPacketUnderEveryOtherNumber) {
     }
     Run(changes, [this](Change const& change, std::string const& outcome) {
         EXPECT_TRUE(IsAnEnd(outcome)) << outcome << " after " << change;
-        // The open channel bears messages that are missing; what leads there, or ends it, is waited for.
+        // The open channel bears messages that are missing; what comes before it, or ends it, is waited for.
         if (change.sequence <= _openedBy || change.sequence == _packets.back().sequence) {
             EXPECT_NE(outcome, done) << "after " << change;
         }

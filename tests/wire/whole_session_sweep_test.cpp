@@ -63,7 +63,7 @@ public:
         return RunSession(_server.Port());
     }
 
-    /// Ends the server. The first connection, which had no faults, tells what stands where.
+    /// Ends the server. The first connection, which had no faults, shows what is where.
     Connection const& Finish(std::size_t sessions) {
         _server.Join(sessions + 1);
         return _server.At(0);
@@ -86,7 +86,7 @@ private:
 struct Layout {
     std::size_t sent;
     std::size_t received;
-    std::size_t lineEnd; ///< where the CR of the server's line stands
+    std::size_t lineEnd; ///< where the CR of the server's line is
     std::vector<PacketRecord> packets;
 
     /// The packet that holds this byte of the server's stream; null within the line.
@@ -145,7 +145,7 @@ TEST_P(Sweep, CutAfterEachByteOfTheServer) {
         if (inLast && n >= packet->streamOffset + packet->raw.size()) {
             EXPECT_EQ(outcome, done);
         } else if (inLast && n >= packet->streamOffset + packet->blockSize) {
-            // What is missing reads as zeros, and so do a status of zero and padding that is not looked at.
+            // What is missing reads as zeros, and so do a status of zero and padding that is not checked.
             EXPECT_TRUE(IsRefusal(outcome) || outcome == done) << outcome;
         } else if (!packet || n < packet->streamOffset + 4 ||
                    n >= packet->streamOffset + packet->raw.size()) {

@@ -151,7 +151,7 @@ class WholeSession : public testing::TestWithParam<Algorithms> {};
 
 } // namespace
 
-TEST_P(WholeSession, IsTheSameByteForByte) {
+TEST_P(WholeSession, IsReproducibleByteForByte) {
     auto const [cipher, mac] = GetParam();
     ServerSettings settings;
     settings.kexInit.Pin(cipher, mac);

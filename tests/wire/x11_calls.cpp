@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -8,22 +7,16 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "support/next_symbol.h"
 #include "wire/x11_calls.h"
+
+using support::NextSymbol;
 
 int X11Calls::waits = 0;
 int const* X11Calls::waitResult = nullptr;
 int X11Calls::nodelays = 0;
 bool X11Calls::nodelayFails = false;
 long X11Calls::connectLimit = 0;
-
-namespace {
-
-template <typename Function>
-Function* Next(Function*, char const* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-} // namespace
 
 extern "C" {
 
@@ -32,7 +25,7 @@ int poll(pollfd* records, nfds_t count, int limit) {
         ++X11Calls::waits;
         if (X11Calls::waitResult) return *X11Calls::waitResult;
     }
-    return Next(poll, "poll")(records, count, limit);
+    return NextSymbol(poll, "poll")(records, count, limit);
 }
 
 int setsockopt(int fd, int level, int option, void const* value, socklen_t size) noexcept {
@@ -48,6 +41,6 @@ int setsockopt(int fd, int level, int option, void const* value, socklen_t size)
         X11Calls::connectLimit =
             std::max(X11Calls::connectLimit, limit->tv_sec * 1000 + limit->tv_usec / 1000);
     }
-    return Next(setsockopt, "setsockopt")(fd, level, option, value, size);
+    return NextSymbol(setsockopt, "setsockopt")(fd, level, option, value, size);
 }
 }

@@ -1,19 +1,20 @@
 #ifndef TESTS_WIRE_X11_FIXTURE_H
 #define TESTS_WIRE_X11_FIXTURE_H
 
-#include <filesystem>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <brantle/channel/x11_forwarding.h>
 
+#include "support/descriptor_state.h"
 #include "support/x11/fake_xauth.h"
 #include "support/x11/scripted_x_server.h"
 #include "support/x11/setup_message.h"
 #include "wire/loop_fixture.h"
+
+using support::OpenDescriptors;
 
 /// A session with X11 forwarding open to tests.
 class X11Session : public LoopSession {
@@ -26,11 +27,6 @@ public:
         return dynamic_cast<cindral::SshChannelMgr::X11Channel*>(_channels.Find(id));
     }
 };
-
-inline std::size_t OpenDescriptors() {
-    std::filesystem::directory_iterator const all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
 
 /// The server's side of X11 forwarding, in the hands of a script. Its channels are numbered from 500.
 class X11Peer {
@@ -122,7 +118,7 @@ protected:
         xauth = std::make_unique<x11::FakeXauth>(text);
     }
 
-    /// What Run came to with that display forwarded. The server grants the forwarding, follows the script
+    /// The outcome of Run with that display forwarded. The server grants the forwarding, follows the script
     /// and then reads until the client has closed; `prepare` is called before Run, `inspect` after it.
     std::string Run(std::string const& display, Script const& script, Inspection const& prepare = {},
                     Inspection const& inspect = {}) {
@@ -151,7 +147,7 @@ protected:
         std::string outcome;
         {
             InputPipe const silence;
-            ProcessDescriptors const joined(silence.Fd(), output.Fd(), errorOutput.Fd());
+            ProcessDescriptors const redirected(silence.Fd(), output.Fd(), errorOutput.Fd());
             Captured const errors(std::cerr);
             X11Session session(server->Port());
             Login(session);
@@ -175,12 +171,7 @@ protected:
     }
 
     /// Payloads of the client after the opening of its session channel.
-    std::vector<peer::Bytes> Sent() const {
-        std::vector<peer::Bytes> payloads;
-        auto const& records = server->At(0).received;
-        for (std::size_t i = 7; i < records.size(); ++i) payloads.push_back(records[i].payload);
-        return payloads;
-    }
+    std::vector<peer::Bytes> Sent() const { return server->At(0).ReceivedAfter(peer::CHANNEL_OPEN); }
     /// The same after the requests of the forwarding and of the command.
     std::vector<peer::Bytes> SentOnTheWay() const {
         std::vector<peer::Bytes> const payloads = Sent();
@@ -190,7 +181,7 @@ protected:
     std::unique_ptr<x11::FakeXauth> xauth = std::make_unique<x11::FakeXauth>(Entry(REAL_COOKIE_TEXT));
     peer::ServerSettings settings = QuickSettings();
     int singleConnection = 0;
-    bool joinOnly = false; ///< the script may come to a bad end
+    bool joinOnly = false; ///< the script may fail
     MemoryFile output;
     MemoryFile errorOutput;
     std::unique_ptr<peer::ScriptedPeer> server;

@@ -4,8 +4,10 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
+#include "support/descriptor_state.h"
 #include "wire/x11_fixture.h"
 
+using support::IsSet;
 using namespace peer;
 using namespace std::string_literals;
 using testing::ElementsAre;
@@ -19,12 +21,6 @@ namespace {
 
 constexpr std::size_t SETUP_SIZE = 12 + 20 + 16;
 constexpr std::uint32_t TWO_THIRDS = 1398102; // of the window 0x200000, by integer division
-
-bool IsSet(int fd, int level, int option) {
-    int value = 0;
-    socklen_t size = sizeof value;
-    return getsockopt(fd, level, option, &value, &size) == 0 && value != 0;
-}
 
 class X11Setup : public X11Test {
 protected:
@@ -125,7 +121,7 @@ TEST_F(X11Setup, UnusedBytesMinorVersionAndPaddingPassUnchanged) {
     EXPECT_EQ(expected.Text().substr(30, 2), "\xa1\xa2");
 }
 
-TEST_F(X11Setup, WithoutARealCookieTheXServerSeesTheFakeOne) {
+TEST_F(X11Setup, FakeCookieIsSentWithoutARealOne) {
     for (char const* list : {"", "host\n", "host  MIT-MAGIC-COOKIE-1  nothing\n"}) {
         List(list);
         std::string const received = Received();
@@ -135,7 +131,7 @@ TEST_F(X11Setup, WithoutARealCookieTheXServerSeesTheFakeOne) {
     }
 }
 
-TEST_F(X11Setup, FakeCookieThatTheXServerSeesMayHaveAnyLength) {
+TEST_F(X11Setup, FakeCookieSentToTheXServerMayHaveAnyLength) {
     List("");
     SetupMessage message;
     message.data = "eighteen bytes now";
@@ -146,7 +142,7 @@ TEST_F(X11Setup, FakeCookieThatTheXServerSeesMayHaveAnyLength) {
               message.Text());
 }
 
-TEST_F(X11Setup, MethodIsThatOfXauthAndTheLengthsStay) {
+TEST_F(X11Setup, MethodIsThatOfXauthAndLengthsAreUnchanged) {
     List(Entry(REAL_COOKIE_TEXT, "SHORT"));
     std::string received;
     EXPECT_EQ(Run(display.Display(),
@@ -198,7 +194,7 @@ TEST_F(X11SetupOverTcp, ConnectionHasNodelayAndClosesOnExec) {
     EXPECT_EQ(received, expected.Text());
 }
 
-TEST_F(X11Setup, DisplayWithHostUnixGoesOverTheUnixSocket) {
+TEST_F(X11Setup, DisplayWithHostUnixUsesTheUnixSocket) {
     std::string received;
     EXPECT_EQ(Run("unix:" + std::to_string(display.Number()) + ".1",
                   [&](Connection&, X11Peer& x) {
@@ -243,7 +239,7 @@ TEST_F(X11Setup, WindowIsCheckedForTheDataAfterIt) {
               "-1");
 }
 
-TEST_F(X11Setup, ExtendedDataIsASetUpMessageToo) {
+TEST_F(X11Setup, ExtendedDataMayBeTheSetUpMessage) {
     EXPECT_EQ(Run(display.Display(),
                   [&](Connection& c, X11Peer& x) {
                       c.SendExtendedData(x.Setup().Text(), 1, x.Open());
@@ -355,17 +351,17 @@ TEST_F(X11Setup, OtherNamesFail) {
     ExpectRefused([](SetupMessage& message) { message.name = "XDM-AUTHORIZATION-1"; });
 }
 
-TEST_F(X11Setup, NameThatXauthListsIsNotTaken) {
+TEST_F(X11Setup, MethodNameOfXauthIsNotAccepted) {
     List(Entry(REAL_COOKIE_TEXT, "XDM-AUTHORIZATION-1"));
     ExpectRefused([](SetupMessage& message) { message.name = "XDM-AUTHORIZATION-1"; });
 }
 
-TEST_F(X11Setup, NameOf256BytesFailsTheComparisonAndOf257TheLength) {
+TEST_F(X11Setup, NameOf256BytesFailsComparisonAndOf257LengthCheck) {
     for (std::size_t length : {256u, 257u})
         ExpectRefused([&](SetupMessage& message) { message.name = std::string(length, 'n'); });
 }
 
-TEST_F(X11Setup, CookieOf256BytesFailsTheComparisonAndOf257TheLength) {
+TEST_F(X11Setup, CookieOf256BytesFailsComparisonAndOf257LengthCheck) {
     for (std::size_t length : {256u, 257u})
         ExpectRefused([&](SetupMessage& message) { message.data = std::string(length, 'd'); });
 }
@@ -410,7 +406,7 @@ TEST_F(X11Setup, RealCookieOf17BytesClosesTheConnectionAgain) {
               "-1");
 }
 
-TEST_F(X11Setup, XServerThatIsNotThereFails) {
+TEST_F(X11Setup, MissingXServerFails) {
     display.StopListening();
     EXPECT_EQ(Run(
                   display.Display(),
@@ -424,7 +420,7 @@ TEST_F(X11Setup, XServerThatIsNotThereFails) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(X11SetupOverTcp, XServerThatIsNotThereFails) {
+TEST_F(X11SetupOverTcp, MissingXServerFails) {
     display.StopListening();
     EXPECT_EQ(Run(
                   display.Display(),
@@ -450,7 +446,7 @@ TEST_F(X11Setup, DisplayNumberWithoutAPortFails) {
               "-1");
 }
 
-TEST_F(X11Setup, DataAfterAFailureIsTakenAsASetUpMessageAgain) {
+TEST_F(X11Setup, DataAfterAFailureIsParsedAsASetUpMessageAgain) {
     std::string received;
     std::string answer;
     EXPECT_EQ(Run(display.Display(),
@@ -474,7 +470,7 @@ TEST_F(X11Setup, DataAfterAFailureIsTakenAsASetUpMessageAgain) {
     EXPECT_EQ(answer, "late");
 }
 
-TEST_F(X11Setup, FailureOfOneChannelLeavesTheOthersAlone) {
+TEST_F(X11Setup, FailureOfOneChannelDoesNotAffectOthers) {
     std::string received;
     EXPECT_EQ(Run(display.Display(),
                   [&](Connection& c, X11Peer& x) {

@@ -63,7 +63,7 @@ protected:
     }
 
     ScriptedXServer display{Transport::Unix};
-    std::size_t const descriptors = OpenDescriptors();
+    std::set<int> const descriptors = OpenDescriptors();
     std::size_t sentBefore = 0;
     std::size_t receivedBefore = 0;
 };
@@ -97,7 +97,7 @@ TEST_F(X11Sweep, CutAfterEachByteOfTheClient) {
     }
 }
 
-TEST_F(X11Sweep, XServerThatGoesAfterEachByteOfTheSetUpMessage) {
+TEST_F(X11Sweep, XServerClosesAfterEachByteOfTheSetUpMessage) {
     for (std::size_t n = 0; n <= SETUP_SIZE; ++n) {
         EXPECT_EQ(Run(display.Display(),
                       [&](Connection& c, X11Peer& x) {
@@ -118,7 +118,7 @@ TEST_F(X11Sweep, XServerThatGoesAfterEachByteOfTheSetUpMessage) {
     }
 }
 
-TEST_F(X11Sweep, XServerThatGoesAfterEachByteOfItsAnswer) {
+TEST_F(X11Sweep, XServerClosesAfterEachByteOfItsAnswer) {
     std::string const answer = "welcome to this display";
     for (std::size_t n = 0; n <= answer.size(); ++n) {
         EXPECT_EQ(Run(display.Display(),

@@ -59,7 +59,7 @@ TEST_F(X11Request, IsExact) {
     }
 }
 
-TEST_F(X11Request, ShowsTheFakeCookieAndTheDefaultMethodWhateverXauthLists) {
+TEST_F(X11Request, HasTheFakeCookieAndTheDefaultMethodWhateverXauthLists) {
     List(Entry(REAL_COOKIE_TEXT, "XDM-AUTHORIZATION-1"));
     std::string fake;
     std::string shown;
@@ -90,7 +90,7 @@ TEST_F(X11Request, IsNotSentWithoutForwarding) {
     EXPECT_THAT(xauth->Calls(), IsEmpty());
 }
 
-TEST_F(X11Request, FailureTurnsForwardingOffAndIsNoFailureOfOpen) {
+TEST_F(X11Request, FailureDisablesForwardingButNotOpen) {
     EXPECT_EQ(RunWith(":0",
                       [](Connection& c) {
                           c.ReadChannelRequest();
@@ -108,7 +108,7 @@ TEST_F(X11Request, FailureTurnsForwardingOffAndIsNoFailureOfOpen) {
     EXPECT_THAT(SentOnTheWay(), ElementsAre(Refused(7)));
 }
 
-TEST_F(X11Request, AnyNumberButSuccessIsARefusal) {
+TEST_F(X11Request, AnyMessageButSuccessIsARefusal) {
     for (unsigned number : {0u, 1u, 80u, 82u, 91u, 93u, 98u, 100u, 255u}) {
         EXPECT_EQ(Answer(Answered(number)), "-1") << number;
         EXPECT_EQ(opened, 0);
@@ -123,13 +123,13 @@ TEST_F(X11Request, RecipientOfTheSuccessIsNotCompared) {
     EXPECT_TRUE(granted);
 }
 
-TEST_F(X11Request, AnswerThatIsTooLongIsAViolation) {
+TEST_F(X11Request, TooLongAnswerIsAViolation) {
     joinOnly = true;
     EXPECT_EQ(Answer(Concat({Answered(CHANNEL_SUCCESS), Bytes{0}})),
               "SshProtocolError: additional characters in packet after padding: SSH_MSG_CHANNEL_SUCCESS");
 }
 
-TEST_F(X11Request, CloseInPlaceOfTheAnswerIsAViolation) {
+TEST_F(X11Request, CloseInsteadOfTheAnswerIsAViolation) {
     EXPECT_EQ(RunWith(":0",
                       [](Connection& c) {
                           c.ReadChannelRequest();
@@ -138,7 +138,7 @@ TEST_F(X11Request, CloseInPlaceOfTheAnswerIsAViolation) {
               closedEarly);
 }
 
-TEST_F(X11Request, ForwardingStartedAfterOpenIsNotAskedFor) {
+TEST_F(X11Request, ForwardingStartedAfterOpenIsNotRequested) {
     EXPECT_EQ(RunWith(
                   "",
                   [](Connection& c) {
@@ -152,7 +152,7 @@ TEST_F(X11Request, ForwardingStartedAfterOpenIsNotAskedFor) {
 
 // --- channels
 
-TEST_F(X11Request, ChannelIsConfirmedWithTheOwnWindowAndThePeersPacketSize) {
+TEST_F(X11Request, ChannelIsConfirmedWithTheLocalWindowAndThePeersPacketSize) {
     EXPECT_EQ(Run(":0",
                   [](Connection& c, X11Peer& x) {
                       c.SendTogether({X11Peer::Opening(500, 0x4000), X11Peer::Opening(0xfffffffe, 1)});
@@ -167,7 +167,7 @@ TEST_F(X11Request, ChannelIsConfirmedWithTheOwnWindowAndThePeersPacketSize) {
 TEST_F(X11Request, OpenedChannelHasNoDescriptorAndNoConnection) {
     x11::ScriptedXServer const display(x11::Transport::Unix);
     bool visited = true;
-    std::size_t before = 0, after = 1;
+    std::set<int> before, after{-1};
     EXPECT_EQ(Run(
                   display.Display(),
                   [&](Connection& c, X11Peer& x) {
@@ -226,7 +226,7 @@ TEST_F(X11Request, ChannelsWithoutAConnectionAreLimited) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(X11Request, OriginatorIsNotLookedAt) {
+TEST_F(X11Request, OriginatorIsIgnored) {
     EXPECT_EQ(
         Run(":0",
             [](Connection& c, X11Peer& x) {
@@ -251,7 +251,7 @@ TEST_F(X11Request, ChannelWithoutForwardingIsRefused) {
     EXPECT_EQ(Sent().at(1), Refused(7));
 }
 
-TEST_F(X11Request, ChannelsOfOtherTypesAreRefusedAsEver) {
+TEST_F(X11Request, ChannelsOfOtherTypesAreRefused) {
     EXPECT_EQ(Run(":0",
                   [](Connection& c, X11Peer& x) {
                       for (char const* type : {"X11", "x11-", "session"}) {

@@ -31,7 +31,7 @@ public:
         WaitUntil(*_process, [&] { return Descriptors() == _descriptors + more; });
     }
     servers::ChildProcess& Process() { return *_process; }
-    /// What it came to, when it has ended by itself, or when told to end.
+    /// Its outcome, when it has ended by itself or has been stopped.
     Report Await() { return _client.ReportOf(*_process); }
     Report End() {
         kill(_process->Pid(), SIGTERM);

@@ -115,8 +115,8 @@ std::unique_ptr<servers::ChildProcess> SessionClient::StartCommand(std::string c
                                                                     DescriptorPath(output), File("errors")});
 }
 
-std::unique_ptr<servers::ChildProcess> SessionClient::StartOnTerminal(std::string const& action,
-                                                                      Terminal const& terminal) const {
+std::unique_ptr<servers::ChildProcess>
+SessionClient::StartOnTerminal(std::string const& action, support::Terminal const& terminal) const {
     std::vector<std::string> arguments{"setsid", "--ctty", "--wait"};
     for (std::string const& argument : Arguments(action)) arguments.push_back(argument);
     std::string const path = terminal.Path();

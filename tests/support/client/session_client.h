@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "support/client/terminal.h"
 #include "support/servers/process.h"
 #include "support/servers/real_server.h"
 #include "support/servers/ssh_agent.h"
+#include "support/terminal.h"
 
 namespace client {
 
-/// What a session came to.
+/// The outcome of a session.
 struct Report {
     /// The result of a step, those of a repeated one joined by commas; empty for a step not reached.
     std::string operator[](std::string const& step) const;
@@ -64,7 +64,7 @@ public:
     /// With "NAME=VALUE" in its environment.
     SessionClient& WithVariable(std::string const& variable);
 
-    /// Each runs a session and gives what it came to: as far as the login, as far as the session channel, or
+    /// Each runs a session and gives its outcome: as far as the login, as far as the session channel, or
     /// a command with that input.
     Report LogIn() const { return Finish(Arguments("login"), {}); }
     Report OpenChannel() const { return Finish(Arguments("open"), {}); }
@@ -75,12 +75,12 @@ public:
                                                         int output) const;
     /// Starts a shell (or, for "login", a login alone) with that terminal for its three descriptors.
     std::unique_ptr<servers::ChildProcess> StartOnTerminal(std::string const& action,
-                                                           Terminal const& terminal) const;
+                                                           support::Terminal const& terminal) const;
     /// Starts a session that only forwards, until SIGTERM.
     std::unique_ptr<servers::ChildProcess> StartForwarding() const;
-    /// What a session came to so far.
+    /// The outcome of a session so far.
     Report ReportSoFar() const;
-    /// What a session that was started came to, when it has ended.
+    /// The outcome of a session that was started, when it has ended.
     Report ReportOf(servers::ChildProcess& process) const;
 
     std::string File(std::string const& name) const { return _files / name; }

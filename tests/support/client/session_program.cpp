@@ -1,6 +1,6 @@
 // One session of the library's with a real server. The arguments, each NAME=VALUE, say what to do; what
-// each step came to goes line by line to the file `report`, as "STEP RESULT". What the session prints, and
-// what the remote program prints, is this program's own output.
+// each step came to is written line by line to the file `report`, as "STEP RESULT". What the session prints,
+// and what the remote program prints, is this program's own output.
 //
 //     report=FILE port=N user=NAME
 //     identity=FILE password=TEXT

@@ -81,6 +81,16 @@ Bytes GroupReply::Payload() const {
 Connection::Connection(int fd, int abortFd, ServerSettings const& initial, std::size_t number)
     : settings(initial), index(number), _link(fd, abortFd) {}
 
+std::vector<Bytes> Connection::ReceivedAfter(std::uint8_t type) const {
+    std::vector<Bytes> payloads;
+    bool found = false;
+    for (PacketRecord const& record : received) {
+        if (found) payloads.push_back(record.payload);
+        found = found || (!record.payload.empty() && record.payload[0] == type);
+    }
+    return payloads;
+}
+
 std::string Connection::ReadLine() {
     std::string line;
     while (line.empty() || line.back() != '\n') line += ToText(_link.Receive(1));

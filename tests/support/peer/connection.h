@@ -118,7 +118,7 @@ struct ServerSettings {
     bool noneAccepted = false;
     std::string methods = "publickey,password,keyboard-interactive"; ///< of each USERAUTH_FAILURE
     std::vector<Bytes> authorizedKeys{KeyPair::UserRsa().Blob(), KeyPair::UserDsa().Blob()};
-    std::string banner; ///< sent in front of the first answer, when not empty
+    std::string banner; ///< sent before the first answer, when not empty
 
     std::uint32_t channel = 42; ///< the server's number of the session channel
     std::uint32_t window = 0x200000;
@@ -201,6 +201,8 @@ public:
     KexState kex;
     std::vector<PacketRecord> received;
     std::vector<PacketRecord> sent;
+    /// Payloads of the packets received after the first one of that message number; none if it never came.
+    std::vector<Bytes> ReceivedAfter(std::uint8_t type) const;
     std::size_t const index; ///< 0 for the first connection accepted by this peer
     /// Changes a packet, from packet_length to padding, before its MAC is computed and it is encrypted.
     std::function<void(std::uint32_t sequence, Bytes& plain)> tamper;

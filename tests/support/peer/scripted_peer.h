@@ -44,7 +44,7 @@ namespace peer {
 /// accounts and channel numbers. By default the lists hold every algorithm, in an order that is the
 /// reverse of the sensible one, so that the client's preference shows.
 ///
-/// SendOptions lie about packet_length and padding_length, set the padding bytes, damage or shorten the MAC.
+/// SendOptions falsify packet_length and padding_length, set the padding bytes, damage or shorten the MAC.
 /// `c.tamper` changes packets as they are sent, ahead of MAC and encryption.
 /// `c.Wire().faults` acts on the whole stream: cutAfterSent and cutAfterReceived close after that many
 /// bytes (with a reset if wanted), flipSent changes the n-th byte sent, segment and delay slow it down. A
@@ -72,7 +72,7 @@ public:
 
     std::uint16_t Port() const { return _port; }
 
-    /// Waits until `connections` scripts have come to their ends, then stops. Throws the first failure of
+    /// Waits until `connections` scripts have ended, then stops. Throws the first failure of
     /// a script, and if fewer connections came within the time limit.
     void Finish(std::size_t connections = 1);
     /// The same, but failures of scripts are left to Error(): for clients that are expected to break off.

@@ -10,7 +10,7 @@
 #include <vector>
 
 /// The server's side of the wire for tests, written against libcrypto and POSIX alone: it shares no code
-/// with the library, so that one mistake can't stand on both sides.
+/// with the library, so that no mistake is on both sides.
 namespace peer {
 
 using Bytes = std::vector<std::uint8_t>;

@@ -65,7 +65,7 @@ void RemoveUser(std::string const& name) {
     ChangeAccounts({"/usr/sbin/userdel", "--force", name}, {}, noSuchUser);
 }
 
-/// The accounts left behind by test programs that were killed.
+/// The accounts that killed test programs have left.
 std::vector<std::string> OrphanedUsers() {
     std::string const prefix = USER_PREFIX;
     std::vector<std::string> result;

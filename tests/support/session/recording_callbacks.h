@@ -10,7 +10,7 @@
 #include <brantle/cindral/enter_password.h>
 #include <brantle/session/kbd_interactive.h>
 
-/// Answers from a list in place of a user, and records what it is told and asked.
+/// Answers from a list in place of a user, and records what it is given and asked.
 class RecordingPassword : public cindral::EnterPassword {
 public:
     explicit RecordingPassword(unsigned int tries, std::vector<std::string> const& replies = {})

@@ -31,7 +31,7 @@ private:
 };
 
 /// An X server under a display number of its own, which is free of other X servers and of other tests'.
-/// It accepts when the test tells it to. Over TCP it listens on 127.0.0.1.
+/// It accepts when the test asks for it. Over TCP it listens on 127.0.0.1.
 class ScriptedXServer {
 public:
     explicit ScriptedXServer(Transport transport);

@@ -45,7 +45,7 @@ constexpr unsigned int MINUS_ONE = 0xffffffff;
 
 } // namespace
 
-TEST(ForwardingParser, WithoutABindAddressItIsLocalhost) {
+TEST(ForwardingParser, BindAddressDefaultsToLocalhost) {
     EXPECT_EQ(Parse("8080:example:80"), (Forwarding{0, "localhost", 8080, "example", 80}));
 }
 
@@ -61,7 +61,7 @@ TEST(ForwardingParser, HostOfDigitsIsRefused) {
     EXPECT_EQ(Result("8080:-80:80"), -EINVAL);
 }
 
-TEST(ForwardingParser, HostOfDigitsStandsInBrackets) {
+TEST(ForwardingParser, HostOfDigitsIsAcceptedInBrackets) {
     EXPECT_EQ(Parse("8080:[80]]80"), (Forwarding{0, "localhost", 8080, "80", 80}));
 }
 
@@ -83,7 +83,7 @@ TEST(ForwardingParser, PortThatIsNoNumberIsRefused) {
         EXPECT_EQ(Result(std::string("8080:example:") + port), -EINVAL) << port;
 }
 
-TEST(ForwardingParser, TextWithNothingInItIsRefused) {
+TEST(ForwardingParser, EmptyTextIsRefused) {
     for (char const* spec : {"", " ", "\t\n", ":", ":8080:example:80", "[", "[a", "[a]"})
         EXPECT_EQ(Parse(spec), (Forwarding{-EINVAL, "old address", 1, "old host", 2})) << spec;
 }
@@ -97,19 +97,19 @@ TEST(ForwardingParser, SingleBracketIsRefused) {
     EXPECT_EQ(Parse("8080:[::1]:80"), (Forwarding{-EINVAL, "localhost", 8080, "old host", 2}));
 }
 
-TEST(ForwardingParser, NoColonStandsAfterBrackets) {
+TEST(ForwardingParser, ColonAfterBracketsIsRefused) {
     EXPECT_EQ(Parse("[::1]]8080:[fe80::1]]80"), (Forwarding{0, "::1", 8080, "fe80::1", 80}));
     EXPECT_EQ(Parse("[::1]]:8080:h:80").result, -EINVAL);
     EXPECT_EQ(Parse("8080:[h]]:80").result, -EINVAL);
 }
 
-TEST(ForwardingParser, BracketsAreTextWhateverIsInThem) {
+TEST(ForwardingParser, BracketedTextMayHoldAnyCharacter) {
     EXPECT_EQ(Parse("[8080]]1:h:80"), (Forwarding{0, "8080", 1, "h", 80}));
     EXPECT_EQ(Parse("[]]1:[]]80"), (Forwarding{0, "", 1, "", 80}));
     EXPECT_EQ(Parse("[a[b:c]]1:h:80"), (Forwarding{0, "a[b:c", 1, "h", 80}));
 }
 
-TEST(ForwardingParser, BracketWithinAFieldIsNoBracket) {
+TEST(ForwardingParser, BracketInsideAFieldIsAnOrdinaryCharacter) {
     EXPECT_EQ(Parse("a[b:1:c]]:80"), (Forwarding{0, "a[b", 1, "c]]", 80}));
 }
 
@@ -120,7 +120,7 @@ TEST(ForwardingParser, BindAddressNeedsANumberAndAColonAfterIt) {
     EXPECT_EQ(Parse("here").result, -EINVAL);
 }
 
-TEST(ForwardingParser, WhiteSpaceInFrontOfAFieldIsSkipped) {
+TEST(ForwardingParser, WhiteSpaceBeforeAFieldIsSkipped) {
     EXPECT_EQ(Parse(" 8080:\texample:\n80"), (Forwarding{0, "localhost", 8080, "example", 80}));
     EXPECT_EQ(Parse(" here: 8080: example: 80"), (Forwarding{0, "here", 8080, "example", 80}));
     EXPECT_EQ(Parse("8080:[a]] 80"), (Forwarding{0, "localhost", 8080, "a", 80}));
@@ -141,12 +141,12 @@ TEST(ForwardingParser, WhiteSpaceInFrontOfTheColonAfterANumberIsRefused) {
     EXPECT_EQ(Parse("[bind]]8080\n:h:1"), (Forwarding{-EINVAL, "bind", 8080, "old host", 2}));
 }
 
-TEST(ForwardingParser, TextAfterThePortIsNotLookedAt) {
+TEST(ForwardingParser, TextAfterThePortIsIgnored) {
     EXPECT_EQ(Parse("8080:example:80:and so on"), (Forwarding{0, "localhost", 8080, "example", 80}));
     EXPECT_EQ(Parse("8080:example:80:"), (Forwarding{0, "localhost", 8080, "example", 80}));
 }
 
-TEST(ForwardingParser, NumbersKeepTheirSignsAndTheirSizes) {
+TEST(ForwardingParser, PortsAreNotCheckedForSignOrRange) {
     EXPECT_EQ(Parse("-1:example:+80"), (Forwarding{0, "localhost", MINUS_ONE, "example", 80}));
     EXPECT_EQ(Parse("0:example:-1"), (Forwarding{0, "localhost", 0, "example", MINUS_ONE}));
     EXPECT_EQ(Parse("2147483647:h:65536"), (Forwarding{0, "localhost", 2147483647, "h", 65536}));
@@ -158,7 +158,7 @@ TEST(ForwardingParser, NumberThatIsTooLargeIsABindAddress) {
     EXPECT_EQ(Parse("2147483648:1:h:80"), (Forwarding{0, "2147483648", 1, "h", 80}));
 }
 
-TEST(ForwardingParser, TextOfAnOutputMayBeTheSpec) {
+TEST(ForwardingParser, SpecMayBeTheTextOfAnOutput) {
     String_t bindAddress("8080:example:80");
     String_t host;
     unsigned int listenPort = 0;

@@ -7,13 +7,14 @@
 #include <brantle/thornel/file_descriptor.h>
 
 #include "plain_connection.h"
+#include "support/descriptor_state.h"
+
+using support::IsOpen;
 
 namespace cindral {
 namespace {
 
 constexpr unsigned int WINDOW = 0x200000;
-
-bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
 
 /// A program's own channel, which notes what reaches it.
 class NotingChannel : public SshChannel {
@@ -67,7 +68,7 @@ protected:
     SshChannelMgr _manager;
 };
 
-TEST_F(ChannelManager, NumbersCountUpFromZeroAndAreNeverUsedTwice) {
+TEST_F(ChannelManager, NumbersCountUpFromZeroAndAreNeverReused) {
     EXPECT_EQ(0u, NewTty()->_localId);
     EXPECT_EQ(1u, NewNoting(30)->_localId);
     EXPECT_EQ(41, _manager.RemoveChannel(1));
@@ -75,7 +76,7 @@ TEST_F(ChannelManager, NumbersCountUpFromZeroAndAreNeverUsedTwice) {
     EXPECT_EQ(nullptr, _manager.Find(1));
 }
 
-TEST_F(ChannelManager, ChannelKeepsWhatItWasMadeWith) {
+TEST_F(ChannelManager, ChannelHasTheConstructorArguments) {
     SshChannel const* channel = NewTty(77);
     EXPECT_EQ(77u, channel->_remoteId);
     EXPECT_STREQ("client-session", channel->_name.Text());
@@ -86,13 +87,13 @@ TEST_F(ChannelManager, ChannelKeepsWhatItWasMadeWith) {
     EXPECT_EQ(0, channel->_eofSent);
 }
 
-TEST_F(ChannelManager, TerminalDataIsWrittenAtOnce) {
+TEST_F(ChannelManager, TerminalDataIsWrittenImmediately) {
     NewTty();
     _manager.Forward(0, "now", 3);
     EXPECT_EQ("now", _output.Written());
 }
 
-TEST_F(ChannelManager, ExtendedDataTakesThePathOfPlainData) {
+TEST_F(ChannelManager, ExtendedDataIsForwardedAsPlainData) {
     NewTty();
     _manager.ForwardExtended(0, "error", 5);
     EXPECT_EQ("error", _output.Written());
@@ -102,7 +103,7 @@ TEST_F(ChannelManager, ExtendedDataTakesThePathOfPlainData) {
     EXPECT_EQ("plain1:e;", _notes);
 }
 
-TEST_F(ChannelManager, ExtendedDataGivenToATerminalChannelItselfReachesItsErrorDescriptor) {
+TEST_F(ChannelManager, ForwardExtendedOfATerminalChannelWritesToItsErrorDescriptor) {
     NewTty()->ForwardExtended("error", 5);
     EXPECT_EQ("error", _errors.Written());
     EXPECT_EQ("", _output.Written());
@@ -125,7 +126,7 @@ TEST_F(ChannelManager, ShortTerminalWriteThrows) {
     close(fd);
 }
 
-TEST_F(ChannelManager, ConnectionTakesTheDescriptorOverAndClosesIt) {
+TEST_F(ChannelManager, ConnectionTakesOwnershipOfTheDescriptor) {
     FileDescriptor fd(dup(_output.WriteEnd()));
     int const number = fd._fd;
     SshChannel const* channel =
@@ -148,14 +149,14 @@ TEST_F(ChannelManager, DataOfAConnectionIsBufferedUntilAllAreFlushed) {
     EXPECT_EQ("batch", _output.Written());
 }
 
-TEST_F(ChannelManager, ExtendedDataGivenToAConnectionItselfIsFlushedAtOnce) {
+TEST_F(ChannelManager, ForwardExtendedOfAConnectionFlushesImmediately) {
     FileDescriptor fd(dup(_output.WriteEnd()));
     _manager.NewTcpConnection(4, "forwarded", WINDOW, fd, &_connection._in, &_connection._out)
         ->ForwardExtended("e", 1);
     EXPECT_EQ("e", _output.Written());
 }
 
-TEST_F(ChannelManager, FlushGoesThroughAllChannelsInAscendingOrder) {
+TEST_F(ChannelManager, FlushVisitsAllChannelsInAscendingOrder) {
     for (unsigned int i = 0; i < 3; ++i) NewNoting(i);
     _manager.FlushAllChannels();
     EXPECT_EQ("flush0;flush1;flush2;", _notes);
@@ -179,7 +180,7 @@ TEST_F(ChannelManager, DataForAnUnknownNumberIsDropped) {
     EXPECT_EQ("", _notes);
 }
 
-TEST_F(ChannelManager, ReplacedChannelKeepsNumbersNameAndWindowAlone) {
+TEST_F(ChannelManager, ReplacementKeepsOnlyNumbersNameAndWindow) {
     SshChannel* old = NewTty(6);
     old->_eofSent = 1;
     SshChannel const* made = _manager.ReplaceChannel(0, _maker);

@@ -23,7 +23,7 @@ TEST(SshChannel, HoldsItsTwoStreamBuffersInItself) {
     EXPECT_EQ(channel._errStream._capacity, 8192u);
 }
 
-TEST(SshChannelDefault, HasNothingAndSendsNothing) {
+TEST(DefaultSshChannel, HasNothingAndSendsNothing) {
     SshChannel channel;
     EXPECT_EQ(0u, channel._localId);
     EXPECT_EQ(0u, channel._remoteId);
@@ -39,7 +39,7 @@ TEST(SshChannelDefault, HasNothingAndSendsNothing) {
     channel.Flush();
 }
 
-TEST_F(ChannelWindow, DataToThePeerGoesOutAsOneMessageHoweverLarge) {
+TEST_F(ChannelWindow, DataIsSentAsOneMessageWhateverItsSize) {
     _channel.ForwardToSshd("hello", 5);
     EXPECT_EQ((std::vector<Bytes>{{94, 0, 0, 0, 5, 0, 0, 0, 5, 'h', 'e', 'l', 'l', 'o'}}),
               _connection.Sent());
@@ -68,7 +68,7 @@ TEST_F(ChannelWindow, OutputCheckRunsAfterTheDataAndClearsTheAdjustmentToo) {
     EXPECT_EQ(0u, _connection._out._byteCount);
 }
 
-TEST_F(ChannelWindow, OutputOneByteShortOfTheThresholdSendsDataAlone) {
+TEST_F(ChannelWindow, OutputOneByteBelowTheThresholdSendsOnlyData) {
     _connection._out._byteCount = 1398102 - 24;
     _channel.ForwardToSshd("abcd", 4);
     EXPECT_EQ(1u, _connection.Sent().size());

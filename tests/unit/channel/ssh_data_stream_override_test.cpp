@@ -29,7 +29,7 @@ std::string Joined(std::vector<Bytes> const& messages) {
     return data;
 }
 
-class OverriddenFlush : public testing::TestWithParam<WriteOperation> {
+class OverriddenDataStreamFlush : public testing::TestWithParam<WriteOperation> {
 protected:
     template <class Stream>
     std::string Sent(Stream& out) {
@@ -42,21 +42,21 @@ protected:
     unsigned int _window = WINDOW;
 };
 
-INSTANTIATE_TEST_SUITE_P(DataStreams, OverriddenFlush, testing::ValuesIn(support::WriteOperations()),
-                         OperationName());
+INSTANTIATE_TEST_SUITE_P(DataStreams, OverriddenDataStreamFlush,
+                         testing::ValuesIn(support::WriteOperations()), OperationName());
 
-TEST_P(OverriddenFlush, SeesEveryByte) {
+TEST_P(OverriddenDataStreamFlush, SeesEveryByte) {
     support::CountingOutput<OSshDataStream> out(_connection._out, 0, _window);
     EXPECT_EQ(Sent(out), GetParam()._bytes);
     EXPECT_EQ(out._bytes, GetParam()._bytes.size());
 }
 
-TEST_P(OverriddenFlush, ChangesEveryByte) {
+TEST_P(OverriddenDataStreamFlush, ChangesEveryByte) {
     support::ShiftingOutput<OSshDataStream> out(_connection._out, 0, _window);
     EXPECT_EQ(Sent(out), Shifted(GetParam()._bytes));
 }
 
-TEST(OverriddenFlush, LeavesTheMessagesAsTheyAre) {
+TEST(OverriddenDataStreamFlush, LeavesTheMessagesAsTheyAre) {
     PlainConnection connection;
     unsigned int const window = WINDOW;
     support::CountingOutput<OSshDataStream> out(connection._out, 0, window);
@@ -73,7 +73,7 @@ TEST(OverriddenFlush, LeavesTheMessagesAsTheyAre) {
     EXPECT_EQ(messages[2].size(), DATA_HEADER + 10);
 }
 
-class OverriddenFill : public testing::TestWithParam<ReadOperation> {
+class OverriddenDataStreamFill : public testing::TestWithParam<ReadOperation> {
 protected:
     void Receive(std::string const& data) {
         Bytes payload{94, 0, 0, 0, 0};
@@ -87,17 +87,17 @@ protected:
     unsigned int _window = WINDOW;
 };
 
-INSTANTIATE_TEST_SUITE_P(DataStreams, OverriddenFill, testing::ValuesIn(support::ReadOperations()),
+INSTANTIATE_TEST_SUITE_P(DataStreams, OverriddenDataStreamFill, testing::ValuesIn(support::ReadOperations()),
                          OperationName());
 
-TEST_P(OverriddenFill, SeesEveryByte) {
+TEST_P(OverriddenDataStreamFill, SeesEveryByte) {
     support::CountingInput<ISshDataStream> in(_connection._in, _connection._out, 0, _window);
     Receive(GetParam()._bytes);
     EXPECT_EQ(GetParam()._read(in), GetParam()._bytes);
     EXPECT_EQ(in._bytes, GetParam()._bytes.size());
 }
 
-TEST_P(OverriddenFill, ChangesEveryByte) {
+TEST_P(OverriddenDataStreamFill, ChangesEveryByte) {
     support::ShiftingInput<ISshDataStream> in(_connection._in, _connection._out, 0, _window);
     Receive(Shifted(GetParam()._bytes));
     EXPECT_EQ(GetParam()._read(in), GetParam()._bytes);

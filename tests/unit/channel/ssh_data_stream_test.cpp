@@ -82,7 +82,7 @@ TEST_F(DataOutput, FlushSendsWhatIsBufferedAsOneMessageAndCountsIt) {
     EXPECT_EQ(0u, Buffered());
 }
 
-TEST_F(DataOutput, FlushOfNothingSendsNothing) {
+TEST_F(DataOutput, FlushOfAnEmptyBufferSendsNothing) {
     EXPECT_EQ(0, _stream.Flush());
     Write("x");
     _stream.Flush();
@@ -91,7 +91,7 @@ TEST_F(DataOutput, FlushOfNothingSendsNothing) {
     EXPECT_TRUE(_connection.Sent().empty());
 }
 
-TEST_F(DataOutput, FullBufferLeavesWithTheNextByteWritten) {
+TEST_F(DataOutput, FullBufferIsSentWithTheNextByteWritten) {
     std::string const full = Text(8144);
     Write(full);
     EXPECT_TRUE(_connection.Sent().empty());
@@ -101,7 +101,7 @@ TEST_F(DataOutput, FullBufferLeavesWithTheNextByteWritten) {
     EXPECT_EQ((std::vector<Bytes>{Data("y")}), _connection.Sent());
 }
 
-TEST_F(DataOutput, FullBufferLeavesWithTheNextBytePut) {
+TEST_F(DataOutput, FullBufferIsSentWithTheNextBytePut) {
     std::string const full = Text(8144);
     for (char c : full) EXPECT_EQ(0, _stream.Put(c));
     EXPECT_TRUE(_connection.Sent().empty());
@@ -116,7 +116,7 @@ TEST_F(DataOutput, FullBufferMayBeFlushed) {
     EXPECT_EQ((std::vector<Bytes>{Data(Text(8144))}), _connection.Sent());
 }
 
-TEST_F(DataOutput, LongWriteLeavesInFullMessages) {
+TEST_F(DataOutput, LongWriteIsSentAsFullMessages) {
     std::string const text = Text(3 * 8144 + 10);
     EXPECT_EQ(0, Write(text));
     EXPECT_EQ((std::vector<Bytes>{Data(text.substr(0, 8144)), Data(text.substr(8144, 8144)),
@@ -151,7 +151,7 @@ TEST_F(DataOutput, CountAboveTwoThirdsIsGrantedAfterTheDataAndResets) {
     EXPECT_EQ(0u, _connection._out._byteCount);
 }
 
-TEST_F(DataOutput, CountOfTwoThirdsSendsDataAlone) {
+TEST_F(DataOutput, CountOfTwoThirdsSendsOnlyData) {
     _connection._out._byteCount = 1398102 - 24;
     Write("abcd");
     EXPECT_EQ(4, _stream.Flush());
@@ -159,7 +159,7 @@ TEST_F(DataOutput, CountOfTwoThirdsSendsDataAlone) {
     EXPECT_EQ(1398102u, _connection._out._byteCount);
 }
 
-TEST_F(DataOutput, WindowThatIsSetLaterIsSeen) {
+TEST_F(DataOutput, WindowSetLaterIsUsed) {
     _window = 0;
     _connection._out._byteCount = 1398103;
     _stream.CheckForWindowAdjust();
@@ -169,7 +169,7 @@ TEST_F(DataOutput, WindowThatIsSetLaterIsSeen) {
     EXPECT_EQ(1u, _connection.Sent().size());
 }
 
-TEST_F(DataOutput, LostConnectionDoesNotShow) {
+TEST_F(DataOutput, LostConnectionIsNotReported) {
     _connection.HangUp();
     Write("lost");
     EXPECT_EQ(4, _stream.Flush());
@@ -197,7 +197,7 @@ TEST_F(DataOutput, BytesStayWhenTheAdjustmentThrows) {
     EXPECT_EQ(WINDOW, _connection._out._byteCount);
 }
 
-TEST_F(DataOutput, ExceptionLeavesAWriteThatFillsTheBuffer) {
+TEST_F(DataOutput, ExceptionPassesThroughAWriteThatFillsTheBuffer) {
     _connection._outMac._rep = new FailingMac(0);
     EXPECT_THROW(Write(Text(8145)), OpenSSLError);
     EXPECT_EQ(8144u, Buffered());
@@ -215,7 +215,7 @@ TEST_F(DataOutput, DestructionFlushes) {
     EXPECT_TRUE(_connection.Sent().empty());
 }
 
-TEST_F(DataOutput, DestructionOnABrokenConnectionLetsNothingEscape) {
+TEST_F(DataOutput, DestructionOnABrokenConnectionDoesNotThrow) {
     {
         OSshDataStream stream(_connection._out, 0, _window);
         stream.Put('x');
@@ -252,7 +252,7 @@ TEST_F(DataInput, StartsEmptyAndUntiedWithoutADescriptor) {
     EXPECT_EQ(0u, _stream._pending.Length());
 }
 
-TEST_F(DataInput, LongMessagePassesInPiecesOfTheBuffer) {
+TEST_F(DataInput, LongMessageIsReadInPiecesOfTheBufferSize) {
     std::string const text = Text(10000);
     _connection.Receive(Data(text));
     EXPECT_EQ(8192, _stream.Fill());
@@ -264,7 +264,7 @@ TEST_F(DataInput, LongMessagePassesInPiecesOfTheBuffer) {
     EXPECT_EQ(0u, _stream._pending.Length());
 }
 
-TEST_F(DataInput, MessageOfTheBuffersSizeIsOnePieceAndOneByteMoreAreTwo) {
+TEST_F(DataInput, MessageOfBufferSizeIsOnePieceAndOneByteMoreIsTwo) {
     _connection.Receive(Data(Text(8192)));
     EXPECT_EQ(8192, _stream.Fill());
     EXPECT_EQ(0u, _stream._pending.Length());
@@ -286,7 +286,7 @@ TEST_F(DataInput, LargestMessageTakesFourFills) {
     EXPECT_EQ(0u, _stream._pending.Length());
 }
 
-TEST_F(DataInput, AdjustmentsAndRequestsAreSkippedAndOnlyCounted) {
+TEST_F(DataInput, AdjustmentsAndRequestsAreSkippedButCounted) {
     _connection.Receive(Data("ab"));
     _connection.Receive({93, 0, 0, 0, 0, 0, 0, 1, 0});
     _connection.Receive(
@@ -303,7 +303,7 @@ TEST_F(DataInput, AdjustmentsAndRequestsAreSkippedAndOnlyCounted) {
     EXPECT_TRUE(_connection.Sent().empty());
 }
 
-TEST_F(DataInput, MessageWithoutDataIsReadPast) {
+TEST_F(DataInput, EmptyDataMessageIsSkipped) {
     _connection.Receive(Data(""));
     _connection.Receive(Data(""));
     _connection.Receive(Data("x"));
@@ -311,7 +311,7 @@ TEST_F(DataInput, MessageWithoutDataIsReadPast) {
     EXPECT_EQ("x", Buffered());
 }
 
-TEST_F(DataInput, ChannelNumberOfTheMessageIsNotLookedAt) {
+TEST_F(DataInput, ChannelNumberOfTheMessageIsIgnored) {
     _connection.Receive(Data("x", 77));
     EXPECT_EQ(1, _stream.Fill());
     EXPECT_EQ("x", Buffered());
@@ -326,7 +326,7 @@ TEST_F(DataInput, EveryOtherMessageThrows) {
     EXPECT_EQ("", Buffered());
 }
 
-TEST_F(DataInput, DataMessageThatIsNotExactThrows) {
+TEST_F(DataInput, DataMessageOfTheWrongLengthThrows) {
     Bytes surplus = Data("x");
     surplus.push_back(0);
     Bytes tooShort = Data("xyz");
@@ -353,7 +353,7 @@ TEST_F(DataInput, LostConnectionThrows) {
     EXPECT_EQ("packet length less than 2", Failure());
 }
 
-TEST_F(DataInput, FailureWithinAMacIsAnEndOfInput) {
+TEST_F(DataInput, FailureWithinAMacReadsAsEndOfInput) {
     _connection._inMac.Redefine("hmac-sha1", ByteString(20));
     _connection._in._socketBuffer._timeout = 1;
     _connection.Receive(Data("x"));
@@ -361,7 +361,7 @@ TEST_F(DataInput, FailureWithinAMacIsAnEndOfInput) {
     EXPECT_EQ("", Buffered());
 }
 
-TEST_F(DataInput, AdjustmentGoesOutBeforeThePacketIsLookedAt) {
+TEST_F(DataInput, AdjustmentIsSentBeforeThePacketIsDecoded) {
     _connection._in._byteCount = 1398103 - 14; // the packet below has 14 bytes
     _connection._out._byteCount = 100;
     _connection.Receive({96, 0, 0, 0, 0});
@@ -379,7 +379,7 @@ TEST_F(DataInput, CountOfTwoThirdsIsNotGranted) {
     EXPECT_EQ(1398102u, _connection._in._byteCount);
 }
 
-TEST_F(DataInput, AdjustmentIsForTheNumberGivenAndTheWindowOfThatMoment) {
+TEST_F(DataInput, AdjustmentUsesTheGivenNumberAndTheCurrentWindow) {
     ISshDataStream stream(_connection._in, _connection._out, 7, _window);
     _window = 0;
     _connection._in._byteCount = 300;
@@ -390,7 +390,7 @@ TEST_F(DataInput, AdjustmentIsForTheNumberGivenAndTheWindowOfThatMoment) {
     EXPECT_EQ((std::vector<Bytes>{{93, 0, 0, 0, 7, 0, 0, 1, 44}}), _connection.Sent());
 }
 
-TEST_F(DataInput, LinesAndNumbersRunAcrossMessages) {
+TEST_F(DataInput, LinesAndNumbersMaySpanMessages) {
     _connection.Receive(Data("fir"));
     _connection.Receive(Data(std::string("st\n\x01\x02", 5)));
     _connection.Receive(Data("\x03\x04!"));
@@ -434,7 +434,7 @@ TEST_F(DataInput, LongReadEndsWithTheInput) {
     EXPECT_EQ(SockStream::END_OF_INPUT, _stream.Status());
 }
 
-TEST_F(DataInput, TiedOutputLeavesBeforeAReadWaits) {
+TEST_F(DataInput, TiedOutputIsFlushedBeforeAReadBlocks) {
     OSshDataStream out(_connection._out, 0, _window);
     _stream.Tie(&out);
     std::string bytes(8192, '\0');
@@ -480,7 +480,7 @@ Sends TakeMore(support::SendRecorder& recorder) {
     return more;
 }
 
-TEST_F(DataOutput, AllButTheLastMessageOfARequestAreHandedOverAsMoreToCome) {
+TEST_F(DataOutput, AllButTheLastMessageOfARequestAreSentWithMsgMore) {
     support::SendRecorder recorder;
     Write(Text(3 * 8144 + 10));
     _stream.Flush();
@@ -490,14 +490,14 @@ TEST_F(DataOutput, AllButTheLastMessageOfARequestAreHandedOverAsMoreToCome) {
     EXPECT_EQ(TakeMore(recorder), (Sends{true, false}));
 }
 
-TEST_F(DataOutput, RequestOfFullMessagesEndsWithoutMoreToCome) {
+TEST_F(DataOutput, LastFullMessageOfARequestIsSentWithoutMsgMore) {
     support::SendRecorder recorder;
     Write(Text(2 * 8144));
     _stream.Flush();
     EXPECT_EQ(TakeMore(recorder), (Sends{true, false}));
 }
 
-TEST_F(DataOutput, AdjustmentIsTheLastOfARequestOrMoreComesAfterIt) {
+TEST_F(DataOutput, AdjustmentIsSentWithMsgMoreUnlessItIsLast) {
     _window = 9000;
     support::SendRecorder recorder;
     Write(Text(8000));
@@ -510,7 +510,7 @@ TEST_F(DataOutput, AdjustmentIsTheLastOfARequestOrMoreComesAfterIt) {
     EXPECT_EQ(5u, _connection.Sent().size());
 }
 
-TEST_F(DataInput, AdjustmentWaitsForTheNextRequestOrAReadThatHasToWait) {
+TEST_F(DataInput, AdjustmentIsHeldUntilTheNextRequestOrABlockingRead) {
     _window = 9000;
     support::SendRecorder recorder;
     _connection.Receive(Data(Text(7000)));

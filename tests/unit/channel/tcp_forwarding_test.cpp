@@ -6,17 +6,19 @@
 
 #include <gtest/gtest.h>
 
+#include "support/descriptor_state.h"
+
+using support::IsOpen;
+
 namespace {
 
 using ForwardingInfo = cindral::SshSession::ForwardingInfo;
-using LocalForwarding = cindral::SshSession::LocalForwarding;
-
-bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
+using LocalForwardingListener = cindral::SshSession::LocalForwarding;
 
 /// A forwarding that listens, on a port that the system picks.
-class Listening : public LocalForwarding {
+class Listening : public LocalForwardingListener {
 public:
-    Listening() : LocalForwarding("127.0.0.1", 0, 80, "target") { EXPECT_EQ(_server->Listen(1), 0); }
+    Listening() : LocalForwardingListener("127.0.0.1", 0, 80, "target") { EXPECT_EQ(_server->Listen(1), 0); }
     int Fd() const { return _server->Fd(); }
 };
 
@@ -43,25 +45,25 @@ TEST(ForwardingInfo, AssignmentCopiesAllFields) {
     ExpectFields(source, "address", "host", 80);
 }
 
-TEST(LocalForwarding, HasNoListenerAtFirst) {
-    LocalForwarding const forwarding;
+TEST(LocalForwardingListener, HasNoListenerAtFirst) {
+    LocalForwardingListener const forwarding;
     ExpectFields(forwarding, nullptr, nullptr, 0);
     EXPECT_EQ(forwarding._server, nullptr);
 }
 
-TEST(LocalForwarding, ListenerIsMadeAndNotOpened) {
-    LocalForwarding const forwarding("127.0.0.1", 8080, 80, "host");
+TEST(LocalForwardingListener, ListenerIsCreatedButNotOpened) {
+    LocalForwardingListener const forwarding("127.0.0.1", 8080, 80, "host");
     ExpectFields(forwarding, "127.0.0.1", "host", 80);
     ASSERT_NE(forwarding._server, nullptr);
     EXPECT_LT(forwarding._server->Fd(), 0);
 }
 
-TEST(LocalForwarding, CopyTakesTheListenerOver) {
+TEST(LocalForwardingListener, CopyTakesOwnershipOfTheListener) {
     Listening const source;
     ServerSocketIn const* const server = source._server;
     int const fd = source.Fd();
     {
-        LocalForwarding const copy(source);
+        LocalForwardingListener const copy(source);
         EXPECT_EQ(copy._server, server);
         EXPECT_EQ(source._server, nullptr);
         ExpectFields(copy, "127.0.0.1", "target", 80);
@@ -71,36 +73,36 @@ TEST(LocalForwarding, CopyTakesTheListenerOver) {
     EXPECT_FALSE(IsOpen(fd));
 }
 
-TEST(LocalForwarding, AssignmentClosesTheOldListenerAndTakesTheOtherOver) {
+TEST(LocalForwardingListener, AssignmentClosesTheOldListenerAndTakesTheOther) {
     Listening source;
     Listening target;
     int const taken = source.Fd();
     int const closed = target.Fd();
-    static_cast<LocalForwarding&>(target) = source;
+    static_cast<LocalForwardingListener&>(target) = source;
     EXPECT_EQ(source._server, nullptr);
     EXPECT_EQ(target.Fd(), taken);
     EXPECT_TRUE(IsOpen(taken));
     EXPECT_FALSE(IsOpen(closed));
 }
 
-TEST(LocalForwarding, AssignmentOfNoListenerLeavesNone) {
+TEST(LocalForwardingListener, AssignmentWithoutAListenerLeavesNone) {
     Listening target;
     int const closed = target.Fd();
-    static_cast<LocalForwarding&>(target) = LocalForwarding();
+    static_cast<LocalForwardingListener&>(target) = LocalForwardingListener();
     EXPECT_EQ(target._server, nullptr);
     EXPECT_FALSE(IsOpen(closed));
 }
 
-TEST(LocalForwarding, AssignmentToItselfChangesNothing) {
+TEST(LocalForwardingListener, AssignmentToItselfChangesNothing) {
     Listening forwarding;
     int const fd = forwarding.Fd();
-    LocalForwarding& same = forwarding;
-    same = static_cast<LocalForwarding const&>(forwarding);
+    LocalForwardingListener& same = forwarding;
+    same = static_cast<LocalForwardingListener const&>(forwarding);
     EXPECT_EQ(forwarding.Fd(), fd);
     EXPECT_TRUE(IsOpen(fd));
 }
 
-TEST(LocalForwarding, DestructorClosesTheListener) {
+TEST(LocalForwardingListener, DestructorClosesTheListener) {
     int fd;
     {
         Listening const forwarding;

@@ -16,7 +16,7 @@ public:
     using SshSession::_out;
 };
 
-TEST(X11ChannelObject, BeginsWithoutDescriptors) {
+TEST(X11Channel, HasNoDescriptorsAtFirst) {
     X11Session session;
     SshChannel* const first =
         session._channels.NewX11Connection(77, "x11", 0x200000, session, &session._in, &session._out);

@@ -1,4 +1,4 @@
-// The local display of X11 forwarding: its text, what xauth tells of it, cookies, and the connection to it.
+// The local display of X11 forwarding: its text, its entry in xauth, cookies, and the connection to it.
 
 #include <brantle/channel/x11_forwarding.h>
 
@@ -12,9 +12,11 @@
 
 #include <brantle/thornel/file_descriptor.h>
 
+#include "support/text.h"
 #include "support/x11/fake_xauth.h"
 #include "support/x11/scripted_x_server.h"
 
+using support::Text;
 using namespace cindral;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -25,12 +27,6 @@ using x11::Transport;
 namespace {
 
 using Forwarding = SshSession::X11Forwarding;
-
-std::string Text(String_t const& text) { return text.Text() ? text.Text() : ""; }
-
-std::string Bytes(ByteString const& bytes) {
-    return {reinterpret_cast<char const*>(bytes.Data()), bytes.Length()};
-}
 
 std::string const cookieText = "000102030405060708090a0b0c0dfeff";
 std::string const cookie("\0\1\2\3\4\5\6\7\x8\x9\xa\xb\xc\xd\xfe\xff", 16);
@@ -76,7 +72,7 @@ TEST(X11Display, IsSplitAtColonsAndDots) {
     }
 }
 
-TEST(X11Display, WithoutAnyTextIsNumber0) {
+TEST(X11Display, EmptyTextIsNumber0) {
     FakeXauth const xauth("");
     Forwarding const forwarding(String_t(), 0);
     EXPECT_EQ(Text(forwarding._host), "");
@@ -85,14 +81,14 @@ TEST(X11Display, WithoutAnyTextIsNumber0) {
     EXPECT_THAT(xauth.Calls(), ElementsAre("list"));
 }
 
-TEST(X11Display, ConstantsAreThese) {
+TEST(X11Display, ConstantsHaveTheirValues) {
     EXPECT_STREQ(Forwarding::_defaultAuthMethod, "MIT-MAGIC-COOKIE-1");
     EXPECT_STREQ(Forwarding::_localSocketPrefix, "/tmp/.X11-unix/X");
 }
 
 // --- xauth
 
-TEST(X11Xauth, IsAskedForTheDisplayAndForUnixInPlaceOfLocalhost) {
+TEST(X11Xauth, ListsTheDisplayWithUnixForLocalhost) {
     FakeXauth const xauth("");
     for (char const* display : {"localhost:10.0", ":0", "unix:0", "host:1", "localhost", "localhost.:2"})
         Forwarding(display, 0);
@@ -100,7 +96,7 @@ TEST(X11Xauth, IsAskedForTheDisplayAndForUnixInPlaceOfLocalhost) {
                                            "list|localhost", "list|localhost.:2"));
 }
 
-TEST(X11Xauth, ShellGetsTheDisplayAsItIs) {
+TEST(X11Xauth, DisplayIsPassedToTheShellUnquoted) {
     FakeXauth const xauth("");
     Forwarding const forwarding(":1 '2  3'", 0);
     EXPECT_THAT(xauth.Calls(), ElementsAre("list|:1|2  3"));
@@ -110,14 +106,14 @@ TEST(X11Xauth, EntryGivesMethodAndCookie) {
     FakeXauth const xauth("host/unix:0  XDM-AUTHORIZATION-1  " + cookieText + "\n");
     Forwarding const forwarding(":0", 0);
     EXPECT_EQ(Text(forwarding._authMethod), "XDM-AUTHORIZATION-1");
-    EXPECT_EQ(Bytes(forwarding._realCookie), cookie);
+    EXPECT_EQ(Text(forwarding._realCookie), cookie);
 }
 
 TEST(X11Xauth, OnlyTheFirstLineCounts) {
     FakeXauth const xauth("host/unix:0  MIT-MAGIC-COOKIE-1  " + cookieText + "\nhost:0  OTHER  ffff\n");
     Forwarding const forwarding(":0", 0);
     EXPECT_EQ(Text(forwarding._authMethod), "MIT-MAGIC-COOKIE-1");
-    EXPECT_EQ(Bytes(forwarding._realCookie), cookie);
+    EXPECT_EQ(Text(forwarding._realCookie), cookie);
 }
 
 TEST(X11Xauth, LongListIsLeftUnread) {
@@ -125,10 +121,10 @@ TEST(X11Xauth, LongListIsLeftUnread) {
     for (int i = 0; i < 100000; ++i) list += "b  n  4567\n";
     FakeXauth const xauth(list);
     Forwarding const forwarding(":0", 0);
-    EXPECT_EQ(Bytes(forwarding._realCookie), "\x01\x23");
+    EXPECT_EQ(Text(forwarding._realCookie), "\x01\x23");
 }
 
-TEST(X11Xauth, LinesOfOddShapesGiveWhatTheyHold) {
+TEST(X11Xauth, MalformedLinesGiveTheFieldsThatTheyHave) {
     struct {
         char const* line;
         char const* method;
@@ -154,7 +150,7 @@ TEST(X11Xauth, LinesOfOddShapesGiveWhatTheyHold) {
         FakeXauth const xauth(line);
         Forwarding const forwarding(":0", 0);
         EXPECT_EQ(Text(forwarding._authMethod), method) << '"' << line << '"';
-        EXPECT_EQ(Bytes(forwarding._realCookie), bytes) << '"' << line << '"';
+        EXPECT_EQ(Text(forwarding._realCookie), bytes) << '"' << line << '"';
     }
 }
 
@@ -164,16 +160,16 @@ TEST(X11Xauth, CookiesOfAllLengthsAreRead) {
         for (std::size_t i = 0; i < length; ++i) text += "5a";
         FakeXauth const xauth("host METHOD " + text + "\n");
         Forwarding const forwarding(":0", 0);
-        EXPECT_EQ(Bytes(forwarding._realCookie), std::string(length, 'Z'));
+        EXPECT_EQ(Text(forwarding._realCookie), std::string(length, 'Z'));
     }
 }
 
-TEST(X11Xauth, ItsStatusDoesNotMatter) {
+TEST(X11Xauth, ExitStatusIsIgnored) {
     FakeXauth const xauth("host METHOD 0123\n", 1);
-    EXPECT_EQ(Bytes(Forwarding(":0", 0)._realCookie), "\x01\x23");
+    EXPECT_EQ(Text(Forwarding(":0", 0)._realCookie), "\x01\x23");
 }
 
-TEST(X11Xauth, WithoutItTheCookieIsEmpty) {
+TEST(X11Xauth, CookieIsEmptyWithoutXauth) {
     x11::NoXauth const none;
     Forwarding const forwarding(":0", 0);
     EXPECT_EQ(Text(forwarding._authMethod), "MIT-MAGIC-COOKIE-1");
@@ -183,23 +179,23 @@ TEST(X11Xauth, WithoutItTheCookieIsEmpty) {
 
 // --- cookies
 
-TEST(X11Cookie, OfThePeerIsRandom) {
+TEST(X11Cookie, FakeCookieIsRandom) {
     FakeXauth const xauth("host METHOD " + cookieText + "\n");
     std::set<std::string> seen{cookie};
     for (int i = 0; i < 20; ++i) {
         Forwarding const forwarding(":0", 0);
         EXPECT_EQ(forwarding._fakeCookie.Length(), 16u);
-        EXPECT_TRUE(seen.insert(Bytes(forwarding._fakeCookie)).second);
+        EXPECT_TRUE(seen.insert(Text(forwarding._fakeCookie)).second);
     }
 }
 
-TEST(X11Cookie, AsTextIsLowerCaseHexadecimal) {
+TEST(X11Cookie, TextIsLowerCaseHexadecimal) {
     EXPECT_EQ(Text(Forwarding::CookieString(ByteString(cookie.data(), 16))), cookieText);
     EXPECT_EQ(Text(Forwarding::CookieString(ByteString("\xAB", 1))), "ab");
     EXPECT_EQ(Text(Forwarding::CookieString(ByteString())), "");
 }
 
-TEST(X11Cookie, TextOfMoreThan36BytesIsBrokenByABlank) {
+TEST(X11Cookie, TextOfMoreThan36BytesIsSplitByABlank) {
     std::string const bytes(40, '\x11');
     EXPECT_EQ(Text(Forwarding::CookieString(ByteString(bytes.data(), 36))), std::string(72, '1'));
     EXPECT_EQ(Text(Forwarding::CookieString(ByteString(bytes.data(), 40))),
@@ -214,33 +210,33 @@ namespace {
 struct Connected {
     explicit Connected(Forwarding& forwarding) {
         FileDescriptor const fd(forwarding.Connect(10, error));
-        stands = fd >= 0;
+        connected = fd >= 0;
     }
-    bool stands;
+    bool connected;
     int error = 4711;
 };
 
 } // namespace
 
-TEST(X11Connect, WithoutHostGoesToTheSocketOfTheDisplay) {
+TEST(X11Connect, WithoutHostConnectsToTheUnixSocket) {
     ScriptedXServer display(Transport::Unix);
     FakeXauth const xauth("");
     for (char const* host : {"", "unix"}) {
         Forwarding forwarding(String_t((host + (":" + std::to_string(display.Number()))).c_str()), 0);
         EXPECT_EQ(forwarding._unixSocket, 0);
-        EXPECT_TRUE(Connected(forwarding).stands);
+        EXPECT_TRUE(Connected(forwarding).connected);
         EXPECT_EQ(forwarding._unixSocket, 1);
         EXPECT_TRUE(display.HasVisitor());
         display.Accept();
     }
 }
 
-TEST(X11Connect, WithHostGoesToTheTcpPortOfTheDisplay) {
+TEST(X11Connect, WithHostConnectsToTheTcpPort) {
     ScriptedXServer display(Transport::Tcp);
     FakeXauth const xauth("");
     Forwarding forwarding(String_t(display.Display().c_str()), 0);
     forwarding._unixSocket = 1;
-    EXPECT_TRUE(Connected(forwarding).stands);
+    EXPECT_TRUE(Connected(forwarding).connected);
     EXPECT_EQ(forwarding._unixSocket, 0);
     EXPECT_TRUE(display.HasVisitor());
 }
@@ -250,7 +246,7 @@ TEST(X11Connect, NumberOf1000WithAHostIsRefused) {
     for (char const* display : {"localhost:1000", "localhost:1001", "localhost:-1", "localhost:59535"}) {
         Forwarding forwarding(display, 0);
         Connected const connected(forwarding);
-        EXPECT_FALSE(connected.stands) << display;
+        EXPECT_FALSE(connected.connected) << display;
         EXPECT_EQ(connected.error, 4711) << display;
     }
 }
@@ -259,36 +255,36 @@ TEST(X11Connect, NumberOf1000WithoutAHostIsTried) {
     FakeXauth const xauth("");
     Forwarding forwarding(":1000", 0);
     Connected const connected(forwarding);
-    EXPECT_FALSE(connected.stands);
+    EXPECT_FALSE(connected.connected);
     EXPECT_EQ(connected.error, ENOENT);
     EXPECT_EQ(forwarding._unixSocket, 1);
 }
 
-TEST(X11Connect, WithNobodyListeningFailsWithTheErrnoValue) {
+TEST(X11Connect, WithoutAListenerFailsWithErrno) {
     FakeXauth const xauth("");
     for (Transport transport : {Transport::Unix, Transport::Tcp}) {
         ScriptedXServer display(transport);
         Forwarding forwarding(String_t(display.Display().c_str()), 0);
         display.StopListening();
         Connected const connected(forwarding);
-        EXPECT_FALSE(connected.stands);
+        EXPECT_FALSE(connected.connected);
         EXPECT_EQ(connected.error, transport == Transport::Unix ? ENOENT : ECONNREFUSED);
         EXPECT_EQ(forwarding._unixSocket, transport == Transport::Unix);
     }
 }
 
-TEST(X11Connect, WithAnAddressThatCanNotBeChangesNothing) {
+TEST(X11Connect, ImpossibleAddressChangesNothing) {
     FakeXauth const xauth("");
     Forwarding local(":0", 0);
     local._localSocket = String_t(std::string(200, 'x').c_str());
     Connected const tooLong(local);
-    EXPECT_FALSE(tooLong.stands);
+    EXPECT_FALSE(tooLong.connected);
     EXPECT_EQ(tooLong.error, 4711);
     EXPECT_EQ(local._unixSocket, 0);
     Forwarding remote("[:0", 0);
     remote._unixSocket = 1;
     Connected const noHost(remote);
-    EXPECT_FALSE(noHost.stands);
+    EXPECT_FALSE(noHost.connected);
     EXPECT_EQ(noHost.error, 4711);
     EXPECT_EQ(remote._unixSocket, 1);
 }

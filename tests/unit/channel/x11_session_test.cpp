@@ -29,7 +29,7 @@ TEST(X11Start, NeedsADisplay) {
     EXPECT_THAT(xauth.Calls(), IsEmpty());
 }
 
-TEST(X11Start, SecondTimeKeepsTheFirst) {
+TEST(X11Start, SecondStartKeepsTheFirstForwarding) {
     FakeXauth const xauth("");
     X11Session session;
     EXPECT_EQ(session.StartX11Forwarding(1, ":5"), 0);
@@ -42,7 +42,7 @@ TEST(X11Start, SecondTimeKeepsTheFirst) {
     EXPECT_THAT(xauth.Calls(), ElementsAre("list|:5"));
 }
 
-TEST(X11Start, SetUpNeedsForwarding) {
+TEST(X11Start, InitiateNeedsForwarding) {
     X11Session session;
     unsigned char const message[12] = {'l'};
     EXPECT_EQ(session.InitiateX11Connection(message, 12, nullptr), -1);

@@ -60,7 +60,7 @@ constexpr Vector MPINTS[] = {
 
 class Mpint : public testing::TestWithParam<Vector> {};
 
-TEST_P(Mpint, IsWrittenAsTheRfcHasIt) {
+TEST_P(Mpint, IsWrittenAsInRfc4251) {
     std::ostringstream out;
     BigNum const number = Number(GetParam()._number);
     int const written = BigNum::Write2(out, number._bn);
@@ -68,7 +68,7 @@ TEST_P(Mpint, IsWrittenAsTheRfcHasIt) {
     EXPECT_EQ(static_cast<std::size_t>(written), out.str().size());
 }
 
-TEST_P(Mpint, IsReadAsTheRfcHasIt) {
+TEST_P(Mpint, IsReadAsInRfc4251) {
     std::istringstream in(Bytes(GetParam()._wire) + "rest");
     BigNum number = Number("1234");
     BigNum::Read2(in, number._bn);
@@ -85,7 +85,7 @@ TEST(BigNum, NullIsWrittenAsZero) {
     EXPECT_EQ(ToHex(out.str()), "00000000");
 }
 
-TEST(BigNum, SuperfluousLeadingBytesAreRead) {
+TEST(BigNum, SuperfluousLeadingBytesAreIgnored) {
     std::istringstream in(Bytes("00000003000005"));
     BigNum number;
     BigNum::Read2(in, number._bn);
@@ -108,7 +108,7 @@ TEST(BigNum, LongNumberOfManyPiecesIsReadWhole) {
     EXPECT_EQ(BN_num_bits(number._bn), 9999 * 8 + 1);
 }
 
-TEST(BigNum, ReadingIntoNothingIsRefused) {
+TEST(BigNum, ReadingIntoNullIsRefused) {
     std::istringstream in(Bytes("0000000101"));
     EXPECT_THROW(BigNum::Read2(in, nullptr), InvalidArgument);
     EXPECT_THROW(BigNum::Read(in, nullptr), InvalidArgument);
@@ -160,7 +160,7 @@ TEST(BigNum, BytesAreBigEndianAndNotNegative) {
     EXPECT_EQ(Hex(BigNum(nullptr, 0)), "0");
 }
 
-TEST(BigNum, CopiesAreApart) {
+TEST(BigNum, CopiesAreIndependent) {
     BigNum const first = Number("1234");
     BigNum second(first);
     BigNum third;
@@ -180,7 +180,7 @@ TEST(BigNum, SelfAssignmentKeepsTheNumber) {
     EXPECT_EQ(Hex(number), "1234");
 }
 
-TEST(BigNum, OneTakenOutIsStillAValue) {
+TEST(BigNum, ReleasedNumberIsStillAValue) {
     BigNum number = Number("1234");
     BigNum const moved(std::move(number));
     EXPECT_EQ(Hex(moved), "1234");

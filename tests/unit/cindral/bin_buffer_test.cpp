@@ -41,7 +41,7 @@ TEST(BinBuffer, WritersPutTheMostSignificantByteFirst) {
     EXPECT_TRUE(out.good());
 }
 
-TEST(BinBuffer, StringsAreWrittenBareByteStringsWithTheirLength) {
+TEST(BinBuffer, StringsAreWrittenWithoutAndByteStringsWithTheirLength) {
     std::ostringstream out;
     EXPECT_EQ(BinBuffer::WriteString(out, Octets("a\0b"), 3), 3u);
     EXPECT_EQ(BinBuffer::WriteByteString(out, ByteString("c\0d", 3)), 7u);
@@ -49,7 +49,7 @@ TEST(BinBuffer, StringsAreWrittenBareByteStringsWithTheirLength) {
     EXPECT_EQ(out.str(), std::string("a\0b\0\0\0\3c\0d\0\0\0\2ef", 16));
 }
 
-TEST(BinBuffer, EmptyAndMissingTextsAreALengthOfZero) {
+TEST(BinBuffer, EmptyAndNullTextsHaveLengthZero) {
     std::ostringstream out;
     EXPECT_EQ(BinBuffer::WriteString(out, nullptr, 0), 0u);
     EXPECT_EQ(BinBuffer::WriteByteString(out, ByteString()), 4u);
@@ -59,7 +59,7 @@ TEST(BinBuffer, EmptyAndMissingTextsAreALengthOfZero) {
     EXPECT_TRUE(out.good());
 }
 
-TEST(BinBuffer, WritersTellOfASinkThatIsFull) {
+TEST(BinBuffer, WritersReportAFullSink) {
     Narrow sink(3);
     std::ostream out(&sink);
     EXPECT_EQ(BinBuffer::WriteInt(out, 1), 3u);
@@ -69,14 +69,14 @@ TEST(BinBuffer, WritersTellOfASinkThatIsFull) {
     EXPECT_TRUE(out.bad());
 }
 
-TEST(BinBuffer, ByteOfAllOnesIsNoFailure) {
+TEST(BinBuffer, Byte255IsNotAFailure) {
     Narrow sink(1);
     std::ostream out(&sink);
     EXPECT_EQ(BinBuffer::WriteByte(out, 0xff), 1u);
     EXPECT_TRUE(out.good());
 }
 
-TEST(BinBuffer, ReadersAreTheReverse) {
+TEST(BinBuffer, ReadersReadWhatWritersWrote) {
     std::istringstream in(std::string("\xff\x80\x01\x80\0\0\x01\x80\0\0\0\0\0\0\x01"
                                       "a\0b!",
                                       19));

@@ -95,7 +95,7 @@ TEST_P(CipherVector, IsDecrypted) {
     EXPECT_EQ(Process(Cipher(), 64), Plain());
 }
 
-TEST_P(CipherVector, StateIsCarriedOverPieces) {
+TEST_P(CipherVector, StateIsKeptBetweenPieces) {
     Start(BlockCipher::ENCRYPT);
     EXPECT_EQ(Process(Plain(), GetParam()._blockSize), Cipher());
     Start(BlockCipher::DECRYPT);
@@ -112,14 +112,14 @@ TEST_P(CipherVector, WorksInPlace) {
     }
 }
 
-TEST_P(CipherVector, LongerKeyAndVectorCountWithTheirFirstBytes) {
+TEST_P(CipherVector, OnlyTheFirstBytesOfALongerKeyAndVectorCount) {
     _cipher.Redefine(GetParam()._name, BlockCipher::ENCRYPT,
                      FromHex(std::string(GetParam()._key) + "aabbccdd"),
                      FromHex(std::string(GetParam()._iv) + "eeff"));
     EXPECT_EQ(Process(Plain(), 64), Cipher());
 }
 
-TEST_P(CipherVector, ShortKeyOrVectorIsRefusedAndTheOldCipherStays) {
+TEST_P(CipherVector, ShortKeyOrVectorIsRefusedAndKeepsTheOldCipher) {
     Start(BlockCipher::ENCRYPT);
     ByteString const key = FromHex(GetParam()._key);
     ByteString const iv = FromHex(GetParam()._iv);
@@ -132,7 +132,7 @@ TEST_P(CipherVector, ShortKeyOrVectorIsRefusedAndTheOldCipherStays) {
     EXPECT_EQ(Process(Plain(), 64), Cipher());
 }
 
-TEST_P(CipherVector, SizesAreKnownByName) {
+TEST_P(CipherVector, SizesAreFoundByName) {
     EXPECT_EQ(BlockCipher::KeyLen(GetParam()._name), GetParam()._keyLength);
     EXPECT_EQ(BlockCipher::BlockSize(GetParam()._name), GetParam()._blockSize);
     Start(BlockCipher::ENCRYPT);
@@ -140,7 +140,7 @@ TEST_P(CipherVector, SizesAreKnownByName) {
     EXPECT_NE(_cipher._rep->Kind(), BlockCipher::NONE);
 }
 
-TEST_P(CipherVector, NothingGivesNothing) {
+TEST_P(CipherVector, EmptyInputGivesEmptyOutput) {
     Start(BlockCipher::ENCRYPT);
     EXPECT_EQ(_cipher._rep->Process(nullptr, 0, nullptr), 0);
 }
@@ -175,7 +175,7 @@ TEST(BlockCipher, DefaultIsNone) {
     EXPECT_EQ(cipher._rep->Process(nullptr, 0, nullptr), 0);
 }
 
-TEST(BlockCipher, GoesBackToNone) {
+TEST(BlockCipher, CanBeSetBackToNone) {
     BlockCipher cipher;
     cipher.Redefine("aes128-ctr", BlockCipher::ENCRYPT, FromHex(KEY128), FromHex(CTR_IV));
     cipher.Redefine("none", BlockCipher::ENCRYPT, ByteString(), ByteString());
@@ -193,7 +193,7 @@ TEST(BlockCipher, PaddingIsNotOffered) {
     EXPECT_LT(cipher._rep->SetPadding(1), 0);
 }
 
-TEST(BlockCipher, HandlesOfSeveralThreadsWorkApart) {
+TEST(BlockCipher, HandlesOfDifferentThreadsAreIndependent) {
     std::vector<std::thread> threads;
     for (Vector const& vector : VECTORS)
         for (int i = 0; i < 2; ++i)

@@ -58,7 +58,7 @@ TEST(CascadableStreamBuf, WrongDirectionFails) {
     EXPECT_EQ(errno, ENOTSUP);
 }
 
-TEST(CascadableOStreamBuffer, BytesGatherUntilTheBufferIsFull) {
+TEST(CascadableOStreamBuffer, BytesAreBufferedUntilTheBufferIsFull) {
     OStringBuffer memory;
     Louder layer(&memory, 4);
     for (char byte : std::string("abcd")) EXPECT_EQ(layer.putchr(byte), 0);
@@ -67,7 +67,7 @@ TEST(CascadableOStreamBuffer, BytesGatherUntilTheBufferIsFull) {
     EXPECT_EQ(Content(memory), "ABCD");
 }
 
-TEST(CascadableOStreamBuffer, RangesPassWholeBuffersAtATime) {
+TEST(CascadableOStreamBuffer, RangesArePassedOneFullBufferAtATime) {
     OStringBuffer memory;
     Louder layer(&memory, 4);
     std::string const text = "abcdefghij";
@@ -76,7 +76,7 @@ TEST(CascadableOStreamBuffer, RangesPassWholeBuffersAtATime) {
     EXPECT_EQ(Content(memory), "ABCDEFGH");
 }
 
-TEST(CascadableOStreamBuffer, FinalizePassesOnThroughAllLayers) {
+TEST(CascadableOStreamBuffer, FinalizeReachesAllLayers) {
     OStringBuffer memory;
     Louder lower(&memory, 64);
     Louder upper(&lower, 64);
@@ -89,7 +89,7 @@ TEST(CascadableOStreamBuffer, FinalizePassesOnThroughAllLayers) {
     EXPECT_EQ(upper.Finalize(), -5);
 }
 
-TEST(CascadableOStreamBuffer, FailedFlushIsTheResult) {
+TEST(CascadableOStreamBuffer, FailedFlushIsReturned) {
     OStringBuffer memory;
     Louder layer(&memory, 2);
     layer._failing = true;
@@ -101,7 +101,7 @@ TEST(CascadableOStreamBuffer, FailedFlushIsTheResult) {
     EXPECT_EQ(Content(memory), "AB");
 }
 
-TEST(CascadableIStreamBuffer, RangeIsFilledWholeOverSeveralFills) {
+TEST(CascadableIStreamBuffer, RangeIsFilledBySeveralFills) {
     IStringBuffer memory("abcdefgh");
     Dribble layer(&memory);
     char bytes[8];
@@ -115,7 +115,7 @@ TEST(CascadableIStreamBuffer, RangeIsFilledWholeOverSeveralFills) {
     EXPECT_EQ(layer.getchr(bytes[0]), 0);
 }
 
-TEST(CascadableIStreamBuffer, FailureShowsAfterTheBytesThatCame) {
+TEST(CascadableIStreamBuffer, FailureIsReturnedAfterTheBytesReceived) {
     IStringBuffer memory("abcdefgh");
     Dribble layer(&memory);
     layer._fillsLeft = 1;

@@ -25,7 +25,7 @@ std::string Raw(char const* hex) {
     return Finish(digest);
 }
 
-TEST(Digest, AnswersTheKnownVectors) { // FIPS 180
+TEST(Digest, MatchesKnownVectors) { // FIPS 180
     EXPECT_EQ(Raw("616263"), "a9993e364706816aba3e25717850c26c9cd0d89d");
     EXPECT_EQ(Raw(""), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
 }
@@ -47,13 +47,13 @@ TEST(Digest, ByteAndIntAreBigEndian) {
     EXPECT_EQ(Finish(digest), Raw("fe 01020304"));
 }
 
-TEST(Digest, TextHasItsLengthInFront) {
+TEST(Digest, TextIsFedWithItsLength) {
     Digest digest(DIGEST_SHA1);
     digest.UpdateString("abc");
     EXPECT_EQ(Finish(digest), Raw("00000003 616263"));
 }
 
-TEST(Digest, BytesHaveTheirLengthInFront) {
+TEST(Digest, BytesAreFedWithTheirLength) {
     Digest digest(DIGEST_SHA1);
     digest.Update(FromHex("00ff"));
     EXPECT_EQ(Finish(digest), Raw("00000002 00ff"));

@@ -2,8 +2,10 @@
 
 #include <cstring>
 
-#include "controlled_terminal.h"
+#include "support/controlled_terminal.h"
 
+using support::ControlledTerminal;
+using support::WithoutTerminal;
 using namespace cindral;
 
 namespace {
@@ -39,7 +41,7 @@ TEST(EnterPassword, LineIsReadWithoutEcho) {
     EXPECT_TRUE(terminal.IsRestored());
 }
 
-TEST(EnterPassword, TerminalIsTakenBeforeStandardInput) {
+TEST(EnterPassword, TerminalIsPreferredToStandardInput) {
     ControlledTerminal terminal([] {
         close(STDIN_FILENO);
         return Ask();
@@ -87,7 +89,7 @@ TEST(EnterPassword, SignalEndsTheProcessWithTheTerminalRestored) {
     }
 }
 
-TEST(EnterPassword, SignalsOfOthersRestoreTheTerminalToo) {
+TEST(EnterPassword, ProgramsOwnHandlerRunsWithTheTerminalRestored) {
     for (int number : {SIGTERM, SIGHUP}) {
         int line[2];
         ASSERT_EQ(pipe(line), 0);
@@ -145,17 +147,17 @@ TEST(EnterPassword, StopRestoresTheTerminalAndAsksAgain) {
     EXPECT_TRUE(terminal.IsRestored());
 }
 
-TEST(EnterPassword, StandardInputIsReadWhereThereIsNoTerminal) {
+TEST(EnterPassword, StandardInputIsReadWithoutATerminal) {
     EXPECT_EQ(WithoutTerminal("sesame\nrest", [] { return Ask(); }), "6 sesame");
     EXPECT_EQ(WithoutTerminal("sesame", [] { return Ask(); }), "6 sesame");
     EXPECT_EQ(WithoutTerminal("", [] { return Ask(); }), std::to_string(-EIO));
 }
 
-TEST(EnterPassword, WhatFollowsTheLineStaysInTheInput) {
+TEST(EnterPassword, BytesAfterTheLineStayInTheInput) {
     EXPECT_EQ(WithoutTerminal("sesame\nsecond\n", AskTwice), "6 sesame, 6 second");
 }
 
-TEST(EnterPassword, TerminatorFollowsWhereThereIsRoom) {
+TEST(EnterPassword, TerminatorIsAddedIfThereIsRoom) {
     EnterPassword enter(1, "");
     enter.Preset("abc");
     char buffer[] = "######";
@@ -184,7 +186,7 @@ TEST(EnterPassword, PresetAnswersOnceForEachQuestion) {
     EXPECT_EQ(WithoutTerminal("typed\nagain\n", AnswerTwoQuestions), "6 preset, 5 typed, 6 preset, 5 again");
 }
 
-TEST(EnterPassword, EmptyPresetIsNone) {
+TEST(EnterPassword, EmptyPresetIsNoPreset) {
     EnterPassword enter(1, "");
     EXPECT_FALSE(enter.HasPreset());
     enter.Preset("preset");
@@ -195,7 +197,7 @@ TEST(EnterPassword, EmptyPresetIsNone) {
     EXPECT_FALSE(enter.HasPreset());
 }
 
-TEST(EnterPassword, PresetGoesWhenItsSharedTextIsWiped) {
+TEST(EnterPassword, PresetEndsWhenItsSharedTextIsWiped) {
     char typed[] = "preset";
     String_t secret(typed, 6);
     EnterPassword enter(1, "");
@@ -204,7 +206,7 @@ TEST(EnterPassword, PresetGoesWhenItsSharedTextIsWiped) {
     EXPECT_FALSE(enter.HasPreset());
 }
 
-TEST(EnterPassword, KnowsItsTries) {
+TEST(EnterPassword, TriesAreThoseOfTheConstructor) {
     EXPECT_EQ(EnterPassword(0, "")._tries, 0u);
     EXPECT_EQ(EnterPassword(3, "")._tries, 3u);
 }

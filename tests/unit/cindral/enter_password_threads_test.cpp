@@ -12,7 +12,10 @@
 
 #include <brantle/cindral/enter_password.h>
 
-#include "controlled_terminal.h"
+#include "support/controlled_terminal.h"
+
+using support::ControlledTerminal;
+using support::WithoutTerminal;
 
 namespace {
 

@@ -8,7 +8,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(EUCVector, HoldsThatManyBytes) {
+TEST(EUCVector, HasTheNumberOfBytesGiven) {
     EUCVector vector(16);
     ASSERT_NE(vector._data, nullptr);
     for (int i = 0; i < 16; ++i) EXPECT_EQ(vector._data[i]++, 0);

@@ -29,7 +29,7 @@ TEST(CryptoException, EncodesNumbersInDecimal) {
     EXPECT_STREQ(CryptoException::EncodeInt(INT_MIN).Text(), "-2147483648");
 }
 
-TEST(SshProtocolError, DetailIsNothingATextOrANumber) {
+TEST(SshProtocolError, DetailIsEmptyATextOrANumber) {
     EXPECT_STREQ(SshProtocolError("invalid mac value").what(), "invalid mac value");
     EXPECT_STREQ(SshProtocolError("text", String_t("detail")).what(), "text: detail");
     EXPECT_STREQ(SshProtocolError("unexpected ssh response", 60).what(), "unexpected ssh response: 60");
@@ -43,13 +43,13 @@ TEST(SystemError, KeepsErrno) {
     EXPECT_STREQ(error.Detail().Text(), "7");
 }
 
-TEST(BadInput, HasItsTextAlone) {
+TEST(BadInput, HasATextWithoutDetail) {
     BadInput const error("DhExchange::GenerateKey, dh->p == 0");
     EXPECT_STREQ(error.Text().Text(), "DhExchange::GenerateKey, dh->p == 0");
     EXPECT_STREQ(error.what(), "DhExchange::GenerateKey, dh->p == 0");
 }
 
-TEST(InvalidArgument, TellsPlaceAndWhatIsWrong) {
+TEST(InvalidArgument, MessageIsPlaceAndReason) {
     InvalidArgument const error("DhExchange::DhExchange", "type");
     EXPECT_STREQ(error.Text().Text(), "DhExchange::DhExchange");
     EXPECT_STREQ(error.Detail().Text(), "type");
@@ -64,7 +64,7 @@ void ExpectCaughtAsRoot(Thrown const& error) {
     EXPECT_THROW(throw error, std::exception);
 }
 
-TEST(Exceptions, AllDeriveFromTheRoot) {
+TEST(Exceptions, AllDeriveFromExcept) {
     ExpectCaughtAsRoot(CryptoException("t", "d"));
     ExpectCaughtAsRoot(SshProtocolError("t"));
     ExpectCaughtAsRoot(SystemError("t", 1, "d"));

@@ -26,7 +26,7 @@ void Inspect(void* block, FreedMemory::Count& count) {
     if (memmem(block, size, forward, length) || memmem(block, size, backward, length)) ++count._withSecret;
 }
 
-/// A block whose rest is 0, so that no secret of a former owner shines through.
+/// A block whose rest is 0, so that it holds no secret of a former owner.
 void* Allocate(std::size_t size) {
     if (void* block = std::calloc(1, size ? size : 1)) return block;
     throw std::bad_alloc();

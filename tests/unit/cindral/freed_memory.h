@@ -7,7 +7,7 @@
 /// own included, for bytes that should have been wiped. One at a time, and one thread.
 class FreedMemory {
 public:
-    /// `secret` is looked for as it stands and with its bytes turned round, as big numbers are held.
+    /// `secret` is looked for as it is and with its bytes reversed, as big numbers are stored.
     explicit FreedMemory(std::string const& secret);
     ~FreedMemory();
     FreedMemory(FreedMemory const&) = delete;

@@ -34,7 +34,7 @@ std::string Bytes(std::string const& text, int& result) {
     return bytes;
 }
 
-TEST(OHexBuffer, SixteenBytesAreThirtyTwoDigitsAndNothingElse) {
+TEST(OHexBuffer, SixteenBytesAreThirtyTwoDigits) {
     EXPECT_EQ(
         Hex(std::string("\x00\x01\x23\x45\x67\x89\xab\xcd\xef\xff\x80\x7f\x0a\x0d\x20\x41", 16), 72, ' '),
         "00012345"
@@ -54,7 +54,7 @@ TEST(OHexBuffer, CookieTextThroughAStandardStream) {
     EXPECT_EQ(std::string(memory.Str(), memory.Len()), "deadbeef");
 }
 
-TEST(OHexBuffer, SeparatorStandsBetweenLinesAlone) {
+TEST(OHexBuffer, SeparatorIsWrittenOnlyBetweenLines) {
     EXPECT_EQ(Hex(std::string(36, 'A'), 72, ' ').size(), 72u);
     std::string line;
     for (int i = 0; i < 36; ++i) line += "41";
@@ -63,18 +63,18 @@ TEST(OHexBuffer, SeparatorStandsBetweenLinesAlone) {
     EXPECT_EQ(Hex(std::string(73, 'A'), 72, '\n'), line + "\n" + line + "\n41");
 }
 
-TEST(OHexBuffer, ColumnCountsOnTheFirstLine) {
+TEST(OHexBuffer, ColumnShortensTheFirstLine) {
     EXPECT_EQ(Hex("AAA", 4, '|', 2), "41|4141");
     EXPECT_EQ(Hex("AAA", 4, '|', 4), "|4141|41");
 }
 
-TEST(OHexBuffer, PairsAreNotTornAndZeroIsOneLine) {
+TEST(OHexBuffer, PairsAreNotSplitAndWidthZeroIsOneLine) {
     EXPECT_EQ(Hex("AAA", 3, '|'), "41|41|41");
     EXPECT_EQ(Hex("AAA", 1, '|'), "41|41|41");
     EXPECT_EQ(Hex(std::string(100, 'A'), 0, '|').find('|'), std::string::npos);
 }
 
-TEST(OHexBuffer, LinesGoOnAcrossFlushes) {
+TEST(OHexBuffer, LinesContinueAcrossFlushes) {
     OStringBuffer memory;
     OHexBuffer hex(&memory, 4, '|', 0);
     for (int i = 0; i < 3; ++i) {
@@ -118,7 +118,7 @@ TEST(IHexBuffer, TextThatIsNotHexadecimalFails) {
     }
 }
 
-TEST(IHexBuffer, FailureShowsAfterTheBytesThatCame) {
+TEST(IHexBuffer, FailureIsReturnedAfterTheBytesReceived) {
     int result = 1;
     EXPECT_EQ(Bytes("4142zz43", result), "AB");
     EXPECT_LT(result, 0);
@@ -126,7 +126,7 @@ TEST(IHexBuffer, FailureShowsAfterTheBytesThatCame) {
     EXPECT_LT(result, 0);
 }
 
-TEST(IHexBuffer, ServesABinaryReader) {
+TEST(IHexBuffer, CanFeedABinaryReader) {
     IStringBuffer memory("00112233445566778899aabbccddeeff");
     IHexBuffer hex(&memory);
     SBufAdapter adapter(hex);

@@ -3,9 +3,12 @@
 
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -14,6 +17,10 @@
 #include <brantle/thornel/byte_string.h>
 
 #include "support/temporary_directory.h"
+#include "support/text.h"
+
+using support::Bytes;
+using support::Text;
 
 /// A directory of its own for key files, and the tools that make them.
 class KeyFiles : public testing::Test {
@@ -27,10 +34,21 @@ protected:
         ASSERT_EQ(std::system(line.c_str()), 0) << command << "\n" << Read("log");
     }
     /// A key pair `name` and `name`.pub. Empty `passphrase` means not encrypted. One round of bcrypt, where
-    /// the options don't ask for more, as each costs time.
+    /// the options don't ask for more, as each costs time. So does a new key: the same arguments give the
+    /// same key in all tests of a process.
     void Keygen(std::string const& name, std::string const& options,
                 std::string const& passphrase = "") const {
-        Run("ssh-keygen -q -a 1 -f " + name + " -C comment -N '" + passphrase + "' " + options);
+        std::string const command =
+            "ssh-keygen -q -a 1 -f " + name + " -C comment -N '" + passphrase + "' " + options;
+        auto const known = Pairs().find(command);
+        if (known == Pairs().end()) {
+            Run(command);
+            Pairs()[command] = {Read(name), Read(name + ".pub")};
+        } else {
+            Write(name, known->second.first);
+            std::filesystem::permissions(Path(name), std::filesystem::perms(0600));
+            Write(name + ".pub", known->second.second);
+        }
     }
 
     std::string Read(std::string const& name) const {
@@ -43,14 +61,14 @@ protected:
         std::ofstream(Path(name), std::ios::binary) << text;
     }
 
-    static ByteString Bytes(std::string const& text) {
-        return ByteString(text.data(), static_cast<unsigned int>(text.size()));
-    }
-    static std::string Text(ByteString const& bytes) {
-        return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
-    }
-
     support::TemporaryDirectory _directory;
+
+private:
+    /// The private and the public file that each command of this process has made.
+    static std::map<std::string, std::pair<std::string, std::string>>& Pairs() {
+        static std::map<std::string, std::pair<std::string, std::string>> pairs;
+        return pairs;
+    }
 };
 
 /// Answers from a list instead of the terminal; -77 when the list is used up.

@@ -7,7 +7,9 @@
 #include <brantle/cindral/exceptions.h>
 
 #include "hex.h"
+#include "support/text.h"
 
+using support::Bytes;
 using namespace cindral;
 
 namespace {
@@ -44,10 +46,6 @@ Vector const VECTORS[] = {
      "9758bf75c05a994a6d034f65f8f0e6fdcaeab1a34d4a6b4b636e070a38bce737"},
 };
 
-ByteString Bytes(std::string const& text) {
-    return ByteString(text.data(), static_cast<unsigned int>(text.size()));
-}
-
 class MacVector : public testing::TestWithParam<Vector> {
 protected:
     static std::string Key() {
@@ -70,7 +68,7 @@ TEST_P(MacVector, IsComputed) {
     EXPECT_EQ(Finish(), GetParam()._mac);
 }
 
-TEST_P(MacVector, ResetStartsAgainWithTheSameKey) {
+TEST_P(MacVector, ResetKeepsTheKey) {
     _mac.Redefine(GetParam()._name, Bytes(Key()));
     for (int i = 0; i < 3; ++i) {
         Feed("left in the middle");
@@ -82,13 +80,13 @@ TEST_P(MacVector, ResetStartsAgainWithTheSameKey) {
     }
 }
 
-TEST_P(MacVector, LongerKeyCountsWithItsFirstBytes) {
+TEST_P(MacVector, OnlyTheFirstBytesOfALongerKeyCount) {
     _mac.Redefine(GetParam()._name, Bytes(Key() + "more"));
     Feed(GetParam()._data);
     EXPECT_EQ(Finish(), GetParam()._mac);
 }
 
-TEST_P(MacVector, ShortKeyIsRefusedAndTheOldMacStays) {
+TEST_P(MacVector, ShortKeyIsRefusedAndKeepsTheOldMac) {
     _mac.Redefine(GetParam()._name, Bytes(Key()));
     EXPECT_THROW(_mac.Redefine(GetParam()._name, Bytes(Key().substr(1))), InvalidArgument);
     Feed(GetParam()._data);

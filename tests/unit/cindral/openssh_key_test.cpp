@@ -12,7 +12,7 @@ constexpr char const* PASSPHRASE = "correct horse";
 
 class OpenSSHKey : public PrivateKeyFiles {};
 
-TEST_F(OpenSSHKey, OtherTypeIsToldBeforeItsPassphraseIsAsked) {
+TEST_F(OpenSSHKey, OtherTypeIsRefusedBeforeThePassphraseIsAskedFor) {
     Keygen("id", "-t ed25519", PASSPHRASE);
     ScriptedAnswers answers(1, {PASSPHRASE});
     EXPECT_EQ(ReadWith(answers), PrivateKey::UNSUPPORTED_KEY);
@@ -26,7 +26,7 @@ TEST_F(OpenSSHKey, OtherCiphersAreUnsupported) {
     EXPECT_EQ(answers._asked, 0u);
 }
 
-TEST_F(OpenSSHKey, EveryCutBodyIsRefused) {
+TEST_F(OpenSSHKey, EveryTruncatedBodyIsRefused) {
     Keygen("id", "-t rsa -b 1024");
     Unarmour();
     std::string const body = Read("body");

@@ -12,7 +12,7 @@ constexpr char const* PASSPHRASE = "correct horse";
 
 using PemKey = PrivateKeyFiles;
 
-TEST_F(PemKey, Pkcs8UnderACipherThatOpenSslDoesNotLoadIsUnsupported) {
+TEST_F(PemKey, Pkcs8WithALegacyCipherIsUnsupported) {
     Run("openssl genrsa -out plain 1024 && openssl pkcs8 -topk8 -v1 PBE-MD5-DES -provider legacy -provider "
         "default "
         "-in plain -passout 'pass:correct horse' -out id");
@@ -20,7 +20,7 @@ TEST_F(PemKey, Pkcs8UnderACipherThatOpenSslDoesNotLoadIsUnsupported) {
     EXPECT_EQ(ReadWith(answers), PrivateKey::UNSUPPORTED_KEY);
 }
 
-TEST_F(PemKey, Pkcs1UnderTripleDesIsRead) {
+TEST_F(PemKey, Pkcs1WithTripleDesIsRead) {
     Run("openssl genrsa -traditional -des3 -passout 'pass:correct horse' -out id 1024");
     ScriptedAnswers answers(1, {PASSPHRASE});
     EXPECT_EQ(ReadWith(answers), 0);

@@ -31,7 +31,7 @@ protected:
     PublicKey _key;
 };
 
-TEST_F(PublicKeyFile, RsaIsReadAsSshKeygenWritesIt) {
+TEST_F(PublicKeyFile, RsaKeyOfSshKeygenIsRead) {
     Keygen("id", "-t rsa -b 2048");
     ASSERT_EQ(_key.ReadSSH(Path("id.pub").c_str()), 0);
     EXPECT_EQ(_key._rep->Type(), KEY_RSA);
@@ -39,7 +39,7 @@ TEST_F(PublicKeyFile, RsaIsReadAsSshKeygenWritesIt) {
     EXPECT_EQ(_key._rep->EncodeSSH64().Text(), Base64("id.pub"));
 }
 
-TEST_F(PublicKeyFile, DsaIsReadAsSshKeygenWritesIt) {
+TEST_F(PublicKeyFile, DsaKeyOfSshKeygenIsRead) {
     Keygen("id", "-t dsa");
     ASSERT_EQ(_key.ReadSSH(Path("id.pub").c_str()), 0);
     EXPECT_EQ(_key._rep->Type(), KEY_DSA);
@@ -53,7 +53,7 @@ TEST_F(PublicKeyFile, OtherTypesAreRefused) {
     EXPECT_EQ(_key._rep, nullptr);
 }
 
-TEST_F(PublicKeyFile, AbsentFileIsToldByErrno) {
+TEST_F(PublicKeyFile, MissingFileIsReportedByErrno) {
     EXPECT_EQ(_key.ReadSSH(Path("absent").c_str()), -ENOENT);
     EXPECT_EQ(_key.ReadSSH(nullptr), -ENOENT);
     EXPECT_EQ(_key.ReadSSH(_directory.Path().c_str()), -EISDIR);
@@ -61,14 +61,14 @@ TEST_F(PublicKeyFile, AbsentFileIsToldByErrno) {
 
 TEST_F(PublicKeyFile, HugeFileIsRefused) { EXPECT_EQ(ReadText(std::string((1 << 20) + 1, 'x')), -EFBIG); }
 
-TEST_F(PublicKeyFile, CommentAndLineEndAreNotNeeded) {
+TEST_F(PublicKeyFile, CommentAndLineEndAreOptional) {
     std::string const blob = PublicKey(FromHex(SMALL_RSA))._rep->EncodeSSH64().Text();
     EXPECT_EQ(ReadText("ssh-rsa " + blob), 0);
     EXPECT_EQ(ReadText("ssh-rsa  " + blob + "\r\nsecond line"), 0);
     EXPECT_EQ(ReadText(" ssh-rsa\t" + blob + " two words\n"), 0);
 }
 
-TEST_F(PublicKeyFile, MalformedLineIsRefusedAndTheOldKeyStays) {
+TEST_F(PublicKeyFile, MalformedLineIsRefusedAndKeepsTheOldKey) {
     _key = FromHex(SMALL_DSS);
     std::string const blob = PublicKey(FromHex(SMALL_RSA))._rep->EncodeSSH64().Text();
     for (std::string const& line :
@@ -83,7 +83,7 @@ TEST_F(PublicKeyFile, MalformedLineIsRefusedAndTheOldKeyStays) {
 
 TEST(PublicKey, DefaultHasNoImplementation) { EXPECT_EQ(PublicKey()._rep, nullptr); }
 
-TEST(PublicKey, BlobComesBackAsItWas) {
+TEST(PublicKey, DecodedBlobIsEncodedUnchanged) {
     for (char const* hex : {SMALL_RSA, SMALL_DSS}) {
         PublicKey const key(FromHex(hex));
         ASSERT_NE(key._rep, nullptr);
@@ -91,7 +91,7 @@ TEST(PublicKey, BlobComesBackAsItWas) {
     }
 }
 
-TEST(PublicKey, EveryCutBlobIsRefused) {
+TEST(PublicKey, EveryTruncatedBlobIsRefused) {
     for (char const* hex : {SMALL_RSA, SMALL_DSS}) {
         ByteString const blob = FromHex(hex);
         for (unsigned int length = 0; length < blob.Length(); ++length)
@@ -113,7 +113,7 @@ TEST(PublicKey, MalformedBlobIsRefused) {
         EXPECT_EQ(PublicKey(FromHex(hex))._rep, nullptr) << hex;
 }
 
-TEST(PublicKey, MalformedBlobAssignedLeavesNoKey) {
+TEST(PublicKey, AssignedMalformedBlobLeavesNoKey) {
     PublicKey key(FromHex(SMALL_RSA));
     key = FromHex("00");
     EXPECT_EQ(key._rep, nullptr);
@@ -132,7 +132,7 @@ TEST(PublicKey, EqualsComparesTypeAndNumbers) {
     EXPECT_FALSE(rsa._rep->Equals(*dss._rep));
 }
 
-TEST(PublicKey, CopiesAreValues) {
+TEST(PublicKey, CopiesAreIndependent) {
     PublicKey first(FromHex(SMALL_RSA));
     PublicKey const second(first);
     PublicKey third;

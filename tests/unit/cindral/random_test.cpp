@@ -20,13 +20,13 @@ std::string Padding(int count) {
     return bytes;
 }
 
-TEST(RandomBytes, GivesTheLengthAskedFor) {
+TEST(RandomBytes, HasTheLengthRequested) {
     for (unsigned int length : {0u, 1u, 16u, 3000000u}) EXPECT_EQ(RandomBytes(length).Length(), length);
 }
 
 TEST(RandomBytes, DiffersEachTime) { EXPECT_NE(ToHex(RandomBytes(16)), ToHex(RandomBytes(16))); }
 
-TEST(RandomBytes, ServesSeveralThreadsAtOnce) {
+TEST(RandomBytes, MayBeCalledByConcurrentThreads) {
     constexpr std::size_t THREADS = 4;
     std::vector<std::string> drawn(THREADS);
     std::vector<std::thread> threads;
@@ -35,12 +35,12 @@ TEST(RandomBytes, ServesSeveralThreadsAtOnce) {
     EXPECT_EQ(std::set<std::string>(drawn.begin(), drawn.end()).size(), THREADS);
 }
 
-TEST(PseudoRand, GivesEveryByteValue) {
+TEST(PseudoRand, YieldsEveryByteValue) {
     std::string const bytes = Padding(20000);
     EXPECT_EQ(std::set<char>(bytes.begin(), bytes.end()).size(), 256u);
 }
 
-TEST(PseudoRand, ThreadsDrawApart) {
+TEST(PseudoRand, ThreadsGetDifferentBytes) {
     std::string first;
     std::string second;
     std::thread one([&] { first = Padding(64); });

@@ -11,7 +11,7 @@ using namespace cindral;
 
 namespace {
 
-class ReadFileTest : public testing::Test {
+class ReadKeyFile : public testing::Test {
 protected:
     std::string Path() const { return _directory / "key"; }
     void Write(std::string const& text) const { std::ofstream(Path(), std::ios::binary) << text; }
@@ -21,7 +21,7 @@ protected:
     SecretBytes _contents;
 };
 
-TEST_F(ReadFileTest, WholeFileIsRead) {
+TEST_F(ReadKeyFile, WholeFileIsRead) {
     for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4096}, std::size_t{10000}}) {
         std::string const text(size, 'k');
         Write(text);
@@ -31,20 +31,20 @@ TEST_F(ReadFileTest, WholeFileIsRead) {
     }
 }
 
-TEST_F(ReadFileTest, ZeroBytesAreRead) {
+TEST_F(ReadKeyFile, ZeroBytesAreRead) {
     std::string const text("a\0b\n", 4);
     Write(text);
     EXPECT_EQ(ReadFile(Path().c_str(), _contents), 0);
     EXPECT_EQ(Contents(), text);
 }
 
-TEST_F(ReadFileTest, FailureIsTheNegatedErrno) {
+TEST_F(ReadKeyFile, FailureIsTheNegatedErrno) {
     EXPECT_EQ(ReadFile(Path().c_str(), _contents), -ENOENT);
     EXPECT_EQ(ReadFile(_directory.Path().c_str(), _contents), -EISDIR);
     EXPECT_EQ(ReadFile(nullptr, _contents), -ENOENT);
 }
 
-TEST_F(ReadFileTest, FileOfMoreThanOneMebibyteIsRefused) {
+TEST_F(ReadKeyFile, FileOfMoreThanOneMebibyteIsRefused) {
     Write(std::string(1 << 20, 'k'));
     EXPECT_EQ(ReadFile(Path().c_str(), _contents), 0);
     _contents.clear();
@@ -52,6 +52,6 @@ TEST_F(ReadFileTest, FileOfMoreThanOneMebibyteIsRefused) {
     EXPECT_EQ(ReadFile(Path().c_str(), _contents), -EFBIG);
 }
 
-TEST_F(ReadFileTest, EndlessFileIsRefused) { EXPECT_EQ(ReadFile("/dev/zero", _contents), -EFBIG); }
+TEST_F(ReadKeyFile, EndlessFileIsRefused) { EXPECT_EQ(ReadFile("/dev/zero", _contents), -EFBIG); }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include <brantle/cindral/save_termios.h>
 
 #include <fcntl.h>
-#include <pty.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -9,31 +8,22 @@
 
 #include <gtest/gtest.h>
 
+#include "support/terminal.h"
+
 using namespace cindral;
 
 namespace {
 
-class SaveTermiosTest : public testing::Test {
+class SavedTermios : public testing::Test {
 protected:
-    SaveTermiosTest() { EXPECT_EQ(openpty(&_master, &_slave, nullptr, nullptr, nullptr), 0); }
-    ~SaveTermiosTest() override {
-        close(_master);
-        close(_slave);
-    }
-    termios Now() const {
-        termios settings{};
-        EXPECT_EQ(tcgetattr(_slave, &settings), 0);
-        return settings;
-    }
-    bool IsRaw() const {
-        return !(Now().c_lflag & (ECHO | ICANON | ISIG | IEXTEN)) && !(Now().c_oflag & OPOST);
-    }
+    termios Now() const { return _terminal.Settings(); }
+    bool IsRaw() const { return _terminal.IsRaw(); }
 
-    int _master = -1;
-    int _slave = -1;
+    support::Terminal _terminal;
+    int const _slave = _terminal.Fd();
 };
 
-TEST_F(SaveTermiosTest, RemembersTheSettings) {
+TEST_F(SavedTermios, RemembersTheSettings) {
     termios const before = Now();
     SaveTermios const saved(_slave);
     EXPECT_EQ(saved.Settings().c_lflag, before.c_lflag);
@@ -41,12 +31,12 @@ TEST_F(SaveTermiosTest, RemembersTheSettings) {
     EXPECT_EQ(std::memcmp(saved.Settings().c_cc, before.c_cc, sizeof before.c_cc), 0);
 }
 
-TEST_F(SaveTermiosTest, BuildingChangesNothing) {
+TEST_F(SavedTermios, ConstructionChangesNothing) {
     SaveTermios const saved(_slave);
     EXPECT_FALSE(IsRaw());
 }
 
-TEST_F(SaveTermiosTest, RawModeGoesOnAndOff) {
+TEST_F(SavedTermios, RawModeIsSetAndReset) {
     termios const before = Now();
     SaveTermios saved(_slave);
     EXPECT_EQ(saved.SetRaw(), 0);
@@ -62,7 +52,7 @@ TEST_F(SaveTermiosTest, RawModeGoesOnAndOff) {
     EXPECT_TRUE(IsRaw());
 }
 
-TEST_F(SaveTermiosTest, DestructorPutsTheSettingsBack) {
+TEST_F(SavedTermios, DestructorRestoresTheSettings) {
     termios const before = Now();
     {
         SaveTermios saved(_slave);
@@ -72,7 +62,7 @@ TEST_F(SaveTermiosTest, DestructorPutsTheSettingsBack) {
     EXPECT_EQ(Now().c_oflag, before.c_oflag);
 }
 
-TEST_F(SaveTermiosTest, DestructorUndoesChangesOfOthersToo) {
+TEST_F(SavedTermios, DestructorUndoesForeignChanges) {
     termios const before = Now();
     {
         SaveTermios const saved(_slave);
@@ -83,7 +73,7 @@ TEST_F(SaveTermiosTest, DestructorUndoesChangesOfOthersToo) {
     EXPECT_EQ(Now().c_cc[VINTR], before.c_cc[VINTR]);
 }
 
-TEST_F(SaveTermiosTest, GoneTerminalIsToldByErrno) {
+TEST_F(SavedTermios, LostTerminalIsReportedByErrno) {
     int const own = dup(_slave);
     SaveTermios saved(own);
     close(own);
@@ -91,7 +81,7 @@ TEST_F(SaveTermiosTest, GoneTerminalIsToldByErrno) {
     EXPECT_EQ(saved.LeaveRaw(), -EBADF);
 }
 
-TEST(SaveTermios, DescriptorThatIsNoTerminalIsLeftAlone) {
+TEST_F(SavedTermios, DescriptorThatIsNoTerminalIsIgnored) {
     int const null = open("/dev/null", O_RDWR);
     for (int fd : {null, -1}) {
         SaveTermios saved(fd);

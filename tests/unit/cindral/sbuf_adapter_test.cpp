@@ -43,7 +43,7 @@ private:
 
 std::string Content(OStringBuffer const& buffer) { return std::string(buffer.Str(), buffer.Len()); }
 
-TEST(SBufAdapter, OutputReachesTheLayerAtOnce) {
+TEST(SBufAdapter, OutputReachesTheLayerImmediately) {
     OStringBuffer memory;
     SBufAdapter adapter(memory);
     std::ostream out(&adapter);
@@ -55,7 +55,7 @@ TEST(SBufAdapter, OutputReachesTheLayerAtOnce) {
     EXPECT_TRUE(out.good());
 }
 
-TEST(SBufAdapter, InputMayBeLookedAtBeforeItIsTaken) {
+TEST(SBufAdapter, PeekDoesNotConsume) {
     IStringBuffer memory("abcdef");
     SBufAdapter adapter(memory);
     std::istream in(&adapter);
@@ -73,7 +73,7 @@ TEST(SBufAdapter, InputMayBeLookedAtBeforeItIsTaken) {
     EXPECT_TRUE(in.eof() && in.fail());
 }
 
-TEST(SBufAdapter, LookingAtTheEndSetsEofAlone) {
+TEST(SBufAdapter, PeekAtTheEndSetsOnlyEofbit) {
     IStringBuffer memory("");
     SBufAdapter adapter(memory);
     std::istream in(&adapter);
@@ -82,7 +82,7 @@ TEST(SBufAdapter, LookingAtTheEndSetsEofAlone) {
     EXPECT_FALSE(in.fail());
 }
 
-TEST(SBufAdapter, ByteOfAllOnesIsNotTheEnd) {
+TEST(SBufAdapter, Byte255IsNotTheEnd) {
     IStringBuffer memory("\xff\xff\xff", 3);
     SBufAdapter adapter(memory);
     std::istream in(&adapter);
@@ -108,7 +108,7 @@ TEST(SBufAdapter, LinesAndWordsAreRead) {
     EXPECT_FALSE(std::getline(in, word));
 }
 
-TEST(SBufAdapter, ReadPastTheEndTellsHowManyCame) {
+TEST(SBufAdapter, ReadPastTheEndCountsTheBytesRead) {
     IStringBuffer memory("abc");
     SBufAdapter adapter(memory);
     std::istream in(&adapter);
@@ -118,7 +118,7 @@ TEST(SBufAdapter, ReadPastTheEndTellsHowManyCame) {
     EXPECT_TRUE(in.eof());
 }
 
-TEST(SBufAdapter, RangesAreMovedInSeveralPartsIfNeedBe) {
+TEST(SBufAdapter, RangesMayBeMovedInSeveralParts) {
     Limited layer(7);
     SBufAdapter adapter(layer);
     EXPECT_EQ(adapter.sputn("abcde", 5), 5);
@@ -130,7 +130,7 @@ TEST(SBufAdapter, RangesAreMovedInSeveralPartsIfNeedBe) {
     EXPECT_EQ(reader.sgetn(bytes, 5), 2);
 }
 
-TEST(SBufAdapter, FailureOfTheLayerShowsInTheStream) {
+TEST(SBufAdapter, FailureOfTheLayerSetsTheStreamState) {
     Limited layer(1);
     SBufAdapter adapter(layer);
     std::ostream out(&adapter);

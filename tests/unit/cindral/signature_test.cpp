@@ -9,15 +9,15 @@ namespace {
 
 constexpr char const* DATA = "what is signed";
 
-class SignatureTest : public KeyFiles {
+class Signatures : public KeyFiles {
 protected:
-    /// A fresh key pair, read into `_private` and `_public`.
-    void MakeKey(std::string const& options) {
-        Run("rm -f id id.pub");
-        Keygen("id", options);
+    /// Reads the key pair of that name and those options into `_private` and `_public`.
+    void MakeKey(std::string const& options, std::string const& name = "id") {
+        Run("rm -f " + name + " " + name + ".pub");
+        Keygen(name, options);
         ScriptedAnswers none(0, {});
-        ASSERT_EQ(_private.Read(Path("id").c_str(), none), 0);
-        ASSERT_EQ(_public.ReadSSH(Path("id.pub").c_str()), 0);
+        ASSERT_EQ(_private.Read(Path(name).c_str(), none), 0);
+        ASSERT_EQ(_public.ReadSSH(Path(name + ".pub").c_str()), 0);
     }
     Signature Signed(KeyType type) {
         Signature signature(type);
@@ -52,7 +52,7 @@ protected:
     PublicKey _public;
 };
 
-TEST_F(SignatureTest, RsaIsVerifiedByOthers) {
+TEST_F(Signatures, RsaSignatureIsVerifiedByOpenSsl) {
     MakeKey("-t rsa -b 2048");
     ByteString const blob = Signed(KEY_RSA)._rep->Encode();
     EXPECT_EQ(ToHex(blob.SubStr(0, 15)), "00000007"
@@ -62,7 +62,7 @@ TEST_F(SignatureTest, RsaIsVerifiedByOthers) {
     EXPECT_TRUE(OpensslVerifies(Value(blob)));
 }
 
-TEST_F(SignatureTest, DsaIsVerifiedByOthers) {
+TEST_F(Signatures, DsaSignatureIsVerifiedByOpenSsl) {
     MakeKey("-t dsa");
     ByteString const blob = Signed(KEY_DSA)._rep->Encode();
     EXPECT_EQ(ToHex(blob.SubStr(0, 15)), "00000007"
@@ -73,7 +73,7 @@ TEST_F(SignatureTest, DsaIsVerifiedByOthers) {
     EXPECT_TRUE(OpensslVerifies(std::string{'\x30', static_cast<char>(numbers.size())} + numbers));
 }
 
-TEST_F(SignatureTest, SignatureOfOthersIsVerified) {
+TEST_F(Signatures, OpenSslSignatureIsVerified) {
     MakeKey("-t rsa -b 1024 -m PEM");
     Write("data", DATA);
     Run("openssl dgst -sha1 -sign id -out raw data");
@@ -81,7 +81,7 @@ TEST_F(SignatureTest, SignatureOfOthersIsVerified) {
     EXPECT_EQ(Verify(Bytes(blob)), 1);
 }
 
-TEST_F(SignatureTest, OtherDataOrKeyFails) {
+TEST_F(Signatures, DifferentDataOrKeyFails) {
     for (auto const& [type, options] : {std::pair{KEY_RSA, "-t rsa -b 1024"}, std::pair{KEY_DSA, "-t dsa"}}) {
         MakeKey(options);
         Signature signature = Signed(type);
@@ -89,12 +89,12 @@ TEST_F(SignatureTest, OtherDataOrKeyFails) {
         EXPECT_NE(signature.Verify(Bytes("other data"), DIGEST_SHA1, _public), 1);
         EXPECT_NE(signature.Verify(ByteString(), DIGEST_SHA1, _public), 1);
         EXPECT_NE(signature.Verify(Bytes(DATA), DIGEST_SHA1, PublicKey()), 1);
-        MakeKey(options);
+        MakeKey(options, "other");
         EXPECT_NE(signature.Verify(Bytes(DATA), DIGEST_SHA1, _public), 1);
     }
 }
 
-TEST_F(SignatureTest, EveryDamagedByteFails) {
+TEST_F(Signatures, EveryDamagedByteFails) {
     for (auto const& [type, options] : {std::pair{KEY_RSA, "-t rsa -b 1024"}, std::pair{KEY_DSA, "-t dsa"}}) {
         MakeKey(options);
         ByteString const blob = Signed(type)._rep->Encode();
@@ -110,7 +110,7 @@ TEST_F(SignatureTest, EveryDamagedByteFails) {
     }
 }
 
-TEST_F(SignatureTest, RsaValueWithoutLeadingZerosIsVerified) {
+TEST_F(Signatures, RsaValueWithoutLeadingZerosIsVerified) {
     MakeKey("-t rsa -b 1024");
     // One signature in 256 begins with a zero byte; data is varied until one does.
     for (int i = 0; i < 20000; ++i) {
@@ -126,7 +126,7 @@ TEST_F(SignatureTest, RsaValueWithoutLeadingZerosIsVerified) {
     FAIL() << "no signature with a leading zero";
 }
 
-TEST_F(SignatureTest, KeyOfAnotherTypeIsRefused) {
+TEST_F(Signatures, KeyOfAnotherTypeIsRefused) {
     MakeKey("-t rsa -b 1024");
     PublicKey const rsa(_public);
     Signature wrong(KEY_DSA);
@@ -136,7 +136,7 @@ TEST_F(SignatureTest, KeyOfAnotherTypeIsRefused) {
     EXPECT_NE(Signed(KEY_DSA).Verify(Bytes(DATA), DIGEST_SHA1, rsa), 1);
 }
 
-TEST_F(SignatureTest, NoKeyNoSignature) {
+TEST_F(Signatures, SigningWithoutAKeyFails) {
     Signature signature(KEY_RSA);
     EXPECT_LT(signature.Sign(Bytes(DATA), DIGEST_SHA1, PrivateKey()), 0);
     MakeKey("-t rsa -b 1024");
@@ -145,7 +145,7 @@ TEST_F(SignatureTest, NoKeyNoSignature) {
     EXPECT_NE(Signed(KEY_RSA).Verify(Bytes(DATA), static_cast<DigestType>(1), _public), 1);
 }
 
-TEST_F(SignatureTest, DsaSubgroupThatDoesNotFitTheFormatIsRefused) {
+TEST_F(Signatures, DsaSubgroupThatDoesNotFitTheFormatIsRefused) {
     Run("openssl genpkey -genparam -algorithm DSA -pkeyopt dsa_paramgen_bits:1024 -pkeyopt "
         "dsa_paramgen_q_bits:256 "
         "-out params && openssl genpkey -paramfile params -out id");
@@ -155,7 +155,7 @@ TEST_F(SignatureTest, DsaSubgroupThatDoesNotFitTheFormatIsRefused) {
     EXPECT_LT(signature.Sign(Bytes(DATA), DIGEST_SHA1, _private), 0);
 }
 
-TEST_F(SignatureTest, DecodeStoresABlobOfItsType) {
+TEST_F(Signatures, DecodeStoresABlobOfItsType) {
     MakeKey("-t rsa -b 1024");
     ByteString const blob = Signed(KEY_RSA)._rep->Encode();
     Signature signature(KEY_RSA);
@@ -165,7 +165,7 @@ TEST_F(SignatureTest, DecodeStoresABlobOfItsType) {
     EXPECT_EQ(signature.Verify(Bytes(DATA), DIGEST_SHA1, _public), 1);
 }
 
-TEST(Signature, DecodeRefusesWhatIsNoSignatureOfItsType) {
+TEST_F(Signatures, DecodeRefusesOtherTypesAndMalformedBlobs) {
     ByteString const rsa = FromHex("00000007 7373682d727361 00000001 05");
     for (char const* hex : {
              "", "00", "00000007 7373682d727361",             // cut
@@ -186,14 +186,14 @@ TEST(Signature, DecodeRefusesWhatIsNoSignatureOfItsType) {
     EXPECT_LT(otherDigest._rep->Decode(rsa, static_cast<DigestType>(4)), 0);
 }
 
-TEST(Signature, DssValueHas40Bytes) {
+TEST_F(Signatures, DssValueHas40Bytes) {
     std::string const front = "00000007 7373682d647373 000000";
     EXPECT_EQ(Signature(KEY_DSA)._rep->Decode(FromHex(front + "28" + std::string(80, '1')), DIGEST_SHA1), 0);
     EXPECT_LT(Signature(KEY_DSA)._rep->Decode(FromHex(front + "27" + std::string(78, '1')), DIGEST_SHA1), 0);
     EXPECT_LT(Signature(KEY_DSA)._rep->Decode(FromHex(front + "29" + std::string(82, '1')), DIGEST_SHA1), 0);
 }
 
-TEST(Signature, CopiesAreValues) {
+TEST_F(Signatures, CopiesAreIndependent) {
     Signature const first(FromHex("00000007 7373682d727361 00000001 05"));
     Signature second(first);
     ASSERT_EQ(second._rep->Decode(FromHex("00000007 7373682d727361 00000001 06"), DIGEST_SHA1), 0);

@@ -46,7 +46,7 @@ public:
     bool _failing = false;
 };
 
-TEST(ISockStreamAdapter, TypedValuesComeOutOfTheLayer) {
+TEST(ISockStreamAdapter, TypedValuesAreReadFromTheLayer) {
     IStringBuffer memory("\0\0\0\7\0\0\0\2ok!", 11);
     ISockStreamAdapter in(memory);
     unsigned int number = 0;
@@ -62,7 +62,7 @@ TEST(ISockStreamAdapter, TypedValuesComeOutOfTheLayer) {
     EXPECT_EQ(in.Status(), SockStream::END_OF_INPUT);
 }
 
-TEST(ISockStreamAdapter, FillHandsOnTheResultOfTheLayer) {
+TEST(ISockStreamAdapter, FillReturnsTheResultOfTheLayer) {
     IStringBuffer memory("abc");
     ISockStreamAdapter in(memory);
     EXPECT_EQ(in.Fill(), 3);
@@ -113,7 +113,7 @@ TEST(ISockStreamAdapter, TiedStreamIsFlushedOnceBeforeTheLayerIsAsked) {
     }
 }
 
-TEST(ISockStreamAdapter, LinesComeOutOfTheLayer) {
+TEST(ISockStreamAdapter, LinesAreReadFromTheLayer) {
     IStringBuffer memory("one\ntwo");
     ISockStreamAdapter in(memory);
     String_t line;
@@ -124,7 +124,7 @@ TEST(ISockStreamAdapter, LinesComeOutOfTheLayer) {
     EXPECT_EQ(in.Status(), SockStream::END_OF_INPUT);
 }
 
-TEST(ISockStreamAdapter, AnEndIsNotFinal) {
+TEST(ISockStreamAdapter, EndOfInputIsNotFinal) {
     IStringBuffer memory("\0\0\0\1ab\0\0\0\2cd", 12);
     Fence fence(&memory);
     ISockStreamAdapter in(fence);
@@ -144,7 +144,7 @@ TEST(ISockStreamAdapter, AnEndIsNotFinal) {
     EXPECT_EQ(std::string(bytes, 2), "cd");
 }
 
-TEST(ISockStreamAdapter, NoByteAfterTheFenceIsTakenFromTheSocket) {
+TEST(ISockStreamAdapter, NoByteAfterTheFenceIsReadFromTheSocket) {
     DescriptorPair pair = DescriptorPair::Sockets();
     ISocketBuffer socket;
     socket.Bind(pair.Ours());
@@ -159,7 +159,7 @@ TEST(ISockStreamAdapter, NoByteAfterTheFenceIsTakenFromTheSocket) {
     EXPECT_EQ(std::string(bytes, 3), "MAC");
 }
 
-TEST(OSockStreamAdapter, TypedValuesReachTheLayerWithTheFlush) {
+TEST(OSockStreamAdapter, TypedValuesReachTheLayerOnFlush) {
     OStringBuffer memory;
     OSockStreamAdapter out(memory);
     out << 7u << ByteString("ok", 2);
@@ -193,7 +193,7 @@ TEST(OSockStreamAdapter, WriteCharsRepeatsTheCharacter) {
     EXPECT_EQ(Content(memory), std::string(493, 'c') + std::string(2, '\0'));
 }
 
-TEST(OSockStreamAdapter, FlushGoesOnWhereTheLayerStopped) {
+TEST(OSockStreamAdapter, FlushContinuesWhereTheLayerStopped) {
     Grudging layer;
     OSockStreamAdapter out(layer);
     out.Write("abcde", 5);
@@ -214,7 +214,7 @@ TEST(OSockStreamAdapter, RefusalOfTheLayerKeepsTheBytes) {
     EXPECT_EQ(layer._text, "abc");
 }
 
-TEST(OSockStreamAdapter, DestructorDropsWhatIsBuffered) {
+TEST(OSockStreamAdapter, DestructorDropsBufferedBytes) {
     OStringBuffer memory;
     {
         OSockStreamAdapter out(memory);

@@ -20,12 +20,12 @@ using support::WriteOperation;
 
 namespace {
 
-class OverriddenFlush : public testing::TestWithParam<WriteOperation> {};
+class OverriddenSocketBufferFlush : public testing::TestWithParam<WriteOperation> {};
 
-INSTANTIATE_TEST_SUITE_P(Layers, OverriddenFlush, testing::ValuesIn(support::WriteOperations()),
+INSTANTIATE_TEST_SUITE_P(Layers, OverriddenSocketBufferFlush, testing::ValuesIn(support::WriteOperations()),
                          OperationName());
 
-TEST_P(OverriddenFlush, OfASocketBufferChangesEveryByte) {
+TEST_P(OverriddenSocketBufferFlush, OfASocketBufferChangesEveryByte) {
     DescriptorPair pair = DescriptorPair::Sockets();
     support::ShiftingOutput<OSocketBuffer> out;
     out.Bind(pair.Ours());
@@ -34,7 +34,7 @@ TEST_P(OverriddenFlush, OfASocketBufferChangesEveryByte) {
     EXPECT_EQ(pair.Received(), Shifted(GetParam()._bytes));
 }
 
-TEST_P(OverriddenFlush, OfASocketBufferChangesEveryByteOfTheLayerAbove) {
+TEST_P(OverriddenSocketBufferFlush, OfASocketBufferChangesEveryByteOfTheLayerAbove) {
     DescriptorPair pair = DescriptorPair::Sockets();
     support::ShiftingOutput<OSocketBuffer> out;
     out.Bind(pair.Ours());
@@ -44,7 +44,7 @@ TEST_P(OverriddenFlush, OfASocketBufferChangesEveryByteOfTheLayerAbove) {
     EXPECT_EQ(pair.Received(), Shifted(bytes));
 }
 
-TEST_P(OverriddenFlush, OfAnAdapterChangesEveryByte) {
+TEST_P(OverriddenSocketBufferFlush, OfAnAdapterChangesEveryByte) {
     OStringBuffer memory;
     support::ShiftingOutput<OSockStreamAdapter> out(memory);
     GetParam()._write(out);
@@ -52,15 +52,15 @@ TEST_P(OverriddenFlush, OfAnAdapterChangesEveryByte) {
     EXPECT_EQ(std::string(memory.Str(), memory.Len()), Shifted(GetParam()._bytes));
 }
 
-class OverriddenFill : public testing::TestWithParam<ReadOperation> {
+class OverriddenSocketBufferFill : public testing::TestWithParam<ReadOperation> {
 protected:
     std::string const _wire = Shifted(GetParam()._bytes);
 };
 
-INSTANTIATE_TEST_SUITE_P(Layers, OverriddenFill, testing::ValuesIn(support::ReadOperations()),
+INSTANTIATE_TEST_SUITE_P(Layers, OverriddenSocketBufferFill, testing::ValuesIn(support::ReadOperations()),
                          OperationName());
 
-TEST_P(OverriddenFill, OfASocketBufferChangesEveryByte) {
+TEST_P(OverriddenSocketBufferFill, OfASocketBufferChangesEveryByte) {
     DescriptorPair pair = DescriptorPair::Sockets();
     support::ShiftingInput<ISocketBuffer> in;
     in.Bind(pair.Ours());
@@ -69,7 +69,7 @@ TEST_P(OverriddenFill, OfASocketBufferChangesEveryByte) {
     EXPECT_EQ(GetParam()._read(in), GetParam()._bytes);
 }
 
-TEST_P(OverriddenFill, OfASocketBufferChangesEveryByteOfTheLayerAbove) {
+TEST_P(OverriddenSocketBufferFill, OfASocketBufferChangesEveryByteOfTheLayerAbove) {
     DescriptorPair pair = DescriptorPair::Sockets();
     support::ShiftingInput<ISocketBuffer> in;
     in.Bind(pair.Ours());
@@ -80,7 +80,7 @@ TEST_P(OverriddenFill, OfASocketBufferChangesEveryByteOfTheLayerAbove) {
     EXPECT_EQ(bytes, GetParam()._bytes);
 }
 
-TEST_P(OverriddenFill, OfAnAdapterChangesEveryByte) {
+TEST_P(OverriddenSocketBufferFill, OfAnAdapterChangesEveryByte) {
     IStringBuffer memory(_wire.data(), static_cast<unsigned int>(_wire.size()));
     support::ShiftingInput<ISockStreamAdapter> in(memory);
     EXPECT_EQ(GetParam()._read(in), GetParam()._bytes);

@@ -32,7 +32,7 @@ protected:
     char _bytes[16384];
 };
 
-TEST_F(SocketBuffers, HaveNoTimeLimitAtFirst) {
+TEST_F(SocketBuffers, HaveNoTimeLimitByDefault) {
     EXPECT_EQ(_in._timeout, 0u);
     EXPECT_EQ(_out._timeout, 0u);
 }
@@ -68,7 +68,7 @@ TEST_F(SocketBuffers, GetReadsAWholeBufferAtATime) {
     EXPECT_EQ(counter.Polls(), 0);
 }
 
-TEST_F(SocketBuffers, EndOfInputShowsAfterTheBytesThatCame) {
+TEST_F(SocketBuffers, EndOfInputIsReturnedAfterTheBytesReceived) {
     _pair.Send("abc");
     _pair.ClosePeer();
     EXPECT_EQ(_in.get(_bytes, _bytes + 8), 3);
@@ -76,7 +76,7 @@ TEST_F(SocketBuffers, EndOfInputShowsAfterTheBytesThatCame) {
     EXPECT_EQ(_in.getchr(_bytes[0]), 0);
 }
 
-TEST_F(SocketBuffers, PeerThatStopsInTheMiddleEndsAtTheLimitOnceAndForAll) {
+TEST_F(SocketBuffers, ReadFromAStalledPeerTimesOutForGood) {
     _in._timeout = 1;
     _pair.Send("abc");
     auto const started = std::chrono::steady_clock::now();
@@ -92,7 +92,7 @@ TEST_F(SocketBuffers, PeerThatStopsInTheMiddleEndsAtTheLimitOnceAndForAll) {
     EXPECT_EQ(counter.Transfers() + counter.Polls(), 0);
 }
 
-TEST_F(SocketBuffers, LimitHoldsForEachWaitByItself) {
+TEST_F(SocketBuffers, LimitAppliesToEachWait) {
     _in._timeout = 2;
     std::thread peer([this] {
         for (int i = 0; i < 3; ++i) {
@@ -104,7 +104,7 @@ TEST_F(SocketBuffers, LimitHoldsForEachWaitByItself) {
     peer.join();
 }
 
-TEST_F(SocketBuffers, PeerThatTakesNothingEndsAWriteAtTheLimitOnceAndForAll) {
+TEST_F(SocketBuffers, WriteToAStalledPeerTimesOutForGood) {
     _out._timeout = 1;
     errno = 0;
     EXPECT_LT(Put(std::string(4 << 20, 'x')), 0);
@@ -116,7 +116,7 @@ TEST_F(SocketBuffers, PeerThatTakesNothingEndsAWriteAtTheLimitOnceAndForAll) {
     EXPECT_EQ(counter.Transfers() + counter.Polls(), 0);
 }
 
-TEST_F(SocketBuffers, SmallRangesGatherUntilTheFlush) {
+TEST_F(SocketBuffers, SmallRangesAreBufferedUntilTheFlush) {
     EXPECT_EQ(Put("abc"), 3);
     EXPECT_EQ(_out.putchr('d'), 0);
     EXPECT_EQ(_pair.Received(), "");
@@ -180,7 +180,7 @@ TEST_F(SocketBuffers, WhatIsBufferedStaysWhenItCanNotLeaveWithARange) {
     EXPECT_EQ(_out.Status(), SockStream::FAILED);
 }
 
-TEST_F(SocketBuffers, OrderIsKeptWhenTheBufferHoldsSomething) {
+TEST_F(SocketBuffers, OrderIsKeptWhenTheBufferIsNotEmpty) {
     Put("abc");
     EXPECT_EQ(Put(std::string(20000, 'x')), 20000);
     Put("z");
@@ -188,7 +188,7 @@ TEST_F(SocketBuffers, OrderIsKeptWhenTheBufferHoldsSomething) {
     EXPECT_EQ(_pair.Received(), "abc" + std::string(20000, 'x') + "z");
 }
 
-TEST_F(SocketBuffers, InterruptsAndShortCountsDoNotShow) {
+TEST_F(SocketBuffers, InterruptsAndShortCountsAreHandled) {
     {
         FaultyCalls faults(500);
         EXPECT_EQ(Put(std::string(8192, 'x') + "end"), 8195);
@@ -209,7 +209,7 @@ TEST_F(SocketBuffers, InterruptsAndShortCountsDoNotShow) {
     EXPECT_EQ(std::string(_bytes, 16), "abcdefghijklmnop");
 }
 
-TEST_F(SocketBuffers, ClosedPeerFailsAWriteWithoutASignal) {
+TEST_F(SocketBuffers, WriteToAClosedPeerFailsWithoutASignal) {
     _pair.ClosePeer();
     Put("abc");
     errno = 0;
@@ -240,7 +240,7 @@ TEST_F(SocketBuffers, AreSocketStreamsToo) {
     EXPECT_FALSE(_in._pos < _in._end);
 }
 
-TEST_F(SocketBuffers, PipeServesAsDescriptor) {
+TEST_F(SocketBuffers, DescriptorMayBeAPipe) {
     DescriptorPair incoming = DescriptorPair::Pipe(true);
     DescriptorPair outgoing = DescriptorPair::Pipe(false);
     _in.Bind(incoming.Ours());
@@ -273,7 +273,7 @@ TEST_F(SocketBuffers, TiedStreamIsFlushedOnceForEachReadThatWaits) {
     }
 }
 
-TEST_F(SocketBuffers, EndWithinALargeRangeShowsAfterTheBytesThatCame) {
+TEST_F(SocketBuffers, EndWithinALargeRangeIsReturnedAfterTheBytesReceived) {
     _pair.Send(std::string(9000, 'x'));
     _pair.ClosePeer();
     std::string range(20000, '\0');
@@ -281,7 +281,7 @@ TEST_F(SocketBuffers, EndWithinALargeRangeShowsAfterTheBytesThatCame) {
     EXPECT_EQ(_in.get(range.data(), range.data() + 20000), 0);
 }
 
-TEST_F(SocketBuffers, FullBufferLeavesTogetherWithItsTrailer) {
+TEST_F(SocketBuffers, FullBufferIsSentTogetherWithItsTrailer) {
     using Sent = support::SendRecorder::Sent;
     support::SendRecorder recorder;
     Put(std::string(8176, 'x'));
@@ -311,7 +311,7 @@ TEST_F(SocketBuffers, FlushBeforeMoreHandsItOverAsMoreToCome) {
     EXPECT_EQ(_pair.Received(), "abcde");
 }
 
-TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
+TEST(TcpBuffer, FlushOfAnEmptyBufferUncorks) {
     DescriptorPair pair = DescriptorPair::Tcp();
     OSocketBuffer out;
     out.Bind(pair.Ours());
@@ -324,7 +324,7 @@ TEST(TcpBuffer, FlushOfNothingSendsWhatTheKernelHoldsBack) {
     EXPECT_EQ(support::Unsent(pair.Ours()), 0);
 }
 
-TEST_F(SocketBuffers, FailedFlushAfterOneAheadTellsItsOwnError) {
+TEST_F(SocketBuffers, FailedFlushAfterACorkedOneSetsItsOwnErrno) {
     Put("abc");
     _out.SetMoreToCome(true);
     _out.Flush();
@@ -335,7 +335,7 @@ TEST_F(SocketBuffers, FailedFlushAfterOneAheadTellsItsOwnError) {
     EXPECT_EQ(errno, EPIPE);
 }
 
-TEST_F(SocketBuffers, BindingForgetsWhatIsHeldBack) {
+TEST_F(SocketBuffers, BindForgetsTheCorkedState) {
     Put("abc");
     _out.SetMoreToCome(true);
     _out.Flush();

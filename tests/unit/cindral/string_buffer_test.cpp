@@ -17,7 +17,7 @@ int Put(CascadableStreamBuf& buffer, std::string const& text) {
     return buffer.put(text.data(), text.data() + text.size());
 }
 
-TEST(OStringBuffer, WithNothingWrittenGivesAPointerOfLengthZero) {
+TEST(OStringBuffer, EmptyBufferHasAPointerAndLengthZero) {
     OStringBuffer none;
     OStringBuffer zero(0);
     OStringBuffer roomy(100);
@@ -61,12 +61,12 @@ TEST(OStringBuffer, StaysInPlaceWithinItsCapacity) {
     EXPECT_EQ(buffer.Len(), 1000u);
 }
 
-TEST(OStringBuffer, FinalizeHasNothingToDo) {
+TEST(OStringBuffer, FinalizeDoesNothing) {
     OStringBuffer buffer;
     EXPECT_EQ(buffer.Finalize(), 0);
 }
 
-TEST(IStringBuffer, GivesATextUpToItsTerminator) {
+TEST(IStringBuffer, ReadsATextUpToItsTerminator) {
     IStringBuffer buffer("abc");
     char bytes[8];
     EXPECT_EQ(buffer.get(bytes, bytes + 8), 3);
@@ -75,7 +75,7 @@ TEST(IStringBuffer, GivesATextUpToItsTerminator) {
     EXPECT_EQ(buffer.getchr(bytes[0]), 0);
 }
 
-TEST(IStringBuffer, GivesZerosOfACountedText) {
+TEST(IStringBuffer, ReadsZerosOfACountedText) {
     IStringBuffer buffer("a\0b", 3);
     char byte = 'x';
     EXPECT_EQ(buffer.getchr(byte), 1);
@@ -96,7 +96,7 @@ TEST(IStringBuffer, DoesNotCopy) {
     EXPECT_EQ(byte, 'z');
 }
 
-TEST(IStringBuffer, AssignStartsAgain) {
+TEST(IStringBuffer, AssignRestarts) {
     IStringBuffer buffer("abc");
     char byte;
     buffer.getchr(byte);
@@ -115,7 +115,7 @@ TEST(IStringBuffer, NullIsEmpty) {
     EXPECT_EQ(counted.getchr(bytes[0]), 0);
 }
 
-TEST(OStringBuffer, ReleaseTakesTheBytesOutWithoutACopy) {
+TEST(OStringBuffer, ReleaseReturnsTheBytesWithoutACopy) {
     OStringBuffer buffer(8);
     std::string const text = "abc";
     buffer.put(text.data(), text.data() + 3);
@@ -129,7 +129,7 @@ TEST(OStringBuffer, ReleaseTakesTheBytesOutWithoutACopy) {
     EXPECT_EQ(buffer.Release().Length(), 0u);
 }
 
-TEST(IStringBuffer, SkipTellsWhatHasBeenPassedOver) {
+TEST(IStringBuffer, SkipReturnsTheSkippedBytes) {
     char const text[] = "abcdef";
     IStringBuffer buffer(text, 6);
     unsigned int size = 4;

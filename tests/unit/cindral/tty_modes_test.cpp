@@ -1,6 +1,5 @@
 #include <brantle/cindral/tty_modes.h>
 
-#include <pty.h>
 #include <unistd.h>
 
 #include <map>
@@ -8,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "hex.h"
+#include "support/terminal.h"
 
 using namespace cindral;
 
@@ -64,7 +64,7 @@ constexpr Character CHARACTERS[] = {
     {12, VREPRINT}, {13, VWERASE}, {14, VLNEXT}, {16, VSWTC}, {18, VDISCARD},
 };
 
-TEST(TtyMakeModes, EachFlagHasItsOpcodeAlone) {
+TEST(TtyMakeModes, EachFlagHasItsOpcode) {
     for (Setting const& flag : FLAGS) {
         termios settings{};
         settings.*flag._field = flag._flag;
@@ -101,27 +101,21 @@ TEST(TtyMakeModes, NothingElseIsEncoded) {
     EXPECT_EQ(Decode(TtyMakeModes(termios{})).size(), std::size(FLAGS) + std::size(CHARACTERS) + 2);
 }
 
-TEST(TtyMakeModes, BytesOfOneModeStandInWireOrder) {
+TEST(TtyMakeModes, BytesOfAModeAreInWireOrder) {
     termios settings{};
     settings.c_cc[VINTR] = 3;
     EXPECT_EQ(ToHex(TtyMakeModes(settings).SubStr(0, 10)), "0100000003"
                                                            "02000000ff");
 }
 
-TEST(TtyMakeModes, FreshTerminalReadsAsUsual) {
-    int master = -1;
-    int slave = -1;
-    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-    termios settings{};
-    tcgetattr(slave, &settings);
-    Modes const modes = Decode(TtyMakeModes(settings));
+TEST(TtyMakeModes, NewTerminalHasTheUsualModes) {
+    support::Terminal const terminal;
+    Modes const modes = Decode(TtyMakeModes(terminal.Settings()));
     EXPECT_EQ(modes.at(1), 3u);
     EXPECT_EQ(modes.at(50), 1u);
     EXPECT_EQ(modes.at(53), 1u);
     EXPECT_EQ(modes.at(91), 1u);
     EXPECT_EQ(modes.at(128), 38400u);
-    close(master);
-    close(slave);
 }
 
 } // namespace

@@ -90,7 +90,7 @@ TEST(WireReader, FieldsAreReadInTurn) {
     EXPECT_TRUE(reader.Ok());
 }
 
-TEST(WireReader, FieldBeyondTheEndIsEmptyAndSoIsAllAfterIt) {
+TEST(WireReader, FieldBeyondTheEndAndAllAfterItAreEmpty) {
     ByteString const bytes = FromHex("00000003 6162");
     WireReader reader(bytes.Data(), bytes.Length());
     EXPECT_EQ(reader.String()._length, 0u);

@@ -89,7 +89,7 @@ TEST_F(Multiplexer, NegativeDescriptorIsRefusedWithoutALock) {
     int alive = 0;
     TestDispatcher prototype;
     prototype.Counted(alive);
-    mux.Append(Note("told "));
+    mux.Append(Note("called "));
     mux.WLock();
     EXPECT_EQ(mux.Register(-1, prototype), EINVAL);
     EXPECT_EQ(mux.Unregister(-1), EINVAL);
@@ -126,7 +126,7 @@ TEST_F(MultiplexerDeathTest, UnknownTypeEndsTheProcess) {
                  "Assertion `0' failed");
 }
 
-TEST_F(Multiplexer, KeepsACloneAndDeletesItAtUnregister) {
+TEST_F(Multiplexer, KeepsACloneUntilUnregister) {
     int alive = 0;
     {
         TestDispatcher prototype([](int fd) { return fd + 1; });
@@ -157,7 +157,7 @@ TEST_F(Multiplexer, RegisteringAgainReplacesTheDispatcher) {
     EXPECT_EQ(Polled().Size(), 0u);
 }
 
-TEST_F(Multiplexer, DispatcherMayRegisterItselfAgain) {
+TEST_F(Multiplexer, DispatcherMayReregisterItself) {
     class Renewed : public IOMultiplexerDispatcher {
     public:
         explicit Renewed(IOMultiplexer& mux) : IOMultiplexerDispatcher(IOMultiplexerRead), _mux(mux) {}
@@ -213,16 +213,16 @@ TEST_F(Multiplexer, DestructorDeletesDispatchersButNotCallbacks) {
         IOMultiplexer other;
         other.Register(5, TestDispatcher().Counted(alive));
         other.Register(6, TestDispatcher().Counted(alive));
-        other.Append(Note("told "));
+        other.Append(Note("called "));
         EXPECT_EQ(alive, 2);
     }
     EXPECT_EQ(alive, 0);
     EXPECT_EQ((*callbacks[0])(1), 0);
 }
 
-TEST_F(Multiplexer, ClearDeletesDispatchersAndCallsNobody) {
+TEST_F(Multiplexer, ClearDeletesDispatchersWithoutCallbacks) {
     int alive = 0;
-    mux.Append(Note("told "));
+    mux.Append(Note("called "));
     mux.Register(5, TestDispatcher().Counted(alive));
     mux.Register(6, TestDispatcher().Counted(alive));
     mux.Clear();
@@ -231,16 +231,16 @@ TEST_F(Multiplexer, ClearDeletesDispatchersAndCallsNobody) {
     EXPECT_THAT(calls, IsEmpty());
     EXPECT_TRUE(CouldWrite(mux));
     mux.Unregister(5);
-    EXPECT_THAT(calls, ElementsAre("told 5"));
+    EXPECT_THAT(calls, ElementsAre("called 5"));
 }
 
 TEST_F(Multiplexer, UnregisterOfAnUnknownDescriptorStillRunsTheCallbacks) {
-    mux.Append(Note("told "));
+    mux.Append(Note("called "));
     EXPECT_EQ(mux.Unregister(77), 0);
-    EXPECT_THAT(calls, ElementsAre("told 77"));
+    EXPECT_THAT(calls, ElementsAre("called 77"));
 }
 
-TEST_F(Multiplexer, CallbacksRunFromTheFrontUntilOneStopsThem) {
+TEST_F(Multiplexer, CallbacksRunInOrderUntilOneStopsThem) {
     mux.Append(Note("b", 1));
     mux.Insert(Note("a"));
     mux.Append(Note("c"));
@@ -248,7 +248,7 @@ TEST_F(Multiplexer, CallbacksRunFromTheFrontUntilOneStopsThem) {
     EXPECT_THAT(calls, ElementsAre("a4", "b4"));
 }
 
-TEST_F(Multiplexer, NullCallbackEndsTheWalk) {
+TEST_F(Multiplexer, NullCallbackEndsTheIteration) {
     mux.Append(Note("a"));
     mux.Append(nullptr);
     mux.Append(Note("b"));
@@ -270,7 +270,7 @@ TEST_F(Multiplexer, CallbacksRunUnderTheReadLockOnly) {
     EXPECT_TRUE(CouldWrite(mux));
 }
 
-TEST_F(Multiplexer, DescriptorIsGoneWhenTheCallbacksRun) {
+TEST_F(Multiplexer, DescriptorIsUnregisteredWhenTheCallbacksRun) {
     int result = -1;
     TestCallback look([&](int fd) { return (result = mux.Dispatch(fd)); });
     mux.Append(&look);
@@ -286,7 +286,7 @@ TEST_F(Multiplexer, ExceptionFromACallbackReleasesTheLock) {
     EXPECT_TRUE(CouldWrite(mux));
 }
 
-TEST_F(Multiplexer, UnregisteredCallbackIsGivenBack) {
+TEST_F(Multiplexer, UnregisteredCallbackIsReturned) {
     mux.Append(Note("a"));
     mux.Append(Note("b"));
     EXPECT_EQ(mux.Unregister(SameCallback(*callbacks[0])), callbacks[0].get());
@@ -327,7 +327,7 @@ TEST_F(Multiplexer, DestroyCallbacksDeletesThemAll) {
     EXPECT_TRUE(CouldWrite(mux));
 }
 
-TEST_F(Multiplexer, InAvailGivesThoseWithBufferedInput) {
+TEST_F(Multiplexer, InAvailListsDispatchersWithBufferedInput) {
     mux.Register(9, TestDispatcher().WithInput([] { return 1; }));
     mux.Register(3, TestDispatcher().WithInput([] { return 0; }));
     mux.Register(1, TestDispatcher(nullptr, IOMultiplexerWrite).WithInput([] { return -1; }));
@@ -337,7 +337,7 @@ TEST_F(Multiplexer, InAvailGivesThoseWithBufferedInput) {
                 ElementsAre(IsRecord(1, POLLRDNORM, POLLRDNORM), IsRecord(9, POLLRDNORM, POLLRDNORM)));
 }
 
-TEST_F(Multiplexer, BufferedInputKeepsPollFromBeingCalled) {
+TEST_F(Multiplexer, BufferedInputPreventsPoll) {
     Pipe ready;
     ready.Fill();
     int left = 2;
@@ -383,14 +383,14 @@ TEST_F(Multiplexer, PollWorksOnACopyAndOutsideTheLock) {
     EXPECT_EQ(Polled().begin()->revents, 0);
 }
 
-TEST_F(Multiplexer, TakesAConcurrentReadersCountAfterPoll) {
+TEST_F(Multiplexer, ReadUnlockAfterPollReleasesAConcurrentReader) {
     mux.RLock();
     Polled();
     EXPECT_EQ(mux.RUnlock(), EINVAL);
     EXPECT_TRUE(CouldWrite(mux));
 }
 
-TEST_F(Multiplexer, EndsAWriterThatCameInTheGapOfUnregister) {
+TEST_F(Multiplexer, UnlockAfterUnregisterReleasesAConcurrentWriter) {
     // A writer can come in only after the callbacks, so it takes over the reader's place here.
     TestCallback takeOver([&](int) {
         EXPECT_EQ(mux.RUnlock(), 0);
@@ -403,7 +403,7 @@ TEST_F(Multiplexer, EndsAWriterThatCameInTheGapOfUnregister) {
     EXPECT_TRUE(CouldWrite(mux));
 }
 
-TEST_F(Multiplexer, NegativeProductOfTheTimeOutIsNoLimit) {
+TEST_F(Multiplexer, NegativeTimeOutProductIsNoLimit) {
     // 2147484 seconds are 2147484000 milliseconds, which is negative in 32 bits; 4294968 seconds wrap
     // around to 704 milliseconds.
     for (Timeval const& endless : {Timeval(2147484, 0), Timeval(2147483, 648), Timeval(4294967, 0)}) {
@@ -422,7 +422,7 @@ TEST_F(Multiplexer, NegativeProductOfTheTimeOutIsNoLimit) {
     EXPECT_EQ(mux.Poll(fds, Timeval(4294968, 0)), 0);
 }
 
-TEST_F(Multiplexer, PollReportsAClosedDescriptorThatNextfdPassesOver) {
+TEST_F(Multiplexer, PollReportsAClosedDescriptorThatNextfdSkips) {
     int closed;
     {
         Pipe pipe;
@@ -454,7 +454,7 @@ TEST_F(Multiplexer, PollReportsItsFailureByErrno) {
     EXPECT_EQ(error, EINVAL);
 }
 
-TEST(Nextfd, ChoosesReadyOnesInTurn) {
+TEST(Nextfd, ChoosesReadyDescriptorsInTurn) {
     PollFds const fds = MakePollFds(
         {PollFd(3, 0, POLLRDNORM), PollFd(5, 0, 0), PollFd(7, 0, POLLWRNORM), PollFd(9, 0, POLLHUP)});
     int cursor = -1;
@@ -464,7 +464,7 @@ TEST(Nextfd, ChoosesReadyOnesInTurn) {
     EXPECT_EQ(cursor, 0);
 }
 
-TEST(Nextfd, LooksAtFourEventsOnly) {
+TEST(Nextfd, ChecksFourEventsOnly) {
     for (int event : {POLLERR, POLLHUP, POLLRDNORM, POLLWRNORM}) {
         int cursor = -1;
         EXPECT_EQ(IOMultiplexer::Nextfd(cursor, MakePollFds({PollFd(3, 0, static_cast<short>(event))})), 3)
@@ -477,7 +477,7 @@ TEST(Nextfd, LooksAtFourEventsOnly) {
     }
 }
 
-TEST(Nextfd, WithoutAReadyOneGoesOnceAround) {
+TEST(Nextfd, WithoutAReadyDescriptorScansOnce) {
     PollFds const fds = MakePollFds({PollFd(3, 0, 0), PollFd(5, 0, 0), PollFd(7, 0, 0)});
     int cursor = 1;
     EXPECT_EQ(IOMultiplexer::Nextfd(cursor, fds), -1);
@@ -524,7 +524,7 @@ private:
 
 } // namespace
 
-TEST_F(Multiplexer, RequestIsProcessedWithoutALockAndStaysTheCallers) {
+TEST_F(Multiplexer, RequestIsProcessedWithoutALockAndStaysOwnedByTheCaller) {
     std::vector<int> processed;
     mux.Register(5, Requesting([&](int fd) {
                      processed.push_back(fd);
@@ -544,7 +544,7 @@ TEST_F(Multiplexer, RequestIsProcessedWithoutALockAndStaysTheCallers) {
     EXPECT_TRUE(CouldWrite(mux));
 }
 
-TEST_F(Multiplexer, TakesAConcurrentReadersCountAfterARequest) {
+TEST_F(Multiplexer, ReadUnlockAfterARequestReleasesAConcurrentReader) {
     mux.Register(5, Requesting([](int) {}));
     std::unique_ptr<IOMultiplexerRequest> const request(mux.MakeRequest(5));
     mux.RLock();

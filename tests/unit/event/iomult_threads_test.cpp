@@ -84,7 +84,7 @@ TEST_F(Threads, RegisteredDescriptorIsServedFromTheNextCycleOn) {
     }
 }
 
-TEST_F(Threads, SeveralMayRegisterAtOnce) {
+TEST_F(Threads, SeveralMayRegisterConcurrently) {
     constexpr int COUNT = 20;
     std::vector<std::unique_ptr<Pipe>> pipes;
     for (int i = 0; i < 3 * COUNT; ++i) pipes.push_back(std::make_unique<Pipe>());
@@ -123,7 +123,7 @@ TEST_F(Threads, CallbacksRunOnTheThreadThatUnregisters) {
     EXPECT_EQ(mux.Unregister(SameCallback(callback)), &callback);
 }
 
-TEST_F(Threads, CallbackListMayChangeWhileItIsWalked) {
+TEST_F(Threads, CallbackListMayChangeDuringIteration) {
     Counter calls;
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {

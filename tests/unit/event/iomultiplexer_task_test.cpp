@@ -78,7 +78,7 @@ TEST_F(Task, StopBeforeRunFiresNothing) {
     EXPECT_THAT(log, IsEmpty());
 }
 
-TEST_F(Task, StaysStopped) {
+TEST_F(Task, RunAfterStopReturnsImmediately) {
     EXPECT_EQ(task.Stop(), 0);
     EXPECT_EQ(task.Stop(), 1);
     EXPECT_EQ(task.Run(), -1);
@@ -86,7 +86,7 @@ TEST_F(Task, StaysStopped) {
     EXPECT_EQ(task.Stop(), 1);
 }
 
-TEST_F(Task, StopByATimerComesBeforeThePoll) {
+TEST_F(Task, StopByATimerTakesEffectBeforePoll) {
     Pipe ready;
     ready.Fill();
     mux.Register(ready.Reader(), Noting("dispatched").WithInput([this] { return Note("asked") == 0; }));
@@ -99,7 +99,7 @@ TEST_F(Task, StopByATimerComesBeforeThePoll) {
     EXPECT_THAT(log, ElementsAre("fired"));
 }
 
-TEST_F(Task, StopByADispatcherComesBeforeTheNextPoll) {
+TEST_F(Task, StopByADispatcherTakesEffectBeforeTheNextPoll) {
     Pipe ready;
     ready.Fill();
     stopAfter = 2;
@@ -118,7 +118,7 @@ TEST_F(Task, TimeOutOfTheConstructorHasNoEffect) {
     EXPECT_THAT(log, IsEmpty());
 }
 
-TEST_F(Task, EndOfTheSleepDispatchesNothingAndGoesOn) {
+TEST_F(Task, PollTimeOutDispatchesNothingAndContinues) {
     Pipe silent;
     mux.Register(silent.Reader(), Noting("dispatched"));
     Shot second(Timeval::Now() + Timeval(0, 40), [this] {
@@ -174,14 +174,14 @@ TEST_F(Task, DispatcherThatReturnsZeroIsUnregistered) {
     Pipe done, ready;
     done.Fill();
     ready.Fill();
-    TestCallback told([this](int) { return Note("told") == 0; });
-    mux.Append(&told);
+    TestCallback called([this](int) { return Note("called") == 0; });
+    mux.Append(&called);
     stopAfter = 4;
     int alive = 0;
     mux.Register(done.Reader(), TestDispatcher([this](int) { return Note("done") == 0; }).Counted(alive));
     mux.Register(ready.Reader(), Noting("ready"));
     EXPECT_EQ(task.Run(), -1);
-    EXPECT_THAT(log, ElementsAre("done", "told", "ready", "ready"));
+    EXPECT_THAT(log, ElementsAre("done", "called", "ready", "ready"));
     EXPECT_EQ(alive, 0);
 }
 
@@ -200,12 +200,12 @@ TEST_F(Task, DispatcherThatUnregistersItselfHasItsCallbacksRunTwice) {
     };
     Pipe ready;
     ready.Fill();
-    TestCallback told([this](int) { return Note("told") == 0; });
-    mux.Append(&told);
+    TestCallback called([this](int) { return Note("called") == 0; });
+    mux.Append(&called);
     stopAfter = 2;
     mux.Register(ready.Reader(), Leaving(mux));
     EXPECT_EQ(task.Run(), -1);
-    EXPECT_THAT(log, ElementsAre("told", "told"));
+    EXPECT_THAT(log, ElementsAre("called", "called"));
 }
 
 TEST_F(Task, DescriptorThatIsNotOpenSpinsUntilItIsUnregistered) {
@@ -224,7 +224,7 @@ TEST_F(Task, DescriptorThatIsNotOpenSpinsUntilItIsUnregistered) {
     EXPECT_THAT(log, IsEmpty());
 }
 
-TEST_F(Task, ExceptionOfADispatcherLeavesTheLoopForAnotherRun) {
+TEST_F(Task, ExceptionOfADispatcherLeavesTheLoopReusable) {
     Pipe ready;
     ready.Fill();
     bool thrown = false;
@@ -259,7 +259,7 @@ TEST_F(Task, FailedPollEndsTheRunWithItsErrorWithoutAnotherStopCheck) {
     EXPECT_THAT(log, IsEmpty());
 }
 
-TEST_F(Task, InterruptedPollIsNoFailureAndTimersAreChecked) {
+TEST_F(Task, InterruptedPollIsNotAFailureAndChecksTimers) {
     struct sigaction ignore = {}, old = {};
     ignore.sa_handler = [](int) {};
     sigaction(SIGUSR1, &ignore, &old);

@@ -38,7 +38,7 @@ public:
 
 } // namespace
 
-TEST(FailedLock, GuardEntersAllTheSameAndUnlocksNothing) {
+TEST(FailedLock, GuardOfAFailedLockEntersAndUnlocksNothing) {
     Mutex mutex;
     Wreck(mutex._mutex);
     {
@@ -47,7 +47,7 @@ TEST(FailedLock, GuardEntersAllTheSameAndUnlocksNothing) {
     EXPECT_EQ(mutex.Lock(), ENOTRECOVERABLE);
 }
 
-TEST(FailedLock, OperationsGoOnWithoutTheirMutex) {
+TEST(FailedLock, OperationsContinueWithoutTheirMutex) {
     WreckedLock lock;
     EXPECT_EQ(lock.RLock(), 0);
     EXPECT_EQ(lock.TryRLock(), 0);
@@ -65,7 +65,7 @@ TEST(FailedLock, OperationsGoOnWithoutTheirMutex) {
     EXPECT_EQ(lock.WUnlock(), 0);
 }
 
-TEST(FailedLock, FailedWaitIsTheResultAndNobodyWaits) {
+TEST(FailedLock, FailedWaitIsReturnedAndLeavesNoWaiter) {
     WreckedLock lock;
     EXPECT_EQ(lock.WLock(), 0);
     EXPECT_EQ(lock.RLock(), EPERM);

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Runs `work` on a thread of its own and gives its result.
+/// Runs `work` on another thread and returns its result.
 int OnAnotherThread(std::function<int()> work) {
     int result = -1;
     std::thread thread([&] { result = work(); });
@@ -47,7 +47,7 @@ private:
 
 } // namespace
 
-TEST(Mutex, ItsWordTellsThatItIsReady) {
+TEST(Mutex, StateIsReadyAfterConstruction) {
     Mutex mutex;
     EXPECT_EQ(mutex._valid, 0x33343536u);
     EXPECT_TRUE(mutex.IsValid());
@@ -56,7 +56,7 @@ TEST(Mutex, ItsWordTellsThatItIsReady) {
     EXPECT_EQ(mutex.Unlock(), 0);
 }
 
-TEST(RMutex, HolderMayLockAgain) {
+TEST(RMutex, OwnerMayLockAgain) {
     RMutex mutex;
     EXPECT_EQ(mutex.Lock(), 0);
     EXPECT_EQ(mutex.Lock(), 0);
@@ -95,7 +95,7 @@ TEST(RMutex, UnlockOfAFreeMutexIsRefused) {
     EXPECT_EQ(mutex.Unlock(), 1);
 }
 
-TEST(RMutex, FailedTrylockLeavesTheHolderAlone) {
+TEST(RMutex, FailedTrylockDoesNotAffectTheOwner) {
     RMutex mutex;
     mutex.Lock();
     EXPECT_EQ(OnAnotherThread([&] { return mutex.Trylock(); }), EBUSY);
@@ -110,7 +110,7 @@ TEST(RMutex, TrylockTakesAFreeMutex) {
     EXPECT_EQ(mutex.Unlock(), 0);
 }
 
-TEST(RMutex, KeepsThreadsApart) {
+TEST(RMutex, ExcludesOtherThreads) {
     RMutex mutex;
     int count = 0;
     auto work = [&] {
@@ -143,7 +143,7 @@ TEST(RWLock, StartsFreeAndValid) {
     EXPECT_EQ(lock.WaitingWriters(), 0);
 }
 
-TEST(RWLock, RefusesEverythingWhenItIsNotValid) {
+TEST(RWLock, InvalidLockRefusesEveryOperation) {
     OpenLock lock;
     for (std::uint32_t word : {0u, 0x22232424u}) {
         lock.SetValid(word);
@@ -196,7 +196,7 @@ TEST(RWLock, ManyReadersOrOneWriter) {
     EXPECT_EQ(lock.WUnlock(), 0);
 }
 
-TEST(RWLock, LastReaderWakesTheWriterAndNewReadersPassItBy) {
+TEST(RWLock, LastReaderWakesTheWriterAndNewReadersOvertakeIt) {
     OpenLock lock;
     lock.RLock();
     lock.RLock();
@@ -305,7 +305,7 @@ TEST(RWLock, CancelledWriterLeavesTheLockAsItWas) {
     EXPECT_EQ(lock.RUnlock(), 0);
 }
 
-TEST(RWLock, WritersKeepEachOtherAndReadersOut) {
+TEST(RWLock, WritersExcludeEachOtherAndReaders) {
     OpenLock lock;
     int value = 0;
     auto write = [&] {

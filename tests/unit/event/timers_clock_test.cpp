@@ -58,7 +58,7 @@ TEST(Clock, IsReadInWholeMilliseconds) {
     EXPECT_THAT(Timeval::Now(), IsTime(100, 0));
 }
 
-TEST(Clock, TimerFiresAtItsTimeAndNotBefore) {
+TEST(Clock, TimerDoesNotFireBeforeItsTime) {
     for (timeval now : {At(100, 500), At(100, 501), At(101, 0)}) {
         readings = {now};
         IOMultiplexer mux;
@@ -91,7 +91,7 @@ TEST(Clock, SleepLastsUntilTheNextTimer) {
     EXPECT_THAT(mux.CheckTimers(), IsTime(90, 500));
 }
 
-TEST(Clock, ThousandMillisecondsComeBeforeTheNextSecond) {
+TEST(Clock, ThousandMillisecondsPrecedeTheNextSecond) {
     IOMultiplexer mux;
     Shot shot(Timeval(100, 1000));
     mux.Insert(&shot);
@@ -102,7 +102,7 @@ TEST(Clock, ThousandMillisecondsComeBeforeTheNextSecond) {
     EXPECT_EQ(shot._firedAt.size(), 1u);
 }
 
-TEST(Clock, IsReadOnceForWhatIsDueAndOnceForTheSleep) {
+TEST(Clock, IsReadOnceForDueTimersAndOnceForTheSleep) {
     IOMultiplexer mux;
     Shot first(Timeval(100, 0)), second(Timeval(100, 0)), third(Timeval(100, 5));
     for (Shot* shot : {&first, &second, &third}) mux.Insert(shot);
@@ -113,7 +113,7 @@ TEST(Clock, IsReadOnceForWhatIsDueAndOnceForTheSleep) {
     EXPECT_THAT(third._firedAt, IsEmpty());
 }
 
-TEST(Clock, TimerThatHasFallenDueAtTheSecondLookWaits) {
+TEST(Clock, TimerDueAtTheSecondReadingWaits) {
     for (timeval later : {At(100, 5), At(100, 6), At(101, 0)}) {
         IOMultiplexer mux;
         Shot shot(Timeval(100, 5));
@@ -124,7 +124,7 @@ TEST(Clock, TimerThatHasFallenDueAtTheSecondLookWaits) {
     }
 }
 
-TEST(Clock, InvokedTimersEachGetTheTimeAgain) {
+TEST(Clock, EachInvokedTimerGetsANewTime) {
     IOMultiplexer mux;
     Shot first(Timeval(100, 0)), second(Timeval(101, 0));
     mux.Insert(&first);
@@ -146,7 +146,7 @@ TEST(Clock, PeriodicTimerKeepsItsPhaseWhileTheNextTickIsAhead) {
     }
 }
 
-TEST(Clock, PeriodicTimerShiftsToThePresentWhenTheNextTickIsNotAhead) {
+TEST(Clock, PeriodicTimerRestartsNowWhenTheNextTickIsPast) {
     readings = {At(100, 0)};
     Tick tick(Timeval(100, 0), Timeval(1, 0));
     tick._next = Timeval(101, 0);
@@ -171,7 +171,7 @@ TEST(Clock, PeriodicTimerStalledForTenIntervalsFiresOnce) {
     EXPECT_THAT(tick._next, IsTime(112, 3));
 }
 
-TEST(Clock, NewTimersStartAtThePresent) {
+TEST(Clock, NewTimersStartNow) {
     readings = {At(100, 7)};
     Tick const tick(Timeval(2, 0));
     EXPECT_THAT(tick._start, IsTime(100, 7));

@@ -74,7 +74,7 @@ private:
     IOMultiplexer::Timer const* _timer;
 };
 
-/// The wall clock lies between two readings of it.
+/// Whether a reading of the wall clock is between two others.
 bool IsBetween(Timeval const& low, Timeval const& t, Timeval const& high) {
     return !(t < low) && !(high < t);
 }
@@ -160,7 +160,7 @@ TEST(Timeval, NowIsTheWallClock) {
     EXPECT_LE(now._msec, 999u);
 }
 
-TEST(OnceTimer, IsDueAtItsTimeAndThenNoMore) {
+TEST(OnceTimer, IsDueOnceAtItsTime) {
     Shot shot(Timeval(7, 8));
     EXPECT_THAT(shot._start, IsTime(7, 8));
     EXPECT_THAT(shot._next, IsTime(7, 8));
@@ -199,13 +199,13 @@ TEST(PeriodicTimer, IsFirstDueOneIntervalAfterItsStart) {
     EXPECT_THAT(tick._next, IsTime(FUTURE._sec - 80, 10));
 }
 
-TEST(PeriodicTimer, SkipsTheTicksThatItMissed) {
+TEST(PeriodicTimer, SkipsMissedTicks) {
     Timeval const interval(600, 0);
     Tick tick(Timeval::Now() - Timeval(6000, 0), interval);
     Timeval const before = Timeval::Now();
     Timeval const next = tick.ScheduleNext();
     Timeval const after = Timeval::Now();
-    // At construction it fell behind too, so that it is in step with the present already.
+    // It was late at construction too, so that it has caught up already.
     EXPECT_PRED3(IsBetween, before + interval, next, after + interval + interval);
     tick._next = PAST;
     Timeval const early = Timeval::Now();
@@ -213,13 +213,13 @@ TEST(PeriodicTimer, SkipsTheTicksThatItMissed) {
     EXPECT_PRED3(IsBetween, early + interval, shifted, Timeval::Now() + interval);
 }
 
-TEST(PeriodicTimer, WithoutIntervalStaysAtThePresent) {
+TEST(PeriodicTimer, WithoutIntervalStaysAtTheCurrentTime) {
     Timeval const before = Timeval::Now();
     Tick tick(PAST, Timeval(0, 0));
     EXPECT_PRED3(IsBetween, before, tick._next, Timeval::Now());
 }
 
-TEST(PeriodicTimer, AtZeroWithoutIntervalIsNotQueuedAgain) {
+TEST(PeriodicTimer, AtZeroWithoutIntervalIsNotRequeued) {
     Tick tick(Timeval(0, 0), Timeval(0, 0));
     EXPECT_THAT(tick._next, IsTime(0, 0));
     EXPECT_THAT(tick.ScheduleNext(), IsTime(0, 0));
@@ -244,9 +244,9 @@ TEST(PeriodicTimer, CopiesAllFields) {
     EXPECT_THAT(second._interval, IsTime(10, 0));
 }
 
-TEST_F(Timers, NoneSleepsSixtySeconds) { EXPECT_THAT(mux.CheckTimers(), IsTime(60, 0)); }
+TEST_F(Timers, EmptyQueueSleepsSixtySeconds) { EXPECT_THAT(mux.CheckTimers(), IsTime(60, 0)); }
 
-TEST_F(Timers, OneThatIsDueFiresOnceAndLeaves) {
+TEST_F(Timers, DueTimerFiresOnceAndIsRemoved) {
     NamedOnce timer(log, "a", Timeval::Now());
     mux.Insert(&timer);
     Timeval const before = Timeval::Now();
@@ -259,7 +259,7 @@ TEST_F(Timers, OneThatIsDueFiresOnceAndLeaves) {
     EXPECT_EQ(mux.Unregister(Same(timer)), nullptr);
 }
 
-TEST_F(Timers, OneThatIsNotDueBoundsTheSleep) {
+TEST_F(Timers, PendingTimerBoundsTheSleep) {
     NamedOnce timer(log, "a", Timeval::Now() + Timeval(1000, 0));
     mux.Insert(&timer);
     Timeval const sleep = mux.CheckTimers();
@@ -268,7 +268,7 @@ TEST_F(Timers, OneThatIsNotDueBoundsTheSleep) {
     EXPECT_GT(sleep._sec, 700u);
 }
 
-TEST_F(Timers, AllThatAreDueGetTheSameTime) {
+TEST_F(Timers, AllDueTimersGetTheSameTime) {
     NamedOnce first(log, "first", PAST), second(log, "second", PAST + Timeval(5, 0));
     mux.Insert(&second);
     mux.Insert(&first);
@@ -291,7 +291,7 @@ TEST_F(Timers, FireInTheOrderOfTheirDueTimes) {
     EXPECT_EQ(log, expected);
 }
 
-TEST_F(Timers, OfEqualDueTimeTheLaterInsertedFiresFirst) {
+TEST_F(Timers, LaterInsertedOfEqualDueTimeFiresFirst) {
     NamedOnce first(log, "first", PAST), second(log, "second", PAST);
     mux.Insert(&first);
     mux.Insert(&second);
@@ -299,7 +299,7 @@ TEST_F(Timers, OfEqualDueTimeTheLaterInsertedFiresFirst) {
     EXPECT_THAT(log, ElementsAre("second", "first"));
 }
 
-TEST_F(Timers, PeriodicThatFellBehindFiresOnce) {
+TEST_F(Timers, LatePeriodicTimerFiresOnce) {
     NamedPeriodic timer(log, "tick", Timeval::Now(), Timeval(600, 0));
     timer._next = Timeval::Now() - Timeval(6000, 0);
     mux.Insert(&timer);
@@ -312,7 +312,7 @@ TEST_F(Timers, PeriodicThatFellBehindFiresOnce) {
     EXPECT_EQ(mux.Unregister(Same(timer)), &timer);
 }
 
-TEST_F(Timers, OneThatStaysDueFiresAgainInTheSameCheck) {
+TEST_F(Timers, TimerThatStaysDueFiresAgainInTheSameCheck) {
     class Stubborn : public IOMultiplexer::Timer {
     public:
         Stubborn() : Timer(PAST) {}
@@ -338,7 +338,7 @@ TEST_F(Timers, NextTimeWithMillisecondsAloneRequeues) {
     EXPECT_EQ(timer._fired, 2);
 }
 
-TEST_F(Timers, OneThatFallsDueDuringTheCheckWaits) {
+TEST_F(Timers, TimerThatBecomesDueDuringTheCheckWaits) {
     NamedOnce late(log, "late", FUTURE);
     NamedOnce timer(log, "first", PAST);
     // While it runs, the other one becomes due at a moment after the fixed time of this check.
@@ -356,7 +356,7 @@ TEST_F(Timers, OneThatFallsDueDuringTheCheckWaits) {
     EXPECT_THAT(log, ElementsAre("first", "late"));
 }
 
-TEST_F(Timers, FireMayInsertAndUnregister) {
+TEST_F(Timers, FireMayInsertAndUnregisterTimers) {
     NamedOnce first(log, "first", PAST), added(log, "added", PAST + Timeval(1, 0)),
         dropped(log, "dropped", PAST + Timeval(2, 0));
     first._work = [&] {
@@ -391,7 +391,7 @@ TEST_F(Timers, UnregisterOfTheRootKeepsTheOrder) {
     EXPECT_THAT(log, ElementsAre("1", "2", "3", "4", "5", "6", "7", "8", "9"));
 }
 
-TEST_F(Timers, UnregisterOfEachInTurnKeepsTheOrder) {
+TEST_F(Timers, UnregisterOfEachKeepsTheOrder) {
     for (unsigned int gone = 0; gone < 20; ++gone) {
         IOMultiplexer queue;
         log.clear();
@@ -411,7 +411,7 @@ TEST_F(Timers, UnregisterOfEachInTurnKeepsTheOrder) {
     }
 }
 
-TEST_F(Timers, UnregisterFromAnEmptyQueueIsNull) {
+TEST_F(Timers, UnregisterFromAnEmptyQueueReturnsNull) {
     Shot shot(PAST);
     EXPECT_EQ(mux.Unregister(Same(shot)), nullptr);
 }
@@ -444,7 +444,7 @@ TEST_F(Timers, InvokeCountsAgainAfterEachTimer) {
     EXPECT_THAT(log, ElementsAre("first", "second", "third"));
 }
 
-TEST_F(Timers, DestroyDeletesThemAndLeavesAWorkingQueue) {
+TEST_F(Timers, DestroyDeletesTimersAndLeavesAWorkingQueue) {
     class Mortal : public IOMultiplexer::OnceTimer {
     public:
         Mortal(Log& log, char const* name) : OnceTimer(FUTURE), _log(log), _name(name) {}
@@ -469,7 +469,7 @@ TEST_F(Timers, DestroyDeletesThemAndLeavesAWorkingQueue) {
     mux.DestroyTimers();
 }
 
-TEST_F(Timers, StayTheCallersWhenTheMultiplexerGoes) {
+TEST_F(Timers, MultiplexerDestructorDeletesNoTimers) {
     auto timer = std::make_unique<NamedOnce>(log, "a", FUTURE);
     {
         IOMultiplexer other;
@@ -478,7 +478,7 @@ TEST_F(Timers, StayTheCallersWhenTheMultiplexerGoes) {
     EXPECT_THAT(timer->_next, IsTime(FUTURE._sec, 0));
 }
 
-TEST_F(Timers, HundredsFitTheQueue) {
+TEST_F(Timers, QueueGrowsToHundreds) {
     std::vector<std::unique_ptr<NamedOnce>> timers;
     for (unsigned int i = 0; i < 500; ++i) {
         timers.push_back(std::make_unique<NamedOnce>(log, "x", PAST + Timeval(500 - i, 0)));

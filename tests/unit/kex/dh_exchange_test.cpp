@@ -80,7 +80,7 @@ void ExpectOpenSSLError(char const* call, Action action) {
 
 // Fixed groups
 
-TEST(DhExchangeTest, FixedGroupHasItsPrimeInThePlaceOfTheGenerator) {
+TEST(DhExchange, FixedGroupStoresItsPrimeAsGenerator) {
     DhExchange const group1(KEX_GROUP1);
     EXPECT_EQ(Hex(DH_get0_p(group1._dh)), "02");
     EXPECT_EQ(Hex(DH_get0_g(group1._dh)), Hex(Prime1024()._bn));
@@ -89,7 +89,7 @@ TEST(DhExchangeTest, FixedGroupHasItsPrimeInThePlaceOfTheGenerator) {
     EXPECT_EQ(Hex(DH_get0_g(group14._dh)), Hex(Prime2048()._bn));
 }
 
-TEST(DhExchangeTest, FixedGroupRefusesEveryNeed) {
+TEST(DhExchange, FixedGroupRefusesEveryNeed) {
     for (KexType type : {KEX_GROUP1, KEX_GROUP14}) {
         DhExchange exchange(type);
         for (int need : {1, 128, 160, INT_MAX}) {
@@ -99,14 +99,14 @@ TEST(DhExchangeTest, FixedGroupRefusesEveryNeed) {
     }
 }
 
-TEST(DhExchangeTest, OtherTypesAreRefused) {
+TEST(DhExchange, OtherTypesAreRefused) {
     for (int type : {0, 3, 4}) {
         ExpectError<InvalidArgument>("DhExchange::DhExchange", "type",
                                      [&] { DhExchange(static_cast<KexType>(type)); });
     }
 }
 
-TEST(DhExchangeTest, FailedConstructionTellsTheCall) {
+TEST(DhExchange, FailedConstructionNamesTheCall) {
     callsOfDhNew.FailAt(1);
     ExpectOpenSSLError("DH_new", [] { DhExchange exchange(KEX_GROUP1); });
     callsOfDhNew.FailAt(1);
@@ -121,7 +121,7 @@ TEST(DhExchangeTest, FailedConstructionTellsTheCall) {
 
 // The peer's group
 
-TEST(DhGroupExchangeTest, NumbersMoveIntoTheExchange) {
+TEST(DhGroupExchange, NumbersAreMovedIntoTheExchange) {
     BigNum g = Hex("2");
     BigNum p = Prime1024();
     bignum_st const* const generator = g._bn;
@@ -133,7 +133,7 @@ TEST(DhGroupExchangeTest, NumbersMoveIntoTheExchange) {
     EXPECT_EQ(DH_get0_p(exchange._dh), modulus);
 }
 
-TEST(DhGroupExchangeTest, MissingModulusMakesNoGroup) {
+TEST(DhGroupExchange, MissingModulusMakesNoGroup) {
     BigNum none(nullptr);
     BigNum g = Hex("2");
     for (BigNum* generator : {&none, &g}) {
@@ -144,7 +144,7 @@ TEST(DhGroupExchangeTest, MissingModulusMakesNoGroup) {
     }
 }
 
-TEST(DhGroupExchangeTest, MissingGeneratorLeavesTheModulus) {
+TEST(DhGroupExchange, MissingGeneratorLeavesTheModulus) {
     BigNum none(nullptr);
     BigNum p = Prime1024();
     DhGroupExchange exchange(none, p);
@@ -160,14 +160,14 @@ TEST(DhGroupExchangeTest, MissingGeneratorLeavesTheModulus) {
 
 // Key generation
 
-TEST(GenerateKeyTest, ExchangeWithoutModulusIsRefused) {
+TEST(GenerateKey, ExchangeWithoutModulusIsRefused) {
     DhExchange exchange;
     ExpectError<BadInput>("DhExchange::GenerateKey, dh->p == 0", "", [&] { exchange.GenerateKey(128, 10); });
     ExpectError<BadInput>("DhExchange::GenerateKey, dh->p == 0", "",
                           [&] { exchange.GenerateKey(0x40000000, 10); });
 }
 
-TEST(GenerateKeyTest, NeedStaysBelowHalfTheModulus) {
+TEST(GenerateKey, NeedMustBeBelowHalfTheModulus) {
     Group exchange(Prime1024());
     ExpectError<InvalidArgument>("DhExchange::GenerateKey", OUT_OF_RANGE,
                                  [&] { exchange.GenerateKey(512, 10); });
@@ -176,7 +176,7 @@ TEST(GenerateKeyTest, NeedStaysBelowHalfTheModulus) {
     EXPECT_EQ(BN_num_bits(DH_get0_priv_key(exchange._dh)), 1022);
 }
 
-TEST(GenerateKeyTest, HugeNeedIsRefused) {
+TEST(GenerateKey, HugeNeedIsRefused) {
     Group exchange(Prime1024());
     for (int need : {0x3fffffff, 0x40000000, INT_MAX}) {
         ExpectError<InvalidArgument>("DhExchange::GenerateKey", OUT_OF_RANGE,
@@ -184,14 +184,14 @@ TEST(GenerateKeyTest, HugeNeedIsRefused) {
     }
 }
 
-TEST(GenerateKeyTest, NeedWithoutBitsFailsInTheRandomNumber) {
+TEST(GenerateKey, NeedOfZeroFailsInTheRandomNumber) {
     Group exchange(Prime1024());
     for (int need : {0, -1, -0x40000001, INT_MIN}) {
         ExpectOpenSSLError("BN_rand", [&] { exchange.GenerateKey(need, 10); });
     }
 }
 
-TEST(GenerateKeyTest, PrivateKeyHasTwiceTheNeedAndThePublicKeyIsItsPower) {
+TEST(GenerateKey, PrivateKeyHasTwiceTheNeedAndThePublicKeyMatches) {
     Group exchange(Prime2048());
     for (int need : {128, 160, 192, 256}) {
         exchange.GenerateKey(need, 10);
@@ -206,7 +206,7 @@ TEST(GenerateKeyTest, PrivateKeyHasTwiceTheNeedAndThePublicKeyIsItsPower) {
     }
 }
 
-TEST(GenerateKeyTest, EachKeyIsANewOne) {
+TEST(GenerateKey, EachCallMakesANewKey) {
     Group exchange(Prime1024());
     exchange.GenerateKey(128, 10);
     std::string const first = Hex(exchange.PubKey());
@@ -214,7 +214,7 @@ TEST(GenerateKeyTest, EachKeyIsANewOne) {
     EXPECT_NE(Hex(exchange.PubKey()), first);
 }
 
-TEST(GenerateKeyTest, OneKeyMoreThanTheTriesIsThrownAway) {
+TEST(GenerateKey, LastKeyAfterTheTriesIsDiscarded) {
     for (unsigned int retries : {0u, 1u, 10u}) {
         Group exchange(Hex("1"), Prime1024()); // every public key is 1
         callsOfDhGenerateKey.Watch();
@@ -226,14 +226,14 @@ TEST(GenerateKeyTest, OneKeyMoreThanTheTriesIsThrownAway) {
     }
 }
 
-TEST(GenerateKeyTest, ValidKeyTakesOneTry) {
+TEST(GenerateKey, ValidKeyTakesOneTry) {
     Group exchange(Prime1024());
     callsOfDhGenerateKey.Watch();
     exchange.GenerateKey(128, 0);
     EXPECT_EQ(callsOfDhGenerateKey._count, 1u);
 }
 
-TEST(GenerateKeyTest, InvalidKeyIsFollowedByAnotherOne) {
+TEST(GenerateKey, InvalidKeyIsReplaced) {
     Group exchange(Prime1024());
     callsOfBnSub.FailAt(1); // p - 1 cannot be had, so the first key counts as invalid
     callsOfDhGenerateKey.Watch();
@@ -241,7 +241,7 @@ TEST(GenerateKeyTest, InvalidKeyIsFollowedByAnotherOne) {
     EXPECT_EQ(callsOfDhGenerateKey._count, 2u);
 }
 
-TEST(GenerateKeyTest, FailedCallIsTold) {
+TEST(GenerateKey, FailedCallIsReported) {
     Group exchange(Prime1024());
     callsOfBnNew.FailAt(1);
     ExpectOpenSSLError("BN_new", [&] { exchange.GenerateKey(128, 10); });
@@ -253,7 +253,7 @@ TEST(GenerateKeyTest, FailedCallIsTold) {
     ExpectOpenSSLError("could not create bignum", [&] { exchange.GenerateKey(128, 10); });
 }
 
-TEST(GenerateKeyTest, WeakGeneratorsOfThePeerRunOutOfTries) {
+TEST(GenerateKey, WeakGeneratorRunsOutOfTries) {
     for (BigNum const& generator :
          {Hex("0"), Hex("1"), Plus(Prime1024(), -1), Prime1024(), Plus(Prime1024(), 1)}) {
         Group exchange(generator, Prime1024());
@@ -262,7 +262,7 @@ TEST(GenerateKeyTest, WeakGeneratorsOfThePeerRunOutOfTries) {
     }
 }
 
-TEST(GenerateKeyTest, ModulusThatIsNoneIsRefused) {
+TEST(GenerateKey, ZeroModulusIsRefused) {
     for (BigNum const& modulus : {Hex("0"), Hex("1"), Hex("2")}) {
         Group exchange(modulus);
         ExpectError<InvalidArgument>("DhExchange::GenerateKey", OUT_OF_RANGE,
@@ -270,7 +270,7 @@ TEST(GenerateKeyTest, ModulusThatIsNoneIsRefused) {
     }
 }
 
-TEST(GenerateKeyTest, ModulusThatOpenSSLRefusesIsTold) {
+TEST(GenerateKey, ModulusThatOpenSSLRefusesIsReported) {
     BigNum even = Plus(Prime1024(), 1);
     BigNum small = Hex("17");
     BigNum large;
@@ -282,7 +282,7 @@ TEST(GenerateKeyTest, ModulusThatOpenSSLRefusesIsTold) {
     }
 }
 
-TEST(GenerateKeyTest, NegativeModulusRunsOutOfTries) {
+TEST(GenerateKey, NegativeModulusRunsOutOfTries) {
     BigNum modulus = Prime1024();
     BN_set_negative(modulus._bn, 1);
     Group exchange(modulus);
@@ -290,7 +290,7 @@ TEST(GenerateKeyTest, NegativeModulusRunsOutOfTries) {
                                  [&] { exchange.GenerateKey(128, 10); });
 }
 
-TEST(GenerateKeyTest, CompositeModulusAndLargeGeneratorAreTaken) {
+TEST(GenerateKey, CompositeModulusAndLargeGeneratorAreAccepted) {
     Group composite(Plus(Prime1024(), 2));
     composite.GenerateKey(128, 10);
     EXPECT_EQ(composite.PubKeyIsValid(composite.PubKey()), 1);
@@ -301,14 +301,14 @@ TEST(GenerateKeyTest, CompositeModulusAndLargeGeneratorAreTaken) {
 
 // Public keys
 
-TEST(PubKeyIsValidTest, ValuesWithinTheGroupAreValid) {
+TEST(PubKeyIsValid, ValuesWithinTheGroupAreValid) {
     Group const exchange(Prime1024());
     for (BigNum const& value : {Hex("3"), Hex("5"), Hex("FF"), Plus(Prime1024(), -2)}) {
         EXPECT_EQ(exchange.PubKeyIsValid(value._bn), 1) << Hex(value._bn);
     }
 }
 
-TEST(PubKeyIsValidTest, ValuesOutsideTheGroupAreNot) {
+TEST(PubKeyIsValid, ValuesOutsideTheGroupAreInvalid) {
     Group const exchange(Prime1024());
     for (BigNum const& value : {Hex("0"), Hex("1"), Hex("-1"), Hex("-3"), Plus(Prime1024(), -1), Prime1024(),
                                 Plus(Prime1024(), 1), Prime2048()}) {
@@ -316,7 +316,7 @@ TEST(PubKeyIsValidTest, ValuesOutsideTheGroupAreNot) {
     }
 }
 
-TEST(PubKeyIsValidTest, PowersOfTwoAreWeak) {
+TEST(PubKeyIsValid, PowersOfTwoAreWeak) {
     Group const exchange(Prime1024());
     for (int bit = 0; bit < 1024; ++bit) {
         BigNum value;
@@ -328,14 +328,14 @@ TEST(PubKeyIsValidTest, PowersOfTwoAreWeak) {
     }
 }
 
-TEST(PubKeyIsValidTest, NothingIsValidWithoutAGroup) {
+TEST(PubKeyIsValid, NoValueIsValidWithoutAGroup) {
     DhExchange const empty;
     EXPECT_EQ(empty.PubKeyIsValid(Hex("3")._bn), 0);
     Group const exchange(Prime1024());
     EXPECT_EQ(exchange.PubKeyIsValid(nullptr), 0);
 }
 
-TEST(PubKeyIsValidTest, FailedCalls) {
+TEST(PubKeyIsValid, FailedCallIsReported) {
     Group const exchange(Prime1024());
     BigNum const value = Hex("3");
     callsOfBnNew.FailAt(1);
@@ -346,7 +346,7 @@ TEST(PubKeyIsValidTest, FailedCalls) {
 
 // Shared secrets
 
-TEST(ComputeKeyTest, BothSidesComeToTheSameSecret) {
+TEST(ComputeKey, BothSidesComputeTheSameSecret) {
     Group own(Prime2048());
     Group peer(Prime2048());
     own.GenerateKey(128, 10);
@@ -356,7 +356,7 @@ TEST(ComputeKeyTest, BothSidesComeToTheSameSecret) {
     EXPECT_EQ(Hex(first._bn), Hex(peer.ComputeKey(BigNum(own.PubKey()))._bn));
 }
 
-TEST(ComputeKeyTest, SecretIsThePowerOfThePeersValue) {
+TEST(ComputeKey, SecretIsThePeersValueToThePrivateKey) {
     Group exchange(Prime1024());
     exchange.SetKey(Hex("3"), Hex("C0FFEEC0FFEEC0FFEEC0FFEEC0FFEEC0FFEEC0FFEEC0FFEE"));
     BigNum const secret = exchange.ComputeKey(
@@ -370,13 +370,13 @@ TEST(ComputeKeyTest, SecretIsThePowerOfThePeersValue) {
         "93C673845F94707BA16FE054D3BA74245A8A9270C1056B0053FAC0015C99F5E3");
 }
 
-TEST(ComputeKeyTest, ShortSecretHasNoLeadingZeros) {
+TEST(ComputeKey, ShortSecretHasNoLeadingZeros) {
     Group exchange(Prime1024());
     exchange.SetKey(Hex("3"), Hex("2"));
     EXPECT_EQ(Hex(exchange.ComputeKey(Hex("5"))._bn), "19");
 }
 
-TEST(ComputeKeyTest, FailureIsTold) {
+TEST(ComputeKey, FailureIsReported) {
     Group exchange(Prime1024());
     ExpectOpenSSLError("DH_compute_key", [&] { exchange.ComputeKey(Hex("5")); }); // no private key yet
     exchange.GenerateKey(128, 10);
@@ -384,7 +384,7 @@ TEST(ComputeKeyTest, FailureIsTold) {
     ExpectOpenSSLError("DH_compute_key", [&] { exchange.ComputeKey(Hex("5")); });
 }
 
-TEST(ComputeKeyTest, WeakValuesOfThePeerFail) {
+TEST(ComputeKey, WeakPeerValuesFail) {
     Group exchange(Prime1024());
     exchange.GenerateKey(128, 10);
     for (BigNum const& value : {Hex("0"), Hex("1"), Prime1024()}) {
@@ -393,14 +393,14 @@ TEST(ComputeKeyTest, WeakValuesOfThePeerFail) {
     ExpectOpenSSLError("DH_compute_key", [&] { exchange.ComputeKey(BigNum(nullptr)); });
 }
 
-TEST(ComputeKeyTest, ExchangeWithoutGroupFails) {
+TEST(ComputeKey, ExchangeWithoutGroupFails) {
     DhExchange exchange;
     ExpectOpenSSLError("DH_compute_key", [&] { exchange.ComputeKey(Hex("5")); });
 }
 
 // Sizes and hashes
 
-TEST(EstimateTest, GroupGrowsWithTheKey) {
+TEST(Estimate, GroupGrowsWithTheKey) {
     EXPECT_EQ(DhExchange::Estimate(0), 1024u);
     EXPECT_EQ(DhExchange::Estimate(128), 1024u);
     EXPECT_EQ(DhExchange::Estimate(129), 2048u);
@@ -411,9 +411,9 @@ TEST(EstimateTest, GroupGrowsWithTheKey) {
 
 /// The digests below are those of the strings and mpints of RFC 4253, section 8, and RFC 4419, section 3,
 /// put together by hand.
-class ExchangeHashTest : public testing::Test {
+class ExchangeHash : public testing::Test {
 protected:
-    ExchangeHashTest() : _exchange(Prime1024()) { _exchange.SetKey(Hex("1234567890"), Hex("2")); }
+    ExchangeHash() : _exchange(Prime1024()) { _exchange.SetKey(Hex("1234567890"), Hex("2")); }
 
     std::string GroupHash(DhGexParameters const& parameters) {
         return Hex(_exchange.Hash("SSH-2.0-client", "SSH-2.0-server", _clientKexInit, _serverKexInit,
@@ -432,18 +432,18 @@ protected:
     BigNum const _secret = Hex("7FFFFFFF");
 };
 
-TEST_F(ExchangeHashTest, FixedGroupsHashTheKeysAlone) {
+TEST_F(ExchangeHash, FixedGroupsHashOnlyTheKeys) {
     DhExchange const& base = _exchange;
     EXPECT_EQ(Hex(base.Hash("SSH-2.0-client", "SSH-2.0-server", _clientKexInit, _serverKexInit, _hostKey,
                             _peer, _secret)),
               "6adf3dbb243010e51f585653d5d37b95f04f1aab");
 }
 
-TEST_F(ExchangeHashTest, GroupExchangeHashesSizesAndGroup) {
+TEST_F(ExchangeHash, GroupExchangeHashesSizesAndGroup) {
     EXPECT_EQ(GroupHash(DhGexParameters(1024, 2048, 8192)), "151859c799f63857305d08c3a5dd13dd79212a32");
 }
 
-TEST_F(ExchangeHashTest, OldFormHashesThePreferredSizeAlone) {
+TEST_F(ExchangeHash, OldFormHashesOnlyThePreferredSize) {
     EXPECT_EQ(GroupHash(DhGexParameters(2048)), "ea3ea4865cfd0abda096a0359a25d75a13ec07b6");
     for (bool lower : {true, false}) {
         DhGexParameters parameters(1024, 2048, 8192);

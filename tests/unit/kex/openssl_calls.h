@@ -1,7 +1,7 @@
 #ifndef BRANTLE_TESTS_UNIT_KEX_OPENSSL_CALLS_H
 #define BRANTLE_TESTS_UNIT_KEX_OPENSSL_CALLS_H
 
-/// A libcrypto function that this program puts itself in front of, to count its calls and to fail one of
+/// A libcrypto function that this program replaces, to count its calls and to fail one of
 /// them. What libcrypto calls itself does not count.
 struct OpenSSLCall {
     unsigned int _count = 0;  ///< calls since the last `Watch` or `FailAt`

@@ -12,7 +12,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(PacketUserAuthRequestTest, FieldsAreTheArguments) {
+TEST(PacketUserAuthRequest, FieldsAreTheArguments) {
     PacketUserAuthNoneRequest const none("user", "service");
     EXPECT_STREQ(none._user.Text(), "user");
     EXPECT_STREQ(none._service.Text(), "service");
@@ -23,7 +23,7 @@ TEST(PacketUserAuthRequestTest, FieldsAreTheArguments) {
     EXPECT_STREQ(interactive._submethods.Text(), "sub");
 }
 
-TEST(PacketUserAuthPubkeyRequestTest, KeyAndSignatureAreTheCallers) {
+TEST(PacketUserAuthPubkeyRequest, KeyAndSignatureAreReferences) {
     PublicKey key(Bytes(KEY_BLOB));
     Signature signature(Bytes(SIGNATURE_BLOB));
     PacketUserAuthPubkeyRequest const query("user", "service", "ssh-rsa", key);
@@ -34,16 +34,16 @@ TEST(PacketUserAuthPubkeyRequestTest, KeyAndSignatureAreTheCallers) {
     EXPECT_EQ(request._signatureBlob, &signature);
 }
 
-TEST(PacketUserAuthPubkeyRequestTest, NullSignatureMakesItTheQuery) {
+TEST(PacketUserAuthPubkeyRequest, NullSignatureMakesItTheQuery) {
     BlockCipher cipher;
     PublicKey key(Bytes(KEY_BLOB));
     PacketUserAuthPubkeyRequest request("me", "svc", "ssh-rsa", key, nullptr);
-    EXPECT_EQ(Str(request.Payload(cipher)),
+    EXPECT_EQ(Text(request.Payload(cipher)),
               Wire("32 00000002 'me' 00000003 'svc' 00000009 'publickey' 00 00000007 'ssh-rsa' 0000001b") +
                   KEY_BLOB);
 }
 
-TEST(PacketUserAuthPasswdRequestTest, PasswordIsWipedInTheCallersString) {
+TEST(PacketUserAuthPasswdRequest, PasswordIsWipedInTheCallersString) {
     BlockCipher cipher;
     String_t password("secret");
     String_t const other("secret");
@@ -57,17 +57,18 @@ TEST(PacketUserAuthPasswdRequestTest, PasswordIsWipedInTheCallersString) {
     EXPECT_STREQ(other.Text(), "secret");
 }
 
-TEST(PacketUserAuthPasswdRequestTest, EncodedBytesOutliveTheWipe) {
+TEST(PacketUserAuthPasswdRequest, EncodedBytesOutliveTheWipe) {
     BlockCipher cipher;
     ByteString payload;
     {
         PacketUserAuthPasswdRequest request("me", "svc", "secret");
         payload = request.Payload(cipher);
     }
-    EXPECT_EQ(Str(payload), Wire("32 00000002 'me' 00000003 'svc' 00000008 'password' 00 00000006 'secret'"));
+    EXPECT_EQ(Text(payload),
+              Wire("32 00000002 'me' 00000003 'svc' 00000008 'password' 00 00000006 'secret'"));
 }
 
-TEST(PacketUserAuthPasswdRequestTest, EmptyPasswordNeedsNoWipe) {
+TEST(PacketUserAuthPasswdRequest, EmptyPasswordNeedsNoWipe) {
     String_t const none;
     String_t const empty("");
     {
@@ -78,41 +79,41 @@ TEST(PacketUserAuthPasswdRequestTest, EmptyPasswordNeedsNoWipe) {
     EXPECT_STREQ(empty.Text(), "");
 }
 
-TEST(PacketUserAuthFailureTest, FieldsAreRead) {
+TEST(PacketUserAuthFailure, FieldsAreRead) {
     auto const failure = Decode<PacketUserAuthFailure>(Wire("33 00000012 'publickey,password' 01"));
     EXPECT_STREQ(failure._methods.Text(), "publickey,password");
     EXPECT_EQ(failure._partialSuccess, 1);
     EXPECT_EQ(Decode<PacketUserAuthFailure>(Wire("33 00000000 02"))._partialSuccess, 2);
 }
 
-TEST(PacketUserAuthBannerTest, FieldsAreRead) {
+TEST(PacketUserAuthBanner, FieldsAreRead) {
     auto const banner = Decode<PacketUserAuthBanner>(Wire("35 00000006 'hello' 0a 00000002 'en'"));
     EXPECT_STREQ(banner._message.Text(), "hello\n");
     EXPECT_STREQ(banner._language.Text(), "en");
 }
 
-TEST(PacketUserAuthBannerTest, MissingLanguageIsAPrematureEnd) {
+TEST(PacketUserAuthBanner, MissingLanguageIsAPrematureEnd) {
     ExpectPrematureEnd([] {
         PacketDecoder decoder(Bytes(Framed(Wire("35 00000005 'hello'"))));
         PacketUserAuthBanner banner(decoder);
     });
 }
 
-TEST(PacketUserAuthPkOkTest, FieldsAreRead) {
+TEST(PacketUserAuthPkOk, FieldsAreRead) {
     auto const ok = Decode<PacketUserAuthPkOk>(Wire("3c 00000007 'ssh-rsa' 0000001b") + KEY_BLOB);
     EXPECT_STREQ(ok._algorithm.Text(), "ssh-rsa");
     ASSERT_NE(ok._key._rep, nullptr);
-    EXPECT_EQ(Str(ok._key._rep->EncodeSSH()), KEY_BLOB);
+    EXPECT_EQ(Text(ok._key._rep->EncodeSSH()), KEY_BLOB);
 }
 
-TEST(PacketUserAuthPkOkTest, MalformedKeyIsNoKey) {
+TEST(PacketUserAuthPkOk, MalformedKeyIsNoKey) {
     BlockCipher cipher;
     EXPECT_EQ(Decode<PacketUserAuthPkOk>(Wire("3c 00000007 'ssh-rsa' 00000003 'abc'"))._key._rep, nullptr);
     PacketUserAuthPkOk ok("ssh-rsa", Bytes("abc"));
-    EXPECT_EQ(Str(ok.Payload(cipher)), Wire("3c 00000007 'ssh-rsa' 00000000"));
+    EXPECT_EQ(Text(ok.Payload(cipher)), Wire("3c 00000007 'ssh-rsa' 00000000"));
 }
 
-TEST(PacketUserAuthInfoReqTest, FieldsAndPromptsAreRead) {
+TEST(PacketUserAuthInfoReq, FieldsAndPromptsAreRead) {
     auto const request = Decode<PacketUserAuthInfoReq>(Wire(
         "3c 00000004 'name' 00000004 'text' 00000002 'en' 00000002 00000005 'User:' 01 00000005 'Code:' 00"));
     EXPECT_STREQ(request._name.Text(), "name");
@@ -125,32 +126,32 @@ TEST(PacketUserAuthInfoReqTest, FieldsAndPromptsAreRead) {
     EXPECT_EQ(request._prompts[1]->_echo, 0);
 }
 
-TEST(PacketUserAuthInfoReqTest, NoPromptsGiveAnEmptyList) {
+TEST(PacketUserAuthInfoReq, NoPromptsGiveAnEmptyList) {
     auto const request = Decode<PacketUserAuthInfoReq>(Wire("3c 00000000 00000000 00000000 00000000"));
     EXPECT_EQ(request._prompts.Len(), 0u);
 }
 
-TEST(PacketUserAuthInfoReqTest, PromptCountIsLimitedByThePacket) {
+TEST(PacketUserAuthInfoReq, PromptCountIsLimitedByThePacket) {
     ExpectPrematureEnd([] {
         PacketDecoder decoder(Bytes(Framed(Wire("3c 00000000 00000000 00000000 ffffffff 00000001 'a' 01"))));
         PacketUserAuthInfoReq request(decoder);
     });
 }
 
-TEST(PacketUserAuthInfoReqTest, NumberIsSharedWithPkOk) {
+TEST(PacketUserAuthInfoReq, MessageNumberIsSharedWithPkOk) {
     ExpectError<SshProtocolError>("expected USERAUTH_PK_OK package, received", "51",
                                   [] { Decode<PacketUserAuthPkOk>(Wire("33 00000000 00")); });
     EXPECT_EQ(Decode<PacketUserAuthPkOk>(Wire("3c 00000000 00000000"))._type, 60);
     EXPECT_EQ(Decode<PacketUserAuthInfoReq>(Wire("3c 00000000 00000000 00000000 00000000"))._type, 60);
 }
 
-TEST(PacketUserAuthInfoRespTest, ListIsCopied) {
+TEST(PacketUserAuthInfoResp, ListIsCopied) {
     BlockCipher cipher;
     TOList<String_t> answers;
     answers.Append("one");
     PacketUserAuthInfoResp response(answers);
     answers.Clear();
-    EXPECT_EQ(Str(response.Payload(cipher)), Wire("3d 00000001 00000003 'one'"));
+    EXPECT_EQ(Text(response.Payload(cipher)), Wire("3d 00000001 00000003 'one'"));
 }
 
 } // namespace

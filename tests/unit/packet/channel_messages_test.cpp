@@ -10,7 +10,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(PacketOpenSessionChannelTest, FieldsAreReadWithAnyChannelType) {
+TEST(PacketOpenSessionChannel, FieldsAreReadWithAnyChannelType) {
     auto const open =
         Decode<PacketOpenSessionChannel>(Wire("5a 00000005 'other' 00000001 00000002 00000003"));
     EXPECT_STREQ(open._channelType.Text(), "other");
@@ -19,7 +19,7 @@ TEST(PacketOpenSessionChannelTest, FieldsAreReadWithAnyChannelType) {
     EXPECT_EQ(open._maxPacketSize, 3u);
 }
 
-TEST(PacketOpenTcpChannelTest, DirectOpenHasItsOriginator) {
+TEST(PacketOpenTcpChannel, DirectOpenHasItsOriginator) {
     auto const open =
         Decode<PacketOpenTcpChannel>(Wire("5a 0000000c 'direct-tcpip' 00000001 00000002 00000003 00000004 "
                                           "'host' 00000016 00000002 'me' 00001000"));
@@ -33,17 +33,17 @@ TEST(PacketOpenTcpChannelTest, DirectOpenHasItsOriginator) {
     EXPECT_EQ(open._originatorPort, 4096u);
 }
 
-TEST(PacketOpenTcpChannelTest, X11OpenHasOneAddress) {
+TEST(PacketOpenTcpChannel, X11OpenHasOneAddress) {
     auto const open = Decode<PacketOpenTcpChannel>(
         Wire("5a 00000003 'x11' 00000001 00000002 00000003 00000009 '127.0.0.1' 00001770"));
     EXPECT_STREQ(open._channelType.Text(), "x11");
     EXPECT_STREQ(open._host.Text(), "127.0.0.1");
     EXPECT_EQ(open._port, 6000u);
-    EXPECT_EQ(Str(open._originatorHost), "");
+    EXPECT_EQ(Text(open._originatorHost), "");
     EXPECT_EQ(open._originatorPort, 0u);
 }
 
-TEST(PacketOpenTcpChannelTest, ForwardedOpenWithItsOriginatorIsRefused) {
+TEST(PacketOpenTcpChannel, ForwardedOpenWithItsOriginatorIsRefused) {
     ExpectError<SshProtocolError>(
         "additional characters in packet after padding", "SSH_MSG_CHANNEL_OPEN", [] {
             Decode<PacketOpenTcpChannel>(Wire("5a 0000000f 'forwarded-tcpip' 00000001 00000002 00000003"
@@ -51,7 +51,7 @@ TEST(PacketOpenTcpChannelTest, ForwardedOpenWithItsOriginatorIsRefused) {
         });
 }
 
-TEST(PacketOpenTcpChannelTest, ForwardedOpenWithOneAddressIsTaken) {
+TEST(PacketOpenTcpChannel, ForwardedOpenWithOneAddressIsAccepted) {
     auto const open = Decode<PacketOpenTcpChannel>(
         Wire("5a 0000000f 'forwarded-tcpip' 00000001 00000002 00000003 00000004 'host' 00000016"));
     EXPECT_STREQ(open._host.Text(), "host");
@@ -59,7 +59,7 @@ TEST(PacketOpenTcpChannelTest, ForwardedOpenWithOneAddressIsTaken) {
     EXPECT_EQ(open._originatorPort, 0u);
 }
 
-TEST(PacketChannelOpenConfirmationTest, FieldsAreRead) {
+TEST(PacketChannelOpenConfirmation, FieldsAreRead) {
     auto const confirmation =
         Decode<PacketChannelOpenConfirmation>(Wire("5b 00000001 00000002 80000003 00000004"));
     EXPECT_EQ(confirmation._recipientChannel, 1u);
@@ -68,7 +68,7 @@ TEST(PacketChannelOpenConfirmationTest, FieldsAreRead) {
     EXPECT_EQ(confirmation._maxPacketSize, 4u);
 }
 
-TEST(PacketChannelOpenFailureTest, FieldsAreRead) {
+TEST(PacketChannelOpenFailure, FieldsAreRead) {
     auto const failure =
         Decode<PacketChannelOpenFailure>(Wire("5c 00000001 00000004 00000004 'full' 00000002 'en'"));
     EXPECT_EQ(failure._recipientChannel, 1u);
@@ -77,52 +77,52 @@ TEST(PacketChannelOpenFailureTest, FieldsAreRead) {
     EXPECT_STREQ(failure._language.Text(), "en");
 }
 
-TEST(PacketChannelWindowAdjustTest, FieldsAreRead) {
+TEST(PacketChannelWindowAdjust, FieldsAreRead) {
     auto const adjust = Decode<PacketChannelWindowAdjust>(Wire("5d 00000001 ffffffff"));
     EXPECT_EQ(adjust._recipientChannel, 1u);
     EXPECT_EQ(adjust._bytesToAdd, 4294967295u);
 }
 
-TEST(PacketChannelDataTest, FieldsAreRead) {
+TEST(PacketChannelData, FieldsAreRead) {
     auto const data = Decode<PacketChannelData>(Wire("5e 00000001 00000004 64617400"));
     EXPECT_EQ(data._recipientChannel, 1u);
-    EXPECT_EQ(Str(data._bytes), Wire("64617400"));
+    EXPECT_EQ(Text(data._bytes), Wire("64617400"));
     EXPECT_EQ(Decode<PacketChannelData>(Wire("5e 00000001 00000000"))._bytes.Length(), 0u);
 }
 
-TEST(PacketChannelDataTest, PointerIsCopiedAndValueShared) {
+TEST(PacketChannelData, PointerIsCopiedAndValueShared) {
     char bytes[] = "data";
     PacketChannelData const copy(1, bytes, 4);
     bytes[0] = 'x';
-    EXPECT_EQ(Str(copy._bytes), "data");
+    EXPECT_EQ(Text(copy._bytes), "data");
     ByteString const value = Bytes("data");
     EXPECT_EQ(PacketChannelData(1, value)._bytes._rep, value._rep);
 }
 
-TEST(PacketChannelDataTest, LargeDataGrowTheEncoder) {
+TEST(PacketChannelData, LargeDataGrowsTheEncoder) {
     BlockCipher cipher;
     std::string bytes;
     for (unsigned int i = 0; i < 32768; ++i) bytes += static_cast<char>(i % 251);
     PacketChannelData data(9, bytes.data(), 32768);
     std::string const payload = Wire("5e 00000009 00008000") + bytes;
-    EXPECT_EQ(Str(data.Payload(cipher)), payload);
+    EXPECT_EQ(Text(data.Payload(cipher)), payload);
     EXPECT_EQ(data._padLen, 10); // 4 + 1 + 32777 + 10 = 32792
-    EXPECT_EQ(Str(Decode<PacketChannelData>(payload)._bytes), bytes);
+    EXPECT_EQ(Text(Decode<PacketChannelData>(payload)._bytes), bytes);
 }
 
-TEST(PacketChannelExtendedDataTest, FieldsAreRead) {
+TEST(PacketChannelExtendedData, FieldsAreRead) {
     auto const data = Decode<PacketChannelExtendedData>(Wire("5f 00000001 00000002 00000004 64617400"));
     EXPECT_EQ(data._recipientChannel, 1u);
     EXPECT_EQ(data._dataType, 2u);
-    EXPECT_EQ(Str(data._bytes), Wire("64617400"));
+    EXPECT_EQ(Text(data._bytes), Wire("64617400"));
 }
 
-TEST(PacketChannelEndTest, FieldsAreRead) {
+TEST(PacketChannelEnd, FieldsAreRead) {
     EXPECT_EQ(Decode<PacketChannelEof>(Wire("60 00000007"))._recipientChannel, 7u);
     EXPECT_EQ(Decode<PacketChannelClose>(Wire("61 00000007"))._recipientChannel, 7u);
 }
 
-TEST(PacketChannelResponseTest, NumberIsWhateverWasReceived) {
+TEST(PacketChannelResponse, MessageNumberIsTheOneReceived) {
     for (int number : {99, 100, 0, 255}) {
         auto const response = Decode<PacketChannelResponse>(static_cast<char>(number) + Wire("00000007"));
         EXPECT_EQ(response._type, number);
@@ -130,13 +130,13 @@ TEST(PacketChannelResponseTest, NumberIsWhateverWasReceived) {
     }
 }
 
-TEST(PacketChannelResponseTest, ReceivedResponseIsWrittenWithItsNumber) {
+TEST(PacketChannelResponse, ReceivedResponseIsWrittenWithItsMessageNumber) {
     BlockCipher cipher;
     auto response = Decode<PacketChannelResponse>(Wire("64 00000007"));
-    EXPECT_EQ(Str(response.Payload(cipher)), Wire("64 00000007"));
+    EXPECT_EQ(Text(response.Payload(cipher)), Wire("64 00000007"));
 }
 
-TEST(PacketChannelDataTest, DataMayBeLeftWhereTheyLie) {
+TEST(PacketChannelData, DataMayStayInTheCallersMemory) {
     std::string const packet = Wire("04 5e 00000007 00000003 'abc' 00000000");
     PacketDecoder decoder(Bytes(packet));
     PacketDecoder::View bytes;

@@ -10,7 +10,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(PacketGlobalRequestTest, FieldsAreReadAndWrittenAgain) {
+TEST(PacketGlobalRequest, FieldsSurviveARoundTrip) {
     BlockCipher cipher;
     std::string const payload = Wire("50 0000000d 'tcpip-forward' 01 00000007 '0.0.0.0' 00001f90");
     auto request = Decode<PacketGlobalRequest>(payload);
@@ -18,28 +18,28 @@ TEST(PacketGlobalRequestTest, FieldsAreReadAndWrittenAgain) {
     EXPECT_EQ(request._wantReply, 1);
     EXPECT_STREQ(request._address.Text(), "0.0.0.0");
     EXPECT_EQ(request._port, 8080u);
-    EXPECT_EQ(Str(request.Payload(cipher)), payload);
+    EXPECT_EQ(Text(request.Payload(cipher)), payload);
 }
 
-TEST(PacketGlobalRequestTest, RequestWithoutAddressIsRefused) {
+TEST(PacketGlobalRequest, RequestWithoutAddressIsRefused) {
     ExpectPrematureEnd([] {
         PacketDecoder decoder(Bytes(Framed(Wire("50 00000009 'keepalive' 01"))));
         PacketGlobalRequest request(decoder);
     });
 }
 
-TEST(PacketRequestResultTest, NumberIsWhateverWasReceived) {
+TEST(PacketRequestResult, MessageNumberIsTheOneReceived) {
     for (int number : {81, 82, 0, 255}) {
         EXPECT_EQ(Decode<PacketRequestResult>(std::string(1, static_cast<char>(number)))._type, number);
     }
 }
 
-TEST(PacketRequestResultTest, BoundPortIsRefused) {
+TEST(PacketRequestResult, BoundPortIsRefused) {
     ExpectError<SshProtocolError>("additional characters in packet after padding", "SSH_MSG_REQUEST_SUCCESS",
                                   [] { Decode<PacketRequestResult>(Wire("51 00001f90")); });
 }
 
-TEST(PacketRequestResultTest, PayloadIsEmptyAndHasItsPadding) {
+TEST(PacketRequestResult, PayloadIsEmptyAndHasItsPadding) {
     BlockCipher cipher;
     PacketRequestResult result(81);
     EXPECT_EQ(result._type, 81);

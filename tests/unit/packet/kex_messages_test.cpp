@@ -23,22 +23,22 @@ std::string const TEN_LISTS = "00000001 'a' 00000001 'b' 00000001 'c' 00000001 '
                               "00000001 'f' 00000001 'g' 00000001 'h' 00000001 'i' 00000001 'j'";
 std::string const COOKIE = "000102030405060708090a0b0c0d0e0f";
 
-TEST(PacketKexInitTest, ClientOffersWhatTheLibraryHas) {
+TEST(PacketKexInit, ClientOffersTheLibrarysAlgorithms) {
     BlockCipher cipher;
     PacketKexInit offer("kex-one,kex-two");
     EXPECT_EQ(offer._cookie.Length(), 16u);
     std::string const ciphers = "aes128-ctr,aes128-cbc,aes192-ctr,aes256-ctr,aes192-cbc,aes256-cbc,3des-cbc";
     std::string const macs = "hmac-sha1,hmac-sha1-96,hmac-md5,hmac-sha2-256,hmac-sha2-512";
-    ASSERT_EQ(Str(BlockCipher::AvailableCiphers()), ciphers);
-    ASSERT_EQ(Str(Mac::AvailableMacs()), macs);
-    EXPECT_EQ(Str(offer.Payload(cipher)),
-              Wire("14") + Str(offer._cookie) +
+    ASSERT_EQ(Text(BlockCipher::AvailableCiphers()), ciphers);
+    ASSERT_EQ(Text(Mac::AvailableMacs()), macs);
+    EXPECT_EQ(Text(offer.Payload(cipher)),
+              Wire("14") + Text(offer._cookie) +
                   Wire("0000000f 'kex-one,kex-two' 0000000f 'ssh-rsa,ssh-dss'") + Wire("0000004a") + ciphers +
                   Wire("0000004a") + ciphers + Wire("0000003b") + macs + Wire("0000003b") + macs +
                   Wire("00000004 'none' 00000004 'none'") + Wire("00000000 00000000 00 00000000"));
 }
 
-TEST(PacketKexInitTest, ListsOfBothDirectionsAreOneValue) {
+TEST(PacketKexInit, ListsOfBothDirectionsShareTheirText) {
     PacketKexInit const offer("kex");
     EXPECT_EQ(offer._ciphersServerToClient._rep, offer._ciphersClientToServer._rep);
     EXPECT_EQ(offer._macsServerToClient._rep, offer._macsClientToServer._rep);
@@ -47,13 +47,13 @@ TEST(PacketKexInitTest, ListsOfBothDirectionsAreOneValue) {
     EXPECT_EQ(offer._firstKexPacketFollows, 0);
 }
 
-TEST(PacketKexInitTest, EachOfferHasItsOwnCookie) {
-    EXPECT_NE(Str(PacketKexInit("kex")._cookie), Str(PacketKexInit("kex")._cookie));
+TEST(PacketKexInit, EachOfferHasItsOwnCookie) {
+    EXPECT_NE(Text(PacketKexInit("kex")._cookie), Text(PacketKexInit("kex")._cookie));
 }
 
-TEST(PacketKexInitTest, FieldsAreRead) {
+TEST(PacketKexInit, FieldsAreRead) {
     auto const offer = Decode<PacketKexInit>(Wire("14" + COOKIE + TEN_LISTS + "00 00000000"));
-    EXPECT_EQ(Str(offer._cookie), Wire(COOKIE));
+    EXPECT_EQ(Text(offer._cookie), Wire(COOKIE));
     EXPECT_STREQ(offer._kexAlgorithms.Text(), "a");
     EXPECT_STREQ(offer._hostKeyAlgorithms.Text(), "b");
     EXPECT_STREQ(offer._ciphersClientToServer.Text(), "c");
@@ -67,21 +67,21 @@ TEST(PacketKexInitTest, FieldsAreRead) {
     EXPECT_EQ(offer._firstKexPacketFollows, 0);
 }
 
-TEST(PacketKexInitTest, FollowingGuessIsKeptAsReceived) {
+TEST(PacketKexInit, GuessFlagIsKeptAsReceived) {
     EXPECT_EQ(Decode<PacketKexInit>(Wire("14" + COOKIE + TEN_LISTS + "01 00000000"))._firstKexPacketFollows,
               1);
     EXPECT_EQ(Decode<PacketKexInit>(Wire("14" + COOKIE + TEN_LISTS + "fe 00000000"))._firstKexPacketFollows,
               254);
 }
 
-TEST(PacketKexInitTest, ReservedBytesMayBeAnything) {
+TEST(PacketKexInit, ReservedBytesMayBeAnything) {
     BlockCipher cipher;
     std::string const payload = Wire("14" + COOKIE + TEN_LISTS + "00 deadbeef");
     auto offer = Decode<PacketKexInit>(payload);
-    EXPECT_EQ(Str(offer.Payload(cipher)), payload);
+    EXPECT_EQ(Text(offer.Payload(cipher)), payload);
 }
 
-TEST(PacketNewKeysTest, AnyPayloadIsRefused) {
+TEST(PacketNewKeys, AnyPayloadIsRefused) {
     ExpectError<SshProtocolError>("additional characters in packet after padding", "SSH_MSG_NEWKEYS",
                                   [] { Decode<PacketNewKeys>(Wire("15 00")); });
 }
@@ -91,39 +91,39 @@ void ExpectReplyFields(char const* number) {
     auto const reply = Decode<Reply>(Wire(std::string(number) + "0000001b") + KEY_BLOB +
                                      Wire("00000002 0080 00000003 'sig'"));
     ASSERT_NE(reply._hostKey._rep, nullptr);
-    EXPECT_EQ(Str(reply._hostKey._rep->EncodeSSH()), KEY_BLOB);
+    EXPECT_EQ(Text(reply._hostKey._rep->EncodeSSH()), KEY_BLOB);
     EXPECT_TRUE(BN_is_word(reply._f._bn, 128));
-    EXPECT_EQ(Str(reply._signature), "sig");
+    EXPECT_EQ(Text(reply._signature), "sig");
 }
 
-TEST(PacketKexDhReplyTest, FieldsAreRead) { ExpectReplyFields<PacketKexDhReply>("1f"); }
+TEST(PacketKexDhReply, FieldsAreRead) { ExpectReplyFields<PacketKexDhReply>("1f"); }
 
-TEST(PacketDhGexReplyTest, FieldsAreRead) { ExpectReplyFields<PacketDhGexReply>("21"); }
+TEST(PacketDhGexReply, FieldsAreRead) { ExpectReplyFields<PacketDhGexReply>("21"); }
 
-TEST(PacketDhGexReplyTest, MalformedHostKeyGivesNoKey) {
+TEST(PacketDhGexReply, MalformedHostKeyGivesNoKey) {
     auto const reply = Decode<PacketDhGexReply>(Wire("21 00000003 'abc' 00000001 05 00000000"));
     EXPECT_EQ(reply._hostKey._rep, nullptr);
     EXPECT_EQ(reply._signature.Length(), 0u);
 }
 
-TEST(PacketDhGexGroupTest, ModulusStandsBeforeGenerator) {
+TEST(PacketDhGexGroup, ModulusPrecedesGenerator) {
     auto const group = Decode<PacketDhGexGroup>(Wire("1f 00000003 00c001 00000001 02"));
     EXPECT_TRUE(BN_is_word(group._p._bn, 0xc001));
     EXPECT_TRUE(BN_is_word(group._g._bn, 2));
 }
 
-TEST(PacketDhGexTest, ReceivedClassesHaveNoPayload) {
+TEST(PacketDhGex, ReceivedClassesHaveNoPayload) {
     BlockCipher cipher;
     auto group = Decode<PacketDhGexGroup>(Wire("1f 00000003 00c001 00000001 02"));
     EXPECT_EQ(group.Payload(cipher).Length(), 0u);
 }
 
-TEST(PacketDhGexReqTest, BadSizesAreRefused) {
+TEST(PacketDhGexReq, BadSizesAreRefused) {
     ExpectError<InvalidArgument>("DhGexParameters::DhGexParameters", "min",
                                  [] { PacketDhGexReq(1023, 1024, 8192); });
 }
 
-TEST(PacketDhGexReqTest, BothLimitsAreInclusive) {
+TEST(PacketDhGexReq, BothLimitsAreInclusive) {
     PacketDhGexReq const request(1024, 1024, 8192);
     EXPECT_EQ(request.CheckNBits(NumberOfBits(1023)), 0);
     EXPECT_EQ(request.CheckNBits(NumberOfBits(1024)), 1);
@@ -133,7 +133,7 @@ TEST(PacketDhGexReqTest, BothLimitsAreInclusive) {
     EXPECT_EQ(request.CheckNBits(BigNum(nullptr)), 0);
 }
 
-TEST(PacketDhGexTest, NumberIsCopied) {
+TEST(PacketDhGex, NumberIsCopiedFromTheArgument) {
     BigNum number = NumberOfBits(8);
     PacketDhGexInit const gex(number);
     PacketKexDhInit const fixed(number);

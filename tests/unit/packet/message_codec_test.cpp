@@ -10,7 +10,7 @@ using namespace cindral;
 
 namespace {
 
-class DecodingTest : public testing::TestWithParam<DecodedMessage> {
+class MessageDecoding : public testing::TestWithParam<DecodedMessage> {
 protected:
     std::unique_ptr<Packet> Decode(std::string const& packet) {
         PacketDecoder decoder(Bytes(packet));
@@ -20,20 +20,20 @@ protected:
     int Number() { return static_cast<unsigned char>(Payload()[0]); }
 };
 
-TEST_P(DecodingTest, WholeMessageIsTakenWithAnyPadding) {
+TEST_P(MessageDecoding, WholeMessageIsDecodedWithAnyPadding) {
     for (unsigned int padding : {0u, 4u, 19u, 255u}) {
         std::unique_ptr<Packet> const packet = Decode(Framed(Payload(), padding));
         EXPECT_EQ(packet->_type, Number());
     }
 }
 
-TEST_P(DecodingTest, PayloadIsKeptOrNot) {
+TEST_P(MessageDecoding, PayloadIsKeptOnlyWhereDocumented) {
     std::unique_ptr<Packet> const packet = Decode(Framed(Payload(), 6));
     if (GetParam()._keeps == Keeps::PAYLOAD) {
         BlockCipher cipher;
-        EXPECT_EQ(Str(packet->_payload), Payload());
+        EXPECT_EQ(Text(packet->_payload), Payload());
         EXPECT_EQ(packet->_padLen, 6);
-        EXPECT_EQ(Str(packet->Payload(cipher)), Payload());
+        EXPECT_EQ(Text(packet->Payload(cipher)), Payload());
         EXPECT_EQ(packet->_padLen, 6);
     } else {
         EXPECT_EQ(packet->_payload.Length(), 0u);
@@ -41,7 +41,7 @@ TEST_P(DecodingTest, PayloadIsKeptOrNot) {
     }
 }
 
-TEST_P(DecodingTest, OneByteMoreIsRefused) {
+TEST_P(MessageDecoding, ExtraByteIsRefused) {
     for (unsigned int padding : {0u, 8u}) {
         std::string const packet = Framed(Payload(), padding) + '\0';
         ExpectError<SshProtocolError>("additional characters in packet after padding",
@@ -50,12 +50,12 @@ TEST_P(DecodingTest, OneByteMoreIsRefused) {
     }
 }
 
-TEST_P(DecodingTest, OneByteLessIsRefused) {
+TEST_P(MessageDecoding, MissingByteIsRefused) {
     std::string const cut = Payload().substr(0, Payload().size() - 1);
     ExpectPrematureEnd([&] { Decode(Framed(cut)); });
 }
 
-TEST_P(DecodingTest, EveryCutIsRefused) {
+TEST_P(MessageDecoding, EveryTruncationIsRefused) {
     std::string const packet = Framed(Payload());
     for (std::size_t length = 0; length < packet.size(); ++length) {
         try {
@@ -68,11 +68,11 @@ TEST_P(DecodingTest, EveryCutIsRefused) {
     }
 }
 
-TEST_P(DecodingTest, PaddingMayBeCutShort) {
+TEST_P(MessageDecoding, PaddingMayBeTruncated) {
     EXPECT_EQ(Decode(Framed(Payload(), 8).substr(0, Payload().size() + 4))->_type, Number());
 }
 
-TEST_P(DecodingTest, WrongNumberIsRefusedInTheWordsOfTheClass) {
+TEST_P(MessageDecoding, WrongMessageNumberIsRefusedWithTheTextOfTheClass) {
     std::string payload = Payload();
     for (int number : {0, 7, 94 ^ Number(), 255}) {
         payload[0] = static_cast<char>(number);
@@ -85,23 +85,23 @@ TEST_P(DecodingTest, WrongNumberIsRefusedInTheWordsOfTheClass) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Messages, DecodingTest, testing::ValuesIn(DecodedMessages()),
+INSTANTIATE_TEST_SUITE_P(Messages, MessageDecoding, testing::ValuesIn(DecodedMessages()),
                          [](auto const& instance) { return std::string(instance.param._class); });
 
-class EncodingTest : public testing::TestWithParam<EncodedMessage> {
+class MessageEncoding : public testing::TestWithParam<EncodedMessage> {
 protected:
     BlockCipher _cipher;
 };
 
-TEST_P(EncodingTest, FieldsStandInWireOrder) {
+TEST_P(MessageEncoding, FieldsAreInWireOrder) {
     std::unique_ptr<Packet> const packet = GetParam()._build();
     EXPECT_EQ(packet->_payload.Length(), 0u);
-    EXPECT_EQ(Str(packet->Payload(_cipher)), GetParam()._payload);
-    EXPECT_EQ(Str(packet->_payload), GetParam()._payload);
+    EXPECT_EQ(Text(packet->Payload(_cipher)), GetParam()._payload);
+    EXPECT_EQ(Text(packet->_payload), GetParam()._payload);
     EXPECT_EQ(packet->_type, static_cast<unsigned char>(GetParam()._payload[0]));
 }
 
-TEST_P(EncodingTest, PaddingFillsTheBlock) {
+TEST_P(MessageEncoding, PaddingFillsTheBlock) {
     std::unique_ptr<Packet> const packet = GetParam()._build();
     packet->Payload(_cipher);
     EXPECT_GE(packet->_padLen, 5);
@@ -109,13 +109,13 @@ TEST_P(EncodingTest, PaddingFillsTheBlock) {
     EXPECT_EQ((5 + GetParam()._payload.size() + static_cast<unsigned int>(packet->_padLen)) % 8, 0u);
 }
 
-TEST_P(EncodingTest, SecondPayloadIsTheFirst) {
+TEST_P(MessageEncoding, PayloadIsEncodedOnce) {
     std::unique_ptr<Packet> const packet = GetParam()._build();
     ByteString const first = packet->Payload(_cipher);
     EXPECT_EQ(packet->Payload(_cipher)._rep, first._rep);
 }
 
-INSTANTIATE_TEST_SUITE_P(Messages, EncodingTest, testing::ValuesIn(EncodedMessages()),
+INSTANTIATE_TEST_SUITE_P(Messages, MessageEncoding, testing::ValuesIn(EncodedMessages()),
                          [](auto const& instance) { return std::string(instance.param._name); });
 
 } // namespace

@@ -19,7 +19,7 @@ std::string Decimal(BigNum const& number) {
     return copy;
 }
 
-TEST(PacketDecoderTest, NumbersAreBigEndian) {
+TEST(PacketDecoder, NumbersAreBigEndian) {
     PacketDecoder decoder(Bytes(Wire("5e fe 02 0102 01020304 0102030405060708")));
     EXPECT_EQ(decoder.ReadTypeCode(), 94);
     EXPECT_EQ(decoder.ReadByte(), 254);
@@ -29,7 +29,7 @@ TEST(PacketDecoderTest, NumbersAreBigEndian) {
     EXPECT_EQ(decoder.ReadLong(), 0x0102030405060708u);
 }
 
-TEST(PacketDecoderTest, HighBytesAreNotNegative) {
+TEST(PacketDecoder, HighBytesAreNotNegative) {
     PacketDecoder decoder(Bytes(Wire("ff ff ff ffff ffffffff")));
     EXPECT_EQ(decoder.ReadTypeCode(), 255);
     EXPECT_EQ(decoder.ReadByte(), 255);
@@ -38,7 +38,7 @@ TEST(PacketDecoderTest, HighBytesAreNotNegative) {
     EXPECT_EQ(decoder.ReadInt(), 4294967295u);
 }
 
-TEST(PacketDecoderTest, BytesAreCopiedAndValuesShared) {
+TEST(PacketDecoder, BytesAreCopiedAndValuesShared) {
     unsigned char bytes[] = {1, 2};
     PacketDecoder copy(bytes, 2);
     bytes[0] = 9;
@@ -47,7 +47,7 @@ TEST(PacketDecoderTest, BytesAreCopiedAndValuesShared) {
     EXPECT_EQ(PacketDecoder(value)._data._rep, value._rep);
 }
 
-TEST(PacketDecoderTest, NumberCutShortIsAPrematureEnd) {
+TEST(PacketDecoder, TruncatedNumberIsAPrematureEnd) {
     ExpectPrematureEnd([] { PacketDecoder().ReadByte(); });
     ExpectPrematureEnd([] { PacketDecoder().ReadBool(); });
     ExpectPrematureEnd([] { PacketDecoder().ReadTypeCode(); });
@@ -56,36 +56,36 @@ TEST(PacketDecoderTest, NumberCutShortIsAPrematureEnd) {
     ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("01020304050607"))).ReadLong(); });
 }
 
-TEST(PacketDecoderTest, StringIsTerminated) {
+TEST(PacketDecoder, StringIsTerminated) {
     PacketDecoder decoder(Bytes(Wire("00000003 'abc' 'xyz'")));
     String_t const text = decoder.ReadString();
     EXPECT_STREQ(text.Text(), "abc");
     EXPECT_EQ(decoder.ReadByte(), 'x');
 }
 
-TEST(PacketDecoderTest, StringKeepsZeroBytes) {
+TEST(PacketDecoder, StringKeepsZeroBytes) {
     PacketDecoder decoder(Bytes(Wire("00000003 610062")));
     EXPECT_EQ(std::string(decoder.ReadString().Text(), 4), Wire("61006200"));
 }
 
-TEST(PacketDecoderTest, EmptyStringIsAllocated) {
+TEST(PacketDecoder, EmptyStringIsAllocated) {
     PacketDecoder decoder(Bytes(Wire("00000000")));
     String_t const text = decoder.ReadString();
     ASSERT_NE(text.Text(), nullptr);
     EXPECT_STREQ(text.Text(), "");
 }
 
-TEST(PacketDecoderTest, BytesHaveTheirLengthOrTheOneAskedFor) {
+TEST(PacketDecoder, BytesHaveTheirLengthOrTheOneRequested) {
     PacketDecoder decoder(Bytes(Wire("00000003 610062 00000000 'xyz'")));
-    EXPECT_EQ(Str(decoder.ReadBytes()), Wire("610062"));
+    EXPECT_EQ(Text(decoder.ReadBytes()), Wire("610062"));
     EXPECT_EQ(decoder.ReadBytes().Length(), 0u);
-    EXPECT_EQ(Str(decoder.ReadBytes(2)), "xy");
+    EXPECT_EQ(Text(decoder.ReadBytes(2)), "xy");
     EXPECT_EQ(decoder.ReadBytes(0).Length(), 0u);
-    EXPECT_EQ(Str(decoder.ReadBytes(1)), "z");
+    EXPECT_EQ(Text(decoder.ReadBytes(1)), "z");
     ExpectPrematureEnd([&] { decoder.ReadBytes(1); });
 }
 
-TEST(PacketDecoderTest, LengthAboveThatOfThePacketIsRefused) {
+TEST(PacketDecoder, LengthAboveThatOfThePacketIsRefused) {
     std::string const tooLong = Wire("00000008 'abc'");
     ExpectError<SshProtocolError>(EXCEEDED, "", [&] { PacketDecoder(Bytes(tooLong)).ReadString(); });
     ExpectError<SshProtocolError>(EXCEEDED, "", [&] { PacketDecoder(Bytes(tooLong)).ReadBytes(); });
@@ -94,37 +94,37 @@ TEST(PacketDecoderTest, LengthAboveThatOfThePacketIsRefused) {
     ExpectError<SshProtocolError>(EXCEEDED, "", [&] { PacketDecoder(Bytes(huge)).ReadBytes(); });
 }
 
-TEST(PacketDecoderTest, LengthUpToThatOfThePacketFailsAtItsEnd) {
+TEST(PacketDecoder, LengthBeyondTheRestOfThePacketFailsAtItsEnd) {
     for (char const* line : {"00000007 'abc'", "00000004 'abc'"}) {
         ExpectPrematureEnd([&] { PacketDecoder(Bytes(Wire(line))).ReadString(); });
         ExpectPrematureEnd([&] { PacketDecoder(Bytes(Wire(line))).ReadBytes(); });
     }
 }
 
-TEST(PacketDecoderTest, RawBytesAfterTheEndAreAPrematureEnd) {
+TEST(PacketDecoder, RawBytesAfterTheEndAreAPrematureEnd) {
     for (unsigned int length : {3u, 4u, 4294967295u}) {
         ExpectPrematureEnd([&] { PacketDecoder(Bytes("ab")).ReadBytes(length); });
     }
 }
 
-TEST(PacketDecoderTest, MpintsMayBeNegative) {
+TEST(PacketDecoder, MpintsMayBeNegative) {
     PacketDecoder decoder(Bytes(Wire("00000002 0080 00000002 edcc 00000000")));
     EXPECT_EQ(Decimal(decoder.ReadBignum2()), "128");
     EXPECT_EQ(Decimal(decoder.ReadBignum2()), "-4660");
     EXPECT_EQ(Decimal(decoder.ReadBignum2()), "0");
 }
 
-TEST(PacketDecoderTest, OlderBignumFormHasItsBitsInFront) {
+TEST(PacketDecoder, OlderBignumFormStartsWithTheBitCount) {
     EXPECT_EQ(Decimal(PacketDecoder(Bytes(Wire("0009 01ff"))).ReadBignum()), "511");
 }
 
-TEST(PacketDecoderTest, BignumCutShortIsAPrematureEnd) {
+TEST(PacketDecoder, TruncatedBignumIsAPrematureEnd) {
     ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("00000003 0102"))).ReadBignum2(); });
     ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("ffffffff 0102"))).ReadBignum2(); });
     ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("0009 01"))).ReadBignum(); });
 }
 
-TEST(PacketDecoderTest, StringListIsReadInOrder) {
+TEST(PacketDecoder, StringListIsReadInOrder) {
     TOList<String_t> const list =
         PacketDecoder(Bytes(Wire("00000003 00000003 'one' 00000000 00000003 'two'"))).ReadStringList();
     ASSERT_EQ(list.Len(), 3u);
@@ -133,11 +133,11 @@ TEST(PacketDecoderTest, StringListIsReadInOrder) {
     EXPECT_STREQ(list[2]->Text(), "two");
 }
 
-TEST(PacketDecoderTest, StringListOfNothingIsEmpty) {
+TEST(PacketDecoder, EmptyStringListIsEmpty) {
     EXPECT_EQ(PacketDecoder(Bytes(Wire("00000000"))).ReadStringList().Len(), 0u);
 }
 
-TEST(PacketDecoderTest, StringListWithAStringMissingFails) {
+TEST(PacketDecoder, StringListWithAMissingStringFails) {
     ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("00000002 00000003 'one'"))).ReadStringList(); });
     ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("ffffffff 00000000"))).ReadStringList(); });
     ExpectError<SshProtocolError>(EXCEEDED, "", [] {
@@ -145,7 +145,7 @@ TEST(PacketDecoderTest, StringListWithAStringMissingFails) {
     });
 }
 
-TEST(PacketDecoderTest, AssignGivesAnEmptyDecoderItsPacket) {
+TEST(PacketDecoder, AssignSetsThePacketOfAnEmptyDecoder) {
     ByteString const value = Bytes(Wire("0102"));
     PacketDecoder decoder;
     decoder.Assign(value);
@@ -153,7 +153,7 @@ TEST(PacketDecoderTest, AssignGivesAnEmptyDecoderItsPacket) {
     EXPECT_EQ(decoder.ReadShort(), 0x0102);
 }
 
-TEST(PacketDecoderTest, AssignStartsAtTheFront) {
+TEST(PacketDecoder, AssignStartsAtTheFront) {
     PacketDecoder decoder(Bytes(Wire("01020304")));
     decoder.ReadShort();
     decoder.Assign(Bytes(Wire("0a0b 00000003 'abc'")));
@@ -161,14 +161,14 @@ TEST(PacketDecoderTest, AssignStartsAtTheFront) {
     EXPECT_STREQ(decoder.ReadString().Text(), "abc");
 }
 
-TEST(PacketDecoderTest, AssignAtTheExactEndGoesOn) {
+TEST(PacketDecoder, AssignAtTheExactEndContinues) {
     PacketDecoder decoder(Bytes(Wire("01")));
     decoder.ReadByte();
     decoder.Assign(Bytes(Wire("02")));
     EXPECT_EQ(decoder.ReadByte(), 2);
 }
 
-TEST(PacketDecoderTest, AssignLeavesTheStateOfTheStream) {
+TEST(PacketDecoder, AssignKeepsTheStreamState) {
     PacketDecoder decoder(Bytes(Wire("01")));
     decoder.Skip(1);
     decoder.Assign(Bytes(Wire("02 03")));
@@ -176,20 +176,20 @@ TEST(PacketDecoderTest, AssignLeavesTheStateOfTheStream) {
     EXPECT_NO_THROW(decoder.Skip(0));
 }
 
-TEST(PacketDecoderTest, SkipEndsAtTheEnd) {
+TEST(PacketDecoder, SkipStopsAtTheEnd) {
     EXPECT_NO_THROW(PacketDecoder().Skip(0));
     EXPECT_NO_THROW(PacketDecoder(Bytes("abc")).Skip(3));
     EXPECT_NO_THROW(PacketDecoder(Bytes(Wire("ffff"))).Skip(2));
 }
 
-TEST(PacketDecoderTest, SkipToleratesTheEnd) {
+TEST(PacketDecoder, SkipToleratesTheEnd) {
     EXPECT_NO_THROW(PacketDecoder(Bytes("abc")).Skip(4));
     EXPECT_NO_THROW(PacketDecoder(Bytes("abc")).Skip(255));
     EXPECT_NO_THROW(PacketDecoder(Bytes("abc")).Skip(4294967295u));
     EXPECT_NO_THROW(PacketDecoder().Skip(1));
 }
 
-TEST(PacketDecoderTest, ByteAfterThePaddingIsRefusedByTheNameOfTheMessage) {
+TEST(PacketDecoder, ByteAfterThePaddingIsRefusedWithTheNameOfTheMessage) {
     ExpectError<SshProtocolError>(ADDITIONAL, "SSH_MSG_CHANNEL_DATA",
                                   [] { PacketDecoder(Bytes(Wire("00 5e 00"))).Skip(2); });
     ExpectError<SshProtocolError>(ADDITIONAL, "SSH_MSG_CHANNEL_DATA",
@@ -198,12 +198,12 @@ TEST(PacketDecoderTest, ByteAfterThePaddingIsRefusedByTheNameOfTheMessage) {
                                   [] { PacketDecoder(Bytes(Wire("00 65 00"))).Skip(0); });
 }
 
-TEST(PacketDecoderTest, NamelessMessageHasAnEmptyDetail) {
+TEST(PacketDecoder, NamelessMessageHasAnEmptyDetail) {
     ExpectError<SshProtocolError>(ADDITIONAL, "", [] { PacketDecoder(Bytes(Wire("00 07 00"))).Skip(2); });
     ExpectError<SshProtocolError>(ADDITIONAL, "", [] { PacketDecoder(Bytes(Wire("5e"))).Skip(0); });
 }
 
-TEST(PacketDecoderTest, ViewIsAStringWhereItLies) {
+TEST(PacketDecoder, ViewIsAStringInPlace) {
     PacketDecoder decoder(Bytes(Wire("07 00000003 610062 00000000 'x'")));
     decoder.ReadByte();
     PacketDecoder::View const bytes = decoder.ReadView();
@@ -213,7 +213,7 @@ TEST(PacketDecoderTest, ViewIsAStringWhereItLies) {
     EXPECT_EQ(decoder.ReadByte(), 'x');
 }
 
-TEST(PacketDecoderTest, ViewIsRefusedAsTheStringIs) {
+TEST(PacketDecoder, ViewIsRefusedLikeTheString) {
     ExpectError<SshProtocolError>(EXCEEDED, "",
                                   [] { PacketDecoder(Bytes(Wire("00000008 'abc'"))).ReadView(); });
     ExpectPrematureEnd([] { PacketDecoder(Bytes(Wire("00000004 'abc'"))).ReadView(); });

@@ -18,7 +18,7 @@ using namespace cindral;
 
 namespace {
 
-/// What `write` leaves in an encoder of a small capacity; the count must tell its length.
+/// What `write` leaves in an encoder of a small capacity; the count must be its length.
 template <typename Write>
 std::string Encoded(Write write) {
     PacketEncoder encoder(4);
@@ -30,11 +30,11 @@ std::string Encoded(Write write) {
 
 unsigned char const* Raw(char const* text) { return reinterpret_cast<unsigned char const*>(text); }
 
-TEST(PacketEncoderTest, NewEncoderIsEmpty) {
+TEST(PacketEncoder, NewEncoderIsEmpty) {
     EXPECT_EQ(Encoded([](PacketEncoder&) {}), "");
 }
 
-TEST(PacketEncoderTest, NumbersAreBigEndian) {
+TEST(PacketEncoder, NumbersAreBigEndian) {
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteByte(0xfe); }), Wire("fe"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteShort(0x0102); }), Wire("0102"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteInt(0x01020304); }), Wire("01020304"));
@@ -42,7 +42,7 @@ TEST(PacketEncoderTest, NumbersAreBigEndian) {
               Wire("0102030405060708"));
 }
 
-TEST(PacketEncoderTest, TypeCodeAndBoolKeepTheLowEightBits) {
+TEST(PacketEncoder, TypeCodeAndBoolKeepTheLowEightBits) {
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteTypeCode(94); }), Wire("5e"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteTypeCode(0x15e); }), Wire("5e"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBool(1); }), Wire("01"));
@@ -51,27 +51,27 @@ TEST(PacketEncoderTest, TypeCodeAndBoolKeepTheLowEightBits) {
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBool(256); }), Wire("00"));
 }
 
-TEST(PacketEncoderTest, StringHasItsLengthAndNoTerminator) {
+TEST(PacketEncoder, StringHasItsLengthAndNoTerminator) {
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteString("testing"); }), Wire("00000007 'testing'"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteString(""); }), Wire("00000000"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteString(nullptr); }), Wire("00000000"));
 }
 
-TEST(PacketEncoderTest, BytesHaveTheirLength) {
+TEST(PacketEncoder, BytesHaveTheirLength) {
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBytes(Raw("a\0b"), 3); }), Wire("00000003 610062"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBytes(Bytes("ab")); }), Wire("00000002 'ab'"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBytes(Raw("ab"), 0); }), Wire("00000000"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBytes(ByteString()); }), Wire("00000000"));
 }
 
-TEST(PacketEncoderTest, RawBytesHaveNone) {
+TEST(PacketEncoder, RawBytesHaveNoLength) {
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBytesRaw(Raw("a\0b"), 3); }), Wire("610062"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBytesRaw(Bytes("ab")); }), "ab");
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WriteBytesRaw(ByteString()); }), "");
 }
 
 /// The examples of RFC 4251, section 5.
-TEST(PacketEncoderTest, MpintsAreThoseOfTheProtocol) {
+TEST(PacketEncoder, MpintsAreEncodedAsInRfc4251) {
     struct Example {
         char const* _number;
         char const* _wire;
@@ -90,34 +90,34 @@ TEST(PacketEncoderTest, MpintsAreThoseOfTheProtocol) {
     }
 }
 
-TEST(PacketEncoderTest, OlderBignumFormHasItsBitsInFront) {
+TEST(PacketEncoder, OlderBignumFormStartsWithTheBitCount) {
     BigNum number;
     BN_set_word(number._bn, 0x1ff);
     EXPECT_EQ(Encoded([&](PacketEncoder& out) { out.WriteBignum(number._bn); }), Wire("0009 01ff"));
 }
 
-TEST(PacketEncoderTest, PublicKeyIsItsBlob) {
+TEST(PacketEncoder, PublicKeyIsItsBlob) {
     std::string const blob = Wire("00000007 'ssh-rsa' 00000003 010001 00000005 00c0ffee01");
     PublicKey key(Bytes(blob));
     ASSERT_NE(key._rep, nullptr);
     EXPECT_EQ(Encoded([&](PacketEncoder& out) { out.WritePublicKey(key); }), Wire("0000001b") + blob);
 }
 
-TEST(PacketEncoderTest, EmptyKeysWriteEmptyValues) {
+TEST(PacketEncoder, EmptyKeysWriteEmptyValues) {
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WritePublicKey(PublicKey()); }), Wire("00000000"));
     EXPECT_EQ(Encoded([](PacketEncoder& out) { out.WritePrivateKey(PrivateKey()); }), "");
 }
 
-TEST(PacketEncoderTest, PrivateKeyHasNoLength) {
+TEST(PacketEncoder, PrivateKeyHasNoLength) {
     PrivateKey key;
     key._rep = new PrivateKey::Rep(EVP_RSA_gen(1024));
     std::string const written = Encoded([&](PacketEncoder& out) { out.WritePrivateKey(key); });
     EXPECT_EQ(written.substr(0, 11), Wire("00000007 'ssh-rsa'"));
-    EXPECT_EQ(written, Str(key._rep->EncodeSSH()));
+    EXPECT_EQ(written, Text(key._rep->EncodeSSH()));
 }
 
 /// FIPS 180-2, appendix A.1.
-TEST(PacketEncoderTest, DigestIsAString) {
+TEST(PacketEncoder, DigestIsAString) {
     Digest digest(DIGEST_SHA1);
     digest._rep->Update(Raw("abc"), 3);
     digest._rep->Finish();
@@ -125,13 +125,13 @@ TEST(PacketEncoderTest, DigestIsAString) {
               Wire("00000014 a9993e364706816aba3e25717850c26c9cd0d89d"));
 }
 
-TEST(PacketEncoderTest, SignatureIsItsBlob) {
+TEST(PacketEncoder, SignatureIsItsBlob) {
     std::string const blob = Wire("00000007 'ssh-rsa' 00000004 deadbeef");
     EXPECT_EQ(Encoded([&](PacketEncoder& out) { out.WriteSignature(Signature(Bytes(blob))); }),
               Wire("00000013") + blob);
 }
 
-TEST(PacketEncoderTest, StringListIsItsCountAndItsStrings) {
+TEST(PacketEncoder, StringListIsItsCountAndItsStrings) {
     TOList<String_t> list;
     EXPECT_EQ(Encoded([&](PacketEncoder& out) { out.WriteStringList(list); }), Wire("00000000"));
     list.Append("one");
@@ -141,7 +141,7 @@ TEST(PacketEncoderTest, StringListIsItsCountAndItsStrings) {
               Wire("00000003 00000003 'one' 00000000 00000003 'two'"));
 }
 
-TEST(PacketEncoderTest, CountAddsUp) {
+TEST(PacketEncoder, CountIsTheSumOfAllFields) {
     PacketEncoder encoder(256);
     encoder.WriteTypeCode(1);
     encoder.WriteBool(1);
@@ -152,12 +152,12 @@ TEST(PacketEncoderTest, CountAddsUp) {
     EXPECT_EQ(encoder._count, 1u + 1 + 2 + 4 + 8 + 7);
 }
 
-TEST(PacketEncoderTest, BufferGrowsPastItsCapacity) {
+TEST(PacketEncoder, BufferGrowsPastItsCapacity) {
     std::string const large(100000, 'x');
     EXPECT_EQ(Encoded([&](PacketEncoder& out) { out.WriteBytes(Bytes(large)); }), Wire("000186a0") + large);
 }
 
-TEST(PacketEncoderTest, PaddingFillsUpTheBlock) {
+TEST(PacketEncoder, PaddingFillsUpTheBlock) {
     struct Example {
         unsigned int _count;
         unsigned int _block;
@@ -173,7 +173,7 @@ TEST(PacketEncoderTest, PaddingFillsUpTheBlock) {
     }
 }
 
-TEST(PacketEncoderTest, PaddingLiesBetweenFiveAndFourMoreThanTheBlock) {
+TEST(PacketEncoder, PaddingIsBetweenFiveAndTheBlockSizePlusFour) {
     for (unsigned int block : {8u, 16u}) {
         PacketEncoder encoder(256);
         for (unsigned int count = 0; count < 3 * block; ++count) {
@@ -186,7 +186,7 @@ TEST(PacketEncoderTest, PaddingLiesBetweenFiveAndFourMoreThanTheBlock) {
     }
 }
 
-TEST(PacketEncoderTest, BytesStandInTheBufferOnceThePaddingIsKnown) {
+TEST(PacketEncoder, BufferHoldsTheBytesOnceThePaddingIsKnown) {
     PacketEncoder encoder(256);
     encoder.WriteInt(1);
     encoder.PadLen(8);

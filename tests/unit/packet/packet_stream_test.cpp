@@ -148,7 +148,7 @@ TEST_F(PacketStream, PaddingBeforeKeysIsAllZero) {
     EXPECT_EQ((Bytes{0, 0, 0, 12, 10, 21, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Received());
 }
 
-TEST_F(PacketStream, PayloadOfNoBytesIsFramedWithElevenBytesOfPadding) {
+TEST_F(PacketStream, EmptyPayloadGetsElevenBytesOfPadding) {
     RawPacket packet({}, 11);
     _out.WritePacket(packet);
     EXPECT_EQ((Bytes{0, 0, 0, 12, 11}) + Bytes(11, 0), Received());
@@ -166,7 +166,7 @@ TEST_F(PacketStream, PayloadOfThreeBytesGetsAWholeBlockOfPadding) {
     EXPECT_EQ((Bytes{0, 0, 0, 12, 8, 2, 1, 2}) + Bytes(8, 0), Received());
 }
 
-TEST_F(PacketStream, PaddingUnderACipherIsNotAllZero) {
+TEST_F(PacketStream, PaddingWithACipherIsNotAllZero) {
     UseKeys();
     RawPacket packet(Bytes(3, 7), 255);
     _out.WritePacket(packet);
@@ -176,7 +176,7 @@ TEST_F(PacketStream, PaddingUnderACipherIsNotAllZero) {
     EXPECT_NE(Bytes(255, 0), Bytes(plain.begin() + 8, plain.end()));
 }
 
-TEST_F(PacketStream, EncryptedPacketCarriesAMacOverSequenceAndPlainText) {
+TEST_F(PacketStream, EncryptedPacketHasAMacOverSequenceNumberAndPlainText) {
     PacketNewKeys first;
     _out.WritePacket(first);
     Received();
@@ -212,7 +212,7 @@ TEST_F(PacketStream, PayloadLargerThanTheBufferHasOneMac) {
     }
 }
 
-TEST_F(PacketStream, PacketWrittenTwiceKeepsItsFirstPadding) {
+TEST_F(PacketStream, PacketWrittenTwiceKeepsItsPadding) {
     PacketChannelData packet(0, "abc", 3);
     _out.WritePacket(packet);
     Bytes const first = Received();
@@ -221,7 +221,7 @@ TEST_F(PacketStream, PacketWrittenTwiceKeepsItsFirstPadding) {
     EXPECT_EQ(first.size() + 20, Received().size());
 }
 
-TEST_F(PacketStream, ByteCountsGrowByPacketLengthAndFourAndNotByTheMac) {
+TEST_F(PacketStream, ByteCountsIncludeTheLengthFieldButNotTheMac) {
     UseKeys();
     RawPacket packet({94, 1, 2, 3}, 7);
     _out.WritePacket(packet);
@@ -246,7 +246,7 @@ TEST_F(PacketStream, ReadsAnEncryptedPacketAfterPlainOnes) {
     EXPECT_EQ(Bytes(plain.begin() + 4, plain.end()), ToBytes(_in.ReadPacket()));
 }
 
-TEST_F(PacketStream, ReadsAPacketOfManyBuffersAndKnowsWhatIsReadAhead) {
+TEST_F(PacketStream, ReadsAPacketLargerThanTheBufferAndReportsReadAhead) {
     UseKeys();
     FarEnd farEnd;
     Bytes const large = BigEndian(32768 + 12) + Bytes{11} + Bytes(32768, 9) + Bytes(11, 1);
@@ -345,7 +345,7 @@ TEST_F(PacketStream, LargestPacketLengthIsAccepted) {
     EXPECT_EQ(body, ToBytes(_in.ReadPacket()));
 }
 
-TEST_F(PacketStream, PacketLengthBeyondTheLargestIsRefusedWithItsValue) {
+TEST_F(PacketStream, PacketLengthAboveTheLargestIsRefusedWithItsValue) {
     Send({0, 4, 0, 1, 0, 0, 0, 0});
     EXPECT_EQ("packet length exceeds maximum value: 262145", ReadFailure());
 }
@@ -355,7 +355,7 @@ TEST_F(PacketStream, ConnectionClosedBetweenPacketsReadsAsNoLength) {
     EXPECT_EQ("packet length less than 2", ReadFailure());
 }
 
-TEST_F(PacketStream, WrongMacIsRefusedAndTheSequenceStays) {
+TEST_F(PacketStream, WrongMacIsRefusedAndKeepsTheSequenceNumber) {
     UseKeys();
     Bytes const plain = Bytes{0, 0, 0, 12, 10, 2} + Bytes(10, 3);
     Bytes mac = FarEnd::Mac(0, plain);
@@ -366,7 +366,7 @@ TEST_F(PacketStream, WrongMacIsRefusedAndTheSequenceStays) {
     EXPECT_EQ(0u, _in._byteCount);
 }
 
-TEST_F(PacketStream, ConnectionThatEndsInsideTheMacIsComparedAsFarAsItCame) {
+TEST_F(PacketStream, MacTruncatedByTheEndOfTheConnectionIsComparedAsFarAsReceived) {
     Bytes const plain = Bytes{0, 0, 0, 12, 10, 2} + Bytes(10, 3);
     UseKeys();
     Bytes const mac = FarEnd::Mac(0, plain);
@@ -376,7 +376,7 @@ TEST_F(PacketStream, ConnectionThatEndsInsideTheMacIsComparedAsFarAsItCame) {
     EXPECT_EQ("packet length less than 2", ReadFailure());
 }
 
-TEST_F(PacketStream, ConnectionThatEndsAtTheMacPassesUnchecked) {
+TEST_F(PacketStream, PacketIsAcceptedWhenTheConnectionEndsBeforeItsMac) {
     Bytes const plain = Bytes{0, 0, 0, 12, 10, 2} + Bytes(10, 3);
     UseKeys();
     Send(FarEnd().Crypt(plain));
@@ -398,7 +398,7 @@ TEST_F(PacketStream, WithoutAMacFinalizeReadsNothingAndCounts) {
     EXPECT_FALSE(_in.HasBufferedInput());
 }
 
-TEST_F(PacketStream, FailingReadOfTheMacGivesAnEmptyPacket) {
+TEST_F(PacketStream, FailedReadOfTheMacGivesAnEmptyPacket) {
     UseKeys();
     Bytes const plain = Bytes{0, 0, 0, 12, 10, 2} + Bytes(10, 3);
     Send(FarEnd().Crypt(plain));
@@ -407,7 +407,7 @@ TEST_F(PacketStream, FailingReadOfTheMacGivesAnEmptyPacket) {
     EXPECT_EQ(0u, _in._byteCount);
 }
 
-TEST_F(PacketStream, PeerThatStopsInsideAPacketIsAFailedReadAndNotAHang) {
+TEST_F(PacketStream, PeerThatStallsInsideAPacketIsAFailedRead) {
     Send({0, 0});
     _in._socketBuffer._timeout = 1;
     EXPECT_EQ("packet length less than 2", ReadFailure());
@@ -418,7 +418,7 @@ TEST_F(PacketStream, TimeLimitsAreThreeMinutes) {
     EXPECT_EQ(180u, _out._socketBuffer._timeout);
 }
 
-TEST_F(PacketStream, PacketThatCannotBeWrittenIsNotCountedAndNothingIsThrown) {
+TEST_F(PacketStream, FailedWriteIsNeitherCountedNorThrown) {
     HangUp();
     RawPacket packet(Bytes(32768, 1), 11);
     EXPECT_NO_THROW(_out.WritePacket(packet));
@@ -426,7 +426,7 @@ TEST_F(PacketStream, PacketThatCannotBeWrittenIsNotCountedAndNothingIsThrown) {
     EXPECT_EQ(0u, _out._sshBuffer._sequence);
 }
 
-TEST_F(PacketStream, PaddingThatFindsNoRoomIsDropped) {
+TEST_F(PacketStream, PaddingThatDoesNotFitIsDropped) {
     UseKeys();
     HangUp();
     RawPacket packet(Bytes(32768, 1), 255);
@@ -450,7 +450,7 @@ TEST(MessageNumber, IsTheByteAfterThePaddingLengthAndZeroWithoutOne) {
     EXPECT_EQ(0, MessageNumber(ByteString()));
 }
 
-TEST_F(PacketStream, PacketThatOthersFollowIsHandedOverAsMoreToCome) {
+TEST_F(PacketStream, PacketFollowedByOthersIsSentWithMsgMore) {
     using Sent = support::SendRecorder::Sent;
     support::SendRecorder recorder;
     RawPacket packet({94}, 10);
@@ -460,14 +460,14 @@ TEST_F(PacketStream, PacketThatOthersFollowIsHandedOverAsMoreToCome) {
     EXPECT_EQ((std::vector<Sent>{{16, true}, {16, false}, {16, false}}), recorder.Take());
 }
 
-TEST_F(PacketStream, SizeOfAPacketIsWhatIsCounted) {
+TEST_F(PacketStream, PacketSizeIsTheByteCount) {
     RawPacket packet(Bytes(100, 94), 255);
     unsigned int const size = _out.SizeOf(packet);
     _out.WritePacket(packet);
     EXPECT_EQ(_out._byteCount, size);
 }
 
-TEST_F(PacketStream, FullDataMessageLeavesWithItsMacInOneSend) {
+TEST_F(PacketStream, FullDataMessageIsSentWithItsMacInOneCall) {
     UseKeys();
     support::SendRecorder recorder;
     RawPacket packet(Bytes(9 + 8144, 94), 18);
@@ -495,7 +495,7 @@ TEST_F(PacketStream, BuffersLieInTheStreams) {
     EXPECT_TRUE(support::HoldsBuffer(_in, _in._adapter));
 }
 
-TEST_F(PacketStream, HasInputOnceAPartOfAPacketIsThere) {
+TEST_F(PacketStream, HasInputOncePartOfAPacketHasArrived) {
     EXPECT_FALSE(_in.HasInput());
     Send({0, 0, 0, 12});
     EXPECT_TRUE(_in.HasInput());

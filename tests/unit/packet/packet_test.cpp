@@ -13,7 +13,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(PacketTest, EveryMessageNumberHasItsName) {
+TEST(Packet, EveryMessageNumberHasItsName) {
     std::map<unsigned int, std::string> const names = {
         {1, "SSH_MSG_DISCONNECT"},
         {2, "SSH_MSG_IGNORE"},
@@ -59,13 +59,13 @@ TEST(PacketTest, EveryMessageNumberHasItsName) {
     }
 }
 
-TEST(PacketTest, NumbersAboveTheTableAreUnknown) {
+TEST(Packet, NumbersAboveTheTableAreUnknown) {
     for (unsigned int number : {101u, 255u, 4294967295u}) {
         EXPECT_STREQ(Packet::MsgName(number), "UNKNOWN_MESSAGE") << number;
     }
 }
 
-TEST(PacketTest, ConstantsHaveTheNumbersOfTheProtocol) {
+TEST(Packet, ConstantsHaveTheNumbersOfTheProtocol) {
     EXPECT_EQ(Packet::SSH_MSG_DISCONNECT, 1);
     EXPECT_EQ(Packet::SSH_MSG_IGNORE, 2);
     EXPECT_EQ(Packet::SSH_MSG_UNIMPLEMENTED, 3);
@@ -127,7 +127,7 @@ TEST(PacketTest, ConstantsHaveTheNumbersOfTheProtocol) {
     EXPECT_EQ(Packet::SSH_EXTENDED_DATA_STDERR, 1);
 }
 
-TEST(PacketTest, NewMessageHasNoPayload) {
+TEST(Packet, NewMessageHasNoPayload) {
     BlockCipher cipher;
     Packet packet(94);
     EXPECT_EQ(packet._type, 94);
@@ -136,15 +136,15 @@ TEST(PacketTest, NewMessageHasNoPayload) {
     EXPECT_EQ(packet.Payload(cipher).Length(), 0u);
 }
 
-TEST(PacketTest, ReceivedPacketKeepsItsPayload) {
+TEST(Packet, ReceivedPacketKeepsItsPayload) {
     BlockCipher cipher;
     Packet packet(94, Bytes(Framed(Wire("5e 00000001"), 6)));
     EXPECT_EQ(packet._padLen, 6);
-    EXPECT_EQ(Str(packet._payload), Wire("5e 00000001"));
+    EXPECT_EQ(Text(packet._payload), Wire("5e 00000001"));
     EXPECT_EQ(packet.Payload(cipher)._rep, packet._payload._rep);
 }
 
-TEST(PacketTest, EmptyPacketStaysEmpty) {
+TEST(Packet, EmptyPacketHasNoPayload) {
     for (ByteString const& raw : {ByteString(), ByteString(0u)}) {
         Packet packet(94, raw);
         EXPECT_EQ(packet._padLen, 0);
@@ -152,25 +152,25 @@ TEST(PacketTest, EmptyPacketStaysEmpty) {
     }
 }
 
-TEST(PacketTest, PacketOfItsPaddingLengthAloneHasNoPayload) {
+TEST(Packet, PacketOfOnlyAPaddingLengthHasNoPayload) {
     for (char const* raw : {"00", "ff"}) {
         EXPECT_EQ(Packet(94, Bytes(Wire(raw)))._payload.Length(), 0u) << raw;
     }
 }
 
-TEST(PacketTest, PaddingUpToTheWholePacketLeavesNothing) {
+TEST(Packet, PaddingOfTheWholePacketLeavesNoPayload) {
     EXPECT_EQ(Packet(94, Bytes(Wire("03 5e 01 02")))._payload.Length(), 0u);
-    EXPECT_EQ(Str(Packet(94, Bytes(Wire("02 5e 01 02")))._payload), Wire("5e"));
+    EXPECT_EQ(Text(Packet(94, Bytes(Wire("02 5e 01 02")))._payload), Wire("5e"));
 }
 
-TEST(PacketTest, PaddingLargerThanThePacketLeavesAllAfterTheFirstByte) {
+TEST(Packet, PaddingLargerThanThePacketKeepsAllAfterTheFirstByte) {
     Packet packet(94, Bytes(Wire("04 5e 01 02")));
     EXPECT_EQ(packet._padLen, 4);
-    EXPECT_EQ(Str(packet._payload), Wire("5e 01 02"));
-    EXPECT_EQ(Str(Packet(94, Bytes(Wire("ff 5e 01 02")))._payload), Wire("5e 01 02"));
+    EXPECT_EQ(Text(packet._payload), Wire("5e 01 02"));
+    EXPECT_EQ(Text(Packet(94, Bytes(Wire("ff 5e 01 02")))._payload), Wire("5e 01 02"));
 }
 
-TEST(PacketTest, MessageIsEncodedOnce) {
+TEST(Packet, MessageIsEncodedOnce) {
     BlockCipher cipher;
     PacketChannelEof eof(7);
     ByteString const first = eof.Payload(cipher);
@@ -179,11 +179,11 @@ TEST(PacketTest, MessageIsEncodedOnce) {
     eof._padLen = 99;
     ByteString const second = eof.Payload(cipher);
     EXPECT_EQ(second._rep, first._rep);
-    EXPECT_EQ(Str(second), Wire("60 00000007"));
+    EXPECT_EQ(Text(second), Wire("60 00000007"));
     EXPECT_EQ(eof._padLen, 99);
 }
 
-TEST(PacketTest, PaddingFitsTheBlockSizeOfTheCipher) {
+TEST(Packet, PaddingFitsTheBlockSizeOfTheCipher) {
     BlockCipher cipher;
     cipher.Redefine("aes128-ctr", BlockCipher::ENCRYPT, Bytes(std::string(16, 'k')),
                     Bytes(std::string(16, 'v')));

@@ -28,7 +28,7 @@ public:
     int _fd;
 };
 
-class PacketSessionPtyRequestTest : public testing::Test {
+class PtyRequest : public testing::Test {
 protected:
     void SetUp() override {
         _settings = termios();
@@ -42,7 +42,7 @@ protected:
     BlockCipher _cipher;
 };
 
-TEST_F(PacketSessionPtyRequestTest, SizeIsThatOfTheTerminal) {
+TEST_F(PtyRequest, SizeIsThatOfTheTerminal) {
     Descriptor const pty(posix_openpt(O_RDWR | O_NOCTTY));
     winsize size = {24, 80, 640, 480};
     ASSERT_EQ(ioctl(pty._fd, TIOCSWINSZ, &size), 0);
@@ -56,12 +56,12 @@ TEST_F(PacketSessionPtyRequestTest, SizeIsThatOfTheTerminal) {
     ASSERT_LT(modes.Length(), 65536u);
     std::string const length = {0, 0, static_cast<char>(modes.Length() >> 8),
                                 static_cast<char>(modes.Length())};
-    EXPECT_EQ(Str(request.Payload(_cipher)),
+    EXPECT_EQ(Text(request.Payload(_cipher)),
               Wire("62 00000005 00000007 'pty-req' 00 00000005 'vt100' 00000050 00000018 00000280 000001e0") +
-                  length + Str(modes));
+                  length + Text(modes));
 }
 
-TEST_F(PacketSessionPtyRequestTest, NoTerminalHasNoSize) {
+TEST_F(PtyRequest, SizeIsZeroWithoutATerminal) {
     Descriptor const null(open("/dev/null", O_RDWR));
     for (int fd : {null._fd, -1}) {
         PacketSessionPtyRequest const request(5, fd, _settings);
@@ -70,19 +70,19 @@ TEST_F(PacketSessionPtyRequestTest, NoTerminalHasNoSize) {
         EXPECT_EQ(request._widthPixels, 0u);
         EXPECT_EQ(request._heightPixels, 0u);
         EXPECT_EQ(request._wantReply, 0);
-        EXPECT_EQ(Str(request._modes), Str(TtyMakeModes(_settings)));
+        EXPECT_EQ(Text(request._modes), Text(TtyMakeModes(_settings)));
     }
 }
 
-TEST_F(PacketSessionPtyRequestTest, UnsetTermIsAnEmptyString) {
+TEST_F(PtyRequest, UnsetTermIsAnEmptyString) {
     unsetenv("TERM");
     PacketSessionPtyRequest request(5, -1, _settings);
-    EXPECT_EQ(Str(request._term), "");
-    EXPECT_EQ(Str(request.Payload(_cipher)).substr(0, 21),
+    EXPECT_EQ(Text(request._term), "");
+    EXPECT_EQ(Text(request.Payload(_cipher)).substr(0, 21),
               Wire("62 00000005 00000007 'pty-req' 00 00000000"));
 }
 
-TEST_F(PacketSessionPtyRequestTest, FieldsAreRead) {
+TEST_F(PtyRequest, FieldsAreRead) {
     auto const request = Decode<PacketSessionPtyRequest>(
         Wire("62 00000001 00000007 'pty-req' 02 00000005 'xterm' 00000050 00000018 00000280 000001e0"
              "00000006 350000000100"));
@@ -94,10 +94,10 @@ TEST_F(PacketSessionPtyRequestTest, FieldsAreRead) {
     EXPECT_EQ(request._rows, 24u);
     EXPECT_EQ(request._widthPixels, 640u);
     EXPECT_EQ(request._heightPixels, 480u);
-    EXPECT_EQ(Str(request._modes), Wire("350000000100"));
+    EXPECT_EQ(Text(request._modes), Wire("350000000100"));
 }
 
-TEST(PacketSessionStartTest, FieldsAreRead) {
+TEST(PacketSessionStart, FieldsAreRead) {
     auto const shell = Decode<PacketSessionStartShell>(Wire("62 00000001 00000005 'shell' 01"));
     EXPECT_EQ(shell._recipientChannel, 1u);
     EXPECT_STREQ(shell._request.Text(), "shell");
@@ -117,7 +117,7 @@ TEST(PacketSessionStartTest, FieldsAreRead) {
     EXPECT_STREQ(subsystem._subsystem.Text(), "sftp");
 }
 
-TEST(PacketSessionX11RequestTest, FieldsAreReadAndWrittenAgain) {
+TEST(PacketSessionX11Request, FieldsSurviveARoundTrip) {
     BlockCipher cipher;
     std::string const payload =
         Wire("62 00000001 00000007 'x11-req' 01 02 00000005 'proto' 00000006 'cookie' 00000003");
@@ -129,33 +129,33 @@ TEST(PacketSessionX11RequestTest, FieldsAreReadAndWrittenAgain) {
     EXPECT_STREQ(request._authProtocol.Text(), "proto");
     EXPECT_STREQ(request._authCookie.Text(), "cookie");
     EXPECT_EQ(request._screen, 3u);
-    EXPECT_EQ(Str(request.Payload(cipher)), payload);
+    EXPECT_EQ(Text(request.Payload(cipher)), payload);
 }
 
-TEST(PacketChannelRequestTest, RequestToSendHasNoDataOfItsOwn) {
+TEST(PacketChannelRequest, OutgoingRequestHasNoData) {
     PacketChannelRequest const request(1, "exit-status", 1);
     EXPECT_EQ(request._exitStatus, 0u);
-    EXPECT_EQ(Str(request._signalName), "");
+    EXPECT_EQ(Text(request._signalName), "");
     EXPECT_EQ(request._coreDumped, 0);
 }
 
-TEST(PacketChannelRequestTest, ExitStatusIsRead) {
+TEST(PacketChannelRequest, ExitStatusIsRead) {
     auto const request = Decode<PacketChannelRequest>(Wire("62 00000001 0000000b 'exit-status' 00 80000007"));
     EXPECT_EQ(request._recipientChannel, 1u);
     EXPECT_STREQ(request._request.Text(), "exit-status");
     EXPECT_EQ(request._wantReply, 0);
     EXPECT_EQ(request._exitStatus, 0x80000007u);
-    EXPECT_EQ(Str(request._signalName), "");
+    EXPECT_EQ(Text(request._signalName), "");
     EXPECT_EQ(request._coreDumped, 0);
 }
 
-TEST(PacketChannelRequestTest, ExitStatusOfZeroLeavesTheSignalEmpty) {
+TEST(PacketChannelRequest, ExitStatusOfZeroLeavesTheSignalNameEmpty) {
     auto const request = Decode<PacketChannelRequest>(Wire("62 00000001 0000000b 'exit-status' 00 00000000"));
     EXPECT_EQ(request._exitStatus, 0u);
-    EXPECT_EQ(Str(request._signalName), "");
+    EXPECT_EQ(Text(request._signalName), "");
 }
 
-TEST(PacketChannelRequestTest, ExitSignalKeepsTheCoreFlagAsReceived) {
+TEST(PacketChannelRequest, ExitSignalKeepsTheCoreFlagAsReceived) {
     auto const request = Decode<PacketChannelRequest>(
         Wire("62 00000001 0000000b 'exit-signal' 00 00000004 'TERM' ff 00000006 'killed' 00000002 'en'"));
     EXPECT_STREQ(request._signalName.Text(), "TERM");
@@ -163,7 +163,7 @@ TEST(PacketChannelRequestTest, ExitSignalKeepsTheCoreFlagAsReceived) {
     EXPECT_EQ(request._exitStatus, 0u);
 }
 
-TEST(PacketChannelRequestTest, ExitSignalIsExact) {
+TEST(PacketChannelRequest, ExitSignalOfTheWrongLengthIsRefused) {
     std::string const payload =
         Wire("62 00000001 0000000b 'exit-signal' 00 00000004 'TERM' 01 00000000 00000000");
     EXPECT_EQ(Decode<PacketChannelRequest>(payload)._coreDumped, 1);
@@ -175,7 +175,7 @@ TEST(PacketChannelRequestTest, ExitSignalIsExact) {
                                   [&] { Decode<PacketChannelRequest>(payload + "x"); });
 }
 
-TEST(PacketChannelRequestTest, OtherRequestsHaveNoData) {
+TEST(PacketChannelRequest, OtherRequestsHaveNoData) {
     auto const request = Decode<PacketChannelRequest>(Wire("62 00000001 00000005 'other' 01"));
     EXPECT_STREQ(request._request.Text(), "other");
     EXPECT_EQ(request._wantReply, 1);

@@ -28,7 +28,7 @@ struct Output {
     Buffer _buffer{&_memory, _cipher, _mac};
 };
 
-class OverriddenFlush : public testing::TestWithParam<WriteOperation> {
+class OverriddenSshBufferFlush : public testing::TestWithParam<WriteOperation> {
 protected:
     /// Does the operation on a stream over the buffer, as it is done with a packet.
     template <class Buffer>
@@ -41,30 +41,30 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(SshBuffers, OverriddenFlush, testing::ValuesIn(support::WriteOperations()),
+INSTANTIATE_TEST_SUITE_P(SshBuffers, OverriddenSshBufferFlush, testing::ValuesIn(support::WriteOperations()),
                          OperationName());
 
-TEST_P(OverriddenFlush, SeesEveryByte) {
+TEST_P(OverriddenSshBufferFlush, SeesEveryByte) {
     Output<support::CountingOutput<OSshBuffer>> out;
     Write(out._buffer);
     EXPECT_EQ(out._buffer._bytes, GetParam()._bytes.size());
     EXPECT_EQ(out.Wire(), GetParam()._bytes);
 }
 
-TEST_P(OverriddenFlush, ChangesEveryByte) {
+TEST_P(OverriddenSshBufferFlush, ChangesEveryByte) {
     Output<support::ShiftingOutput<OSshBuffer>> out;
     Write(out._buffer);
     EXPECT_EQ(out.Wire(), Shifted(GetParam()._bytes));
 }
 
-TEST_P(OverriddenFlush, ChangesEveryBytePutOneByOne) {
+TEST_P(OverriddenSshBufferFlush, ChangesEveryBytePutOneByOne) {
     Output<support::ShiftingOutput<OSshBuffer>> out;
     for (char byte : GetParam()._bytes) EXPECT_GE(out._buffer.putchr(byte), 0);
     EXPECT_EQ(out._buffer.FinalizePacket(), 0);
     EXPECT_EQ(out.Wire(), Shifted(GetParam()._bytes));
 }
 
-TEST_P(OverriddenFlush, ChangesEveryByteOfARange) {
+TEST_P(OverriddenSshBufferFlush, ChangesEveryByteOfARange) {
     Output<support::ShiftingOutput<OSshBuffer>> out;
     std::string const& bytes = GetParam()._bytes;
     EXPECT_EQ(out._buffer.put(bytes.data(), bytes.data() + bytes.size()), static_cast<int>(bytes.size()));
@@ -85,36 +85,36 @@ struct Input {
     Buffer _buffer;
 };
 
-class OverriddenFill : public testing::TestWithParam<ReadOperation> {
+class OverriddenSshBufferFill : public testing::TestWithParam<ReadOperation> {
 protected:
     std::string const& _bytes = GetParam()._bytes;
     std::string const _wire = Shifted(_bytes);
 };
 
-INSTANTIATE_TEST_SUITE_P(SshBuffers, OverriddenFill, testing::ValuesIn(support::ReadOperations()),
+INSTANTIATE_TEST_SUITE_P(SshBuffers, OverriddenSshBufferFill, testing::ValuesIn(support::ReadOperations()),
                          OperationName());
 
-TEST_P(OverriddenFill, SeesEveryByte) {
+TEST_P(OverriddenSshBufferFill, SeesEveryByte) {
     Input<support::CountingInput<ISshBuffer>> in(_bytes);
     ISockStreamAdapter stream(in._buffer);
     EXPECT_EQ(GetParam()._read(stream), _bytes);
     EXPECT_EQ(in._buffer._bytes, _bytes.size());
 }
 
-TEST_P(OverriddenFill, ChangesEveryByte) {
+TEST_P(OverriddenSshBufferFill, ChangesEveryByte) {
     Input<support::ShiftingInput<ISshBuffer>> in(_wire);
     ISockStreamAdapter stream(in._buffer);
     EXPECT_EQ(GetParam()._read(stream), _bytes);
 }
 
-TEST_P(OverriddenFill, ChangesEveryByteTakenOneByOne) {
+TEST_P(OverriddenSshBufferFill, ChangesEveryByteTakenOneByOne) {
     Input<support::ShiftingInput<ISshBuffer>> in(_wire);
     std::string bytes(_bytes.size(), '\0');
     for (char& byte : bytes) EXPECT_EQ(in._buffer.getchr(byte), 1);
     EXPECT_EQ(bytes, _bytes);
 }
 
-TEST_P(OverriddenFill, ChangesEveryByteOfARange) {
+TEST_P(OverriddenSshBufferFill, ChangesEveryByteOfARange) {
     Input<support::ShiftingInput<ISshBuffer>> in(_wire);
     std::string bytes(_bytes.size(), '\0');
     EXPECT_EQ(in._buffer.get(bytes.data(), bytes.data() + bytes.size()), static_cast<int>(bytes.size()));

@@ -114,7 +114,7 @@ protected:
     PlusOne* _plusOne;
 };
 
-class Output : public SshBuffer {
+class OSshBufferOutput : public SshBuffer {
 protected:
     void Put(std::string const& text) { _out.put(text.data(), text.data() + text.size()); }
     long Held() const { return _out._pos - _out._start; }
@@ -123,7 +123,7 @@ protected:
     OSshBuffer _out{&_below, _cipher, _mac};
 };
 
-class Input : public SshBuffer {
+class ISshBufferInput : public SshBuffer {
 protected:
     std::string Readable() const { return std::string(_in._pos, _in._end); }
 
@@ -133,13 +133,13 @@ protected:
 
 } // namespace
 
-TEST_F(Output, FlushOfNothingDoesNothing) {
+TEST_F(OSshBufferOutput, FlushOfAnEmptyBufferDoesNothing) {
     EXPECT_EQ(_out.Flush(), 0);
     EXPECT_THAT(_log, IsEmpty());
     EXPECT_EQ(_out._plainBytes, 0u);
 }
 
-TEST_F(Output, FlushPassesCipherTextOnAndFeedsPlainTextToTheMac) {
+TEST_F(OSshBufferOutput, FlushPassesCipherTextOnAndFeedsPlainTextToTheMac) {
     Put("abc");
     EXPECT_EQ(_out.Flush(), 0);
     EXPECT_THAT(_log, ElementsAre("cipher 3", "put bcd", "update abc"));
@@ -147,7 +147,7 @@ TEST_F(Output, FlushPassesCipherTextOnAndFeedsPlainTextToTheMac) {
     EXPECT_EQ(_out._plainBytes, 3u);
 }
 
-TEST_F(Output, PlainBytesStayWhenTheLayerBelowFails) {
+TEST_F(OSshBufferOutput, PlainBytesStayWhenTheLayerBelowFails) {
     Put("abc");
     _below._left = 0;
     EXPECT_EQ(_out.Flush(), BELOW_FAILS);
@@ -158,7 +158,7 @@ TEST_F(Output, PlainBytesStayWhenTheLayerBelowFails) {
     EXPECT_EQ(_out._sequence, 0u);
 }
 
-TEST_F(Output, FailedCipherIsItsErrnoOnceTheLayerBelowHasBeenCalled) {
+TEST_F(OSshBufferOutput, FailedCipherIsItsErrnoAfterTheLayerBelowWasCalled) {
     Put("abc");
     _plusOne->_fails = true;
     EXPECT_EQ(_out.Flush(), EIO);
@@ -170,7 +170,7 @@ TEST_F(Output, FailedCipherIsItsErrnoOnceTheLayerBelowHasBeenCalled) {
     EXPECT_EQ(_out.Flush(), BELOW_FAILS);
 }
 
-TEST_F(Output, PacketEndsWithItsMacBeneathTheCipher) {
+TEST_F(OSshBufferOutput, MacIsAppendedUnencrypted) {
     _out.StartPacket();
     Put("abc");
     EXPECT_EQ(_out.FinalizePacket(), 0);
@@ -179,14 +179,14 @@ TEST_F(Output, PacketEndsWithItsMacBeneathTheCipher) {
     EXPECT_EQ(_out._sequence, 1u);
 }
 
-TEST_F(Output, MacThatCanNotBePassedOnLeavesTheSequence) {
+TEST_F(OSshBufferOutput, FailedWriteOfTheMacKeepsTheSequenceNumber) {
     Put("abc");
     _below._left = 1;
     EXPECT_EQ(_out.FinalizePacket(), BELOW_FAILS);
     EXPECT_EQ(_out._sequence, 0u);
 }
 
-TEST_F(Output, SequenceWrapsAround) {
+TEST_F(OSshBufferOutput, SequenceNumberWrapsAround) {
     _out._sequence = 0xffffffff;
     _out.StartPacket();
     EXPECT_EQ(_out.FinalizePacket(), 0);
@@ -194,7 +194,7 @@ TEST_F(Output, SequenceWrapsAround) {
     EXPECT_EQ(_out._sequence, 0u);
 }
 
-TEST_F(Input, FillTakesNoMoreThanIsAllowed) {
+TEST_F(ISshBufferInput, FillReadsNoMoreThanAllowed) {
     _below._bytes = "abcdef";
     _in.StartPacket(2);
     News();
@@ -210,7 +210,7 @@ TEST_F(Input, FillTakesNoMoreThanIsAllowed) {
     EXPECT_EQ(_in._plainBytes, 0u);
 }
 
-TEST_F(Input, FillTakesABufferAtMost) {
+TEST_F(ISshBufferInput, FillReadsAtMostABuffer) {
     _below._bytes = std::string(20000, 'x');
     _in.ContinuePacket(10000);
     EXPECT_EQ(_in.Fill(), 8192);
@@ -219,7 +219,7 @@ TEST_F(Input, FillTakesABufferAtMost) {
     EXPECT_EQ(_in.Fill(), 0);
 }
 
-TEST_F(Input, EndOfTheStreamIsRemembered) {
+TEST_F(ISshBufferInput, EndOfTheStreamIsRemembered) {
     _in.ContinuePacket(5);
     EXPECT_EQ(_in._eof, 0);
     EXPECT_EQ(_in.Fill(), 0);
@@ -231,7 +231,7 @@ TEST_F(Input, EndOfTheStreamIsRemembered) {
     EXPECT_THAT(News(), IsEmpty());
 }
 
-TEST_F(Input, FailureBelowIsPassedOn) {
+TEST_F(ISshBufferInput, FailureOfTheLayerBelowIsReturned) {
     _below._result = BELOW_FAILS;
     _in.ContinuePacket(5);
     EXPECT_EQ(_in.Fill(), BELOW_FAILS);
@@ -239,7 +239,7 @@ TEST_F(Input, FailureBelowIsPassedOn) {
     EXPECT_EQ(_in._remaining, 5u);
 }
 
-TEST_F(Input, FailedCipherIsPassedOn) {
+TEST_F(ISshBufferInput, FailedCipherIsReturned) {
     _below._bytes = "abc";
     _plusOne->_fails = true;
     _in.ContinuePacket(3);
@@ -248,7 +248,7 @@ TEST_F(Input, FailedCipherIsPassedOn) {
     EXPECT_EQ(Readable(), "");
 }
 
-TEST_F(Input, MacIsReadBeneathTheCipherAndCompared) {
+TEST_F(ISshBufferInput, MacIsReadUnencryptedAndCompared) {
     _below._bytes = "MACrest";
     EXPECT_EQ(_in.FinalizePacket(), 0);
     EXPECT_THAT(News(), ElementsAre("finish", "get 3"));
@@ -256,7 +256,7 @@ TEST_F(Input, MacIsReadBeneathTheCipherAndCompared) {
     EXPECT_EQ(_below._bytes, "rest");
 }
 
-TEST_F(Input, MacCutShortIsComparedAsFarAsItCame) {
+TEST_F(ISshBufferInput, TruncatedMacIsComparedAsFarAsReceived) {
     for (char const* part : {"MA", ""}) {
         _below._bytes = part;
         EXPECT_EQ(_in.FinalizePacket(), 0) << part;
@@ -267,13 +267,13 @@ TEST_F(Input, MacCutShortIsComparedAsFarAsItCame) {
     EXPECT_EQ(_in._sequence, 2u);
 }
 
-TEST_F(Input, MacThatCanNotBeReadLeavesTheSequence) {
+TEST_F(ISshBufferInput, FailedReadOfTheMacKeepsTheSequenceNumber) {
     _below._result = BELOW_FAILS;
     EXPECT_EQ(_in.FinalizePacket(), BELOW_FAILS);
     EXPECT_EQ(_in._sequence, 0u);
 }
 
-TEST_F(Input, SequenceWrapsAround) {
+TEST_F(ISshBufferInput, SequenceNumberWrapsAround) {
     _in._sequence = 0xffffffff;
     _in.StartPacket(0);
     EXPECT_THAT(_log, ElementsAre("reset", "update \xff\xff\xff\xff"));
@@ -281,7 +281,7 @@ TEST_F(Input, SequenceWrapsAround) {
     EXPECT_EQ(_in._sequence, 0u);
 }
 
-TEST_F(Input, RangeLargerThanTheBufferIsDecryptedWhereItBelongs) {
+TEST_F(ISshBufferInput, RangeLargerThanTheBufferIsDecryptedInPlace) {
     _below._bytes = std::string(20000, 'x');
     _in.ContinuePacket(10001);
     std::string range(20000, '-');
@@ -292,7 +292,7 @@ TEST_F(Input, RangeLargerThanTheBufferIsDecryptedWhereItBelongs) {
                                     "cipher 1809", "update " + std::string(1809, 'y')));
 }
 
-TEST_F(Input, LargeRangeBeginsWithWhatTheBufferHolds) {
+TEST_F(ISshBufferInput, LargeRangeStartsWithTheBufferedBytes) {
     _below._bytes = "abcdefgh" + std::string(9000, 'x');
     _in.StartPacket(8);
     char first[4];
@@ -303,7 +303,7 @@ TEST_F(Input, LargeRangeBeginsWithWhatTheBufferHolds) {
     EXPECT_EQ(range, "fghi" + std::string(9000, 'y'));
 }
 
-TEST_F(Input, LargeRangeEndsWithTheStreamAndWithAFailure) {
+TEST_F(ISshBufferInput, LargeRangeEndsAtEndOfInputAndAtAFailure) {
     std::string range(20000, '-');
     _below._bytes = std::string(100, 'x');
     _in.ContinuePacket(20000);

@@ -6,10 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <brantle/cindral/exceptions.h>
-#include <brantle/thornel/byte_string.h>
-#include <brantle/thornel/string_t.h>
 
 #include "support/expect_error.h"
+#include "support/text.h"
 
 /// Bytes from a line of hexadecimal digits and quoted text: "5e 00000003 'abc'". Blanks only separate.
 inline std::string Wire(std::string const& line) {
@@ -34,17 +33,9 @@ inline std::string Framed(std::string const& payload, unsigned int padding = 0) 
     return static_cast<char>(padding) + payload + std::string(padding, '\xa5');
 }
 
-inline ByteString Bytes(std::string const& bytes) {
-    return ByteString(bytes.data(), static_cast<unsigned int>(bytes.size()));
-}
-
-inline std::string Str(ByteString const& bytes) {
-    return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
-}
-
-inline std::string Str(String_t const& text) { return text.Text() ? text.Text() : ""; }
-
+using support::Bytes;
 using support::ExpectError;
+using support::Text;
 
 /// Expects that `action` finds the end of its input too early.
 template <typename Action>

@@ -1,9 +1,7 @@
 // What authentication works with before anything is sent: the data to be signed and the key files.
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -13,8 +11,8 @@
 
 #include "support/peer/peer_crypto.h"
 #include "support/session/recording_callbacks.h"
+#include "support/session/ssh_directory.h"
 
-namespace fs = std::filesystem;
 using cindral::PrivateKey;
 using cindral::PublicKey;
 using peer::KeyPair;
@@ -41,29 +39,13 @@ peer::Bytes ToPeer(ByteString const& bytes) {
 
 peer::Bytes BlobOf(PublicKey const& key) { return key._rep ? ToPeer(key._rep->EncodeSSH()) : peer::Bytes(); }
 
-/// Key files in `.ssh` of the home directory, gone with the test.
-class KeyFiles : public testing::Test {
+class IdentityFiles : public testing::Test, protected SshDirectory {
 protected:
-    KeyFiles() : directory(fs::path(std::getenv("HOME")) / ".ssh") { fs::create_directories(directory); }
-    ~KeyFiles() override { fs::remove_all(directory); }
-
-    std::string Write(std::string const& name, std::string const& text) const {
-        fs::path const path = directory / name;
-        std::ofstream(path) << text;
-        fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
-        return path.string();
-    }
-    std::string WritePublic(std::string const& name, KeyPair const& key) const {
-        return Write(name, key.PublicLine() + "\n");
-    }
-    std::string Path(std::string const& name) const { return (directory / name).string(); }
-
     int ReadPubkey(std::string const& identity) { return session.ReadPubkey(publicKey, identity.c_str()); }
     int ReadIdentity(std::string const& identity, char const* password = "") {
         return session.ReadIdentity(privateKey, identity.c_str(), password, enter);
     }
 
-    fs::path directory;
     OpenSession session;
     PublicKey publicKey;
     PrivateKey privateKey;
@@ -92,7 +74,7 @@ TEST(MakeAuthData, IsTheSessionIdAndTheRequestWithoutSignature) {
     }
 }
 
-TEST(MakeAuthData, EmptyValuesAndTextsBeyondTheBufferAreWritten) {
+TEST(MakeAuthData, EmptyValuesAndTextsLargerThanTheBufferAreWritten) {
     OpenSession session;
     PublicKey const key(FromPeer(KeyPair::UserRsa().Blob()));
     std::string const user(5000, 'u');
@@ -110,40 +92,40 @@ TEST(MakeAuthData, EmptyValuesAndTextsBeyondTheBufferAreWritten) {
     }
 }
 
-TEST_F(KeyFiles, PublicKeyThatIsLoadedIsLeftAlone) {
+TEST_F(IdentityFiles, LoadedPublicKeyIsKept) {
     publicKey = PublicKey(FromPeer(KeyPair::UserDsa().Blob()));
     WritePublic("own.pub", KeyPair::UserRsa());
     EXPECT_EQ(ReadPubkey(Path("own")), 0);
     EXPECT_EQ(BlobOf(publicKey), KeyPair::UserDsa().Blob());
 }
 
-TEST_F(KeyFiles, ExtensionSshComesBeforePub) {
+TEST_F(IdentityFiles, ExtensionSshIsTriedBeforePub) {
     WritePublic("own.ssh", KeyPair::UserDsa());
     WritePublic("own.pub", KeyPair::UserRsa());
     EXPECT_EQ(ReadPubkey(Path("own")), 0);
     EXPECT_EQ(BlobOf(publicKey), KeyPair::UserDsa().Blob());
 }
 
-TEST_F(KeyFiles, ExtensionPubComesSecond) {
+TEST_F(IdentityFiles, ExtensionPubIsTriedSecond) {
     WritePublic("own.pub", KeyPair::UserRsa());
     EXPECT_EQ(ReadPubkey(Path("own")), 0);
     EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
 }
 
-TEST_F(KeyFiles, BrokenFileWithExtensionSshGivesWayToPub) {
+TEST_F(IdentityFiles, PubIsReadWhenTheSshFileIsBroken) {
     Write("own.ssh", "no key\n");
     WritePublic("own.pub", KeyPair::UserRsa());
     EXPECT_EQ(ReadPubkey(Path("own")), 0);
     EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
 }
 
-TEST_F(KeyFiles, ExtensionOfTheIdentityIsReplaced) {
+TEST_F(IdentityFiles, ExtensionOfTheIdentityIsReplaced) {
     WritePublic("own.pub", KeyPair::UserRsa());
     EXPECT_EQ(ReadPubkey(Path("own.pem")), 0);
     EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
 }
 
-TEST_F(KeyFiles, LastResultOfAnIdentityIsThatOfPub) {
+TEST_F(IdentityFiles, ResultForAnIdentityIsThatOfPub) {
     WritePublic("id_rsa.pub", KeyPair::UserRsa());
     EXPECT_EQ(ReadPubkey(Path("own")), -ENOENT);
     EXPECT_EQ(publicKey._rep, nullptr);
@@ -151,7 +133,7 @@ TEST_F(KeyFiles, LastResultOfAnIdentityIsThatOfPub) {
     EXPECT_EQ(ReadPubkey(Path("own")), -EINVAL);
 }
 
-TEST_F(KeyFiles, DefaultPublicKeyIsRsaThenDsa) {
+TEST_F(IdentityFiles, DefaultPublicKeyIsRsaThenDsa) {
     WritePublic("id_dsa.pub", KeyPair::UserDsa());
     PublicKey dsa;
     EXPECT_EQ(session.ReadPubkey(dsa, String_t()), 0);
@@ -161,9 +143,9 @@ TEST_F(KeyFiles, DefaultPublicKeyIsRsaThenDsa) {
     EXPECT_EQ(BlobOf(publicKey), KeyPair::UserRsa().Blob());
 }
 
-TEST_F(KeyFiles, DefaultPublicKeyThatIsMissingIsNegative) { EXPECT_EQ(ReadPubkey(""), -ENOENT); }
+TEST_F(IdentityFiles, DefaultPublicKeyThatIsMissingIsNegative) { EXPECT_EQ(ReadPubkey(""), -ENOENT); }
 
-TEST_F(KeyFiles, PrivateKeyOfTheIdentityIsRead) {
+TEST_F(IdentityFiles, PrivateKeyOfTheIdentityIsRead) {
     EXPECT_EQ(ReadIdentity(Write("own", KeyPair::UserRsa().Pem())), 0);
     ASSERT_NE(privateKey._rep, nullptr);
     EXPECT_EQ(privateKey._rep->Type(), cindral::KEY_RSA);
@@ -171,7 +153,7 @@ TEST_F(KeyFiles, PrivateKeyOfTheIdentityIsRead) {
     EXPECT_TRUE(enter.questions.empty());
 }
 
-TEST_F(KeyFiles, PrivateKeyThatIsLoadedIsLeftAlone) {
+TEST_F(IdentityFiles, LoadedPrivateKeyIsKept) {
     ASSERT_EQ(ReadIdentity(Write("own", KeyPair::UserDsa().Pem())), 0);
     enter.prompt.clear();
     enter.presets.clear();
@@ -181,7 +163,7 @@ TEST_F(KeyFiles, PrivateKeyThatIsLoadedIsLeftAlone) {
     EXPECT_TRUE(enter.presets.empty());
 }
 
-TEST_F(KeyFiles, PasswordIsPresetForThePassphraseAndWithdrawn) {
+TEST_F(IdentityFiles, PasswordIsPresetAsPassphraseAndRemovedAfterwards) {
     EXPECT_EQ(ReadIdentity(Path("none"), "open sesame"), -ENOENT);
     EXPECT_THAT(enter.presets, testing::ElementsAre("open sesame"));
     EXPECT_FALSE(enter.HasPreset());
@@ -201,11 +183,11 @@ public:
     int asked = 0;
 };
 
-TEST_F(KeyFiles, PasswordIsTriedFirstWhateverIsOverridden) {
+TEST_F(IdentityFiles, PasswordIsTriedFirstWhateverIsOverridden) {
     std::string const encrypted = KeyPair::UserRsa().EncryptedPem("open sesame");
     OwnPrompt prompt;
     for (char const* name : {"id_rsa", "id_dsa"}) {
-        fs::remove(Path("id_rsa"));
+        std::filesystem::remove(Path("id_rsa"));
         Write(name, encrypted);
         PrivateKey key;
         EXPECT_EQ(session.ReadIdentity(key, String_t(), "open sesame", prompt), 0) << name;
@@ -213,7 +195,7 @@ TEST_F(KeyFiles, PasswordIsTriedFirstWhateverIsOverridden) {
     EXPECT_EQ(prompt.asked, 0);
 }
 
-TEST_F(KeyFiles, DefaultPrivateKeyIsRsaThenDsa) {
+TEST_F(IdentityFiles, DefaultPrivateKeyIsRsaThenDsa) {
     Write("id_dsa", KeyPair::UserDsa().Pem());
     PrivateKey dsa;
     EXPECT_EQ(session.ReadIdentity(dsa, String_t(), String_t("pw"), enter), 0);
@@ -227,7 +209,7 @@ TEST_F(KeyFiles, DefaultPrivateKeyIsRsaThenDsa) {
     EXPECT_EQ(enter.prompt, "Enter passphrase for|" + Path("id_rsa"));
 }
 
-TEST_F(KeyFiles, DefaultPrivateKeyThatIsMissingIsNegative) {
+TEST_F(IdentityFiles, DefaultPrivateKeyThatIsMissingIsNegative) {
     EXPECT_EQ(ReadIdentity(""), -ENOENT);
     EXPECT_EQ(privateKey._rep, nullptr);
 }

@@ -96,7 +96,7 @@ TEST_F(Handlers, OpeningsWithAnAddressAreRefusedToo) {
     }
 }
 
-TEST_F(Handlers, OpeningsOfAnyOtherLengthAreViolations) {
+TEST_F(Handlers, OpeningsOfOtherLengthsAreViolations) {
     EXPECT_THROW(Open(Packed(Opening("session", {0}))), SshProtocolError);
     Bytes shorter = Opening("session");
     shorter.pop_back();
@@ -109,7 +109,7 @@ TEST_F(Handlers, OpeningsOfAnyOtherLengthAreViolations) {
     EXPECT_THAT(_connection.Sent(), testing::IsEmpty());
 }
 
-TEST_F(Handlers, DataInFrontOfACloseReachesTheDescriptor) {
+TEST_F(Handlers, DataBeforeACloseReachesTheDescriptor) {
     OutputPipe output;
     FileDescriptor fd(dup(output.WriteEnd()));
     _session._channels.NewTcpConnection(9, "forwarded", 0, fd, &_session._in, &_session._out);

@@ -41,25 +41,25 @@ TEST(ParseUrl, PortIsKept) {
     EXPECT_EQ(Parse("ann@example.org:2222"), (Target{0, "ann", "example.org:2222"}));
 }
 
-TEST(ParseUrl, LastAtSignSplits) {
+TEST(ParseUrl, LastAtSignSeparatesTheUser) {
     EXPECT_EQ(Parse("ann@corp@example.org"), (Target{0, "ann@corp", "example.org:22"}));
     EXPECT_EQ(Parse("@@example.org"), (Target{0, "@", "example.org:22"}));
 }
 
 TEST(ParseUrl, EmptyUserStaysEmpty) { EXPECT_EQ(Parse("@example.org"), (Target{0, "", "example.org:22"})); }
 
-TEST(ParseUrl, WithoutAtSignTheUserIsTheLocalOne) {
+TEST(ParseUrl, UserDefaultsToTheLocalUser) {
     ASSERT_NE(LocalUser(), "");
     EXPECT_EQ(Parse("example.org"), (Target{0, LocalUser(), "example.org:22"}));
     EXPECT_EQ(Parse("example.org:80"), (Target{0, LocalUser(), "example.org:80"}));
 }
 
-TEST(ParseUrl, BracketedHostGetsThePortAfterTheBracket) {
+TEST(ParseUrl, BracketedHostGetsTheDefaultPort) {
     EXPECT_EQ(Parse("ann@[::1]"), (Target{0, "ann", "[::1]:22"}));
     EXPECT_EQ(Parse("ann@[]"), (Target{0, "ann", "[]:22"}));
 }
 
-TEST(ParseUrl, BracketedHostWithPortStaysAsItIs) {
+TEST(ParseUrl, BracketedHostWithPortIsUnchanged) {
     EXPECT_EQ(Parse("ann@[::1]:2222"), (Target{0, "ann", "[::1]:2222"}));
 }
 
@@ -67,31 +67,31 @@ TEST(ParseUrl, FirstClosingBracketEndsTheHost) {
     EXPECT_EQ(Parse("ann@[::1]]"), (Target{0, "ann", "[::1]]:22"}));
 }
 
-TEST(ParseUrl, BracketWithinTheHostIsNoBracket) {
+TEST(ParseUrl, BracketInsideTheHostIsAnOrdinaryCharacter) {
     EXPECT_EQ(Parse("ann@host[::1"), (Target{0, "ann", "host[::1"}));
 }
 
-TEST(ParseUrl, OpenBracketIsRefusedAfterTheAssignments) {
+TEST(ParseUrl, UnclosedBracketIsRefusedAfterTheAssignments) {
     EXPECT_EQ(Parse("ann@[::1"), (Target{-EINVAL, "ann", "[::1"}));
     EXPECT_EQ(Parse("[::1"), (Target{-EINVAL, LocalUser(), "[::1"}));
 }
 
-TEST(ParseUrl, ColonAloneIsAPort) {
+TEST(ParseUrl, TrailingColonCountsAsAPort) {
     EXPECT_EQ(Parse("ann@example.org:"), (Target{0, "ann", "example.org:"}));
     EXPECT_EQ(Parse("ann@[::1]:"), (Target{0, "ann", "[::1]:"}));
 }
 
-TEST(ParseUrl, PortIsNotLookedAt) {
+TEST(ParseUrl, PortIsNotChecked) {
     EXPECT_EQ(Parse("ann@example.org:http"), (Target{0, "ann", "example.org:http"}));
     EXPECT_EQ(Parse("ann@::1"), (Target{0, "ann", "::1"}));
 }
 
-TEST(ParseUrl, EmptyTextIsTheDefaultPortOfNoHost) {
+TEST(ParseUrl, EmptyTextIsTheDefaultPortWithoutAHost) {
     EXPECT_EQ(Parse(""), (Target{0, LocalUser(), ":22"}));
     EXPECT_EQ(Parse("ann@"), (Target{0, "ann", ":22"}));
 }
 
-TEST(ParseUrl, TextOfAnOutputMayBeTheTarget) {
+TEST(ParseUrl, TargetMayBeTheTextOfAnOutput) {
     String_t user("ann@example.org");
     String_t host("bob@[::1]");
     EXPECT_EQ(cindral::SshSession::ParseUrl(host.Text(), user, host), 0);

@@ -19,10 +19,12 @@
 
 #include <brantle/cindral/exceptions.h>
 
+#include "support/descriptor_state.h"
 #include "support/holds_buffer.h"
 
 using cindral::SshSession;
 using cindral::SystemError;
+using support::IsOpen;
 
 namespace {
 
@@ -81,8 +83,6 @@ std::string Invalid(char const* host) {
     return "initialize client socket failed|" + std::to_string(EINVAL) + "|" + host;
 }
 
-bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
-
 char const* Place(void const* member) { return static_cast<char const*>(member); }
 
 /// Notes its own end and whether a descriptor was still open then.
@@ -132,19 +132,19 @@ private:
 
 } // namespace
 
-TEST(SessionConstruction, TargetTextThatCannotBeReadThrows) {
+TEST(SessionConstruction, MalformedTargetTextThrows) {
     for (char const* target :
          {"", "host-without-port", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:ssh", "[::1", "[::1]", ":22"})
         EXPECT_EQ(Failure([&] { SshSession session(SshSession::CLIENT, String_t(target)); }),
                   Invalid(target));
 }
 
-TEST(SessionConstruction, EmptyHostBesideAPortThrows) {
+TEST(SessionConstruction, EmptyHostWithAPortThrows) {
     EXPECT_EQ(Failure([] { SshSession session(SshSession::CLIENT, 22, String_t("")); }), Invalid(""));
     EXPECT_EQ(Failure([] { SshSession session(SshSession::CLIENT, 22, String_t("[::1")); }), Invalid("[::1"));
 }
 
-TEST(SessionConstruction, BothFormsOfTheTargetAreTheSame) {
+TEST(SessionConstruction, BothFormsOfTheTargetAreEquivalent) {
     class Named : public SshSession {
     public:
         using SshSession::_socket;
@@ -196,7 +196,7 @@ TEST(SessionConstruction, BuffersOfBothDirectionsLieInTheSession) {
     EXPECT_TRUE(support::HoldsBuffer(session, session._in._adapter));
 }
 
-TEST(SessionConstruction, ModeChoosesTheSlotOfEachDirection) {
+TEST(SessionConstruction, ModeSelectsTheAlgorithmsOfEachDirection) {
     OpenSession const client(SshSession::CLIENT);
     EXPECT_EQ(&client._out._sshBuffer._cipher, &client._ciphers[0]);
     EXPECT_EQ(&client._out._sshBuffer._mac, &client._macs[0]);
@@ -229,7 +229,7 @@ TEST(SessionConstants, HaveTheirValues) {
     EXPECT_TRUE(OpenSession::_kexFuncs[cindral::KEX_GEX] == &OpenSession::KexGex);
 }
 
-TEST(SessionDestruction, MembersStandInTheOrderThatDestructionReverses) {
+TEST(SessionDestruction, MembersAreDeclaredInReverseDestructionOrder) {
     OpenSession const s;
     std::vector<char const*> const places{Place(&s._mode),
                                           Place(&s._socket),
@@ -259,7 +259,7 @@ TEST(SessionDestruction, MembersStandInTheOrderThatDestructionReverses) {
     for (std::size_t i = 1; i < places.size(); ++i) EXPECT_LT(places[i - 1], places[i]) << "member " << i;
 }
 
-TEST(SessionDestruction, LoopGoesBeforeTheChannelsAndTheDescriptorLast) {
+TEST(SessionDestruction, LoopIsDestroyedBeforeTheChannelsAndTheDescriptorLast) {
     std::vector<std::string> log;
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -304,7 +304,7 @@ TEST(SetNodelay, SetsTheOption) {
     close(fd);
 }
 
-TEST(SetNodelay, FailureTellsTheDescriptor) {
+TEST(SetNodelay, FailureNamesTheDescriptor) {
     EXPECT_EQ(Failure([] { SshSession::SetNodelay(-1); }), "setsockopt|" + std::to_string(EBADF) + "|-1");
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -314,7 +314,7 @@ TEST(SetNodelay, FailureTellsTheDescriptor) {
     close(ends[1]);
 }
 
-TEST(SessionTermination, StopTellsTheFlagAsItWas) {
+TEST(SessionTermination, StopReturnsThePreviousFlag) {
     OpenSession session;
     EXPECT_EQ(session.Terminate(), 0);
     EXPECT_EQ(session.Terminate(), 1);

@@ -28,7 +28,7 @@ SftpFileAttr Root(unsigned int mode) {
     return attrs;
 }
 
-class DirEntryTest : public testing::Test {
+class DirEntries : public testing::Test {
 protected:
     void SetUp() override {
         setenv("TZ", "UTC0", 1);
@@ -48,13 +48,13 @@ protected:
 
 using Entries = TSet<DirEntry, DirEntry::Compare>;
 
-TEST_F(DirEntryTest, BeginsEmpty) {
+TEST_F(DirEntries, IsEmptyAtFirst) {
     DirEntry const entry;
     DirEntry const key("key");
-    EXPECT_EQ(Str(entry._name), "");
-    EXPECT_EQ(Str(entry._longname), "");
-    EXPECT_EQ(Str(key._name), "key");
-    EXPECT_EQ(Str(key._longname), "");
+    EXPECT_EQ(Text(entry._name), "");
+    EXPECT_EQ(Text(entry._longname), "");
+    EXPECT_EQ(Text(key._name), "key");
+    EXPECT_EQ(Text(key._longname), "");
     for (DirEntry const* e : {&entry, &key}) {
         EXPECT_EQ(e->_status.st_mode, 0u);
         EXPECT_EQ(e->_status.st_size, 0);
@@ -62,28 +62,28 @@ TEST_F(DirEntryTest, BeginsEmpty) {
     }
 }
 
-TEST_F(DirEntryTest, TakesItsStatusFromTheAttributes) {
+TEST_F(DirEntries, TakesItsStatusFromTheAttributes) {
     DirEntry const entry("f", "line", Root(0100644));
-    EXPECT_EQ(Str(entry._name), "f");
-    EXPECT_EQ(Str(entry._longname), "line");
+    EXPECT_EQ(Text(entry._name), "f");
+    EXPECT_EQ(Text(entry._longname), "line");
     EXPECT_EQ(entry._status.st_mode, 0100644u);
     EXPECT_EQ(entry._status.st_size, 5);
     EXPECT_EQ(entry._status.st_mtime, MTIME);
     EXPECT_EQ(DirEntry("f", "", SftpFileAttr())._status.st_mode, 0u);
 }
 
-TEST_F(DirEntryTest, EntriesOfOneNameAreOne) {
+TEST_F(DirEntries, EntriesOfOneNameAreOne) {
     Entries entries;
     entries.Insert(DirEntry("b"));
     entries.Insert(DirEntry("a", "first", Root(0)));
     entries.Insert(DirEntry("a", "second", Root(0)));
     EXPECT_EQ(entries.Size(), 2u);
-    EXPECT_EQ(Str(entries.Find(DirEntry("a"))->_longname), "first");
+    EXPECT_EQ(Text(entries.Find(DirEntry("a"))->_longname), "first");
     EXPECT_LT(DirEntry::Compare::Cmp(DirEntry("a"), DirEntry("b")), 0);
     EXPECT_GT(DirEntry::Compare::Cmp(DirEntry("a"), DirEntry()), 0);
 }
 
-TEST_F(DirEntryTest, LineOfTheServerIsWrittenAsItStands) {
+TEST_F(DirEntries, LineOfTheServerIsWrittenUnchanged) {
     std::ostringstream out;
     out << std::hex << std::showbase;
     DirEntry("f", "-rw the server's own\x1b[2J\a", Root(0100644)).put(out, _users, _groups, MTIME);
@@ -92,12 +92,12 @@ TEST_F(DirEntryTest, LineOfTheServerIsWrittenAsItStands) {
     EXPECT_EQ(_users.Find(0), nullptr);
 }
 
-TEST_F(DirEntryTest, LineIsMadeOfColumns) {
+TEST_F(DirEntries, LineIsMadeOfColumns) {
     EXPECT_EQ(Line(DirEntry("name", "", Root(0100644))),
               "-rw-r--r--    0 root     root            5 Sep  9 01:46 name");
 }
 
-TEST_F(DirEntryTest, LongFieldsPushTheRestOn) {
+TEST_F(DirEntries, LongFieldsShiftTheRest) {
     SftpFileAttr attrs = Root(0100644);
     attrs._size = 0xffffffff;
     attrs._uid = attrs._gid = 0x7ffffff0;
@@ -105,18 +105,18 @@ TEST_F(DirEntryTest, LongFieldsPushTheRestOn) {
               "-rw-r--r--    0 2147483632 21474836324294967295 Sep  9 01:46 name");
 }
 
-TEST_F(DirEntryTest, LinkCountIsAlignedToTheRight) {
+TEST_F(DirEntries, LinkCountIsAlignedToTheRight) {
     DirEntry entry("name", "", Root(0100644));
     entry._status.st_nlink = 12;
     EXPECT_EQ(Line(entry).substr(10, 6), "   12 ");
 }
 
-TEST_F(DirEntryTest, FirstLetterIsTheType) {
+TEST_F(DirEntries, FirstLetterIsTheType) {
     for (unsigned int type = 0; type < 16; ++type)
         EXPECT_EQ(Mode(type << 12), std::string(1, "-pc-d-b---l-s---"[type]) + "---------") << type;
 }
 
-TEST_F(DirEntryTest, EachBitOfTheModeHasItsLetter) {
+TEST_F(DirEntries, EachBitOfTheModeHasItsLetter) {
     EXPECT_EQ(Mode(0), "----------");
     EXPECT_EQ(Mode(0400), "-r--------");
     EXPECT_EQ(Mode(0200), "--w-------");
@@ -129,16 +129,16 @@ TEST_F(DirEntryTest, EachBitOfTheModeHasItsLetter) {
     EXPECT_EQ(Mode(01), "---------x");
 }
 
-TEST_F(DirEntryTest, SetIdBitsTakeThePlaceOfReading) {
+TEST_F(DirEntries, SetIdBitsReplaceTheReadLetter) {
     EXPECT_EQ(Mode(04000), "-s--------");
     EXPECT_EQ(Mode(0104755), "-swxr-xr-x");
     EXPECT_EQ(Mode(02000), "----s-----");
     EXPECT_EQ(Mode(0102755), "-rwxs-xr-x");
 }
 
-TEST_F(DirEntryTest, StickyBitDoesNotShow) { EXPECT_EQ(Mode(0101777), "-rwxrwxrwx"); }
+TEST_F(DirEntries, StickyBitDoesNotShow) { EXPECT_EQ(Mode(0101777), "-rwxrwxrwx"); }
 
-TEST_F(DirEntryTest, FilesOlderThan180DaysShowTheirYear) {
+TEST_F(DirEntries, FilesOlderThan180DaysShowTheirYear) {
     DirEntry const entry("f", "", Root(0));
     std::string const time = " Sep  9 01:46 f";
     std::string const year = " Sep  9  2001 f";
@@ -148,7 +148,7 @@ TEST_F(DirEntryTest, FilesOlderThan180DaysShowTheirYear) {
     EXPECT_EQ(end(MTIME - 100000000l), time);
 }
 
-TEST_F(DirEntryTest, StreamHasItsFlagsBack) {
+TEST_F(DirEntries, StreamFlagsAreRestored) {
     std::ostringstream out;
     out << std::hex << std::showbase << std::left << std::uppercase;
     std::ios::fmtflags const flags = out.flags();
@@ -157,34 +157,34 @@ TEST_F(DirEntryTest, StreamHasItsFlagsBack) {
     EXPECT_EQ(out.str(), "-rw-r--r--    0 root     root            5 Sep  9 01:46 name");
 }
 
-TEST_F(DirEntryTest, UsersAreLookedUpOnce) {
-    EXPECT_EQ(Str(_users[0]), "root");
+TEST_F(DirEntries, UsersAreLookedUpOnce) {
+    EXPECT_EQ(Text(_users[0]), "root");
     *_users.Find(0) = "cached";
-    EXPECT_EQ(Str(_users[0]), "cached");
+    EXPECT_EQ(Text(_users[0]), "cached");
     *_users.Find(0) = "";
-    EXPECT_EQ(Str(_users[0]), "root");
+    EXPECT_EQ(Text(_users[0]), "root");
 }
 
-TEST_F(DirEntryTest, GroupsAreLookedUpOnce) {
-    EXPECT_EQ(Str(_groups[0]), "root");
+TEST_F(DirEntries, GroupsAreLookedUpOnce) {
+    EXPECT_EQ(Text(_groups[0]), "root");
     *_groups.Find(0) = "cached";
-    EXPECT_EQ(Str(_groups[0]), "cached");
+    EXPECT_EQ(Text(_groups[0]), "cached");
     *_groups.Find(0) = "";
-    EXPECT_EQ(Str(_groups[0]), "root");
+    EXPECT_EQ(Text(_groups[0]), "root");
 }
 
-TEST_F(DirEntryTest, IdsWithoutANameShowTheirDigits) {
+TEST_F(DirEntries, IdsWithoutANameAreShownAsNumbers) {
     for (int id : {0x7ffffff0, INT_MAX, INT_MIN}) {
-        EXPECT_EQ(Str(_users[id]), std::to_string(id));
-        EXPECT_EQ(Str(_groups[id]), std::to_string(id));
+        EXPECT_EQ(Text(_users[id]), std::to_string(id));
+        EXPECT_EQ(Text(_groups[id]), std::to_string(id));
         *_users.Find(id) = "cached";
         *_groups.Find(id) = "cached";
-        EXPECT_EQ(Str(_users[id]), "cached");
-        EXPECT_EQ(Str(_groups[id]), "cached");
+        EXPECT_EQ(Text(_users[id]), "cached");
+        EXPECT_EQ(Text(_groups[id]), "cached");
     }
 }
 
-TEST_F(DirEntryTest, OperatorTakesTheTimeOfToday) {
+TEST_F(DirEntries, OperatorUsesTheCurrentTime) {
     SftpFileAttr attrs = Root(0100600);
     attrs._mtime = static_cast<unsigned int>(std::time(nullptr));
     std::ostringstream out;
@@ -195,7 +195,7 @@ TEST_F(DirEntryTest, OperatorTakesTheTimeOfToday) {
     EXPECT_EQ(lines.substr(60), "-rw-------    0 root     root            5 Sep  9  2001 old");
 }
 
-TEST_F(DirEntryTest, SetIsWrittenInEitherOrder) {
+TEST_F(DirEntries, SetIsWrittenInEitherOrder) {
     Entries entries;
     for (char const* name : {"b", "c", "a"}) entries.Insert(DirEntry(name, "", Root(0100600)));
     entries.Insert(DirEntry("aa", "line of aa", Root(0)));
@@ -208,7 +208,7 @@ TEST_F(DirEntryTest, SetIsWrittenInEitherOrder) {
     EXPECT_EQ(down.str(), head + "c\n" + head + "b\nline of aa\n" + head + "a\n");
 }
 
-TEST_F(DirEntryTest, EmptySetWritesNothing) {
+TEST_F(DirEntries, EmptySetWritesNothing) {
     std::ostringstream out;
     PutDirEntries(out, Entries(), 0);
     PutDirEntries(out, Entries(), 1);

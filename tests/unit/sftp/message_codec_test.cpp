@@ -12,7 +12,7 @@ using namespace cindral;
 
 namespace {
 
-class SftpMessageTest : public testing::TestWithParam<SftpMessage> {
+class SftpMessageCodec : public testing::TestWithParam<SftpMessage> {
 protected:
     MessagePtr Build() { return GetParam()._build(_target); }
     MessagePtr Parse(std::string const& payload) { return GetParam()._parse(Bytes(payload), _target); }
@@ -31,43 +31,43 @@ protected:
     Target _target;
 };
 
-TEST_P(SftpMessageTest, IsEncodedFieldByField) {
+TEST_P(SftpMessageCodec, IsEncodedFieldByField) {
     MessagePtr const message = Build();
     EXPECT_EQ(message->_payload.Length(), 0u);
     EXPECT_EQ(message->_type, Type());
     EXPECT_EQ(message->_id, Id());
-    EXPECT_EQ(Str(message->Payload()), GetParam()._sent);
+    EXPECT_EQ(Text(message->Payload()), GetParam()._sent);
 }
 
-TEST_P(SftpMessageTest, IsEncodedOnce) {
+TEST_P(SftpMessageCodec, IsEncodedOnce) {
     MessagePtr const message = Build();
     ByteString const first = message->Payload();
     message->_id = 8;
     EXPECT_EQ(message->Payload()._rep, first._rep);
     EXPECT_EQ(message->_payload._rep, first._rep);
-    EXPECT_EQ(Str(first), GetParam()._sent);
+    EXPECT_EQ(Text(first), GetParam()._sent);
 }
 
-TEST_P(SftpMessageTest, IsDecodedFieldByField) {
+TEST_P(SftpMessageCodec, IsDecodedFieldByField) {
     MessagePtr const message = Parse(GetParam()._received);
     EXPECT_EQ(message->_type, Type());
     EXPECT_EQ(message->_id, Id());
-    EXPECT_EQ(Str(GetParam()._encodeFields(*message)), GetParam()._sent);
+    EXPECT_EQ(Text(GetParam()._encodeFields(*message)), GetParam()._sent);
 }
 
-TEST_P(SftpMessageTest, ReceivedBytesAreItsPayload) {
+TEST_P(SftpMessageCodec, PayloadIsTheReceivedBytes) {
     ByteString const received = Bytes(GetParam()._received);
     MessagePtr const message = GetParam()._parse(received, _target);
     EXPECT_EQ(message->Payload()._rep, received._rep);
 }
 
-TEST_P(SftpMessageTest, BytesAfterTheFieldsAreIgnored) {
+TEST_P(SftpMessageCodec, BytesAfterTheFieldsAreIgnored) {
     MessagePtr const message = Parse(GetParam()._received + "surplus");
-    EXPECT_EQ(Str(GetParam()._encodeFields(*message)), GetParam()._sent);
-    EXPECT_EQ(Str(message->Payload()), GetParam()._received + "surplus");
+    EXPECT_EQ(Text(GetParam()._encodeFields(*message)), GetParam()._sent);
+    EXPECT_EQ(Text(message->Payload()), GetParam()._received + "surplus");
 }
 
-TEST_P(SftpMessageTest, AnotherTypeIsRefusedInTheWordsOfTheClass) {
+TEST_P(SftpMessageCodec, OtherTypeIsRefusedWithTheTextOfTheClass) {
     std::string payload = GetParam()._received;
     for (int type : {0, Type() ^ 1, Type() ^ 0x80, 255}) {
         payload[0] = static_cast<char>(type);
@@ -76,7 +76,7 @@ TEST_P(SftpMessageTest, AnotherTypeIsRefusedInTheWordsOfTheClass) {
     }
 }
 
-TEST_P(SftpMessageTest, NoTypeIsAnotherTypeButForOpen) {
+TEST_P(SftpMessageCodec, EmptyPayloadIsAnotherTypeExceptForOpen) {
     if (GetParam()._class == "Open") {
         ExpectBadFields("");
         ExpectError<SshProtocolError>(GetParam()._badFields, "",
@@ -88,13 +88,13 @@ TEST_P(SftpMessageTest, NoTypeIsAnotherTypeButForOpen) {
     }
 }
 
-TEST_P(SftpMessageTest, EveryCutIsRefused) {
+TEST_P(SftpMessageCodec, EveryTruncationIsRefused) {
     for (std::size_t length = 1; length < GetParam()._received.size(); ++length) {
         ExpectBadFields(GetParam()._received.substr(0, length));
     }
 }
 
-TEST_P(SftpMessageTest, NoNumberInItMakesMemoryGrow) {
+TEST_P(SftpMessageCodec, NoLengthFieldCausesALargeAllocation) {
     // The largest text is taken at once, and so is the smallest frame's buffer.
     constexpr std::size_t LIMIT = 262144 + 1;
     for (std::string const& number :
@@ -106,14 +106,14 @@ TEST_P(SftpMessageTest, NoNumberInItMakesMemoryGrow) {
             try {
                 Parse(payload);
             } catch (SshProtocolError const& error) {
-                EXPECT_EQ(Str(error.Text()), GetParam()._badFields);
+                EXPECT_EQ(Text(error.Text()), GetParam()._badFields);
             }
             EXPECT_LE(TakeLargestAllocation(), LIMIT) << "at " << at;
         }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Messages, SftpMessageTest, testing::ValuesIn(SftpMessages()),
+INSTANTIATE_TEST_SUITE_P(Messages, SftpMessageCodec, testing::ValuesIn(SftpMessages()),
                          [](auto const& instance) { return instance.param._class; });
 
 /// A message with an empty text in it.
@@ -124,9 +124,9 @@ struct EmptyText {
 
 void PrintTo(EmptyText const& message, std::ostream* out) { *out << message._line; }
 
-class EmptyTextTest : public testing::TestWithParam<EmptyText> {};
+class SftpEmptyText : public testing::TestWithParam<EmptyText> {};
 
-TEST_P(EmptyTextTest, IsRefused) {
+TEST_P(SftpEmptyText, IsRefused) {
     std::vector<SftpMessage> const messages = SftpMessages();
     auto const message = std::find_if(messages.begin(), messages.end(),
                                       [](auto const& row) { return row._class == GetParam()._class; });
@@ -137,7 +137,7 @@ TEST_P(EmptyTextTest, IsRefused) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Messages, EmptyTextTest,
+    Messages, SftpEmptyText,
     testing::Values(EmptyText{"Open", "03 00000007 00000000 0000001a 00000000"},
                     EmptyText{"Lstat", "07 00000007 00000000 0000000f"},
                     EmptyText{"Stat", "11 00000007 00000000 0000000f"},

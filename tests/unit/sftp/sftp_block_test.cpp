@@ -11,16 +11,16 @@ using namespace cindral;
 
 namespace {
 
-TEST(SftpPacketWriteTest, BytesMayLieInTheCallersMemory) {
+TEST(SftpDataView, BytesMayStayInTheCallersMemory) {
     std::string const data = std::string(40000, 'a') + "b";
     SftpDataView const source{data.data(), 40001};
     ByteString const payload = SftpPacketWrite(1, SftpFileHandle(Bytes("h")), 2, source).Payload();
-    EXPECT_EQ(Str(payload), Wire("06 00000001 00000001 'h' 0000000000000002 00009c41") + data);
-    EXPECT_EQ(Str(SftpPacketWrite(1, SftpFileHandle(Bytes("h")), 2, SftpDataView()).Payload()),
+    EXPECT_EQ(Text(payload), Wire("06 00000001 00000001 'h' 0000000000000002 00009c41") + data);
+    EXPECT_EQ(Text(SftpPacketWrite(1, SftpFileHandle(Bytes("h")), 2, SftpDataView()).Payload()),
               Wire("06 00000001 00000001 'h' 0000000000000002 00000000"));
 }
 
-TEST(SftpPacketDataTest, BytesMayGoToTheCallersMemory) {
+TEST(SftpBufferView, BytesAreStoredInTheCallersMemory) {
     char memory[] = "......";
     SftpBufferView target{memory, 3};
     SftpPacketData const data(Bytes(Wire("67 00000007 00000003 'abc'")), target);
@@ -30,7 +30,7 @@ TEST(SftpPacketDataTest, BytesMayGoToTheCallersMemory) {
     EXPECT_STREQ(memory, "abc...");
 }
 
-TEST(SftpPacketDataTest, MoreThanThereIsRoomForIsCountedAndNotStored) {
+TEST(SftpBufferView, BytesBeyondTheRoomAreCountedButNotStored) {
     char memory[] = "......";
     SftpBufferView target{memory, 3};
     std::string const payload = Wire("67 00000007 000001f5") + std::string(501, 'x');
@@ -39,7 +39,7 @@ TEST(SftpPacketDataTest, MoreThanThereIsRoomForIsCountedAndNotStored) {
     EXPECT_STREQ(memory, "......");
 }
 
-TEST(SftpPacketDataTest, BytesForTheCallersMemoryAreRefusedAsOthersAre) {
+TEST(SftpBufferView, MalformedDataIsRefused) {
     char memory[4];
     SftpBufferView target{memory, 4};
     ExpectError<SshProtocolError>("expected FXP_DATA package, received", "101",

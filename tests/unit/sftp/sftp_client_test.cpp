@@ -13,8 +13,10 @@
 
 #include "support/expect_error.h"
 #include "support/peer/wire.h"
+#include "support/text.h"
 #include "unit/channel/plain_connection.h"
 
+using support::Text;
 using namespace cindral;
 using peer::ToBytes;
 using peer::Writer;
@@ -26,14 +28,12 @@ namespace {
 
 constexpr unsigned int ID = 0x01020304;
 
-std::string Str(String_t const& text) { return text.Text() ? text.Text() : ""; }
-
-std::string Str(SftpFileHandle const& handle) {
+std::string Text(SftpFileHandle const& handle) {
     return std::string(reinterpret_cast<char const*>(handle._bytes.Data()), handle._bytes.Length());
 }
 
-std::string Str(SftpStatus const& status) {
-    return std::to_string(status._code) + " " + Str(status._message) + " " + Str(status._language);
+std::string Text(SftpStatus const& status) {
+    return std::to_string(status._code) + " " + Text(status._message) + " " + Text(status._language);
 }
 
 Writer Head(unsigned int type, unsigned int id) { return Writer().U8(type).U32(id); }
@@ -60,7 +60,7 @@ SftpFileHandle SomeHandle() { return SftpFileHandle(ByteString("hdl", 3)); }
 
 std::string Names(TOList<SftpName> const& names) {
     std::string text;
-    for (TOListIterator<SftpName> name(names); name; ++name) text += Str(name->_filename) + ' ';
+    for (TOListIterator<SftpName> name(names); name; ++name) text += Text(name->_filename) + ' ';
     return text;
 }
 
@@ -69,7 +69,7 @@ std::string Describe(int result, SftpFileAttr const& attrs) {
            " " + std::to_string(attrs._permissions);
 }
 
-/// One operation with the request id ID, and all that it comes to.
+/// One operation with the request id ID, and all its outcomes.
 struct Operation {
     std::string _name;
     peer::Bytes _request;
@@ -108,7 +108,7 @@ Operation ForHandle(char const* name, Writer const& request,
             "invalid string length in input",
             "hdl",
             [](int) { return ""; },
-            [call](SftpClient& c, SftpStatus& s) { return Str(call(c, s)); }};
+            [call](SftpClient& c, SftpStatus& s) { return Text(call(c, s)); }};
 }
 
 Operation ForAttrs(char const* name, Writer const& request,
@@ -139,7 +139,7 @@ Operation ForPath(char const* name, Writer const& request,
             [call](SftpClient& c, SftpStatus& s) {
                 String_t path("before");
                 int const result = call(c, s, path);
-                return std::to_string(result) + " " + Str(path);
+                return std::to_string(result) + " " + Text(path);
             }};
 }
 
@@ -275,11 +275,11 @@ protected:
         _conversation->Reply(reply);
         return Call();
     }
-    /// Expects that a call on a connection of its own ends so, with the status left alone.
+    /// Expects that outcome of a call on a new connection, with the status unchanged.
     void ExpectBroken(peer::Bytes const& reply, std::string const& text, std::string const& detail = "") {
         Restart();
         ExpectError<SshProtocolError>(text, detail, [&] { Call(reply); });
-        EXPECT_EQ(Str(_status), "77 old xx");
+        EXPECT_EQ(Text(_status), "77 old xx");
     }
 
     std::unique_ptr<Conversation> _conversation;
@@ -292,27 +292,27 @@ TEST_P(SftpOperation, SendsItsRequestWithTheNextId) {
     EXPECT_EQ(_conversation->_client._nextId, ID + 1);
 }
 
-TEST_P(SftpOperation, ReplyOfItsOwnTypeGivesTheResult) {
+TEST_P(SftpOperation, ReplyOfTheExpectedTypeIsTheResult) {
     EXPECT_EQ(Call(GetParam()._reply), GetParam()._success);
-    EXPECT_EQ(Str(_status), GetParam()._accepted == 101 ? "0 text en" : "77 old xx");
+    EXPECT_EQ(Text(_status), GetParam()._accepted == 101 ? "0 text en" : "77 old xx");
 }
 
 TEST_P(SftpOperation, StatusIsStoredAndItsCodeIsTheResult) {
     for (int code : {0, 2, 3, 4, 5, 31, 0x7fffffff, -1, INT32_MIN}) {
         Restart();
         EXPECT_EQ(Call(Status(static_cast<unsigned int>(code))), GetParam()._refused(code)) << code;
-        EXPECT_EQ(Str(_status), std::to_string(code) + " text en");
+        EXPECT_EQ(Text(_status), std::to_string(code) + " text en");
     }
 }
 
 TEST_P(SftpOperation, StatusWithoutTextsOverwritesThem) {
     EXPECT_EQ(Call(Status(4, "", "")), GetParam()._refused(4));
-    EXPECT_EQ(Str(_status), "4  ");
+    EXPECT_EQ(Text(_status), "4  ");
 }
 
-TEST_P(SftpOperation, EndOfFileIsRefusedButToRead) {
+TEST_P(SftpOperation, EndOfFileIsRefusedExceptForRead) {
     EXPECT_EQ(Call(Status(1)), GetParam()._refused(1));
-    EXPECT_EQ(Str(_status), GetParam()._name == "Read" ? "0 text en" : "1 text en");
+    EXPECT_EQ(Text(_status), GetParam()._name == "Read" ? "0 text en" : "1 text en");
 }
 
 TEST_P(SftpOperation, ReplyOfAnyOtherTypeIsRefused) {
@@ -344,7 +344,7 @@ TEST_P(SftpOperation, ReplyWithoutIdIsRefused) {
         ExpectBroken(peer::Slice(GetParam()._reply, 0, size), "error reading sftp response");
 }
 
-TEST_P(SftpOperation, ReplyThatIsNotWholeIsRefusedInTheWordsOfItsMessage) {
+TEST_P(SftpOperation, TruncatedReplyIsRefusedWithTheTextOfItsMessage) {
     for (std::size_t size = 5; size < GetParam()._reply.size(); ++size)
         ExpectBroken(peer::Slice(GetParam()._reply, 0, size), GetParam()._cut);
     peer::Bytes const status = Status(4);
@@ -358,17 +358,17 @@ TEST_P(SftpOperation, ReplyAboveTheLargestFrameIsRefused) {
     ExpectError<SshProtocolError>("error reading sftp response", "", [&] { Call(); });
 }
 
-TEST_P(SftpOperation, FailedInputIsRefusedWhateverIsRead) {
+TEST_P(SftpOperation, FailedInputIsRefusedForEveryReply) {
     _conversation->_in.SetStatus(SockStream::MALFORMED);
     ExpectError<SshProtocolError>("error reading sftp response", "", [&] { Call(GetParam()._reply); });
 }
 
-TEST_P(SftpOperation, EndOfTheChannelPassesThrough) {
+TEST_P(SftpOperation, EndOfTheChannelIsThrownThrough) {
     _conversation->_connection.Receive(Writer().U8(96).U32(0));
     ExpectError<SshProtocolError>("expected CHANNEL_DATA package, received", "96", [&] { Call(); });
 }
 
-TEST_P(SftpOperation, ReplyMayComeInPieces) {
+TEST_P(SftpOperation, ReplyMayArriveInPieces) {
     peer::Bytes const frame = Writer().String(GetParam()._reply);
     for (std::uint8_t byte : frame) _conversation->Receive({byte});
     EXPECT_EQ(Call(), GetParam()._success);
@@ -377,33 +377,33 @@ TEST_P(SftpOperation, ReplyMayComeInPieces) {
 INSTANTIATE_TEST_SUITE_P(All, SftpOperation, testing::ValuesIn(Operations()),
                          [](auto const& tested) { return tested.param._name; });
 
-class SftpClientTest : public testing::Test, protected Conversation {
+class SftpRequests : public testing::Test, protected Conversation {
 protected:
     SftpStatus _status = OldStatus();
 };
 
-TEST_F(SftpClientTest, FlagsOfOpenAreThoseOfTheProtocol) {
+TEST_F(SftpRequests, FlagsOfOpenAreThoseOfTheProtocol) {
     EXPECT_THAT((std::vector<unsigned int>{SftpClient::SSH_FXF_READ, SftpClient::SSH_FXF_WRITE,
                                            SftpClient::SSH_FXF_APPEND, SftpClient::SSH_FXF_CREAT,
                                            SftpClient::SSH_FXF_TRUNC, SftpClient::SSH_FXF_EXCL}),
                 ElementsAre(1, 2, 4, 8, 16, 32));
 }
 
-TEST_F(SftpClientTest, StartAnnouncesVersion3WithoutTakingAnId) {
+TEST_F(SftpRequests, StartAnnouncesVersion3WithoutTakingAnId) {
     Reply(Writer().U8(2).U32(3));
     EXPECT_EQ(_client.Start(), 3);
     EXPECT_THAT(Requests(), ElementsAre(Writer().U8(1).U32(3).Data()));
     EXPECT_EQ(_client._nextId, 0u);
 }
 
-TEST_F(SftpClientTest, StartTakesAnyVersionAndExtensions) {
+TEST_F(SftpRequests, StartAcceptsAnyVersionAndExtensions) {
     for (int version : {0, 2, 6, 0x7fffffff, -1}) {
         Reply(Writer().U8(2).U32(static_cast<unsigned int>(version)).String("newline").String("\n"));
         EXPECT_EQ(_client.Start(), version);
     }
 }
 
-TEST_F(SftpClientTest, StartRefusesShortReplies) {
+TEST_F(SftpRequests, StartRefusesShortReplies) {
     peer::Bytes const version = Writer().U8(2).U32(3);
     for (std::size_t size : {0u, 1u, 2u, 3u}) {
         Reply(peer::Slice(version, 0, size));
@@ -413,7 +413,7 @@ TEST_F(SftpClientTest, StartRefusesShortReplies) {
     ExpectError<SshProtocolError>("input too short", "", [&] { _client.Start(); });
 }
 
-TEST_F(SftpClientTest, StartRefusesAnyOtherType) {
+TEST_F(SftpRequests, StartRefusesAnyOtherType) {
     for (unsigned int type = 0; type < 256; ++type) {
         if (type == 2) continue;
         Reply(Writer().U8(type).U32(3));
@@ -426,13 +426,13 @@ TEST_F(SftpClientTest, StartRefusesAnyOtherType) {
     }
 }
 
-TEST_F(SftpClientTest, StartRefusesFailedInput) {
+TEST_F(SftpRequests, StartRefusesFailedInput) {
     _in.SetStatus(SockStream::END_OF_INPUT);
     Reply(Writer().U8(2).U32(3));
     ExpectError<SshProtocolError>("error reading sftp response", "", [&] { _client.Start(); });
 }
 
-TEST_F(SftpClientTest, IdsCountFrom0AndWrap) {
+TEST_F(SftpRequests, IdsCountFrom0AndWrap) {
     for (unsigned int id : {0u, 1u, 2u}) {
         Reply(Status(0, "", "", id));
         _client.Remove(_status, "/f");
@@ -446,7 +446,7 @@ TEST_F(SftpClientTest, IdsCountFrom0AndWrap) {
     }
 }
 
-TEST_F(SftpClientTest, RefusedRequestsTakeIdsToo) {
+TEST_F(SftpRequests, RefusedRequestsUseIdsToo) {
     Reply(Status(2, "no", "", 0));
     EXPECT_EQ(_client.Remove(_status, "/f"), -2);
     Reply(Status(0, "", "", 5));
@@ -454,13 +454,13 @@ TEST_F(SftpClientTest, RefusedRequestsTakeIdsToo) {
     EXPECT_EQ(_client._nextId, 2u);
 }
 
-TEST_F(SftpClientTest, RepliesMayShareAMessage) {
+TEST_F(SftpRequests, RepliesMayShareAMessage) {
     Receive(Writer().String(Status(0, "", "", 0).Data()).String(Status(3, "", "", 1).Data()));
     EXPECT_EQ(_client.Remove(_status, "/f"), 0);
     EXPECT_EQ(_client.Remove(_status, "/g"), -3);
 }
 
-TEST_F(SftpClientTest, ResponseIsReturnedAsItCame) {
+TEST_F(SftpRequests, ResponseIsReturnedUnchanged) {
     peer::Bytes const reply = Head(200, 9).Raw("any");
     Reply(reply);
     ByteString const response = _client.ReadResponse(9);
@@ -468,19 +468,19 @@ TEST_F(SftpClientTest, ResponseIsReturnedAsItCame) {
     EXPECT_THAT(Requests(), IsEmpty());
 }
 
-TEST_F(SftpClientTest, ReadAtTheEndOfTheFileIs0AndKeepsTheTexts) {
+TEST_F(SftpRequests, ReadAtEndOfFileReturns0AndKeepsTheTexts) {
     Reply(Status(1, "End of file", "en", 0));
     EXPECT_EQ(_client.Read(_status, SomeHandle(), 0, nullptr, 0), 0);
-    EXPECT_EQ(Str(_status), "0 End of file en");
+    EXPECT_EQ(Text(_status), "0 End of file en");
 }
 
-TEST_F(SftpClientTest, ReadOfNothingIs0) {
+TEST_F(SftpRequests, ReadOfZeroBytesReturns0) {
     Reply(Data("", 0));
     EXPECT_EQ(_client.Read(_status, SomeHandle(), 0, nullptr, 0), 0);
-    EXPECT_EQ(Str(_status), "77 old xx");
+    EXPECT_EQ(Text(_status), "77 old xx");
 }
 
-TEST_F(SftpClientTest, ReadTakesLessThanAskedFor) {
+TEST_F(SftpRequests, ReadMayReturnFewerBytesThanRequested) {
     std::string buffer(5, '.');
     Reply(Data("abc", 0));
     EXPECT_EQ(_client.Read(_status, SomeHandle(), -2, buffer.data(), 5), 3);
@@ -488,18 +488,18 @@ TEST_F(SftpClientTest, ReadTakesLessThanAskedFor) {
     EXPECT_THAT(Requests(), ElementsAre(Head(5, 0).String("hdl").U64(~1ull).U32(5).Data()));
 }
 
-TEST_F(SftpClientTest, ReadOfMoreThanAskedForIsABadMessageAndCopiesNothing) {
+TEST_F(SftpRequests, DataLongerThanRequestedIsABadMessageAndCopiesNothing) {
     std::string buffer(5, '.');
     Reply(Data("abcdef", 0));
     EXPECT_EQ(_client.Read(_status, SomeHandle(), 0, buffer.data(), 5), -5);
     EXPECT_EQ(buffer, ".....");
-    EXPECT_EQ(Str(_status), "5 old xx");
+    EXPECT_EQ(Text(_status), "5 old xx");
     Reply(Data("abcde", 1));
     EXPECT_EQ(_client.Read(_status, SomeHandle(), 0, buffer.data(), 5), 5);
     EXPECT_EQ(buffer, "abcde");
 }
 
-TEST_F(SftpClientTest, WriteSendsAtMostOneBlock) {
+TEST_F(SftpRequests, WriteSendsAtMostOneBlock) {
     std::string const data(40000, 'd');
     unsigned int id = 0;
     for (unsigned int length : {0u, 1u, 32785u, 32786u, 32787u, 40000u}) {
@@ -512,7 +512,7 @@ TEST_F(SftpClientTest, WriteSendsAtMostOneBlock) {
     }
 }
 
-TEST_F(SftpClientTest, PathThatIsNotOneNameIsABadMessage) {
+TEST_F(SftpRequests, RealpathWithoutExactlyOneNameIsABadMessage) {
     String_t path("before");
     unsigned int id = 0;
     for (std::vector<std::string> const& names : {std::vector<std::string>{}, {"/a", "/b"}}) {
@@ -521,18 +521,18 @@ TEST_F(SftpClientTest, PathThatIsNotOneNameIsABadMessage) {
         Reply(Names(names, id++));
         EXPECT_EQ(_client.Readlink(_status, "l", path), -5);
     }
-    EXPECT_EQ(Str(path), "before");
-    EXPECT_EQ(Str(_status), "77 old xx");
+    EXPECT_EQ(Text(path), "before");
+    EXPECT_EQ(Text(_status), "77 old xx");
 }
 
-TEST_F(SftpClientTest, ReplyWithoutNamesIsNoStatus) {
+TEST_F(SftpRequests, ReplyWithoutNamesKeepsTheStatus) {
     TOList<SftpName> names;
     Reply(Names({}, 0));
     EXPECT_EQ(_client.ReadDir(_status, SomeHandle(), names), 0);
-    EXPECT_EQ(Str(_status), "77 old xx");
+    EXPECT_EQ(Text(_status), "77 old xx");
 }
 
-TEST_F(SftpClientTest, NamesInFrontOfABadOneStay) {
+TEST_F(SftpRequests, NamesBeforeABadOneAreKept) {
     TOList<SftpName> names;
     Reply(Head(104, 0).U32(0xffffffff).String("a").String("-a").U32(0).String(""));
     ExpectError<SshProtocolError>("input too short", "",
@@ -540,7 +540,7 @@ TEST_F(SftpClientTest, NamesInFrontOfABadOneStay) {
     EXPECT_EQ(Names(names), "a ");
 }
 
-class SftpDirReader : public SftpClientTest {
+class SftpDirReader : public SftpRequests {
 protected:
     using Reader = SftpClient::DirReader;
 
@@ -551,7 +551,7 @@ protected:
     }
     static peer::Bytes EndOfFile(unsigned int id) { return Status(1, "end", "en", id); }
     static std::string Entry(Reader const& reader) {
-        return Str(reader._filename) + " " + Str(reader._longname) + " " +
+        return Text(reader._filename) + " " + Text(reader._longname) + " " +
                std::to_string(reader._attrs._permissions);
     }
 
@@ -560,12 +560,12 @@ protected:
     static peer::Bytes CloseRequest(unsigned int id) { return Head(4, id).String("hdl"); }
 };
 
-TEST_F(SftpDirReader, WalksOverAllRepliesAndClosesAtTheEndOfTheScope) {
+TEST_F(SftpDirReader, IteratesOverAllRepliesAndClosesOnDestruction) {
     Listing({Names({"a", "b"}, 1), Names({"c"}, 2), EndOfFile(3), Status(0, "", "", 4)});
     {
         Reader reader(_client, "/d");
         EXPECT_EQ(&reader._client, &_client);
-        EXPECT_EQ(Str(reader._handle), "hdl");
+        EXPECT_EQ(Text(reader._handle), "hdl");
         EXPECT_EQ(reader._state, Reader::OPEN);
         EXPECT_EQ(Entry(reader), "a -a 420");
         EXPECT_EQ(Names(reader._names), "b ");
@@ -578,7 +578,7 @@ TEST_F(SftpDirReader, WalksOverAllRepliesAndClosesAtTheEndOfTheScope) {
         ++reader;
         EXPECT_EQ(Entry(reader), "c -c 420");
         EXPECT_EQ(reader._state, 3u);
-        EXPECT_EQ(Str(reader._status), "1 end en");
+        EXPECT_EQ(Text(reader._status), "1 end en");
         ++reader;
         EXPECT_THAT(Requests(), ElementsAre(ReadRequest(2), ReadRequest(3)));
     }
@@ -589,7 +589,7 @@ TEST_F(SftpDirReader, EmptyDirectoryIsOpenAndFinished) {
     Listing({EndOfFile(1), Status(0, "", "", 2)});
     Reader reader(_client, "/d");
     EXPECT_EQ(reader._state, Reader::OPEN | Reader::FINISHED);
-    EXPECT_EQ(Str(reader._status), "1 end en");
+    EXPECT_EQ(Text(reader._status), "1 end en");
     EXPECT_EQ(Entry(reader), "  0");
     ++reader;
     EXPECT_EQ(reader._state, 3u);
@@ -603,7 +603,7 @@ TEST_F(SftpDirReader, ReplyWithoutNamesFinishesToo) {
     EXPECT_EQ(empty._status._code, 0);
 }
 
-TEST_F(SftpDirReader, ReplyWithoutNamesFinishesAWalk) {
+TEST_F(SftpDirReader, ReplyWithoutNamesFinishesTheIteration) {
     Listing({Names({"a"}, 1), Names({}, 2), Status(0, "", "", 3)});
     Reader reader(_client, "/d");
     ++reader;
@@ -616,8 +616,8 @@ TEST_F(SftpDirReader, RefusedDirectoryIsNotOpenAndNotClosed) {
     {
         Reader reader(_client, "/d");
         EXPECT_EQ(reader._state, 0u);
-        EXPECT_EQ(Str(reader._status), "2 none en");
-        EXPECT_EQ(Str(reader._handle), "");
+        EXPECT_EQ(Text(reader._status), "2 none en");
+        EXPECT_EQ(Text(reader._handle), "");
         ++reader;
         reader.Close();
         EXPECT_EQ(reader._state, 0u);
@@ -625,7 +625,7 @@ TEST_F(SftpDirReader, RefusedDirectoryIsNotOpenAndNotClosed) {
     EXPECT_THAT(Requests(), ElementsAre(OpenRequest(0)));
 }
 
-TEST_F(SftpDirReader, StatusOfSuccessInAHandlesPlaceOpensAnEmptyHandle) {
+TEST_F(SftpDirReader, SuccessStatusInsteadOfAHandleOpensAnEmptyHandle) {
     Reply(Status(0, "", "", 0));
     Reply(Names({"a"}, 1));
     Reply(Status(0, "", "", 2));
@@ -641,7 +641,7 @@ TEST_F(SftpDirReader, ClosesOnce) {
         ++reader;
         reader.Close();
         EXPECT_EQ(reader._state, 2u);
-        EXPECT_EQ(Str(reader._status), "4 busy en");
+        EXPECT_EQ(Text(reader._status), "4 busy en");
         ++reader;
         reader.Close();
     }
@@ -658,7 +658,7 @@ TEST_F(SftpDirReader, CloseThatThrowsLeavesItOpen) {
     EXPECT_THAT(Requests(), ElementsAre(OpenRequest(0), ReadRequest(1), CloseRequest(2), CloseRequest(3)));
 }
 
-TEST_F(SftpDirReader, OpensAgainUnlessItsStatusTellsOfAFailure) {
+TEST_F(SftpDirReader, ReopensUnlessItsStatusIsAFailure) {
     Listing({Names({"a", "rest"}, 1), Status(0, "", "", 2), Handle(3), Names({"b"}, 4), EndOfFile(5),
              Status(0, "", "", 6), Handle(7), EndOfFile(8), Handle(9)});
     Reader reader(_client, "/d");
@@ -677,13 +677,13 @@ TEST_F(SftpDirReader, OpensAgainUnlessItsStatusTellsOfAFailure) {
     reader._state = 0;
 }
 
-TEST_F(SftpDirReader, ConversationBrokenWhileOpeningThrows) {
+TEST_F(SftpDirReader, ConnectionLostWhileOpeningThrows) {
     Reply(Handle(0));
     Reply(Handle(1));
     ExpectError<SshProtocolError>("invalid sftp response received", "102", [&] { Reader(_client, "/d"); });
 }
 
-TEST_F(SftpDirReader, DestructorDropsWhatCloseThrows) {
+TEST_F(SftpDirReader, DestructorDropsExceptionsOfClose) {
     Listing({Names({"a"}, 1), Handle(2)});
     {
         Reader const reader(_client, "/d");
@@ -697,7 +697,7 @@ TEST_F(SftpDirReader, DestructorDropsWhatCloseThrows) {
     }
 }
 
-class SftpFileControl : public SftpClientTest {};
+class SftpFileControl : public SftpRequests {};
 
 TEST_F(SftpFileControl, ClosesItsHandleWhateverTheReply) {
     unsigned int id = 0;
@@ -711,16 +711,16 @@ TEST_F(SftpFileControl, ClosesItsHandleWhateverTheReply) {
     }
 }
 
-TEST_F(SftpFileControl, ClosesTheHandleOfARefusedOpenToo) {
+TEST_F(SftpFileControl, ClosesTheHandleOfARefusedOpen) {
     Reply(Status(2, "none", "en", 0));
     Reply(Status(4, "what?", "en", 1));
     {
         SftpClient::FileControl const control(
             _client, _client.Open(_status, "/f", SftpClient::SSH_FXF_READ, SftpFileAttr()));
         EXPECT_EQ(&control._client, &_client);
-        EXPECT_EQ(Str(control._handle), "");
+        EXPECT_EQ(Text(control._handle), "");
     }
-    EXPECT_EQ(Str(_status), "2 none en");
+    EXPECT_EQ(Text(_status), "2 none en");
     EXPECT_THAT(Requests(),
                 ElementsAre(Head(3, 0).String("/f").U32(1).U32(0).Data(), Head(4, 1).String("").Data()));
 }
@@ -730,7 +730,7 @@ TEST_F(SftpFileControl, DropsTheExceptionOfABrokenConnection) {
     _connection.HangUp();
 }
 
-TEST(SftpInterfaceTest, IsAnAbstractBase) {
+TEST(SftpInterface, IsAnAbstractBase) {
     EXPECT_TRUE(std::is_abstract_v<SftpInterface>);
     EXPECT_TRUE(std::has_virtual_destructor_v<SftpInterface>);
     EXPECT_EQ(sizeof(SftpInterface), sizeof(void*));

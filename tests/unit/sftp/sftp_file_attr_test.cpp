@@ -10,7 +10,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(SftpFileAttrTest, IsEmptyAtFirst) {
+TEST(SftpFileAttr, IsEmptyAtFirst) {
     SftpFileAttr const attr;
     EXPECT_EQ(attr._flags, 0u);
     EXPECT_EQ(attr._size, 0u);
@@ -34,12 +34,12 @@ struct stat LocalFile() {
     return file;
 }
 
-TEST(SftpFileAttrTest, TakesAllOfALocalFile) {
+TEST(SftpFileAttr, CopiesTheStatOfALocalFile) {
     EXPECT_EQ(Written(SftpFileAttr(LocalFile())),
               Wire("0000000f 0000000100000005 00000001 00000002 000081a0 00000003 00000004"));
 }
 
-TEST(SftpFileAttrTest, FillsAStatWithTheLowHalfOfTheSize) {
+TEST(SftpFileAttr, FillsAStatWithTheLowHalfOfTheSize) {
     struct stat file;
     std::memset(&file, 0xff, sizeof(file));
     SftpFileAttr(LocalFile()).FillStat(file);
@@ -49,7 +49,7 @@ TEST(SftpFileAttrTest, FillsAStatWithTheLowHalfOfTheSize) {
     EXPECT_EQ(std::memcmp(&file, &expected, sizeof(file)), 0);
 }
 
-TEST(SftpFileAttrTest, LargestSizesAreCutNotSigned) {
+TEST(SftpFileAttr, LargestSizesAreTruncatedAndNotNegative) {
     SftpFileAttr attr;
     attr._flags = SftpFileAttr::SIZE;
     struct stat file;
@@ -60,7 +60,7 @@ TEST(SftpFileAttrTest, LargestSizesAreCutNotSigned) {
     }
 }
 
-TEST(SftpFileAttrTest, FillsAStatWithWhatIsPresentAlone) {
+TEST(SftpFileAttr, FillsOnlyThePresentFieldsOfAStat) {
     for (unsigned int flags = 0; flags < 16; ++flags) {
         SftpFileAttr attr(LocalFile());
         attr._flags = flags;
@@ -76,11 +76,11 @@ TEST(SftpFileAttrTest, FillsAStatWithWhatIsPresentAlone) {
     }
 }
 
-TEST(SftpFileAttrTest, DefaultIsPermissionsAlone) {
+TEST(SftpFileAttr, DefaultHasOnlyPermissions) {
     EXPECT_EQ(Written(SftpFileAttr::Default(0755)), Wire("00000004 000001ed"));
 }
 
-TEST(SftpFileAttrTest, FieldsPresentTravel) {
+TEST(SftpFileAttr, PresentFieldsAreWrittenAndRead) {
     for (unsigned int flags = 0; flags < 16; ++flags) {
         SftpFileAttr attr(LocalFile());
         attr._flags = flags;
@@ -98,7 +98,7 @@ TEST(SftpFileAttrTest, FieldsPresentTravel) {
     }
 }
 
-TEST(SftpFileAttrTest, FieldsNotPresentStay) {
+TEST(SftpFileAttr, AbsentFieldsAreKept) {
     SftpFileAttr attr(LocalFile());
     EXPECT_EQ(Read(Wire("00000004 00000001"), attr), 0u);
     EXPECT_EQ(attr._flags, 4u);
@@ -106,13 +106,13 @@ TEST(SftpFileAttrTest, FieldsNotPresentStay) {
     EXPECT_EQ(attr._size, 0x100000005u);
 }
 
-TEST(SftpFileAttrTest, FlagsAreWrittenAsTheyAre) {
+TEST(SftpFileAttr, FlagsAreWrittenUnchanged) {
     SftpFileAttr attr;
     attr._flags = 0xfffffff0;
     EXPECT_EQ(Written(attr), Wire("fffffff0"));
 }
 
-TEST(SftpFileAttrTest, UnknownFlagsBringNothing) {
+TEST(SftpFileAttr, UnknownFlagsHaveNoFields) {
     SftpFileAttr attr;
     EXPECT_EQ(Read(Wire("7ffffff0"), attr), 0u);
     EXPECT_EQ(attr._flags, 0x7ffffff0u);

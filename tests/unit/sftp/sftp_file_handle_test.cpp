@@ -8,7 +8,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(SftpFileHandleTest, CopiesShareTheBytes) {
+TEST(SftpFileHandle, CopiesShareTheBytes) {
     ByteString const bytes = Bytes("handle");
     SftpFileHandle const handle(bytes);
     SftpFileHandle other;
@@ -18,15 +18,15 @@ TEST(SftpFileHandleTest, CopiesShareTheBytes) {
     SftpFileHandle& self = other;
     other = self;
     EXPECT_EQ(other._bytes._rep, bytes._rep);
-    EXPECT_EQ(Str(other._bytes), "handle");
+    EXPECT_EQ(Text(other._bytes), "handle");
 }
 
-TEST(SftpFileHandleTest, IsBytes) {
+TEST(SftpFileHandle, IsBytes) {
     EXPECT_EQ(Written(SftpFileHandle(Bytes(Wire("00ff")))), Wire("00000002 00ff"));
     EXPECT_EQ(Written(SftpFileHandle()), Wire("00000000"));
     SftpFileHandle handle;
     EXPECT_EQ(Read(Wire("00000002 00ff"), handle), 0u);
-    EXPECT_EQ(Str(handle._bytes), Wire("00ff"));
+    EXPECT_EQ(Text(handle._bytes), Wire("00ff"));
 }
 
 } // namespace

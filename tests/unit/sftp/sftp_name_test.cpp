@@ -8,17 +8,17 @@ using namespace cindral;
 
 namespace {
 
-TEST(SftpNameTest, IsTwoTextsAndAttributes) {
+TEST(SftpName, IsTwoTextsAndAttributes) {
     std::string const bytes = Wire("00000004 'file' 00000005 '-rw f' 00000004 000001a4");
     SftpName name;
     EXPECT_EQ(Read(bytes, name), 0u);
-    EXPECT_EQ(Str(name._filename), "file");
-    EXPECT_EQ(Str(name._longname), "-rw f");
+    EXPECT_EQ(Text(name._filename), "file");
+    EXPECT_EQ(Text(name._longname), "-rw f");
     EXPECT_EQ(name._attrs._permissions, 0644u);
     EXPECT_EQ(Written(name), bytes);
 }
 
-TEST(SftpNameTest, ListIsItsNumberAndTheNamesInOrder) {
+TEST(SftpName, ListIsItsNumberAndTheNamesInOrder) {
     TOList<SftpName> names;
     EXPECT_EQ(Written(names), Wire("00000000"));
     names.Append(SftpName())->_filename = "a";

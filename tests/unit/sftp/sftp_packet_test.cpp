@@ -12,7 +12,7 @@ using namespace cindral;
 
 namespace {
 
-TEST(SftpPacketTest, TravelsAsOneByteString) {
+TEST(SftpPacket, IsSentAsOneByteString) {
     OStringBuffer sent;
     OSockStreamAdapter out(sent);
     out << SftpPacketInit(3).Payload() << endm;
@@ -26,14 +26,14 @@ TEST(SftpPacketTest, TravelsAsOneByteString) {
     EXPECT_EQ(SftpPacketInit(payload)._version, 3u);
 }
 
-TEST(SftpPacketTest, PayloadMayBeLargerThanAnyBuffer) {
+TEST(SftpPacket, PayloadMayBeLargerThanAnyBuffer) {
     std::string const data = std::string(100000, 'a') + std::string(100000, 'b');
     ByteString const payload = SftpPacketWrite(1, SftpFileHandle(Bytes("h")), 0, Bytes(data)).Payload();
-    EXPECT_EQ(Str(payload), Wire("06 00000001 00000001 'h' 0000000000000000 00030d40") + data);
-    EXPECT_EQ(Str(SftpPacketWrite(payload)._data), data);
+    EXPECT_EQ(Text(payload), Wire("06 00000001 00000001 'h' 0000000000000000 00030d40") + data);
+    EXPECT_EQ(Text(SftpPacketWrite(payload)._data), data);
 }
 
-TEST(SftpPacketTest, CopiesShareTheBytes) {
+TEST(SftpPacket, CopiesShareTheBytes) {
     SftpPacketInit const message(Bytes(Wire("01 00000003")));
     SftpPacketInit copy(message);
     EXPECT_EQ(copy.Payload()._rep, message._payload._rep);

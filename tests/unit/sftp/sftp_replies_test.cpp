@@ -12,66 +12,66 @@ std::string const FULL_TEXT(262144, 'x');
 
 std::vector<std::string> Filenames(TOList<SftpName> const& names) {
     std::vector<std::string> filenames;
-    for (TOListIterator<SftpName> name(names); name; ++name) filenames.push_back(Str(name->_filename));
+    for (TOListIterator<SftpName> name(names); name; ++name) filenames.push_back(Text(name->_filename));
     return filenames;
 }
 
-TEST(SftpPacketVersionTest, ExtensionsAfterItAreIgnored) {
+TEST(SftpPacketVersion, ExtensionsAfterItAreIgnored) {
     EXPECT_EQ(SftpPacketVersion(Bytes(Wire("02 00000003")))._version, 3u);
     SftpPacketVersion const extended(Bytes(Wire("02 00000003 00000001 'e' 00000001 '1'")));
     EXPECT_EQ(extended._version, 3u);
     EXPECT_EQ(extended._id, 0u);
 }
 
-TEST(SftpPacketStatusTest, TextsMayBeEmpty) {
+TEST(SftpPacketStatus, TextsMayBeEmpty) {
     SftpPacketStatus const status(Bytes(Wire("65 00000007 00000001 00000000 00000000")));
     EXPECT_EQ(status._id, 7u);
     EXPECT_EQ(status._code, 1u);
-    EXPECT_EQ(Str(status._message), "");
-    EXPECT_EQ(Str(status._language), "");
+    EXPECT_EQ(Text(status._message), "");
+    EXPECT_EQ(Text(status._language), "");
 }
 
-TEST(SftpPacketStatusTest, EmptyMessageLeavesTheLanguageEmptyToo) {
+TEST(SftpPacketStatus, EmptyMessageLeavesTheLanguageEmptyToo) {
     SftpPacketStatus const status(Bytes(Wire("65 00000007 00000001 00000000 00000002 'en'")));
-    EXPECT_EQ(Str(status._message), "");
-    EXPECT_EQ(Str(status._language), "");
+    EXPECT_EQ(Text(status._message), "");
+    EXPECT_EQ(Text(status._language), "");
 }
 
-TEST(SftpPacketStatusTest, LanguageAloneMayBeEmpty) {
+TEST(SftpPacketStatus, LanguageAloneMayBeEmpty) {
     SftpPacketStatus const status(Bytes(Wire("65 00000007 00000001 00000002 'no' 00000000")));
-    EXPECT_EQ(Str(status._message), "no");
-    EXPECT_EQ(Str(status._language), "");
+    EXPECT_EQ(Text(status._message), "no");
+    EXPECT_EQ(Text(status._language), "");
 }
 
-TEST(SftpPacketStatusTest, OverlongMessageIsLeftEmpty) {
+TEST(SftpPacketStatus, OverlongMessageIsReadAsEmpty) {
     SftpPacketStatus const status(Bytes(Wire("65 00000007 00000001 00040001") + FULL_TEXT + "x"));
     EXPECT_EQ(status._code, 1u);
-    EXPECT_EQ(Str(status._message), "");
+    EXPECT_EQ(Text(status._message), "");
 }
 
-TEST(SftpPacketStatusTest, MissingFieldsAreRefused) {
+TEST(SftpPacketStatus, MissingFieldsAreRefused) {
     for (char const* line : {"65 00000007 00000001", "65 00000007 00000001 00000000",
                              "65 00000007 00000001 00000000 000000", "65 00000007 00000001 00000002 'n'"}) {
         ExpectError<SshProtocolError>("invalid input", "", [&] { SftpPacketStatus(Bytes(Wire(line))); });
     }
 }
 
-TEST(SftpPacketDataTest, MayBeEmpty) {
+TEST(SftpPacketData, MayBeEmpty) {
     EXPECT_EQ(SftpPacketData(Bytes(Wire("67 00000007 00000000")))._data.Length(), 0u);
-    EXPECT_EQ(Str(SftpPacketData(7, ByteString()).Payload()), Wire("67 00000007 00000000"));
+    EXPECT_EQ(Text(SftpPacketData(7, ByteString()).Payload()), Wire("67 00000007 00000000"));
 }
 
-TEST(SftpPacketNameTest, EncodingWritesTheCountTwice) {
+TEST(SftpPacketName, EncodingWritesTheCountTwice) {
     TOList<SftpName> names;
     names.Append(SftpName())->_filename = "a";
     names.Append(SftpName())->_longname = "l";
     SftpPacketName message(7, names);
     EXPECT_EQ(message._count, 2u);
-    EXPECT_EQ(Str(message.Payload()), Wire("68 00000007 00000002 00000002 00000001 'a' 00000000 00000000"
-                                           "00000000 00000001 'l' 00000000"));
+    EXPECT_EQ(Text(message.Payload()), Wire("68 00000007 00000002 00000002 00000001 'a' 00000000 00000000"
+                                            "00000000 00000001 'l' 00000000"));
 }
 
-TEST(SftpPacketNameTest, DecodingTakesTheSecondCountForAName) {
+TEST(SftpPacketName, DecodingReadsTheSecondCountAsAName) {
     // The count reads as the length of a filename, which is then the first bytes of the name's own.
     SftpName name;
     name._filename = "a";
@@ -86,20 +86,20 @@ TEST(SftpPacketNameTest, DecodingTakesTheSecondCountForAName) {
     }
 }
 
-TEST(SftpPacketNameTest, NoNamesAreTaken) {
+TEST(SftpPacketName, EmptyListIsAccepted) {
     TOList<SftpName> names;
     EXPECT_EQ(SftpPacketName(Bytes(Wire("68 00000007 00000000")), names)._count, 0u);
     EXPECT_EQ(names.Len(), 0u);
 }
 
-TEST(SftpPacketNameTest, NamesAreAppended) {
+TEST(SftpPacketName, NamesAreAppended) {
     TOList<SftpName> names;
     names.Append(SftpName())->_filename = "first";
     SftpPacketName(Bytes(Wire("68 00000007 00000001 00000001 'a' 00000001 'l' 00000000")), names);
     EXPECT_EQ(Filenames(names), (std::vector<std::string>{"first", "a"}));
 }
 
-TEST(SftpPacketNameTest, NamesInFrontOfAFailureStay) {
+TEST(SftpPacketName, NamesBeforeAFailureAreKept) {
     TOList<SftpName> names;
     ExpectError<SshProtocolError>("input too short", "", [&] {
         SftpPacketName(Bytes(Wire("68 00000007 ffffffff 00000001 'a' 00000001 'l' 00000000"
@@ -109,16 +109,16 @@ TEST(SftpPacketNameTest, NamesInFrontOfAFailureStay) {
     EXPECT_EQ(Filenames(names), (std::vector<std::string>{"a", "b"}));
 }
 
-TEST(SftpPacketAttrsTest, ExtendedPairsAreDropped) {
+TEST(SftpPacketAttrs, ExtendedPairsAreDropped) {
     SftpFileAttr attrs;
     SftpPacketAttrs(Bytes(Wire("69 00000007 80000001 0000000000000005 00000001 00000001 'k' 00000002 'vv'")),
                     attrs);
     EXPECT_EQ(attrs._flags, 0x80000001u);
     EXPECT_EQ(attrs._size, 5u);
-    EXPECT_EQ(Str(SftpPacketAttrs(8, attrs).Payload()), Wire("69 00000008 80000001 0000000000000005"));
+    EXPECT_EQ(Text(SftpPacketAttrs(8, attrs).Payload()), Wire("69 00000008 80000001 0000000000000005"));
 }
 
-TEST(SftpPacketAttrsTest, PairsEndWithTheInputWhateverTheirCount) {
+TEST(SftpPacketAttrs, ExtendedPairsEndWithTheInputWhateverTheirCount) {
     SftpFileAttr attrs;
     for (char const* pairs : {"", "ffffff", "ffffffff", "ffffffff 00000001 'k' 00000000", "00000001 00000000",
                               "00000001 00000000 00000001", "ffffffff 01000001 01000001"}) {
@@ -128,7 +128,7 @@ TEST(SftpPacketAttrsTest, PairsEndWithTheInputWhateverTheirCount) {
     }
 }
 
-TEST(SftpPacketAttrsTest, ManyPairsAreDropped) {
+TEST(SftpPacketAttrs, ManyExtendedPairsAreDropped) {
     std::string payload = Wire("69 00000007 80000000 000003e8");
     for (int i = 0; i < 1000; ++i) payload += Wire("00000003 'key' 00000005 'value'");
     SftpFileAttr attrs;

@@ -8,24 +8,24 @@ using namespace cindral;
 
 namespace {
 
-TEST(SftpStatusTest, IsSuccessAtFirst) {
+TEST(SftpStatus, IsSuccessAtFirst) {
     SftpStatus const status;
     EXPECT_EQ(status._code, 0);
-    EXPECT_EQ(Str(status._message), "");
-    EXPECT_EQ(Str(status._language), "");
+    EXPECT_EQ(Text(status._message), "");
+    EXPECT_EQ(Text(status._language), "");
 }
 
-TEST(SftpStatusTest, IsACodeAndTwoTexts) {
+TEST(SftpStatus, IsACodeAndTwoTexts) {
     std::string const bytes = Wire("fffffffe 00000004 'text' 00000002 'en'");
     SftpStatus status;
     EXPECT_EQ(Read(bytes, status), 0u);
     EXPECT_EQ(status._code, -2);
-    EXPECT_EQ(Str(status._message), "text");
-    EXPECT_EQ(Str(status._language), "en");
+    EXPECT_EQ(Text(status._message), "text");
+    EXPECT_EQ(Text(status._language), "en");
     EXPECT_EQ(Written(status), bytes);
 }
 
-TEST(SftpStatusTest, EmptyTextIsMalformed) {
+TEST(SftpStatus, EmptyTextIsMalformed) {
     SftpStatus status;
     EXPECT_EQ(Read(Wire("00000001 00000000 00000000"), status), SockStream::MALFORMED);
     EXPECT_EQ(status._code, 1);

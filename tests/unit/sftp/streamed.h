@@ -12,7 +12,7 @@ template <class Value>
 std::string Written(Value const& value) {
     cindral::SftpPacket::EncoderStream out;
     out << value;
-    return Str(out.Bytes());
+    return Text(out.Bytes());
 }
 
 /// Reads the value and returns the status of the stream.

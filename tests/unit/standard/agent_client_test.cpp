@@ -84,7 +84,7 @@ private:
 
 } // namespace
 
-TEST(AgentClientTest, IsAbsentWithoutTheVariable) {
+TEST(RawAgent, IsAbsentWithoutTheVariable) {
     unsetenv("SSH_AUTH_SOCK");
     AgentClient agent;
     EXPECT_FALSE(agent.IsPresent());
@@ -98,7 +98,7 @@ TEST(AgentClientTest, IsAbsentWithoutTheVariable) {
     unsetenv("SSH_AUTH_SOCK");
 }
 
-TEST(AgentClientTest, ConnectsToTheSocketOfTheVariable) {
+TEST(RawAgent, ConnectsToTheSocketOfTheVariable) {
     RawAgent const server(Reply(Identities(0)));
     setenv("SSH_AUTH_SOCK", server.Path().c_str(), 1);
     AgentClient agent;
@@ -109,7 +109,7 @@ TEST(AgentClientTest, ConnectsToTheSocketOfTheVariable) {
     EXPECT_EQ(server.Connections(), 1u);
 }
 
-TEST(AgentClientTest, ReportsASocketThatCannotBeReached) {
+TEST(RawAgent, ReportsASocketThatCannotBeReached) {
     support::TemporaryDirectory const directory;
     std::string const path = directory / "none";
     EXPECT_FALSE(AgentClient(path).IsPresent());
@@ -118,7 +118,7 @@ TEST(AgentClientTest, ReportsASocketThatCannotBeReached) {
     EXPECT_EQ(AgentClient(longPath).Error(), longPath + ": File name too long");
 }
 
-TEST(AgentClientTest, DescriptorIsCloseOnExecAndClosedAtTheEnd) {
+TEST(RawAgent, DescriptorIsCloseOnExecAndClosedAtTheEnd) {
     RawAgent const server(Reply(Identities(0)));
     {
         AgentClient const agent(server.Path());
@@ -129,7 +129,7 @@ TEST(AgentClientTest, DescriptorIsCloseOnExecAndClosedAtTheEnd) {
     EXPECT_EQ(DescriptorTo(server), -1);
 }
 
-TEST(AgentClientTest, ListsTheKeysInTheAgentsOrder) {
+TEST(RawAgent, ListsTheKeysInTheAgentsOrder) {
     RawAgent const server(Reply(Identities(2).String("second").String("comment").String("first").String("")));
     AgentClient agent(server.Path());
     auto const keys = agent.List();
@@ -142,7 +142,7 @@ TEST(AgentClientTest, ListsTheKeysInTheAgentsOrder) {
     EXPECT_EQ(server.Requests(), std::vector<std::string>{"\x0b"});
 }
 
-TEST(AgentClientTest, SignsWithTheFlagsGiven) {
+TEST(RawAgent, SignsWithTheFlagsGiven) {
     RawAgent const server(SignResponse("signature"));
     AgentClient agent(server.Path());
     Bytes signature;
@@ -156,7 +156,7 @@ TEST(AgentClientTest, SignsWithTheFlagsGiven) {
     EXPECT_EQ(server.Connections(), 1u);
 }
 
-TEST(AgentClientTest, RefusalKeepsTheAgent) {
+TEST(RawAgent, RefusalKeepsTheAgent) {
     for (unsigned int number : {5u, 30u, 102u}) {
         RawAgent const server([number, first = true](std::string const&) mutable {
             std::string const answer = first ? Failure(number) : SignResponse("signature");
@@ -178,7 +178,7 @@ TEST(AgentClientTest, RefusalKeepsTheAgent) {
     EXPECT_TRUE(agent.IsPresent());
 }
 
-TEST(AgentClientTest, AgentThatClosesIsAbsent) {
+TEST(RawAgent, AgentThatClosesIsAbsent) {
     RawAgent const server([](std::string const&) { return std::string(); });
     AgentClient agent(server.Path());
     Bytes signature;
@@ -187,7 +187,7 @@ TEST(AgentClientTest, AgentThatClosesIsAbsent) {
     EXPECT_EQ(DescriptorTo(server), -1);
 }
 
-TEST(AgentClientTest, AgentThatClosesWithinAReplyIsAbsent) {
+TEST(RawAgent, AgentThatClosesWithinAReplyIsAbsent) {
     std::string const reply = SignResponse("signature");
     for (std::size_t size = 1; size < reply.size(); ++size) {
         RawAgent const server(reply);
@@ -199,7 +199,7 @@ TEST(AgentClientTest, AgentThatClosesWithinAReplyIsAbsent) {
     }
 }
 
-TEST(AgentClientTest, InterruptedAndShortTransfersAreContinued) {
+TEST(RawAgent, InterruptedAndShortTransfersAreContinued) {
     RawAgent const server(SignResponse("signature"));
     AgentClient agent(server.Path());
     support::FaultyCalls const faults(1);
@@ -209,7 +209,7 @@ TEST(AgentClientTest, InterruptedAndShortTransfersAreContinued) {
     EXPECT_GT(faults.Interrupted(), 0);
 }
 
-TEST(AgentClientTest, BrokenReplyToSignMakesTheAgentAbsent) {
+TEST(RawAgent, BrokenReplyToSignMakesTheAgentAbsent) {
     struct {
         std::string reply;
         char const* reason;
@@ -233,7 +233,7 @@ TEST(AgentClientTest, BrokenReplyToSignMakesTheAgentAbsent) {
     }
 }
 
-TEST(AgentClientTest, BrokenListMakesTheAgentAbsent) {
+TEST(RawAgent, BrokenListMakesTheAgentAbsent) {
     struct {
         peer::Writer reply;
         char const* reason;
@@ -255,7 +255,7 @@ TEST(AgentClientTest, BrokenListMakesTheAgentAbsent) {
     }
 }
 
-TEST(AgentClientTest, ReplyOf256KiBIsTaken) {
+TEST(RawAgent, ReplyOf256KiBIsTaken) {
     std::string const signature(256 * 1024 - 5, 's');
     RawAgent const server(SignResponse(signature));
     AgentClient agent(server.Path());

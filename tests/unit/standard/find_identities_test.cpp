@@ -71,13 +71,13 @@ private:
     RawAgent _server;
 };
 
-class FindIdentitiesTest : public KeyFiles {
+class IdentitySearch : public KeyFiles {
 protected:
-    FindIdentitiesTest() {
+    IdentitySearch() {
         std::filesystem::create_directory(Path(".ssh"));
         setenv("HOME", _directory.Path().c_str(), 1);
     }
-    ~FindIdentitiesTest() override { setenv("HOME", _home.c_str(), 1); }
+    ~IdentitySearch() override { setenv("HOME", _home.c_str(), 1); }
 
     /// The public half by the file that ssh-keygen has made.
     Blob PublicKey(std::string const& name) const {
@@ -127,14 +127,14 @@ Blob const SECOND_BLOB = peer::Writer().String("ssh-ed25519").String("second");
 
 } // namespace
 
-TEST_F(FindIdentitiesTest, NothingThere) {
+TEST_F(IdentitySearch, NothingThere) {
     EXPECT_TRUE(Find("").empty());
     EXPECT_THAT(notes, IsEmpty());
     EXPECT_TRUE(Find(Path("none")).empty());
     EXPECT_THAT(notes, ElementsAre(Path("none") + ": No such file or directory"));
 }
 
-TEST_F(FindIdentitiesTest, PlainFileIsReadyToSign) {
+TEST_F(IdentitySearch, PlainFileIsReadyToSign) {
     Keygen("key", "-t ed25519");
     Identities const found = Find(Path("key"));
     ASSERT_EQ(found.size(), 1u);
@@ -145,7 +145,7 @@ TEST_F(FindIdentitiesTest, PlainFileIsReadyToSign) {
     EXPECT_THAT(notes, IsEmpty());
 }
 
-TEST_F(FindIdentitiesTest, DefaultFilesStandInTheirOrder) {
+TEST_F(IdentitySearch, DefaultFilesStandInTheirOrder) {
     Keygen(".ssh/id_rsa", "-t rsa -b 2048");
     Keygen(".ssh/id_ecdsa", "-t ecdsa");
     Keygen(".ssh/id_ed25519", "-t ed25519");
@@ -160,7 +160,7 @@ TEST_F(FindIdentitiesTest, DefaultFilesStandInTheirOrder) {
     EXPECT_THAT(Names(named), ElementsAre(Path(".ssh/id_other")));
 }
 
-TEST_F(FindIdentitiesTest, EncryptedFileIsKnownBeforeItsPassphraseIs) {
+TEST_F(IdentitySearch, EncryptedFileIsKnownBeforeItsPassphraseIs) {
     Keygen("key", "-t ed25519 -a 1", "right");
     std::filesystem::remove(Path("key.pub"));
     Identities const found = Find(Path("key"));
@@ -170,7 +170,7 @@ TEST_F(FindIdentitiesTest, EncryptedFileIsKnownBeforeItsPassphraseIs) {
     EXPECT_THAT(enter.questions, IsEmpty());
 }
 
-TEST_F(FindIdentitiesTest, PassphraseGivenIsTriedBeforeTheUserIsAsked) {
+TEST_F(IdentitySearch, PassphraseGivenIsTriedBeforeTheUserIsAsked) {
     Keygen("key", "-t ed25519 -a 1", "right");
     passphrase = "right";
     Identities found = Find(Path("key"));
@@ -191,7 +191,7 @@ TEST_F(FindIdentitiesTest, PassphraseGivenIsTriedBeforeTheUserIsAsked) {
     EXPECT_TRUE(Signs(*found[0], "ssh-ed25519"));
 }
 
-TEST_F(FindIdentitiesTest, PresetOfTheProgramIsUsedWithoutTries) {
+TEST_F(IdentitySearch, PresetOfTheProgramIsUsedWithoutTries) {
     Keygen("key", "-t ed25519 -a 1", "right");
     enter.Preset("right");
     Identities const found = Find(Path("key"));
@@ -200,7 +200,7 @@ TEST_F(FindIdentitiesTest, PresetOfTheProgramIsUsedWithoutTries) {
     EXPECT_THAT(enter.questions, IsEmpty());
 }
 
-TEST_F(FindIdentitiesTest, PresetOfTheProgramThatIsWrongIsUsedOnce) {
+TEST_F(IdentitySearch, PresetOfTheProgramThatIsWrongIsUsedOnce) {
     Keygen("key", "-t ed25519 -a 1", "right");
     enter._tries = 1;
     enter.Preset("wrong");
@@ -210,7 +210,7 @@ TEST_F(FindIdentitiesTest, PresetOfTheProgramThatIsWrongIsUsedOnce) {
     EXPECT_EQ(enter.questions.size(), 1u);
 }
 
-TEST_F(FindIdentitiesTest, FileThatStaysLockedGivesTheReason) {
+TEST_F(IdentitySearch, FileThatStaysLockedGivesTheReason) {
     Keygen("key", "-t ed25519 -a 1", "right");
     std::string reason;
     EXPECT_FALSE(Find(Path("key")).at(0)->Unlock(reason));
@@ -225,7 +225,7 @@ TEST_F(FindIdentitiesTest, FileThatStaysLockedGivesTheReason) {
     EXPECT_EQ(reason, "Input/output error");
 }
 
-TEST_F(FindIdentitiesTest, EncryptedPemWithoutPublicHalfIsLearntByUnlocking) {
+TEST_F(IdentitySearch, EncryptedPemWithoutPublicHalfIsLearntByUnlocking) {
     Keygen("key", "-t rsa -b 2048 -m PEM", "right");
     Blob const blob = PublicKey("key");
     EXPECT_EQ(Find(Path("key")).at(0)->Blob(), blob) << "by the .pub file";
@@ -239,7 +239,7 @@ TEST_F(FindIdentitiesTest, EncryptedPemWithoutPublicHalfIsLearntByUnlocking) {
     EXPECT_EQ(found[0]->Blob(), blob);
 }
 
-TEST_F(FindIdentitiesTest, FileThatIsNoKeyGetsALine) {
+TEST_F(IdentitySearch, FileThatIsNoKeyGetsALine) {
     Write("key", "no key\n");
     std::filesystem::create_directory(Path(".ssh/id_rsa"));
     EXPECT_TRUE(Find(Path("key")).empty());
@@ -249,7 +249,7 @@ TEST_F(FindIdentitiesTest, FileThatIsNoKeyGetsALine) {
                             Path(".ssh/id_rsa") + ": Is a directory"));
 }
 
-TEST_F(FindIdentitiesTest, AlgorithmOfAnotherTypeIsNotSigned) {
+TEST_F(IdentitySearch, AlgorithmOfAnotherTypeIsNotSigned) {
     Keygen("key", "-t ed25519");
     Blob signature;
     std::string reason;
@@ -257,7 +257,7 @@ TEST_F(FindIdentitiesTest, AlgorithmOfAnotherTypeIsNotSigned) {
     EXPECT_NE(reason, "");
 }
 
-TEST_F(FindIdentitiesTest, AgentsKeysComeBeforeDefaultFilesThatItDoesNotHold) {
+TEST_F(IdentitySearch, AgentsKeysComeBeforeDefaultFilesThatItDoesNotHold) {
     Keygen(".ssh/id_ed25519", "-t ed25519");
     Keygen(".ssh/id_rsa", "-t rsa -b 2048");
     FakeAgent const agent({FIRST_BLOB, PublicKey(".ssh/id_rsa"), SECOND_BLOB});
@@ -269,7 +269,7 @@ TEST_F(FindIdentitiesTest, AgentsKeysComeBeforeDefaultFilesThatItDoesNotHold) {
     EXPECT_FALSE(found.at(0)->IsUnlocked()) << "the agent signs";
 }
 
-TEST_F(FindIdentitiesTest, NamedFileComesFirst) {
+TEST_F(IdentitySearch, NamedFileComesFirst) {
     Keygen("key", "-t ed25519");
     Keygen(".ssh/id_ed25519", "-t ed25519");
     FakeAgent const without({FIRST_BLOB, SECOND_BLOB});
@@ -281,12 +281,12 @@ TEST_F(FindIdentitiesTest, NamedFileComesFirst) {
     EXPECT_FALSE(found.at(0)->IsUnlocked()) << "the agent signs";
 }
 
-TEST_F(FindIdentitiesTest, KeyThatTheAgentListsTwiceIsOfferedOnce) {
+TEST_F(IdentitySearch, KeyThatTheAgentListsTwiceIsOfferedOnce) {
     FakeAgent const agent({FIRST_BLOB, SECOND_BLOB, FIRST_BLOB});
     EXPECT_THAT(Blobs(Find("", agent.Client())), ElementsAre(FIRST_BLOB, SECOND_BLOB));
 }
 
-TEST_F(FindIdentitiesTest, PublicFileIsEnoughForAKeyOfTheAgent) {
+TEST_F(IdentitySearch, PublicFileIsEnoughForAKeyOfTheAgent) {
     Keygen("key", "-t ed25519");
     Blob const blob = PublicKey("key");
     FakeAgent const agent({FIRST_BLOB, blob});
@@ -300,7 +300,7 @@ TEST_F(FindIdentitiesTest, PublicFileIsEnoughForAKeyOfTheAgent) {
     EXPECT_THAT(notes, ElementsAre(Path("key") + ": No such file or directory"));
 }
 
-TEST_F(FindIdentitiesTest, AgentIsAskedForTheDigestOfTheAlgorithm) {
+TEST_F(IdentitySearch, AgentIsAskedForTheDigestOfTheAlgorithm) {
     FakeAgent agent({FIRST_BLOB});
     Identities const found = Find("", agent.Client());
     ASSERT_EQ(found.size(), 1u);
@@ -315,7 +315,7 @@ TEST_F(FindIdentitiesTest, AgentIsAskedForTheDigestOfTheAlgorithm) {
     EXPECT_THAT(agent.Flags(), ElementsAre(4u, 2u, 0u));
 }
 
-TEST_F(FindIdentitiesTest, SignatureByAnotherAlgorithmIsNotUsed) {
+TEST_F(IdentitySearch, SignatureByAnotherAlgorithmIsNotUsed) {
     FakeAgent agent({FIRST_BLOB});
     agent.algorithm = "ssh-rsa";
     Blob signature;
@@ -324,7 +324,7 @@ TEST_F(FindIdentitiesTest, SignatureByAnotherAlgorithmIsNotUsed) {
     EXPECT_EQ(reason, "the agent does not sign with rsa-sha2-512");
 }
 
-TEST_F(FindIdentitiesTest, FileSignsWhereTheAgentFails) {
+TEST_F(IdentitySearch, FileSignsWhereTheAgentFails) {
     Keygen("key", "-t ed25519");
     FakeAgent agent({PublicKey("key")});
     EXPECT_TRUE(Signs(*Find(Path("key"), agent.Client()).at(0), "ssh-ed25519"));
@@ -333,7 +333,7 @@ TEST_F(FindIdentitiesTest, FileSignsWhereTheAgentFails) {
     EXPECT_EQ(agent.Flags().size(), 2u);
 }
 
-TEST_F(FindIdentitiesTest, BothReasonsAreGivenWhereAgentAndFileFail) {
+TEST_F(IdentitySearch, BothReasonsAreGivenWhereAgentAndFileFail) {
     Keygen("key", "-t ed25519 -a 1", "right");
     FakeAgent const agent({PublicKey("key")});
     Blob signature;
@@ -342,7 +342,7 @@ TEST_F(FindIdentitiesTest, BothReasonsAreGivenWhereAgentAndFileFail) {
     EXPECT_EQ(reason, "the agent refused; the file: encrypted, and no passphrase can be asked for");
 }
 
-TEST_F(FindIdentitiesTest, BrokenAgentGetsALineAndFilesStay) {
+TEST_F(IdentitySearch, BrokenAgentGetsALineAndFilesStay) {
     Keygen(".ssh/id_ed25519", "-t ed25519");
     RawAgent const server(peer::ToText(peer::Writer().String("\x06")));
     EXPECT_THAT(Names(Find("", std::make_shared<AgentClient>(server.Path()))),

@@ -446,7 +446,7 @@ INSTANTIATE_TEST_SUITE_P(All, NistCurve,
                                          Curve{"ecdh-sha2-nistp521", NID_secp521r1}),
                          [](auto const& curve) { return "P" + std::string(curve.param.name).substr(15); });
 
-TEST(FixedGroup, PublicValueOutsideItsRangeIsRefused) {
+TEST(FixedDhGroup, PublicValueOutsideItsRangeIsRefused) {
     BnPtr const p = Own(BN_get_rfc3526_prime_2048(nullptr));
     auto const expectRefused = [](Bytes const& value) { ExpectValueRefused(GROUP14, "KEXDH_REPLY", value); };
     expectRefused(Mpint(Number(0)));
@@ -458,12 +458,12 @@ TEST(FixedGroup, PublicValueOutsideItsRangeIsRefused) {
     expectRefused(String(Join({{1}, Bytes(30000)})));
 }
 
-TEST(FixedGroup, NegativePublicValueIsRefused) {
+TEST(FixedDhGroup, NegativePublicValueIsRefused) {
     ExpectValueRefused(GROUP14, "KEXDH_REPLY", String(Bytes{0x80}), "message holds a negative number");
     ExpectValueRefused(GROUP14, "KEXDH_REPLY", String(Bytes(256, 0xff)), "message holds a negative number");
 }
 
-TEST(FixedGroup, FirstAndLastPublicValueOfItsRangeAreTaken) {
+TEST(FixedDhGroup, FirstAndLastPublicValueOfItsRangeAreTaken) {
     BnPtr const p = Own(BN_get_rfc3526_prime_2048(nullptr));
     for (BnPtr const& f : {Number(2), Sum(p, -2)}) {
         auto const client = KeyAgreement::Create(GROUP14);
@@ -473,7 +473,7 @@ TEST(FixedGroup, FirstAndLastPublicValueOfItsRangeAreTaken) {
     }
 }
 
-TEST(FixedGroup, PublicValueWithLeadingZerosIsHashedWithoutThem) {
+TEST(FixedDhGroup, PublicValueWithLeadingZerosIsHashedWithoutThem) {
     auto const client = KeyAgreement::Create(GROUP14);
     Bytes const init = client->Begin().Copy();
     client->Take(Reply(31, String(Bytes{0, 0, 0, 5})));

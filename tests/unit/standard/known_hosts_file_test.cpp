@@ -58,9 +58,9 @@ std::string const KEY_FIELDS = "ssh-ed25519 " + EncodeBase64(KEY);
 std::string const OTHER_FIELDS = "ssh-ed25519 " + EncodeBase64(OTHER_KEY);
 std::string const RSA_FIELDS = "ssh-rsa " + EncodeBase64(RSA_KEY);
 
-class KnownHostsFileTest : public testing::Test {
+class KnownHostsInFiles : public testing::Test {
 protected:
-    KnownHostsFileTest() { std::filesystem::create_directory(_directory / ".ssh"); }
+    KnownHostsInFiles() { std::filesystem::create_directory(_directory / ".ssh"); }
 
     std::string Path() const { return _directory / ".ssh/known_hosts"; }
     std::string SystemPath() const { return _directory / "ssh_known_hosts"; }
@@ -91,7 +91,7 @@ protected:
 
 } // namespace
 
-TEST_F(KnownHostsFileTest, HostWithoutLineIsUnknown) {
+TEST_F(KnownHostsInFiles, HostWithoutLineIsUnknown) {
     EXPECT_EQ(Verdict("host", KEY), KnownHostsFile::UNKNOWN) << "without a file";
     Write("");
     EXPECT_EQ(Verdict("host", KEY), KnownHostsFile::UNKNOWN);
@@ -100,7 +100,7 @@ TEST_F(KnownHostsFileTest, HostWithoutLineIsUnknown) {
     EXPECT_EQ(Find("host", KEY).line, 0u);
 }
 
-TEST_F(KnownHostsFileTest, SameKeyMatchesAndAnotherHasChanged) {
+TEST_F(KnownHostsInFiles, SameKeyMatchesAndAnotherHasChanged) {
     Write("# comment\n\nelsewhere " + OTHER_FIELDS + "\nhost " + KEY_FIELDS + "\n");
     KnownHostsFile::Finding const match = Find("host", KEY);
     EXPECT_EQ(match.verdict, KnownHostsFile::MATCH);
@@ -113,7 +113,7 @@ TEST_F(KnownHostsFileTest, SameKeyMatchesAndAnotherHasChanged) {
     EXPECT_EQ(changed.line, 4u);
 }
 
-TEST_F(KnownHostsFileTest, FieldsMayBeSeparatedByTabsAndSeveralBlanks) {
+TEST_F(KnownHostsInFiles, FieldsMayBeSeparatedByTabsAndSeveralBlanks) {
     for (char const* space : {" ", "\t", "  ", "\t \t"}) {
         std::string const line = space + std::string("host") + space + "ssh-ed25519" + space +
                                  EncodeBase64(KEY) + space + "a comment";
@@ -121,7 +121,7 @@ TEST_F(KnownHostsFileTest, FieldsMayBeSeparatedByTabsAndSeveralBlanks) {
     }
 }
 
-TEST_F(KnownHostsFileTest, LineEndIsOptionalAtTheEndAndMayHaveACarriageReturn) {
+TEST_F(KnownHostsInFiles, LineEndIsOptionalAtTheEndAndMayHaveACarriageReturn) {
     Write("host " + KEY_FIELDS);
     EXPECT_EQ(Verdict("host", KEY), KnownHostsFile::MATCH);
     Write("elsewhere " + KEY_FIELDS + "\r\nhost " + KEY_FIELDS + "\r\n");
@@ -129,7 +129,7 @@ TEST_F(KnownHostsFileTest, LineEndIsOptionalAtTheEndAndMayHaveACarriageReturn) {
     EXPECT_EQ(Find("host", KEY).line, 2u);
 }
 
-TEST_F(KnownHostsFileTest, EveryNameOfALineCounts) {
+TEST_F(KnownHostsInFiles, EveryNameOfALineCounts) {
     Write("first,second,10.0.0.1,[third]:2222,::1 " + KEY_FIELDS + "\n");
     for (char const* host : {"first", "second", "10.0.0.1", "::1"}) {
         EXPECT_EQ(Verdict(host, KEY), KnownHostsFile::MATCH) << host;
@@ -141,7 +141,7 @@ TEST_F(KnownHostsFileTest, EveryNameOfALineCounts) {
     EXPECT_EQ(Verdict("second2", KEY), KnownHostsFile::UNKNOWN);
 }
 
-TEST_F(KnownHostsFileTest, LetterCaseOfNamesIsIgnored) {
+TEST_F(KnownHostsInFiles, LetterCaseOfNamesIsIgnored) {
     EXPECT_EQ(VerdictBy("HOST " + KEY_FIELDS), KnownHostsFile::MATCH);
     EXPECT_EQ(VerdictBy("H?S* " + KEY_FIELDS), KnownHostsFile::MATCH);
     EXPECT_EQ(VerdictBy("host " + KEY_FIELDS), KnownHostsFile::MATCH);
@@ -149,7 +149,7 @@ TEST_F(KnownHostsFileTest, LetterCaseOfNamesIsIgnored) {
     EXPECT_EQ(Verdict("Host", OTHER_KEY), KnownHostsFile::CHANGED);
 }
 
-TEST_F(KnownHostsFileTest, HashedNameIsRecognised) {
+TEST_F(KnownHostsInFiles, HashedNameIsRecognised) {
     Write(HASHED_HOST + " ssh-ed25519 " + ED25519 + "\n" + HASHED_WITH_PORT + " ssh-ed25519 " + ED25519 +
           "\n");
     EXPECT_EQ(Verdict("host.example.org", Decode(ED25519)), KnownHostsFile::MATCH);
@@ -161,7 +161,7 @@ TEST_F(KnownHostsFileTest, HashedNameIsRecognised) {
     EXPECT_EQ(Verdict("elsewhere", Decode(ED25519)), KnownHostsFile::UNKNOWN);
 }
 
-TEST_F(KnownHostsFileTest, BrokenHashMatchesNothing) {
+TEST_F(KnownHostsInFiles, BrokenHashMatchesNothing) {
     std::string const fields = " ssh-ed25519 " + ED25519 + "\n";
     for (std::string const& hosts : std::vector<std::string>{
              std::string("|"), std::string("|1|"), std::string("|1||"), std::string("|1|55vc|wxvl"),
@@ -172,7 +172,7 @@ TEST_F(KnownHostsFileTest, BrokenHashMatchesNothing) {
     }
 }
 
-TEST_F(KnownHostsFileTest, PatternsMatchWholeNames) {
+TEST_F(KnownHostsInFiles, PatternsMatchWholeNames) {
     struct {
         char const* hosts;
         bool matches;
@@ -188,7 +188,7 @@ TEST_F(KnownHostsFileTest, PatternsMatchWholeNames) {
             << one.hosts;
 }
 
-TEST_F(KnownHostsFileTest, NegatedPatternExcludesTheHostWhereverItStands) {
+TEST_F(KnownHostsInFiles, NegatedPatternExcludesTheHostWhereverItStands) {
     for (char const* hosts : {"!host,*", "*,!host", "host,!h*", "*,!HOST", "*,![host]:22", "[host]:22,!host",
                               "!host", "!elsewhere", "!"})
         EXPECT_EQ(VerdictBy(hosts + (" " + KEY_FIELDS)), KnownHostsFile::UNKNOWN) << hosts;
@@ -196,7 +196,7 @@ TEST_F(KnownHostsFileTest, NegatedPatternExcludesTheHostWhereverItStands) {
     EXPECT_EQ(VerdictBy("*,!host2 " + KEY_FIELDS), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsFileTest, PatternOfManyStarsIsDecidedQuickly) {
+TEST_F(KnownHostsInFiles, PatternOfManyStarsIsDecidedQuickly) {
     std::string stars;
     for (int i = 0; i < 2000; ++i) stars += "a*";
     Write(stars + "b " + KEY_FIELDS + "\n");
@@ -204,7 +204,7 @@ TEST_F(KnownHostsFileTest, PatternOfManyStarsIsDecidedQuickly) {
     EXPECT_EQ(Verdict(std::string(4000, 'a') + "b", KEY), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsFileTest, PortsAreDistinguished) {
+TEST_F(KnownHostsInFiles, PortsAreDistinguished) {
     Write("[host]:2222 " + KEY_FIELDS + "\nhost " + OTHER_FIELDS + "\n");
     EXPECT_EQ(Verdict("host", KEY, 2222), KnownHostsFile::MATCH);
     EXPECT_EQ(Verdict("host", OTHER_KEY, 2222), KnownHostsFile::CHANGED);
@@ -213,7 +213,7 @@ TEST_F(KnownHostsFileTest, PortsAreDistinguished) {
     EXPECT_EQ(Verdict("host", KEY, 2223), KnownHostsFile::UNKNOWN);
 }
 
-TEST_F(KnownHostsFileTest, KeyOfThePlainNameIsAcceptedAtAnUnknownPort) {
+TEST_F(KnownHostsInFiles, KeyOfThePlainNameIsAcceptedAtAnUnknownPort) {
     Write("host " + KEY_FIELDS + "\n");
     EXPECT_EQ(Verdict("host", KEY, 2222), KnownHostsFile::MATCH);
     EXPECT_EQ(Verdict("host", OTHER_KEY, 2222), KnownHostsFile::UNKNOWN);
@@ -221,7 +221,7 @@ TEST_F(KnownHostsFileTest, KeyOfThePlainNameIsAcceptedAtAnUnknownPort) {
     EXPECT_EQ(Verdict("host", KEY, 2222), KnownHostsFile::CHANGED);
 }
 
-TEST_F(KnownHostsFileTest, AnyOfSeveralKeysMatches) {
+TEST_F(KnownHostsInFiles, AnyOfSeveralKeysMatches) {
     Write("host " + KEY_FIELDS + "\nhost " + RSA_FIELDS + "\nhost " + OTHER_FIELDS + "\n");
     EXPECT_EQ(Find("host", KEY).line, 1u);
     EXPECT_EQ(Find("host", RSA_KEY).line, 2u);
@@ -230,7 +230,7 @@ TEST_F(KnownHostsFileTest, AnyOfSeveralKeysMatches) {
     EXPECT_EQ(Verdict("host", Blob("ssh-ed25519", 'x')), KnownHostsFile::CHANGED);
 }
 
-TEST_F(KnownHostsFileTest, HostKnownByOtherTypesAloneHasChanged) {
+TEST_F(KnownHostsInFiles, HostKnownByOtherTypesAloneHasChanged) {
     Write("host " + RSA_FIELDS + "\n");
     KnownHostsFile::Finding const finding = Find("host", KEY);
     EXPECT_EQ(finding.verdict, KnownHostsFile::CHANGED);
@@ -239,14 +239,14 @@ TEST_F(KnownHostsFileTest, HostKnownByOtherTypesAloneHasChanged) {
     EXPECT_EQ(VerdictBy("host ssh-dss " + EncodeBase64(Blob("ssh-dss", 'd'))), KnownHostsFile::CHANGED);
 }
 
-TEST_F(KnownHostsFileTest, ChangedKeyIsReportedAgainstTheLineOfItsType) {
+TEST_F(KnownHostsInFiles, ChangedKeyIsReportedAgainstTheLineOfItsType) {
     Write("host " + RSA_FIELDS + "\nhost " + KEY_FIELDS + "\nhost " + OTHER_FIELDS + "\n");
     EXPECT_EQ(Find("host", Blob("ssh-ed25519", 'x')).line, 2u);
     EXPECT_EQ(Find("host", Blob("ssh-rsa", 'x')).line, 1u);
     EXPECT_EQ(Find("host", Blob("ssh-foo", 'x')).line, 1u);
 }
 
-TEST_F(KnownHostsFileTest, RevokedKeyIsRefusedThoughItIsKnown) {
+TEST_F(KnownHostsInFiles, RevokedKeyIsRefusedThoughItIsKnown) {
     for (std::string const& lines :
          std::vector<std::string>{"host " + KEY_FIELDS + "\n@revoked host " + KEY_FIELDS + "\n",
                                   "@revoked *\t" + KEY_FIELDS + "\nhost " + KEY_FIELDS + "\n",
@@ -262,7 +262,7 @@ TEST_F(KnownHostsFileTest, RevokedKeyIsRefusedThoughItIsKnown) {
     EXPECT_EQ(finding.line, 2u);
 }
 
-TEST_F(KnownHostsFileTest, RevocationConcernsItsKeyAndHostAlone) {
+TEST_F(KnownHostsInFiles, RevocationConcernsItsKeyAndHostAlone) {
     Write("@revoked host " + OTHER_FIELDS + "\n");
     EXPECT_EQ(Verdict("host", KEY), KnownHostsFile::UNKNOWN);
     EXPECT_EQ(Verdict("elsewhere", OTHER_KEY), KnownHostsFile::UNKNOWN);
@@ -271,7 +271,7 @@ TEST_F(KnownHostsFileTest, RevocationConcernsItsKeyAndHostAlone) {
     EXPECT_EQ(Verdict("host", OTHER_KEY), KnownHostsFile::REVOKED);
 }
 
-TEST_F(KnownHostsFileTest, RevocationHoldsForHashedNamesOtherPortsAndTheAddress) {
+TEST_F(KnownHostsInFiles, RevocationHoldsForHashedNamesOtherPortsAndTheAddress) {
     Write("@revoked " + HASHED_HOST + " " + KEY_FIELDS + "\n");
     EXPECT_EQ(Verdict("host.example.org", KEY), KnownHostsFile::REVOKED);
     Write("@revoked host " + KEY_FIELDS + "\n");
@@ -281,19 +281,19 @@ TEST_F(KnownHostsFileTest, RevocationHoldsForHashedNamesOtherPortsAndTheAddress)
     EXPECT_EQ(Verdict("host", KEY, 22, "10.0.0.2"), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsFileTest, LineForTheAddressAloneNeitherKnowsNorRefusesTheHost) {
+TEST_F(KnownHostsInFiles, LineForTheAddressAloneNeitherKnowsNorRefusesTheHost) {
     Write("10.0.0.1 " + KEY_FIELDS + "\n");
     EXPECT_EQ(Verdict("host", KEY, 22, "10.0.0.1"), KnownHostsFile::UNKNOWN);
     EXPECT_EQ(Verdict("host", OTHER_KEY, 22, "10.0.0.1"), KnownHostsFile::UNKNOWN);
 }
 
-TEST_F(KnownHostsFileTest, AuthorityLineHasNoEffect) {
+TEST_F(KnownHostsInFiles, AuthorityLineHasNoEffect) {
     EXPECT_EQ(VerdictBy("@cert-authority host " + KEY_FIELDS), KnownHostsFile::UNKNOWN);
     EXPECT_EQ(VerdictBy("@cert-authority * " + OTHER_FIELDS), KnownHostsFile::UNKNOWN);
     EXPECT_TRUE(Files().KnownAlgorithms("host", 22).empty());
 }
 
-TEST_F(KnownHostsFileTest, BrokenLineIsNeverTrusted) {
+TEST_F(KnownHostsInFiles, BrokenLineIsNeverTrusted) {
     std::string const key64 = EncodeBase64(KEY);
     for (std::string const& line :
          std::vector<std::string>{std::string("host"),
@@ -329,7 +329,7 @@ TEST_F(KnownHostsFileTest, BrokenLineIsNeverTrusted) {
     EXPECT_EQ(Verdict("host", OTHER_KEY), KnownHostsFile::CHANGED);
 }
 
-TEST_F(KnownHostsFileTest, SignatureAlgorithmStandsForItsKeyType) {
+TEST_F(KnownHostsInFiles, SignatureAlgorithmStandsForItsKeyType) {
     std::string const key64 = EncodeBase64(RSA_KEY);
     Write("host rsa-sha2-512 " + key64 + "\n");
     KnownHostsFile::Finding const finding = Find("host", RSA_KEY);
@@ -337,7 +337,7 @@ TEST_F(KnownHostsFileTest, SignatureAlgorithmStandsForItsKeyType) {
     EXPECT_EQ(finding.type, "ssh-rsa");
 }
 
-TEST_F(KnownHostsFileTest, SystemFileCountsToo) {
+TEST_F(KnownHostsInFiles, SystemFileCountsToo) {
     WriteSystem("host " + KEY_FIELDS + "\n");
     EXPECT_EQ(Find("host", KEY).file, SystemPath());
     EXPECT_EQ(Verdict("host", KEY), KnownHostsFile::MATCH);
@@ -347,7 +347,7 @@ TEST_F(KnownHostsFileTest, SystemFileCountsToo) {
     EXPECT_EQ(Verdict("host", OTHER_KEY), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsFileTest, FileThatCantBeReadIsNoUnknownHost) {
+TEST_F(KnownHostsInFiles, FileThatCantBeReadIsNoUnknownHost) {
     std::filesystem::create_directory(Path()); // opens and fails to read, for root too
     KnownHostsFile::Finding finding = Find("host", KEY);
     EXPECT_EQ(finding.verdict, KnownHostsFile::UNREADABLE);
@@ -367,7 +367,7 @@ TEST_F(KnownHostsFileTest, FileThatCantBeReadIsNoUnknownHost) {
     EXPECT_EQ(Find("host", KEY).error, ENOTDIR);
 }
 
-TEST_F(KnownHostsFileTest, MatchElsewhereDoesNotExcuseAFileThatCantBeRead) {
+TEST_F(KnownHostsInFiles, MatchElsewhereDoesNotExcuseAFileThatCantBeRead) {
     Write("host " + KEY_FIELDS + "\n");
     std::filesystem::create_directory(SystemPath());
     KnownHostsFile::Finding const finding = Find("host", KEY);
@@ -375,7 +375,7 @@ TEST_F(KnownHostsFileTest, MatchElsewhereDoesNotExcuseAFileThatCantBeRead) {
     EXPECT_EQ(finding.file, SystemPath());
 }
 
-TEST_F(KnownHostsFileTest, LineOfOneMebibyteIsReadAndALongerOneRefusesAll) {
+TEST_F(KnownHostsInFiles, LineOfOneMebibyteIsReadAndALongerOneRefusesAll) {
     std::string const end = " " + KEY_FIELDS;
     std::size_t const limit = 1 << 20;
     std::string const hosts = std::string(limit - end.size() - 5, 'x') + ",host";
@@ -391,12 +391,12 @@ TEST_F(KnownHostsFileTest, LineOfOneMebibyteIsReadAndALongerOneRefusesAll) {
     }
 }
 
-TEST_F(KnownHostsFileTest, EndlessLineEndsInAnError) {
+TEST_F(KnownHostsInFiles, EndlessLineEndsInAnError) {
     std::filesystem::create_symlink("/dev/zero", Path());
     EXPECT_EQ(Find("host", KEY).error, EFBIG);
 }
 
-TEST_F(KnownHostsFileTest, LinesAcrossReadsAreWhole) {
+TEST_F(KnownHostsInFiles, LinesAcrossReadsAreWhole) {
     std::string lines;
     for (int i = 0; i < 3000; ++i)
         lines += "host" + std::to_string(i) + std::string(static_cast<std::size_t>(i % 97), 'x') + " " +
@@ -410,7 +410,7 @@ TEST_F(KnownHostsFileTest, LinesAcrossReadsAreWhole) {
     EXPECT_EQ(Find("last", OTHER_KEY).line, 3001u);
 }
 
-TEST_F(KnownHostsFileTest, DefaultFilesAreThoseOfTheHomeDirectory) {
+TEST_F(KnownHostsInFiles, DefaultFilesAreThoseOfTheHomeDirectory) {
     std::string const home = getenv("HOME");
     setenv("HOME", _directory.Path().c_str(), 1);
     Write("host " + KEY_FIELDS + "\n");
@@ -423,13 +423,13 @@ TEST_F(KnownHostsFileTest, DefaultFilesAreThoseOfTheHomeDirectory) {
     EXPECT_EQ(Content(), "host " + KEY_FIELDS + "\nthird " + KEY_FIELDS + "\n");
 }
 
-TEST_F(KnownHostsFileTest, NothingIsTrustedOrWrittenWithoutAName) {
+TEST_F(KnownHostsInFiles, NothingIsTrustedOrWrittenWithoutAName) {
     KnownHostsFile const files({""});
     EXPECT_EQ(files.Lookup("host", 22, "", KEY).verdict, KnownHostsFile::UNREADABLE);
     EXPECT_EQ(files.Append("host", 22, KEY), -ENOENT);
 }
 
-TEST_F(KnownHostsFileTest, KnownAlgorithmsStandInTheOrderOfTheLines) {
+TEST_F(KnownHostsInFiles, KnownAlgorithmsStandInTheOrderOfTheLines) {
     EXPECT_TRUE(Files().KnownAlgorithms("host", 22).empty());
     Write("host " + RSA_FIELDS + "\nelsewhere ecdsa-sha2-nistp256 " + ECDSA + "\nh* " + KEY_FIELDS +
           "\nhost " + OTHER_FIELDS + "\n@revoked host ssh-foo " + EncodeBase64(Blob("ssh-foo", 'f')) + "\n");
@@ -439,14 +439,14 @@ TEST_F(KnownHostsFileTest, KnownAlgorithmsStandInTheOrderOfTheLines) {
     EXPECT_EQ(Files().KnownAlgorithms("host", 22), expected);
 }
 
-TEST_F(KnownHostsFileTest, KnownAlgorithmsOfThePortComeBeforeThoseOfThePlainName) {
+TEST_F(KnownHostsInFiles, KnownAlgorithmsOfThePortComeBeforeThoseOfThePlainName) {
     Write("host " + RSA_FIELDS + "\n[host]:2222 " + KEY_FIELDS + "\n");
     EXPECT_EQ(Files().KnownAlgorithms("host", 2222), std::vector<std::string>{"ssh-ed25519"});
     EXPECT_EQ(Files().KnownAlgorithms("host", 2223),
               (std::vector<std::string>{"rsa-sha2-512", "rsa-sha2-256"}));
 }
 
-TEST_F(KnownHostsFileTest, AppendedHostIsKnown) {
+TEST_F(KnownHostsInFiles, AppendedHostIsKnown) {
     ASSERT_EQ(Files().Append("host", 22, KEY), 0);
     EXPECT_EQ(Content(), "host " + KEY_FIELDS + "\n");
     ASSERT_EQ(Files().Append("host", 2222, OTHER_KEY), 0);
@@ -462,13 +462,13 @@ TEST_F(KnownHostsFileTest, AppendedHostIsKnown) {
     EXPECT_EQ(Verdict("fe80::1%eth0", RSA_KEY, 2222), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsFileTest, AppendEndsALastLineWithoutLineFeed) {
+TEST_F(KnownHostsInFiles, AppendEndsALastLineWithoutLineFeed) {
     Write("elsewhere " + KEY_FIELDS);
     ASSERT_EQ(Files().Append("host", 22, OTHER_KEY), 0);
     EXPECT_EQ(Content(), "elsewhere " + KEY_FIELDS + "\nhost " + OTHER_FIELDS + "\n");
 }
 
-TEST_F(KnownHostsFileTest, AppendCreatesFileAndDirectoryForTheUserAlone) {
+TEST_F(KnownHostsInFiles, AppendCreatesFileAndDirectoryForTheUserAlone) {
     std::filesystem::remove_all(_directory / ".ssh");
     mode_t const mask = umask(0);
     int const result = Files().Append("host", 22, KEY);
@@ -482,20 +482,20 @@ TEST_F(KnownHostsFileTest, AppendCreatesFileAndDirectoryForTheUserAlone) {
     EXPECT_EQ(Content(), "host " + KEY_FIELDS + "\n");
 }
 
-TEST_F(KnownHostsFileTest, AppendThroughALinkToADevice) {
+TEST_F(KnownHostsInFiles, AppendThroughALinkToADevice) {
     std::filesystem::create_symlink("/dev/null", Path());
     EXPECT_EQ(Files().Append("host", 22, KEY), 0);
     EXPECT_EQ(Verdict("host", KEY), KnownHostsFile::UNKNOWN);
 }
 
-TEST_F(KnownHostsFileTest, AppendReportsFailures) {
+TEST_F(KnownHostsInFiles, AppendReportsFailures) {
     std::filesystem::create_directory(Path());
     EXPECT_EQ(Files().Append("host", 22, KEY), -EISDIR);
     EXPECT_EQ(KnownHostsFile({_directory / "no/such/file"}).Append("host", 22, KEY), -ENOENT);
     EXPECT_EQ(KnownHostsFile({"/dev/full"}).Append("host", 22, KEY), -ENOSPC);
 }
 
-TEST_F(KnownHostsFileTest, AppendRefusesWhatWouldNotMeanThisHostAndKey) {
+TEST_F(KnownHostsInFiles, AppendRefusesWhatWouldNotMeanThisHostAndKey) {
     for (std::string const& host : std::vector<std::string>{
              std::string(), std::string("a b"), std::string("a\nb"), std::string("a\tb"), std::string("a,b"),
              std::string("*"), std::string("h?st"), std::string("!host"), std::string("#host"),
@@ -508,14 +508,14 @@ TEST_F(KnownHostsFileTest, AppendRefusesWhatWouldNotMeanThisHostAndKey) {
     EXPECT_FALSE(std::filesystem::exists(Path()));
 }
 
-TEST_F(KnownHostsFileTest, FilesAreReadAtEachQuestion) {
+TEST_F(KnownHostsInFiles, FilesAreReadAtEachQuestion) {
     KnownHostsFile const files = Files();
     EXPECT_EQ(files.Lookup("host", 22, "", KEY).verdict, KnownHostsFile::UNKNOWN);
     Write("host " + KEY_FIELDS + "\n");
     EXPECT_EQ(files.Lookup("host", 22, "", KEY).verdict, KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsFileTest, FindingIsSaidInWords) {
+TEST_F(KnownHostsInFiles, FindingIsSaidInWords) {
     Write("host " + KEY_FIELDS + "\n@revoked * " + RSA_FIELDS + "\n");
     EXPECT_EQ(Find("host", KEY).Text("host"), "the host key of host is known (" + Path() + ":1)");
     EXPECT_EQ(Find("there", KEY).Text("there"), "the host key of there is not known");
@@ -530,7 +530,7 @@ TEST_F(KnownHostsFileTest, FindingIsSaidInWords) {
               "the known hosts can't be read (no home directory: Not a directory)");
 }
 
-TEST_F(KnownHostsFileTest, MutatedLinesNeverTrustAKeyThatTheyDoNotHold) {
+TEST_F(KnownHostsInFiles, MutatedLinesNeverTrustAKeyThatTheyDoNotHold) {
     std::string const lines = "# comment\nhost,10.0.0.1 " + KEY_FIELDS + "\n@revoked *," + RSA_FIELDS + "\n" +
                               HASHED_HOST + " ssh-ed25519 " + ED25519 + " c\n*,!x?y " + RSA_FIELDS +
                               "\n[host]:2222\t" + KEY_FIELDS;
@@ -564,7 +564,7 @@ TEST_F(KnownHostsFileTest, MutatedLinesNeverTrustAKeyThatTheyDoNotHold) {
     EXPECT_GT(known, 1500u); // most mutations leave the line alone
 }
 
-TEST(KnownHostsLineTest, Base64IsExact) {
+TEST(KnownHostsLines, Base64IsExact) {
     for (char const* text : {"", "AA==", "AAA=", "AAAA", "+/09", "AAAAAA=="})
         EXPECT_EQ(EncodeBase64(Decode(text)), text);
     Bytes bytes;
@@ -575,7 +575,7 @@ TEST(KnownHostsLineTest, Base64IsExact) {
     EXPECT_EQ(Decode("AQI="), (Bytes{1, 2}));
 }
 
-TEST(FingerprintTest, IsThatOfOpenSSH) {
+TEST(Fingerprints, IsThatOfOpenSSH) {
     EXPECT_EQ(Fingerprint(Decode(ED25519)), "SHA256:9lDfPTU/JJsPBS+P1nDVdzcZyZgKr88WG/QnUqFuizI");
     EXPECT_EQ(Fingerprint(Decode(ECDSA)), "SHA256:tUefKf3+vknveq7hNkLjhSZdibk/fu+EEEqr3rNPV3Q");
 }

@@ -11,7 +11,7 @@ using cindral::standard::Lines;
 using cindral::standard::Printable;
 using testing::PrintToString;
 
-TEST(PrintableTest, TextStaysAsItIs) {
+TEST(PrintableText, TextStaysAsItIs) {
     for (char const* text : {"", "plain ~ text", "back\\slash",
                              "Gr\xc3\xbc\xc3\x9f"
                              "e",
@@ -20,7 +20,7 @@ TEST(PrintableTest, TextStaysAsItIs) {
         EXPECT_EQ(Printable(text), text);
 }
 
-TEST(PrintableTest, ControlCharactersBecomeVisible) {
+TEST(PrintableText, ControlCharactersBecomeVisible) {
     EXPECT_EQ(Printable("\x1b[2J"), "\\x1b[2J");
     EXPECT_EQ(Printable(std::string(1, '\0')), "\\x00");
     EXPECT_EQ(Printable("a\rb\nc\td\x7f"), "a\\x0db\\x0ac\\x09d\\x7f");
@@ -31,7 +31,7 @@ TEST(PrintableTest, ControlCharactersBecomeVisible) {
     }
 }
 
-TEST(PrintableTest, C1CharactersBecomeVisible) {
+TEST(PrintableText, C1CharactersBecomeVisible) {
     EXPECT_EQ(Printable("\xc2\x9b"
                         "2J"),
               "\\xc2\\x9b2J");
@@ -41,7 +41,7 @@ TEST(PrintableTest, C1CharactersBecomeVisible) {
               "\\x9b2J");
 }
 
-TEST(PrintableTest, InvalidUtf8BecomesVisible) {
+TEST(PrintableText, InvalidUtf8BecomesVisible) {
     std::pair<char const*, char const*> const cases[] = {
         {"\xff", "\\xff"},
         {"\x80x", "\\x80x"},
@@ -61,7 +61,7 @@ TEST(PrintableTest, InvalidUtf8BecomesVisible) {
     for (auto const& [text, shown] : cases) EXPECT_EQ(Printable(text), shown);
 }
 
-TEST(PrintableTest, CharactersThatTurnTheDirectionOfWritingBecomeVisible) {
+TEST(PrintableText, CharactersThatTurnTheDirectionOfWritingBecomeVisible) {
     EXPECT_EQ(Printable("\xe2\x80\xae"
                         "cod.exe"),
               "\\xe2\\x80\\xaecod.exe");
@@ -69,14 +69,14 @@ TEST(PrintableTest, CharactersThatTurnTheDirectionOfWritingBecomeVisible) {
     EXPECT_EQ(Printable("\xe2\x81\xaa"), "\xe2\x81\xaa");
 }
 
-TEST(PrintableTest, LineFeedsAndTabsStayOnRequest) {
+TEST(PrintableText, LineFeedsAndTabsStayOnRequest) {
     EXPECT_EQ(Printable("a\n\tb\x1b\n", Lines::KEPT), "a\n\tb\\x1b\n");
     EXPECT_EQ(Printable("a\r\nb\rc\r", Lines::KEPT), "a\nb\\x0dc\\x0d");
     EXPECT_EQ(Printable("\r\r\n", Lines::KEPT), "\\x0d\n");
     EXPECT_EQ(Printable("a\r\n"), "a\\x0d\\x0a");
 }
 
-TEST(SafeNameTest, PlainNamesAreSafe) {
+TEST(SafeNames, PlainNamesAreSafe) {
     for (char const* name : {"a", "...", ".bashrc", "..a", "a b", "-rf",
                              "Gr\xc3\xbc\xc3\x9f"
                              "e",
@@ -84,7 +84,7 @@ TEST(SafeNameTest, PlainNamesAreSafe) {
         EXPECT_TRUE(IsSafeName(name)) << name;
 }
 
-TEST(SafeNameTest, NamesThatLeadElsewhereOrHoldControlCharactersAreNot) {
+TEST(SafeNames, NamesThatLeadElsewhereOrHoldControlCharactersAreNot) {
     for (std::string const& name :
          std::vector<std::string>{"", ".", "..", "/", "a/b", "../a", "a/", "/a", "a\n", "\x1b[m", "\t",
                                   "a\x7f", std::string("a\0b", 3)})

@@ -21,6 +21,8 @@ using support::ExpectError;
 
 namespace {
 
+using standard::Bytes;
+
 constexpr char const* DATA = "what is signed";
 
 PkeyPtr Generate(std::string const& keyType) {
@@ -167,7 +169,6 @@ TEST_P(SignatureScheme, KeyBlobWithABytesMoreIsRefused) {
 /// With OpenSSH's tool on the other side.
 class SignatureSchemeOfOpenSSH : public KeyFiles, public testing::WithParamInterface<Scheme> {
 protected:
-    using Bytes = standard::Bytes; // not the function of the base
 };
 
 TEST_P(SignatureSchemeOfOpenSSH, TakesTheSignature) {

@@ -88,9 +88,9 @@ private:
 };
 
 /// An authentication of "me" with its parts for a test to set before Run.
-class UserAuthTest : public testing::Test {
+class UserAuthentication : public testing::Test {
 protected:
-    UserAuthTest() : captured(std::cout) {
+    UserAuthentication() : captured(std::cout) {
         login.sessionId = View(SESSION_ID);
         login.user = "me";
         login.host = "host:22";
@@ -142,7 +142,7 @@ protected:
 
 // --- service and "none"
 
-TEST_F(UserAuthTest, ServerThatNeedsNothing) {
+TEST_F(UserAuthentication, ServerThatNeedsNothing) {
     Key key;
     keys = {&key};
     login.password = "secret";
@@ -153,11 +153,11 @@ TEST_F(UserAuthTest, ServerThatNeedsNothing) {
     EXPECT_EQ(authenticator->Banner(), "");
 }
 
-TEST_F(UserAuthTest, ServiceIsAcceptedWithoutItsName) {
+TEST_F(UserAuthentication, ServiceIsAcceptedWithoutItsName) {
     EXPECT_EQ(RunAll({peer::Writer().U8(6), Success()}), 0);
 }
 
-TEST_F(UserAuthTest, AnotherAnswerToTheServiceRequestIsAnError) {
+TEST_F(UserAuthentication, AnotherAnswerToTheServiceRequestIsAnError) {
     ExpectError<SshProtocolError>("user authentication is not accepted", "51",
                                   [this] { RunAll({Failure("password")}); });
     ExpectError<SshProtocolError>("SERVICE_ACCEPT message is for another service", "",
@@ -169,7 +169,7 @@ TEST_F(UserAuthTest, AnotherAnswerToTheServiceRequestIsAnError) {
     EXPECT_EQ(port->Sent(), std::vector<peer::Bytes>{ServiceRequest()});
 }
 
-TEST_F(UserAuthTest, NoMethodAtAll) {
+TEST_F(UserAuthentication, NoMethodAtAll) {
     for (char const* methods : {"", "hostbased", "gssapi-with-mic,hostbased", "publickeys,xpassword", ","}) {
         login.password = "secret";
         EXPECT_EQ(Run({Failure(methods)}), -1) << methods;
@@ -181,7 +181,7 @@ TEST_F(UserAuthTest, NoMethodAtAll) {
     EXPECT_EQ(Error(), "the server takes host\\x1b");
 }
 
-TEST_F(UserAuthTest, MessageOutOfPlaceIsAnError) {
+TEST_F(UserAuthentication, MessageOutOfPlaceIsAnError) {
     std::string const text = "message out of place in user authentication";
     ExpectError<SshProtocolError>(text, "60", [this] { Run({PkOk("x", {})}); });
     ExpectError<SshProtocolError>(text, "6", [this] { Run({Accept()}); });
@@ -191,7 +191,7 @@ TEST_F(UserAuthTest, MessageOutOfPlaceIsAnError) {
     ExpectError<SshProtocolError>(text, "90", [this] { Run({Failure("password"), peer::Writer().U8(90)}); });
 }
 
-TEST_F(UserAuthTest, BrokenMessageIsAnError) {
+TEST_F(UserAuthentication, BrokenMessageIsAnError) {
     ExpectError<SshProtocolError>("server's message has bytes after its last field", "",
                                   [this] { Run({peer::Writer().U8(52).U8(0)}); });
     ExpectError<SshProtocolError>("USERAUTH_FAILURE message ends too early", "",
@@ -205,7 +205,7 @@ TEST_F(UserAuthTest, BrokenMessageIsAnError) {
 
 // --- publickey
 
-TEST_F(UserAuthTest, KeyIsOfferedBeforeItSigns) {
+TEST_F(UserAuthentication, KeyIsOfferedBeforeItSigns) {
     Key key;
     keys = {&key};
     EXPECT_EQ(Run({Failure("publickey"), key.Ok(), Success()}), 0);
@@ -220,7 +220,7 @@ TEST_F(UserAuthTest, KeyIsOfferedBeforeItSigns) {
     EXPECT_EQ(Error(), "");
 }
 
-TEST_F(UserAuthTest, NobodyIsAskedForAKeyThatTheServerRefuses) {
+TEST_F(UserAuthentication, NobodyIsAskedForAKeyThatTheServerRefuses) {
     Key first, second;
     first.name = "FIRST";
     second.name = "SECOND";
@@ -231,7 +231,7 @@ TEST_F(UserAuthTest, NobodyIsAskedForAKeyThatTheServerRefuses) {
     EXPECT_THAT(first.signatures, IsEmpty());
 }
 
-TEST_F(UserAuthTest, KeyAtHandSignsAtOnce) {
+TEST_F(UserAuthentication, KeyAtHandSignsAtOnce) {
     Key key;
     key.unlocked = true;
     keys = {&key};
@@ -239,7 +239,7 @@ TEST_F(UserAuthTest, KeyAtHandSignsAtOnce) {
     EXPECT_THAT(Sent(), ElementsAre(key.Signed()));
 }
 
-TEST_F(UserAuthTest, KeyOfWhichNothingIsKnownIsUnlockedFirst) {
+TEST_F(UserAuthentication, KeyOfWhichNothingIsKnownIsUnlockedFirst) {
     Key key, broken;
     key.blobKnown = broken.blobKnown = broken.unlocks = false;
     broken.name = "BROKEN";
@@ -250,7 +250,7 @@ TEST_F(UserAuthTest, KeyOfWhichNothingIsKnownIsUnlockedFirst) {
     EXPECT_EQ(broken.unlocks_asked, 1);
 }
 
-TEST_F(UserAuthTest, RsaKeySignsBySha2AndNeverBySha1) {
+TEST_F(UserAuthentication, RsaKeySignsBySha2AndNeverBySha1) {
     Key key;
     key.type = "ssh-rsa";
     keys = {&key};
@@ -259,7 +259,7 @@ TEST_F(UserAuthTest, RsaKeySignsBySha2AndNeverBySha1) {
     EXPECT_EQ(Error(), "the server takes publickey; KEY: rsa-sha2-512 refused; KEY: rsa-sha2-256 refused");
 }
 
-TEST_F(UserAuthTest, RsaAlgorithmsFollowTheServersList) {
+TEST_F(UserAuthentication, RsaAlgorithmsFollowTheServersList) {
     struct {
         char const* server;
         std::vector<std::string> offered;
@@ -285,7 +285,7 @@ TEST_F(UserAuthTest, RsaAlgorithmsFollowTheServersList) {
     EXPECT_EQ(Error(), "the server takes publickey; KEY: no signature of a ssh-rsa key is allowed");
 }
 
-TEST_F(UserAuthTest, ServersListCountsAsItIsAfterTheAnswerToNone) {
+TEST_F(UserAuthentication, ServersListCountsAsItIsAfterTheAnswerToNone) {
     // EXT_INFO may come with the first answers (RFC 8308, section 2.4).
     class LatePort : public FakePort {
     public:
@@ -316,7 +316,7 @@ TEST_F(UserAuthTest, ServersListCountsAsItIsAfterTheAnswerToNone) {
     EXPECT_THAT(late.Sent(), ElementsAre(ServiceRequest(), NoneRequest(), key.Query("rsa-sha2-256")));
 }
 
-TEST_F(UserAuthTest, OtherKeysFollowTheServersListIfItNamesMoreThanRsa) {
+TEST_F(UserAuthentication, OtherKeysFollowTheServersListIfItNamesMoreThanRsa) {
     for (auto const& [server, offered] :
          std::vector<std::pair<std::string, bool>>{{"ssh-ed25519", true},
                                                    {"rsa-sha2-256,rsa-sha2-512", true},
@@ -330,7 +330,7 @@ TEST_F(UserAuthTest, OtherKeysFollowTheServersListIfItNamesMoreThanRsa) {
     }
 }
 
-TEST_F(UserAuthTest, AlgorithmsAllowedSetTheOrderAndTheLimit) {
+TEST_F(UserAuthentication, AlgorithmsAllowedSetTheOrderAndTheLimit) {
     Key rsa, ed25519, unknown;
     rsa.type = "ssh-rsa";
     ed25519.name = "ED";
@@ -343,7 +343,7 @@ TEST_F(UserAuthTest, AlgorithmsAllowedSetTheOrderAndTheLimit) {
                                     rsa.Signed("rsa-sha2-512")));
 }
 
-TEST_F(UserAuthTest, KeyThatCannotSignGivesWayToTheNext) {
+TEST_F(UserAuthentication, KeyThatCannotSignGivesWayToTheNext) {
     Key refused, locked, good;
     refused.name = "REFUSED";
     refused.signs = false;
@@ -361,7 +361,7 @@ TEST_F(UserAuthTest, KeyThatCannotSignGivesWayToTheNext) {
                        "ssh-ed25519 refused");
 }
 
-TEST_F(UserAuthTest, PkOkForAnotherKeyIsAnError) {
+TEST_F(UserAuthentication, PkOkForAnotherKeyIsAnError) {
     Key key, other;
     other.name = "OTHER";
     keys = {&key};
@@ -375,7 +375,7 @@ TEST_F(UserAuthTest, PkOkForAnotherKeyIsAnError) {
     });
 }
 
-TEST_F(UserAuthTest, PkOkWithAnotherNameOfTheAlgorithmIsTaken) {
+TEST_F(UserAuthentication, PkOkWithAnotherNameOfTheAlgorithmIsTaken) {
     Key key;
     key.type = "ssh-rsa";
     keys = {&key};
@@ -383,7 +383,7 @@ TEST_F(UserAuthTest, PkOkWithAnotherNameOfTheAlgorithmIsTaken) {
     EXPECT_THAT(Sent(), ElementsAre(key.Query("rsa-sha2-512"), key.Signed("rsa-sha2-512")));
 }
 
-TEST_F(UserAuthTest, PkOkAfterASignatureIsAnError) {
+TEST_F(UserAuthentication, PkOkAfterASignatureIsAnError) {
     Key key;
     key.unlocked = true;
     keys = {&key};
@@ -391,7 +391,7 @@ TEST_F(UserAuthTest, PkOkAfterASignatureIsAnError) {
                                   [&] { Run({Failure("publickey"), key.Ok()}); });
 }
 
-TEST_F(UserAuthTest, KeysAreLookedForOnceAndOnlyIfTheServerTakesThem) {
+TEST_F(UserAuthentication, KeysAreLookedForOnceAndOnlyIfTheServerTakesThem) {
     Key key;
     keys = {&key};
     login.password = "secret";
@@ -403,7 +403,7 @@ TEST_F(UserAuthTest, KeysAreLookedForOnceAndOnlyIfTheServerTakesThem) {
     EXPECT_EQ(searches, 1);
 }
 
-TEST_F(UserAuthTest, WhatIsMissingIsReported) {
+TEST_F(UserAuthentication, WhatIsMissingIsReported) {
     missing = {"/home/me/key: No such file or directory"};
     EXPECT_EQ(Run({Failure("publickey,hostbased")}), -1);
     EXPECT_EQ(Error(), "the server takes publickey,hostbased; /home/me/key: No such file or directory");
@@ -411,7 +411,7 @@ TEST_F(UserAuthTest, WhatIsMissingIsReported) {
 
 // --- the server's limit of failures
 
-TEST_F(UserAuthTest, FiveRefusedKeysMakeWayForOtherMethods) {
+TEST_F(UserAuthentication, FiveRefusedKeysMakeWayForOtherMethods) {
     Key many[8];
     for (Key& key : many) {
         key.name = "KEY" + std::to_string(&key - many);
@@ -427,7 +427,7 @@ TEST_F(UserAuthTest, FiveRefusedKeysMakeWayForOtherMethods) {
     EXPECT_EQ(sent[5], PasswordRequest("secret"));
 }
 
-TEST_F(UserAuthTest, BothAlgorithmsOfAnRsaKeyCountAgainstTheLimit) {
+TEST_F(UserAuthentication, BothAlgorithmsOfAnRsaKeyCountAgainstTheLimit) {
     Key many[3];
     for (Key& key : many) {
         key.type = "ssh-rsa";
@@ -441,7 +441,7 @@ TEST_F(UserAuthTest, BothAlgorithmsOfAnRsaKeyCountAgainstTheLimit) {
     EXPECT_EQ(Sent().at(5), PasswordRequest("secret"));
 }
 
-TEST_F(UserAuthTest, KeysThatAreLeftFollowWhenTheOtherMethodsAreUsedUp) {
+TEST_F(UserAuthentication, KeysThatAreLeftFollowWhenTheOtherMethodsAreUsedUp) {
     Key many[6];
     for (Key& key : many) {
         key.name = "KEY" + std::to_string(&key - many);
@@ -456,14 +456,14 @@ TEST_F(UserAuthTest, KeysThatAreLeftFollowWhenTheOtherMethodsAreUsedUp) {
                 ElementsAre(PasswordRequest("secret"), many[5].Query(), many[5].Signed()));
 }
 
-TEST_F(UserAuthTest, AllKeysAreTriedWhereNoOtherMethodIsLeft) {
+TEST_F(UserAuthentication, AllKeysAreTriedWhereNoOtherMethodIsLeft) {
     Key many[8];
     for (Key& key : many) keys.push_back(&key);
     EXPECT_EQ(Run(std::vector<peer::Bytes>(9, Failure("publickey,password"))), -1); // there is no password
     EXPECT_EQ(Sent().size(), 8u);
 }
 
-TEST_F(UserAuthTest, KeysThatTheServerAcceptsButCannotSignDoNotCount) {
+TEST_F(UserAuthentication, KeysThatTheServerAcceptsButCannotSignDoNotCount) {
     Key many[6];
     for (Key& key : many) {
         key.signs = false;
@@ -479,7 +479,7 @@ TEST_F(UserAuthTest, KeysThatTheServerAcceptsButCannotSignDoNotCount) {
 
 // --- password
 
-TEST_F(UserAuthTest, GivenPasswordIsSentWithoutAQuestion) {
+TEST_F(UserAuthentication, GivenPasswordIsSentWithoutAQuestion) {
     login.password = "secret";
     enter._tries = 3;
     EXPECT_EQ(Run({Failure("password"), Success()}), 0);
@@ -487,7 +487,7 @@ TEST_F(UserAuthTest, GivenPasswordIsSentWithoutAQuestion) {
     EXPECT_THAT(enter.questions, IsEmpty());
 }
 
-TEST_F(UserAuthTest, UserIsAskedAsOftenAsThereAreTries) {
+TEST_F(UserAuthentication, UserIsAskedAsOftenAsThereAreTries) {
     login.password = "secret";
     enter._tries = 2;
     enter.answers = {"first", "", "never"};
@@ -498,20 +498,20 @@ TEST_F(UserAuthTest, UserIsAskedAsOftenAsThereAreTries) {
     EXPECT_EQ(Error(), "the server takes password; password: refused; password: refused; password: refused");
 }
 
-TEST_F(UserAuthTest, NoPasswordAndNoTriesSendNothing) {
+TEST_F(UserAuthentication, NoPasswordAndNoTriesSendNothing) {
     EXPECT_EQ(Run({Failure("password")}), -1);
     EXPECT_THAT(Sent(), IsEmpty());
     EXPECT_EQ(Error(), "the server takes password");
 }
 
-TEST_F(UserAuthTest, LongPasswordIsSentWhole) {
+TEST_F(UserAuthentication, LongPasswordIsSentWhole) {
     enter._tries = 1;
     enter.answers = {std::string(1000, 'x')};
     EXPECT_EQ(Run({Failure("password"), Success()}), 0);
     EXPECT_THAT(Sent(), ElementsAre(PasswordRequest(std::string(1000, 'x'))));
 }
 
-TEST_F(UserAuthTest, UserWhoDeclinesEndsThePasswordMethod) {
+TEST_F(UserAuthentication, UserWhoDeclinesEndsThePasswordMethod) {
     enter._tries = 3;
     questions.answers = {{"answer"}};
     EXPECT_EQ(Run({Failure("password,keyboard-interactive"), Questions("", "", {{"?", false}}), Success()}),
@@ -521,7 +521,7 @@ TEST_F(UserAuthTest, UserWhoDeclinesEndsThePasswordMethod) {
     EXPECT_EQ(Error(), "the server takes password; password: none was entered");
 }
 
-TEST_F(UserAuthTest, PresetOfTheProgramAnswersOnce) {
+TEST_F(UserAuthentication, PresetOfTheProgramAnswersOnce) {
     enter._tries = 2;
     enter.Preset("preset");
     enter.answers = {"typed"};
@@ -529,7 +529,7 @@ TEST_F(UserAuthTest, PresetOfTheProgramAnswersOnce) {
     EXPECT_THAT(Sent(), ElementsAre(PasswordRequest("preset"), PasswordRequest("typed")));
 }
 
-TEST_F(UserAuthTest, ExpiredPasswordEndsTheMethodWithTheServersWords) {
+TEST_F(UserAuthentication, ExpiredPasswordEndsTheMethodWithTheServersWords) {
     login.password = "secret";
     enter._tries = 3;
     EXPECT_EQ(Run({Failure("password"), ChangeRequest("Change it\x1b!\n")}), -1);
@@ -543,7 +543,7 @@ TEST_F(UserAuthTest, ExpiredPasswordEndsTheMethodWithTheServersWords) {
 
 // --- keyboard-interactive
 
-TEST_F(UserAuthTest, QuestionsAreAnsweredInAnyNumberOfRounds) {
+TEST_F(UserAuthentication, QuestionsAreAnsweredInAnyNumberOfRounds) {
     questions.answers = {{"one", "two"}, {}, {"three"}};
     EXPECT_EQ(Run({Failure("keyboard-interactive"),
                    Questions("Name", "Instruction", {{"A: ", false}, {"B: ", true}}),
@@ -559,7 +559,7 @@ TEST_F(UserAuthTest, QuestionsAreAnsweredInAnyNumberOfRounds) {
     EXPECT_EQ(questions.requests[1].instruction, "nothing to ask");
 }
 
-TEST_F(UserAuthTest, QuestionsAreShownFiltered) {
+TEST_F(UserAuthentication, QuestionsAreShownFiltered) {
     questions.answers = {{"x"}};
     EXPECT_EQ(Run({Failure("keyboard-interactive"), Questions("n\x1b[2J", "i\r\nj\x07", {{"\x9bp\t", false}}),
                    Success()}),
@@ -569,7 +569,7 @@ TEST_F(UserAuthTest, QuestionsAreShownFiltered) {
     EXPECT_EQ(questions.requests.at(0).prompts.at(0).first, "\\x9bp\t");
 }
 
-TEST_F(UserAuthTest, GivenPasswordIsNotSentToQuestions) {
+TEST_F(UserAuthentication, GivenPasswordIsNotSentToQuestions) {
     login.password = "secret";
     questions.answers = {{"own"}};
     EXPECT_EQ(Run({Failure("keyboard-interactive"), Questions("", "", {{"Password: ", false}}), Success()}),
@@ -577,7 +577,7 @@ TEST_F(UserAuthTest, GivenPasswordIsNotSentToQuestions) {
     EXPECT_THAT(Sent(), ElementsAre(QuestionsRequest(), Answers({"own"})));
 }
 
-TEST_F(UserAuthTest, RefusedAnswersEndTheMethod) {
+TEST_F(UserAuthentication, RefusedAnswersEndTheMethod) {
     questions.answers = {{"x"}, {"y"}};
     EXPECT_EQ(Run({Failure("keyboard-interactive"), Questions("", "", {{"?", false}}),
                    Failure("keyboard-interactive")}),
@@ -588,7 +588,7 @@ TEST_F(UserAuthTest, RefusedAnswersEndTheMethod) {
     EXPECT_THAT(Sent(), ElementsAre(QuestionsRequest()));
 }
 
-TEST_F(UserAuthTest, AnotherNumberOfAnswersIsNotSent) {
+TEST_F(UserAuthentication, AnotherNumberOfAnswersIsNotSent) {
     for (std::vector<std::string> const& answers :
          std::vector<std::vector<std::string>>{{}, {"a"}, {"a", "b", "c"}}) {
         questions = RecordingCallback();
@@ -602,7 +602,7 @@ TEST_F(UserAuthTest, AnotherNumberOfAnswersIsNotSent) {
     }
 }
 
-TEST_F(UserAuthTest, BrokenQuestionsAreAnError) {
+TEST_F(UserAuthentication, BrokenQuestionsAreAnError) {
     ExpectError<SshProtocolError>("USERAUTH_INFO_REQUEST message ends too early", "", [this] {
         Run({Failure("keyboard-interactive"),
              peer::Writer().U8(60).String("").String("").String("").U32(0xffffffff).String("?").Bool(false)});
@@ -616,7 +616,7 @@ TEST_F(UserAuthTest, BrokenQuestionsAreAnError) {
 
 // --- order and partial success
 
-TEST_F(UserAuthTest, MethodsAreTriedInTheClientsOrder) {
+TEST_F(UserAuthentication, MethodsAreTriedInTheClientsOrder) {
     Key key;
     keys = {&key};
     login.password = "secret";
@@ -627,7 +627,7 @@ TEST_F(UserAuthTest, MethodsAreTriedInTheClientsOrder) {
                            "; KEY: ssh-ed25519 refused; password: refused; keyboard-interactive: refused");
 }
 
-TEST_F(UserAuthTest, MethodThatTheServerNoLongerTakesIsLeftOut) {
+TEST_F(UserAuthentication, MethodThatTheServerNoLongerTakesIsLeftOut) {
     Key first, second;
     keys = {&first, &second};
     login.password = "secret";
@@ -637,7 +637,7 @@ TEST_F(UserAuthTest, MethodThatTheServerNoLongerTakesIsLeftOut) {
     EXPECT_THAT(Sent(), ElementsAre(first.Query(), PasswordRequest("secret"), second.Query()));
 }
 
-TEST_F(UserAuthTest, KeyThenPassword) {
+TEST_F(UserAuthentication, KeyThenPassword) {
     Key first, second;
     second.name = "SECOND";
     keys = {&first, &second};
@@ -646,7 +646,7 @@ TEST_F(UserAuthTest, KeyThenPassword) {
     EXPECT_THAT(Sent(), ElementsAre(first.Query(), first.Signed(), PasswordRequest("secret")));
 }
 
-TEST_F(UserAuthTest, KeyThenAnotherKey) {
+TEST_F(UserAuthentication, KeyThenAnotherKey) {
     Key first, second;
     first.type = "ssh-rsa";
     second.name = "SECOND";
@@ -658,7 +658,7 @@ TEST_F(UserAuthTest, KeyThenAnotherKey) {
                                     second.Signed()));
 }
 
-TEST_F(UserAuthTest, PasswordThenQuestionsThenKey) {
+TEST_F(UserAuthentication, PasswordThenQuestionsThenKey) {
     Key key;
     keys = {&key};
     login.password = "secret";
@@ -670,7 +670,7 @@ TEST_F(UserAuthTest, PasswordThenQuestionsThenKey) {
                                     key.Query(), key.Signed()));
 }
 
-TEST_F(UserAuthTest, PasswordThatWasAcceptedIsNotSentAgain) {
+TEST_F(UserAuthentication, PasswordThatWasAcceptedIsNotSentAgain) {
     login.password = "secret";
     enter._tries = 3;
     EXPECT_EQ(Run({Failure("password"), Partial("password")}), -1);
@@ -678,7 +678,7 @@ TEST_F(UserAuthTest, PasswordThatWasAcceptedIsNotSentAgain) {
     EXPECT_THAT(enter.questions, IsEmpty());
 }
 
-TEST_F(UserAuthTest, QuestionsMayFollowQuestionsThatWereAccepted) {
+TEST_F(UserAuthentication, QuestionsMayFollowQuestionsThatWereAccepted) {
     questions.answers = {{"x"}, {"y"}};
     EXPECT_EQ(Run({Failure("keyboard-interactive"), Questions("", "", {{"?", false}}),
                    Partial("keyboard-interactive"), Questions("", "", {{"!", false}}), Success()}),
@@ -686,7 +686,7 @@ TEST_F(UserAuthTest, QuestionsMayFollowQuestionsThatWereAccepted) {
     EXPECT_EQ(questions.requests.size(), 2u);
 }
 
-TEST_F(UserAuthTest, PartialSuccessWithoutEndIsAnError) {
+TEST_F(UserAuthentication, PartialSuccessWithoutEndIsAnError) {
     std::vector<peer::Bytes> messages(100, Partial("keyboard-interactive"));
     ExpectError<SshProtocolError>("the server goes on asking for authentication after each success", "",
                                   [&] { Run(messages); });
@@ -695,7 +695,7 @@ TEST_F(UserAuthTest, PartialSuccessWithoutEndIsAnError) {
 
 // --- banner
 
-TEST_F(UserAuthTest, BannerIsPrintedFilteredWhereverItComes) {
+TEST_F(UserAuthentication, BannerIsPrintedFilteredWhereverItComes) {
     Key key;
     keys = {&key};
     login.password = "secret";
@@ -710,7 +710,7 @@ TEST_F(UserAuthTest, BannerIsPrintedFilteredWhereverItComes) {
     EXPECT_EQ(captured.Flushes(), 6);
 }
 
-TEST_F(UserAuthTest, ReasonsStayWhenTheServerEndsTheConnection) {
+TEST_F(UserAuthentication, ReasonsStayWhenTheServerEndsTheConnection) {
     Key first, second;
     keys = {&first, &second};
     ExpectError<SshProtocolError>("end of the script", "",

@@ -14,6 +14,8 @@ using namespace cindral::standard;
 
 namespace {
 
+using cindral::standard::Bytes;
+
 char const SECRET[] = "correct horse battery staple";
 
 /// Answers with a list and keeps nothing of what it gets.
@@ -84,16 +86,16 @@ class WipedPassphrase : public KeyFiles {};
 
 } // namespace
 
-TEST(UserAuthWipingTest, GivenPasswordIsNotLeftInFreedMemory) {
+TEST(WipedSecrets, GivenPasswordIsNotLeftInFreedMemory) {
     ExpectWiped({ACCEPT, Failure("password"), SUCCESS}, SECRET);
 }
 
-TEST(UserAuthWipingTest, TypedPasswordIsNotLeftInFreedMemory) {
+TEST(WipedSecrets, TypedPasswordIsNotLeftInFreedMemory) {
     ExpectWiped({ACCEPT, Failure("password"), SUCCESS}, View());
 }
 
-TEST(UserAuthWipingTest, AnswersAreNotLeftInFreedMemory) {
-    Bytes const question =
+TEST(WipedSecrets, AnswersAreNotLeftInFreedMemory) {
+    cindral::standard::Bytes const question =
         Writer(60).String("").String("").String("").Int(1).String("Password: ").Bool(false).Take();
     ExpectWiped({ACCEPT, Failure("keyboard-interactive"), question, SUCCESS}, View());
 }

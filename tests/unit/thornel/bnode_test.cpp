@@ -146,7 +146,7 @@ TEST(AVLnode, InsertOnANullRootCreatesTheRoot) {
     ExpectHolds(tree, {1});
 }
 
-TEST(AVLnode, EmptyTreeIsTakenByEveryOperation) {
+TEST(AVLnode, EveryOperationAcceptsAnEmptyTree) {
     int const key = 1;
     int shrunk = 7;
     AVLnode* node = nullptr;
@@ -163,7 +163,7 @@ TEST(AVLnode, EmptyTreeIsTakenByEveryOperation) {
     bnode_t::Inorder(nullptr, [](bnode_t*, void*) { return 0; }, nullptr);
 }
 
-TEST(AVLnode, InsertOfAKeyThatIsThereLeavesTheTree) {
+TEST(AVLnode, InsertOfAnExistingKeyKeepsTheTree) {
     Tree tree;
     for (int const key : {2, 1, 3}) tree.Insert(key);
     AVLnode* const root = tree._root;
@@ -173,7 +173,7 @@ TEST(AVLnode, InsertOfAKeyThatIsThereLeavesTheTree) {
     ExpectHolds(tree, {1, 2, 3});
 }
 
-TEST(AVLnode, DeleteOfAKeyThatIsNotThereLeavesTheResultNull) {
+TEST(AVLnode, DeleteOfAMissingKeyLeavesTheResultNull) {
     Tree tree;
     for (int const key : {2, 1, 3}) tree.Insert(key);
     EXPECT_FALSE(tree.Delete(4));
@@ -181,7 +181,7 @@ TEST(AVLnode, DeleteOfAKeyThatIsNotThereLeavesTheResultNull) {
     ExpectHolds(tree, {1, 2, 3});
 }
 
-TEST(AVLnode, HeightChangeIsTold) {
+TEST(AVLnode, HeightChangeIsReported) {
     Tree tree;
     for (int key = 0; key < 100; ++key) {
         int const before = tree.Height();
@@ -254,7 +254,7 @@ TEST(AVLnode, FindReachesEveryKey) {
     }
 }
 
-TEST(AVLnode, CopyHasTheShapeAndItsOwnNodes) {
+TEST(AVLnode, CopyHasTheSameShapeAndNewNodes) {
     Tree tree;
     for (int const key : {3, 1, 4, 2, 5}) tree.Insert(key);
     Tree const copy(tree);
@@ -276,7 +276,7 @@ TEST(AVLnode, FailedCopyReleasesWhatWasBuilt) {
     Node::dupsLeft = -1;
 }
 
-TEST(AVLnode, CopyWithWrongBalanceFactorsTakesDeletionsInEveryOrder) {
+TEST(AVLnode, CopyWithWrongBalanceFactorsSurvivesDeletionsInEveryOrder) {
     std::vector<int> in = Numbers(7);
     std::mt19937 random(2);
     for (int shape = 0; shape < 8; ++shape) {
@@ -297,7 +297,7 @@ TEST(AVLnode, CopyWithWrongBalanceFactorsTakesDeletionsInEveryOrder) {
     }
 }
 
-TEST(AVLnode, CopyWithWrongBalanceFactorsTakesLongRandomUse) {
+TEST(AVLnode, CopyWithWrongBalanceFactorsSurvivesLongRandomUse) {
     for (unsigned int seed = 0; seed < 20; ++seed) {
         std::mt19937 random(seed);
         Tree tree;

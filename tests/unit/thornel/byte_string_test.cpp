@@ -7,17 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/text.h"
+
+using support::Bytes;
+using support::Text;
+
 namespace {
 
-ByteString Bytes(std::string const& text) {
-    return ByteString(text.data(), static_cast<unsigned int>(text.size()));
-}
-
-std::string Text(ByteString const& bytes) {
-    return bytes.Data() ? std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length()) : "";
-}
-
-TEST(ByteString, DefaultBuiltHasNullDataAndLengthZero) {
+TEST(ByteString, DefaultHasNullDataAndLengthZero) {
     ByteString const bytes;
     ASSERT_NE(bytes._rep, nullptr);
     EXPECT_EQ(bytes._rep->_data, nullptr);
@@ -40,7 +37,7 @@ TEST(ByteString, LengthIsZeroWithNullDataWhateverTheRepSays) {
     EXPECT_TRUE(bytes == ByteString());
 }
 
-TEST(ByteString, SizedIsPrivateAndWritable) {
+TEST(ByteString, SizedValueIsUnsharedAndWritable) {
     ByteString bytes(3u);
     ASSERT_EQ(bytes.Length(), 3u);
     std::memcpy(bytes.Data(), "xyz", 3);
@@ -48,7 +45,7 @@ TEST(ByteString, SizedIsPrivateAndWritable) {
     EXPECT_EQ(bytes._rep->_count, 1);
 }
 
-TEST(ByteString, CopiesTheBytesItIsBuiltFrom) {
+TEST(ByteString, CopiesTheBytesGiven) {
     char source[] = {'a', '\0', 'c'};
     ByteString const bytes(source, 3);
     source[0] = 'X';
@@ -103,7 +100,7 @@ TEST(ByteString, ReserveSetsTheLengthAndKeepsWhatFits) {
     EXPECT_EQ(bytes.Length(), 0u);
 }
 
-TEST(ByteString, ReserveLeavesCopiesAlone) {
+TEST(ByteString, ReserveDoesNotAffectCopies) {
     ByteString bytes = Bytes("abc");
     ByteString const copy(bytes);
     bytes.Reserve(2);
@@ -113,7 +110,7 @@ TEST(ByteString, ReserveLeavesCopiesAlone) {
     EXPECT_EQ(copy._rep->_count, 1);
 }
 
-TEST(ByteString, ReserveOnADefaultBuiltValue) {
+TEST(ByteString, ReserveOnADefaultValue) {
     ByteString bytes;
     bytes.Reserve(2);
     ASSERT_NE(bytes.Data(), nullptr);
@@ -121,7 +118,7 @@ TEST(ByteString, ReserveOnADefaultBuiltValue) {
     EXPECT_EQ(Text(bytes), "ab");
 }
 
-TEST(ByteString, AppendGrowsAndLeavesCopiesAlone) {
+TEST(ByteString, AppendGrowsAndDoesNotAffectCopies) {
     ByteString bytes = Bytes("ab");
     ByteString const copy(bytes);
     bytes.Append("cd", 2);
@@ -129,7 +126,7 @@ TEST(ByteString, AppendGrowsAndLeavesCopiesAlone) {
     EXPECT_EQ(Text(copy), "ab");
 }
 
-TEST(ByteString, AppendToADefaultBuiltValueAndOfNothing) {
+TEST(ByteString, AppendToADefaultValueAndOfNothing) {
     ByteString bytes;
     bytes.Append(nullptr, 0);
     bytes.Append("x", 0);
@@ -138,7 +135,7 @@ TEST(ByteString, AppendToADefaultBuiltValueAndOfNothing) {
     EXPECT_EQ(Text(bytes), "x");
 }
 
-TEST(ByteString, AppendsItsOwnBytes) {
+TEST(ByteString, AppendOfItsOwnBytes) {
     ByteString bytes = Bytes("abc");
     bytes.Append(bytes.Data() + 1, 2);
     EXPECT_EQ(Text(bytes), "abcbc");

@@ -16,10 +16,11 @@
 #include <brantle/thornel/file_descriptor.h>
 
 #include "support/temporary_directory.h"
+#include "support/text.h"
+
+using support::Text;
 
 namespace {
-
-std::string Text(String_t const& text) { return text.Text() ? text.Text() : ""; }
 
 /// A listener on loopback whose queue can be filled so that further connections get no answer.
 class Listener {
@@ -158,7 +159,7 @@ TEST(ClientSocketIn, LargestPortIsAccepted) {
     EXPECT_EQ(client.Addr().Port(), 65535);
 }
 
-TEST(ClientSocketIn, UnknownNameSaysSo) {
+TEST(ClientSocketIn, UnknownNameIsReported) {
     errno = 0;
     ClientSocketIn client("no-such-host.invalid:22");
     int const error = errno;
@@ -171,7 +172,7 @@ TEST(ClientSocketIn, UnknownNameSaysSo) {
     EXPECT_EQ(connectError, EINVAL);
 }
 
-TEST(ClientSocketIn, RefusedConnectionSaysSo) {
+TEST(ClientSocketIn, RefusedConnectionIsReported) {
     unsigned short port = Listener(AF_INET).Port(); // closed again by now
     ClientSocketIn client(port, "127.0.0.1");
     int error = 0;
@@ -179,7 +180,7 @@ TEST(ClientSocketIn, RefusedConnectionSaysSo) {
     EXPECT_EQ(error, ECONNREFUSED);
 }
 
-TEST(ClientSocketIn, SilentPeerEndsAtTheLimit) {
+TEST(ClientSocketIn, SilentPeerTimesOut) {
     Listener listener(AF_INET, 0);
     ClientSocketIn client(listener.Port(), "127.0.0.1");
     int error = 0;
@@ -209,7 +210,7 @@ TEST(ClientSocketUn, ConnectsToAListener) {
     }
 }
 
-TEST(ClientSocketUn, FullQueueEndsAtTheLimit) {
+TEST(ClientSocketUn, FullQueueTimesOut) {
     SocketPath path;
     FileDescriptor listener(path.Listen(0));
     ClientSocketUn client{String_t(path.Path().c_str())};
@@ -221,7 +222,7 @@ TEST(ClientSocketUn, FullQueueEndsAtTheLimit) {
     for (int fd : queued) close(fd);
 }
 
-TEST(ClientSocketUn, MissingSocketSaysSo) {
+TEST(ClientSocketUn, MissingSocketIsReported) {
     ClientSocketUn client{String_t("/nonexistent/socket")};
     EXPECT_EQ(!client, 0);
     int error = 0;

@@ -32,7 +32,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(DescriptorIO, EitherDescriptor, testing::Bool(),
                          [](auto const& kind) { return kind.param ? "Socket" : "Pipe"; });
 
-TEST_P(EitherDescriptor, ReadReturnsWhatIsThere) {
+TEST_P(EitherDescriptor, ReadReturnsAvailableBytes) {
     DescriptorPair pair = ForReading();
     pair.Send("abc");
     char bytes[8];
@@ -48,7 +48,7 @@ TEST_P(EitherDescriptor, ReadReturnsZeroAtTheEnd) {
     EXPECT_EQ(DescriptorIO(pair.Ours()).Read(bytes, sizeof(bytes), 1), 0);
 }
 
-TEST_P(EitherDescriptor, InterruptedReadsGoOn) {
+TEST_P(EitherDescriptor, InterruptedReadsContinue) {
     DescriptorPair pair = ForReading();
     pair.Send("abcdef");
     DescriptorIO io(pair.Ours());
@@ -59,7 +59,7 @@ TEST_P(EitherDescriptor, InterruptedReadsGoOn) {
     EXPECT_GE(faults.Interrupted(), 2);
 }
 
-TEST_P(EitherDescriptor, InterruptedAndShortWritesGoOnToTheEnd) {
+TEST_P(EitherDescriptor, InterruptedAndShortWritesContinueToTheEnd) {
     for (unsigned int limit : {0u, 5u}) {
         DescriptorPair pair = ForWriting();
         DescriptorIO io(pair.Ours());
@@ -80,7 +80,7 @@ TEST_P(EitherDescriptor, ReadEndsAtTheTimeLimit) {
     EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-TEST_P(EitherDescriptor, WriteEndsAtTheTimeLimitAndTellsHowFarItCame) {
+TEST_P(EitherDescriptor, WriteEndsAtTheTimeLimitAndReturnsTheBytesWritten) {
     DescriptorPair pair = ForWriting();
     std::string const text(4 << 20, 'w');
     char const* from = text.data();
@@ -111,7 +111,7 @@ TEST_P(EitherDescriptor, NonBlockingDescriptorIsWaitedFor) {
     peer.join();
 }
 
-TEST_P(EitherDescriptor, ReadThroughTakesNoByteAfterTheLast) {
+TEST_P(EitherDescriptor, ReadUntilReadsNoByteAfterTheDelimiter) {
     DescriptorPair pair = ForReading();
     pair.Send("line\nrest");
     DescriptorIO io(pair.Ours());
@@ -125,14 +125,14 @@ TEST_P(EitherDescriptor, ReadThroughTakesNoByteAfterTheLast) {
     EXPECT_EQ(pair.Left(), "rest");
 }
 
-TEST_P(EitherDescriptor, ReadThroughReturnsZeroAtTheEnd) {
+TEST_P(EitherDescriptor, ReadUntilReturnsZeroAtTheEnd) {
     DescriptorPair pair = ForReading();
     pair.ClosePeer();
     char bytes[8];
     EXPECT_EQ(DescriptorIO(pair.Ours()).ReadUntil(bytes, sizeof(bytes), '\n', 0), 0);
 }
 
-TEST(DescriptorIO, SocketTransferIsASingleCallWithALimitToo) {
+TEST(DescriptorIO, SocketTransferWithALimitIsASingleCall) {
     DescriptorPair pair = DescriptorPair::Sockets();
     pair.Send("abc");
     DescriptorIO io(pair.Ours());
@@ -268,7 +268,7 @@ TEST(DescriptorIO, TerminalIsReadAndWritten) {
     close(master);
 }
 
-TEST(DescriptorIO, BytesThatOthersFollowAreHandedOverAsMoreToCome) {
+TEST(DescriptorIO, BytesFollowedByOthersAreSentWithMsgMore) {
     using Sent = support::SendRecorder::Sent;
     DescriptorPair pair = DescriptorPair::Sockets();
     DescriptorIO const io(pair.Ours());
@@ -283,7 +283,7 @@ TEST(DescriptorIO, BytesThatOthersFollowAreHandedOverAsMoreToCome) {
     }
 }
 
-TEST(DescriptorIO, PipeTakesCorkedBytesAndAnUncork) {
+TEST(DescriptorIO, PipeAcceptsCorkedBytesAndUncork) {
     DescriptorPair pair = DescriptorPair::Pipe(false);
     DescriptorIO const io(pair.Ours());
     std::string const text = "abc";
@@ -293,7 +293,7 @@ TEST(DescriptorIO, PipeTakesCorkedBytesAndAnUncork) {
     io.Uncork();
 }
 
-TEST(DescriptorIO, UncorkSendsWhatTheKernelHolds) {
+TEST(DescriptorIO, UncorkSendsCorkedBytes) {
     DescriptorPair pair = DescriptorPair::Tcp();
     DescriptorIO const io(pair.Ours());
     std::string const text = "abc";
@@ -303,7 +303,7 @@ TEST(DescriptorIO, UncorkSendsWhatTheKernelHolds) {
     EXPECT_EQ(support::Unsent(pair.Ours()), 0);
 }
 
-TEST_P(EitherDescriptor, HasInputTellsOfBytesAndOfTheEndWithoutAWait) {
+TEST_P(EitherDescriptor, HasInputReportsBytesAndTheEndWithoutWaiting) {
     DescriptorPair pair = ForReading();
     DescriptorIO const io(pair.Ours());
     EXPECT_FALSE(io.HasInput());
@@ -315,7 +315,7 @@ TEST_P(EitherDescriptor, HasInputTellsOfBytesAndOfTheEndWithoutAWait) {
     EXPECT_TRUE(io.HasInput());
 }
 
-TEST(DescriptorIO, SocketThatHasBeenReadEmptyIsWaitedForFirst) {
+TEST(DescriptorIO, ReadOfADrainedSocketWaitsFirst) {
     DescriptorPair pair = DescriptorPair::Sockets();
     DescriptorIO const io(pair.Ours());
     char bytes[4];

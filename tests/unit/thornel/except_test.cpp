@@ -9,7 +9,7 @@ public:
     using Except::Except;
 };
 
-TEST(Except, TellsItsMessage) {
+TEST(Except, WhatIsTheMessage) {
     try {
         throw Derived(String_t("what happened"));
     } catch (Except& e) {
@@ -19,7 +19,7 @@ TEST(Except, TellsItsMessage) {
 
 TEST(Except, IsAStandardException) { EXPECT_THROW(throw Except(String_t("x")), std::exception); }
 
-TEST(Except, WithoutMessageTellsAnEmptyText) {
+TEST(Except, WhatIsEmptyWithoutAMessage) {
     EXPECT_STREQ(Except().what(), "");
     EXPECT_STREQ(Except(String_t()).what(), "");
 }

@@ -12,7 +12,7 @@ TEST(Fatal, NamesExpressionFileLineAndFunction) {
                  HasSubstr("some/file:42: int F(int): Assertion `a < b' failed."));
 }
 
-TEST(Fatal, AssertionNamesItsOwnPlace) {
+TEST(Fatal, AssertionNamesItsFile) {
     int const value = 1;
     FATAL_ASSERT(value == 1);
     EXPECT_DEATH(FATAL_ASSERT(value == 2), HasSubstr("Assertion `value == 2' failed."));

@@ -31,7 +31,7 @@ TEST(FileDescriptor, ClosesWhatItOwns) {
     close(given);
 }
 
-TEST(FileDescriptor, ReadsLikeTheDescriptor) {
+TEST(FileDescriptor, ConvertsToTheDescriptor) {
     FileDescriptor owner(dup(0));
     int const plain = owner;
     EXPECT_EQ(plain, owner._fd);

@@ -35,14 +35,14 @@ TEST(ipstream, ReadsMoreThanABuffer) {
     EXPECT_EQ(all, std::string(100000, '\0'));
 }
 
-TEST(ipstream, UnknownCommandIsAtItsEndAtOnce) {
+TEST(ipstream, UnknownCommandGivesEndOfInput) {
     ipstream in("exec 2>/dev/null; /nonexistent/command");
     EXPECT_TRUE(in.good());
     EXPECT_EQ(in.peek(), std::char_traits<char>::eof());
     EXPECT_EQ(WEXITSTATUS(in.close()), 127);
 }
 
-TEST(ipstream, FailureToStartShowsInTheState) {
+TEST(ipstream, FailureToStartSetsTheState) {
     ipstream none(nullptr);
     EXPECT_TRUE(none.bad());
     EXPECT_EQ(none.close(), -1);
@@ -64,7 +64,7 @@ TEST(ipstream, FailureToStartShowsInTheState) {
     EXPECT_TRUE(bad);
 }
 
-TEST(ipstream, CloseEndsTheReadingAndIsDoneOnce) {
+TEST(ipstream, CloseEndsReadingAndIsIdempotent) {
     ipstream in("yes");
     EXPECT_EQ(in.get(), 'y');
     int status = in.close();

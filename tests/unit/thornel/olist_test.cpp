@@ -77,7 +77,7 @@ TEST_F(OList, AppendsAtTheEndAndInsertsAtTheFront) {
     EXPECT_EQ(Value(_list._last->_next), 0);
 }
 
-TEST_F(OList, InsertIntoTheEmptyListIsLastToo) {
+TEST_F(OList, InsertIntoAnEmptyListSetsLastToo) {
     _list.insert(new Number(5));
     EXPECT_EQ(Value(_list._last), 5);
     EXPECT_EQ(_list._last->_next, _list._last);
@@ -92,7 +92,7 @@ TEST_F(OList, ClearDestroysTheLinks) {
     EXPECT_THAT(Values(), ElementsAre(4));
 }
 
-TEST_F(OList, FindGivesTheFirstMatch) {
+TEST_F(OList, FindReturnsTheFirstMatch) {
     Append({1, 2, 2});
     int value = 2;
     EXPECT_EQ(_list.find(Is, &value), _list[1]);
@@ -112,7 +112,7 @@ TEST_F(OList, RemoveUnlinksTheFirstMatchAnywhere) {
     EXPECT_EQ(_list._last, nullptr);
 }
 
-TEST_F(OList, RemoveTopAndBottomHandTheLinksOver) {
+TEST_F(OList, RemoveTopAndBottomReturnTheLinks) {
     Append({1, 2, 3});
     olink_t* const first = _list.removeTop();
     olink_t* const last = _list.removeBottom();
@@ -136,7 +136,7 @@ TEST_F(OList, RemoveLoopDestroysAllMatches) {
     EXPECT_EQ(_list.removeLoop(Is, &value), 0u);
 }
 
-TEST_F(OList, RemoveLoopTakesAComparisonObject) {
+TEST_F(OList, RemoveLoopAcceptsAComparisonObject) {
     struct Odd : olist_cmpo_t {
         int operator()(olink_t const* link) override {
             ++_calls;
@@ -165,7 +165,7 @@ TEST_F(OList, RemoveLoopAcrossTheEndKeepsTheChainClosed) {
     }
 }
 
-TEST_F(OList, RemoveLoopThatIsBrokenOffKeepsTheRest) {
+TEST_F(OList, AbortedRemoveLoopKeepsTheRest) {
     Append({1, 2, 3});
     EXPECT_THROW(_list.removeLoop(
                      [](olink_t const* link, void const*) {
@@ -185,7 +185,7 @@ TEST_F(OList, SortIsStable) {
     EXPECT_EQ(Value(_list._last->_next), 5);
 }
 
-TEST_F(OList, SortTakesListsOfNoneAndOne) {
+TEST_F(OList, SortAcceptsEmptyAndSingleLists) {
     _list.Sort(ByTens);
     EXPECT_EQ(_list._last, nullptr);
     Append({1});

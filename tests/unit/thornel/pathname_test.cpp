@@ -74,7 +74,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, PathnameAppend,
                                          Change{"/home/u", ".ssh", "/home/u/.ssh"}));
 
 class PathnameInsert : public testing::TestWithParam<Change> {};
-TEST_P(PathnameInsert, PutsADirectoryInFront) {
+TEST_P(PathnameInsert, PrependsADirectory) {
     Pathname path(GetParam()._path);
     EXPECT_EQ(&path.Insert(GetParam()._argument), &path);
     EXPECT_TRUE(path == GetParam()._expected) << path;
@@ -101,7 +101,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Change{"//", "", "/"}, Change{"/a/...", "", "/a/..."}, Change{"/a/.ssh", "", "/a/.ssh"},
                     Change{"", "", ""}, Change{nullptr, "", ""}));
 
-TEST(Pathname, AbsPutsTheWorkingDirectoryInFrontOfARelativePath) {
+TEST(Pathname, AbsPrependsTheWorkingDirectoryToARelativePath) {
     EXPECT_TRUE(Pathname("/a").Abs() == "/a");
     Pathname relative("a");
     EXPECT_EQ(&relative.Abs(), &relative);
@@ -109,7 +109,7 @@ TEST(Pathname, AbsPutsTheWorkingDirectoryInFrontOfARelativePath) {
     EXPECT_TRUE(Pathname().Abs() == Pathname::Cwd());
 }
 
-TEST(Pathname, IsAbsLooksAtTheFirstCharacter) {
+TEST(Pathname, IsAbsChecksTheFirstCharacter) {
     EXPECT_TRUE(Pathname("/").IsAbs());
     EXPECT_TRUE(Pathname("/a").IsAbs());
     EXPECT_FALSE(Pathname("a/b").IsAbs());
@@ -117,7 +117,7 @@ TEST(Pathname, IsAbsLooksAtTheFirstCharacter) {
     EXPECT_FALSE(Pathname().IsAbs());
 }
 
-TEST(Pathname, DirIsWhatStandsInFrontOfTheLastComponent) {
+TEST(Pathname, DirIsEverythingBeforeTheLastComponent) {
     EXPECT_TRUE(Pathname("/a/b").Dir() == "/a");
     EXPECT_TRUE(Pathname("/a//b/").Dir() == "/a");
     EXPECT_TRUE(Pathname("./a").Dir() == ".");
@@ -137,7 +137,7 @@ TEST(Pathname, LeafIsTheLastComponent) {
     EXPECT_TRUE(Pathname().Leaf(nullptr) == "");
 }
 
-TEST(Pathname, LeafLeavesASuffixAway) {
+TEST(Pathname, LeafRemovesASuffix) {
     EXPECT_TRUE(Pathname("a/id_rsa.pub").Leaf(".pub") == "id_rsa");
     EXPECT_TRUE(Pathname("a/id_rsa").Leaf(".pub") == "id_rsa");
     EXPECT_TRUE(Pathname("a/.pub").Leaf(".pub") == ".pub");
@@ -179,7 +179,7 @@ TEST_F(PathnameGlob, AppendsTheMatchesInOrder) {
     EXPECT_EQ(Leaf(2), "a2.txt");
 }
 
-TEST_F(PathnameGlob, TakesQuestionMarkAndBrackets) {
+TEST_F(PathnameGlob, SupportsQuestionMarkAndBrackets) {
     EXPECT_EQ(Glob("?1.txt"), 2);
     EXPECT_EQ(Glob("[b]*"), 1);
     EXPECT_EQ(Glob("b1.txt"), 1);

@@ -12,9 +12,11 @@
 #include <brantle/thornel/client_socket.h>
 #include <brantle/thornel/file_descriptor.h>
 
-namespace {
+#include "support/text.h"
 
-std::string Text(String_t const& text) { return text.Text() ? text.Text() : ""; }
+using support::Text;
+
+namespace {
 
 sockaddr_in LocalAddress(int fd) {
     sockaddr_in address{};
@@ -23,7 +25,7 @@ sockaddr_in LocalAddress(int fd) {
     return address;
 }
 
-TEST(ServerSocketIn, AcceptsAConnectionAndTellsThePeer) {
+TEST(ServerSocketIn, AcceptReportsThePeer) {
     ServerSocketIn server(0, String_t("127.0.0.1"));
     EXPECT_LT(server.Fd(), 0);
     ASSERT_EQ(server.Listen(1), 0);
@@ -55,7 +57,7 @@ TEST(ServerSocketIn, EmptyAddressAndStarAreAllAddresses) {
     }
 }
 
-TEST(ServerSocketIn, NameIsALocalAddressToo) {
+TEST(ServerSocketIn, AddressMayBeAName) {
     ServerSocketIn server(0, String_t("localhost"));
     ASSERT_EQ(server.Listen(1), 0);
     EXPECT_EQ(LocalAddress(server.Fd()).sin_addr.s_addr, htonl(INADDR_LOOPBACK));
@@ -80,14 +82,14 @@ TEST(ServerSocketIn, PortOutOfRangeIsInvalid) {
     }
 }
 
-TEST(ServerSocketIn, AddressThatIsNoneFailsWithErrno) {
+TEST(ServerSocketIn, InvalidAddressFailsWithErrno) {
     ServerSocketIn server(0, String_t("no-such-host.invalid"));
     errno = 0;
     EXPECT_LT(server.Listen(1), 0);
     EXPECT_EQ(errno, EADDRNOTAVAIL);
 }
 
-TEST(ServerSocketIn, AcceptEndsAtTheLimit) {
+TEST(ServerSocketIn, AcceptTimesOut) {
     ServerSocketIn server(0, String_t("127.0.0.1"));
     sockaddr_in peer{};
     errno = 0;

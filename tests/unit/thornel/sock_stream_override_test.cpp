@@ -17,7 +17,7 @@ using support::WriteOperation;
 
 namespace {
 
-class OverriddenFlush : public testing::TestWithParam<WriteOperation> {
+class OverriddenSockStreamFlush : public testing::TestWithParam<WriteOperation> {
 protected:
     template <class Stream>
     void Write(Stream& out) {
@@ -29,30 +29,30 @@ protected:
     DescriptorPair _pair = DescriptorPair::Sockets();
 };
 
-INSTANTIATE_TEST_SUITE_P(SockStreams, OverriddenFlush, testing::ValuesIn(support::WriteOperations()),
-                         OperationName());
+INSTANTIATE_TEST_SUITE_P(SockStreams, OverriddenSockStreamFlush,
+                         testing::ValuesIn(support::WriteOperations()), OperationName());
 
-TEST_P(OverriddenFlush, SeesEveryByteOfAnOutputStream) {
+TEST_P(OverriddenSockStreamFlush, SeesEveryByteOfAnOutputStream) {
     support::CountingOutput<OSockStream> out;
     Write(out);
     EXPECT_EQ(out._bytes, GetParam()._bytes.size());
     EXPECT_EQ(_pair.Received(), GetParam()._bytes);
 }
 
-TEST_P(OverriddenFlush, ChangesEveryByteOfAnOutputStream) {
+TEST_P(OverriddenSockStreamFlush, ChangesEveryByteOfAnOutputStream) {
     support::ShiftingOutput<OSockStream> out;
     Write(out);
     EXPECT_EQ(_pair.Received(), Shifted(GetParam()._bytes));
 }
 
-TEST_P(OverriddenFlush, SeesEveryByteOfABidirectionalStream) {
+TEST_P(OverriddenSockStreamFlush, SeesEveryByteOfABidirectionalStream) {
     support::CountingOutput<IOSockStream, OSockStream> both;
     Write(both);
     EXPECT_EQ(both._bytes, GetParam()._bytes.size());
     EXPECT_EQ(_pair.Received(), GetParam()._bytes);
 }
 
-class OverriddenFill : public testing::TestWithParam<ReadOperation> {
+class OverriddenSockStreamFill : public testing::TestWithParam<ReadOperation> {
 protected:
     template <class Stream>
     std::string Read(Stream& in, std::string const& wire) {
@@ -65,21 +65,21 @@ protected:
     DescriptorPair _pair = DescriptorPair::Sockets();
 };
 
-INSTANTIATE_TEST_SUITE_P(SockStreams, OverriddenFill, testing::ValuesIn(support::ReadOperations()),
+INSTANTIATE_TEST_SUITE_P(SockStreams, OverriddenSockStreamFill, testing::ValuesIn(support::ReadOperations()),
                          OperationName());
 
-TEST_P(OverriddenFill, SeesEveryByteOfAnInputStream) {
+TEST_P(OverriddenSockStreamFill, SeesEveryByteOfAnInputStream) {
     support::CountingInput<ISockStream> in(nullptr);
     EXPECT_EQ(Read(in, GetParam()._bytes), GetParam()._bytes);
     EXPECT_EQ(in._bytes, GetParam()._bytes.size());
 }
 
-TEST_P(OverriddenFill, ChangesEveryByteOfAnInputStream) {
+TEST_P(OverriddenSockStreamFill, ChangesEveryByteOfAnInputStream) {
     support::ShiftingInput<ISockStream> in(nullptr);
     EXPECT_EQ(Read(in, Shifted(GetParam()._bytes)), GetParam()._bytes);
 }
 
-TEST_P(OverriddenFill, OfAPipeSeesEveryByte) {
+TEST_P(OverriddenSockStreamFill, OfAPipeSeesEveryByte) {
     DescriptorPair pipe = DescriptorPair::Pipe(true);
     support::CountingInput<ISockStream> in(nullptr);
     in.Bind(pipe.Ours());
@@ -89,13 +89,13 @@ TEST_P(OverriddenFill, OfAPipeSeesEveryByte) {
     EXPECT_EQ(in._bytes, GetParam()._bytes.size());
 }
 
-TEST_P(OverriddenFill, OfABidirectionalStreamSeesEveryByte) {
+TEST_P(OverriddenSockStreamFill, OfABidirectionalStreamSeesEveryByte) {
     support::CountingInput<IOSockStream> both;
     EXPECT_EQ(Read(both, GetParam()._bytes), GetParam()._bytes);
     EXPECT_EQ(both._bytes, GetParam()._bytes.size());
 }
 
-TEST(OverriddenFill, LeavesWhatFollowsALineToTheDescriptor) {
+TEST(OverriddenSockStreamFill, LeavesWhatFollowsALineToTheDescriptor) {
     DescriptorPair pair = DescriptorPair::Sockets();
     support::CountingInput<ISockStream> in(nullptr);
     in.Bind(pair.Ours());
@@ -117,7 +117,7 @@ public:
     int _flushes = 0;
 };
 
-TEST(OverriddenFlush, FailsAWriteThatItMakesNoRoomFor) {
+TEST(OverriddenSockStreamFlush, FailsAWriteThatItMakesNoRoomFor) {
     RefusingOutput out;
     std::string const large(20000, 'x');
     out.Write(large.data(), 20000);

@@ -12,14 +12,14 @@
 #include "support/descriptors.h"
 #include "support/holds_buffer.h"
 #include "support/overriding_streams.h"
+#include "support/text.h"
 
 using support::CallCounter;
 using support::DescriptorPair;
 using support::FaultyCalls;
+using support::Text;
 
 namespace {
-
-std::string Text(String_t const& text) { return text.Text() ? text.Text() : ""; }
 
 std::string Bytes(ByteString const& bytes) {
     return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
@@ -53,7 +53,7 @@ protected:
     OSockStream _out;
 };
 
-TEST_F(SockStreams, NumbersGoMostSignificantByteFirst) {
+TEST_F(SockStreams, NumbersAreBigEndian) {
     _out << static_cast<unsigned char>(0x80) << 0x01020304u << -2 << 0x0102030405060708ull << -2ll;
     EXPECT_EQ(Flushed(), std::string("\x80"
                                      "\x01\x02\x03\x04"
@@ -63,7 +63,7 @@ TEST_F(SockStreams, NumbersGoMostSignificantByteFirst) {
                                      25));
 }
 
-TEST_F(SockStreams, NumbersComeBack) {
+TEST_F(SockStreams, NumbersSurviveARoundTrip) {
     _pair.Send(std::string("\x80\xff\x02\x03\x04\xff\xff\xff\xfe\xff\x02\x03\x04\x05\x06\x07\x08"
                            "\x80\x00\x00\x00\x00\x00\x00\x00",
                            25));
@@ -102,7 +102,7 @@ TEST_F(SockStreams, ByteStringTooLongToCountIsNotWritten) {
     EXPECT_EQ(Flushed(), "");
 }
 
-TEST_F(SockStreams, ShortReadLeavesEveryTargetAlone) {
+TEST_F(SockStreams, ShortReadKeepsEveryTarget) {
     unsigned char byte = 1;
     unsigned int word = 2;
     int number = 3;
@@ -122,7 +122,7 @@ TEST_F(SockStreams, ShortReadLeavesEveryTargetAlone) {
     EXPECT_EQ(Bytes(bytes), "six");
 }
 
-TEST_F(SockStreams, ByteStringCutShortLeavesTheTargetAlone) {
+TEST_F(SockStreams, TruncatedByteStringKeepsTheTarget) {
     for (unsigned int length : {3u, 70000u}) {
         DescriptorPair pair = DescriptorPair::Sockets();
         ISockStream in(nullptr);
@@ -136,7 +136,7 @@ TEST_F(SockStreams, ByteStringCutShortLeavesTheTargetAlone) {
     }
 }
 
-TEST_F(SockStreams, LongestFrameIsTaken) {
+TEST_F(SockStreams, LongestFrameIsAccepted) {
     std::string body(ISockStream::MAX_FRAME, 'f');
     body.front() = 'b';
     body.back() = 'e';
@@ -167,7 +167,7 @@ TEST_F(SockStreams, FrameAboveTheLongestIsRefusedUnread) {
     }
 }
 
-TEST_F(SockStreams, FramesAroundTheFirstPieceComeWhole) {
+TEST_F(SockStreams, FramesAroundTheFirstPieceAreReadWhole) {
     for (unsigned int length : {65535u, 65536u, 65537u, 131073u, 300000u}) {
         std::string body(length, 'x');
         body[length / 2] = 'y';
@@ -183,7 +183,7 @@ TEST_F(SockStreams, FramesAroundTheFirstPieceComeWhole) {
     }
 }
 
-TEST_F(SockStreams, MemoryOfAFrameGrowsWithWhatHasCome) {
+TEST_F(SockStreams, MemoryOfAFrameGrowsWithTheBytesReceived) {
     ByteString bytes;
     _pair.Send(Length(ISockStream::MAX_FRAME) + std::string(1000, 'x'));
     _pair.ClosePeer();
@@ -193,7 +193,7 @@ TEST_F(SockStreams, MemoryOfAFrameGrowsWithWhatHasCome) {
     EXPECT_EQ(_in.Status(), SockStream::END_OF_INPUT);
 }
 
-TEST_F(SockStreams, ReadDeliversExactlyTheBytesWanted) {
+TEST_F(SockStreams, ReadDeliversExactlyTheBytesRequested) {
     _pair.Send("abcdef");
     char bytes[8];
     EXPECT_EQ(&_in.Read(bytes, 4), &_in);
@@ -203,7 +203,7 @@ TEST_F(SockStreams, ReadDeliversExactlyTheBytesWanted) {
     EXPECT_EQ(_in._end - _in._pos, 2);
 }
 
-TEST_F(SockStreams, ReadOfFewerThanNoBytesTakesNothing) {
+TEST_F(SockStreams, ReadOfANegativeCountReadsNothing) {
     _pair.Send("abc");
     char bytes[8];
     _in.Read(bytes, 1);
@@ -213,7 +213,7 @@ TEST_F(SockStreams, ReadOfFewerThanNoBytesTakesNothing) {
     EXPECT_EQ(_in._end - _in._pos, 2);
 }
 
-TEST_F(SockStreams, ReadAtTheEndTellsHowManyCame) {
+TEST_F(SockStreams, ReadAtTheEndReportsTheCount) {
     _pair.Send("abc");
     _pair.ClosePeer();
     char bytes[8];
@@ -224,7 +224,7 @@ TEST_F(SockStreams, ReadAtTheEndTellsHowManyCame) {
     EXPECT_EQ(_in.Gcount(), 0);
 }
 
-TEST_F(SockStreams, StatusRecordsAndDoesNotStopTheReading) {
+TEST_F(SockStreams, StatusDoesNotStopReading) {
     _in.SetStatus(SockStream::MALFORMED);
     _pair.Send("ab");
     unsigned char byte = 0;
@@ -248,7 +248,7 @@ TEST_F(SockStreams, OneReadFromTheDescriptorFillsTheWholeBuffer) {
     EXPECT_EQ(_pair.Left(), "y");
 }
 
-TEST_F(SockStreams, ReadsGoOnThroughInterruptsAndShortCounts) {
+TEST_F(SockStreams, ReadsContinueAfterInterruptsAndShortCounts) {
     _pair.Send("\x01\x02\x03\x04line\nrest");
     FaultyCalls faults(1);
     unsigned int number = 0;
@@ -259,7 +259,7 @@ TEST_F(SockStreams, ReadsGoOnThroughInterruptsAndShortCounts) {
     EXPECT_EQ(_pair.Left(), "rest");
 }
 
-TEST_F(SockStreams, WritesGoOnThroughInterruptsAndShortCounts) {
+TEST_F(SockStreams, WritesContinueAfterInterruptsAndShortCounts) {
     FaultyCalls faults(3);
     _out << 0x01020304u;
     _out.Write("abcdef", 6);
@@ -278,7 +278,7 @@ TEST_F(SockStreams, NothingIsWrittenBeforeTheBufferIsFull) {
     EXPECT_EQ(Flushed(), "y");
 }
 
-TEST_F(SockStreams, WhatIsLargerThanTheBufferGoesPastIt) {
+TEST_F(SockStreams, BytesLargerThanTheBufferBypassIt) {
     std::string const large(8193, 'l');
     support::CallCounter const calls;
     _out.Write(large.data(), 8193);
@@ -332,7 +332,7 @@ TEST_F(SockStreams, WriteToAClosedPeerFailsWithoutASignal) {
     EXPECT_EQ(_out.Status(), SockStream::FAILED);
 }
 
-TEST_F(SockStreams, FailedOutputStaysFailedUntilItIsBoundAgain) {
+TEST_F(SockStreams, FailedOutputStaysFailedUntilRebound) {
     _out._timeout = 1;
     std::string const text(4 << 20, 'x');
     _out.Write(text.data(), static_cast<int>(text.size()));
@@ -366,7 +366,7 @@ TEST_F(SockStreams, UnboundStreamsFailWithEbadf) {
     EXPECT_EQ(fcntl(_pair.Ours(), F_GETFD), 0); // still open
 }
 
-TEST_F(SockStreams, BindForgetsWhatWasReadAhead) {
+TEST_F(SockStreams, BindDropsReadAhead) {
     _pair.Send("old");
     char byte;
     EXPECT_EQ(_in.Get(byte), 1);
@@ -377,7 +377,7 @@ TEST_F(SockStreams, BindForgetsWhatWasReadAhead) {
     EXPECT_EQ(byte, 'n');
 }
 
-TEST_F(SockStreams, TimeLimitEndsARead) {
+TEST_F(SockStreams, ReadTimesOut) {
     _in._timeout = 1;
     _pair.Send("abc");
     char bytes[8];
@@ -501,7 +501,7 @@ TEST_F(SockStreams, TiedStreamIsFlushedBeforeADerivedFill) {
     EXPECT_EQ(_pair.Received(), "3");
 }
 
-TEST_F(SockStreams, JoinedPairTiesItsHalves) {
+TEST_F(SockStreams, IOSockStreamTiesItsHalves) {
     IOSockStream both(_pair.Ours());
     both << 7u;
     _pair.Send(std::string("\0\0\0\2ok", 6));
@@ -511,7 +511,7 @@ TEST_F(SockStreams, JoinedPairTiesItsHalves) {
     EXPECT_EQ(_pair.Received(), std::string("\0\0\0\7", 4));
 }
 
-TEST_F(SockStreams, JoinedPairBindsBothHalves) {
+TEST_F(SockStreams, IOSockStreamBindsBothHalves) {
     IOSockStream both;
     both.Bind(_pair.Ours());
     both.Write("x", 1);
@@ -526,7 +526,7 @@ TEST_F(SockStreams, JoinedPairBindsBothHalves) {
     EXPECT_EQ(both.OSockStream::Fd(), -1);
 }
 
-TEST_F(SockStreams, ReadlnTakesNoByteAfterTheLineEnd) {
+TEST_F(SockStreams, ReadlnReadsNoByteAfterTheLineEnd) {
     _pair.Send("SSH-2.0-x\r\nbinary\nmore");
     EXPECT_EQ(ReadLine(), "SSH-2.0-x\r");
     EXPECT_EQ(_in.Status(), 0u);
@@ -534,7 +534,7 @@ TEST_F(SockStreams, ReadlnTakesNoByteAfterTheLineEnd) {
     EXPECT_EQ(_pair.Left(), "binary\nmore");
 }
 
-TEST_F(SockStreams, ReadlnTakesNoByteAfterTheLineEndOutOfAPipe) {
+TEST_F(SockStreams, ReadlnReadsNoByteAfterTheLineEndFromAPipe) {
     DescriptorPair pipe = DescriptorPair::Pipe(true);
     pipe.Send("line\nrest");
     _in.Bind(pipe.Ours());
@@ -563,7 +563,7 @@ TEST_F(SockStreams, ReadlnFindsATerminatorThatSpansReads) {
     EXPECT_EQ(_pair.Left(), "rest");
 }
 
-TEST_F(SockStreams, ReadlnAtTheEndStoresWhatCame) {
+TEST_F(SockStreams, ReadlnAtTheEndStoresTheRest) {
     _pair.Send("cut");
     _pair.ClosePeer();
     EXPECT_EQ(ReadLine(), "cut");
@@ -571,13 +571,13 @@ TEST_F(SockStreams, ReadlnAtTheEndStoresWhatCame) {
     EXPECT_EQ(ReadLine(), "");
 }
 
-TEST_F(SockStreams, ReadlnTakesAnEmptyLine) {
+TEST_F(SockStreams, ReadlnAcceptsAnEmptyLine) {
     _pair.Send("\nx");
     EXPECT_EQ(ReadLine(), "");
     EXPECT_EQ(_in.Status(), 0u);
 }
 
-TEST_F(SockStreams, ReadlnWithoutATerminatorMeansTheLineFeed) {
+TEST_F(SockStreams, ReadlnWithoutATerminatorUsesTheLineFeed) {
     _pair.Send("one\ntwo\nrest");
     EXPECT_EQ(ReadLine(""), "one");
     EXPECT_EQ(ReadLine(nullptr), "two");
@@ -601,7 +601,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(SockStreams, LongLines, testing::Values("\n", "\r\n"),
                          [](auto const& kind) { return kind.param[0] == '\n' ? "Lf" : "CrLf"; });
 
-TEST_P(LongLines, LongestLineIsTaken) {
+TEST_P(LongLines, LongestLineIsAccepted) {
     std::string const line(256 * 1024, 'l');
     EXPECT_TRUE(FirstLineOf(line + GetParam() + "z", GetParam()) == line);
     EXPECT_EQ(_in.Status(), 0u);

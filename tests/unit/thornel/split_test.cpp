@@ -30,7 +30,7 @@ TEST(Split, AppendsTokensInOrder) {
     EXPECT_THAT(SplitList(nullptr), IsEmpty());
 }
 
-TEST(Split, KeepsWhatIsInTheListAlready) {
+TEST(Split, KeepsExistingElements) {
     TOList<String_t> list;
     list.Append("old");
     ::Split("new", list, ",");

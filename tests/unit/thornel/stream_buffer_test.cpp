@@ -92,7 +92,7 @@ TEST(IsExactly, HoldsForTheClassesListedAndNoClassDerivedFromThem) {
     EXPECT_TRUE(IsExactly<Louder>(base));
 }
 
-TEST(StreamBuffers, HoldStartEndPositionAndCapacityInThisOrder) {
+TEST(StreamBuffers, FieldsAreStartEndPositionAndCapacity) {
     ExpectFieldsInOrder(Source(""));
     ExpectFieldsInOrder(Sink());
 }
@@ -129,7 +129,7 @@ TEST(InputBuffer, TakeBufferedStopsAtTheEndOfEitherRange) {
     EXPECT_EQ(source._fills, 1);
 }
 
-TEST(OutputBuffer, PutFlushesWhenTheNextByteFindsNoRoom) {
+TEST(OutputBuffer, PutFlushesWhenTheBufferIsFull) {
     Sink sink;
     for (char byte : std::string("abcd")) EXPECT_EQ(sink.Put(byte), 0);
     EXPECT_EQ(sink._flushes, 0);
@@ -138,7 +138,7 @@ TEST(OutputBuffer, PutFlushesWhenTheNextByteFindsNoRoom) {
     EXPECT_EQ(sink._pos - sink._start, 1);
 }
 
-TEST(OutputBuffer, PutDropsTheByteWhenThereIsStillNoRoom) {
+TEST(OutputBuffer, PutDropsTheByteWhenFlushMakesNoRoom) {
     for (int result : {-3, 5}) {
         Sink sink;
         for (char byte : std::string("abcd")) sink.Put(byte);
@@ -150,7 +150,7 @@ TEST(OutputBuffer, PutDropsTheByteWhenThereIsStillNoRoom) {
     }
 }
 
-TEST(OutputBuffer, PutRangeFlushesInBetweenAndNotAtTheEnd) {
+TEST(OutputBuffer, PutRangeFlushesInBetweenButNotAtTheEnd) {
     Sink sink;
     std::string const text = "abcdefgh";
     EXPECT_EQ(sink.PutRange(text.data(), text.data() + 8), 8);
@@ -158,7 +158,7 @@ TEST(OutputBuffer, PutRangeFlushesInBetweenAndNotAtTheEnd) {
     EXPECT_EQ(sink._flushes, 1);
 }
 
-TEST(OutputBuffer, PutRangeKeepsToALoweredEnd) {
+TEST(OutputBuffer, PutRangeRespectsALoweredEnd) {
     Sink sink;
     sink._end = sink._start + 3;
     std::string const text = "abcdefg";
@@ -167,7 +167,7 @@ TEST(OutputBuffer, PutRangeKeepsToALoweredEnd) {
     EXPECT_EQ(sink._text, "abcdef");
 }
 
-TEST(OutputBuffer, PutRangeTellsOfAFailedFlush) {
+TEST(OutputBuffer, PutRangeReportsAFailedFlush) {
     std::string const text = "abcdef";
     Sink failing;
     failing._stuck = -3;

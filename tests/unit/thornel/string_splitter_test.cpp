@@ -38,13 +38,13 @@ TEST(StringSplitter, WithoutDelimitersTheTextIsOneToken) {
     EXPECT_THAT(Split("a:b", nullptr), ElementsAre("a:b"));
 }
 
-TEST(StringSplitter, StopsAtTheEndGiven) {
+TEST(StringSplitter, StopsAtTheGivenEnd) {
     char const* const text = "a:bc:d";
     EXPECT_THAT(Split(text, ":", text + 3), ElementsAre("a", "b"));
     EXPECT_THAT(Split(text, ":", text), IsEmpty());
 }
 
-TEST(StringSplitter, TokensStayValidTextsAfterNext) {
+TEST(StringSplitter, TokensStayValidAfterNext) {
     StringSplitter splitter("host:0", ":", nullptr);
     char const* const host = splitter.Current();
     splitter.Next();

@@ -12,7 +12,7 @@
 
 namespace {
 
-TEST(String, DefaultBuiltHasARepWithNullText) {
+TEST(String, DefaultHasARepWithNullText) {
     String_t const text;
     ASSERT_NE(text._rep, nullptr);
     EXPECT_EQ(text._rep->_text, nullptr);
@@ -34,7 +34,7 @@ TEST(String, NullTextIsAnEmptyString) {
     EXPECT_TRUE(text == "");
 }
 
-TEST(String, CopiesTheTextItIsBuiltFrom) {
+TEST(String, CopiesTheTextGiven) {
     char source[] = "name";
     String_t const text(source);
     source[0] = 'X';
@@ -55,14 +55,14 @@ TEST(String, SizedZeroHasAWritableByteForTheTerminator) {
     EXPECT_TRUE(text == "");
 }
 
-TEST(String, SizedIsFilledThroughItsBuffer) {
+TEST(String, SizedValueIsFilledThroughItsBuffer) {
     String_t text(4u);
     std::memcpy(text.Buffer(), "four", 5);
     EXPECT_STREQ(text.Text(), "four");
     EXPECT_EQ(text._rep->_count, 1);
 }
 
-TEST(String, IsNotBuiltFromANumberByAccident) {
+TEST(String, DoesNotConvertFromANumber) {
     EXPECT_FALSE((std::is_convertible_v<unsigned int, String_t>));
     EXPECT_TRUE((std::is_convertible_v<char const*, String_t>));
 }
@@ -96,7 +96,7 @@ TEST(String, SelfAssignmentKeepsTheText) {
     EXPECT_EQ(text._rep->_count, 1);
 }
 
-TEST(String, AssignedTextReplacesItForThisValueAlone) {
+TEST(String, AssignedTextDoesNotAffectCopies) {
     String_t text("one");
     String_t const copy(text);
     EXPECT_EQ(&(text = "two"), &text);
@@ -117,7 +117,7 @@ TEST(String, AssignedPartOfItself) {
     EXPECT_STREQ(text.Text(), "rest");
 }
 
-TEST(String, AppendChainsAndLeavesCopiesAlone) {
+TEST(String, AppendChainsAndDoesNotAffectCopies) {
     String_t text("a");
     String_t const copy(text);
     ((text += "b") += "c") += String_t("d");
@@ -138,13 +138,13 @@ TEST(String, AppendToNullTextAndOfNullOrEmptyText) {
     EXPECT_STREQ(text.Text(), "x");
 }
 
-TEST(String, AppendsItsOwnText) {
+TEST(String, AppendOfItsOwnText) {
     String_t text("ab");
     text += text.Text();
     EXPECT_STREQ(text.Text(), "abab");
 }
 
-TEST(String, ReserveMakesPrivateAndKeepsTheText) {
+TEST(String, ReserveUnsharesAndKeepsTheText) {
     String_t text("abc");
     String_t const copy(text);
     text.Reserve(6);
@@ -156,7 +156,7 @@ TEST(String, ReserveMakesPrivateAndKeepsTheText) {
     EXPECT_STREQ(copy.Text(), "abc");
 }
 
-TEST(String, ReserveOfLessCutsTheText) {
+TEST(String, ReserveOfLessTruncatesTheText) {
     String_t text("abcdef");
     text.Reserve(2);
     EXPECT_STREQ(text.Text(), "ab");
@@ -169,7 +169,7 @@ TEST(String, ReserveOnNullText) {
     EXPECT_STREQ(text.Text(), "");
 }
 
-TEST(String, BufferMakesPrivateAndIsNeverNull) {
+TEST(String, BufferUnsharesAndIsNeverNull) {
     String_t text("abc");
     String_t const copy(text);
     text.Buffer()[0] = 'X';
@@ -178,7 +178,7 @@ TEST(String, BufferMakesPrivateAndIsNeverNull) {
     EXPECT_STREQ(String_t().Buffer(), "");
 }
 
-TEST(String, ComparesTextsNullOnesToo) {
+TEST(String, ComparesTextsIncludingNull) {
     EXPECT_TRUE(String_t("abc") == "abc");
     EXPECT_FALSE(String_t("abc") == "abcd");
     EXPECT_TRUE(String_t("abc") != "ab");
@@ -202,14 +202,14 @@ TEST(String, SubStrIsClampedToTheText) {
     EXPECT_TRUE(String_t().SubStr(0, 1) == "");
 }
 
-TEST(String, TrimTakesWhiteSpaceOffBothEnds) {
+TEST(String, TrimRemovesWhiteSpaceAtBothEnds) {
     EXPECT_STREQ(String_t(" \t a b \v\f\r\n").Trim().Text(), "a b");
     EXPECT_STREQ(String_t("SSH-2.0-x\r").Trim().Text(), "SSH-2.0-x");
     EXPECT_TRUE(String_t(" \r\n").Trim() == "");
     EXPECT_TRUE(String_t().Trim() == "");
 }
 
-TEST(String, TrimLeavesTheOriginalAlone) {
+TEST(String, TrimDoesNotChangeTheOriginal) {
     String_t const text(" a ");
     EXPECT_STREQ(text.Trim().Text(), "a");
     EXPECT_STREQ(text.Text(), " a ");
@@ -247,7 +247,7 @@ TEST(StringGetline, EndOfInputWithoutTextSetsFailbit) {
     EXPECT_TRUE(line == "");
 }
 
-TEST(StringGetline, LastLineWithItsEndLeavesNothing) {
+TEST(StringGetline, TerminatedLastLineLeavesNothing) {
     std::istringstream in("only\n");
     String_t line;
     EXPECT_TRUE(String_t::Getline(in, line, "\n"));
@@ -255,7 +255,7 @@ TEST(StringGetline, LastLineWithItsEndLeavesNothing) {
     EXPECT_FALSE(String_t::Getline(in, line, "\n"));
 }
 
-TEST(StringGetline, KeepsLeadingBlanksAndLeavesCopiesAlone) {
+TEST(StringGetline, KeepsLeadingBlanksAndDoesNotAffectCopies) {
     std::istringstream in("  x y\nz\n");
     String_t line;
     String_t::Getline(in, line, "\n");

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(StringTok, GivesTokensAndTheDelimiterThatEndedEach) {
+TEST(StringTok, ReturnsTokensAndTheirDelimiters) {
     StringTok next("host,1.2.3.4 ssh-rsa AAAA");
     EXPECT_STREQ(next(", "), "host");
     EXPECT_EQ(next.Delimiter(), ',');
@@ -29,7 +29,7 @@ TEST(StringTok, RunOfDelimitersCountsAsOne) {
     EXPECT_EQ(next.Delimiter(), '\0');
 }
 
-TEST(StringTok, TextWithoutTokensGivesNull) {
+TEST(StringTok, TextWithoutTokensReturnsNull) {
     EXPECT_EQ(StringTok("")(" "), nullptr);
     EXPECT_EQ(StringTok("   ")(" "), nullptr);
     EXPECT_EQ(StringTok(nullptr)(" "), nullptr);
@@ -42,7 +42,7 @@ TEST(StringTok, WithoutDelimitersTheRestIsOneToken) {
     EXPECT_EQ(next(nullptr), nullptr);
 }
 
-TEST(StringTok, TokensStayValidAndTheTextStays) {
+TEST(StringTok, TokensStayValidAndTheTextIsUnchanged) {
     char text[] = "one two";
     StringTok next(text);
     char const* const first = next(" ");

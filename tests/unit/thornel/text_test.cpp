@@ -51,7 +51,7 @@ struct Number {
 
 class StrToInt : public testing::TestWithParam<Number> {};
 
-TEST_P(StrToInt, TellsValueAndCharactersUsed) {
+TEST_P(StrToInt, ReturnsValueAndCharactersUsed) {
     int value = 4711;
     EXPECT_EQ(str_toint(GetParam()._text, &value), GetParam()._used);
     EXPECT_EQ(value, GetParam()._value);
@@ -87,14 +87,14 @@ TEST(StrInt2Str10, TextThatDoesNotFitIsEmpty) {
     EXPECT_EQ(buffer[0], '?');
 }
 
-TEST(StrInt2Str10, ShortNumberIsPaddedInFront) {
+TEST(StrInt2Str10, ShortNumberIsPaddedOnTheLeft) {
     char buffer[12];
     EXPECT_STREQ(str_int2str10(buffer, sizeof buffer, 42, 5, 0), "   42");
     EXPECT_STREQ(str_int2str10(buffer, sizeof buffer, 42, 5, '0'), "00042");
     EXPECT_STREQ(str_int2str10(buffer, sizeof buffer, 42, 1, '0'), "42");
 }
 
-TEST(GetUserName, IsThatOfThePasswordDatabase) {
+TEST(GetUserName, IsTheNameInThePasswordDatabase) {
     passwd const* const entry = getpwuid(getuid());
     EXPECT_STREQ(getusername(), entry ? entry->pw_name : "");
 }

@@ -32,7 +32,7 @@ TEST(TMap, IsEmptyAtFirst) {
     EXPECT_EQ(map.Remove(1), 0);
 }
 
-TEST(TMap, InsertOfAKeyThatIsThereKeepsTheOldValue) {
+TEST(TMap, InsertOfAnExistingKeyKeepsTheOldValue) {
     Map map;
     auto const first = map.Insert(1, "one");
     EXPECT_EQ(first.second, 1);
@@ -57,7 +57,7 @@ TEST(TMap, IndexOfAPointerOrNumberAddsZero) {
     EXPECT_EQ(map[5], nullptr);
 }
 
-TEST(TMap, RemoveTellsWhetherTheKeyWasThere) {
+TEST(TMap, RemoveReportsWhetherTheKeyExisted) {
     Map map;
     for (int key = 0; key < 20; ++key) map.Insert(key, std::to_string(key));
     EXPECT_EQ(map.Remove(7), 1);
@@ -67,7 +67,7 @@ TEST(TMap, RemoveTellsWhetherTheKeyWasThere) {
     EXPECT_EQ(map.Root()->_parent, nullptr);
 }
 
-TEST(TMap, CopiesAreDeepAndTakeFurtherChanges) {
+TEST(TMap, CopiesAreDeepAndMayChange) {
     Map map;
     for (int key = 0; key < 20; ++key) map.Insert(key, std::to_string(key));
     Map copy(map);
@@ -124,7 +124,7 @@ TEST(TMap, IsKeyedByText) {
     EXPECT_STREQ(it->Key().Text(), "b");
 }
 
-TEST(TMapIterator, GivesNodesWhoseValueCanChange) {
+TEST(TMapIterator, ReturnsNodesWithMutableValues) {
     Map map;
     map.Insert(1, "one");
     map.Insert(2, "two");
@@ -136,7 +136,7 @@ TEST(TMapIterator, GivesNodesWhoseValueCanChange) {
     EXPECT_THAT(Entries(map), ElementsAre(Pair(1, "eins"), Pair(2, "two")));
 }
 
-TEST(TMap, FailedInsertionLeavesTheMap) {
+TEST(TMap, FailedInsertionKeepsTheMap) {
     {
         TMap<int, Counted> map;
         map.Insert(1, Counted(1));

@@ -60,7 +60,7 @@ TEST(TOList, EmptyListHasNoElements) {
     EXPECT_EQ(list.Len(), 0u);
 }
 
-TEST(TOList, AppendAndInsertGiveTheNewElement) {
+TEST(TOList, AppendAndInsertReturnTheNewElement) {
     List list;
     EXPECT_EQ(*list.Append(2), 2);
     EXPECT_EQ(*list.Insert(1), 1);
@@ -97,7 +97,7 @@ TEST(TOList, HoldsStrings) {
     EXPECT_STREQ(copy[1]->Text(), "b");
 }
 
-TEST(TOList, FindGivesTheFirstMatchOrNull) {
+TEST(TOList, FindReturnsTheFirstMatchOrNull) {
     List const list = Of({10, 21, 22});
     int value = 20;
     EXPECT_EQ(*list.Find(SameTens, &value), 21);
@@ -105,7 +105,7 @@ TEST(TOList, FindGivesTheFirstMatchOrNull) {
     EXPECT_EQ(list.Find(SameTens, &value), nullptr);
 }
 
-TEST(TOList, FindOrInsertAddsAtTheFrontWhatIsMissing) {
+TEST(TOList, FindOrInsertPrependsAMissingElement) {
     List list = Of({10, 20});
     int value = 20;
     EXPECT_EQ(*list.FindOrInsert(25, SameTens, &value), 20);
@@ -114,7 +114,7 @@ TEST(TOList, FindOrInsertAddsAtTheFrontWhatIsMissing) {
     EXPECT_THAT(Values(list), ElementsAre(30, 10, 20));
 }
 
-TEST(TOList, FindOrAppendAddsAtTheEndWhatIsMissing) {
+TEST(TOList, FindOrAppendAppendsAMissingElement) {
     List list = Of({10, 20});
     int value = 10;
     EXPECT_EQ(*list.FindOrAppend(15, SameTens, &value), 10);
@@ -209,7 +209,7 @@ TEST(TOList, UniqKeepsTheFirstOfEachRun) {
     EXPECT_EQ(list.First(), list.Last());
 }
 
-TEST(TOList, UniqLeavesListsOfNoneAndOneAsTheyAre) {
+TEST(TOList, UniqKeepsEmptyAndSingleLists) {
     List list;
     list.Uniq(Differ);
     EXPECT_THAT(Values(list), IsEmpty());
@@ -218,7 +218,7 @@ TEST(TOList, UniqLeavesListsOfNoneAndOneAsTheyAre) {
     EXPECT_THAT(Values(list), ElementsAre(1));
 }
 
-TEST(TOList, UniqPassesALinkAndTheOneBeforeIt) {
+TEST(TOList, UniqComparesALinkWithTheOneBeforeIt) {
     static std::vector<std::pair<int, int>> calls;
     calls.clear();
     List list = Of({1, 2, 2, 3});
@@ -237,7 +237,7 @@ TEST(TOList, ReverseFillsTheArgument) {
     EXPECT_THAT(Values(list), ElementsAre(1, 2, 3));
 }
 
-TEST(TOList, PopAndGetTakeTheEndsOut) {
+TEST(TOList, PopAndGetRemoveTheEnds) {
     List list = Of({1, 2, 3});
     EXPECT_EQ(list.Pop(), 1);
     EXPECT_EQ(list.Get(), 3);
@@ -245,13 +245,13 @@ TEST(TOList, PopAndGetTakeTheEndsOut) {
     EXPECT_EQ(list.Len(), 0u);
 }
 
-TEST(TOListDeath, PopOnAnEmptyListIsFatal) {
+TEST(TOListDeathTest, PopOnAnEmptyListIsFatal) {
     List list;
     EXPECT_DEATH(list.Pop(), HasSubstr("generic/tolist:"));
     EXPECT_DEATH(list.Pop(), HasSubstr("Assertion `p != 0' failed."));
 }
 
-TEST(TOListDeath, GetOnAnEmptyListIsFatal) {
+TEST(TOListDeathTest, GetOnAnEmptyListIsFatal) {
     List list;
     EXPECT_DEATH(list.Get(), HasSubstr("generic/tolist:"));
     EXPECT_DEATH(list.Get(), HasSubstr("Assertion `p != 0' failed."));
@@ -273,7 +273,7 @@ TEST(TOList, FailedCopyReleasesWhatWasBuilt) {
     EXPECT_EQ(Counted::live, 0);
 }
 
-TEST(TOListIterator, OnAnEmptyListGivesNullAtOnce) {
+TEST(TOListIterator, EmptyListGivesNull) {
     List const list;
     TOListIterator<int> it(list);
     EXPECT_EQ(it(), nullptr);
@@ -283,7 +283,7 @@ TEST(TOListIterator, OnAnEmptyListGivesNullAtOnce) {
     EXPECT_EQ(it(), nullptr);
 }
 
-TEST(TOListIterator, WalksFromTheFirstLinkToTheLast) {
+TEST(TOListIterator, VisitsLinksFromFirstToLast) {
     List const list = Of({1, 2, 3});
     TOListIterator<int> it(list);
     EXPECT_EQ(*it.Succ(), 1);
@@ -299,7 +299,7 @@ TEST(TOListIterator, WalksFromTheFirstLinkToTheLast) {
     EXPECT_EQ(*it, 1);
 }
 
-TEST(TOListIterator, BindGoesOverToAnotherList) {
+TEST(TOListIterator, BindSwitchesToAnotherList) {
     List const one = Of({1}), two = Of({2, 3});
     TOListIterator<int> it(one);
     it.Bind(two);
@@ -308,7 +308,7 @@ TEST(TOListIterator, BindGoesOverToAnotherList) {
     EXPECT_EQ(it(), nullptr);
 }
 
-TEST(TOListIterator, CallsEndAfterTheLinkThatWasLastAtFirst) {
+TEST(TOListIterator, CallsEndAfterTheInitiallyLastLink) {
     List list = Of({1, 2});
     std::vector<int> seen;
     TOListIterator<int> it(list);
@@ -320,7 +320,7 @@ TEST(TOListIterator, CallsEndAfterTheLinkThatWasLastAtFirst) {
     EXPECT_THAT(Values(list), ElementsAre(1, 2, 11, 12));
 }
 
-TEST(TOListIterator, IncrementEndsWhereTheListBeginsAgain) {
+TEST(TOListIterator, IncrementEndsAtTheBeginning) {
     List list = Of({1, 2});
     TOListIterator<int> it(list);
     ++it;
@@ -331,7 +331,7 @@ TEST(TOListIterator, IncrementEndsWhereTheListBeginsAgain) {
     EXPECT_FALSE(++it);
 }
 
-TEST(TOListIterator, EndsThoughTheLastLinkHasGone) {
+TEST(TOListIterator, EndsEvenIfTheLastLinkWasRemoved) {
     List list = Of({1, 2, 3});
     TOListIterator<int> it(list);
     EXPECT_EQ(list.Get(), 3);

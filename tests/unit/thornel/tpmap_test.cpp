@@ -57,7 +57,7 @@ TEST_F(TPMapOfNumbers, CopyOfANodeHasBalanceZero) {
     ASSERT_NE(copy.Root()->_right, nullptr);
 }
 
-TEST_F(TPMapOfNumbers, InsertKeepsThePointerThatIsThere) {
+TEST_F(TPMapOfNumbers, InsertKeepsAnExistingPointer) {
     Counted* const one = new Counted(1);
     auto const first = _map.Insert(1, one);
     EXPECT_EQ(first.second, 1);
@@ -69,7 +69,7 @@ TEST_F(TPMapOfNumbers, InsertKeepsThePointerThatIsThere) {
     EXPECT_EQ(_map.Find(1), one);
 }
 
-TEST_F(TPMapOfNumbers, IndexBuildsAnObjectForAMissingKeyOnly) {
+TEST_F(TPMapOfNumbers, IndexCreatesAnObjectOnlyForAMissingKey) {
     Counted* const built = _map[4];
     EXPECT_EQ(built->_value, 0);
     EXPECT_EQ(Counted::live, 1);
@@ -78,7 +78,7 @@ TEST_F(TPMapOfNumbers, IndexBuildsAnObjectForAMissingKeyOnly) {
     EXPECT_EQ(_map.Find(4), built);
 }
 
-TEST_F(TPMapOfNumbers, RemoveLeavesTheObjectAlone) {
+TEST_F(TPMapOfNumbers, RemoveDoesNotDeleteTheObject) {
     Counted* const one = new Counted(1);
     _map.Insert(1, one);
     EXPECT_EQ(_map.Remove(2), nullptr);
@@ -98,7 +98,7 @@ TEST_F(TPMapOfNumbers, DestroyDeletesTheObjectsAndSkipsNull) {
     EXPECT_EQ(_map.Root(), nullptr);
 }
 
-TEST_F(TPMapOfNumbers, DestructorAndClearFreeTheTreeOnly) {
+TEST_F(TPMapOfNumbers, DestructorAndClearDeleteNoObjects) {
     Counted one(1);
     {
         Map map;
@@ -125,7 +125,7 @@ TEST_F(TPMapOfNumbers, CopiesPointToTheSameObjects) {
     EXPECT_EQ(Counted::live, 1);
 }
 
-TEST_F(TPMapOfNumbers, ForEachGoesInAscendingOrderAndReturnsTheAction) {
+TEST_F(TPMapOfNumbers, ForEachIsInAscendingOrderAndReturnsTheAction) {
     struct Collect : TPMapAction<unsigned int, Counted> {
         void operator()(unsigned int const& key, Counted* value) override {
             _seen.emplace_back(key, value->_value);
@@ -137,7 +137,7 @@ TEST_F(TPMapOfNumbers, ForEachGoesInAscendingOrderAndReturnsTheAction) {
     EXPECT_THAT(collect._seen, ElementsAre(Pair(1u, 10), Pair(2u, 20), Pair(3u, 30)));
 }
 
-TEST_F(TPMapOfNumbers, IteratorGivesKeysAndPointers) {
+TEST_F(TPMapOfNumbers, IteratorReturnsKeysAndPointers) {
     for (unsigned int const key : {2u, 1u}) _map.Insert(key, new Counted(static_cast<int>(key)));
     Map::ConstIterator it(_map, 0);
     EXPECT_EQ(it->Key(), 1u);

@@ -27,7 +27,7 @@ struct IsJob : TPVarrCmp<Job> {
     int _number;
 };
 
-class Queue : public testing::Test {
+class PriorityQueue : public testing::Test {
 protected:
     using PQueue = TPPQueue<int, Job, DueOf>;
 
@@ -51,7 +51,7 @@ protected:
     PQueue _queue{32, 32, 0};
 };
 
-TEST_F(Queue, StartsWithTheSentinelAlone) {
+TEST_F(PriorityQueue, StartsWithOnlyTheSentinel) {
     EXPECT_EQ(_queue.Count(), 1);
     EXPECT_EQ(_queue[0], nullptr);
     EXPECT_EQ(_queue.Size(), 0);
@@ -60,7 +60,7 @@ TEST_F(Queue, StartsWithTheSentinelAlone) {
     EXPECT_EQ(_queue.Remove(IsJob(0)), nullptr);
 }
 
-TEST_F(Queue, GivesTheEarliestFirst) {
+TEST_F(PriorityQueue, PopReturnsTheEarliest) {
     for (int const due : {5, 3, 8, 1, 9, 2}) {
         Insert(due);
         EXPECT_TRUE(IsHeap());
@@ -70,7 +70,7 @@ TEST_F(Queue, GivesTheEarliestFirst) {
     EXPECT_EQ(_queue.Size(), 0);
 }
 
-TEST_F(Queue, LaterInsertedOfEqualKeysEndsNearerTheRoot) {
+TEST_F(PriorityQueue, LaterInsertedOfEqualKeysEndsNearerTheRoot) {
     Insert(5, 1);
     Insert(5, 2);
     EXPECT_EQ(_queue[1]->_number, 2);
@@ -79,7 +79,7 @@ TEST_F(Queue, LaterInsertedOfEqualKeysEndsNearerTheRoot) {
     EXPECT_EQ(_queue.Pop()->_number, 1);
 }
 
-TEST_F(Queue, OfEqualChildrenTheLeftMovesUp) {
+TEST_F(PriorityQueue, LeftOfEqualChildrenMovesUp) {
     Insert(1, 1);
     Insert(2, 2);
     Insert(2, 3);
@@ -88,7 +88,7 @@ TEST_F(Queue, OfEqualChildrenTheLeftMovesUp) {
     EXPECT_EQ(_queue.Top()->_number, 2);
 }
 
-TEST_F(Queue, OnATieTheUpperOneStays) {
+TEST_F(PriorityQueue, UpperNodeStaysOnATie) {
     Insert(1, 1);
     Insert(3, 2);
     Insert(4, 3);
@@ -99,14 +99,14 @@ TEST_F(Queue, OnATieTheUpperOneStays) {
     EXPECT_TRUE(IsHeap());
 }
 
-TEST_F(Queue, GrowsBeyondItsFirstCapacity) {
+TEST_F(PriorityQueue, GrowsBeyondItsFirstCapacity) {
     for (int due = 100; due > 0; --due) Insert(due);
     EXPECT_EQ(_queue.Size(), 100);
     EXPECT_EQ(_queue._capacity, 128u);
     EXPECT_EQ(_queue.Top()->_due, 1);
 }
 
-TEST_F(Queue, RemoveOfTheRootKeepsTheOrder) {
+TEST_F(PriorityQueue, RemoveOfTheRootKeepsTheOrder) {
     Job* const root = Insert(1, 1);
     for (int const due : {4, 2, 6, 5, 3}) Insert(due, due);
     EXPECT_EQ(_queue.Remove(IsJob(1)), root);
@@ -114,14 +114,14 @@ TEST_F(Queue, RemoveOfTheRootKeepsTheOrder) {
     EXPECT_THAT(Drain(), ElementsAre(2, 3, 4, 5, 6));
 }
 
-TEST_F(Queue, RemoveMovesTheLastOneUpWhenItIsEarlier) {
+TEST_F(PriorityQueue, RemoveMovesTheLastElementUpIfItIsEarlier) {
     for (int const due : {1, 10, 2, 11, 12, 3, 4}) Insert(due, due);
     EXPECT_EQ(_queue.Remove(IsJob(11))->_due, 11);
     EXPECT_TRUE(IsHeap());
     EXPECT_THAT(Drain(), ElementsAre(1, 2, 3, 4, 10, 12));
 }
 
-TEST_F(Queue, RemoveOfTheLastOneAndOfNone) {
+TEST_F(PriorityQueue, RemoveOfTheLastElementAndOfNone) {
     Insert(1, 1);
     Job* const last = Insert(2, 2);
     EXPECT_EQ(_queue.Remove(IsJob(7)), nullptr);
@@ -131,7 +131,7 @@ TEST_F(Queue, RemoveOfTheLastOneAndOfNone) {
     EXPECT_EQ(_queue.Size(), 0);
 }
 
-TEST_F(Queue, ClearBringsTheSentinelBack) {
+TEST_F(PriorityQueue, ClearRestoresTheSentinel) {
     Insert(1);
     Insert(2);
     _queue.Clear();
@@ -141,7 +141,7 @@ TEST_F(Queue, ClearBringsTheSentinelBack) {
     EXPECT_THAT(Drain(), ElementsAre(3));
 }
 
-TEST_F(Queue, LongRandomUseStaysAHeap) {
+TEST_F(PriorityQueue, LongRandomUseStaysAHeap) {
     std::mt19937 random(3);
     std::vector<int> expected;
     for (int number = 0; number < 2000; ++number) {

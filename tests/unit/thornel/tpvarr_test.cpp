@@ -20,7 +20,7 @@ using testing::HasSubstr;
 using Job = Shop::Job;
 using Array = TPVarr<Job>;
 
-TEST(TPVarr, StartsEmptyWithRoom) {
+TEST(TPVarr, StartsEmptyWithItsCapacity) {
     Array const array(32, 32, 0);
     EXPECT_EQ(array.Count(), 0);
     EXPECT_EQ(array.arr, array.arrp);
@@ -54,7 +54,7 @@ TEST(TPVarr, GrowsByDoubling) {
     EXPECT_EQ(array._capacity, 64u);
 }
 
-TEST(TPVarr, GrowsFromNothingToo) {
+TEST(TPVarr, GrowsFromZeroCapacity) {
     Array doubling(0, 0, 1), additive(0, 0, 0);
     doubling.Extend(5);
     additive.Extend(5);
@@ -62,7 +62,7 @@ TEST(TPVarr, GrowsFromNothingToo) {
     EXPECT_EQ(additive._capacity, 5u);
 }
 
-TEST(TPVarr, KeepsItsElementsWhenItGrows) {
+TEST(TPVarr, KeepsElementsWhenGrowing) {
     std::vector<Job> jobs(100);
     Array array(1, 1, 0);
     for (Job& job : jobs) array.Append(&job);
@@ -70,14 +70,14 @@ TEST(TPVarr, KeepsItsElementsWhenItGrows) {
     for (int i = 0; i < 100; ++i) EXPECT_EQ(array[i], &jobs[static_cast<std::size_t>(i)]);
 }
 
-TEST(TPVarrDeath, UnknownGrowthIsFatalOnceItHasToGrow) {
+TEST(TPVarrDeathTest, UnknownGrowthIsFatalOnceItHasToGrow) {
     Array array(1, 1, 2);
     array.Extend(1);
     EXPECT_DEATH(array.Extend(2), HasSubstr("generic/tpvarr:53: void TPVarr<T>::Extend(unsigned int) "
                                             "[with T = Shop::Job]: Assertion `0' failed."));
 }
 
-TEST(TPVarrDeath, IndexAfterTheEndIsFatal) {
+TEST(TPVarrDeathTest, IndexAfterTheEndIsFatal) {
     Job job{1, 1};
     Array array(8, 8, 0);
     array.Append(&job);

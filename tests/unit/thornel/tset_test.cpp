@@ -49,7 +49,7 @@ TEST(TSet, IsEmptyAtFirst) {
     EXPECT_EQ(set.Remove(1), 0);
 }
 
-TEST(TSet, InsertTellsWhetherTheElementIsNew) {
+TEST(TSet, InsertReportsWhetherTheElementIsNew) {
     Set set;
     auto const first = set.Insert(5);
     EXPECT_EQ(first.second, 1);
@@ -61,7 +61,7 @@ TEST(TSet, InsertTellsWhetherTheElementIsNew) {
     EXPECT_EQ(set.Size(), 1u);
 }
 
-TEST(TSet, EqualElementStaysAsItWas) {
+TEST(TSet, InsertKeepsAnEqualElement) {
     Entries set;
     Entry* const old = set.Insert({"a", 1}).first;
     auto const again = set.Insert({"a", 2});
@@ -90,7 +90,7 @@ TEST(TSet, RemoveLowersTheCount) {
     EXPECT_EQ(set.Size(), 0u);
 }
 
-TEST(TSetDeath, RemoveBelowACountOfZeroIsFatal) {
+TEST(TSetDeathTest, RemoveBelowACountOfZeroIsFatal) {
     Set set = Of({1});
     set.num_elems = 0;
     EXPECT_DEATH(set.Remove(1), HasSubstr("generic/tset:"));
@@ -151,7 +151,7 @@ TEST(TSet, ClearRemovesAll) {
     EXPECT_THAT(Values(set), ElementsAre(9));
 }
 
-TEST(TSet, FailedInsertionLeavesTheSet) {
+TEST(TSet, FailedInsertionKeepsTheSet) {
     {
         TSet<Counted> set;
         set.Insert(Counted(1));
@@ -165,7 +165,7 @@ TEST(TSet, FailedInsertionLeavesTheSet) {
     EXPECT_EQ(Counted::live, 0);
 }
 
-TEST(TSetIterator, WalksBothWaysFromEitherEnd) {
+TEST(TSetIterator, MovesBothWaysFromEitherEnd) {
     Set set = Of({2, 3, 1});
     Set::Iterator it(set, 0);
     EXPECT_EQ(*it, 1);
@@ -191,7 +191,7 @@ TEST(TSetIterator, StaysNullOnceNull) {
     EXPECT_EQ(it.Next(), nullptr);
 }
 
-TEST(TSetIterator, OperatorsMoveAndPostfixGivesTheOldPosition) {
+TEST(TSetIterator, OperatorsMoveAndPostfixReturnsTheOldPosition) {
     Set const set = Of({1, 2, 3});
     Set::ConstIterator it(set, 0);
     EXPECT_EQ(*it++, 1);
@@ -205,7 +205,7 @@ TEST(TSetIterator, OperatorsMoveAndPostfixGivesTheOldPosition) {
     EXPECT_EQ(it(), nullptr);
 }
 
-TEST(TSetIterator, WithoutAContainerIsNowhere) {
+TEST(TSetIterator, WithoutAContainerIsNull) {
     Set::Iterator it;
     EXPECT_EQ(it.Curr(), nullptr);
     EXPECT_EQ(it.Next(), nullptr);

@@ -30,7 +30,7 @@ TEST(TSList, InsertsAtTheFrontAndAppendsAtTheEnd) {
     EXPECT_EQ(list.Len(), 3u);
 }
 
-TEST(TSList, RemoveTakesTheFirstMatchOut) {
+TEST(TSList, RemoveRemovesTheFirstMatch) {
     int one = 1, two = 2, again = 2;
     TSList<int> list;
     list.Append(&one);
@@ -43,7 +43,7 @@ TEST(TSList, RemoveTakesTheFirstMatchOut) {
     EXPECT_THAT(Values(list), ElementsAre(1));
 }
 
-TEST(TSList, NullElementEndsAWalkAndMatchesNothing) {
+TEST(TSList, NullElementEndsIterationAndMatchesNothing) {
     int one = 1, two = 2;
     TSList<int> list;
     list.Append(&one);
@@ -55,7 +55,7 @@ TEST(TSList, NullElementEndsAWalkAndMatchesNothing) {
     EXPECT_EQ(list.Len(), 2u);
 }
 
-TEST(TSList, ClearForgetsTheElements) {
+TEST(TSList, ClearRemovesTheElements) {
     int one = 1;
     TSList<int> list;
     list.Append(&one);

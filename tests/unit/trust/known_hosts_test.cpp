@@ -31,13 +31,13 @@ std::string Base64(PublicKey const& key) { return key._rep->EncodeSSH64().Text()
 
 /// A home directory for one test. What uses the store runs in a process of its own, in which the store is
 /// new.
-class KnownHostsTest : public testing::Test {
+class KnownHostsStore : public testing::Test {
 protected:
-    KnownHostsTest() {
+    KnownHostsStore() {
         setenv("HOME", _directory.Path().c_str(), 1);
         std::filesystem::create_directory(_directory / ".ssh");
     }
-    ~KnownHostsTest() override { setenv("HOME", _home.c_str(), 1); }
+    ~KnownHostsStore() override { setenv("HOME", _home.c_str(), 1); }
 
     std::string File() const { return _directory / ".ssh/known_hosts"; }
     std::string Content() const {
@@ -96,16 +96,16 @@ struct MayAsk<Store, std::void_t<decltype(&Store::_IsIn)>> : std::true_type {};
 
 } // namespace
 
-TEST_F(KnownHostsTest, StaticOperationsAreTheOnlyOnes) {
+TEST_F(KnownHostsStore, StaticOperationsAreTheOnlyOnes) {
     EXPECT_FALSE(MayRead<KnownHosts>::value);
     EXPECT_FALSE(MayAsk<KnownHosts>::value);
 }
 
-TEST_F(KnownHostsTest, OffersRsaAndDss) {
+TEST_F(KnownHostsStore, OffersRsaAndDss) {
     EXPECT_STREQ(KnownHosts::KeyAlgorithms().Text(), "ssh-rsa,ssh-dss");
 }
 
-TEST_F(KnownHostsTest, NewHostIsAcceptedAndAppendedWithoutItsAddress) {
+TEST_F(KnownHostsStore, NewHostIsAcceptedAndAppendedWithoutItsAddress) {
     WithStore([&] {
         EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
         std::string const line = "host ssh-rsa " + _key64 + "\n";
@@ -117,7 +117,7 @@ TEST_F(KnownHostsTest, NewHostIsAcceptedAndAppendedWithoutItsAddress) {
     });
 }
 
-TEST_F(KnownHostsTest, OtherPortIsWrittenInTheCanonicalForm) {
+TEST_F(KnownHostsStore, OtherPortIsWrittenInTheCanonicalForm) {
     WithStore([&] {
         EXPECT_TRUE(Trusts("host", 2222, _key));
         EXPECT_EQ(Content(), "[host]:2222 ssh-rsa " + _key64 + "\n");
@@ -130,7 +130,7 @@ TEST_F(KnownHostsTest, OtherPortIsWrittenInTheCanonicalForm) {
     });
 }
 
-TEST_F(KnownHostsTest, BracketedHostIsKeptAndWrittenAsItStands) {
+TEST_F(KnownHostsStore, BracketedHostIsKeptAndWrittenUnchanged) {
     WithStore([&] {
         EXPECT_TRUE(Trusts("[::1]:7", 22, _key));
         EXPECT_EQ(Content(), "[::1]:7 ssh-rsa " + _key64 + "\n");
@@ -140,7 +140,7 @@ TEST_F(KnownHostsTest, BracketedHostIsKeptAndWrittenAsItStands) {
     });
 }
 
-TEST_F(KnownHostsTest, WhatIsWrittenIsReadBackUnderTheSameName) {
+TEST_F(KnownHostsStore, WrittenEntryIsReadBackUnderTheSameName) {
     WithStore([&] {
         EXPECT_TRUE(Trusts("plain", 22, _key));
         EXPECT_TRUE(Trusts("other", 2222, _key));
@@ -156,7 +156,7 @@ TEST_F(KnownHostsTest, WhatIsWrittenIsReadBackUnderTheSameName) {
     EXPECT_EQ(Content(), written);
 }
 
-TEST_F(KnownHostsTest, FileIsCreatedForItsOwnerAlone) {
+TEST_F(KnownHostsStore, FileIsCreatedForItsOwnerAlone) {
     mode_t const before = umask(0);
     WithStore([&] { EXPECT_TRUE(Trusts("host", 22, _key)); });
     umask(before);
@@ -165,7 +165,7 @@ TEST_F(KnownHostsTest, FileIsCreatedForItsOwnerAlone) {
     EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
-TEST_F(KnownHostsTest, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
+TEST_F(KnownHostsStore, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
     SetContent("host ssh-rsa " + _key64 + "\n");
     WithStore([&] {
         WatchedFile const file(File());
@@ -177,7 +177,7 @@ TEST_F(KnownHostsTest, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
     });
 }
 
-TEST_F(KnownHostsTest, FileThatIsThereKeepsItsMode) {
+TEST_F(KnownHostsStore, FileThatIsThereKeepsItsMode) {
     SetContent("");
     ASSERT_EQ(chmod(File().c_str(), 0640), 0);
     WithStore([&] { EXPECT_TRUE(Trusts("host", 22, _key)); });
@@ -186,7 +186,7 @@ TEST_F(KnownHostsTest, FileThatIsThereKeepsItsMode) {
     EXPECT_EQ(status.st_mode & 07777, 0640u);
 }
 
-TEST_F(KnownHostsTest, LineOfAnyLengthIsAppendedInOneWrite) {
+TEST_F(KnownHostsStore, LineOfAnyLengthIsAppendedInOneWrite) {
     for (unsigned int bytes : {128u, 1024u, 2048u}) {
         PublicKey const large = RsaKey(17, bytes);
         std::filesystem::remove(File());
@@ -200,7 +200,7 @@ TEST_F(KnownHostsTest, LineOfAnyLengthIsAppendedInOneWrite) {
     }
 }
 
-TEST_F(KnownHostsTest, LineWithHostAndAddressGivesTwoEntries) {
+TEST_F(KnownHostsStore, LineWithHostAndAddressGivesTwoEntries) {
     WithLines("host,10.0.0.1 ssh-rsa " + _key64 + " a comment\n", [&] {
         EXPECT_TRUE(Refuses("host", 22, _other));
         EXPECT_TRUE(Refuses("10.0.0.1", 22, _other));
@@ -212,7 +212,7 @@ TEST_F(KnownHostsTest, LineWithHostAndAddressGivesTwoEntries) {
     });
 }
 
-TEST_F(KnownHostsTest, CanonicalNameInALineKeepsItsPort) {
+TEST_F(KnownHostsStore, CanonicalNameInALineKeepsItsPort) {
     WithLines("[host]:2222,[10.0.0.1]:2222 ssh-rsa " + _key64 + "\n", [&] {
         EXPECT_TRUE(Refuses("host", 2222, _other));
         EXPECT_TRUE(Refuses("10.0.0.1", 2222, _other));
@@ -220,21 +220,21 @@ TEST_F(KnownHostsTest, CanonicalNameInALineKeepsItsPort) {
     });
 }
 
-TEST_F(KnownHostsTest, LineOfTheOldFormatIsDropped) {
+TEST_F(KnownHostsStore, LineOfTheOldFormatIsDropped) {
     WithLines("host 1024 35 123456789\nhost2 0x ssh-rsa\n", [&] {
         EXPECT_TRUE(Trusts("host", 22, _key));
         EXPECT_TRUE(Trusts("host2", 22, _key));
     });
 }
 
-TEST_F(KnownHostsTest, ShortAndEmptyLinesAreDropped) {
+TEST_F(KnownHostsStore, ShortAndEmptyLinesAreDropped) {
     WithLines("\n   \nhost\nhost,10.0.0.1\n,\n", [&] {
         EXPECT_TRUE(Trusts("host", 22, _key));
         EXPECT_TRUE(Trusts("10.0.0.1", 22, _key));
     });
 }
 
-TEST_F(KnownHostsTest, StreamAtItsEndIsReadWithoutFailure) {
+TEST_F(KnownHostsStore, StreamAtItsEndIsReadWithoutFailure) {
     WithStore([] {
         std::istringstream in("host ssh-rsa");
         EXPECT_EQ(KnownHosts::Read(in), 0);
@@ -242,14 +242,14 @@ TEST_F(KnownHostsTest, StreamAtItsEndIsReadWithoutFailure) {
     });
 }
 
-TEST_F(KnownHostsTest, FirstLineOfAHostCounts) {
+TEST_F(KnownHostsStore, FirstLineOfAHostCounts) {
     WithLines("host ssh-rsa " + _key64 + "\nhost ssh-rsa " + _other64 + "\n", [&] {
         EXPECT_TRUE(Refuses("host", 22, _other));
         EXPECT_TRUE(Trusts("host", 22, _key));
     });
 }
 
-TEST_F(KnownHostsTest, SecondReadAddsAndChangesNothing) {
+TEST_F(KnownHostsStore, SecondReadAddsAndChangesNothing) {
     WithLines("host ssh-rsa " + _key64 + "\n", [&] {
         std::istringstream more("host ssh-rsa " + _other64 + "\nhost2 ssh-rsa " + _other64 + "\n");
         EXPECT_EQ(KnownHosts::Read(more), 0);
@@ -258,7 +258,7 @@ TEST_F(KnownHostsTest, SecondReadAddsAndChangesNothing) {
     });
 }
 
-TEST_F(KnownHostsTest, LineWithoutAKeyIsNeverEqualled) {
+TEST_F(KnownHostsStore, LineWithoutAKeyMatchesNoKey) {
     WithLines("host ssh-rsa\n", [&] {
         EXPECT_TRUE(Refuses("host", 22, _key));
         EXPECT_TRUE(Refuses("host", 22, PublicKey()));
@@ -266,11 +266,11 @@ TEST_F(KnownHostsTest, LineWithoutAKeyIsNeverEqualled) {
     });
 }
 
-TEST_F(KnownHostsTest, LastLineWithoutALineEndCounts) {
+TEST_F(KnownHostsStore, LastLineWithoutALineEndCounts) {
     WithLines("host ssh-rsa " + _key64, [&] { EXPECT_TRUE(Refuses("host", 22, _other)); });
 }
 
-TEST_F(KnownHostsTest, NewEntryGoesIntoALastLineWithoutALineEnd) {
+TEST_F(KnownHostsStore, NewEntryGoesIntoALastLineWithoutALineEnd) {
     SetContent("host ssh-rsa " + _key64);
     WithStore([&] { EXPECT_TRUE(Trusts("new", 22, _other)); });
     EXPECT_EQ(Content(), "host ssh-rsa " + _key64 + "new ssh-rsa " + _other64 + "\n");
@@ -280,12 +280,12 @@ TEST_F(KnownHostsTest, NewEntryGoesIntoALastLineWithoutALineEnd) {
     });
 }
 
-TEST_F(KnownHostsTest, CommentLineDoesNoHarm) {
+TEST_F(KnownHostsStore, CommentLineDoesNoHarm) {
     WithLines("# three words here\nhost ssh-rsa " + _key64 + "\n",
               [&] { EXPECT_TRUE(Refuses("host", 22, _other)); });
 }
 
-TEST_F(KnownHostsTest, HostIsNewWhereItsLineIsNotUnderstood) {
+TEST_F(KnownHostsStore, HostIsNewWhereItsLineIsNotUnderstood) {
     std::string const key = "ssh-rsa " + _key64 + "\n";
     for (std::string const& line :
          {"|1|c2FsdA==|aGFzaA== " + key, "*.example " + key, "a.?xample " + key, "@revoked a.example " + key,
@@ -294,14 +294,14 @@ TEST_F(KnownHostsTest, HostIsNewWhereItsLineIsNotUnderstood) {
     }
 }
 
-TEST_F(KnownHostsTest, AlgorithmNameIsNotCompared) {
+TEST_F(KnownHostsStore, AlgorithmNameIsNotCompared) {
     WithLines("host ssh-dss " + _key64 + "\n", [&] {
         EXPECT_TRUE(Trusts("host", 22, _key));
         EXPECT_TRUE(Refuses("host", 22, _other));
     });
 }
 
-TEST_F(KnownHostsTest, AddressOfAKnownHostIsLearntEvenFromAnotherKey) {
+TEST_F(KnownHostsStore, AddressOfAKnownHostIsLearntEvenFromAnotherKey) {
     WithLines("host ssh-rsa " + _key64 + "\n", [&] {
         EXPECT_FALSE(Trusts("host", 22, _other, "10.0.0.1"));
         EXPECT_TRUE(Refuses("10.0.0.1", 22, _key));
@@ -310,21 +310,21 @@ TEST_F(KnownHostsTest, AddressOfAKnownHostIsLearntEvenFromAnotherKey) {
     });
 }
 
-TEST_F(KnownHostsTest, AddressHasNoInfluenceAndIsNotReplaced) {
+TEST_F(KnownHostsStore, AddressIsNotComparedAndNotReplaced) {
     WithLines("host ssh-rsa " + _key64 + "\n10.0.0.1 ssh-rsa " + _other64 + "\n", [&] {
         EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
         EXPECT_TRUE(Refuses("10.0.0.1", 22, _key));
     });
 }
 
-TEST_F(KnownHostsTest, AddressOfANewHostIsNotLearntAtOnce) {
+TEST_F(KnownHostsStore, AddressOfANewHostIsNotLearntImmediately) {
     WithStore([&] {
         EXPECT_TRUE(Trusts("host", 22, _key, "10.0.0.1"));
         EXPECT_TRUE(Trusts("10.0.0.1", 22, _other));
     });
 }
 
-TEST_F(KnownHostsTest, AddressIsKnownUnderThePortOfTheHost) {
+TEST_F(KnownHostsStore, AddressIsKnownUnderThePortOfTheHost) {
     WithLines("[host]:2222 ssh-rsa " + _key64 + "\n", [&] {
         EXPECT_TRUE(Trusts("host", 2222, _key, "10.0.0.1"));
         EXPECT_TRUE(Refuses("10.0.0.1", 2222, _other));
@@ -332,7 +332,7 @@ TEST_F(KnownHostsTest, AddressIsKnownUnderThePortOfTheHost) {
     });
 }
 
-TEST_F(KnownHostsTest, EmptyHostIsNotTrusted) {
+TEST_F(KnownHostsStore, EmptyHostIsNotTrusted) {
     WithStore([&] {
         EXPECT_FALSE(Trusts("", 22, _key, "10.0.0.1"));
         EXPECT_EQ(KnownHosts::IsIn(String_t(), 22, String_t(), _key), 0);
@@ -341,7 +341,7 @@ TEST_F(KnownHostsTest, EmptyHostIsNotTrusted) {
     });
 }
 
-TEST_F(KnownHostsTest, KeyThatIsNotLoadedHasAnUnknownAlgorithm) {
+TEST_F(KnownHostsStore, KeyThatIsNotLoadedHasAnUnknownAlgorithm) {
     WithStore([&] {
         EXPECT_TRUE(Trusts("host", 22, PublicKey()));
         EXPECT_EQ(Content(), "host ssh-unknown \n");
@@ -349,7 +349,7 @@ TEST_F(KnownHostsTest, KeyThatIsNotLoadedHasAnUnknownAlgorithm) {
     });
 }
 
-TEST_F(KnownHostsTest, NameIsCutTo1023Characters) {
+TEST_F(KnownHostsStore, NameIsTruncatedTo1023Characters) {
     std::string const fits(1018, 'x'); // with its brackets and ":22" just 1023
     WithLines(fits + " ssh-rsa " + _key64 + "\n", [&] {
         EXPECT_TRUE(Refuses(fits, 22, _other));
@@ -362,7 +362,7 @@ TEST_F(KnownHostsTest, NameIsCutTo1023Characters) {
     });
 }
 
-TEST_F(KnownHostsTest, MissingFileIsRememberedAndNoMore) {
+TEST_F(KnownHostsStore, MissingFileSetsErrnumOnly) {
     WithStore([&] {
         EXPECT_EQ(KnownHosts::Errnum(), -ENOENT);
         EXPECT_EQ(KnownHosts::Read(File().c_str()), -ENOENT);
@@ -376,7 +376,7 @@ TEST_F(KnownHostsTest, MissingFileIsRememberedAndNoMore) {
     });
 }
 
-TEST_F(KnownHostsTest, FileThatOpensButCannotBeReadIsAnEmptyOne) {
+TEST_F(KnownHostsStore, UnreadableFileIsEmpty) {
     std::filesystem::create_directory(File());
     WithStore([&] {
         EXPECT_EQ(KnownHosts::Read(File().c_str()), 0);
@@ -386,7 +386,7 @@ TEST_F(KnownHostsTest, FileThatOpensButCannotBeReadIsAnEmptyOne) {
     });
 }
 
-TEST_F(KnownHostsTest, NewHostIsAcceptedWhenTheFileCannotBeWritten) {
+TEST_F(KnownHostsStore, NewHostIsAcceptedWhenTheFileCannotBeWritten) {
     std::filesystem::remove_all(_directory / ".ssh");
     WithStore([&] {
         EXPECT_TRUE(Trusts("host", 22, _key));
@@ -395,7 +395,7 @@ TEST_F(KnownHostsTest, NewHostIsAcceptedWhenTheFileCannotBeWritten) {
     EXPECT_FALSE(std::filesystem::exists(_directory / ".ssh"));
 }
 
-TEST_F(KnownHostsTest, NewHostGoesToTheDefaultFileWhateverWasRead) {
+TEST_F(KnownHostsStore, NewHostIsAppendedToTheDefaultFileWhateverWasRead) {
     std::string const elsewhere = _directory / "elsewhere";
     std::string const line = "host ssh-rsa " + _key64 + "\n";
     std::ofstream(elsewhere) << line;
@@ -409,7 +409,7 @@ TEST_F(KnownHostsTest, NewHostGoesToTheDefaultFileWhateverWasRead) {
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), line);
 }
 
-TEST_F(KnownHostsTest, DefaultFileIsReadAndKept) {
+TEST_F(KnownHostsStore, DefaultFileIsReadAndKept) {
     std::string const before = "host ssh-rsa " + _key64 + "\n";
     SetContent(before);
     WithStore([&] {
@@ -420,7 +420,7 @@ TEST_F(KnownHostsTest, DefaultFileIsReadAndKept) {
     EXPECT_EQ(Content(), before + "new ssh-rsa " + _other64 + "\n");
 }
 
-TEST_F(KnownHostsTest, FileLongerThanABlockIsReadWhole) {
+TEST_F(KnownHostsStore, FileLongerThanABlockIsReadWhole) {
     std::string lines;
     for (int i = 0; i < 1000; ++i) lines += "host" + std::to_string(i) + " ssh-rsa " + _key64 + "\n";
     SetContent(lines);
@@ -429,14 +429,14 @@ TEST_F(KnownHostsTest, FileLongerThanABlockIsReadWhole) {
     });
 }
 
-TEST_F(KnownHostsTest, StoreBuiltOnAStreamReadsItToItsEnd) {
+TEST_F(KnownHostsStore, StoreBuiltOnAStreamReadsItToItsEnd) {
     std::istringstream in("host ssh-rsa " + _key64 + "\nhost2 ssh-rsa " + _key64 + "\n");
     KnownHosts const hosts(in);
     EXPECT_TRUE(in.eof());
     EXPECT_FALSE(in.bad());
 }
 
-TEST_F(KnownHostsTest, StoreOfItsOwnIsNotThatOfTheProcess) {
+TEST_F(KnownHostsStore, StoreOfItsOwnIsNotThatOfTheProcess) {
     std::string const elsewhere = _directory / "elsewhere";
     std::ofstream(elsewhere) << "host ssh-rsa " << _key64 << "\n";
     WithStore([&] {
@@ -446,7 +446,7 @@ TEST_F(KnownHostsTest, StoreOfItsOwnIsNotThatOfTheProcess) {
     });
 }
 
-TEST_F(KnownHostsTest, ThereIsOneStoreOfTheProcess) {
+TEST_F(KnownHostsStore, StoreIsSharedByTheProcess) {
     WithLines("one ssh-rsa " + _key64 + "\n", [&] {
         EXPECT_EQ(KnownHosts::GetInstance(), KnownHosts::GetInstance());
         EXPECT_EQ(KnownHosts::Errnum(), 0);
@@ -455,7 +455,7 @@ TEST_F(KnownHostsTest, ThereIsOneStoreOfTheProcess) {
     });
 }
 
-TEST_F(KnownHostsTest, ManyThreadsMayUseTheStoreAtOnce) {
+TEST_F(KnownHostsStore, ManyThreadsMayUseTheStoreConcurrently) {
     WithStore([&] {
         KnownHosts::GetInstance();
         std::vector<std::thread> threads;

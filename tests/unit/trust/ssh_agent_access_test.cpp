@@ -1,7 +1,8 @@
 #include <brantle/trust/ssh_agent_access.h>
 
-#include <dirent.h>
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,6 +23,8 @@
 #include <brantle/thornel/sock_stream.h>
 
 #include "support/agent/raw_agent.h"
+#include "support/descriptor_state.h"
+#include "support/temporary_directory.h"
 #include "wire_text.h"
 
 using cindral::BadInput;
@@ -30,6 +33,7 @@ using cindral::PublicKey;
 using cindral::Signature;
 using cindral::SshAgentAccess;
 using cindral::SshProtocolError;
+using support::OpenDescriptors;
 using support::RawAgent;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -67,17 +71,6 @@ std::string ThrownBy(std::function<void()> const& operation) {
     return "nothing";
 }
 
-std::set<int> OpenDescriptors() {
-    std::set<int> fds;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (dirent const* const entry = readdir(directory)) {
-        int const fd = std::atoi(entry->d_name);
-        if (entry->d_name[0] != '.' && fd != dirfd(directory)) fds.insert(fd);
-    }
-    closedir(directory);
-    return fds;
-}
-
 class Agent : public testing::Test {
 protected:
     ~Agent() override {
@@ -104,7 +97,7 @@ std::string const SUCCESS = Message(Byte(6));
 
 } // namespace
 
-TEST_F(Agent, NamesItsVariables) {
+TEST_F(Agent, VariablesHaveTheirNames) {
     EXPECT_STREQ(SshAgentAccess::SSH_AUTH_SOCK, "SSH_AUTH_SOCK");
     EXPECT_STREQ(SshAgentAccess::SSH_AGENT_PID, "SSH_AGENT_PID");
 }
@@ -121,7 +114,7 @@ TEST_F(Agent, PidIsReadFromTheEnvironment) {
     EXPECT_EQ(SshAgentAccess::GetAgentPid(), 0);
 }
 
-TEST_F(Agent, DefaultBuiltHandleHasNone) {
+TEST_F(Agent, DefaultHandleHasNoConnection) {
     Answering(SUCCESS);
     SshAgentAccess access;
     EXPECT_EQ(access.Add(noPrivateKey, "comment"), -1);
@@ -135,7 +128,7 @@ TEST_F(Agent, DefaultBuiltHandleHasNone) {
     EXPECT_THAT(agent->Requests(), IsEmpty());
 }
 
-TEST_F(Agent, NoConnectionFailsSoftly) {
+TEST_F(Agent, MissingConnectionIsAFailureResult) {
     std::string const tooLong = "/tmp/" + std::string(200, 'x');
     for (char const* path : {static_cast<char const*>(nullptr), "", "/nowhere/agent", tooLong.c_str()}) {
         if (path) setenv("SSH_AUTH_SOCK", path, 1);
@@ -149,7 +142,7 @@ TEST_F(Agent, NoConnectionFailsSoftly) {
     }
 }
 
-TEST_F(Agent, ConnectionThatFailedIsNotRetried) {
+TEST_F(Agent, FailedConnectionIsNotRetried) {
     setenv("SSH_AUTH_SOCK", "/nowhere/agent", 1);
     auto first = std::make_unique<SshAgentAccess>(nullptr);
     Answering(SUCCESS);
@@ -163,7 +156,7 @@ TEST_F(Agent, ConnectionThatFailedIsNotRetried) {
     EXPECT_EQ(third.Clear(), 0);
 }
 
-TEST_F(Agent, SocketIsThatOfTheVariableNamed) {
+TEST_F(Agent, SocketIsReadFromTheNamedVariable) {
     Answering(SUCCESS);
     setenv("OTHER_AGENT", agent->Path().c_str(), 1);
     setenv("SSH_AUTH_SOCK", "/nowhere/agent", 1);
@@ -175,6 +168,7 @@ TEST_F(Agent, HandlesShareOneConnection) {
     Answering(SUCCESS);
     auto first = std::make_unique<SshAgentAccess>(nullptr);
     setenv("SSH_AUTH_SOCK", "/nowhere/agent", 1);
+    EXPECT_EQ(first->Clear(), 0); // so that the agent has accepted the connection
     std::set<int> const before = OpenDescriptors();
     SshAgentAccess second(nullptr), third("OTHER_AGENT");
     EXPECT_EQ(OpenDescriptors(), before);
@@ -182,6 +176,7 @@ TEST_F(Agent, HandlesShareOneConnection) {
     first.reset();
     EXPECT_EQ(second.Clear(), 0);
     EXPECT_EQ(third.Clear(), 0);
+    EXPECT_EQ(agent->Connections(), 1u);
 }
 
 TEST_F(Agent, LastHandleClosesTheConnection) {
@@ -196,7 +191,7 @@ TEST_F(Agent, LastHandleClosesTheConnection) {
     EXPECT_EQ(access.Clear(), -5);
 }
 
-TEST_F(Agent, ConnectionIsNotPassedToOtherPrograms) {
+TEST_F(Agent, ConnectionIsClosedOnExec) {
     Answering(SUCCESS);
     std::set<int> const before = OpenDescriptors();
     SshAgentAccess access(nullptr);
@@ -211,21 +206,30 @@ TEST_F(Agent, ConnectionIsNotPassedToOtherPrograms) {
 }
 
 TEST_F(Agent, DescriptorZeroIsClosedAndNotUsed) {
-    Answering(SUCCESS);
+    // Nobody accepts here, as that would take the free number too.
+    support::TemporaryDirectory const directory;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (directory / "agent").copy(address.sun_path, sizeof address.sun_path - 1);
+    int const listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr const*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    setenv("SSH_AUTH_SOCK", address.sun_path, 1);
     int const saved = dup(0);
     close(0);
     {
         SshAgentAccess access(nullptr);
-        EXPECT_EQ(fcntl(0, F_GETFD), -1);
+        EXPECT_FALSE(support::IsOpen(0));
         EXPECT_EQ(access.Clear(), -5);
     }
     if (saved >= 0) {
         dup2(saved, 0);
         close(saved);
     }
+    close(listener);
 }
 
-TEST_F(Agent, RequestsHaveTheirExactBytes) {
+TEST_F(Agent, RequestsAreExact) {
     Answering([](std::string const& request) {
         switch (request[0]) {
         case 11:
@@ -257,7 +261,7 @@ TEST_F(Agent, RequestOfAnySizeReachesTheAgentWhole) {
     EXPECT_THAT(agent->Requests(), ElementsAre(Byte(17) + Field(comment)));
 }
 
-TEST_F(Agent, RefusalIsItsNumberNegated) {
+TEST_F(Agent, RefusalIsTheNegatedMessageNumber) {
     for (int number : {5, 30, 102}) {
         Answering(Message(Byte(number)));
         SshAgentAccess access(nullptr);
@@ -312,7 +316,7 @@ TEST_F(Agent, ReplyOfTheLargestSizeIsAccepted) {
     EXPECT_EQ(access.Clear(), 0);
 }
 
-TEST_F(Agent, ReplyOneByteLongerIsRefused) {
+TEST_F(Agent, ReplyOneByteTooLongIsRefused) {
     Answering(LongMessage(Byte(6), MAX_REPLY + 1));
     SshAgentAccess access(nullptr);
     char const* const words = "response of ssh-agent too long";
@@ -342,7 +346,7 @@ TEST_F(Agent, EmptyReplyIsBadInput) {
     EXPECT_THROW(SshAgentAccess::Iterator{access}, BadInput);
 }
 
-TEST_F(Agent, ReplyCutShortIsBadInput) {
+TEST_F(Agent, TruncatedReplyIsBadInput) {
     std::string const reply = Message(Byte(6) + "filler");
     for (std::size_t length = 1; length < reply.size(); ++length) {
         bool answered = false;
@@ -410,7 +414,7 @@ TEST_F(Agent, SilentAgentHoldsUpEveryUserOfTheConnection) {
     EXPECT_EQ(removed.get(), 0);
 }
 
-TEST_F(Agent, DeadAgentHurtsNobodyAndLeavesTheConnectionUnlocked) {
+TEST_F(Agent, DeadAgentLeavesTheConnectionUnlocked) {
     Answering(std::string());
     SshAgentAccess access(nullptr);
     for (int i = 0; i < 5; ++i) EXPECT_THROW(access.Clear(), BadInput);
@@ -419,7 +423,7 @@ TEST_F(Agent, DeadAgentHurtsNobodyAndLeavesTheConnectionUnlocked) {
     EXPECT_THROW(access.Add(noPrivateKey, std::string(100000, 'c').c_str()), BadInput);
 }
 
-TEST_F(Agent, ListIsWalkedInOrder) {
+TEST_F(Agent, IdentitiesAreListedInOrder) {
     Answering(Identities(3, Identity(1, "first") + Identity(2, "") + Identity(3, "third")));
     SshAgentAccess access(nullptr);
     SshAgentAccess::Iterator identity(access);
@@ -435,7 +439,7 @@ TEST_F(Agent, ListIsWalkedInOrder) {
     EXPECT_FALSE(identity);
 }
 
-TEST_F(Agent, EmptyListIsAtItsEndAtOnce) {
+TEST_F(Agent, EmptyListIsAtItsEnd) {
     Answering(Identities(0, ""));
     SshAgentAccess access(nullptr);
     SshAgentAccess::Iterator identity(access);
@@ -464,7 +468,7 @@ TEST_F(Agent, LargestNumberOfIdentitiesIsAccepted) {
     EXPECT_EQ(count, 1024);
 }
 
-TEST_F(Agent, OneIdentityMoreIsRefused) {
+TEST_F(Agent, OneIdentityTooManyIsRefused) {
     std::string entries;
     for (int i = 0; i < 1025; ++i) entries += Field("") + Field("c");
     Answering(Identities(1025, entries));
@@ -491,7 +495,7 @@ TEST_F(Agent, IdentityLongerThanTheReplyIsRefused) {
               "string length exceeds packet length");
 }
 
-TEST_F(Agent, KeyIsAvailableWhereverItStandsInTheList) {
+TEST_F(Agent, KeyIsAvailableAtAnyPositionInTheList) {
     Answering(Identities(3, Identity(1, "first") + Identity(2, "") + Identity(17, "third")));
     SshAgentAccess access(nullptr);
     EXPECT_EQ(access.IsAvailable(key), 1);
@@ -501,7 +505,7 @@ TEST_F(Agent, KeyIsAvailableWhereverItStandsInTheList) {
     EXPECT_EQ(access.IsAvailable(PublicKey()), 0);
 }
 
-TEST_F(Agent, SignatureReceivedIsStored) {
+TEST_F(Agent, ReceivedSignatureIsStored) {
     std::string const blob = SignatureBlob(std::string(128, 's'));
     Answering(Message(Byte(14) + Field(blob)));
     SshAgentAccess access(nullptr);
@@ -509,14 +513,14 @@ TEST_F(Agent, SignatureReceivedIsStored) {
     EXPECT_EQ(Text(signature._rep->Encode()), blob);
 }
 
-TEST_F(Agent, MalformedSignatureIsTheResultOfItsDecoding) {
+TEST_F(Agent, MalformedSignatureReturnsTheResultOfDecoding) {
     Answering(Message(Byte(14) + Field("nonsense")));
     SshAgentAccess access(nullptr);
     EXPECT_LT(access.Sign(key, data, cindral::DIGEST_SHA1, signature), 0);
     EXPECT_EQ(signature._rep->Encode().Length(), 0u);
 }
 
-TEST_F(Agent, SignatureCutShortIsBadInput) {
+TEST_F(Agent, TruncatedSignatureIsBadInput) {
     Answering(Message(Byte(14)));
     SshAgentAccess access(nullptr);
     EXPECT_THROW(access.Sign(key, data, cindral::DIGEST_SHA1, signature), BadInput);
@@ -524,7 +528,7 @@ TEST_F(Agent, SignatureCutShortIsBadInput) {
 }
 
 TEST_F(Agent, ThreadsDoNotMixTheirReplies) {
-    // Signs by giving back the data, which stand in front of the flags, as part of the signature.
+    // Signs by returning the data, which precede the flags, as part of the signature.
     Answering([](std::string const& request) {
         if (request[0] != 13) return SUCCESS;
         std::string const signedData = request.substr(request.size() - 8, 4);
@@ -550,7 +554,7 @@ TEST_F(Agent, ThreadsDoNotMixTheirReplies) {
     EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(Agent, ThreadsMayMakeAndDropHandlesAtOnce) {
+TEST_F(Agent, ThreadsMayCreateAndDestroyHandlesConcurrently) {
     Answering(SUCCESS);
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;

@@ -6,6 +6,11 @@
 #include <brantle/cindral/public_key.h>
 #include <brantle/thornel/byte_string.h>
 
+#include "support/text.h"
+
+using support::Bytes;
+using support::Text;
+
 /// Bytes as a string, built by hand so that no encoder of the library vouches for itself.
 
 /// A uint32 (RFC 4251, section 5).
@@ -21,14 +26,6 @@ inline std::string Field(std::string const& text) {
 }
 
 inline std::string Byte(int value) { return std::string(1, static_cast<char>(value)); }
-
-inline ByteString Bytes(std::string const& text) {
-    return ByteString(text.data(), static_cast<unsigned int>(text.size()));
-}
-
-inline std::string Text(ByteString const& bytes) {
-    return std::string(reinterpret_cast<char const*>(bytes.Data()), bytes.Length());
-}
 
 /// The blob of an rsa key of that many bytes (RFC 4253, section 6.6); `mark`, 1 to 127, makes the difference
 /// between two.

@@ -1,5 +1,5 @@
-#ifndef BRANTLE_TESTS_CINDRAL_CONTROLLED_TERMINAL_H
-#define BRANTLE_TESTS_CINDRAL_CONTROLLED_TERMINAL_H
+#ifndef BRANTLE_TESTS_SUPPORT_CONTROLLED_TERMINAL_H
+#define BRANTLE_TESTS_SUPPORT_CONTROLLED_TERMINAL_H
 
 #include <fcntl.h>
 #include <poll.h>
@@ -16,6 +16,8 @@
 #include <string>
 
 #include <gtest/gtest.h>
+
+namespace support {
 
 /// A terminal with a process in its foreground, for what reads /dev/tty. The test is the user: it
 /// types on the terminal and sees its screen. A second process, the shell, leads the session, sees
@@ -70,6 +72,8 @@ public:
         while (More(_reports, text)) continue;
         waitpid(_shell, nullptr, 0);
         _shell = -1;
+        pollfd screen = {_master, POLLIN, 0};
+        while (poll(&screen, 1, 0) > 0 && More(_master, _screen)) continue;
         return text;
     }
     std::string const& Screen() const { return _screen; }
@@ -159,5 +163,7 @@ inline std::string WithoutTerminal(std::string const& input, std::function<std::
     waitpid(child, nullptr, 0);
     return result;
 }
+
+} // namespace support
 
 #endif
