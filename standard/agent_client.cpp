@@ -87,7 +87,7 @@ bool AgentClient::Sign(View key, View data, unsigned int flags, Bytes& signature
     }
 }
 
-/// Sends a request and receives the reply, which has the number `expected`, unless the result is false.
+/// Sends a request and receives the reply. Returns whether its message number is `expected`.
 bool AgentClient::Exchange(Bytes const& request, int expected, Bytes& reply) {
     if (!IsPresent()) return Fail(_error.empty() ? "there is no agent" : _error);
     unsigned char length[4];
@@ -125,7 +125,7 @@ bool AgentClient::Fail(std::string const& reason) {
     return false;
 }
 
-/// As Fail, and the agent is absent from now on.
+/// Like Fail, but the agent also counts as absent from now on.
 bool AgentClient::Leave(std::string const& reason) {
     if (_fd >= 0) close(_fd);
     _fd._fd = -1;

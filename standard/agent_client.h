@@ -11,7 +11,7 @@
 
 namespace cindral::standard {
 
-/// A connection of its own to a key agent (draft-miller-ssh-agent), with keys and signatures as blobs.
+/// A separate connection to a key agent (draft-miller-ssh-agent), with keys and signatures as blobs.
 ///
 /// Nothing that the agent does throws: when it answers badly, or not within 180 seconds, the connection is
 /// closed and the agent counts as absent from then on.
@@ -26,10 +26,10 @@ public:
     static constexpr unsigned int RSA_SHA2_256 = 2;
     static constexpr unsigned int RSA_SHA2_512 = 4;
 
-    /// Connects to the socket that SSH_AUTH_SOCK names, in 10 seconds at most; there is no agent if the
-    /// variable is unset or empty.
+    /// Connects to the socket that SSH_AUTH_SOCK names, within 10 seconds; there is no agent if the variable
+    /// is unset or empty.
     AgentClient();
-    /// Connects to this socket; an empty path is no agent.
+    /// Connects to this socket; an empty path means no agent.
     explicit AgentClient(std::string const& path);
 
     bool IsPresent() const { return _fd >= 0; }
@@ -38,10 +38,11 @@ public:
     std::vector<Identity> List();
 
     /// Signs `data` with the private half of the key. False if the agent is absent, refuses or fails; then
-    /// Error() says why. `signature` is a signature's blob (RFC 4253, section 6.6), not looked at.
+    /// Error() says why. `signature` receives the signature blob (RFC 4253, section 6.6), which is not
+    /// checked.
     bool Sign(View key, View data, unsigned int flags, Bytes& signature);
 
-    /// What went wrong last; empty if nothing did.
+    /// The reason of the last failure; empty if there was none.
     std::string const& Error() const { return _error; }
 
 private:

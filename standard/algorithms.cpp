@@ -13,7 +13,7 @@ namespace cindral::standard {
 
 namespace {
 
-// Each table in the order of preference.
+// Each table is in order of preference.
 
 constexpr KexAlgorithm KEX[] = {
     {"curve25519-sha256", KexMethod::X25519, "X25519", "SHA256"},

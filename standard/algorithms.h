@@ -35,7 +35,7 @@ struct CipherAlgorithm {
     unsigned int ivSize;
     unsigned int blockSize;
 
-    /// Whether it authenticates by itself, so that no MAC is agreed.
+    /// Whether it authenticates the packet, so that no MAC is negotiated.
     bool IsAead() const { return mode != CipherMode::CTR; }
 };
 
@@ -61,13 +61,13 @@ bool HasAesInstructions();
 std::string DefaultCiphers(bool aesInstructions);
 
 /// Throws InvalidArgument with `place` and what is wrong if the list is empty, or a name in it is empty, not
-/// supported for that kind, or there twice.
+/// supported for that kind, or repeated.
 void CheckAlgorithms(AlgorithmKind kind, char const* place, std::string_view list);
 
-/// The names of a comma-separated list, those of length 0 too; none if the list is empty.
+/// The names in a comma-separated list, including empty ones; none if the list is empty.
 std::vector<std::string> SplitNames(std::string_view list);
 bool HasName(std::string_view list, std::string_view name);
-/// The first name in `client` that is in `server` too (RFC 4253, section 7.1); empty if there is none.
+/// The first name in `client` that is also in `server` (RFC 4253, section 7.1); empty if there is none.
 std::string FirstCommon(std::string_view client, std::string_view server);
 
 } // namespace cindral::standard

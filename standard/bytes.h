@@ -17,7 +17,7 @@ namespace cindral::standard {
 
 using Bytes = std::vector<unsigned char>;
 
-/// Bytes that lie elsewhere, such as in a packet; valid as long as their owner leaves them alone.
+/// Bytes owned elsewhere, such as those of a packet; valid as long as their owner does not change them.
 class View {
 public:
     View() = default;
@@ -67,7 +67,7 @@ public:
         unsigned int const size = Int();
         return View(Take(size), size);
     }
-    /// The body of an mpint, as it came (RFC 4251, section 5).
+    /// The body of an mpint, as received (RFC 4251, section 5).
     View Mpint() { return String(); }
 
     std::size_t Left() const { return static_cast<std::size_t>(_end - _pos); }
@@ -103,7 +103,7 @@ template <class Array>
 class BasicWriter {
 public:
     BasicWriter() = default;
-    /// Begins with a message number.
+    /// Starts with a message number.
     explicit BasicWriter(int number) { Byte(static_cast<unsigned char>(number)); }
 
     BasicWriter& Byte(unsigned char value) {

@@ -17,8 +17,8 @@ namespace cindral::standard {
 
 namespace {
 
-constexpr std::size_t PROGRAM_READ = 8192; ///< what a program's own channel is given at a time
-constexpr int READS = 4;                   ///< of one descriptor before others have their turn
+constexpr std::size_t PROGRAM_READ = 8192; ///< passed at a time to a channel of the program's class
+constexpr int READS = 4;                   ///< of one descriptor before the others' turn
 constexpr int ACCEPTS = 16;                ///< likewise
 constexpr std::size_t X11_HEADER = 12;
 constexpr std::size_t X11_MAX_SETUP = 1024;
@@ -29,14 +29,14 @@ using X11Channel = SshChannelMgr::X11Channel;
 
 bool IsA(SshChannel const& object, std::type_info const& type) { return typeid(object) == type; }
 
-/// Whether a channel is of a class of the program's own, whose overridden operations take part.
+/// Whether a channel is of a class that the program derives, whose overridden operations are called.
 bool IsPrograms(SshChannel const& object) {
     return !IsA(object, typeid(TtyChannel)) && !IsA(object, typeid(FdChannel)) &&
            !IsA(object, typeid(X11Channel));
 }
 
 /// The length of an X client's set-up message (X Window System Protocol, section 8), of which `bytes` is the
-/// beginning; 0 while it can't be known.
+/// beginning; 0 while it is not known yet.
 std::size_t X11SetupLength(Bytes const& bytes) {
     if (bytes.size() < X11_HEADER) return 0;
     auto const number = [&](std::size_t at) {
@@ -51,7 +51,8 @@ int OpenSpare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 } // namespace
 
-/// Leads a descriptor to the channel that it feeds, by the channel's number, as channels come and go.
+/// Passes events of a descriptor to the channel that it feeds. Keeps the channel's number, as the channel may
+/// be gone.
 class ChannelLoop::InputDispatcher : public IOMultiplexerDispatcher {
 public:
     InputDispatcher(ChannelLoop& loop, unsigned int local)
@@ -67,7 +68,7 @@ private:
     unsigned int _local;
 };
 
-/// Leads a descriptor that has room again to the channel that writes to it.
+/// Passes a descriptor that is writable again to the channel that writes to it.
 class ChannelLoop::OutputDispatcher : public IOMultiplexerDispatcher {
 public:
     OutputDispatcher(ChannelLoop& loop, unsigned int local, bool isError)
@@ -84,7 +85,7 @@ private:
     bool _isError;
 };
 
-/// Goes on writing to the server.
+/// Continues writing to the server.
 class ChannelLoop::SocketDispatcher : public IOMultiplexerDispatcher {
 public:
     explicit SocketDispatcher(ChannelLoop& loop) : IOMultiplexerDispatcher(IOMultiplexerWrite), _loop(loop) {}
@@ -98,7 +99,7 @@ private:
     ChannelLoop& _loop;
 };
 
-/// Leads a socket that has connected, or failed to, to its opening.
+/// Passes a socket that has connected, or failed to, to the CHANNEL_OPEN that is waiting for it.
 class ChannelLoop::ConnectDispatcher : public IOMultiplexerDispatcher {
 public:
     ConnectDispatcher(ChannelLoop& loop, unsigned int key)
@@ -217,14 +218,14 @@ void ChannelLoop::ReadInput(Channel& channel, Pump& pump) {
         ssize_t const n = read(pump.input, _channels.BeginData(room), room);
         if (n > 0) _channels.EndData(channel, static_cast<std::size_t>(n));
         if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) return EndInput(channel, pump);
-        // What a pipe, socket or terminal gave short would be waited for next.
+        // After a short read of a pipe, socket or terminal, another read would block.
         if (n < 0 || static_cast<std::size_t>(n) < room) return;
         pollfd more{pump.input, POLLIN, 0};
         if (poll(&more, 1, 0) <= 0) return;
     }
 }
 
-/// The end of the input, or its failure, which leaves the rest of the channel as it is.
+/// Handles the end of the input, or its failure; the rest of the channel is not affected.
 void ChannelLoop::EndInput(Channel& channel, Pump& pump) {
     WatchInput(channel.local, pump, false);
     pump.input = -1;
@@ -263,7 +264,7 @@ void ChannelLoop::Dispatch() {
     Settle();
 }
 
-/// What is to be done after anything has happened: write, and watch what has to be watched now.
+/// Called after every event: writes, and updates which descriptors are watched.
 void ChannelLoop::Settle() {
     _connection.Flush();
     WatchSocket();
@@ -305,8 +306,8 @@ void ChannelLoop::OnData(Channel& channel, View data, bool isError) {
     Deliver(&channel, channel.local, pump, data, isError && channel.isSession);
 }
 
-/// Writes to the channel's descriptor, and grants what has left. A local program that is gone ends a
-/// forwarded connection; for the session channel it is a failure of the session.
+/// Writes to the channel's descriptor, and grants window for what was written. If the local program is gone,
+/// a forwarded connection ends; for the session channel that is a failure of the session.
 void ChannelLoop::Deliver(Channel* channel, unsigned int local, Pump& pump, View data, bool isError) {
     std::unique_ptr<DescriptorSink>& sink = isError ? pump.errors : pump.output;
     if (!sink) {
@@ -359,7 +360,7 @@ void ChannelLoop::OnEof(Channel& channel) {
     if (Pump* const pump = Find(channel.local)) AfterOutput(channel.local, *pump);
 }
 
-/// What waits for all data to be written: the end of a connection, of a channel, of the session.
+/// Does what has to wait until all data is written: ends the connection, the channel or the session.
 void ChannelLoop::AfterOutput(unsigned int local, Pump& pump) {
     if ((pump.output && !pump.output->IsEmpty()) || (pump.errors && !pump.errors->IsEmpty())) return;
     Channel* const channel = _channels.Find(local);
@@ -394,7 +395,7 @@ void ChannelLoop::Accept(int listener, std::string const& host, unsigned int por
         if (connection >= 0) {
             AcceptOne(connection, host, port);
         } else if ((errno == EMFILE || errno == ENFILE) && _spare._fd >= 0) {
-            // Else the listener would stay ready, and the loop never rest.
+            // Otherwise the listener would stay ready, and the loop would busy-wait.
             close(_spare._fd);
             int const refused = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (refused >= 0) close(refused);

@@ -23,26 +23,27 @@ public:
     virtual ~LoopHost() = default;
     virtual SshChannelMgr& Table() = 0;
     virtual IOMultiplexer& Mux() = 0;
-    /// Makes a channel of the table for a connection, which it takes over, and returns it.
+    /// Creates a channel in the table for a connection, which it takes over, and returns the channel.
     virtual SshChannel& NewTcpChannel(unsigned int remote, char const* type, FileDescriptor& connection) = 0;
-    /// Lets the session make and confirm the channel of a remote X client. False if X11 is not forwarded.
+    /// Lets the session create and confirm the channel of a remote X client. False if X11 is not forwarded.
     virtual bool OpenX11Channel(View message) = 0;
     /// Where the server's connections to `port` lead; false if that port is not forwarded.
     virtual bool FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) = 0;
-    /// The session channel has ended, and all that it brought has been written.
+    /// The session channel has ended, and all its data has been written.
     virtual void OnSessionEnd() = 0;
     virtual void SetLastError(std::string const& text) = 0;
 };
 
-/// Moves bytes between the channels and their local descriptors, without ever waiting for one of them: a
-/// descriptor that is not served rests, and what it is owed is kept, within the channel's window.
+/// Moves bytes between the channels and their local descriptors, without ever waiting for one of them: while
+/// a descriptor is not ready, its data is kept, up to the size of the channel's window.
 class ChannelLoop {
 public:
-    /// Most channels at a time. The server's further ones are refused, further local connections closed.
+    /// Maximum number of channels at a time. Beyond it, the server's are refused and local connections
+    /// closed.
     static constexpr std::size_t MAX_CHANNELS = 1024;
 
     ChannelLoop(LoopHost& host, Connection& connection, Channels& channels);
-    /// Takes everything out of the loop.
+    /// Removes everything from the loop.
     ~ChannelLoop();
     ChannelLoop(ChannelLoop const&) = delete;
     ChannelLoop& operator=(ChannelLoop const&) = delete;
@@ -51,14 +52,15 @@ public:
     bool IsRunning() const { return _isRunning; }
     /// From now on `fd` feeds the channel.
     void RegisterInput(int fd, SshChannel const& object);
-    /// Serves the server's socket: all that has arrived.
+    /// Handles everything that has arrived on the server's socket.
     void Dispatch();
-    /// Accepts what waits at a listener, whose connections lead to `port` of `host` at the server's side.
+    /// Accepts the pending connections of a listener, which are forwarded to `port` of `host` at the server's
+    /// side.
     void Accept(int listener, std::string const& host, unsigned int port);
-    /// Data of a channel that a program feeds by itself.
+    /// Sends data on a channel that the program feeds itself.
     void Send(Channel& channel, View data);
     void SetKeepalive(unsigned int seconds, unsigned int unanswered);
-    /// Writes what has been posted, and watches what has to be watched from now on.
+    /// Writes what has been posted, and updates which descriptors are watched.
     void Settle();
 
     // As in ChannelEvents.
@@ -84,12 +86,12 @@ private:
         std::unique_ptr<DescriptorSink> output;
         std::unique_ptr<DescriptorSink> errors;
         bool isSession = false;
-        bool isClosing = false; ///< gone at the server's side
-        Bytes unsent;           ///< of data that the window had no room for
-        Bytes x11Setup;         ///< the part of an X client's first message that has come
+        bool isClosing = false; ///< closed by the server
+        Bytes unsent;           ///< data that the window had no room for
+        Bytes x11Setup;         ///< the part of an X client's first message that has arrived
     };
 
-    /// A connection to a target that is being made for the server.
+    /// A connection to a target that is being established for the server.
     struct Pending {
         std::unique_ptr<TcpConnector> connector;
         std::string type;
@@ -127,7 +129,7 @@ private:
     unsigned int _nextPending = 0;
     FileDescriptor _socket; ///< a second descriptor of the connection, watched while output waits
     bool _socketIsWatched = false;
-    FileDescriptor _spare; ///< given up for a moment to turn a connection away when descriptors run out
+    FileDescriptor _spare; ///< closed for a moment to accept and close a connection when descriptors run out
     unsigned int _keepaliveSeconds = 0;
     unsigned int _keepaliveUnanswered = 0;
     std::unique_ptr<KeepaliveTimer> _keepalive;

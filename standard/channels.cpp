@@ -135,7 +135,7 @@ bool Channels::TakeOpenFailure(View message) {
 void Channels::TakeData(View message, bool isError) {
     Reader fields(message, isError ? "CHANNEL_EXTENDED_DATA" : "CHANNEL_DATA");
     Channel& channel = Open(fields.Int(), "CHANNEL_DATA");
-    if (isError) fields.Int(); // every type of extended data is shown as error output
+    if (isError) fields.Int(); // every type of extended data counts as standard error
     View const data = fields.String();
     fields.End();
     if (channel.eofReceived) Violation("data after CHANNEL_EOF");
@@ -224,7 +224,7 @@ void Channels::TakeGlobalRequest(View message) {
     if (fields.Bool()) _connection.Post(Writer(Packet::SSH_MSG_REQUEST_FAILURE).Get());
 }
 
-/// The session expects no port in the answer to its forwarding, whatever the server puts there.
+/// The session expects no port in the reply to its tcpip-forward request, even if the server sends one.
 bool Channels::TakeGlobalAnswer(View& message) {
     if (_globals.empty()) Violation("an answer to no global request");
     Global const request = _globals.front();
@@ -251,7 +251,7 @@ void Channels::TakeOpening(View message) {
     _events.OnOpenRequest(request);
 }
 
-// --- messages of this side
+// --- messages of the client
 
 void Channels::Submit(View message) {
     switch (message[0]) {
@@ -278,7 +278,7 @@ void Channels::SubmitOpening(View message) {
     _connection.Post(message);
 }
 
-/// The session confirms the channels of remote X clients by itself, under a number that is known by then.
+/// The session itself confirms the channels of remote X clients, under a number that is already known here.
 void Channels::SubmitConfirmation(View message) {
     Reader fields(Fields(message), "CHANNEL_OPEN_CONFIRMATION");
     unsigned int const remote = fields.Int();
@@ -288,8 +288,8 @@ void Channels::SubmitConfirmation(View message) {
     _connection.Post(message);
 }
 
-/// Requests that start something are sent with the wish for an answer: one that is refused must not pass for
-/// one that runs.
+/// Requests that start something are sent with "want reply": one that is refused must not be taken for one
+/// that runs.
 void Channels::SubmitRequest(View message) {
     Reader fields(Fields(message), "CHANNEL_REQUEST");
     Channel* const channel = FindRemote(fields.Int());
@@ -328,7 +328,7 @@ unsigned char* Channels::BeginData(std::size_t size) {
 
 void Channels::EndData(Channel& channel, std::size_t size) {
     if (size == 0) return;
-    // Where BeginData() was: nothing has been posted in between.
+    // At the same place as in BeginData(): nothing has been posted in between.
     unsigned char* const message = _connection.BeginPost(DATA_HEADER + size);
     message[0] = Packet::SSH_MSG_CHANNEL_DATA;
     StoreInt(message + 1, channel.remote);

@@ -11,13 +11,13 @@
 
 namespace cindral::standard {
 
-/// One channel as the connection protocol sees it (RFC 4254, section 5): numbers, windows, and which ends are
-/// still open. Windows and packet sizes are in bytes.
+/// One channel as the connection protocol sees it (RFC 4254, section 5): numbers, windows, and which
+/// directions are still open. Windows and packet sizes are in bytes.
 struct Channel {
-    /// A request of this side that the server has not answered yet.
+    /// A request of the client that the server has not answered yet.
     struct Request {
         std::string name;
-        bool isReported; ///< the answer is passed on to who sent the request
+        bool isReported; ///< the answer is passed on to the sender of the request
     };
 
     explicit Channel(unsigned int number) : local(number) {}
@@ -36,29 +36,29 @@ struct Channel {
     bool closeSent = false;
     bool closeReceived = false;
 
-    unsigned int remoteWindow = 0; ///< what this side may still send
+    unsigned int remoteWindow = 0; ///< what the client may still send
     unsigned int remoteMax = 0;    ///< in one message
     unsigned int localWindow = 0;  ///< what the server may still send
     unsigned int localMax = 0;     ///< in one message
-    unsigned int windowSize = 0;   ///< what is granted at most
-    unsigned int consumed = 0;     ///< passed on, and not granted again yet
+    unsigned int windowSize = 0;   ///< upper limit of what is granted
+    unsigned int consumed = 0;     ///< processed, but not granted again yet
 
     std::deque<Request> requests;
     int exitStatus = -1;
     std::string exitSignal;
 };
 
-/// An opening by the server.
+/// A CHANNEL_OPEN from the server.
 struct OpenRequest {
     View message; ///< whole
     std::string type;
     unsigned int sender;
     unsigned int window;
     unsigned int maxPacket;
-    View rest; ///< the fields of the type
+    View rest; ///< the fields specific to the type
 };
 
-/// Who is told of what happens to channels. Views are good during the call.
+/// Notified of what happens to channels. Views are valid during the call only.
 class ChannelEvents {
 public:
     virtual ~ChannelEvents() = default;
@@ -70,31 +70,31 @@ public:
     virtual void OnEof(Channel& channel) = 0;
     /// Both sides have closed; the channel is gone after the call.
     virtual void OnClosed(Channel& channel) = 0;
-    /// More may be sent than before.
+    /// The server has granted more window.
     virtual void OnWindow(Channel& channel) = 0;
     virtual void OnOpenRequest(OpenRequest const& request) = 0;
-    /// A request of this side that was refused and that nobody asked to be told of.
+    /// A request of the client that was refused and was not sent as a reported one.
     virtual void OnRequestRefused(Channel& channel, std::string const& name) = 0;
 };
 
 /// The connection protocol (RFC 4254): channels, their windows, and the requests of both sides.
 ///
-/// Whatever the server sends against the protocol throws SshProtocolError: data beyond a window or a packet
-/// size, after EOF, for a channel that is not open, and a window that overflows.
+/// A violation of the protocol by the server throws SshProtocolError: data beyond a window or a packet size,
+/// after EOF, for a channel that is not open, and a window that overflows.
 class Channels {
 public:
     static constexpr unsigned int MAX_PACKET = 0x8000;
     static constexpr unsigned int MAX_WINDOW = 0x200000;
-    /// What is sent in front of the data of a message.
+    /// Number of bytes before the data in a message.
     static constexpr std::size_t DATA_HEADER = 9;
 
-    /// What one message may hold at most, of the size that the server announced.
+    /// The most data in one message, whatever packet size the server has announced.
     static unsigned int PacketSize(unsigned int announced);
 
     Channels(Connection& connection, ChannelEvents& events);
     ~Channels();
 
-    /// Takes a channel in, which Find() finds from then on.
+    /// Adds a channel, which Find() returns from then on.
     Channel& Add(std::unique_ptr<Channel> channel, unsigned int windowSize, unsigned int maxPacket);
     /// Null for a number that is not in use.
     Channel* Find(unsigned int local) const;
@@ -103,19 +103,19 @@ public:
     std::size_t Count() const { return _channels.size(); }
     std::map<unsigned int, std::unique_ptr<Channel>> const& All() const { return _channels; }
 
-    /// Handles a message from the server. True if it is to be passed on to who waits for an answer: the
-    /// answers to openings and requests that were sent as reported ones. The view then leads to what is to be
-    /// passed on.
+    /// Handles a message from the server. True if it has to be passed on to the caller that waits for a
+    /// reply: the replies to CHANNEL_OPEN and to requests that were sent as reported ones. The view is then
+    /// what has to be passed on.
     bool Take(View& message);
 
-    /// Notes what a message of this side's means, and posts it. An opening, confirmation or request that the
-    /// session made by itself comes by here.
+    /// Records the effect of a message of the client, and posts it. A CHANNEL_OPEN, confirmation or request
+    /// that the session itself has created is sent through here.
     void Submit(View message);
 
-    // Each posts a message; nothing waits.
+    // Each posts a message and does not block.
     void PostData(Channel& channel, View data);
-    /// Room for data of at most `size` bytes, to be ended by EndData(). REQUIRES: Connection::MayPost(), and
-    /// size <= channel.Sendable().
+    /// Returns room for at most `size` bytes of data; EndData() completes the message. REQUIRES:
+    /// Connection::MayPost(), and size <= channel.Sendable().
     unsigned char* BeginData(std::size_t size);
     void EndData(Channel& channel, std::size_t size);
     void PostEof(Channel& channel);
@@ -123,11 +123,11 @@ public:
     void PostOpen(Channel& channel, char const* type, View fields);
     void PostConfirmation(Channel& channel, OpenRequest const& request);
     void PostRefusal(OpenRequest const& request, int reason, char const* text);
-    /// Counts bytes as passed on; grants them when that is worth a message.
+    /// Counts bytes as processed, and sends a WINDOW_ADJUST once there are enough of them.
     void Consume(Channel& channel, std::size_t size);
     void PostKeepalive();
 
-    /// Keepalives that have not been answered.
+    /// Number of keepalives without a reply.
     unsigned int UnansweredKeepalives() const { return _keepalives; }
     /// The port that the server chose for the last remote forwarding of port 0.
     unsigned int RemotePort() const { return _remotePort; }
@@ -158,7 +158,7 @@ private:
     Connection& _connection;
     ChannelEvents& _events;
     std::map<unsigned int, std::unique_ptr<Channel>> _channels; ///< by local number
-    std::deque<Global> _globals; ///< requests that wait for their answers, which come in order
+    std::deque<Global> _globals; ///< requests that wait for their replies, which arrive in order
     unsigned int _keepalives = 0;
     bool _isAnyPort = false; ///< the last remote forwarding asked for port 0
     unsigned int _remotePort = 0;

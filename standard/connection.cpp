@@ -9,7 +9,7 @@ namespace cindral::standard {
 
 namespace {
 
-constexpr std::size_t MAX_LINE = 8192;                 ///< of what precedes the identification
+constexpr std::size_t MAX_LINE = 8192;                 ///< of the lines before the identification
 constexpr unsigned int MAX_LINES = 1024;               ///< likewise
 constexpr std::size_t MAX_HELD = 0x10000;              ///< messages
 constexpr unsigned long long MAX_PACKETS = 1ull << 31; ///< RFC 4344, section 3.1
@@ -123,7 +123,7 @@ bool Connection::Next(View& message) {
     return false;
 }
 
-/// Whether the message has been dealt with here.
+/// Returns whether the message has been handled here.
 bool Connection::TakeTransportMessage(View message) {
     int const number = message[0];
     if (number >= FIRST_EXCHANGE_MESSAGE && number <= LAST_EXCHANGE_MESSAGE) {
@@ -177,7 +177,7 @@ void Connection::Disconnect(int reason, std::string const& text) noexcept {
                             .Get());
         _transport.Flush();
     } catch (...) {
-        return; // the connection is gone: there is nobody left to inform
+        return; // the connection is gone: there is no peer left to inform
     }
 }
 

@@ -18,35 +18,35 @@ struct RekeyLimit {
 };
 
 /// The transport layer of one connection (RFC 4253): identification, key exchanges whenever either side wants
-/// one, and the messages that are of no concern to what runs above it.
+/// one, and the messages that the layers above need not see.
 ///
 /// It works in two ways. Receive() and Send() block on the caller's thread. In a loop, Fill() and Next()
-/// serve what has arrived, and Post() and Flush() write what the socket takes; nothing waits.
+/// return what has arrived, and Post() and Flush() write what the socket accepts; none of these block.
 class Connection : public MessagePort {
 public:
     /// The references must outlive the object.
     Connection(Offer const& offer, HostKeyCheck& hostKeys, RekeyLimit const& limit);
 
     /// Takes the connected socket, which stays the caller's, and exchanges identification lines before the
-    /// deadline (RFC 4253, section 4.2): lines before the server's are skipped. `own` is without its line
-    /// end. Returns 0 or a negated errno value, with the reason in `reason`.
+    /// deadline (RFC 4253, section 4.2): lines before the server's are skipped. `own` is the client's line
+    /// without its line end. Returns 0 or a negated errno value, with the reason in `reason`.
     int Identify(int fd, Deadline const& deadline, std::string const& own, std::string& server,
                  std::string& reason);
-    /// Runs the first key exchange. Throws Declined, too.
+    /// Runs the first key exchange. May also throw Declined.
     void ExchangeKeys();
 
     void Send(View message) override;
     View Receive() override;
 
-    /// Sends a message as soon as an exchange under way permits, without a wait.
+    /// Sends a message as soon as a key exchange in progress permits, without blocking.
     void Post(View message);
-    /// Room for a message that the caller writes in place, ended by EndPost().
+    /// Returns room for a message that the caller writes in place; EndPost() completes it.
     /// REQUIRES: MayPost().
     unsigned char* BeginPost(std::size_t size) { return _transport.Begin(size); }
     void EndPost(std::size_t size) { _transport.End(size); }
-    /// Whether a message would leave at once: no exchange is under way, and little waits for the socket.
+    /// Whether a message would be sent at once: no key exchange is in progress, and little output is pending.
     bool MayPost() const { return _exchange.MaySend() && _transport.PendingOutput() < MAX_PENDING; }
-    /// Writes what the socket takes. Starts an exchange when one is due.
+    /// Writes what the socket accepts. Starts a key exchange when one is due.
     void Flush();
     /// Writes all, waiting as long as the server makes progress.
     void FlushAll() { _transport.FlushAll(); }
@@ -54,22 +54,24 @@ public:
 
     /// Reads what has arrived.
     std::size_t Fill() { return _transport.Fill(); }
-    /// The next message that is of concern above, from what has been read; false if there is none.
+    /// The next message for the layers above, from what has been read; false if there is none.
     bool Next(View& message);
-    /// Whether there are packets to be taken by Next().
+    /// Whether there are packets for Next().
     bool HasPacket() { return _transport.HasPacket(); }
-    /// Waits for more from the server, with everything written first. Throws SshProtocolError when it stays
+    /// Writes everything, then waits for more from the server. Throws SshProtocolError if the server stays
     /// silent for longer than the limit.
     void WaitAndFill();
 
-    /// Answers the message that Next() or Receive() gave last with UNIMPLEMENTED (RFC 4253, section 11.4).
+    /// Answers the message that Next() or Receive() returned last with UNIMPLEMENTED (RFC 4253, section
+    /// 11.4).
     void PostUnimplemented();
-    /// Sends DISCONNECT and writes what the socket takes. Throws nothing.
+    /// Sends DISCONNECT and writes what the socket accepts. Throws nothing.
     void Disconnect(int reason, std::string const& text) noexcept;
 
     int Fd() const { return _transport.Fd(); }
     KeyExchange const& Exchange() const { return _exchange; }
-    /// The signature algorithms that the server takes (RFC 8308, section 3.1); empty if it has not said so.
+    /// The signature algorithms that the server accepts (RFC 8308, section 3.1); empty if it has not sent
+    /// them.
     std::string const& ServerSignatureAlgorithms() const { return _serverSigAlgs; }
 
 private:
@@ -87,7 +89,7 @@ private:
     KeyExchange _exchange;
     Clock::time_point _keysSince;
     unsigned int _exchangesSeen = 0;
-    std::vector<Bytes> _held; ///< messages that wait for the end of an exchange
+    std::vector<Bytes> _held; ///< messages that wait for the end of a key exchange
     std::string _serverSigAlgs;
 };
 

@@ -5,35 +5,35 @@
 
 namespace cindral::standard {
 
-/// Takes the data of the session channel as it comes, in pieces of any size.
+/// Receives the data of the session channel as it arrives, in pieces of any size.
 class DataReceiver {
 public:
     virtual ~DataReceiver() = default;
-    /// Must not send anything: the view is good as long as nothing else is done on the connection.
+    /// Must not send anything: the view is valid until the next operation on the connection.
     virtual void TakeData(View data) = 0;
 };
 
-/// The data of the session channel outside the loop, without a copy on the way. Everything blocks; the end of
-/// the channel is an SshProtocolError.
+/// The data of the session channel outside the loop, without copying. Everything blocks; the end of the
+/// channel throws SshProtocolError.
 class DataPort {
 public:
     virtual ~DataPort() = default;
 
-    /// Leads the channel's data to a receiver, null for the session, as at first. While data are sent, too,
-    /// some may come.
+    /// Directs the channel's data to a receiver; null means the session, which is the default. Data may also
+    /// arrive while data is being sent.
     virtual void SetReceiver(DataReceiver* receiver) = 0;
 
-    /// Sends data. What has not been written when it returns leaves with Serve().
+    /// Sends data. What has not been written when it returns is written by Serve().
     virtual void Write(View data) = 0;
-    /// Room for `size` bytes that go out as one message, to be ended by EndWrite() at once; null if the
-    /// window or the packet size has no room for them now, so that Write() has to do it.
+    /// Returns room for `size` bytes that are sent as one message, which EndWrite() has to complete at once;
+    /// null if the window or the packet size has no room for them now, so that Write() has to be used.
     virtual unsigned char* BeginWrite(std::size_t size) = 0;
     virtual void EndWrite(std::size_t size) = 0;
-    /// Writes what waits, and lets the receiver take what comes, after a wait if that is nothing.
+    /// Writes pending output, and passes what arrives to the receiver; waits if nothing has arrived.
     virtual void Serve() = 0;
 };
 
-/// Leads the channel's data to a receiver for a while.
+/// Directs the channel's data to a receiver during its lifetime.
 class Receiving {
 public:
     Receiving(DataPort& port, DataReceiver& receiver) : _port(port) { _port.SetReceiver(&receiver); }
