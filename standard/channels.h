@@ -88,7 +88,7 @@ public:
     /// Number of bytes before the data in a message.
     static constexpr std::size_t DATA_HEADER = 9;
 
-    /// The most data in one message, whatever packet size the server has announced.
+    /// The most data that one message may carry, given the packet size that the server has announced.
     static unsigned int PacketSize(unsigned int announced);
 
     Channels(Connection& connection, ChannelEvents& events);

@@ -19,7 +19,7 @@ namespace cindral::standard {
 
 namespace {
 
-/// Keeps a SIGPIPE of this thread's own from being delivered.
+/// Keeps a SIGPIPE caused by this thread from being delivered.
 class NoSigpipe {
 public:
     NoSigpipe() {

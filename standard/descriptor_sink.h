@@ -7,21 +7,21 @@
 
 namespace cindral::standard {
 
-/// The end of a channel's data at a descriptor: writes what it takes without a wait and keeps the rest.
+/// Writes a channel's data to a descriptor: as much as it accepts without blocking, and keeps the rest.
 ///
-/// The descriptor given stays the caller's, and so do its flags, which other processes may share: a pipe or
-/// terminal is opened once more for writing without a wait.
+/// The descriptor stays the caller's, and its flags, which other processes may share, are not changed: a pipe
+/// or terminal is opened once more, non-blocking.
 class DescriptorSink {
 public:
     explicit DescriptorSink(int fd);
 
-    /// Writes, or keeps what can't be written now. Returns how many bytes have left, of these and of those
-    /// kept before. Throws SystemError "write failed".
+    /// Writes the data, or keeps what can't be written now. Returns how many bytes were written, including
+    /// those kept before. Throws SystemError "write failed".
     std::size_t Write(View data);
-    /// Goes on with what is kept. Results as above.
+    /// Continues with what is kept. Result as above.
     std::size_t Resume() { return Write(View()); }
     bool IsEmpty() const { return _pos == _kept.size(); }
-    /// To be watched for room while the sink is not empty.
+    /// The descriptor to poll for output while the sink is not empty.
     int Fd() const { return _own._fd; }
     /// Drops what is kept.
     void Clear();
@@ -33,10 +33,10 @@ private:
     long WriteOnce(View data) const;
 
     Kind _kind = Kind::OTHER;
-    bool _waits = false; ///< a write could wait: done after poll(2), in pieces that a pipe takes whole
+    bool _waits = false; ///< a write could block: done after poll(2), in pieces that a pipe accepts whole
     FileDescriptor _own;
     Bytes _kept;
-    std::size_t _pos = 0; ///< of what is kept
+    std::size_t _pos = 0; ///< within _kept
 };
 
 } // namespace cindral::standard

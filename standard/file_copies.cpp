@@ -55,7 +55,7 @@ int FileCopies::ReceiveTo(SftpClient& client, SftpStatus& status, String_t const
     if (handle._bytes.Length() == 0) return Fail(-1, remote, Printable(Name(status._message)));
     SftpClient::FileControl const control(client, handle);
     SftpFileAttr attrs;
-    SftpStatus ignored; // a server that can't tell the size can still send the file
+    SftpStatus ignored; // a server that does not report the size can still send the file
     client.Fstat(ignored, handle, attrs);
     int const fd = openLocal(attrs);
     if (fd < 0) return Fail(fd, remote, std::strerror(-fd));
@@ -128,7 +128,7 @@ unsigned int FileCopies::CreationMode(unsigned int mode) {
     return _options.keepsModes ? mode & PERMISSIONS : PLAIN_FILE;
 }
 
-/// What a file that shrinks lacks is made up for with zeros, and then said to be wrong.
+/// If the file has shrunk, the rest is sent as zeros and then reported to the server as an error.
 int FileCopies::SendBody(OSshDataStream& out, String_t const& name, int fd, long long size) {
     std::vector<char> block(SCP_BLOCK);
     int failure = 0;

@@ -16,8 +16,8 @@ struct CopyOptions {
     bool keepsModes = false; ///< received files get the server's permission bits, within 0777
 };
 
-/// Copies of whole files over SFTP, with many requests on the way, and the bodies of scp's. A copy that is
-/// not complete is a failure, whose reason `report` is given.
+/// Copies whole files over SFTP, with many requests in flight, and the file contents of scp. An incomplete
+/// copy is a failure, whose reason is passed to `report`.
 class FileCopies : public FileTransfer {
 public:
     using Progress =

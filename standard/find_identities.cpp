@@ -20,8 +20,7 @@ namespace {
 
 constexpr std::size_t MAX_PUBLIC_FILE = 0x10000;
 
-/// Answers with the passphrase given, then with one preset in the user's object, then with what the user
-/// answers.
+/// Returns the passphrase given, then the one preset in the user's object, then what the user enters.
 class Passphrases : public EnterPassword {
 public:
     Passphrases(View given, EnterPassword& user, std::string const& file)
@@ -86,7 +85,7 @@ private:
     EnterPassword& _enter;
 };
 
-/// A key that the agent holds, and maybe a file.
+/// A key that the agent holds, and perhaps a file.
 class AgentIdentity : public Identity {
 public:
     AgentIdentity(std::shared_ptr<AgentClient> agent, Bytes blob, std::string name,
@@ -112,7 +111,7 @@ private:
             reason = _agent->Error();
             return false;
         }
-        // An agent that does not know the flags signs with SHA-1. A signature's blob begins as a key's does.
+        // An agent that does not know the flags signs with SHA-1. A signature blob begins like a key blob.
         if (KeyTypeOf(signature) == algorithm) return true;
         reason = "the agent does not sign with " + algorithm;
         return false;
@@ -122,13 +121,13 @@ private:
     std::unique_ptr<FileIdentity> _file;
 };
 
-/// The key in a file of one line, "type base64 comment"; empty if there is none.
+/// The key in a ".pub" file, a line "type base64 comment"; empty if there is none.
 Bytes ReadPublicKey(std::string const& path) {
     std::ifstream file(path);
     std::string text(MAX_PUBLIC_FILE, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<std::size_t>(file.gcount()));
-    // It is a line of known_hosts without the hosts.
+    // The line has the format of known_hosts without the hosts.
     std::string const line = "* " + text.substr(0, text.find('\n'));
     KnownHostsLine parsed;
     Bytes blob;
@@ -144,7 +143,7 @@ std::vector<std::string> DefaultFiles() {
     return files;
 }
 
-/// Puts the identities together.
+/// Collects the identities.
 class Finder {
 public:
     Finder(std::shared_ptr<AgentClient> const& agent, std::vector<std::string>& notes)
@@ -152,7 +151,7 @@ public:
         if (!agent->Error().empty()) notes.push_back("agent: " + Printable(agent->Error()));
     }
 
-    /// Adds the key of the file, if the agent holds it; else it waits for AddFiles.
+    /// Adds the key of the file if the agent holds it; otherwise AddFiles adds it later.
     void Consider(std::string const& path, View passphrase, EnterPassword& enter, bool mayBeMissing) {
         auto file = std::make_unique<FileIdentity>(path, passphrase, enter);
         int const result = file->Open();
@@ -186,7 +185,7 @@ private:
         return blob.empty() ? ReadPublicKey(path + ".pub") : blob;
     }
 
-    /// Whether the agent has the key, which it then has no longer.
+    /// Whether the agent holds the key, which is then removed from `_keys`.
     bool TakeKey(Bytes const& blob) {
         auto const isKey = [&](AgentClient::Identity const& key) { return key.blob == blob; };
         auto const taken = std::remove_if(_keys.begin(), _keys.end(), isKey);
@@ -196,7 +195,7 @@ private:
     }
 
     std::shared_ptr<AgentClient> const& _agent;
-    std::vector<AgentClient::Identity> _keys; ///< the agent's that are not in use yet
+    std::vector<AgentClient::Identity> _keys; ///< those of the agent that are not in use yet
     std::vector<std::string>& _notes;
     std::vector<std::unique_ptr<FileIdentity>> _files;
     Identities _found;

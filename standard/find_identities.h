@@ -12,17 +12,17 @@
 
 namespace cindral::standard {
 
-/// The user's keys in the order in which a server is offered them.
+/// The user's keys in the order in which they are offered to a server.
 ///
 /// `file` is a file with a private key, or with a public key whose private half the agent holds. That key
-/// comes first, then the agent's other keys. If `file` is empty, it stands for those of id_ed25519, id_ecdsa
-/// and id_rsa in .ssh of the home directory that exist: the ones that the agent holds come first, then the
-/// agent's other keys, then the other files. A key that the agent holds is signed with by the agent, and from
-/// its file if that fails.
+/// comes first, then the agent's other keys. If `file` is empty, the default files are used: those of
+/// id_ed25519, id_ecdsa and id_rsa in .ssh of the home directory that exist. The ones that the agent holds
+/// come first, then the agent's other keys, then the other files. The agent signs with the keys that it
+/// holds; if it fails, the key's file is used.
 ///
 /// A passphrase is asked for when an identity is unlocked: `passphrase` is tried first if it is not empty,
-/// then what `enter` answers, as often as it has tries. Both, and the identities themselves, use what the
-/// references lead to. Files that can't be used, and a failure of the agent, get a line in `notes`.
+/// then what `enter` returns, as often as it allows tries. The references must outlive the identities. Files
+/// that can't be used, and a failure of the agent, are reported in `notes`.
 Identities FindIdentities(std::string const& file, std::shared_ptr<AgentClient> const& agent, View passphrase,
                           EnterPassword& enter, std::vector<std::string>& notes);
 

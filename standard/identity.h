@@ -11,25 +11,25 @@
 
 namespace cindral::standard {
 
-/// A key pair by which a user may be known to the server, wherever its private half is.
+/// A key pair of the user, whose private half may be in a file or in an agent.
 class Identity {
 public:
     virtual ~Identity() = default;
     Identity(Identity const&) = delete;
     Identity& operator=(Identity const&) = delete;
 
-    /// The blob of the public key; empty as long as it can be learnt by Unlock() alone.
+    /// The blob of the public key; empty while only Unlock() can determine it.
     Bytes const& Blob() const { return _blob; }
-    /// For the user's eyes: a file, or the comment of an agent's key.
+    /// For display: the name of a file, or the comment of an agent's key.
     std::string const& Name() const { return _name; }
 
     /// Whether Sign() needs neither the user nor an agent.
     virtual bool IsUnlocked() const { return false; }
-    /// Makes the private half available, and asks the user if need be; the blob is known afterwards. On false
-    /// `reason` says why not.
+    /// Makes the private half available, asking the user if necessary; the blob is known afterwards. If the
+    /// result is false, `reason` says why.
     virtual bool Unlock(std::string& reason) = 0;
-    /// The signature blob (RFC 4253, section 6.6) by that algorithm. On false `reason` says why there is
-    /// none.
+    /// Creates the signature blob (RFC 4253, section 6.6) with that algorithm. If the result is false,
+    /// `reason` says why.
     virtual bool Sign(std::string const& algorithm, View data, Bytes& signature, std::string& reason) = 0;
 
 protected:

@@ -31,12 +31,12 @@ enum MessageNumber : int {
 constexpr unsigned int MIN_GROUP = 2048;
 constexpr unsigned int PREFERRED_GROUP = 3072; ///< 128 bits of security
 constexpr unsigned int MAX_GROUP = 8192;
-/// Of the private exponent in a group of the server's choice: more than twice the bits of security that the
-/// largest one has. For those that libcrypto knows it chooses the size itself.
+/// Size of the private exponent in a group that the server chooses: more than twice the bits of security of
+/// the largest one. For groups that libcrypto knows, it chooses the size itself.
 constexpr int EXPONENT = 512;
 
 [[noreturn]] void Refuse(char const* name, char const* what) {
-    ERR_clear_error(); // what a server sent is no error to be found in the queue later
+    ERR_clear_error(); // a server's bad input must leave no error in libcrypto's queue
     Reader(View(), name).Fail(what);
 }
 
@@ -62,7 +62,7 @@ bool IsWithin(BIGNUM const* number, BIGNUM const* p) {
     return BN_cmp(number, BN_value_one()) > 0 && BN_cmp(number, last.get()) < 0;
 }
 
-/// Of a DH key, its group, or a curve key: the public value in the encoding that its RFC has for it.
+/// The public value of a DH or curve key, in the encoding that its RFC specifies.
 Bytes EncodePublic(EVP_PKEY* key) {
     unsigned char* encoded = nullptr;
     std::size_t const size = EVP_PKEY_get1_encoded_public_key(key, &encoded);
@@ -91,15 +91,15 @@ PkeyPtr GenerateInGroup(char const* type, char const* group) {
                     group ? parameters : nullptr);
 }
 
-/// The raw shared secret. `peer` has the encoding and the size of the own public value. Refuses it in the
-/// name of that message if it is none.
+/// The raw shared secret. `peer` has the encoding and the size of this side's public value. Throws
+/// SshProtocolError that names `message` if it is not a valid public value.
 SecretBytes Derive(EVP_PKEY* own, View peer, char const* message) {
     PkeyPtr const key(EVP_PKEY_new());
     PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_pkey(nullptr, own, nullptr));
     if (!key || !context || EVP_PKEY_copy_parameters(key.get(), own) != 1 ||
         EVP_PKEY_derive_init(context.get()) != 1)
         throw OpenSSLError("EVP_PKEY_derive_init");
-    // This checks that a point is on its curve. The long check of the peer's key would find nothing else, as
+    // This checks that a point is on its curve. The full check of the peer's key would find nothing else, as
     // the curves have cofactor 1, and the range of a Diffie-Hellman value has been checked.
     constexpr int NO_LONG_CHECK = 0;
     std::size_t size = 0;
@@ -140,7 +140,7 @@ private:
         View const peer = reader.String();
         View const signature = reader.String();
         reader.End();
-        // Points come uncompressed, as the own one is.
+        // Points are uncompressed, as this side's is.
         if (peer.size() != _public.size() || (_isPoint && peer[0] != _public[0]))
             Refuse(REPLY, "holds an invalid public value");
         _hashFields.String(_public).String(peer);
@@ -154,7 +154,7 @@ private:
     Bytes _public;
 };
 
-/// What is common to Diffie-Hellman with groups known and chosen: public values as mpint.
+/// What Diffie-Hellman with fixed and with server-chosen groups has in common: public values as mpint.
 class GroupAgreement : public KeyAgreement {
 protected:
     using KeyAgreement::KeyAgreement;
@@ -202,7 +202,7 @@ private:
     }
 };
 
-/// The server chooses the group by the sizes that it gets (RFC 4419, section 3).
+/// The server chooses the group according to the sizes requested (RFC 4419, section 3).
 class GroupExchangeAgreement : public GroupAgreement {
 public:
     explicit GroupExchangeAgreement(KexAlgorithm const& algorithm) : GroupAgreement(algorithm.digest) {}

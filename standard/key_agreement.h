@@ -10,9 +10,9 @@ namespace cindral::standard {
 
 /// The client's part in one key exchange method, from the message after KEXINIT up to the server's signature:
 /// curve25519 (RFC 8731), ECDH (RFC 5656, section 4), Diffie-Hellman in a fixed group (RFC 4253, section 8;
-/// RFC 8268) or in one of the server's choice (RFC 4419). The signature is not verified here.
+/// RFC 8268) or in one that the server chooses (RFC 4419). The signature is not verified here.
 ///
-/// Each object serves one exchange, with a private key that nobody else has seen.
+/// Each object is used for one exchange, with a new private key.
 class KeyAgreement {
 public:
     virtual ~KeyAgreement() = default;
@@ -25,12 +25,13 @@ public:
     /// The digest of the exchange hash and of key derivation, as libcrypto names it.
     char const* Digest() const { return _digest; }
 
-    /// The first message to send, number 30, or 34 for the group exchange. The view is good until the next
+    /// The first message to send, number 30, or 34 for the group exchange. The view is valid until the next
     /// call of Take(). Throws OpenSSLError. REQUIRES: called once, before Take().
     View Begin();
-    /// Takes a message of the server's. Returns the next one to send, as Begin() does, or none when it was
-    /// the last. Throws SshProtocolError for a message that is not due now, malformed, or that holds a public
-    /// value or group which the method doesn't allow; OpenSSLError. The object is of no further use then.
+    /// Handles a message from the server. Returns the next one to send, as Begin() does, or none after the
+    /// last one. Throws SshProtocolError for a message that is not expected now, is malformed, or holds a
+    /// public value or group that the method does not allow; OpenSSLError. The object can't be used
+    /// afterwards.
     View Take(View message);
 
     // When Take() has returned no message:
@@ -39,10 +40,10 @@ public:
     /// The server's key blob, K_S, and its signature blob.
     View HostKey() const { return _hostKey; }
     View Signature() const { return _signature; }
-    /// What the exchange hash covers between K_S and K: both public values, in the group exchange the sizes
-    /// asked for and the group before them.
+    /// What the exchange hash covers between K_S and K: both public values, preceded in the group exchange by
+    /// the sizes requested and the group.
     View HashFields() const { return _hashFields.Get(); }
-    /// K, as it enters the exchange hash and key derivation, which is as mpint with its length.
+    /// K in the encoding that the exchange hash and the key derivation use: an mpint with its length.
     SecretBytes const& SharedSecret() const { return _secret.Get(); }
 
 protected:

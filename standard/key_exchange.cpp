@@ -33,7 +33,7 @@ std::string Agree(char const* what, std::string const& client, std::string const
     return name;
 }
 
-/// A digest over fields in their wire form.
+/// A digest over fields in wire format.
 class Hash {
 public:
     explicit Hash(char const* digest) : _context(EVP_MD_CTX_new()) {
@@ -151,7 +151,7 @@ void KeyExchange::Negotiate(View serverInit) {
             FindCipher(cipher).IsAead() ? std::string() : Agree("MAC", _sent.macs, lists[4 + direction]);
         Agree("compression", NO_COMPRESSION, lists[6 + direction]);
     }
-    // RFC 4253, section 7: a guess is right if both sides prefer the same two names.
+    // RFC 4253, section 7: a guess is right if both sides prefer the same two algorithms.
     _skipGuess = guess && (First(lists[0]) != First(_sent.kex) || First(lists[1]) != First(_sent.hostKeys));
 }
 
@@ -175,7 +175,7 @@ void KeyExchange::Conclude() {
     SwitchOutput();
 }
 
-/// RFC 4253, section 8; the agreement's own fields are those of its method.
+/// RFC 4253, section 8; the fields of the key agreement are those of its method.
 Bytes KeyExchange::ExchangeHash() const {
     Hash hash(_agreement->Digest());
     hash.String(_clientLine).String(_serverLine).String(_clientInit).String(_serverInit);

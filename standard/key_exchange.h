@@ -23,21 +23,21 @@ struct Agreement {
     std::string kex;
     std::string hostKey;
     std::string ciphers[2];
-    std::string macs[2]; ///< empty for a cipher that authenticates by itself
+    std::string macs[2]; ///< empty for a cipher that authenticates the packet
 };
 
-/// Decides whether a host key is the server's, once the server has shown that it holds the private half.
+/// Decides whether a host key is accepted, after the server has proved that it holds the private half.
 class HostKeyCheck {
 public:
     virtual ~HostKeyCheck() = default;
-    /// The algorithms to offer, from those allowed: the types already known for the host first.
+    /// The algorithms to offer, out of those allowed: the types already known for the host come first.
     virtual std::string Order(std::string const& algorithms) = 0;
-    /// Empty if the key is accepted, else the reason in words.
+    /// Empty if the key is accepted, otherwise the reason.
     virtual std::string Refuse(std::string const& algorithm, View key) = 0;
 };
 
-/// A step that both sides took by the rules, and which this side declines: nothing in common, a host key that
-/// is not trusted. The text is for the user.
+/// A refusal by this side that is not a violation of the protocol: no common algorithm, or a host key that is
+/// not trusted. The text is for the user.
 class Declined {
 public:
     explicit Declined(std::string text) : _text(std::move(text)) {}
@@ -47,11 +47,11 @@ private:
     std::string _text;
 };
 
-/// Key exchange (RFC 4253, sections 7 to 9), the first one and those that renew the keys, driven by the
-/// messages that arrive. Both sides may start one at any time.
+/// Key exchange (RFC 4253, sections 7 to 9), the first one and rekeying, driven by the messages that arrive.
+/// Both sides may start one at any time.
 ///
-/// A violation of the protocol throws SshProtocolError; Declined is thrown as its comment says. The
-/// connection is of no further use after either.
+/// A violation of the protocol throws SshProtocolError; a refusal by this side throws Declined. The
+/// connection can't be used after either.
 class KeyExchange {
 public:
     /// The references must outlive the object. `offer` may change between exchanges.
@@ -61,21 +61,22 @@ public:
     /// The identification lines of both sides, without line ends.
     void SetIdentification(std::string const& client, std::string const& server);
 
-    /// Sends KEXINIT, if no exchange is under way.
+    /// Sends KEXINIT, unless an exchange is in progress.
     void Start();
-    /// Takes a message of the exchange, which is every one from 20 to 49. In the first exchange every other
-    /// message is taken, too: under strict rules each is a violation.
+    /// Handles a message of the exchange, numbers 20 to 49. In the first exchange it must be given every
+    /// other message, too: with strict key exchange each of them is a violation.
     void Take(View message);
 
     /// Whether the first exchange is complete.
     bool HasKeys() const { return _completed > 0; }
     /// Whether messages other than those of the exchange may be sent now (RFC 4253, section 7.1).
     bool MaySend() const { return HasKeys() && (_state == State::IDLE || _state == State::NEWKEYS_SENT); }
-    /// Whether an exchange is under way.
+    /// Whether an exchange is in progress.
     bool IsUnderWay() const { return _state != State::IDLE; }
-    /// Whether both sides follow the strict rules of kex-strict-c-v00@openssh.com.
+    /// Whether strict key exchange (kex-strict-c-v00@openssh.com) is in force.
     bool IsStrict() const { return _strict; }
-    /// Whether the message just received came in the part of the first exchange that strict rules guard.
+    /// Whether the message just received belongs to the part of the first exchange that strict key exchange
+    /// protects.
     void CheckStrict(int number) const;
 
     unsigned int Completed() const { return _completed; }
@@ -104,9 +105,9 @@ private:
 
     State _state = State::IDLE;
     bool _strict = false;
-    bool _skipGuess = false; ///< the server's next packet is a guess that was wrong
+    bool _skipGuess = false; ///< the server's next packet is a wrong guess
     unsigned int _completed = 0;
-    Offer _sent; ///< as it went out in the KEXINIT of this exchange
+    Offer _sent; ///< as sent in the KEXINIT of this exchange
     Bytes _clientInit;
     Bytes _serverInit;
     Agreement _agreed;

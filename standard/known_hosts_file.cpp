@@ -26,13 +26,13 @@ constexpr unsigned short DEFAULT_PORT = 22;
 constexpr std::size_t MAX_LINE = 1 << 20;
 char const SYSTEM_FILE[] = "/etc/ssh/ssh_known_hosts";
 
-/// The lines of a file one by one, in memory that is bounded whatever the file is.
+/// Reads the lines of a file one by one, with bounded memory.
 class LineReader {
 public:
     /// Returns 0 or minus errno.
     int Open(std::string const& path) {
         if (path.empty()) return -ENOTDIR;
-        // Without O_NONBLOCK a FIFO would wait for a writer.
+        // Without O_NONBLOCK, opening a FIFO would block until there is a writer.
         _fd._fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
         struct stat status{};
         if (_fd < 0 || fstat(_fd, &status) != 0) return -errno;
@@ -74,7 +74,7 @@ private:
     FileDescriptor _fd;
     DescriptorIO _io;
     std::string _buffer;
-    std::size_t _used = 0; ///< bytes at the front of the buffer that belong to the line before
+    std::size_t _used = 0; ///< bytes at the front of the buffer that belong to the previous line
     bool _atEnd = false;
 };
 
@@ -82,14 +82,14 @@ std::string CanonicalName(std::string const& host, unsigned short port) {
     return host[0] == '[' ? host : "[" + host + "]:" + std::to_string(port);
 }
 
-/// The host at a port; at the default one it goes by its plain name.
+/// The name of a host at a port: its plain name at the default port.
 HostName NameOf(std::string const& host, unsigned short port) {
     if (host.empty()) return {};
     std::string const canonical = LowerCase(CanonicalName(host, port));
     return port == DEFAULT_PORT ? HostName{LowerCase(host), canonical} : HostName{canonical, ""};
 }
 
-/// The names of a host that is looked for, by what a line for them may do.
+/// The names of the host that is looked up, by the effect that a line for them may have.
 struct Target {
     Target(std::string const& host, unsigned short port, std::string const& ip)
         : known(NameOf(host, port)), address(NameOf(ip, port)) {
@@ -101,7 +101,7 @@ struct Target {
     HostName address;
 };
 
-/// A line that speaks of the target.
+/// A line that matches the target.
 struct Entry {
     enum Scope { KNOWN, WITHOUT_PORT, ADDRESS };
 
@@ -145,7 +145,7 @@ KnownHostsFile::Finding ForEachEntry(std::string const& file, Target const& targ
     return {KnownHostsFile::UNREADABLE, file, result == -EFBIG ? number : 0, "", -result};
 }
 
-/// What all entries together say of one key.
+/// The verdict of all entries on one key.
 class Judge {
 public:
     explicit Judge(View blob) : _blob(blob) {}
@@ -184,8 +184,8 @@ private:
         }
     }
 
-    /// The weightiest verdict stays, and of its lines the first; among other keys one of the same type
-    /// says more.
+    /// The strongest verdict is kept, with the first of its lines; among other keys, one of the same type
+    /// takes precedence.
     void Rule(KnownHostsFile::Verdict verdict, Entry const& entry) {
         std::string const type = KeyTypeOf(_blob);
         bool const moreToThePoint = verdict == KnownHostsFile::CHANGED && verdict == _finding.verdict &&
@@ -208,14 +208,14 @@ void AddMissing(std::vector<std::string>& list, std::vector<std::string> const& 
         if (std::find(list.begin(), list.end(), name) == list.end()) list.push_back(name);
 }
 
-/// Whether the text can stand in a field of a line and mean itself there.
+/// Whether the text can be written in a field of a line and is read back unchanged.
 bool IsPlainField(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
         return c > ' ' && c != 0x7f && !std::strchr(",*?!|@#\"", c);
     });
 }
 
-/// The line feed that the file's last line lacks, if so. Returns 0 or minus errno.
+/// Adds the line feed that the file's last line may lack. Returns 0 or minus errno.
 int CompleteLastLine(int fd, std::string& text) {
     struct stat status{};
     if (fstat(fd, &status) != 0) return -errno;
@@ -232,7 +232,7 @@ int CompleteLastLine(int fd, std::string& text) {
 KnownHostsFile::KnownHostsFile() {
     Pathname const home = Pathname::Home();
     if (str_empty(home.Text())) {
-        _files = {""}; // can't be read, so that no key is accepted that nobody could compare later
+        _files = {""}; // can't be read, so that no key is accepted that could not be compared later
         return;
     }
     for (std::string const& file :

@@ -12,40 +12,42 @@ namespace cindral::standard {
 /// several names in a line and several keys for a host, "@revoked". Lines with "@cert-authority", with an
 /// unknown marker or with a broken field have no effect. Names are compared without regard to case.
 ///
-/// The files are read at each question, so that what was written in between counts.
+/// The files are read at every call, so that changes made in between take effect.
 class KnownHostsFile {
 public:
     enum Verdict {
-        MATCH,     ///< the host is known by this very key
+        MATCH,     ///< the host is known with exactly this key
         UNKNOWN,   ///< no key of the host is known
-        CHANGED,   ///< the host is known by other keys alone, of whatever type
+        CHANGED,   ///< the host is known only with other keys, of any type
         REVOKED,   ///< the key must not be used for the host
-        UNREADABLE ///< a file exists and can't be read, so that nothing is certain
+        UNREADABLE ///< a file exists but can't be read, so that nothing is certain
     };
 
     struct Finding {
         Verdict verdict = UNKNOWN;
-        std::string file;       ///< where the line is that decided, or the file that can't be read
+        std::string file;       ///< the file with the line that decided, or the file that can't be read
         unsigned long line = 0; ///< counted from 1; 0 if it is the whole file
         std::string type;       ///< of the key in that line
         int error = 0;          ///< errno of a file that can't be read; EFBIG: the line exceeds 1 MiB
 
-        /// The finding in words, such as "the host key of HOST has changed (FILE:3 has another ssh-rsa key)".
+        /// A description of the result, such as "the host key of HOST has changed (FILE:3 has another ssh-rsa
+        /// key)".
         std::string Text(std::string const& host) const;
     };
 
     /// The user's files, .ssh/known_hosts and .ssh/known_hosts2 of the home directory, and the system's,
     /// /etc/ssh/ssh_known_hosts and /etc/ssh/ssh_known_hosts2.
     KnownHostsFile();
-    /// These files, which are read in this order. REQUIRES: there is at least one; Append works on the first.
+    /// The given files, which are read in this order. REQUIRES: there is at least one; Append works on the
+    /// first.
     explicit KnownHostsFile(std::vector<std::string> files);
 
     /// Whether the key may be trusted for the host. A file that does not exist is empty.
     ///
-    /// A host is known by "host" and "[host]:22" at port 22, by "[host]:port" at any other. A host of
+    /// A host is looked up as "host" and "[host]:22" at port 22, as "[host]:port" at any other. A host for
     /// which only keys of other types are known counts as changed, as the types of known keys were offered
-    /// first. If nothing is known under "[host]:port", the very key under "host" is a match too. `address`
-    /// may be empty; a line for it alone has an effect only if it revokes the key.
+    /// first. If nothing is known for "[host]:port", the same key for "host" is a match too. `address` may be
+    /// empty; a line that names only the address has an effect only if it revokes the key.
     Finding Lookup(std::string const& host, unsigned short port, std::string const& address, View blob) const;
 
     /// The host key algorithms of the keys known for the host, in the order of the lines and without
@@ -54,8 +56,8 @@ public:
     std::vector<std::string> KnownAlgorithms(std::string const& host, unsigned short port) const;
 
     /// Adds a line for the key: the host as it is for port 22, else "[host]:port". The file is created with
-    /// mode 0600 and its directory with 0700; a last line without line feed is ended first. Returns 0 or
-    /// minus errno, -EINVAL for a host or a key that can't stand in a line.
+    /// mode 0600 and its directory with 0700; a last line without a line feed is terminated first. Returns 0
+    /// or minus errno, -EINVAL for a host or a key that can't be written in a line.
     int Append(std::string const& host, unsigned short port, View blob) const;
 
 private:

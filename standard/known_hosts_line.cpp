@@ -17,7 +17,7 @@ constexpr std::size_t NONE_FOUND = std::string_view::npos;
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-/// Takes the text up to `separators`, and one of these, off the front of `text`.
+/// Removes the text up to `separators`, and one of these, from the front of `text`, and returns it.
 std::string_view TakeUntil(std::string_view& text, std::string_view separators) {
     std::string_view const taken = text.substr(0, text.find_first_of(separators));
     text.remove_prefix(std::min(taken.size() + 1, text.size()));
@@ -105,7 +105,7 @@ bool KnownHostsLine::IsFor(HostName const& host) const {
 }
 
 bool KnownHostsLine::DecodeKey(Bytes& blob) const {
-    // A signature algorithm in the place of the type is accepted for what it can only mean.
+    // A signature algorithm in place of the type is accepted as the key type that it implies.
     bool const isRsa = _type == "rsa-sha2-256" || _type == "rsa-sha2-512";
     return DecodeBase64(_key64, blob) && KeyTypeOf(blob) == (isRsa ? "ssh-rsa" : _type);
 }
@@ -125,7 +125,7 @@ std::string EncodeBase64(View bytes) {
 }
 
 bool DecodeBase64(std::string_view text, Bytes& bytes) {
-    // EVP_DecodeBlock also skips white space and takes '=' anywhere.
+    // EVP_DecodeBlock also skips white space and accepts '=' anywhere.
     std::size_t const end = std::min(text.find_last_not_of('=') + 1, text.size());
     std::size_t const padding = text.size() - end;
     auto const isDigit = [](char c) {

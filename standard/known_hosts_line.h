@@ -8,10 +8,10 @@
 
 namespace cindral::standard {
 
-/// A host as lines may name it, in lower case. Without a name it is none.
+/// A host as lines may name it, in lower case; no host if the name is empty.
 struct HostName {
     std::string name;
-    std::string alias; ///< another name, which no pattern but itself matches; may be empty
+    std::string alias; ///< another name, which only an identical pattern matches; may be empty
 };
 
 /// One line of a known_hosts file in OpenSSH's format: `[@marker] hosts type key [comment]`, the fields
@@ -20,17 +20,17 @@ class KnownHostsLine {
 public:
     enum Marker { NONE, REVOKED, AUTHORITY };
 
-    /// Splits the line. False for a line that is empty, a comment, too short, or has a marker that is
-    /// none of the two known ones.
+    /// Splits the line. False for a line that is empty, a comment or too short, or that has an unknown
+    /// marker.
     bool Parse(std::string_view line);
 
     Marker GetMarker() const { return _marker; }
 
-    /// Whether the line speaks of the host: its hosts are either one hashed name or a list of patterns, in
+    /// Whether the line matches the host: its hosts are either one hashed name or a list of patterns, in
     /// which a negated one that matches excludes the host.
     bool IsFor(HostName const& host) const;
 
-    /// Decodes the key's blob. False if it is no base64, or not of the type that the line names.
+    /// Decodes the key's blob. False if it is not base64, or not of the type that the line names.
     bool DecodeKey(Bytes& blob) const;
 
 private:
@@ -45,7 +45,7 @@ std::string LowerCase(std::string_view text);
 
 /// Base64 with padding and without line ends (RFC 4648).
 std::string EncodeBase64(View bytes);
-/// False for anything but such a text. An empty text is valid.
+/// False if the text is not base64. An empty text is valid.
 bool DecodeBase64(std::string_view text, Bytes& bytes);
 
 } // namespace cindral::standard

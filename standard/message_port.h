@@ -13,9 +13,9 @@ public:
 
     /// Sends a message. Throws SshProtocolError or SystemError if the connection fails.
     virtual void Send(View message) = 0;
-    /// Waits for the next message that is of concern to the caller; IGNORE, DEBUG, EXT_INFO, global requests
-    /// and key exchanges have been dealt with. The view is good until the next call of either operation.
-    /// Throws SshProtocolError when the connection ends, or stays silent for longer than its limit.
+    /// Waits for the next message for the caller; IGNORE, DEBUG, EXT_INFO, global requests and key exchanges
+    /// have already been handled. The view is valid until the next call of either operation. Throws
+    /// SshProtocolError when the connection ends or the server stays silent for longer than the limit.
     virtual View Receive() = 0;
 };
 
