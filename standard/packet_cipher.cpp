@@ -50,20 +50,20 @@ public:
             throw OpenSSLError("EVP_CipherInit_ex2");
     }
 
-    /// Goes on with another vector.
+    /// Continues with another initialisation vector.
     void Start(unsigned char const* iv, OSSL_PARAM const* parameters = nullptr) {
         if (EVP_CipherInit_ex2(_context.get(), nullptr, nullptr, iv, -1, parameters) != 1)
             throw OpenSSLError("EVP_CipherInit_ex2");
     }
-    /// Processes the bytes where they lie.
+    /// Processes the bytes in place.
     void Update(unsigned char* bytes, std::size_t size) { Update(bytes, bytes, size); }
-    /// A null `to` feeds the bytes to the tag alone.
+    /// If `to` is null, the bytes are only authenticated.
     void Update(unsigned char* to, unsigned char const* from, std::size_t size) {
         int produced = 0;
         if (EVP_CipherUpdate(_context.get(), to, &produced, from, static_cast<int>(size)) != 1)
             throw OpenSSLError("EVP_CipherUpdate");
     }
-    /// Ends an authenticated message. False, which only opening gives, if the tag is wrong.
+    /// Ends an authenticated message. False if the tag is wrong, which happens only when opening.
     bool Final() {
         unsigned char none[AES_BLOCK];
         int produced = 0;
@@ -91,7 +91,7 @@ public:
         if (!_context) throw OpenSSLError("EVP_MAC_CTX_new");
     }
 
-    /// Begins with a key, or with the last one if `key` is null.
+    /// Starts with a key, or with the previous one if `key` is null.
     void Start(unsigned char const* key, std::size_t size, OSSL_PARAM const* parameters = nullptr) {
         if (EVP_MAC_init(_context.get(), key, size, parameters) != 1) throw OpenSSLError("EVP_MAC_init");
     }
@@ -107,7 +107,7 @@ private:
     MacCtxPtr _context;
 };
 
-/// The MAC of RFC 4253, section 6.4, over the sequence number and the packet as it is.
+/// The MAC of RFC 4253, section 6.4, over the sequence number and the packet as given.
 class Hmac {
 public:
     Hmac(MacAlgorithm const& algorithm, SecretBytes const& key) : _context("HMAC"), _size(algorithm.size) {
@@ -125,7 +125,7 @@ public:
         _context.Update(packet, length);
         _context.Final(tag, _size);
     }
-    /// Whether the tag after the packet is the right one.
+    /// Whether the tag after the packet is correct.
     bool Verify(unsigned int sequence, unsigned char const* packet, std::size_t length) {
         unsigned char tag[EVP_MAX_MD_SIZE];
         Compute(sequence, packet, length, tag);
@@ -207,7 +207,7 @@ private:
     bool _firstBlockIsPlain = false;
 };
 
-/// The vector of AES-GCM, whose last 8 bytes count the packets (RFC 5647, section 7.1).
+/// The initialisation vector of AES-GCM, whose last 8 bytes count the packets (RFC 5647, section 7.1).
 class GcmVector {
 public:
     explicit GcmVector(unsigned char const* first) { std::memcpy(_bytes, first, GCM_IV); }
@@ -267,9 +267,9 @@ private:
     Cipher _cipher;
 };
 
-/// chacha20-poly1305@openssh.com: two instances of ChaCha20 under keys of their own, for the length field and
-/// for the rest, and Poly1305 over all that is encrypted, with a key from the first block of the latter. The
-/// nonce is the sequence number.
+/// chacha20-poly1305@openssh.com: two instances of ChaCha20 with different keys, for the length field and for
+/// the rest, and Poly1305 over everything encrypted, with a key from the first block of the second instance.
+/// The nonce is the sequence number.
 class ChaChaPoly {
 public:
     ChaChaPoly(CipherAlgorithm const& cipher, DirectionKeys const& keys)
@@ -280,7 +280,7 @@ public:
     ChaChaPoly(ChaChaPoly const&) = delete;
     ChaChaPoly& operator=(ChaChaPoly const&) = delete;
 
-    /// Begins a packet: after it Crypt() goes on with the second block.
+    /// Starts a packet: afterwards Crypt() continues with the second block.
     void Start(unsigned int sequence) {
         Restart(_main, sequence);
         std::memset(_firstBlock, 0, sizeof _firstBlock);

@@ -16,7 +16,7 @@ bool IsContinuation(unsigned char byte) { return (byte & 0xc0) == 0x80; }
 
 /// The UTF-8 character (RFC 3629) at the front of `text`: its length in bytes, or 0 if there is none.
 std::size_t DecodeCharacter(View text, unsigned int& character) {
-    static constexpr unsigned int SMALLEST[] = {0, 0, 0x80, 0x800, 0x10000}; // what needs so many bytes
+    static constexpr unsigned int SMALLEST[] = {0, 0, 0x80, 0x800, 0x10000}; // by number of bytes
     unsigned char const lead = text[0];
     std::size_t const size = lead < 0x80   ? 1
                              : lead < 0xc0 ? 0

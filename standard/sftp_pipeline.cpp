@@ -17,7 +17,7 @@ constexpr unsigned int SLOT_BITS = 10;
 constexpr unsigned int READ_SIZE =
     32768; ///< what every server serves (draft-ietf-secsh-filexfer-02, section 3)
 constexpr unsigned int MESSAGE_SIZE = 32768;
-constexpr unsigned int BLOCK = 512; ///< writes are of whole blocks
+constexpr unsigned int BLOCK = 512; ///< writes are multiples of this
 
 static_assert(SftpPipeline::MAX_REQUESTS == 1u << SLOT_BITS);
 
@@ -90,7 +90,7 @@ void SftpPipeline::TakeReply(View message) {
     TakeAnswer(request, type, fields);
 }
 
-/// Servers leave out the texts, which the protocol asks for since version 3.
+/// Some servers omit the texts, which the protocol requires since version 3.
 SftpStatus SftpPipeline::ReadStatus(Reader& fields) const {
     SftpStatus status;
     status._code = static_cast<int>(fields.Int());
@@ -106,7 +106,7 @@ SftpDownload::SftpDownload(DataPort& port, SftpStatus& status, View handle, unsi
     : SftpPipeline(port, status, handle, inFlight, std::move(progress)), _io(fd), _size(size) {}
 
 /// Beyond the announced size one request at a time looks for the end: the file may have grown, and some files
-/// announce none.
+/// report no size.
 bool SftpDownload::SendNext() {
     if (_hasRest) {
         _hasRest = false;
@@ -145,7 +145,7 @@ void SftpDownload::TakeAnswer(Request& request, int type, Reader& fields) {
     }
 }
 
-/// Data whose turn has not come are kept. Empty ones are the end of the file.
+/// Data is kept until its turn comes. Empty data means the end of the file.
 void SftpDownload::TakePart(Request& request, View data) {
     if (HasFailed() || _atEnd) return;
     if (&request != &Turn()) {
@@ -158,8 +158,8 @@ void SftpDownload::TakePart(Request& request, View data) {
     }
 }
 
-/// Writes the data of the request whose turn it is. False if it has to be sent again for the rest, or at the
-/// end.
+/// Writes the data of the current request. False if it has to be sent again for the rest, or at the end of
+/// the file.
 bool SftpDownload::Store(View data) {
     Request& request = Turn();
     request.isAnswered = false;

@@ -12,29 +12,29 @@
 
 namespace cindral::standard {
 
-/// A copy between a remote file that is open and a local descriptor, with many requests on the way at a time.
-/// Whatever goes wrong, the answers to all requests sent are awaited, so that the conversation can go on.
+/// A copy between an open remote file and a local descriptor, with many requests in flight. Even after a
+/// failure, the replies to all requests sent are awaited, so that the session stays usable.
 class SftpPipeline : public SftpReplies {
 public:
-    /// Most requests on the way.
+    /// Maximum number of requests in flight.
     static constexpr unsigned int MAX_REQUESTS = 1024;
 
     virtual ~SftpPipeline() = default;
 
-    /// Copies all. Returns 0; -1 with the server's words in the status; minus errno of a local call. Throws
-    /// SshProtocolError for answers that break the protocol.
+    /// Copies the whole file. Returns 0; -1 with the server's message in the status; minus errno of a local
+    /// call. Throws SshProtocolError for replies that violate the protocol.
     int Run();
     unsigned long long Done() const { return _done; }
 
 protected:
-    /// A request that waits for its answer, and then for its turn.
+    /// A request that waits for its reply, and then for its turn.
     struct Request {
         unsigned int id = 0;
         unsigned long long offset = 0;
         unsigned int size = 0;
-        bool isWaiting = false;  ///< for the answer
-        bool isAnswered = false; ///< out of turn
-        Bytes data;              ///< of such an answer; empty: the end of the file
+        bool isWaiting = false;  ///< for the reply
+        bool isAnswered = false; ///< before its turn
+        Bytes data;              ///< of such a reply; empty: the end of the file
     };
 
     using Progress = std::function<void(unsigned long long done)>;
@@ -43,16 +43,16 @@ protected:
 
     /// Sends a request if there is one to be sent now. False if there is none.
     virtual bool SendNext() = 0;
-    /// Takes the answer, of that type, to a request.
+    /// Handles the reply, of that type, to a request.
     virtual void TakeAnswer(Request& request, int type, Reader& fields) = 0;
 
-    /// Whether another request may be on the way.
+    /// Whether another request may be sent.
     bool HasRoom() const { return !_requests[_next].isWaiting && !_requests[_next].isAnswered; }
-    /// Notes a request that is about to be sent. REQUIRES: HasRoom().
+    /// Records a request that is about to be sent. REQUIRES: HasRoom().
     Request& NewRequest(unsigned long long offset, unsigned int size);
-    /// Notes that a request is about to be sent once more, for another part.
+    /// Records that a request is about to be sent again, for another part.
     void Renew(Request& request, unsigned long long offset, unsigned int size);
-    /// The request that was the first of those still in use.
+    /// The oldest request still in use.
     Request& Turn() { return _requests[_turn]; }
     void EndTurn();
     /// Ends the copy with the server's status, or with minus errno.
@@ -63,7 +63,7 @@ protected:
 
     DataPort& _port;
     Bytes const _handle;
-    unsigned int _waiting = 0; ///< requests without an answer
+    unsigned int _waiting = 0; ///< requests without a reply
     unsigned long long _done = 0;
 
 private:
@@ -74,11 +74,11 @@ private:
     std::vector<Request> _requests; ///< used in a ring; an id ends in the place of its request
     unsigned int _next = 0;
     unsigned int _turn = 0;
-    unsigned int _sent = 0; ///< requests so far, the first part of their ids
+    unsigned int _sent = 0; ///< requests so far; the high part of their ids
     int _result = 0;
 };
 
-/// Copies from the server. The data are written in order, as the descriptor may be a pipe or a terminal.
+/// Copies from the server. The data is written in order, as the descriptor may be a pipe or a terminal.
 class SftpDownload : public SftpPipeline {
 public:
     /// `size` is what the server announced, ~0 if it didn't.
@@ -96,7 +96,7 @@ private:
     DescriptorIO const _io;
     unsigned long long _size;
     unsigned long long _asked = 0; ///< the next request's offset
-    bool _hasRest = false;         ///< the request whose turn it is has brought less than asked for
+    bool _hasRest = false;         ///< the current request has returned less than requested
     bool _atEnd = false;
 };
 

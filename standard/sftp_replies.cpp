@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t LENGTH_FIELD = 4;
 
-/// The size of the message that begins here, with its length; 0 while it can't be known.
+/// The size of the message that begins here, including its length field; 0 while it is not known yet.
 std::size_t SizeOf(View data) {
     if (data.size() < LENGTH_FIELD) return 0;
     unsigned int const length = LoadInt(data.data());
@@ -38,7 +38,7 @@ void SftpReplies::TakeData(View data) {
     _part.insert(_part.end(), data.begin() + whole, data.end());
 }
 
-/// Passes on the whole messages that data begin with, and returns their size.
+/// Passes on the whole messages at the front of the data, and returns their size.
 std::size_t SftpReplies::TakeWhole(View data) {
     std::size_t done = 0;
     for (;;) {

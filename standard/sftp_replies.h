@@ -8,22 +8,22 @@ namespace cindral::standard {
 /// Cuts the data of a channel into SFTP messages (draft-ietf-secsh-filexfer-02, section 3).
 class SftpReplies : public DataReceiver {
 public:
-    /// Longest message taken, as OpenSSH's client has it, and as listings of other servers need it.
+    /// Longest message accepted; listings of some servers need it.
     static constexpr unsigned int MAX_MESSAGE = 16 * 1024 * 1024;
 
     void TakeData(View data) final;
-    /// Whether part of a message has come.
+    /// Whether part of a message has arrived.
     bool HasPart() const { return !_part.empty(); }
 
 protected:
-    /// A message: its type and fields, without the length. The view is good during the call.
+    /// A message: its type and fields, without the length. The view is valid during the call only.
     virtual void TakeReply(View message) = 0;
 
 private:
     std::size_t TakeWhole(View data);
 
     Bytes _part;
-    Bytes _whole; ///< the part, once it is complete; both keep their memory
+    Bytes _whole; ///< the complete message; both keep their memory
 };
 
 } // namespace cindral::standard

@@ -47,7 +47,7 @@ BnPtr ToNumber(View magnitude) {
 
 bool IsPositive(View mpint) { return !mpint.empty() && !(mpint[0] & 0x80); }
 
-/// Null if libcrypto doesn't take the numbers.
+/// Null if libcrypto does not accept the numbers.
 PkeyPtr FromData(char const* type, OSSL_PARAM* parameters) {
     PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
     if (!context || EVP_PKEY_fromdata_init(context.get()) != 1) throw OpenSSLError("EVP_PKEY_fromdata_init");
@@ -65,7 +65,7 @@ PkeyPtr ReadEd25519(Reader& reader) {
 PkeyPtr ReadEcdsa(Reader& reader, Curve const& curve) {
     View const name = reader.String();
     View const point = reader.String();
-    // Uncompressed points alone (RFC 5656, section 3.1); libcrypto checks that they are on the curve.
+    // Only uncompressed points (RFC 5656, section 3.1); libcrypto checks that they are on the curve.
     if (name.Text() != curve.name || point.size() != 1 + 2 * curve.size ||
         point[0] != POINT_CONVERSION_UNCOMPRESSED)
         return nullptr;
@@ -103,7 +103,7 @@ PkeyPtr ReadKey(Reader& reader, std::string_view type) {
     if (type == ED25519) return ReadEd25519(reader);
     if (type == RSA) return ReadRsa(reader);
     if (Curve const* const curve = FindCurve(type)) return ReadEcdsa(reader, *curve);
-    throw SshProtocolError("key of a type that is not supported"); // a name of the server's choice
+    throw SshProtocolError("key of a type that is not supported"); // the name is the server's choice
 }
 
 /// The SSH type of a key; empty if it is not supported.
@@ -118,7 +118,7 @@ std::string TypeOf(EVP_PKEY* key) {
     return std::string();
 }
 
-/// A number of a key, as magnitude.
+/// A number of a key, as its magnitude.
 Bytes NumberOf(EVP_PKEY* key, char const* name) {
     BIGNUM* number = nullptr;
     if (EVP_PKEY_get_bn_param(key, name, &number) != 1) throw OpenSSLError("EVP_PKEY_get_bn_param");
@@ -137,7 +137,7 @@ Bytes RawPublicKey(EVP_PKEY* key) {
 }
 
 Bytes PointOf(EVP_PKEY* key, Curve const& curve) {
-    // The coordinates, as a key's point may have been read in another form.
+    // From the coordinates, as the key's point may have been read in another form.
     Bytes point{POINT_CONVERSION_UNCOMPRESSED};
     for (char const* name : {OSSL_PKEY_PARAM_EC_PUB_X, OSSL_PKEY_PARAM_EC_PUB_Y}) {
         Bytes const coordinate = NumberOf(key, name);
@@ -147,8 +147,8 @@ Bytes PointOf(EVP_PKEY* key, Curve const& curve) {
     return point;
 }
 
-/// The two numbers of an ECDSA signature (RFC 5656, section 3.1.2) in the form that libcrypto takes. Empty if
-/// they are malformed.
+/// The two numbers of an ECDSA signature (RFC 5656, section 3.1.2) in the form that libcrypto expects. Empty
+/// if they are malformed.
 Bytes DerFromNumbers(View signature, Curve const& curve) {
     Reader reader(signature, "signature");
     View const r = reader.Mpint();
@@ -180,7 +180,7 @@ Bytes NumbersFromDer(View der) {
     return writer.Take();
 }
 
-/// The signature in the form that libcrypto takes; empty if it can't be one.
+/// The signature in the form that libcrypto expects; empty if it is malformed.
 Bytes ToLibcrypto(View signature, std::string_view keyType, EVP_PKEY* key) {
     if (Curve const* const curve = FindCurve(keyType)) return DerFromNumbers(signature, *curve);
     if (keyType != RSA) return signature.Copy();
@@ -191,7 +191,7 @@ Bytes ToLibcrypto(View signature, std::string_view keyType, EVP_PKEY* key) {
     return padded;
 }
 
-/// The signature in a blob of that algorithm's. Throws SshProtocolError for any other.
+/// The signature in a blob of that algorithm. Throws SshProtocolError for a blob of any other.
 View SignatureIn(View blob, std::string_view algorithm) {
     Reader reader(blob, "signature");
     if (reader.String().Text() != algorithm) reader.Fail("is of another algorithm");
@@ -233,7 +233,7 @@ PkeyPtr ParseKeyBlob(View keyBlob) {
     PkeyPtr key = ReadKey(reader, type);
     reader.End();
     if (key) return key;
-    ERR_clear_error(); // what a server sent is no error to be found in the queue later
+    ERR_clear_error(); // a server's bad input must leave no error in libcrypto's queue
     throw SshProtocolError("malformed key", String_t(std::string(type).c_str()));
 }
 

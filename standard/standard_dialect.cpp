@@ -37,7 +37,7 @@ namespace {
 
 constexpr unsigned int SESSION_CHANNEL = 0;
 constexpr unsigned char NUL = 0;
-constexpr std::size_t MAX_DEFERRED = 64; ///< openings by the server before the loop serves them
+constexpr std::size_t MAX_DEFERRED = 64; ///< CHANNEL_OPEN messages received before the loop runs
 
 String_t Text(std::string const& text) {
     return String_t(text.data(), static_cast<unsigned int>(text.size()));
@@ -80,8 +80,8 @@ void CopyAttributes(Reader& from, Writer& to) {
 
 } // namespace
 
-/// Sits between a session and its server: the session's messages are those of its own dialect, the server's
-/// those of the RFCs.
+/// Translates between a session and its server: the session speaks its own dialect, the server that of the
+/// RFCs.
 class StandardDialect::Impl : public SessionDialect,
                               public PacketFilter,
                               public HostKeyCheck,
@@ -160,7 +160,7 @@ public:
     String_t _lastError;
 
 private:
-    /// A message for the session, and the bytes of the channel that it stands for.
+    /// A message for the session, and the number of bytes of channel data that it represents.
     struct Incoming {
         ByteString packet;
         std::size_t bytes;
@@ -179,10 +179,10 @@ private:
     BlockCipher _plain; ///< messages are encoded without a cipher, and padded here
     FileCopies _copies;
     std::deque<Incoming> _inbox;       ///< for the session, outside the loop
-    DataReceiver* _receiver = nullptr; ///< of the session channel's data in place of the session, for a while
+    DataReceiver* _receiver = nullptr; ///< of the session channel's data, if not null
     bool _isSftp = false;
-    std::deque<Bytes> _deferred; ///< openings that wait for the loop
-    bool _hasEnded = false;      ///< the session channel brings no more
+    std::deque<Bytes> _deferred; ///< CHANNEL_OPEN messages that wait for the loop
+    bool _hasEnded = false;      ///< the session channel delivers no more data
 };
 
 StandardDialect::Impl::Impl(StandardDialect& face, SshSession& session)
@@ -333,7 +333,7 @@ ByteString StandardDialect::Impl::Read() {
     }
 }
 
-/// Handles what has come, after a wait if that is nothing.
+/// Handles what has arrived; waits if nothing has.
 void StandardDialect::Impl::ServeBlocking() {
     View message;
     bool served = false;
@@ -358,13 +358,13 @@ void StandardDialect::Impl::Write(Packet& packet, bool more) {
     View const message(payload.Data(), payload.Length());
     if (message.empty()) return;
     int const number = message[0];
-    // The session grants by a rule of its own; what is granted here follows from what has been read.
+    // The session's grants follow its own rule; here window is granted according to what has been read.
     if (number == Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST) return;
     if (number == Packet::SSH_MSG_CHANNEL_DATA || number == Packet::SSH_MSG_CHANNEL_EOF ||
         number == Packet::SSH_MSG_CHANNEL_CLOSE) {
         Reader fields(View(message.begin() + 1, message.size() - 1), "channel message");
         unsigned int const remote = fields.Int();
-        // Data streams say 0 for the session channel, whatever number the server has given it.
+        // Data streams always use 0 for the session channel, whatever number the server has assigned.
         Channel* const channel =
             _loop.IsRunning() ? _channels.FindRemote(remote) : _channels.Find(SESSION_CHANNEL);
         if (!channel) return;
@@ -420,8 +420,8 @@ void StandardDialect::Impl::Serve() {
     ServeBlocking();
 }
 
-/// A name without its line of a listing gets one that ends at its first byte: for the session there must be
-/// one, and such a one reads as empty.
+/// A name without a long name gets one that consists of a NUL byte: the session requires one, and reads this
+/// one as empty.
 void StandardDialect::Impl::TakeReply(View message) {
     if (message[0] != SftpPacket::FXP_NAME) {
         Writer whole;
@@ -461,7 +461,7 @@ void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
     if (isFirst) _loop.SetKeepalive(_keepaliveSeconds, _keepaliveUnanswered);
     _loop.RegisterInput(fd, channel);
     if (!isFirst) return;
-    // What came before the loop was there to serve it.
+    // What arrived before the loop was running.
     for (Incoming const& incoming : std::exchange(_inbox, {})) {
         View const message(incoming.packet.Data() + 1, incoming.packet.Length() - 1);
         if (Channel* const session = _channels.Find(SESSION_CHANNEL); session && incoming.bytes > 0)
@@ -542,7 +542,8 @@ bool StandardDialect::Impl::OpenX11Channel(View message) {
     return _session.OpenForwardedX11Channel(PacketOpenTcpChannel(decoder)) == 0;
 }
 
-/// A forwarding of port 0 is kept under that, and announced under the port that the server chose.
+/// The session keeps a forwarding of port 0 under 0, but the server announces connections under the port that
+/// it chose.
 bool StandardDialect::Impl::FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) {
     SshSession::ForwardingInfo const* info = RemoteForwardings().Find(port);
     if (!info && port == _channels.RemotePort()) info = RemoteForwardings().Find(0);

@@ -10,18 +10,18 @@
 
 namespace cindral::standard {
 
-/// Connects to a host and port without waiting for the connection: each of the host's addresses in turn. The
-/// look-up of a name may wait for the resolver.
+/// Connects to a host and port without blocking, trying each of the host's addresses in turn. The look-up of
+/// a name may block in the resolver.
 class TcpConnector {
 public:
     TcpConnector(std::string const& host, unsigned int port);
 
-    /// Begins with the next address. Returns a descriptor to be watched for output, which the object owns, or
-    /// -1 when there is no address left.
+    /// Tries the next address. Returns a descriptor to be polled for output, which the object owns, or -1
+    /// when there is no address left.
     int Next();
-    /// Once the descriptor is ready: whether it is connected.
+    /// Whether the descriptor is connected, once it is ready.
     bool IsConnected() const;
-    /// Gives up the connected descriptor, which does not block.
+    /// The connected, non-blocking descriptor, for the caller to take over.
     FileDescriptor& Take() { return _fd; }
 
 private:

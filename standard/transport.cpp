@@ -18,7 +18,7 @@ constexpr std::size_t LENGTH_FIELD = 4;
 constexpr std::size_t HEADER = LENGTH_FIELD + 1; ///< with the padding length
 constexpr std::size_t MIN_PADDING = 4;
 constexpr std::size_t MAX_TRAILER = 255 + 64; ///< padding and tag
-constexpr unsigned int MAX_PACKET = 0x40000;  ///< largest packet length accepted, as other clients have it
+constexpr unsigned int MAX_PACKET = 0x40000;  ///< largest packet length accepted
 constexpr std::size_t INPUT_BUFFER = 0x10000;
 constexpr std::size_t MAX_INPUT_BUFFER = 0x80000;
 
@@ -73,7 +73,7 @@ void Transport::Send(View message) {
     End(message.size());
 }
 
-/// Random bytes are drawn for many packets at once: a call each would cost more than the padding is worth.
+/// Random bytes are generated for many packets at once: one call for each would be too expensive.
 void Transport::Pad(unsigned char* padding, std::size_t size) {
     if (_randomLeft < size) {
         if (RAND_bytes(_random, sizeof _random) != 1) throw OpenSSLError("RAND_bytes");
@@ -149,7 +149,7 @@ bool Transport::Next(View& message) {
 
 std::size_t Transport::Fill() {
     if (_inPos == _inEnd) _inPos = _inEnd = 0;
-    // A packet may need more room than is left after it.
+    // A packet may need more room than is left in the buffer.
     std::size_t const wanted = std::max(_packetLength, INPUT_BUFFER / 2);
     if (_inPos > 0 && _in.size() - _inPos < wanted) {
         std::memmove(_in.data(), _in.data() + _inPos, _inEnd - _inPos);
@@ -158,7 +158,7 @@ std::size_t Transport::Fill() {
     }
     if (_in.size() - _inPos < wanted) _in.resize(wanted);
     std::size_t const read = Receive(_in.size() - _inEnd);
-    // A peer that fills the buffer at once is served in larger pieces.
+    // If one read fills the buffer, later ones are larger.
     if (_inEnd == _in.size() && _in.size() < MAX_INPUT_BUFFER) _in.resize(2 * _in.size());
     return read;
 }

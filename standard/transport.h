@@ -15,13 +15,13 @@
 namespace cindral::standard {
 
 /// The binary packet protocol of RFC 4253, section 6, on a connected socket: framing, padding, sequence
-/// numbers, and the buffers of both directions. It knows nothing of what messages mean.
+/// numbers, and the buffers of both directions. It does not know the meaning of messages.
 ///
-/// Packets are sealed and opened where they lie, so that a message's bytes are written once on their way to
-/// the socket and not at all on their way from it. The descriptor stays the caller's.
+/// Packets are sealed and opened in place, so that a message's bytes are copied once on their way to the
+/// socket and not at all on their way from it. The descriptor stays the caller's.
 class Transport {
 public:
-    /// How long a peer may keep this side waiting.
+    /// How long the peer may keep this side waiting.
     static constexpr std::chrono::seconds TIME_LIMIT{180};
 
     Transport();
@@ -34,57 +34,58 @@ public:
 
     // --- output
 
-    /// Room for a message of at most `size` bytes in the output buffer, to be filled in and ended by End().
+    /// Returns room for a message of at most `size` bytes in the output buffer; the caller fills it in and
+    /// calls End().
     unsigned char* Begin(std::size_t size);
-    /// Makes a packet of the message begun, which has turned out `size` bytes long, possibly fewer than asked
-    /// for. A size of 0 drops it.
+    /// Makes a packet of the message, which has `size` bytes, at most as many as requested. A size of 0 drops
+    /// it.
     void End(std::size_t size);
-    /// Both at once.
+    /// Begin() and End() in one call.
     void Send(View message);
 
-    /// Writes what the socket takes without a wait. Throws SystemError if the connection has failed.
+    /// Writes what the socket accepts without blocking. Throws SystemError if the connection has failed.
     void Flush();
-    /// The same, waiting until all is written. Throws SshProtocolError when the server takes nothing for
+    /// The same, but blocks until all is written. Throws SshProtocolError if the server accepts nothing for
     /// TIME_LIMIT.
     void FlushAll();
-    /// Waits until the socket takes bytes again. False at the deadline.
+    /// Waits until the socket is writable. False at the deadline.
     bool WaitForOutput(Deadline const& deadline) const { return WaitFor(POLLOUT, deadline); }
-    /// Writes the line that a connection begins with, as it is. Returns 0 or a negated errno value.
+    /// Writes the identification line unchanged. Returns 0 or a negated errno value.
     int SendLine(std::string const& line, Deadline const& deadline);
     /// Bytes of packets that have not been written yet.
     std::size_t PendingOutput() const { return _outEnd - _outPos; }
 
     // --- input
 
-    /// Finds the next message in what has been read. False if no whole packet is there. The view is good
+    /// Finds the next message in what has been read. False if there is no whole packet. The view is valid
     /// until the next call of Next() or Fill(). Throws SshProtocolError for a packet that is malformed or
     /// forged.
     bool Next(View& message);
     /// Whether Next() would find a message, or throw.
     bool HasPacket();
-    /// Reads what the socket has, in one go and without a wait. Returns the number of bytes, 0 if there is
-    /// nothing now. Throws SshProtocolError at the end of the connection, SystemError if it has failed.
+    /// Reads what the socket has, in one call and without blocking. Returns the number of bytes, 0 if there
+    /// are none now. Throws SshProtocolError at the end of the connection, SystemError if it has failed.
     std::size_t Fill();
     /// Waits until there is input to Fill(). False at the deadline.
     bool WaitForInput(Deadline const& deadline) const { return WaitFor(POLLIN, deadline); }
 
-    /// Waits until there is input, or the socket takes output. False at the deadline.
+    /// Waits until there is input, or the socket is writable. False at the deadline.
     bool WaitForEither(Deadline const& deadline) const { return WaitFor(POLLIN | POLLOUT, deadline); }
 
-    /// The line that a connection begins with (RFC 4253, section 4.2), up to and without its line feed, if it
-    /// is whole. Its bytes are then consumed.
+    /// The next line before the first packet (RFC 4253, section 4.2), without its line feed, if it is
+    /// complete. Its bytes are then consumed.
     bool NextLine(std::string& line, std::size_t limit);
 
     // --- keys
 
-    /// From the next packet on. With `reset` the direction's sequence number begins at 0 again.
+    /// From the next packet on. With `reset`, the direction's sequence number restarts at 0.
     void SetOutputKeys(std::unique_ptr<PacketSealer> sealer, bool reset);
     void SetInputKeys(std::unique_ptr<PacketOpener> opener, bool reset);
 
-    /// What has passed since the last keys were set, in the direction that had more of it.
+    /// The traffic since the last keys were set, in the direction that had more of it.
     unsigned long long BytesSinceKeys() const;
     unsigned long long PacketsSinceKeys() const;
-    /// Number of the packet that Next() returned last.
+    /// Sequence number of the packet that Next() returned last.
     unsigned int InputSequence() const { return _inSequence - 1; }
 
 private:
@@ -101,7 +102,7 @@ private:
 
     int _fd = -1;
 
-    Bytes _out; ///< [_outPos, _outEnd) is sealed and waits for the socket
+    Bytes _out; ///< [_outPos, _outEnd) is sealed and not yet written
     std::size_t _outPos = 0;
     std::size_t _outEnd = 0;
     std::unique_ptr<PacketSealer> _sealer;
@@ -110,7 +111,7 @@ private:
     unsigned char _random[512]; ///< for padding; each byte is used once
     std::size_t _randomLeft = 0;
 
-    Bytes _in; ///< [_inPos, _inEnd) has been read and not been taken
+    Bytes _in; ///< [_inPos, _inEnd) has been read but not consumed
     std::size_t _inPos = 0;
     std::size_t _inEnd = 0;
     std::size_t _packetLength =

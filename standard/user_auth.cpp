@@ -18,7 +18,7 @@ constexpr int MSG_REQUEST = 50;
 constexpr int MSG_FAILURE = 51;
 constexpr int MSG_SUCCESS = 52;
 constexpr int MSG_BANNER = 53;
-constexpr int MSG_METHOD_REPLY = 60; ///< PK_OK, PASSWD_CHANGEREQ or INFO_REQUEST, by the method requested
+constexpr int MSG_METHOD_REPLY = 60; ///< PK_OK, PASSWD_CHANGEREQ or INFO_REQUEST, depending on the method
 constexpr int MSG_INFO_RESPONSE = 61;
 
 char const USERAUTH[] = "ssh-userauth";
@@ -28,7 +28,7 @@ constexpr unsigned int MAX_KEY_FAILURES = 5; ///< while another method is left
 constexpr unsigned int MAX_PARTIAL_SUCCESSES = 16;
 constexpr unsigned int MAX_TYPED_PASSWORD = 1024;
 
-/// A request of that method up to the fields of its own.
+/// A request of that method, up to its method-specific fields.
 template <class Array>
 BasicWriter<Array> Request(std::string const& user, char const* method) {
     BasicWriter<Array> request(MSG_REQUEST);
@@ -42,8 +42,8 @@ Writer KeyRequest(std::string const& user, bool isSigned, std::string const& alg
     return request;
 }
 
-/// Whether the server takes that algorithm, by its list if it has sent one. A list of nothing but RSA
-/// algorithms, as OpenSSH 7.2 to 7.5 sends it, is only about these.
+/// Whether the server accepts that algorithm, according to its list if it has sent one. A list of only RSA
+/// algorithms, as OpenSSH 7.2 to 7.5 sends it, says nothing about others.
 bool ServerTakes(SignatureAlgorithm const& algorithm, std::string const* list) {
     if (!list || list->empty() || HasName(*list, algorithm.name)) return true;
     if (std::string_view(algorithm.keyType) == "ssh-rsa") return false;
@@ -55,7 +55,7 @@ bool ServerTakes(SignatureAlgorithm const& algorithm, std::string const* list) {
 
 String_t Shown(View text) { return String_t(Printable(text, Lines::KEPT).c_str()); }
 
-/// Clears the texts that nobody shares.
+/// Clears the texts that are not shared.
 void Wipe(TOList<String_t>& answers) {
     TOListIterator<String_t> next(answers);
     while (String_t* const answer = next())
@@ -72,7 +72,7 @@ UserAuthenticator::UserAuthenticator(MessagePort& port, Login const& login, Find
 
 int UserAuthenticator::Run() {
     RequestService();
-    // Which methods there are is in the refusal (RFC 4252, section 5.2).
+    // The failure message lists the methods (RFC 4252, section 5.2).
     _port.Send(Request<Bytes>(_login.user, "none").Get());
     ReceiveVerdict();
     while (!_authenticated) {
@@ -88,7 +88,7 @@ void UserAuthenticator::RequestService() {
     Reader reader(_port.Receive(), "SERVICE_ACCEPT");
     int const number = reader.Byte();
     if (number != MSG_SERVICE_ACCEPT) throw SshProtocolError("user authentication is not accepted", number);
-    // The name is left out by servers from before RFC 4253.
+    // Servers older than RFC 4253 omit the name.
     if (reader.Left() > 0 && reader.String() != View(USERAUTH)) reader.Fail("is for another service");
     reader.End();
 }
@@ -153,7 +153,7 @@ void UserAuthenticator::TryKey() {
     }
 }
 
-/// Asks whether the key would do, unless the answer costs more than it saves.
+/// Asks whether the server would accept the key, unless that costs more than it saves.
 bool UserAuthenticator::IsWanted(Offer const& offer) {
     Identity& identity = *offer.identity;
     if (identity.IsUnlocked()) return true;
@@ -166,7 +166,7 @@ bool UserAuthenticator::IsWanted(Offer const& offer) {
     }
     Reader reader(message, "USERAUTH_PK_OK");
     reader.Byte();
-    reader.String(); // the algorithm, in which servers differ
+    reader.String(); // the algorithm, which servers fill in differently
     if (reader.String() != View(identity.Blob())) reader.Fail("is for another key");
     reader.End();
     return true;
@@ -187,13 +187,13 @@ void UserAuthenticator::SendSigned(Offer const& offer) {
     JudgeKey(offer, ReceiveVerdict());
 }
 
-/// Keeps account of the server's answer.
+/// Records the server's reply.
 void UserAuthenticator::JudgeKey(Offer const& offer, Answer answer) {
     if (answer == FAILURE) {
         ++_keyFailures;
         Note(offer.identity->Name(), offer.algorithm + " refused");
     } else {
-        DropOffers(*offer.identity); // it has been taken
+        DropOffers(*offer.identity); // it has been accepted
     }
 }
 
@@ -269,7 +269,7 @@ void UserAuthenticator::TryQuestions() {
     }
 }
 
-/// Answers one message of questions, of which there may be none. False if the callback declines.
+/// Answers one request, which may have no questions. False if the callback declines.
 bool UserAuthenticator::AnswerQuestions(View message) {
     Reader reader(message, "USERAUTH_INFO_REQUEST");
     reader.Byte();
@@ -324,7 +324,7 @@ UserAuthenticator::Answer UserAuthenticator::Receive(View& message) {
     }
 }
 
-/// As Receive, where success and failure are the only answers.
+/// Like Receive, but only success and failure are valid replies.
 UserAuthenticator::Answer UserAuthenticator::ReceiveVerdict() {
     View message;
     Answer const answer = Receive(message);

@@ -14,7 +14,7 @@
 
 namespace cindral::standard {
 
-/// Who logs in where. What is referred to outlives the authenticator.
+/// Who logs in where. What it refers to must outlive the authenticator.
 struct Login {
     View sessionId;
     std::string user;
@@ -27,45 +27,41 @@ struct Login {
 
 /// User authentication: RFC 4252, and RFC 4256 for keyboard-interactive.
 ///
-/// Tries publickey, then password, then keyboard-interactive, as far as the server takes them at that moment;
-/// a partial success goes on with the methods that the server asks for next. Within that:
+/// Tries publickey, then password, then keyboard-interactive, as far as the server accepts them at that time;
+/// after a partial success it continues with the methods that the server then asks for. Details:
 ///
-/// - A key is offered without a signature first, so that nobody is asked for a passphrase, and no agent for
-/// its
-///   user's consent, in vain; one whose private half is at hand already saves that round trip. No key is
-///   offered twice. An RSA key signs with SHA-2 alone: by the server's list if there is one, else
-///   rsa-sha2-512 first.
+/// - A key is first offered without a signature, so that the user is not asked for a passphrase, nor an agent
+///   for its user's consent, in vain. An unlocked key skips that round trip. No key is offered twice. An RSA
+///   key signs only with SHA-2: according to the server's list if there is one, else with rsa-sha2-512 first.
 /// - OpenSSH's server allows six failures, of which the sixth ends the connection. So after five refused
-/// offers of
-///   keys the other methods come first; what is left of the keys follows when they are used up.
-/// - The password given is sent once, then the user is asked as often as `enter` has tries. A password that
-/// has
-///   expired ends the method, as does one that has been accepted.
-/// - keyboard-interactive is tried once, and again after each partial success. The password is never sent to
-/// the
-///   server's prompts.
+///   offers the other methods come first, and the remaining keys follow when those are used up.
+/// - The password given is sent once, then the user is asked as often as `enter` allows tries. An expired
+///   password ends the method, as does an accepted one.
+/// - keyboard-interactive is tried once, and again after each partial success. The password given is never
+///   sent in answer to the server's prompts.
 class UserAuthenticator {
 public:
-    /// Called when the server takes keys for the first time; appends to the notes why a key is missing.
+    /// Called when the server first accepts keys; appends to the notes why a key is missing.
     using FindIdentities = std::function<Identities(std::vector<std::string>& notes)>;
 
     UserAuthenticator(MessagePort& port, Login const& login, FindIdentities identities, EnterPassword& enter,
                       KbdInteractiveCallback& answer);
 
     /// Requests the service and authenticates. Returns 0, or -1 if no method is left. Throws SshProtocolError
-    /// for messages that break the protocol, and what the port throws.
+    /// for messages that violate the protocol, and what the port throws.
     int Run();
 
     /// The server's last banner (RFC 4252, section 5.4) as it has been printed on standard output, filtered.
     std::string const& Banner() const { return _banner; }
-    /// Which methods the server takes still, and what has been tried and why it failed; empty after success.
+    /// Which methods the server still accepts, and what has been tried and why it failed; empty after
+    /// success.
     std::string LastError() const;
 
 private:
     enum Answer { SUCCESS, FAILURE, PARTIAL_SUCCESS, METHOD_REPLY };
     enum Method { NONE, PUBLIC_KEY, PASSWORD, QUESTIONS };
 
-    /// A key and the algorithm that it would sign with; without a name both are still to be learnt.
+    /// A key and the algorithm that it would sign with; if the name is empty, neither is known yet.
     struct Offer {
         Identity* identity;
         std::string algorithm;
