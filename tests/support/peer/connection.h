@@ -195,6 +195,8 @@ enum class Stage { Identified, KexInitExchanged, NewKeys, Service, Authenticated
 /// One accepted connection, in the hands of the script. See scripted_peer.h for the vocabulary.
 class Connection {
 public:
+    using Settings = ServerSettings;
+
     Connection(int fd, int abortFd, ServerSettings const& settings, std::size_t index);
 
     ServerSettings settings;

@@ -1,14 +1,8 @@
 #ifndef TESTS_SUPPORT_PEER_SCRIPTED_PEER_H
 #define TESTS_SUPPORT_PEER_SCRIPTED_PEER_H
 
-#include <condition_variable>
-#include <exception>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <thread>
-
 #include "support/peer/connection.h"
+#include "support/peer/peer_server.h"
 
 namespace peer {
 
@@ -60,49 +54,7 @@ namespace peer {
 ///
 /// When a script ends, well or not, the peer closes its sending side and drops what the client still
 /// sends. No wait lasts longer than Link::timeLimit.
-class ScriptedPeer {
-public:
-    using Script = std::function<void(Connection&)>;
-
-    explicit ScriptedPeer(Script script, ServerSettings settings = {});
-    /// Gives up scripts that still run.
-    ~ScriptedPeer();
-    ScriptedPeer(ScriptedPeer const&) = delete;
-    ScriptedPeer& operator=(ScriptedPeer const&) = delete;
-
-    std::uint16_t Port() const { return _port; }
-
-    /// Waits until `connections` scripts have ended, then stops. Throws the first failure of
-    /// a script, and if fewer connections came within the time limit.
-    void Finish(std::size_t connections = 1);
-    /// The same, but failures of scripts are left to Error(): for clients that are expected to break off.
-    void Join(std::size_t connections = 1);
-    /// Text of the failure that ended the script of that connection; empty if it ran to its end or was cut.
-    std::string Error(std::size_t index = 0) const;
-    /// The script ran to its last line (not cut, not failed).
-    bool RanToItsEnd(std::size_t index = 0) const;
-
-    /// The record of a connection; to be read after Finish or Join.
-    Connection const& At(std::size_t index) const;
-
-private:
-    struct Run;
-
-    void Accept();
-    void Perform(Run& run);
-    void Stop();
-
-    Script _script;
-    ServerSettings _settings;
-    int _listener = -1;
-    int _stopFd = -1;  ///< readable: accept no more, stop draining
-    int _abortFd = -1; ///< readable: scripts give up
-    std::uint16_t _port = 0;
-    mutable std::mutex _mutex;
-    std::condition_variable _changed;
-    std::vector<std::unique_ptr<Run>> _runs;
-    std::thread _acceptor;
-};
+using ScriptedPeer = PeerServer<Connection>;
 
 } // namespace peer
 

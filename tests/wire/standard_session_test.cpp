@@ -1,0 +1,54 @@
+// A session with the standard dialect at a well-behaved server, under each algorithm that the scripted peer
+// has.
+
+#include "wire/standard_fixture.h"
+
+using namespace peer;
+
+namespace {
+
+struct Algorithms {
+    char const* name;
+    char const* kex;
+    char const* hostKey;
+    char const* cipher;
+    char const* mac;
+};
+
+class StandardAlgorithms : public StandardTest, public testing::WithParamInterface<Algorithms> {};
+
+TEST_P(StandardAlgorithms, SessionIsCompleteAcrossARekeying) {
+    Algorithms const& algorithms = GetParam();
+    settings.Kex(algorithms.kex, algorithms.hostKey).Pin(algorithms.cipher, algorithms.mac);
+    if (std::string(algorithms.hostKey) != "ssh-ed25519") settings.hostKey = &StandardKey::HostRsa();
+    StandardResult const result = Run([](StandardConnection& c) {
+        c.SendPacket(Data("before, "));
+        c.Rekey();
+        c.SendPacket(Data("after"));
+        c.SendPacket(ExtendedData("errors", 1));
+        c.SendTogether(Ending(7));
+    });
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.output, "before, after");
+    EXPECT_EQ(result.errors, "errors");
+    EXPECT_EQ(result.exitStatus, 7);
+    EXPECT_EQ(result.exchanges, 2u);
+    EXPECT_TRUE(result.isStrict);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, StandardAlgorithms,
+    testing::Values(
+        Algorithms{"gcm", "curve25519-sha256", "ssh-ed25519", "aes128-gcm@openssh.com", ""},
+        Algorithms{"gcm256", "ecdh-sha2-nistp256", "ssh-ed25519", "aes256-gcm@openssh.com", ""},
+        Algorithms{"chacha", "curve25519-sha256", "rsa-sha2-512", "chacha20-poly1305@openssh.com", ""},
+        Algorithms{"ctr", "diffie-hellman-group14-sha256", "rsa-sha2-256", "aes128-ctr", "hmac-sha2-256"},
+        Algorithms{"ctr256", "diffie-hellman-group-exchange-sha256", "ssh-ed25519", "aes256-ctr",
+                   "hmac-sha2-512"},
+        Algorithms{"etm", "curve25519-sha256@libssh.org", "ssh-ed25519", "aes128-ctr",
+                   "hmac-sha2-256-etm@openssh.com"},
+        Algorithms{"etm512", "curve25519-sha256", "ssh-ed25519", "aes128-ctr",
+                   "hmac-sha2-512-etm@openssh.com"}),
+    [](auto const& param) { return std::string(param.param.name); });
+
+} // namespace

@@ -1,0 +1,93 @@
+#ifndef TESTS_WIRE_STANDARD_SFTP_SERVER_H
+#define TESTS_WIRE_STANDARD_SFTP_SERVER_H
+
+#include <algorithm>
+#include <functional>
+#include <string>
+
+#include "support/peer/standard_connection.h"
+
+/// An SFTP server (draft-ietf-secsh-filexfer-02) with one file, on the channel of a StandardConnection. To be
+/// served once the channel is open.
+class SftpServer {
+public:
+    explicit SftpServer(peer::StandardConnection& connection) : _connection(connection) {}
+
+    std::string content; ///< of the file, read and written
+    /// Called before each answer, with the type of the request.
+    std::function<void(unsigned type)> beforeAnswer;
+
+    /// Takes the request of the subsystem and answers until the client has closed the file; then, and if the
+    /// connection ends, it returns.
+    void Serve() {
+        _connection.ReadChannelRequest();
+        while (!_closed) Answer(ReadMessage());
+    }
+
+private:
+    peer::Bytes ReadMessage() {
+        while (_buffer.size() < 4 || _buffer.size() - 4 < peer::Reader(_buffer).U32()) {
+            peer::Reader packet(_connection.ReadPacket());
+            if (packet.U8() != peer::CHANNEL_DATA) continue;
+            packet.U32();
+            peer::Bytes const data = packet.Blob();
+            _buffer.insert(_buffer.end(), data.begin(), data.end());
+        }
+        std::size_t const size = peer::Reader(_buffer).U32();
+        peer::Bytes const message = peer::Slice(_buffer, 4, size);
+        _buffer = peer::Slice(_buffer, 4 + size, _buffer.size());
+        return message;
+    }
+
+    void Send(peer::Bytes const& message) {
+        _connection.SendPacket(
+            peer::Writer().U8(peer::CHANNEL_DATA).U32(0).String(peer::Bytes(peer::Writer().String(message))));
+    }
+
+    void SendStatus(std::uint32_t id, std::uint32_t code, char const* text) {
+        Send(peer::Writer().U8(101).U32(id).U32(code).String(text).String(""));
+    }
+
+    void Answer(peer::Bytes const& message) {
+        peer::Reader request(message);
+        unsigned const type = request.U8();
+        if (beforeAnswer) beforeAnswer(type);
+        std::uint32_t const id = request.U32();
+        switch (type) {
+        case 1: // INIT, whose version is in the place of the id
+            return Send(peer::Writer().U8(2).U32(3));
+        case 3: // OPEN
+            return Send(peer::Writer().U8(102).U32(id).String("handle"));
+        case 4: // CLOSE
+            _closed = true;
+            return SendStatus(id, 0, "");
+        case 5: { // READ
+            request.Blob();
+            auto const offset = static_cast<std::size_t>(request.U64());
+            std::size_t const size = request.U32();
+            if (offset >= content.size()) return SendStatus(id, 1, "end of file");
+            return Send(peer::Writer().U8(103).U32(id).String(content.substr(offset, size)));
+        }
+        case 6: { // WRITE
+            request.Blob();
+            auto const offset = static_cast<std::size_t>(request.U64());
+            std::string const data = request.String();
+            content.resize(std::max(content.size(), offset + data.size()));
+            content.replace(offset, data.size(), data);
+            return SendStatus(id, 0, "");
+        }
+        case 8: // FSTAT
+            return Send(peer::Writer().U8(105).U32(id).U32(1).U64(content.size()));
+        case 16: // REALPATH
+            return Send(peer::Writer().U8(104).U32(id).U32(1).String("/home").String("").U32(0));
+        default:
+            return SendStatus(id, 8, "not supported");
+        }
+    }
+
+    peer::StandardConnection& _connection;
+    peer::Bytes _buffer;
+    bool _closed = false;
+};
+
+#endif
