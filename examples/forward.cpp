@@ -1,7 +1,7 @@
 // Forwards TCP ports through a connection, alongside a command or a shell, or alone until it is interrupted.
 //
-// With -R the server has to announce connections without the originator's address. Standard servers send it,
-// and with them the first connection ends the session (docs/dialect.md).
+// In the reduced dialect, -R needs a server that announces connections without the originator's address.
+// Standard servers send it, and with them the first connection ends the session (docs/dialect.md).
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -82,13 +82,25 @@ bool IsReadable(char const* spec) {
     return SshSession::ParseFwdSpec(spec, bindAddress, listenPort, host, port) == 0;
 }
 
+/// Says which port the server has chosen, if it was asked to.
+void ShowRemotePort(char const* spec, cindral::StandardDialect const* dialect) {
+    String_t bindAddress, host;
+    unsigned int listenPort = 0, port = 0;
+    SshSession::ParseFwdSpec(spec, bindAddress, listenPort, host, port);
+    if (dialect && listenPort == 0)
+        std::cerr << spec << ": the server listens on port " << dialect->RemotePort() << std::endl;
+}
+
 /// Starts the forwardings from `option` on, two words each. Returns DONE, or the status of a failure that has
 /// been reported.
-int StartForwardings(SshSession& session, char** option) {
+int StartForwardings(SshSession& session, cindral::StandardDialect const* dialect, char** option) {
     for (; IsForwarding(*option); option += 2) {
         int const result = IsLocal(*option) ? session.StartLocalForwarding(option[1])
                                             : session.StartRemoteForwarding(option[1]);
-        if (result == 0) continue;
+        if (result == 0) {
+            if (!IsLocal(*option)) ShowRemotePort(option[1], dialect);
+            continue;
+        }
         String_t what(option[1]);
         what += ": ";
         what += result == -1 ? "refused, or forwarded already" : std::strerror(-result);
@@ -100,9 +112,10 @@ int StartForwardings(SshSession& session, char** option) {
 } // namespace
 
 int main(int, char** argv) {
-    char const usage[] = "usage: forward [-i IDENTITY] [USER@]HOST[:PORT] FORWARDING... [-s | COMMAND...]\n"
-                         "FORWARDING: -L or -R [BIND_ADDRESS:]LISTEN_PORT:HOST:PORT\n"
-                         "-s: run a shell, too";
+    char const usage[] =
+        "usage: forward [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] FORWARDING... [-s | COMMAND...]\n"
+        "FORWARDING: -L or -R [BIND_ADDRESS:]LISTEN_PORT:HOST:PORT\n"
+        "-s: run a shell, too";
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
     char** rest = arguments._rest;
@@ -110,13 +123,15 @@ int main(int, char** argv) {
     for (; IsForwarding(*rest); rest += 2)
         if (!IsReadable(rest[1])) return Fail(examples::USAGE, usage);
 
-    auto const forward = [&](SshSession& session) {
-        if (int const status = StartForwardings(session, arguments._rest); status != examples::DONE)
-            return status;
-        return examples::RunToTheEnd(session);
+    auto const start = [&](SshSession& session, cindral::StandardDialect const* dialect) {
+        return StartForwardings(session, dialect, arguments._rest);
+    };
+    auto const forward = [&](SshSession& session, cindral::StandardDialect const* dialect) {
+        int const status = start(session, dialect);
+        return status == examples::DONE ? examples::RunToTheEnd(session, dialect) : status;
     };
     if (!*rest) return examples::LoginAndWork<ForwardingSession>(arguments, forward);
     if (std::strcmp(*rest, "-s") == 0)
-        return examples::LoginAndWork<cindral::SshInteractiveSession>(arguments, forward);
-    return examples::LoginAndWork<cindral::SshCmdSession>(arguments, forward, examples::Command(rest));
+        return examples::RunSession<cindral::SshInteractiveSession>(arguments, start);
+    return examples::RunSession<cindral::SshCmdSession>(arguments, start, examples::Command(rest));
 }

@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <brantle/thornel/file_descriptor.h>
 
 #include "login.h"
@@ -11,19 +13,23 @@
 namespace {
 
 using cindral::ScpSession;
+using cindral::StandardDialect;
 using examples::Fail;
 
-int StartFailed(int result) {
-    if (result > 0) return Fail(examples::CHANNEL_REFUSED, "the server refused the channel");
+int StartFailed(int result, StandardDialect const* dialect) {
+    if (result > 0)
+        return Fail(examples::CHANNEL_REFUSED, examples::Reason(dialect, "the server refused the channel"));
     return Fail(examples::NOT_COPIED, "the remote scp did not answer");
 }
 
-/// -1 can also be a negated errno: EPERM, for a file that may not be opened.
-int FileFailed(String_t const& file, int result) {
+/// -1 can also be a negated errno: EPERM, for a file that may not be opened. A name that scp can't announce
+/// is -EINVAL, and the reason names the file.
+int FileFailed(String_t const& file, int result, StandardDialect const* dialect) {
     String_t what(file);
     what += ": ";
     what += result == -1 ? "not permitted, or the remote scp did not answer" : std::strerror(-result);
-    return Fail(examples::NOT_COPIED, what);
+    bool const hasReason = result == -1 || result == -EINVAL;
+    return Fail(examples::NOT_COPIED, hasReason ? examples::Reason(dialect, what) : what);
 }
 
 /// Creates a local file for ReceiveFile, unless there is one: ReceiveFile itself would create it with the
@@ -48,27 +54,29 @@ private:
     bool _isNew;
 };
 
-int Put(ScpSession& session, char** files, char** last) {
-    if (int const result = session.StartSend(*last); result != 0) return StartFailed(result);
+int Put(ScpSession& session, StandardDialect const* dialect, char** files, char** last) {
+    if (int const result = session.StartSend(*last); result != 0) return StartFailed(result, dialect);
     for (; files != last; ++files) {
         Pathname const file(*files);
         if (int const result = session.SendFile(file.Dir(), file.Leaf(nullptr)); result < 0)
-            return FileFailed(file, result);
+            return FileFailed(file, result, dialect);
     }
     session.TerminateSend();
     return examples::DONE;
 }
 
-int Get(ScpSession& session, char** files, char** last) {
+int Get(ScpSession& session, StandardDialect const* dialect, char** files, char** last) {
     TOList<String_t> names;
     for (char** file = files; file != last; ++file) names.Append(*file);
-    if (int const result = session.StartReceive(String_t(), names); result != 0) return StartFailed(result);
+    if (int const result = session.StartReceive(String_t(), names); result != 0)
+        return StartFailed(result, dialect);
     for (; files != last; ++files) {
         // The name is the one that was asked for, not one that the server chooses.
         Pathname const file(*files);
         String_t const name = file.Leaf(nullptr);
         LocalFile local(Pathname(*last).Append(name.Text()));
-        if (int const result = session.ReceiveFile(*last, name); result < 0) return FileFailed(file, result);
+        if (int const result = session.ReceiveFile(*last, name); result < 0)
+            return FileFailed(file, result, dialect);
         local.Keep();
     }
     return examples::DONE;
@@ -90,8 +98,9 @@ int Try(Copy const& copy) {
 } // namespace
 
 int main(int, char** argv) {
-    char const usage[] = "usage: scp_copy [-i IDENTITY] [USER@]HOST[:PORT] put FILE... REMOTE_TARGET\n"
-                         "       scp_copy [-i IDENTITY] [USER@]HOST[:PORT] get REMOTE_FILE... DIRECTORY";
+    char const usage[] =
+        "usage: scp_copy [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] put FILE... REMOTE_TARGET\n"
+        "       scp_copy [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] get REMOTE_FILE... DIRECTORY";
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
     char** const words = arguments._rest;
@@ -100,9 +109,11 @@ int main(int, char** argv) {
     if (!words[1] || !words[2]) return Fail(examples::USAGE, usage);
     char** last = words + 2;
     while (last[1]) ++last;
-    return examples::LoginAndWork<ScpSession>(arguments, [&](ScpSession& session) {
+    auto const copy = [&](ScpSession& session, StandardDialect const* dialect) {
         return Try([&] {
-            return direction == "put" ? Put(session, words + 1, last) : Get(session, words + 1, last);
+            return direction == "put" ? Put(session, dialect, words + 1, last)
+                                      : Get(session, dialect, words + 1, last);
         });
-    });
+    };
+    return examples::LoginAndWork<ScpSession>(arguments, copy);
 }

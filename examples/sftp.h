@@ -23,15 +23,15 @@ inline int FileFailed(Status status, String_t const& file, int result, cindral::
     return Fail(status, what);
 }
 
-/// Logs in, starts SFTP and calls `work` with the session. Returns the exit status.
-template <class Work>
+/// Logs in, starts SFTP and calls `work` with the session and its dialect, which is null for the reduced one.
+/// Returns the exit status.
+template <class Session, class Dialect = cindral::StandardDialect, class Work>
 int WorkOnFiles(CommandLine const& arguments, Work const& work) {
-    using cindral::SftpClientSession;
-    return LoginAndWork<SftpClientSession>(arguments, [&work](SftpClientSession& session) {
+    return LoginAndWork<Session, Dialect>(arguments, [&work](Session& session, Dialect* dialect) {
         int const result = session.Start();
-        if (result > 0) return Fail(CHANNEL_REFUSED, "the server refused the channel");
+        if (result > 0) return Fail(CHANNEL_REFUSED, Reason(dialect, "the server refused the channel"));
         if (result < 0) return Fail(CONNECTION_FAILED, "the server did not name its directory");
-        return work(session);
+        return work(session, dialect);
     });
 }
 

@@ -51,7 +51,7 @@ Change const* Find(char** words) {
 } // namespace
 
 int main(int, char** argv) {
-    char const usage[] = "usage: sftp_change [-i IDENTITY] [USER@]HOST[:PORT] CHANGE\n"
+    char const usage[] = "usage: sftp_change [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] CHANGE\n"
                          "CHANGE is one of: mkdir DIRECTORY, rmdir DIRECTORY, remove FILE_OR_PATTERN,\n"
                          "rename OLD NEW, chmod OCTAL_MODE FILE_OR_PATTERN";
     examples::CommandLine arguments;
@@ -59,7 +59,7 @@ int main(int, char** argv) {
     char** const words = arguments._rest;
     Change const* const change = Find(words);
     if (!change) return Fail(examples::USAGE, usage);
-    return examples::WorkOnFiles(arguments, [&](SftpClientSession& session) {
+    auto const apply = [&](SftpClientSession& session, cindral::StandardDialect const*) {
         SftpStatus status;
         int const result = change->make(session, status, words + 1);
         if (result >= 0) return static_cast<int>(examples::DONE);
@@ -68,5 +68,6 @@ int main(int, char** argv) {
         if (status._code == SftpStatus::FX_OK)
             return Fail(examples::NOT_CHANGED, String_t(subject) += ": nothing matches");
         return examples::FileFailed(examples::NOT_CHANGED, subject, result, status);
-    });
+    };
+    return examples::WorkOnFiles<SftpClientSession>(arguments, apply);
 }

@@ -1,9 +1,12 @@
-// Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories.
+// Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories. On a terminal
+// a line shows how far each copy is.
 //
-// SftpClientSession::Get and MGet do the same in one call, but they write under any name that the server
-// answers, and give files the mode that the server names (docs/dialect.md, Hazards). Here a name that the
-// server chooses is checked before anything is written under it, and a new file gets the permission bits
-// alone, within the umask.
+// MGet of SftpClientSession does the same for a pattern in one call, but under any name in the local
+// directory that the server answers, as that of a link there. Here a name that the server chooses is checked
+// before anything is written under it, and no link is followed. In the reduced dialect Get gives a file the
+// mode that the server names as well, and copies may be incomplete (docs/dialect.md, Hazards): there the
+// blocks are copied one by one, a new file gets the permission bits alone, within the umask, and the sizes
+// are compared.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,6 +20,7 @@
 
 #include <brantle/thornel/file_descriptor.h>
 
+#include "progress_bar.h"
 #include "sftp.h"
 
 namespace {
@@ -29,6 +33,27 @@ using cindral::SftpFileHandle;
 using cindral::SftpStatus;
 using examples::DONE;
 using examples::Fail;
+
+struct CopySession : SftpClientSession {
+    using SftpClientSession::SftpClientSession;
+
+    bool isReduced = false; ///< speaks the reduced dialect
+    examples::ProgressBar bar;
+};
+
+/// New files get the permission bits of the old ones.
+class CopyDialect : public cindral::StandardDialect {
+public:
+    explicit CopyDialect(CopySession& session) : StandardDialect(session), _bar(session.bar) {
+        SetKeepModes(true);
+    }
+    void Progress(String_t const& name, unsigned long long done, unsigned long long total) override {
+        _bar.Show(str_text(name.Text()), done, total);
+    }
+
+private:
+    examples::ProgressBar& _bar;
+};
 
 int Failed(String_t const& file, int result, SftpStatus const& status) {
     return examples::FileFailed(examples::NOT_COPIED, file, result, status);
@@ -46,9 +71,10 @@ int ForEach(TOList<String_t> const& names, Step const& step) {
     return outcome;
 }
 
-/// A copy can succeed and yet be incomplete: a server may send less than the file has, and a block that it
-/// refuses before the last one is left out. The sizes show it.
-int CompareSizes(SftpClientSession& session, String_t const& remote, String_t const& local) {
+/// In the reduced dialect a copy can succeed and yet be incomplete: a server may send less than the file has,
+/// and a block that it refuses before the last one is left out. The sizes show it.
+int CompareSizes(CopySession& session, String_t const& remote, String_t const& local) {
+    if (!session.isReduced) return DONE;
     SftpStatus status;
     SftpFileAttr attrs;
     if (int const result = session.Stat(status, remote, attrs); result < 0)
@@ -89,8 +115,8 @@ int Write(int fd, char const* bytes, int count) {
     return 0;
 }
 
-/// Copies a remote file to a local one. `flags` are for open(2), beside those that it needs.
-int GetFile(SftpClientSession& session, String_t const& remote, Pathname const& local, int flags) {
+/// As GetFile, in the reduced dialect.
+int GetBlocks(CopySession& session, String_t const& remote, Pathname const& local, int flags) {
     SftpStatus status;
     SftpClient& client = session.Client();
     SftpFileHandle const handle =
@@ -115,13 +141,28 @@ int GetFile(SftpClientSession& session, String_t const& remote, Pathname const& 
     }
 }
 
+/// Copies a remote file to a local one. `flags` are O_NOFOLLOW or 0.
+int GetFile(CopySession& session, String_t const& remote, Pathname const& local, int flags) {
+    if (session.isReduced) return GetBlocks(session, remote, local, flags);
+    struct stat64 file;
+    if (flags == O_NOFOLLOW && lstat64(local.Text(), &file) == 0 && S_ISLNK(file.st_mode)) {
+        errno = ELOOP;
+        return FailedHere(local);
+    }
+    SftpStatus status;
+    int const result = session.Receive(status, session.RemotePathname(remote), local);
+    session.bar.End();
+    if (result >= 0) return DONE;
+    return Failed(status._code == SftpStatus::FX_OK ? local : remote, result, status);
+}
+
 /// Copies to a name that the user gave, which may be that of a link.
-int GetNamed(SftpClientSession& session, String_t const& remote, String_t const& dir) {
+int GetNamed(CopySession& session, String_t const& remote, String_t const& dir) {
     return GetFile(session, remote, PlaceIn(dir, remote), 0);
 }
 
 /// Copies to a name that the server chose. No link there can lead the copy elsewhere.
-int GetChosen(SftpClientSession& session, String_t const& remote, Pathname const& local) {
+int GetChosen(CopySession& session, String_t const& remote, Pathname const& local) {
     return GetFile(session, remote, local, O_NOFOLLOW);
 }
 
@@ -131,7 +172,7 @@ std::ptrdiff_t Depth(String_t const& path) {
 }
 
 /// A wildcard of Glob matches "/" as well: the server may answer "photos*" with "photos/../.profile".
-int GetMatching(SftpClientSession& session, String_t const& given, String_t const& dir) {
+int GetMatching(CopySession& session, String_t const& given, String_t const& dir) {
     Pathname const pattern = session.RemotePathname(given).Collapse();
     SftpStatus status;
     TOList<String_t> names;
@@ -154,7 +195,7 @@ bool MakeDirectory(Pathname const& dir) {
 }
 
 /// Copies the contents of a remote directory into a local one, which is made.
-int GetDirectory(SftpClientSession& session, Pathname const& remote, Pathname const& local) {
+int GetDirectory(CopySession& session, Pathname const& remote, Pathname const& local) {
     if (!MakeDirectory(local)) return FailedHere(local);
     SftpStatus status;
     TSet<DirEntry, DirEntry::Compare> entries;
@@ -184,7 +225,7 @@ Pathname PlaceOfTree(String_t const& dir, Pathname const& remote) {
     return leaf == "" || leaf == "." || leaf == ".." ? Pathname(dir) : Under(dir, leaf);
 }
 
-int GetAll(SftpClientSession& session, String_t const& remote, String_t const& dir) {
+int GetAll(CopySession& session, String_t const& remote, String_t const& dir) {
     SftpStatus status;
     SftpFileAttr attrs;
     if (int const result = session.Stat(status, remote, attrs); result < 0)
@@ -193,7 +234,7 @@ int GetAll(SftpClientSession& session, String_t const& remote, String_t const& d
     return GetDirectory(session, session.RemotePathname(remote).Collapse(), PlaceOfTree(dir, remote));
 }
 
-int Get(SftpClientSession& session, bool recursive, String_t const& remote, String_t const& dir) {
+int Get(CopySession& session, bool recursive, String_t const& remote, String_t const& dir) {
     if (recursive) return GetAll(session, remote, dir);
     if (SftpClientSession::IsWildcardPath(remote)) return GetMatching(session, remote, dir);
     return GetNamed(session, remote, dir);
@@ -203,17 +244,19 @@ int Get(SftpClientSession& session, bool recursive, String_t const& remote, Stri
 
 /// Copies a list of files into a remote directory, up to the first that can't be copied. `what` stands for
 /// all of them in a report.
-int PutFiles(SftpClientSession& session, String_t const& what, TOList<String_t> const& names,
-             String_t const& dir) {
+int PutFiles(CopySession& session, String_t const& what, TOList<String_t> const& names, String_t const& dir) {
     SftpStatus status;
-    if (int const count = session.Put(status, names, dir); count < 0) return Failed(what, count, status);
+    int const count = session.Put(status, names, dir);
+    session.bar.End();
+    if (count < 0) return Failed(what, count, status);
     return ForEach(names,
                    [&](String_t const& name) { return CompareSizes(session, PlaceIn(dir, name), name); });
 }
 
-int PutMatching(SftpClientSession& session, String_t const& pattern, String_t const& dir) {
+int PutMatching(CopySession& session, String_t const& pattern, String_t const& dir) {
     SftpStatus status;
     int const count = session.MPut(status, pattern, dir);
+    session.bar.End();
     if (count < 0) return Failed(pattern, count, status);
     if (count == 0) return Fail(examples::NOT_COPIED, String_t(pattern) += ": nothing matches");
     TOList<String_t> names;
@@ -223,7 +266,7 @@ int PutMatching(SftpClientSession& session, String_t const& pattern, String_t co
 }
 
 /// Makes a remote directory unless there is one.
-int MakeRemoteDirectory(SftpClientSession& session, Pathname const& dir) {
+int MakeRemoteDirectory(CopySession& session, Pathname const& dir) {
     SftpStatus refusal;
     int const made = session.Mkdir(refusal, dir, 0777);
     if (made == 0) return DONE;
@@ -234,7 +277,7 @@ int MakeRemoteDirectory(SftpClientSession& session, Pathname const& dir) {
 }
 
 /// Copies the contents of a local directory into a remote one, which is made.
-int PutDirectory(SftpClientSession& session, Pathname const& local, Pathname const& remote) {
+int PutDirectory(CopySession& session, Pathname const& local, Pathname const& remote) {
     if (int const status = MakeRemoteDirectory(session, remote); status != DONE) return status;
     TOList<String_t> files;
     int outcome = DONE;
@@ -259,7 +302,7 @@ int PutDirectory(SftpClientSession& session, Pathname const& local, Pathname con
     return result != DONE ? result : outcome;
 }
 
-int Put(SftpClientSession& session, bool recursive, String_t const& file, String_t const& dir) {
+int Put(CopySession& session, bool recursive, String_t const& file, String_t const& dir) {
     struct stat64 attrs;
     if (recursive && stat64(file.Text(), &attrs) == 0 && S_ISDIR(attrs.st_mode))
         return PutDirectory(session, file, PlaceIn(dir, file));
@@ -272,9 +315,10 @@ int Put(SftpClientSession& session, bool recursive, String_t const& file, String
 } // namespace
 
 int main(int, char** argv) {
-    char const usage[] =
-        "usage: sftp_copy [-i IDENTITY] [USER@]HOST[:PORT] put [-r] FILE_OR_PATTERN... REMOTE_DIRECTORY\n"
-        "       sftp_copy [-i IDENTITY] [USER@]HOST[:PORT] get [-r] REMOTE_FILE_OR_PATTERN... DIRECTORY";
+    char const usage[] = "usage: sftp_copy [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] put [-r] "
+                         "FILE_OR_PATTERN... REMOTE_DIRECTORY\n"
+                         "       sftp_copy [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] get [-r] "
+                         "REMOTE_FILE_OR_PATTERN... DIRECTORY";
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != DONE) return status;
     char** words = arguments._rest;
@@ -287,10 +331,12 @@ int main(int, char** argv) {
     TOList<String_t> names;
     for (; words[1]; ++words) names.Append(*words);
     String_t const dir(*words);
-    return examples::WorkOnFiles(arguments, [&](SftpClientSession& session) {
+    auto const copy = [&](CopySession& session, CopyDialect const* dialect) {
+        session.isReduced = !dialect;
         return ForEach(names, [&](String_t const& name) {
             return direction == "put" ? Put(session, recursive, name, dir)
                                       : Get(session, recursive, name, dir);
         });
-    });
+    };
+    return examples::WorkOnFiles<CopySession, CopyDialect>(arguments, copy);
 }

@@ -47,7 +47,8 @@ int List(SftpClientSession& session, String_t const& path, Options const& option
 } // namespace
 
 int main(int, char** argv) {
-    char const usage[] = "usage: sftp_ls [-i IDENTITY] [USER@]HOST[:PORT] [-a] [-r] [PATH_OR_PATTERN...]";
+    char const usage[] =
+        "usage: sftp_ls [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] [-a] [-r] [PATH_OR_PATTERN...]";
     examples::CommandLine arguments;
     if (int const status = arguments.Read(argv, usage); status != examples::DONE) return status;
     Options options;
@@ -60,11 +61,12 @@ int main(int, char** argv) {
         else
             return Fail(examples::USAGE, usage);
     }
-    return examples::WorkOnFiles(arguments, [&](SftpClientSession& session) {
+    auto const list = [&](SftpClientSession& session, cindral::StandardDialect const*) {
         if (!*paths) return List(session, ".", options);
         int outcome = examples::DONE;
         for (; *paths; ++paths)
             if (int const status = List(session, *paths, options); status != examples::DONE) outcome = status;
         return outcome;
-    });
+    };
+    return examples::WorkOnFiles<SftpClientSession>(arguments, list);
 }

@@ -120,7 +120,8 @@ void FileCopies::CheckName(String_t const& name) {
 
 bool FileCopies::CanAnnounce(String_t const& name) {
     bool const can = !HasControlCharacters(Name(name));
-    if (!can) _report("scp can't name the file " + Printable(Name(name)));
+    if (!can)
+        _report("scp can't name the file " + Printable(Name(name)) + ": its name has control characters");
     return can;
 }
 

@@ -288,7 +288,7 @@ int KnownHostsFile::Append(std::string const& host, unsigned short port, View bl
 }
 
 std::string KnownHostsFile::Finding::Text(std::string const& host) const {
-    std::string place = file.empty() ? "no home directory" : file;
+    std::string place = file;
     if (line > 0) place += ":" + std::to_string(line);
     switch (verdict) {
     case MATCH:
@@ -296,12 +296,14 @@ std::string KnownHostsFile::Finding::Text(std::string const& host) const {
     case UNKNOWN:
         return "the host key of " + host + " is not known";
     case CHANGED:
-        return "the host key of " + host + " has changed (" + place + " has another " + type + " key)";
+        return "the host key of " + host + " has changed: " + place + " has another " + type +
+               " key; remove that line if you know why";
     case REVOKED:
         return "the host key of " + host + " is revoked (" + place + ")";
     case UNREADABLE:
         break;
     }
+    if (file.empty()) return "the known hosts can't be read: there is no home directory";
     return "the known hosts can't be read (" + place + ": " + std::strerror(error) + ")";
 }
 

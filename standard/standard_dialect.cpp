@@ -169,6 +169,7 @@ private:
     // SftpReplies
     void TakeReply(View message) override;
 
+    int Identify(Deadline const& deadline, std::string& reason);
     void Deliver(View data, std::size_t bytes);
     Channel& OpenSession();
     void ServeBlocking();
@@ -212,14 +213,20 @@ int StandardDialect::Impl::Refused(std::string const& reason) {
 
 int StandardDialect::Impl::Connect(unsigned int timeout) {
     Deadline const deadline{std::chrono::seconds(timeout)};
+    std::string reason;
     int result = OpenSocket(timeout);
-    if (result < 0) {
-        SetLastError(std::string("connection failed: ") + std::strerror(-result));
-        return result;
-    }
+    if (result >= 0) result = Identify(deadline, reason);
+    if (result >= 0) return result;
+    if (reason.empty()) reason = std::strerror(-result);
+    SetLastError(std::string("can't connect to ") + Chars(Socket().RefString()) + ": " + reason);
+    return result;
+}
+
+int StandardDialect::Impl::Identify(Deadline const& deadline, std::string& reason) {
     SshSession::SetNodelay(_session.Fd());
     SockIO::SetCloseOnExec(_session.Fd());
-    std::string server, reason;
+    std::string server;
+    int result = 0;
     try {
         result = _connection.Identify(_session.Fd(), deadline, Chars(ClientVersion()), server, reason);
     } catch (SshProtocolError const& failure) {
@@ -230,7 +237,6 @@ int StandardDialect::Impl::Connect(unsigned int timeout) {
         result = -failure.Errno();
     }
     SetServerVersion(Text(server));
-    if (result < 0) SetLastError(reason);
     return result;
 }
 
@@ -281,7 +287,7 @@ std::string StandardDialect::Impl::Refuse(std::string const& algorithm, View key
         return "the host " + host + " is not known, and its " + type + " key (" + fingerprint +
                ") was not accepted";
     if (int const failure = _knownHosts.Append(host, address.Port(), key))
-        SetLastError("the host key could not be added to the known hosts: " +
+        SetLastError("the host key could not be added to ~/.ssh/known_hosts: " +
                      std::string(std::strerror(-failure)));
     return std::string();
 }
@@ -513,6 +519,10 @@ void StandardDialect::Impl::OnClosed(Channel& channel) {
         _exitStatus = channel.exitStatus;
         _exitSignal = Text(channel.exitSignal);
         _hasEnded = true;
+        if (!channel.exitSignal.empty())
+            SetLastError("the remote command was ended by the signal " + channel.exitSignal);
+        else if (channel.exitStatus < 0)
+            SetLastError("the server closed the channel without an exit status");
     }
     if (_loop.IsRunning()) _loop.OnClosed(channel);
 }
@@ -609,6 +619,8 @@ void StandardDialect::SetRequestsInFlight(unsigned int count) {
         throw InvalidArgument("StandardDialect::SetRequestsInFlight", "not from 1 to 1024");
     _impl->_copyOptions.requestsInFlight = count;
 }
+
+void StandardDialect::SetKeepModes(bool keep) { _impl->_copyOptions.keepsModes = keep; }
 
 void StandardDialect::Progress(String_t const&, unsigned long long, unsigned long long) {}
 

@@ -119,6 +119,7 @@ void UserAuthenticator::FindKeys() {
     if (_keysFound) return;
     _keysFound = true;
     _identities = _findIdentities(_notes);
+    if (_identities.empty() && _notes.empty()) Note("publickey", "there is no key, in a file or an agent");
     for (std::unique_ptr<Identity> const& identity : _identities)
         for (Offer const& offer : OffersOf(*identity)) _offers.push_back(offer);
 }
@@ -359,7 +360,8 @@ void UserAuthenticator::ShowBanner(View message) {
 
 std::string UserAuthenticator::LastError() const {
     if (_authenticated) return std::string();
-    std::string text = "the server takes " + (_methods.empty() ? "no method" : Printable(_methods));
+    std::string text =
+        "login failed: the server accepts " + (_methods.empty() ? "no method" : Printable(_methods));
     for (std::string const& note : _notes) text += "; " + note;
     return text;
 }

@@ -1,4 +1,4 @@
-// The example programs as a user runs them: what they print and what they exit with.
+// The example programs as a user runs them in the reduced dialect: what they print and what they exit with.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,9 +36,8 @@ TEST(Examples, CommandPassesInputAndOutput) {
             c.SendExitStatus(0);
         },
         settings);
-    Ran const ran =
-        Execute("printf typed | VERBOSE=1 " RUN_COMMAND " tester@127.0.0.1:" + std::to_string(server.Port()) +
-                " wc -c 'two words'");
+    Ran const ran = Execute("printf typed | VERBOSE=1 " RUN_COMMAND " --reduced tester@127.0.0.1:" +
+                            std::to_string(server.Port()) + " wc -c 'two words'");
     server.Finish();
     EXPECT_EQ(ran.status, 0);
     EXPECT_EQ(ran.output, "5\n");
@@ -236,7 +235,7 @@ TEST(Examples, QuestionsShowWhoAsks) {
         },
         settings);
     std::string const host = "127.0.0.1:" + std::to_string(server.Port());
-    Ran const ran = Execute("echo typed | " RUN_COMMAND " tester@" + host + " true");
+    Ran const ran = Execute("echo typed | " RUN_COMMAND " --reduced tester@" + host + " true");
     server.Finish();
     EXPECT_EQ(ran.output, "(" + host + ") be?careful\n(" + host + ") Enter passphrase for id_rsa?: ");
     EXPECT_THAT(answers, testing::ElementsAre("typed"));
@@ -272,28 +271,32 @@ TEST(Examples, FailureIsReportedAfterAMessageWithoutAName) {
 }
 
 TEST(Examples, WrongArgumentsPrintTheUsage) {
-    std::string const command = "usage: run_command [-X] [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
-    for (char const* arguments : {"", "-i", "-i key", "host", "-i key -X"})
+    std::string const command =
+        "usage: run_command [-X] [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] COMMAND...";
+    for (char const* arguments : {"", "-i", "-i key", "host", "-i key -X", "--reduced", "-i key --reduced"})
         EXPECT_THAT(Execute(RUN_COMMAND, arguments), Fails(2, command)) << arguments;
     for (char const* arguments : {"", "-i", "-i key", "host surplus"})
-        EXPECT_THAT(Execute(SHELL, arguments), Fails(2, "usage: shell [-i IDENTITY] [USER@]HOST[:PORT]"))
+        EXPECT_THAT(Execute(SHELL, arguments),
+                    Fails(2, "usage: shell [--reduced] [-i IDENTITY] [USER@]HOST[:PORT]"))
             << arguments;
     for (char const* arguments :
          {"", "host", "host put", "host put file", "host get file", "host move a b"}) {
         Ran const ran = Execute(SCP_COPY, arguments);
         EXPECT_EQ(ran.status, 2) << arguments;
-        EXPECT_THAT(ran.errors, HasSubstr("usage: scp_copy [-i IDENTITY] [USER@]HOST[:PORT] put FILE..."));
+        EXPECT_THAT(ran.errors,
+                    HasSubstr("usage: scp_copy [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] put FILE..."));
     }
 }
 
 TEST(Examples, EachFailureHasALineAndAStatus) {
     EXPECT_THAT(Execute(RUN_COMMAND, "me@[::1 true"),
                 Fails(3, "invalid target: an address in brackets needs its \"]\""));
-    EXPECT_THAT(Execute(RUN_COMMAND, "me@127.0.0.1: true"),
+    EXPECT_THAT(Execute(RUN_COMMAND, "--reduced me@127.0.0.1: true"),
                 Fails(9, "unknown host, or invalid port: 127.0.0.1:"));
-    EXPECT_THAT(Execute(SHELL, "me@127.0.0.1:65536"),
+    EXPECT_THAT(Execute(SHELL, "--reduced me@127.0.0.1:65536"),
                 Fails(9, "unknown host, or invalid port: 127.0.0.1:65536"));
-    EXPECT_THAT(Execute(RUN_COMMAND, "me@127.0.0.1:1 true"), Fails(4, "can't connect: Connection refused"));
+    EXPECT_THAT(Execute(RUN_COMMAND, "--reduced me@127.0.0.1:1 true"),
+                Fails(4, "can't connect: Connection refused"));
     auto const refuseChannel = [](Connection& c) {
         c.WellBehaved(Stage::Authenticated);
         c.ReadChannelOpen();

@@ -8,13 +8,14 @@
 
 namespace execute {
 
-/// A program's run against a server with this script.
+/// A program's run against a server with this script, which speaks the reduced dialect.
 inline Ran ExecuteAgainst(peer::ScriptedPeer::Script const& script, std::string const& program = RUN_COMMAND,
                           std::string const& arguments = "echo hello", peer::ServerSettings settings = {}) {
     settings.group = peer::DhGroup::Modp(1024);
     settings.noneAccepted = true;
     peer::ScriptedPeer server(script, settings);
-    Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
+    Ran const ran =
+        Execute(program, "--reduced tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
     server.Finish();
     return ran;
 }

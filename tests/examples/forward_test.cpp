@@ -1,4 +1,4 @@
-// The example that forwards ports.
+// The example that forwards ports, in the reduced dialect.
 
 #include <csignal>
 
@@ -142,7 +142,8 @@ TEST(Forward, WrongArgumentsPrintTheUsage) {
          {"", "host", "host true", "host -L", "host -L 8080:80:80", "host -R 1:a:2 -L", "host -X 1:a:2"}) {
         Ran const ran = Execute(FORWARD, arguments);
         EXPECT_EQ(ran.status, 2) << arguments;
-        EXPECT_THAT(ran.errors, HasSubstr("usage: forward [-i IDENTITY] [USER@]HOST[:PORT] FORWARDING..."));
+        EXPECT_THAT(ran.errors,
+                    HasSubstr("usage: forward [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] FORWARDING..."));
     }
 }
 

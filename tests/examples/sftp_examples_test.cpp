@@ -1,10 +1,12 @@
-// The SFTP examples as a user runs them: against OpenSSH's sftp-server, and against a server that means ill.
+// The SFTP examples as a user runs them: by default with OpenSSH's sshd as it is packaged, in the reduced
+// dialect with a server that speaks it, and there with one that means ill, too.
 
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,7 +15,8 @@
 #include "examples/execute.h"
 #include "support/peer/scripted_peer.h"
 #include "support/servers/python_servers.h"
-#include "support/servers/server_suite.h"
+#include "support/servers/stock_sshd.h"
+#include "support/terminal.h"
 
 using namespace execute;
 using namespace peer;
@@ -24,20 +27,48 @@ using testing::MatchesRegex;
 
 namespace {
 
-/// A real server, and a directory on either side.
-class SftpExamples : public servers::ServerSuite<servers::AsyncsshServer> {
+enum class Speaks { STANDARD, REDUCED };
+
+/// A real server for each dialect, and a directory on either side.
+class SftpExamples : public testing::TestWithParam<Speaks> {
 protected:
+    static void SetUpTestSuite() {
+        _stock = std::make_unique<servers::StockSshd>();
+        _old = std::make_unique<servers::AsyncsshServer>();
+    }
+    static void TearDownTestSuite() {
+        _old.reset();
+        _stock.reset();
+    }
+    void SetUp() override { ASSERT_TRUE(_stock && _old) << "a server did not start"; }
+
     Ran Run(std::string const& program, std::string const& arguments, std::string const& before = {}) {
-        return Execute(before + program + " -i " + TheServer().File("user_rsa") + " " + TheServer().User() +
-                       "@127.0.0.1:" + std::to_string(TheServer().Port()) + " " + arguments + " </dev/null");
+        if (GetParam() == Speaks::REDUCED)
+            return Execute(before + program + " --reduced -i " + _old->File("user_rsa") + At(*_old) +
+                           arguments + " </dev/null");
+        // What the test has made belongs to the user there.
+        servers::RunOrThrow({"chown", "-R", _stock->User(), There()});
+        return Execute(before + program + " -i " + _stock->UserKey("ed25519") + At(*_stock) + arguments +
+                       " </dev/null");
     }
     std::string There(std::string const& name = {}) const { return _there / name; }
     std::string Here(std::string const& name = {}) const { return _here / name; }
 
 private:
+    static std::string At(servers::RealServer const& server) {
+        return " " + server.User() + "@127.0.0.1:" + std::to_string(server.Port()) + " ";
+    }
+
+    static inline std::unique_ptr<servers::StockSshd> _stock;
+    static inline std::unique_ptr<servers::AsyncsshServer> _old;
     servers::TemporaryDirectory _there;
     servers::TemporaryDirectory _here;
 };
+
+INSTANTIATE_TEST_SUITE_P(Dialects, SftpExamples, testing::Values(Speaks::STANDARD, Speaks::REDUCED),
+                         [](testing::TestParamInfo<Speaks> const& instance) {
+                             return instance.param == Speaks::STANDARD ? "Standard" : "Reduced";
+                         });
 
 auto Succeeds(std::string const& output = {}) {
     return testing::AllOf(testing::Field(&Ran::status, 0), testing::Field(&Ran::output, output),
@@ -55,7 +86,7 @@ mode_t ModeOf(std::string const& path) {
 
 } // namespace
 
-TEST_F(SftpExamples, LsListsInTheLongForm) {
+TEST_P(SftpExamples, LsListsInTheLongForm) {
     WriteFile(There("b"), "content", 0640);
     WriteFile(There("a"), "", 0600);
     WriteFile(There(".hidden"), "");
@@ -71,12 +102,12 @@ TEST_F(SftpExamples, LsListsInTheLongForm) {
     EXPECT_THAT(Run(SFTP_LS, There("empty")), Succeeds());
 }
 
-TEST_F(SftpExamples, LsReportsFailures) {
+TEST_P(SftpExamples, LsReportsFailures) {
     EXPECT_THAT(Run(SFTP_LS, There("missing")), Fails(11, There("missing") + ": No such file"));
     EXPECT_THAT(Run(SFTP_LS, "'" + There("x*") + "'"), Fails(11, There("x*") + ": nothing matches"));
 }
 
-TEST_F(SftpExamples, CopyPutsAndGetsFiles) {
+TEST_P(SftpExamples, CopyPutsAndGetsFiles) {
     WriteFile(Here("a"), "first", 0640);
     WriteFile(Here("b"), std::string(100000, 'b'), 0600);
     EXPECT_THAT(Run(SFTP_COPY, "put " + Here("a") + " " + Here("b") + " " + There()), Succeeds());
@@ -88,7 +119,7 @@ TEST_F(SftpExamples, CopyPutsAndGetsFiles) {
     EXPECT_EQ(ModeOf(Here("back/a")), 0640u);
 }
 
-TEST_F(SftpExamples, CopyAcceptsPatterns) {
+TEST_P(SftpExamples, CopyAcceptsPatterns) {
     for (char const* name : {"a1", "a2", "b"}) WriteFile(Here(name), name);
     EXPECT_THAT(Run(SFTP_COPY, "put '" + Here("a?") + "' " + There()), Succeeds());
     EXPECT_EQ(ReadFile(There("a1")) + ReadFile(There("a2")), "a1a2");
@@ -99,7 +130,7 @@ TEST_F(SftpExamples, CopyAcceptsPatterns) {
     EXPECT_FALSE(std::filesystem::exists(Here("back/a1")));
 }
 
-TEST_F(SftpExamples, CopyRecursesIntoDirectories) {
+TEST_P(SftpExamples, CopyRecursesIntoDirectories) {
     std::filesystem::create_directories(Here("tree/sub/deep"));
     WriteFile(Here("tree/one"), "1", 0600);
     WriteFile(Here("tree/.two"), "2", 0640);
@@ -119,7 +150,7 @@ TEST_F(SftpExamples, CopyRecursesIntoDirectories) {
     EXPECT_FALSE(std::filesystem::exists(Here("back/tree/link")));
 }
 
-TEST_F(SftpExamples, CopyContinuesAfterFailures) {
+TEST_P(SftpExamples, CopyContinuesAfterFailures) {
     WriteFile(There("a"), "1");
     EXPECT_THAT(Run(SFTP_COPY, "get " + There("missing") + " " + There("a") + " " + Here()),
                 Fails(10, There("missing") + ": No such file"));
@@ -137,14 +168,50 @@ TEST_F(SftpExamples, CopyContinuesAfterFailures) {
 }
 
 // A file that may not grow takes the first part of a block.
-TEST_F(SftpExamples, CopyNoticesThatAFileCannotGrow) {
+TEST_P(SftpExamples, CopyNoticesThatAFileCannotGrow) {
     WriteFile(There("file"), std::string(20000, 'x'));
     std::string const limit = "bash -c 'trap \"\" XFSZ; ulimit -f 2; exec \"$@\"' limited ";
     EXPECT_THAT(Run(SFTP_COPY, "get " + There("file") + " " + Here(), limit),
                 Fails(10, Here("file") + ": File too large"));
 }
 
-TEST_F(SftpExamples, ChangeAppliesOneOperation) {
+TEST_P(SftpExamples, CopyReplacesALinkThatTheUserNamesAndNoneThatAPatternFinds) {
+    WriteFile(There("file"), "new");
+    WriteFile(Here("elsewhere"), "old");
+    std::filesystem::create_symlink("elsewhere", Here("file"));
+    EXPECT_THAT(Run(SFTP_COPY, "get '" + There("f*") + "' " + Here()),
+                Fails(10, Here("file") + ": Too many levels of symbolic links"));
+    EXPECT_EQ(ReadFile(Here("elsewhere")), "old");
+    EXPECT_THAT(Run(SFTP_COPY, "get " + There("file") + " " + Here()), Succeeds());
+    EXPECT_EQ(ReadFile(Here("elsewhere")), "new");
+}
+
+TEST_P(SftpExamples, NewFilesGetPermissionBitsWithinTheUmaskAlone) {
+    WriteFile(There("file"), "x");
+    std::filesystem::permissions(There("file"), std::filesystem::perms(04777));
+    mode_t const before = umask(027);
+    Ran const ran = Run(SFTP_COPY, "get " + There("file") + " " + Here());
+    umask(before);
+    EXPECT_THAT(ran, Succeeds());
+    EXPECT_EQ(ModeOf(Here("file")), 0750u);
+}
+
+// The reduced dialect reports no progress.
+TEST_P(SftpExamples, CopyShowsItsProgressOnATerminalAlone) {
+    support::Terminal terminal(60, 10);
+    WriteFile(Here("name"), std::string(3000000, 'x'));
+    std::string const onTerminal = "sh -c 'exec \"$0\" \"$@\" 2>" + terminal.Path() + "' ";
+    EXPECT_THAT(Run(SFTP_COPY, "put " + Here("name") + " " + There(), onTerminal), Succeeds());
+    std::string const screen = terminal.WholeScreen();
+    if (GetParam() == Speaks::REDUCED) {
+        EXPECT_EQ(screen, "");
+        return;
+    }
+    EXPECT_THAT(screen, testing::StartsWith("\rname "));
+    EXPECT_THAT(screen, MatchesRegex(".*\rname +100% +[0-9.]+ [KMG]iB/s +00:[0-9][0-9]    \r\n"));
+}
+
+TEST_P(SftpExamples, ChangeAppliesOneOperation) {
     EXPECT_THAT(Run(SFTP_CHANGE, "mkdir " + There("made")), Succeeds());
     EXPECT_TRUE(std::filesystem::is_directory(There("made")));
     WriteFile(There("made/old"), "content");
@@ -278,7 +345,8 @@ Ran RunAgainst(Claims const& claims, std::string const& program, std::string con
     settings.group = DhGroup::Modp(1024);
     settings.noneAccepted = true;
     ScriptedPeer server([&](Connection& c) { Claimant(c, claims, manner).Serve(); }, settings);
-    Ran const ran = Execute(program, "tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
+    Ran const ran =
+        Execute(program, "--reduced tester@127.0.0.1:" + std::to_string(server.Port()) + " " + arguments);
     server.Finish();
     return ran;
 }
@@ -403,8 +471,8 @@ TEST(SftpExamplesUsage, WrongArgumentsPrintTheUsage) {
                            std::string const& usage) {
         Ran const ran = Execute(program, arguments);
         EXPECT_EQ(ran.status, 2) << arguments;
-        EXPECT_THAT(ran.errors,
-                    testing::StartsWith("usage: " + usage + " [-i IDENTITY] [USER@]HOST[:PORT] "));
+        EXPECT_THAT(ran.errors, testing::StartsWith("usage: " + usage +
+                                                    " [--reduced] [-i IDENTITY] [USER@]HOST[:PORT] "));
     };
     for (char const* arguments : {"", "-i", "host -x"}) expect(SFTP_LS, arguments, "sftp_ls");
     for (char const* arguments : {"", "host", "host put", "host put -r a", "host get a", "host move a b"})
@@ -425,7 +493,7 @@ TEST(SftpExamplesRefused, RefusedChannelIsReported) {
             c.SendOpenFailure(1, "");
         },
         settings);
-    EXPECT_THAT(Execute(SFTP_LS, "tester@127.0.0.1:" + std::to_string(server.Port())),
+    EXPECT_THAT(Execute(SFTP_LS, "--reduced tester@127.0.0.1:" + std::to_string(server.Port())),
                 Fails(7, "the server refused the channel"));
     server.Finish();
 }

@@ -180,7 +180,7 @@ TEST_F(StandardAuth, PasswordGivenAndTyped) {
 
 TEST_F(StandardAuth, WrongPasswordIsARefusalWithItsReason) {
     EXPECT_EQ(Login("", "", "wrong"), -1);
-    EXPECT_EQ(error, "the server takes publickey,password; password: refused");
+    EXPECT_EQ(error, "login failed: the server accepts publickey,password; password: refused");
 }
 
 TEST_F(StandardAuth, ManyKeysOfTheAgentLeaveRoomForThePassword) {
@@ -201,9 +201,10 @@ TEST_F(StandardAuth, NamedKeyComesBeforeManyKeysOfTheAgent) {
 TEST_F(StandardAuth, KeyAndPassword) {
     EXPECT_EQ(Login("-two", server->File("ed25519"), server->Password()), 0) << error;
     EXPECT_EQ(Login("-two", server->File("rsa"), "wrong"), -1);
-    EXPECT_EQ(error, "the server takes password; password: refused");
+    EXPECT_EQ(error, "login failed: the server accepts password; password: refused");
     EXPECT_EQ(Login("-two", server->File("stranger0"), server->Password()), -1);
-    EXPECT_EQ(error, "the server takes publickey; " + server->File("stranger0") + ": ssh-ed25519 refused");
+    EXPECT_EQ(error, "login failed: the server accepts publickey; " + server->File("stranger0") +
+                         ": ssh-ed25519 refused");
 }
 
 TEST_F(StandardAuth, TwoKeys) {
@@ -211,7 +212,8 @@ TEST_F(StandardAuth, TwoKeys) {
     EXPECT_EQ(Login("-keys", "", ""), 0) << error;
     UseAgent({"ed25519", "stranger1"});
     EXPECT_EQ(Login("-keys", "", ""), -1);
-    EXPECT_EQ(error, "the server takes publickey; agent's key stranger1: ssh-ed25519 refused");
+    EXPECT_EQ(error,
+              "login failed: the server accepts publickey; agent's key stranger1: ssh-ed25519 refused");
 }
 
 TEST_F(StandardAuth, ServerEndsAConnectionThatHasNothingButKeysToOffer) {
@@ -232,7 +234,7 @@ TEST_F(StandardAuth, QuestionsOfPam) {
     questions = RecordingCallback();
     questions.answers = {{"wrong"}, {}};
     EXPECT_EQ(Login("-ask", "", ""), -1);
-    EXPECT_EQ(error, "the server takes keyboard-interactive; keyboard-interactive: refused");
+    EXPECT_EQ(error, "login failed: the server accepts keyboard-interactive; keyboard-interactive: refused");
 }
 
 TEST_F(StandardAuth, BannerIsPrintedFiltered) {

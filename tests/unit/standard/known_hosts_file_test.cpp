@@ -520,14 +520,15 @@ TEST_F(KnownHostsInFiles, FindingIsSaidInWords) {
     EXPECT_EQ(Find("host", KEY).Text("host"), "the host key of host is known (" + Path() + ":1)");
     EXPECT_EQ(Find("there", KEY).Text("there"), "the host key of there is not known");
     EXPECT_EQ(Find("host", OTHER_KEY).Text("host"),
-              "the host key of host has changed (" + Path() + ":1 has another ssh-ed25519 key)");
+              "the host key of host has changed: " + Path() +
+                  ":1 has another ssh-ed25519 key; remove that line if you know why");
     EXPECT_EQ(Find("host", RSA_KEY).Text("host"), "the host key of host is revoked (" + Path() + ":2)");
     std::filesystem::remove(Path());
     std::filesystem::create_directory(Path());
     EXPECT_EQ(Find("host", KEY).Text("host"),
               "the known hosts can't be read (" + Path() + ": Is a directory)");
     EXPECT_EQ(KnownHostsFile({""}).Lookup("host", 22, "", KEY).Text("host"),
-              "the known hosts can't be read (no home directory: Not a directory)");
+              "the known hosts can't be read: there is no home directory");
 }
 
 TEST_F(KnownHostsInFiles, MutatedLinesNeverTrustAKeyThatTheyDoNotHold) {

@@ -176,9 +176,9 @@ TEST_F(UserAuthentication, NoMethodAtAll) {
         EXPECT_THAT(Sent(), IsEmpty());
     }
     EXPECT_EQ(Run({Failure("")}), -1);
-    EXPECT_EQ(Error(), "the server takes no method");
+    EXPECT_EQ(Error(), "login failed: the server accepts no method");
     EXPECT_EQ(Run({Failure("host\x1b")}), -1);
-    EXPECT_EQ(Error(), "the server takes host\\x1b");
+    EXPECT_EQ(Error(), "login failed: the server accepts host\\x1b");
 }
 
 TEST_F(UserAuthentication, MessageOutOfPlaceIsAnError) {
@@ -256,7 +256,9 @@ TEST_F(UserAuthentication, RsaKeySignsBySha2AndNeverBySha1) {
     keys = {&key};
     EXPECT_EQ(Run({Failure("publickey"), Failure("publickey"), Failure("publickey")}), -1);
     EXPECT_THAT(Sent(), ElementsAre(key.Query("rsa-sha2-512"), key.Query("rsa-sha2-256")));
-    EXPECT_EQ(Error(), "the server takes publickey; KEY: rsa-sha2-512 refused; KEY: rsa-sha2-256 refused");
+    EXPECT_EQ(
+        Error(),
+        "login failed: the server accepts publickey; KEY: rsa-sha2-512 refused; KEY: rsa-sha2-256 refused");
 }
 
 TEST_F(UserAuthentication, RsaAlgorithmsFollowTheServersList) {
@@ -282,7 +284,8 @@ TEST_F(UserAuthentication, RsaAlgorithmsFollowTheServersList) {
         for (std::string const& algorithm : one.offered) expected.push_back(key.Query(algorithm));
         EXPECT_EQ(Sent(), expected) << one.server;
     }
-    EXPECT_EQ(Error(), "the server takes publickey; KEY: no signature of a ssh-rsa key is allowed");
+    EXPECT_EQ(Error(),
+              "login failed: the server accepts publickey; KEY: no signature of a ssh-rsa key is allowed");
 }
 
 TEST_F(UserAuthentication, ServersListCountsAsItIsAfterTheAnswerToNone) {
@@ -357,8 +360,10 @@ TEST_F(UserAuthentication, KeyThatCannotSignGivesWayToTheNext) {
     // The second algorithm of the locked key is not offered, since it can't be used.
     EXPECT_THAT(Sent(),
                 ElementsAre(refused.Query(), locked.Query("rsa-sha2-512"), good.Query(), good.Signed()));
-    EXPECT_EQ(Error(), "the server takes publickey; REFUSED: the agent refused; LOCKED: no passphrase; KEY: "
-                       "ssh-ed25519 refused");
+    EXPECT_EQ(
+        Error(),
+        "login failed: the server accepts publickey; REFUSED: the agent refused; LOCKED: no passphrase; KEY: "
+        "ssh-ed25519 refused");
 }
 
 TEST_F(UserAuthentication, PkOkForAnotherKeyIsAnError) {
@@ -406,7 +411,9 @@ TEST_F(UserAuthentication, KeysAreLookedForOnceAndOnlyIfTheServerTakesThem) {
 TEST_F(UserAuthentication, WhatIsMissingIsReported) {
     missing = {"/home/me/key: No such file or directory"};
     EXPECT_EQ(Run({Failure("publickey,hostbased")}), -1);
-    EXPECT_EQ(Error(), "the server takes publickey,hostbased; /home/me/key: No such file or directory");
+    EXPECT_EQ(
+        Error(),
+        "login failed: the server accepts publickey,hostbased; /home/me/key: No such file or directory");
 }
 
 // --- the server's limit of failures
@@ -495,13 +502,15 @@ TEST_F(UserAuthentication, UserIsAskedAsOftenAsThereAreTries) {
     EXPECT_THAT(Sent(),
                 ElementsAre(PasswordRequest("secret"), PasswordRequest("first"), PasswordRequest("")));
     EXPECT_THAT(enter.questions, ElementsAre("Password for|me@host:22", "Password for|me@host:22"));
-    EXPECT_EQ(Error(), "the server takes password; password: refused; password: refused; password: refused");
+    EXPECT_EQ(
+        Error(),
+        "login failed: the server accepts password; password: refused; password: refused; password: refused");
 }
 
 TEST_F(UserAuthentication, NoPasswordAndNoTriesSendNothing) {
     EXPECT_EQ(Run({Failure("password")}), -1);
     EXPECT_THAT(Sent(), IsEmpty());
-    EXPECT_EQ(Error(), "the server takes password");
+    EXPECT_EQ(Error(), "login failed: the server accepts password");
 }
 
 TEST_F(UserAuthentication, LongPasswordIsSentWhole) {
@@ -518,7 +527,7 @@ TEST_F(UserAuthentication, UserWhoDeclinesEndsThePasswordMethod) {
               0);
     EXPECT_THAT(Sent(), ElementsAre(QuestionsRequest(), Answers({"answer"})));
     EXPECT_EQ(Run({Failure("password")}), -1);
-    EXPECT_EQ(Error(), "the server takes password; password: none was entered");
+    EXPECT_EQ(Error(), "login failed: the server accepts password; password: none was entered");
 }
 
 TEST_F(UserAuthentication, PresetOfTheProgramAnswersOnce) {
@@ -534,9 +543,8 @@ TEST_F(UserAuthentication, ExpiredPasswordEndsTheMethodWithTheServersWords) {
     enter._tries = 3;
     EXPECT_EQ(Run({Failure("password"), ChangeRequest("Change it\x1b!\n")}), -1);
     EXPECT_THAT(Sent(), ElementsAre(PasswordRequest("secret")));
-    EXPECT_EQ(
-        Error(),
-        "the server takes password; password: has expired and must be changed first (Change it\\x1b!\\x0a)");
+    EXPECT_EQ(Error(), "login failed: the server accepts password; password: has expired and must be changed "
+                       "first (Change it\\x1b!\\x0a)");
     ExpectError<SshProtocolError>("USERAUTH_PASSWD_CHANGEREQ message ends too early", "",
                                   [this] { Run({Failure("password"), peer::Writer().U8(60).String("x")}); });
 }
@@ -583,7 +591,8 @@ TEST_F(UserAuthentication, RefusedAnswersEndTheMethod) {
                    Failure("keyboard-interactive")}),
               -1);
     EXPECT_EQ(questions.requests.size(), 1u);
-    EXPECT_EQ(Error(), "the server takes keyboard-interactive; keyboard-interactive: refused");
+    EXPECT_EQ(Error(),
+              "login failed: the server accepts keyboard-interactive; keyboard-interactive: refused");
     EXPECT_EQ(Run({Failure("keyboard-interactive"), Failure("keyboard-interactive")}), -1);
     EXPECT_THAT(Sent(), ElementsAre(QuestionsRequest()));
 }
@@ -596,9 +605,8 @@ TEST_F(UserAuthentication, AnotherNumberOfAnswersIsNotSent) {
         EXPECT_EQ(Run({Failure("keyboard-interactive"), Questions("", "", {{"?", false}, {"!", false}})}),
                   -1);
         EXPECT_THAT(Sent(), ElementsAre(QuestionsRequest()));
-        EXPECT_EQ(
-            Error(),
-            "the server takes keyboard-interactive; keyboard-interactive: not all questions were answered");
+        EXPECT_EQ(Error(), "login failed: the server accepts keyboard-interactive; keyboard-interactive: not "
+                           "all questions were answered");
     }
 }
 
@@ -623,7 +631,7 @@ TEST_F(UserAuthentication, MethodsAreTriedInTheClientsOrder) {
     std::string const all = "keyboard-interactive,password,publickey";
     EXPECT_EQ(Run(std::vector<peer::Bytes>(4, Failure(all))), -1);
     EXPECT_THAT(Sent(), ElementsAre(key.Query(), PasswordRequest("secret"), QuestionsRequest()));
-    EXPECT_EQ(Error(), "the server takes " + all +
+    EXPECT_EQ(Error(), "login failed: the server accepts " + all +
                            "; KEY: ssh-ed25519 refused; password: refused; keyboard-interactive: refused");
 }
 
@@ -715,5 +723,5 @@ TEST_F(UserAuthentication, ReasonsStayWhenTheServerEndsTheConnection) {
     keys = {&first, &second};
     ExpectError<SshProtocolError>("end of the script", "",
                                   [&] { Run({Failure("publickey"), Failure("publickey")}); });
-    EXPECT_EQ(Error(), "the server takes publickey; KEY: ssh-ed25519 refused");
+    EXPECT_EQ(Error(), "login failed: the server accepts publickey; KEY: ssh-ed25519 refused");
 }
