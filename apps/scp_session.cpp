@@ -67,8 +67,8 @@ int ScpSession::SendFile(String_t const& dir, String_t const& name) {
     if (int const result = fstat64(fd, &status); result < 0) return result;
     char block[BLOCK_SIZE];
     // Deliberate: a line feed in the name and anything appended to the file after this are sent too; the
-    // remote program interprets them as further lines (pinned by ScpSend.LineFeedInANameGoesOutAsItIs and
-    // ScpSend.FileThatGrowsMeanwhileGoesOutWhole).
+    // remote program interprets them as further lines (pinned by ScpSend.LineFeedInANameIsSentUnchanged and
+    // ScpSend.FileThatGrowsMeanwhileIsSentWhole).
     std::snprintf(block, sizeof block, "C0%03o %lld %s", status.st_mode & 0777u,
                   static_cast<long long>(status.st_size), str_text(name.Text()));
     _output.Writeln(block, EOL);

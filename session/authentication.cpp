@@ -89,7 +89,7 @@ ByteString SshSession::AuthReadPacket() {
         PacketDecoder decoder(packet);
         _banner = PacketUserAuthBanner(decoder)._message;
         // Deliberate: printed as received, control characters included. Pinned by
-        // AuthBanner.ControlCharactersArePrintedAsTheyCame.
+        // AuthBanner.ControlCharactersArePrintedAsReceived.
         std::cout << _banner << std::flush;
     }
 }

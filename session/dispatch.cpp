@@ -175,7 +175,7 @@ void SshSession::ReportIgnored(int number) {
 int SshSession::HandleDisconnect(PacketDecoder& decoder) {
     PacketDisconnect const message(decoder);
     // Deliberate: printed as received, control characters included. Pinned by
-    // RunLoop.ControlCharactersOfADisconnectArePrintedAsTheyCame.
+    // RunLoop.ControlCharactersOfADisconnectArePrintedAsReceived.
     std::cerr << "connection closed by peer, " << message._description << _eol << std::flush;
     _task.Stop();
     return 1;

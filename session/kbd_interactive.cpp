@@ -9,7 +9,7 @@ namespace cindral {
 namespace {
 
 // Deliberate, here and below: texts from the server are printed as received. Pinned by
-// KbdInteractiveCallback.ControlCharactersArePrintedAsTheyCame.
+// KbdInteractiveCallback.ControlCharactersArePrintedAsReceived.
 void PrintLine(String_t const& text) {
     if (!(text == "")) std::cout << text << '\n' << std::flush;
 }

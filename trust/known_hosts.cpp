@@ -104,7 +104,7 @@ int KnownHosts::_Read(std::istream& in) {
 }
 
 /// Deliberate: a line that is not understood matches nothing, so its host counts as new (pinned by
-/// KnownHostsStore.HostIsNewWhereItsLineIsNotUnderstood).
+/// KnownHostsStore.HostIsNewIfItsLineIsNotUnderstood).
 void KnownHosts::ReadLine(String_t const& line) {
     StringTok next(line.Text());
     char const* const host = next(", ");

@@ -128,7 +128,7 @@ TEST(DocumentedCommands, AreRunOrNameWhatIsThere) {
     EXPECT_GT(checked, 20u);
 }
 
-TEST(DocumentedCommands, OneThatNamesNothingIsNoticed) {
+TEST(DocumentedCommands, CommandThatNamesNothingIsDetected) {
     for (char const* command :
          {"script/none", "cmake --preset none", "cmake --build --preset release --target none",
           "ctest --preset none", "ctest --preset release -R ^none$", "ctest --preset release -L ^none$",

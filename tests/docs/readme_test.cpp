@@ -111,7 +111,7 @@ TEST_F(Readme, ProjectFindsThePackage) {
     EXPECT_THAT(outcome.errors, HasSubstr("usage: hello "));
 }
 
-TEST_F(Readme, ProjectTakesTheTreeIn) {
+TEST_F(Readme, ProjectAddsTheTreeAsASubdirectory) {
     WriteProject(Replaced(CodeBlockWith("README.md", "cmake", "find_package"),
                           "find_package(brantle REQUIRED)\n",
                           CodeBlockWith("README.md", "cmake", "add_subdirectory")));

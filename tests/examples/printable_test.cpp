@@ -18,7 +18,7 @@ std::string Lines(std::string const& text) { return Printable(text, Layout::LINE
 
 } // namespace
 
-TEST(ExamplesPrintable, TextStaysAsItIs) {
+TEST(ExamplesPrintable, OtherTextIsUnchanged) {
     for (char const* text : {"", "a b~", "caf\303\251", "\342\202\254", "\360\237\230\200", "\302\240",
                              "\364\217\277\277", "\355\237\277"})
         EXPECT_EQ(OneLine(text), text);
@@ -48,7 +48,7 @@ TEST(ExamplesHasControl, FindsOneAnywhere) {
     for (char const* text : {"", "ab", "caf\303\251", "caf\351"}) EXPECT_FALSE(HasControl(text)) << text;
 }
 
-TEST(ExamplesPrintableStream, FiltersUntilItGoes) {
+TEST(ExamplesPrintableStream, FiltersUntilItIsDestroyed) {
     std::ostringstream out;
     {
         examples::PrintableStream filter(out);

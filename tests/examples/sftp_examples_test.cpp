@@ -168,7 +168,7 @@ TEST_P(SftpExamples, CopyContinuesAfterFailures) {
 }
 
 // A file that may not grow takes the first part of a block.
-TEST_P(SftpExamples, CopyNoticesThatAFileCannotGrow) {
+TEST_P(SftpExamples, CopyDetectsThatAFileCannotGrow) {
     WriteFile(There("file"), std::string(20000, 'x'));
     std::string const limit = "bash -c 'trap \"\" XFSZ; ulimit -f 2; exec \"$@\"' limited ";
     EXPECT_THAT(Run(SFTP_COPY, "get " + There("file") + " " + Here(), limit),
@@ -392,7 +392,7 @@ TEST(SftpExamplesAgainstMalice, RecursiveGetStaysInItsDirectory) {
         EXPECT_THAT(ran.errors, HasSubstr(line));
 }
 
-TEST(SftpExamplesAgainstMalice, PatternGetTakesNoNameThatLeadsElsewhere) {
+TEST(SftpExamplesAgainstMalice, PatternGetRefusesNamesOutsideTheDirectory) {
     servers::TemporaryDirectory const outer;
     std::filesystem::create_directory(outer / "in");
     WriteFile(outer / "in/.bashrc", "untouched");
@@ -433,7 +433,7 @@ TEST(SftpExamplesAgainstMalice, DirectoryWithoutANameGetsNoneOfTheServers) {
     EXPECT_THAT(FilesBelow(outer.Path()), testing::ElementsAre("in", "in/keys"));
 }
 
-TEST(SftpExamplesAgainstMalice, NewFilesGetPermissionBitsWithinTheUmaskAlone) {
+TEST(SftpExamplesAgainstMalice, NewFilesGetOnlyPermissionBitsWithinTheUmask) {
     Manner manner;
     manner.mode = 0106777;
     for (char const* what : {"/tree/a", "'/tree/*'", "-r /tree"}) {
@@ -448,7 +448,7 @@ TEST(SftpExamplesAgainstMalice, NewFilesGetPermissionBitsWithinTheUmaskAlone) {
     }
 }
 
-TEST(SftpExamplesAgainstMalice, FileCutShortIsNoticed) {
+TEST(SftpExamplesAgainstMalice, TruncatedFileIsDetected) {
     servers::TemporaryDirectory const here;
     Manner manner;
     manner.heldBack = 3;

@@ -169,7 +169,7 @@ TYPED_TEST(RealLocalForwarding, ProgramThatResetsEndsTheConnection) {
     EXPECT_THAT(report.errors, HasSubstr("Connection reset by peer"));
 }
 
-TYPED_TEST(RealLocalForwarding, AnswerArrivesAfterTheProgramsEof) {
+TYPED_TEST(RealLocalForwarding, ReplyArrivesAfterTheProgramsEof) {
     this->ForwardToService();
     Attached ends = this->Join();
     ends.local.Send("request");

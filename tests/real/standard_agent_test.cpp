@@ -88,7 +88,7 @@ TEST_F(RealAgentKeys, SignaturesVerify) {
     }
 }
 
-TEST_F(RealAgentKeys, LockedAgentRefusesAndComesBack) {
+TEST_F(RealAgentKeys, LockedAgentRefusesUntilUnlocked) {
     agent.Add(File("ed25519"));
     AgentClient client(agent.Socket());
     Bytes signature;

@@ -160,7 +160,7 @@ TEST_F(StandardAuth, KeysOfEveryTypeByTheAgent) {
     }
 }
 
-TEST_F(StandardAuth, PassphraseIsAskedOnlyForAKeyThatTheServerTakes) {
+TEST_F(StandardAuth, PassphraseIsAskedForOnlyIfTheServerAcceptsTheKey) {
     enter._tries = 1;
     enter.answers = {"wrong password", PASSPHRASE};
     EXPECT_EQ(Login("", server->File("locked_stranger"), ""), -1);
@@ -216,7 +216,7 @@ TEST_F(StandardAuth, TwoKeys) {
               "login failed: the server accepts publickey; agent's key stranger1: ssh-ed25519 refused");
 }
 
-TEST_F(StandardAuth, ServerEndsAConnectionThatHasNothingButKeysToOffer) {
+TEST_F(StandardAuth, ServerEndsAConnectionThatOffersOnlyKeys) {
     UseAgent(Strangers(STRANGERS));
     try {
         Login("-keys", "", "");

@@ -72,7 +72,7 @@ protected:
 
 std::unique_ptr<StockSshd> StandardSession::server;
 
-TEST_F(StandardSession, CommandGivesItsOutputItsErrorsAndItsStatus) {
+TEST_F(StandardSession, CommandReturnsItsOutputErrorsAndStatus) {
     Outcome const outcome = Run("echo out; echo err >&2; exit 7");
     EXPECT_EQ(outcome.status, 7);
     EXPECT_EQ(outcome.output, "out\n");
@@ -99,7 +99,7 @@ TEST_F(StandardSession, InputBeyondTheWindowArrivesWholeAndComesBack) {
     EXPECT_TRUE(outcome.output == noise);
 }
 
-TEST_F(StandardSession, KeysAreRenewedWhileDataFlowBothWays) {
+TEST_F(StandardSession, RekeyingWorksWhileDataFlowsBothWays) {
     std::string const noise = Noise(8 << 20);
     Outcome const outcome = Run("cat", noise, {"rekey=200000"});
     EXPECT_EQ(outcome.status, 0);
@@ -122,7 +122,7 @@ TEST_F(StandardSession, SecondRunFindsTheHostKeyKnown) {
     EXPECT_EQ(ReadFile(File(".ssh/known_hosts")), known);
 }
 
-TEST_F(StandardSession, AnotherHostKeyIsRefusedByFileAndLine) {
+TEST_F(StandardSession, ChangedHostKeyIsRefusedWithFileAndLine) {
     std::filesystem::create_directory(File(".ssh"));
     std::string const other = ReadFile(server->UserKey("ed25519") + ".pub");
     WriteFile(File(".ssh/known_hosts"), "[127.0.0.1]:" + std::to_string(server->Port()) + " " + other);
@@ -139,7 +139,7 @@ TEST_F(StandardSession, NothingInCommonNamesBothLists) {
                 HasSubstr("no common cipher: offered are aes128-ctr; the server has aes256-gcm"));
 }
 
-TEST_F(StandardSession, ServerThatRenewsTheKeysByItselfIsAnswered) {
+TEST_F(StandardSession, RekeyingByTheServerIsAnswered) {
     StockSshd const rekeying("RekeyLimit 64K\n");
     std::string const noise = Noise(4 << 20);
     Outcome const outcome = Do({}, "run", {"cat"}, noise, "ed25519", &rekeying);
@@ -221,7 +221,7 @@ TEST_F(StandardSession, SftpCopiesAnEmptyFileAndOneThatAnnouncesNoSize) {
     EXPECT_EQ(Do({}, "cat", {"/proc/version"}).output, ReadFile("/proc/version"));
 }
 
-TEST_F(StandardSession, RefusedSftpGetLeavesTheLocalFileAlone) {
+TEST_F(StandardSession, RefusedSftpGetDoesNotTouchTheLocalFile) {
     WriteFile(File("kept"), "kept");
     Outcome const outcome = Do({}, "get", {Remote("missing"), File("kept")});
     EXPECT_EQ(outcome.status, REFUSED);

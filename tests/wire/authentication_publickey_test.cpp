@@ -101,7 +101,7 @@ TEST_F(AuthKey, NothingIsSentWithoutAPublicKey) {
     EXPECT_THAT(SentAfterNone(), ElementsAre(InteractiveRequest()));
 }
 
-TEST_F(AuthKey, IdentityIsSoughtWithExtensionSshBeforePub) {
+TEST_F(AuthKey, IdentityIsLookedUpWithExtensionSshBeforePub) {
     Write("own", dsa.Pem());
     WritePublic("own.ssh", dsa);
     WritePublic("own.pub", rsa);
@@ -127,7 +127,7 @@ TEST_F(AuthKey, NothingIsSentWithoutADefaultKey) {
     EXPECT_TRUE(Sent().empty());
 }
 
-TEST_F(AuthKey, DefaultPublicAndPrivateKeyNeedNotMatch) {
+TEST_F(AuthKey, DefaultPublicAndPrivateKeysNeedNotMatch) {
     identity = "";
     Write("id_rsa", rsa.Pem());
     WritePair("id_dsa", dsa);
@@ -379,7 +379,7 @@ TEST_F(AuthKeyWithAgent, KeyFileIsUsedAfterASignatureOfAnotherType) {
     EXPECT_TRUE(signatureIsValid);
 }
 
-TEST_F(AuthKeyWithAgent, KeyFileIsUsedWhenNobodyListensOnTheSocket) {
+TEST_F(AuthKeyWithAgent, KeyFileIsUsedWhenNoAgentListensOnTheSocket) {
     WritePair("own", rsa);
     setenv("SSH_AUTH_SOCK", Path("no-socket").c_str(), 1);
     EXPECT_EQ(Login("publickey", AcceptKey()), "0");

@@ -141,7 +141,7 @@ TEST_F(AuthWithoutKeys, SendsNothingWhenNothingWasAgreedOn) {
     NothingWasAsked();
 }
 
-TEST_F(AuthWithoutKeys, SendsNothingToAServerThatCanNotSign) {
+TEST_F(AuthWithoutKeys, SendsNothingToAServerThatCannotSign) {
     EXPECT_EQ(Authenticate(
                   [](Connection& c) {
                       c.WellBehaved(Stage::KexInitExchanged);
@@ -324,7 +324,7 @@ TEST_F(AuthBanner, IsPrintedUnchangedAndKept) {
     EXPECT_EQ(banner, "Keep out");
 }
 
-TEST_F(AuthBanner, ControlCharactersArePrintedAsTheyCame) {
+TEST_F(AuthBanner, ControlCharactersArePrintedAsReceived) {
     EXPECT_EQ(Authenticate([](Connection& c) {
                   c.ServiceAccept();
                   c.ReadAuthRequest();

@@ -490,7 +490,7 @@ TEST_F(OwnChannel, ThatIsGoneEndsItsRegistrationUnread) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(OwnChannel, ThatOutlivesTheSessionIsLeftAlone) {
+TEST_F(OwnChannel, ThatOutlivesTheSessionIsNotTouched) {
     KeepingChannel channel(kept, 5, pair.near);
     Use([&](LoopSession& session) { session.RegisterFdDispatcher(&channel); });
     channel.ForwardToSshd("x", 1);

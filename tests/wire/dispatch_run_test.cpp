@@ -24,7 +24,7 @@ TEST_F(RunLoop, DisconnectIsReportedAndEndsTheRun) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(RunLoop, ControlCharactersOfADisconnectArePrintedAsTheyCame) {
+TEST_F(RunLoop, ControlCharactersOfADisconnectArePrintedAsReceived) {
     EXPECT_EQ(Receive({Disconnect("\x1b[2J\a\rPassword: \n")}), "-1");
     EXPECT_EQ(messages, "connection closed by peer, \x1b[2J\a\rPassword: \n\r\n");
 }

@@ -221,7 +221,7 @@ TEST_F(ScpReceive, ModeOfTheServerIsTakenWithItsSpecialBits) {
     EXPECT_EQ(directory.ModeOf("name"), 06750u);
 }
 
-TEST_F(ScpReceive, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
+TEST_F(ScpReceive, FileIsOpenedWithCloseOnExec) {
     EXPECT_EQ(Receive([&](RemoteScp& remote) {
                   remote.ExpectAcknowledgement();
                   remote.Send("C0644 5 name\n");

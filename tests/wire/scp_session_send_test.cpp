@@ -223,7 +223,7 @@ TEST_F(ScpSend, FailedFstatIsReturned) {
     EXPECT_THAT(SentForFile(), IsEmpty());
 }
 
-TEST_F(ScpSend, FileThatGrowsMeanwhileGoesOutWhole) {
+TEST_F(ScpSend, FileThatGrowsMeanwhileIsSentWhole) {
     directory.Store("name", "hello");
     EXPECT_EQ(Send("name",
                    [&](RemoteScp& remote) {
@@ -240,7 +240,7 @@ TEST_F(ScpSend, FileThatGrowsMeanwhileGoesOutWhole) {
               "0");
 }
 
-TEST_F(ScpSend, LineFeedInANameGoesOutAsItIs) {
+TEST_F(ScpSend, LineFeedInANameIsSentUnchanged) {
     directory.Store("a\nC0755 1 b", "x");
     EXPECT_EQ(Send("a\nC0755 1 b",
                    [](RemoteScp& remote) {
@@ -254,7 +254,7 @@ TEST_F(ScpSend, LineFeedInANameGoesOutAsItIs) {
               "0");
 }
 
-TEST_F(ScpSend, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
+TEST_F(ScpSend, FileIsOpenedWithCloseOnExec) {
     directory.Store("name", "hello");
     EXPECT_EQ(Send("name",
                    [&](RemoteScp& remote) {

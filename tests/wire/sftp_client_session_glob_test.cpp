@@ -141,7 +141,7 @@ TEST_F(SftpGlob, DirectoryIsItsOwnMatch) {
     EXPECT_EQ(Glob(Listing("/a/../b/", {}), "/a/../b/"), "1 /a/../b/");
 }
 
-TEST_F(SftpGlob, FileIsSoughtInItsDirectory) {
+TEST_F(SftpGlob, FileIsSearchedForInItsDirectory) {
     EXPECT_EQ(GlobIn({"a", "b", "bb"}, "b"), "1 /a/b");
     names.Clear();
     EXPECT_EQ(Glob(NoDirectory("/f") + Listing("/", {"e", "f"}), "/f"), "1 /f");
@@ -153,7 +153,7 @@ TEST_F(SftpGlob, MissingNameHasNoMatch) {
     EXPECT_EQ(GlobIn({".", ".."}, "*"), "0");
 }
 
-TEST_F(SftpGlob, MissingDirectoryIsSoughtUpToTheRoot) {
+TEST_F(SftpGlob, MissingDirectoryIsSearchedForUpToTheRoot) {
     EXPECT_EQ(Glob(NoDirectory("/no/x") + NoDirectory("/no") + Listing("/", {"a"}), "/no/x"), "0");
     EXPECT_EQ(Glob(NoDirectory("/no/x") + NoDirectory("/no") + NoDirectory("/"), "/no/x"), "0");
     EXPECT_EQ(Glob(NoDirectory("./no/x") + NoDirectory("./no") + NoDirectory("."), "no/x"), "0");

@@ -84,7 +84,7 @@ TEST_F(SftpTransferWire, ModeOfTheServerIsTakenDespiteTheUmask) {
     EXPECT_EQ(local.ModeOf("copy"), 06777u);
 }
 
-TEST_F(SftpTransferWire, LocalFilesAreOpenToNoProgramThatIsStartedMeanwhile) {
+TEST_F(SftpTransferWire, LocalFilesAreOpenedWithCloseOnExec) {
     local.Store("f", "");
     for (Dialogue const& dialogue : {Fetching("/f", ""), Storing("/f", "")}) {
         bool const receives = dialogue[0].request.Payload(0) == Open("/f", READING).Payload(0);

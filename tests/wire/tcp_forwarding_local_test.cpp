@@ -60,7 +60,7 @@ TEST_F(LocalForwarding, IsKeptUnderItsListeningPort) {
               "-1");
 }
 
-TEST_F(LocalForwarding, IsStartedByItsText) {
+TEST_F(LocalForwarding, IsStartedFromItsTextForm) {
     EXPECT_EQ(Prepare([](LoopSession& session) {
                   EXPECT_EQ(session.StartLocalForwarding("127.0.0.1:0:target:8000"), 0);
                   auto const* entry = session._localForwardings.Find(0);
@@ -97,7 +97,7 @@ TEST_F(LocalForwarding, SecondStartForThePortIsRefusedAndLeavesTheFirstAlone) {
               "-1");
 }
 
-TEST_F(LocalForwarding, PortInUseIsANegatedErrnoAndKeepsNothing) {
+TEST_F(LocalForwarding, PortInUseReturnsANegatedErrnoAndKeepsNothing) {
     EXPECT_EQ(Prepare([](LoopSession& session) {
                   tcp::Service service;
                   unsigned int const port = service.Port();
@@ -109,7 +109,7 @@ TEST_F(LocalForwarding, PortInUseIsANegatedErrnoAndKeepsNothing) {
               "-1");
 }
 
-TEST_F(LocalForwarding, AddressThatCannotBeListenedOnIsANegatedErrno) {
+TEST_F(LocalForwarding, AddressThatCannotBeListenedOnReturnsANegatedErrno) {
     EXPECT_EQ(Prepare([](LoopSession& session) {
                   EXPECT_EQ(session.StartLocalForwarding(8000, "target", 65536, "127.0.0.1"), -EINVAL);
                   EXPECT_EQ(session.StartLocalForwarding(8000, "target", 0xffffffff, "127.0.0.1"), -EINVAL);
@@ -182,7 +182,7 @@ TEST_F(LocalForwarding, ListenerStaysInTheLoopWhileNoDescriptorIsLeft) {
 
 // --- what a cancelled forwarding leaves
 
-TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAnotherFile) {
+TEST_F(LocalForwarding, DescriptorOfAClosedListenerMayBeReusedForAFile) {
     InputPipe other;
     other.Write("not for the session");
     int fd = -1;
@@ -200,7 +200,7 @@ TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAnotherFile) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(LocalForwarding, NumberOfAClosedListenerIsNotReusedByTheNextOfThePort) {
+TEST_F(LocalForwarding, DescriptorOfAClosedListenerIsNotThatOfTheNextListener) {
     InputPipe other;
     other.Write("not for the session");
     int fd = -1;
@@ -217,7 +217,7 @@ TEST_F(LocalForwarding, NumberOfAClosedListenerIsNotReusedByTheNextOfThePort) {
     close(fd);
 }
 
-TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAnotherConnection) {
+TEST_F(LocalForwarding, DescriptorOfAClosedListenerMayBeReusedForAConnection) {
     std::promise<tcp::End> connected;
     int closed = -1;
     int attached = -2;
@@ -245,7 +245,7 @@ TEST_F(LocalForwarding, NumberOfAClosedListenerMayBecomeAnotherConnection) {
     EXPECT_EQ(attached, closed);
 }
 
-TEST_F(ForwardedConnection, NumberOfARemovedChannelMayBecomeAnotherFile) {
+TEST_F(ForwardedConnection, DescriptorOfARemovedChannelMayBeReusedForAFile) {
     InputPipe other;
     other.Write("not for the session");
     int fd = -1;
@@ -271,7 +271,7 @@ TEST_F(ForwardedConnection, NumberOfARemovedChannelMayBecomeAnotherFile) {
 
 // --- the wait for the answer
 
-TEST_F(LocalForwarding, RequestNamesTheTargetAndTheCaller) {
+TEST_F(LocalForwarding, OpenRequestNamesTheTargetAndTheOriginator) {
     std::uint16_t caller = 0;
     EXPECT_EQ(Accept([&](Connection& c, tcp::End& local) {
                   caller = local.Port();
@@ -309,7 +309,7 @@ TEST_F(LocalForwarding, ConfirmationAttachesTheConnectionToItsChannel) {
     EXPECT_EQ(Sent().at(1), Data("request", 77));
 }
 
-TEST_F(LocalForwarding, EachConnectionHasItsOwnNumber) {
+TEST_F(LocalForwarding, EachConnectionHasItsOwnChannelNumber) {
     std::vector<std::uint32_t> announced;
     EXPECT_EQ(Run(
                   [&](Connection& c) {
@@ -343,7 +343,7 @@ TEST_F(LocalForwarding, RecipientOfTheConfirmationIsNotCompared) {
               "0, Run -1");
 }
 
-TEST_F(LocalForwarding, ChannelFailureIsARefusal) {
+TEST_F(LocalForwarding, ChannelFailureCountsAsARefusal) {
     EXPECT_EQ(Accept([](Connection& c, tcp::End& local) {
                   c.SendPacket(ChannelFailure(1));
                   EXPECT_TRUE(local.IsClosedByPeer());
@@ -385,7 +385,7 @@ TEST_F(LocalForwarding, RefusalsLeaveTheListenerInTheLoop) {
               "-1");
 }
 
-TEST_F(LocalForwarding, MessagesBeforeTheAnswerAreHandled) {
+TEST_F(LocalForwarding, MessagesBeforeTheReplyAreHandled) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End&) {
                       c.SendTogether({Ignore(), Data("output"), WindowAdjust(0, 1), Confirmation(1, 77)});
@@ -395,7 +395,7 @@ TEST_F(LocalForwarding, MessagesBeforeTheAnswerAreHandled) {
     EXPECT_EQ(output.Text(), "output");
 }
 
-TEST_F(LocalForwarding, UnknownMessagesBeforeTheAnswerAreDroppedSilently) {
+TEST_F(LocalForwarding, UnknownMessagesBeforeTheReplyAreDroppedSilently) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End&) {
                       c.SendTogether({Debug(), OpenFailure(1), Writer().U8(255), Confirmation(1, 77)});
@@ -405,7 +405,7 @@ TEST_F(LocalForwarding, UnknownMessagesBeforeTheAnswerAreDroppedSilently) {
     EXPECT_EQ(messages, "");
 }
 
-TEST_F(LocalForwarding, ConnectionIsDroppedWhenTheAnswerArrivesInALaterRead) {
+TEST_F(LocalForwarding, ConnectionIsDroppedWhenTheReplyArrivesInALaterRead) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End& local) {
                       c.SendIgnore();
@@ -419,7 +419,7 @@ TEST_F(LocalForwarding, ConnectionIsDroppedWhenTheAnswerArrivesInALaterRead) {
     EXPECT_EQ(Sent().size(), 1u);
 }
 
-TEST_F(LocalForwarding, LateAnswerIsTakenForTheNextConnection) {
+TEST_F(LocalForwarding, LateReplyIsTakenForTheNextConnection) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const dropped = Connect();
@@ -439,7 +439,7 @@ TEST_F(LocalForwarding, LateAnswerIsTakenForTheNextConnection) {
     EXPECT_EQ(messages, "ignore packet SSH_MSG_CHANNEL_OPEN_CONFIRMATION\n");
 }
 
-TEST_F(LocalForwarding, RestOfAStartedAnswerIsWaitedFor) {
+TEST_F(LocalForwarding, RestOfAPartialReplyIsWaitedFor) {
     EXPECT_EQ(Accept(
                   [](Connection& c, tcp::End&) {
                       Bytes const ignored = c.Encode(Ignore());
@@ -481,7 +481,7 @@ TEST_F(LocalForwarding, HandlerThatEndsTheDispatchEndsTheRun) {
     EXPECT_TRUE(socketStays);
 }
 
-TEST_F(LocalForwarding, PacketsAfterTheAnswerAreServedWithIt) {
+TEST_F(LocalForwarding, PacketsAfterTheReplyAreHandledWithIt) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = Connect();
@@ -495,7 +495,7 @@ TEST_F(LocalForwarding, PacketsAfterTheAnswerAreServedWithIt) {
     EXPECT_EQ(Sent().size(), 3u);
 }
 
-TEST_F(LocalForwarding, EndAfterTheAnswerEndsTheRun) {
+TEST_F(LocalForwarding, ExitStatusAfterTheReplyEndsTheRun) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = Connect();
@@ -509,7 +509,7 @@ TEST_F(LocalForwarding, EndAfterTheAnswerEndsTheRun) {
     EXPECT_FALSE(socketStays);
 }
 
-TEST_F(LocalForwarding, PartOfAPacketAfterTheAnswerHoldsUpNothing) {
+TEST_F(LocalForwarding, PartialPacketAfterTheReplyBlocksNothing) {
     for (char const* cipher : {"aes128-ctr", "3des-cbc"}) {
         settings.kexInit.Pin(cipher, "hmac-sha1");
         for (std::size_t const part : {1u, 8u, 15u, 16u, 17u, 40u, 51u}) {
@@ -535,7 +535,7 @@ TEST_F(LocalForwarding, PartOfAPacketAfterTheAnswerHoldsUpNothing) {
     }
 }
 
-TEST_F(LocalForwarding, WholePacketsInFrontOfAPartAreServed) {
+TEST_F(LocalForwarding, WholePacketsBeforeAPartialOneAreHandled) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       c.Wire().waitLimit = std::chrono::seconds(5);
@@ -554,7 +554,7 @@ TEST_F(LocalForwarding, WholePacketsInFrontOfAPartAreServed) {
               "-1");
 }
 
-TEST_F(LocalForwarding, PacketWithABadLengthAfterTheAnswerEndsTheRun) {
+TEST_F(LocalForwarding, PacketWithABadLengthAfterTheReplyEndsTheRun) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = Connect();
@@ -569,7 +569,7 @@ TEST_F(LocalForwarding, PacketWithABadLengthAfterTheAnswerEndsTheRun) {
               "SshProtocolError: packet length exceeds maximum value: 262145");
 }
 
-TEST_F(LocalForwarding, DataForOtherChannelsBeforeTheAnswerIsFlushed) {
+TEST_F(LocalForwarding, DataForOtherChannelsBeforeTheReplyIsFlushed) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const first = ConnectThrough(c);
@@ -635,7 +635,7 @@ TEST_F(LocalForwarding, ChannelOpenedDuringTheWaitGetsTheAnnouncedNumber) {
               "-1");
 }
 
-TEST_F(LocalForwarding, EndOfTheStreamDuringTheWaitIsAnException) {
+TEST_F(LocalForwarding, EndOfTheStreamDuringTheWaitThrows) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = Connect();
@@ -647,7 +647,7 @@ TEST_F(LocalForwarding, EndOfTheStreamDuringTheWaitIsAnException) {
               closedEarly);
 }
 
-TEST_F(LocalForwarding, MalformedAnswerIsAnException) {
+TEST_F(LocalForwarding, MalformedReplyThrows) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = Connect();
@@ -672,7 +672,7 @@ TEST_F(LocalForwarding, AcceptWaitsSixtySeconds) {
     EXPECT_THAT(Sent(), IsEmpty());
 }
 
-TEST_F(LocalForwarding, CallerIsNotLookedUpByName) {
+TEST_F(LocalForwarding, OriginatorIsNotLookedUpByName) {
     String_t name, address;
     unsigned short port = 0;
     sockaddr_in const caller = tcp::Loopback(1);
@@ -788,7 +788,7 @@ TEST_F(ForwardedConnection, ServerEndsAndClosesInOneSegment) {
     EXPECT_THAT((std::vector<Bytes>(sent.begin() + 1, sent.end())), ElementsAre(Eof(77), Close(77)));
 }
 
-TEST_F(ForwardedConnection, CloseOfTheServerAloneIsNotAnswered) {
+TEST_F(ForwardedConnection, CloseWithoutEofIsNotAnswered) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = ConnectThrough(c);
@@ -801,7 +801,7 @@ TEST_F(ForwardedConnection, CloseOfTheServerAloneIsNotAnswered) {
     EXPECT_EQ(Sent().size(), 1u);
 }
 
-TEST_F(ForwardedConnection, CloseOfTheServerAfterTheLocalEndIsNotAnswered) {
+TEST_F(ForwardedConnection, CloseAfterTheLocalEofIsNotAnswered) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End const local = ConnectThrough(c);
@@ -835,7 +835,7 @@ TEST_F(ForwardedConnection, LocalEofIsRemembered) {
               "-1");
 }
 
-TEST_F(ForwardedConnection, EofOfTheServerIsNotTakenForTheLocalOne) {
+TEST_F(ForwardedConnection, EofFromTheServerIsNotTakenForTheLocalOne) {
     std::unique_ptr<tcp::End> local;
     EXPECT_EQ(Run(
                   [&](Connection& c) {

@@ -90,7 +90,7 @@ TEST_F(RemoteForwarding, RequestNamesTheListeningAddress) {
     EXPECT_THAT(Sent(), ElementsAre(GlobalRequest("tcpip-forward", true, "bound", 9000)));
 }
 
-TEST_F(RemoteForwarding, IsStartedByItsText) {
+TEST_F(RemoteForwarding, IsStartedFromItsTextForm) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       GrantForwarding(c);

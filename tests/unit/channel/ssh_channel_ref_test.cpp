@@ -57,13 +57,13 @@ TEST_F(ChannelRef, PointsToItsChannelUntilThatIsGone) {
     EXPECT_EQ(nullptr, reference.Get());
 }
 
-TEST_F(ChannelRef, ToNothingStaysNull) {
+TEST_F(ChannelRef, EmptyReferenceStaysNull) {
     SshChannelRef const reference(nullptr);
     SshChannelRef const copy(reference);
     EXPECT_EQ(nullptr, copy.Get());
 }
 
-TEST_F(ChannelRef, CopiesGoInAnyOrder) {
+TEST_F(ChannelRef, CopiesMayBeDestroyedInAnyOrder) {
     for (int order = 0; order < 6; ++order) {
         auto channel = std::make_unique<SshChannel>();
         std::unique_ptr<SshChannelRef> references[3];
@@ -105,7 +105,7 @@ TEST_F(ChannelRef, IsNullAfterAReplacementThatThrows) {
     EXPECT_EQ(nullptr, _manager.Find(0));
 }
 
-TEST_F(ChannelRef, IsNullAfterAReplacementByNothing) {
+TEST_F(ChannelRef, IsNullAfterAReplacementByANullChannel) {
     SshChannelRef const reference(New());
     EXPECT_EQ(nullptr, _manager.ReplaceChannel(0, NullMaker()));
     EXPECT_EQ(nullptr, reference.Get());

@@ -367,7 +367,7 @@ TEST_P(AnyKeyForm, IsReadWithItsPublicHalf) {
     ExpectPublicBlob();
 }
 
-TEST_P(AnyKeyForm, NothingIsAskedWithoutAnybodyToAnswer) {
+TEST_P(AnyKeyForm, NoPassphraseIsAskedForWithoutACallback) {
     EXPECT_EQ(ReadWith(nullptr), GetParam()._encrypted ? PrivateKey::NO_PASSPHRASE : 0);
     EXPECT_EQ(_key == nullptr, GetParam()._encrypted);
     ExpectPublicBlob();

@@ -37,7 +37,7 @@ TEST_F(SocketBuffers, HaveNoTimeLimitByDefault) {
     EXPECT_EQ(_out._timeout, 0u);
 }
 
-TEST_F(SocketBuffers, ReadAheadLiesInTheBuffer) {
+TEST_F(SocketBuffers, ReadAheadStaysInTheBuffer) {
     _pair.Send("abcdef");
     EXPECT_FALSE(_in._pos < _in._end);
     EXPECT_EQ(_in.get(_bytes, _bytes + 4), 4);
@@ -147,7 +147,7 @@ TEST_F(SocketBuffers, OutputBufferHolds8192Bytes) {
     EXPECT_EQ(_pair.Received(), std::string(8192, 'x'));
 }
 
-TEST_F(SocketBuffers, SomethingHasLeftAfter8193BytesPutInWhateverPieces) {
+TEST_F(SocketBuffers, DataIsSentAfter8193BytesPutInPiecesOfAnySize) {
     for (std::size_t piece : {1u, 20u, 100u, 4096u, 8192u}) {
         std::size_t put = 0;
         for (; put + piece <= 8192; put += piece) Put(std::string(piece, 'x'));
@@ -161,7 +161,7 @@ TEST_F(SocketBuffers, SomethingHasLeftAfter8193BytesPutInWhateverPieces) {
     }
 }
 
-TEST_F(SocketBuffers, RangeThatDoesNotFitLeavesInOneCallWithWhatIsBuffered) {
+TEST_F(SocketBuffers, RangeThatDoesNotFitIsSentInOneCallWithTheBufferedBytes) {
     CallCounter counter;
     Put("abc");
     EXPECT_EQ(Put(std::string(20000, 'x')), 20000);
@@ -170,7 +170,7 @@ TEST_F(SocketBuffers, RangeThatDoesNotFitLeavesInOneCallWithWhatIsBuffered) {
     EXPECT_EQ(_out.Flush(), 0);
 }
 
-TEST_F(SocketBuffers, WhatIsBufferedStaysWhenItCanNotLeaveWithARange) {
+TEST_F(SocketBuffers, BufferedBytesStayWhenSendingThemWithARangeFails) {
     _out.Bind(-1);
     Put("abc");
     errno = 0;
@@ -251,7 +251,7 @@ TEST_F(SocketBuffers, DescriptorMayBeAPipe) {
     EXPECT_EQ(outgoing.Received(), std::string(8192, 'x'));
 }
 
-TEST_F(SocketBuffers, RangeLargerThanTheBufferIsReceivedWhereItBelongs) {
+TEST_F(SocketBuffers, RangeLargerThanTheBufferIsReceivedDirectly) {
     std::string const text = "abc" + std::string(20000, 'x') + "yz";
     _pair.Send(text);
     EXPECT_EQ(_in.get(_bytes, _bytes + 1), 1);
@@ -297,7 +297,7 @@ TEST_F(SocketBuffers, FullBufferIsSentTogetherWithItsTrailer) {
     EXPECT_EQ(recorder.Take(), (std::vector<Sent>{{8196, true}}));
 }
 
-TEST_F(SocketBuffers, FlushBeforeMoreHandsItOverAsMoreToCome) {
+TEST_F(SocketBuffers, FlushBeforeMoreIsSentWithMsgMore) {
     using Sent = support::SendRecorder::Sent;
     support::SendRecorder recorder;
     Put("abc");

@@ -68,7 +68,7 @@ TEST(WireFormat, StringIsItsLengthAndItsBytes) {
                             "00000000");
 }
 
-TEST(WireFormat, ViewEqualsATextOfItsLengthAlone) {
+TEST(WireFormat, ViewEqualsOnlyATextOfItsLength) {
     unsigned char const text[] = "none";
     EXPECT_TRUE((ByteView{text, 4}.Is("none")));
     EXPECT_FALSE((ByteView{text, 3}.Is("none")));
@@ -99,7 +99,7 @@ TEST(WireReader, FieldBeyondTheEndAndAllAfterItAreEmpty) {
     EXPECT_EQ(reader.Rest()._length, 0u);
 }
 
-TEST(WireReader, NumberCutShortIsZero) {
+TEST(WireReader, TruncatedNumberIsZero) {
     ByteString const bytes = FromHex("ffffff");
     WireReader reader(bytes.Data(), bytes.Length());
     EXPECT_EQ(reader.Int(), 0u);

@@ -208,7 +208,7 @@ TEST_F(Task, DispatcherThatUnregistersItselfHasItsCallbacksRunTwice) {
     EXPECT_THAT(log, ElementsAre("called", "called"));
 }
 
-TEST_F(Task, DescriptorThatIsNotOpenSpinsUntilItIsUnregistered) {
+TEST_F(Task, LoopBusyWaitsOnAClosedDescriptorUntilItIsUnregistered) {
     int closed;
     {
         Pipe pipe;

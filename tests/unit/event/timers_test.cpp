@@ -325,7 +325,7 @@ TEST_F(Timers, TimerThatStaysDueFiresAgainInTheSameCheck) {
     EXPECT_EQ(timer._fired, 5);
 }
 
-TEST_F(Timers, NextTimeWithMillisecondsAloneRequeues) {
+TEST_F(Timers, NextTimeWithOnlyMillisecondsRequeues) {
     class Twice : public IOMultiplexer::Timer {
     public:
         Twice() : Timer(PAST) {}

@@ -321,7 +321,7 @@ TEST_F(PacketStream, PacketThatIsTooLongIsNotWaitedFor) {
     EXPECT_EQ("packet length exceeds maximum value: 262145", ReadFailure());
 }
 
-TEST_F(PacketStream, PacketThatIsLargerThanTheBufferIsNeverWholeThere) {
+TEST_F(PacketStream, PacketLargerThanTheBufferIsNeverBufferedWhole) {
     Bytes const packet{0, 0, 0, 12, 10, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     Send(packet + Bytes{0, 0, 0x40, 4} + Bytes(0x4004, 6));
     _in.ReadPacket();
@@ -475,7 +475,7 @@ TEST_F(PacketStream, FullDataMessageIsSentWithItsMacInOneCall) {
     EXPECT_EQ(recorder.Take().size(), 1u);
 }
 
-TEST_F(PacketStream, FullDataMessageThatOthersFollowIsHandedOverAsMoreToComeInOneSend) {
+TEST_F(PacketStream, FullDataMessageFollowedByOthersIsSentInOneCallWithMsgMore) {
     UseKeys();
     support::SendRecorder recorder;
     PacketChannelData packet(0, std::string(8144, 'x').data(), 8144);
@@ -486,7 +486,7 @@ TEST_F(PacketStream, FullDataMessageThatOthersFollowIsHandedOverAsMoreToComeInOn
     EXPECT_FALSE(_out._socketBuffer.IsCorked());
 }
 
-TEST_F(PacketStream, BuffersLieInTheStreams) {
+TEST_F(PacketStream, BuffersAreEmbeddedInTheStreams) {
     EXPECT_TRUE(support::HoldsBuffer(_out, _out._socketBuffer));
     EXPECT_TRUE(support::HoldsBuffer(_out, _out._sshBuffer));
     EXPECT_TRUE(support::HoldsBuffer(_out, _out._adapter));

@@ -81,7 +81,7 @@ TEST(KbdInteractiveCallback, NameAndInstructionArePrintedAsLines) {
     EXPECT_GE(output.Flushes(), 2);
 }
 
-TEST(KbdInteractiveCallback, ControlCharactersArePrintedAsTheyCame) {
+TEST(KbdInteractiveCallback, ControlCharactersArePrintedAsReceived) {
     KbdInteractiveCallback callback;
     Captured output(std::cout);
     Fed input(std::cin, "answer\n");

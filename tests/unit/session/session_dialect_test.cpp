@@ -61,7 +61,7 @@ protected:
     RecordingDialect _dialect{_session};
 };
 
-TEST_F(Dialect, TakesTheStepsOfASessionOverOnceItIsAttached) {
+TEST_F(Dialect, TakesOverTheStepsOfASessionOnceAttached) {
     _dialect.Attach(_dialect);
     EXPECT_EQ(_session.Connect(7), 7);
     EXPECT_EQ(_session.KeyExchange(), -2);
@@ -77,14 +77,14 @@ TEST_F(Dialect, PacketsGoThroughItsFilter) {
     EXPECT_EQ(_dialect._asked, "Write Read HasInput ");
 }
 
-TEST_F(Dialect, SecondOneIsRefused) {
+TEST_F(Dialect, SecondDialectIsRefused) {
     _dialect.Attach(_dialect);
     RecordingDialect second(_session);
     EXPECT_THROW(second.Attach(second), InvalidArgument);
     EXPECT_EQ(_session.KeyExchange(), -2);
 }
 
-TEST_F(Dialect, DetachedOneIsAskedNothing) {
+TEST_F(Dialect, DetachedDialectIsNotUsed) {
     _dialect.Attach(_dialect);
     _dialect.Detach();
     EXPECT_EQ(Authenticate(), -1); // no keys are in force

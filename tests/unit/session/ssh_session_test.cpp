@@ -186,7 +186,7 @@ TEST(SessionConstruction, FieldsHaveTheirInitialValues) {
     EXPECT_EQ(session._x11.Get(), nullptr);
 }
 
-TEST(SessionConstruction, BuffersOfBothDirectionsLieInTheSession) {
+TEST(SessionConstruction, BuffersOfBothDirectionsAreEmbeddedInTheSession) {
     OpenSession const session;
     EXPECT_TRUE(support::HoldsBuffer(session, session._out._socketBuffer));
     EXPECT_TRUE(support::HoldsBuffer(session, session._out._sshBuffer));

@@ -37,7 +37,7 @@ TEST(SftpPacketStatus, EmptyMessageLeavesTheLanguageEmptyToo) {
     EXPECT_EQ(Text(status._language), "");
 }
 
-TEST(SftpPacketStatus, LanguageAloneMayBeEmpty) {
+TEST(SftpPacketStatus, OnlyTheLanguageMayBeEmpty) {
     SftpPacketStatus const status(Bytes(Wire("65 00000007 00000001 00000002 'no' 00000000")));
     EXPECT_EQ(Text(status._message), "no");
     EXPECT_EQ(Text(status._language), "");

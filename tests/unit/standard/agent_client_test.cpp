@@ -255,7 +255,7 @@ TEST(RawAgent, BrokenListMakesTheAgentAbsent) {
     }
 }
 
-TEST(RawAgent, ReplyOf256KiBIsTaken) {
+TEST(RawAgent, ReplyOf256KiBIsAccepted) {
     std::string const signature(256 * 1024 - 5, 's');
     RawAgent const server(SignResponse(signature));
     AgentClient agent(server.Path());

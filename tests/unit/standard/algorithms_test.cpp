@@ -14,27 +14,27 @@ namespace {
 constexpr AlgorithmKind KINDS[] = {AlgorithmKind::KEX, AlgorithmKind::HOST_KEY, AlgorithmKind::PUBLIC_KEY,
                                    AlgorithmKind::CIPHER, AlgorithmKind::MAC};
 
-TEST(Algorithms, KeyExchangesAreOfferedInTheirOrder) {
+TEST(Algorithms, KeyExchangesAreOfferedInOrderOfPreference) {
     EXPECT_EQ(DefaultAlgorithms(AlgorithmKind::KEX),
               "curve25519-sha256,curve25519-sha256@libssh.org,ecdh-sha2-nistp256,ecdh-sha2-nistp384,"
               "ecdh-sha2-nistp521,diffie-hellman-group-exchange-sha256,diffie-hellman-group16-sha512,"
               "diffie-hellman-group14-sha256");
 }
 
-TEST(Algorithms, SignaturesAreOfferedInTheirOrderForHostsAndUsers) {
+TEST(Algorithms, SignaturesAreOfferedInOrderOfPreferenceForHostsAndUsers) {
     std::string const names = "ssh-ed25519,ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,"
                               "rsa-sha2-512,rsa-sha2-256";
     EXPECT_EQ(DefaultAlgorithms(AlgorithmKind::HOST_KEY), names);
     EXPECT_EQ(DefaultAlgorithms(AlgorithmKind::PUBLIC_KEY), names);
 }
 
-TEST(Algorithms, MacsThatCoverTheCiphertextComeFirst) {
+TEST(Algorithms, EncryptThenMacAlgorithmsComeFirst) {
     EXPECT_EQ(DefaultAlgorithms(AlgorithmKind::MAC),
               "hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com,hmac-sha2-256,hmac-sha2-512,"
               "hmac-sha1");
 }
 
-TEST(Algorithms, AesComesFirstWhereTheProcessorHasInstructionsForIt) {
+TEST(Algorithms, AesComesFirstOnAProcessorWithAesInstructions) {
     EXPECT_EQ(DefaultCiphers(true), "aes128-gcm@openssh.com,aes256-gcm@openssh.com,"
                                     "chacha20-poly1305@openssh.com,aes128-ctr,aes192-ctr,aes256-ctr");
     EXPECT_EQ(DefaultCiphers(false), "chacha20-poly1305@openssh.com,aes128-gcm@openssh.com,"
@@ -53,7 +53,7 @@ TEST(Algorithms, EveryNameOfferedHasARecordOfThatName) {
         EXPECT_EQ(FindMac(name).name, name);
 }
 
-TEST(Algorithms, RecordsHoldWhatTheNamesStandFor) {
+TEST(Algorithms, RecordsMatchTheirNames) {
     EXPECT_STREQ(FindKex("ecdh-sha2-nistp384").group, "P-384");
     EXPECT_STREQ(FindKex("diffie-hellman-group16-sha512").digest, "SHA512");
     EXPECT_STREQ(FindSignature("rsa-sha2-256").keyType, "ssh-rsa");
@@ -82,14 +82,14 @@ TEST(Algorithms, SingleNamePassesTheCheck) {
     EXPECT_NO_THROW(CheckAlgorithms(AlgorithmKind::MAC, "place", "hmac-sha1"));
 }
 
-TEST(Algorithms, UnsupportedNameIsNamed) {
+TEST(Algorithms, UnsupportedNameIsReported) {
     ExpectError<InvalidArgument>("place", "algorithm \"hmac-md5\" is not supported",
                                  [] { CheckAlgorithms(AlgorithmKind::MAC, "place", "hmac-sha1,hmac-md5"); });
     ExpectError<InvalidArgument>("place", "algorithm \" hmac-sha1\" is not supported",
                                  [] { CheckAlgorithms(AlgorithmKind::MAC, "place", " hmac-sha1"); });
 }
 
-TEST(Algorithms, NameOfAnotherKindIsNamed) {
+TEST(Algorithms, NameOfAnotherKindIsReported) {
     for (AlgorithmKind kind : {AlgorithmKind::KEX, AlgorithmKind::HOST_KEY, AlgorithmKind::MAC})
         ExpectError<InvalidArgument>("place", "algorithm \"aes128-ctr\" is not supported",
                                      [&] { CheckAlgorithms(kind, "place", "aes128-ctr"); });
@@ -102,13 +102,13 @@ TEST(Algorithms, EmptyListIsRefused) {
         ExpectError<InvalidArgument>("place", "no algorithm", [&] { CheckAlgorithms(kind, "place", ""); });
 }
 
-TEST(Algorithms, EmptyNameIsRefusedWhereverItStands) {
+TEST(Algorithms, EmptyNameIsRefusedAtAnyPosition) {
     for (char const* list : {",", ",hmac-sha1", "hmac-sha1,", "hmac-sha1,,hmac-sha2-256"})
         ExpectError<InvalidArgument>("place", "a name is empty",
                                      [&] { CheckAlgorithms(AlgorithmKind::MAC, "place", list); });
 }
 
-TEST(Algorithms, RepeatedNameIsNamed) {
+TEST(Algorithms, RepeatedNameIsReported) {
     ExpectError<InvalidArgument>("place", "algorithm \"hmac-sha1\" is there twice", [] {
         CheckAlgorithms(AlgorithmKind::MAC, "place", "hmac-sha1,hmac-sha2-256,hmac-sha1");
     });
@@ -133,13 +133,13 @@ TEST(FirstCommon, FollowsThePreferenceOfTheClient) {
     EXPECT_EQ(FirstCommon("c,b,a", "a,b,c"), "c");
 }
 
-TEST(FirstCommon, IsEmptyWhereNothingIsCommon) {
+TEST(FirstCommon, IsEmptyIfNothingIsCommon) {
     EXPECT_EQ(FirstCommon("a,b", "c,d"), "");
     EXPECT_EQ(FirstCommon("a,b", ""), "");
     EXPECT_EQ(FirstCommon("", "a"), "");
     EXPECT_EQ(FirstCommon("a", "aa"), "");
 }
 
-TEST(FirstCommon, IsNoEmptyNameThatBothListsHold) { EXPECT_EQ(FirstCommon(",a", ",a"), "a"); }
+TEST(FirstCommon, IgnoresEmptyNamesInBothLists) { EXPECT_EQ(FirstCommon(",a", ",a"), "a"); }
 
 } // namespace

@@ -127,7 +127,7 @@ Blob const SECOND_BLOB = peer::Writer().String("ssh-ed25519").String("second");
 
 } // namespace
 
-TEST_F(IdentitySearch, NothingThere) {
+TEST_F(IdentitySearch, NoAgentAndNoFilesGiveNoIdentity) {
     EXPECT_TRUE(Find("").empty());
     EXPECT_THAT(notes, IsEmpty());
     EXPECT_TRUE(Find(Path("none")).empty());
@@ -145,7 +145,7 @@ TEST_F(IdentitySearch, PlainFileIsReadyToSign) {
     EXPECT_THAT(notes, IsEmpty());
 }
 
-TEST_F(IdentitySearch, DefaultFilesStandInTheirOrder) {
+TEST_F(IdentitySearch, DefaultFilesComeInTheirOrder) {
     Keygen(".ssh/id_rsa", "-t rsa -b 2048");
     Keygen(".ssh/id_ecdsa", "-t ecdsa");
     Keygen(".ssh/id_ed25519", "-t ed25519");
@@ -239,7 +239,7 @@ TEST_F(IdentitySearch, EncryptedPemWithoutPublicHalfIsLearntByUnlocking) {
     EXPECT_EQ(found[0]->Blob(), blob);
 }
 
-TEST_F(IdentitySearch, FileThatIsNoKeyGetsALine) {
+TEST_F(IdentitySearch, FileWithoutAKeyIsReported) {
     Write("key", "no key\n");
     std::filesystem::create_directory(Path(".ssh/id_rsa"));
     EXPECT_TRUE(Find(Path("key")).empty());
@@ -257,7 +257,7 @@ TEST_F(IdentitySearch, AlgorithmOfAnotherTypeIsNotSigned) {
     EXPECT_NE(reason, "");
 }
 
-TEST_F(IdentitySearch, AgentsKeysComeBeforeDefaultFilesThatItDoesNotHold) {
+TEST_F(IdentitySearch, AgentsKeysComeBeforeDefaultFilesWithOtherKeys) {
     Keygen(".ssh/id_ed25519", "-t ed25519");
     Keygen(".ssh/id_rsa", "-t rsa -b 2048");
     FakeAgent const agent({FIRST_BLOB, PublicKey(".ssh/id_rsa"), SECOND_BLOB});
@@ -324,7 +324,7 @@ TEST_F(IdentitySearch, SignatureByAnotherAlgorithmIsNotUsed) {
     EXPECT_EQ(reason, "the agent does not sign with rsa-sha2-512");
 }
 
-TEST_F(IdentitySearch, FileSignsWhereTheAgentFails) {
+TEST_F(IdentitySearch, FileSignsIfTheAgentFails) {
     Keygen("key", "-t ed25519");
     FakeAgent agent({PublicKey("key")});
     EXPECT_TRUE(Signs(*Find(Path("key"), agent.Client()).at(0), "ssh-ed25519"));
@@ -333,7 +333,7 @@ TEST_F(IdentitySearch, FileSignsWhereTheAgentFails) {
     EXPECT_EQ(agent.Flags().size(), 2u);
 }
 
-TEST_F(IdentitySearch, BothReasonsAreGivenWhereAgentAndFileFail) {
+TEST_F(IdentitySearch, BothReasonsAreGivenIfAgentAndFileFail) {
     Keygen("key", "-t ed25519 -a 1", "right");
     FakeAgent const agent({PublicKey("key")});
     Blob signature;
@@ -342,7 +342,7 @@ TEST_F(IdentitySearch, BothReasonsAreGivenWhereAgentAndFileFail) {
     EXPECT_EQ(reason, "the agent refused; the file: encrypted, and no passphrase can be asked for");
 }
 
-TEST_F(IdentitySearch, BrokenAgentGetsALineAndFilesStay) {
+TEST_F(IdentitySearch, BrokenAgentIsReportedAndFilesAreUsed) {
     Keygen(".ssh/id_ed25519", "-t ed25519");
     RawAgent const server(peer::ToText(peer::Writer().String("\x06")));
     EXPECT_THAT(Names(Find("", std::make_shared<AgentClient>(server.Path()))),

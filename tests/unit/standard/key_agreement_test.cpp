@@ -261,7 +261,7 @@ TEST_P(KeyAgreementMethod, AgreesWithTheServer) {
     EXPECT_EQ(View(_client->SharedSecret()), View(_server->_secret));
 }
 
-TEST_P(KeyAgreementMethod, EachExchangeHasAKeyOfItsOwn) {
+TEST_P(KeyAgreementMethod, EachExchangeHasItsOwnKey) {
     std::unique_ptr<KeyAgreement> const other = KeyAgreement::Create(GetParam().name);
     std::unique_ptr<ModelServer> const server = GetParam().makeServer();
     server->Exchange(*other);
@@ -283,7 +283,7 @@ TEST_P(KeyAgreementMethod, ReplyCutAnywhereIsRefused) {
     EXPECT_TRUE(_client->Take(_reply).empty()); // none of them has changed anything
 }
 
-TEST_P(KeyAgreementMethod, ReplyWithABytesMoreIsRefused) {
+TEST_P(KeyAgreementMethod, ReplyWithAnExtraByteIsRefused) {
     _reply.push_back(0);
     ExpectRefused(_reply, "has bytes after its last field");
 }
@@ -425,7 +425,7 @@ TEST_P(NistCurve, PointAtInfinityIsRefused) {
     ExpectPointRefused(Bytes(_server.Public(Number(1), POINT_CONVERSION_UNCOMPRESSED).size()));
 }
 
-TEST_P(NistCurve, OnlyUncompressedPointsAreTaken) {
+TEST_P(NistCurve, OnlyUncompressedPointsAreAccepted) {
     ExpectPointRefused(_server.Public(Number(12345), POINT_CONVERSION_COMPRESSED));
     ExpectPointRefused(_server.Public(Number(12345), POINT_CONVERSION_HYBRID));
 }
@@ -446,7 +446,7 @@ INSTANTIATE_TEST_SUITE_P(All, NistCurve,
                                          Curve{"ecdh-sha2-nistp521", NID_secp521r1}),
                          [](auto const& curve) { return "P" + std::string(curve.param.name).substr(15); });
 
-TEST(FixedDhGroup, PublicValueOutsideItsRangeIsRefused) {
+TEST(FixedDhGroup, PublicValueOutsideTheRangeIsRefused) {
     BnPtr const p = Own(BN_get_rfc3526_prime_2048(nullptr));
     auto const expectRefused = [](Bytes const& value) { ExpectValueRefused(GROUP14, "KEXDH_REPLY", value); };
     expectRefused(Mpint(Number(0)));
@@ -463,7 +463,7 @@ TEST(FixedDhGroup, NegativePublicValueIsRefused) {
     ExpectValueRefused(GROUP14, "KEXDH_REPLY", String(Bytes(256, 0xff)), "message holds a negative number");
 }
 
-TEST(FixedDhGroup, FirstAndLastPublicValueOfItsRangeAreTaken) {
+TEST(FixedDhGroup, FirstAndLastPublicValueOfTheRangeAreAccepted) {
     BnPtr const p = Own(BN_get_rfc3526_prime_2048(nullptr));
     for (BnPtr const& f : {Number(2), Sum(p, -2)}) {
         auto const client = KeyAgreement::Create(GROUP14);
@@ -494,11 +494,11 @@ protected:
     Bytes _request;
 };
 
-TEST_F(GroupExchange, AsksForAtLeast2048And3072AtBest) {
+TEST_F(GroupExchange, AsksForAtLeast2048BitsAndPrefers3072) {
     EXPECT_EQ(_request, (Bytes{34, 0, 0, 8, 0, 0, 0, 12, 0, 0, 0, 32, 0}));
 }
 
-TEST_F(GroupExchange, TakesGroupsOfTheSmallestAndLargestSize) {
+TEST_F(GroupExchange, AcceptsGroupsOfTheSmallestAndLargestSize) {
     for (int bits : {2048, 8192}) {
         GroupServer server(Random(bits), Number(5), true);
         auto const client = KeyAgreement::Create(GROUP_EXCHANGE);
@@ -508,7 +508,7 @@ TEST_F(GroupExchange, TakesGroupsOfTheSmallestAndLargestSize) {
     }
 }
 
-TEST_F(GroupExchange, TakesAGroupThatHasAName) {
+TEST_F(GroupExchange, AcceptsAGroupThatHasAName) {
     GroupServer server(Own(BN_get_rfc3526_prime_8192(nullptr)), Number(2), true);
     server.Exchange(*_client);
     EXPECT_EQ(View(_client->SharedSecret()), View(server._secret));
@@ -526,13 +526,13 @@ TEST_F(GroupExchange, EvenModulusIsRefused) {
     ExpectGroupRefused(Sum(Random(2048), -1), Number(2), "holds an even modulus");
 }
 
-TEST_F(GroupExchange, GeneratorOutsideItsRangeIsRefused) {
+TEST_F(GroupExchange, GeneratorOutsideTheRangeIsRefused) {
     BnPtr const p = Random(2048);
     for (BnPtr const& g : {Number(0), Number(1), Sum(p, -1), p, Sum(p, 1)})
         ExpectGroupRefused(p, g, "holds an invalid generator");
 }
 
-TEST_F(GroupExchange, LastGeneratorOfItsRangeIsTaken) {
+TEST_F(GroupExchange, LastGeneratorOfTheRangeIsAccepted) {
     BnPtr p = Random(2048);
     BnPtr g = Sum(p, -2);
     GroupServer server(std::move(p), std::move(g), true);
@@ -565,7 +565,7 @@ TEST_F(GroupExchange, MessagesOutOfOrderAreRefused) {
     ExpectError<SshProtocolError>("expected KEX_DH_GEX_REPLY message", "31", [&] { _client->Take(group); });
 }
 
-TEST_F(GroupExchange, PublicValueOutsideItsRangeIsRefused) {
+TEST_F(GroupExchange, PublicValueOutsideTheRangeIsRefused) {
     BnPtr const p = Random(2048);
     _client->Take(Join({{31}, Mpint(p), Mpint(Number(2))}));
     for (BnPtr const& f : {Number(0), Number(1), Sum(p, -1), p})

@@ -188,7 +188,7 @@ TEST_F(KnownHostsInFiles, PatternsMatchWholeNames) {
             << one.hosts;
 }
 
-TEST_F(KnownHostsInFiles, NegatedPatternExcludesTheHostWhereverItStands) {
+TEST_F(KnownHostsInFiles, NegatedPatternExcludesTheHostAtAnyPosition) {
     for (char const* hosts : {"!host,*", "*,!host", "host,!h*", "*,!HOST", "*,![host]:22", "[host]:22,!host",
                               "!host", "!elsewhere", "!"})
         EXPECT_EQ(VerdictBy(hosts + (" " + KEY_FIELDS)), KnownHostsFile::UNKNOWN) << hosts;
@@ -196,7 +196,7 @@ TEST_F(KnownHostsInFiles, NegatedPatternExcludesTheHostWhereverItStands) {
     EXPECT_EQ(VerdictBy("*,!host2 " + KEY_FIELDS), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsInFiles, PatternOfManyStarsIsDecidedQuickly) {
+TEST_F(KnownHostsInFiles, PatternOfManyStarsIsMatchedQuickly) {
     std::string stars;
     for (int i = 0; i < 2000; ++i) stars += "a*";
     Write(stars + "b " + KEY_FIELDS + "\n");
@@ -230,7 +230,7 @@ TEST_F(KnownHostsInFiles, AnyOfSeveralKeysMatches) {
     EXPECT_EQ(Verdict("host", Blob("ssh-ed25519", 'x')), KnownHostsFile::CHANGED);
 }
 
-TEST_F(KnownHostsInFiles, HostKnownByOtherTypesAloneHasChanged) {
+TEST_F(KnownHostsInFiles, HostKnownOnlyByOtherKeyTypesHasChanged) {
     Write("host " + RSA_FIELDS + "\n");
     KnownHostsFile::Finding const finding = Find("host", KEY);
     EXPECT_EQ(finding.verdict, KnownHostsFile::CHANGED);
@@ -246,7 +246,7 @@ TEST_F(KnownHostsInFiles, ChangedKeyIsReportedAgainstTheLineOfItsType) {
     EXPECT_EQ(Find("host", Blob("ssh-foo", 'x')).line, 1u);
 }
 
-TEST_F(KnownHostsInFiles, RevokedKeyIsRefusedThoughItIsKnown) {
+TEST_F(KnownHostsInFiles, RevokedKeyIsRefusedEvenIfKnown) {
     for (std::string const& lines :
          std::vector<std::string>{"host " + KEY_FIELDS + "\n@revoked host " + KEY_FIELDS + "\n",
                                   "@revoked *\t" + KEY_FIELDS + "\nhost " + KEY_FIELDS + "\n",
@@ -262,7 +262,7 @@ TEST_F(KnownHostsInFiles, RevokedKeyIsRefusedThoughItIsKnown) {
     EXPECT_EQ(finding.line, 2u);
 }
 
-TEST_F(KnownHostsInFiles, RevocationConcernsItsKeyAndHostAlone) {
+TEST_F(KnownHostsInFiles, RevocationAppliesOnlyToItsKeyAndHost) {
     Write("@revoked host " + OTHER_FIELDS + "\n");
     EXPECT_EQ(Verdict("host", KEY), KnownHostsFile::UNKNOWN);
     EXPECT_EQ(Verdict("elsewhere", OTHER_KEY), KnownHostsFile::UNKNOWN);
@@ -281,7 +281,7 @@ TEST_F(KnownHostsInFiles, RevocationHoldsForHashedNamesOtherPortsAndTheAddress) 
     EXPECT_EQ(Verdict("host", KEY, 22, "10.0.0.2"), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsInFiles, LineForTheAddressAloneNeitherKnowsNorRefusesTheHost) {
+TEST_F(KnownHostsInFiles, LineForOnlyTheAddressNeitherTrustsNorRefusesTheHost) {
     Write("10.0.0.1 " + KEY_FIELDS + "\n");
     EXPECT_EQ(Verdict("host", KEY, 22, "10.0.0.1"), KnownHostsFile::UNKNOWN);
     EXPECT_EQ(Verdict("host", OTHER_KEY, 22, "10.0.0.1"), KnownHostsFile::UNKNOWN);
@@ -329,7 +329,7 @@ TEST_F(KnownHostsInFiles, BrokenLineIsNeverTrusted) {
     EXPECT_EQ(Verdict("host", OTHER_KEY), KnownHostsFile::CHANGED);
 }
 
-TEST_F(KnownHostsInFiles, SignatureAlgorithmStandsForItsKeyType) {
+TEST_F(KnownHostsInFiles, SignatureAlgorithmCountsAsItsKeyType) {
     std::string const key64 = EncodeBase64(RSA_KEY);
     Write("host rsa-sha2-512 " + key64 + "\n");
     KnownHostsFile::Finding const finding = Find("host", RSA_KEY);
@@ -347,7 +347,7 @@ TEST_F(KnownHostsInFiles, SystemFileCountsToo) {
     EXPECT_EQ(Verdict("host", OTHER_KEY), KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsInFiles, FileThatCantBeReadIsNoUnknownHost) {
+TEST_F(KnownHostsInFiles, UnreadableFileIsNotAnUnknownHost) {
     std::filesystem::create_directory(Path()); // opens and fails to read, for root too
     KnownHostsFile::Finding finding = Find("host", KEY);
     EXPECT_EQ(finding.verdict, KnownHostsFile::UNREADABLE);
@@ -367,7 +367,7 @@ TEST_F(KnownHostsInFiles, FileThatCantBeReadIsNoUnknownHost) {
     EXPECT_EQ(Find("host", KEY).error, ENOTDIR);
 }
 
-TEST_F(KnownHostsInFiles, MatchElsewhereDoesNotExcuseAFileThatCantBeRead) {
+TEST_F(KnownHostsInFiles, MatchInOneFileDoesNotExcuseAnotherUnreadableFile) {
     Write("host " + KEY_FIELDS + "\n");
     std::filesystem::create_directory(SystemPath());
     KnownHostsFile::Finding const finding = Find("host", KEY);
@@ -429,7 +429,7 @@ TEST_F(KnownHostsInFiles, NothingIsTrustedOrWrittenWithoutAName) {
     EXPECT_EQ(files.Append("host", 22, KEY), -ENOENT);
 }
 
-TEST_F(KnownHostsInFiles, KnownAlgorithmsStandInTheOrderOfTheLines) {
+TEST_F(KnownHostsInFiles, KnownAlgorithmsAreInTheOrderOfTheLines) {
     EXPECT_TRUE(Files().KnownAlgorithms("host", 22).empty());
     Write("host " + RSA_FIELDS + "\nelsewhere ecdsa-sha2-nistp256 " + ECDSA + "\nh* " + KEY_FIELDS +
           "\nhost " + OTHER_FIELDS + "\n@revoked host ssh-foo " + EncodeBase64(Blob("ssh-foo", 'f')) + "\n");
@@ -468,7 +468,7 @@ TEST_F(KnownHostsInFiles, AppendEndsALastLineWithoutLineFeed) {
     EXPECT_EQ(Content(), "elsewhere " + KEY_FIELDS + "\nhost " + OTHER_FIELDS + "\n");
 }
 
-TEST_F(KnownHostsInFiles, AppendCreatesFileAndDirectoryForTheUserAlone) {
+TEST_F(KnownHostsInFiles, AppendCreatesAPrivateFileAndDirectory) {
     std::filesystem::remove_all(_directory / ".ssh");
     mode_t const mask = umask(0);
     int const result = Files().Append("host", 22, KEY);
@@ -495,7 +495,7 @@ TEST_F(KnownHostsInFiles, AppendReportsFailures) {
     EXPECT_EQ(KnownHostsFile({"/dev/full"}).Append("host", 22, KEY), -ENOSPC);
 }
 
-TEST_F(KnownHostsInFiles, AppendRefusesWhatWouldNotMeanThisHostAndKey) {
+TEST_F(KnownHostsInFiles, AppendRefusesWhatCouldNotBeReadBack) {
     for (std::string const& host : std::vector<std::string>{
              std::string(), std::string("a b"), std::string("a\nb"), std::string("a\tb"), std::string("a,b"),
              std::string("*"), std::string("h?st"), std::string("!host"), std::string("#host"),
@@ -508,14 +508,14 @@ TEST_F(KnownHostsInFiles, AppendRefusesWhatWouldNotMeanThisHostAndKey) {
     EXPECT_FALSE(std::filesystem::exists(Path()));
 }
 
-TEST_F(KnownHostsInFiles, FilesAreReadAtEachQuestion) {
+TEST_F(KnownHostsInFiles, FilesAreReadAtEachLookup) {
     KnownHostsFile const files = Files();
     EXPECT_EQ(files.Lookup("host", 22, "", KEY).verdict, KnownHostsFile::UNKNOWN);
     Write("host " + KEY_FIELDS + "\n");
     EXPECT_EQ(files.Lookup("host", 22, "", KEY).verdict, KnownHostsFile::MATCH);
 }
 
-TEST_F(KnownHostsInFiles, FindingIsSaidInWords) {
+TEST_F(KnownHostsInFiles, ResultHasADescription) {
     Write("host " + KEY_FIELDS + "\n@revoked * " + RSA_FIELDS + "\n");
     EXPECT_EQ(Find("host", KEY).Text("host"), "the host key of host is known (" + Path() + ":1)");
     EXPECT_EQ(Find("there", KEY).Text("there"), "the host key of there is not known");

@@ -93,7 +93,7 @@ protected:
     std::unique_ptr<PacketOpener> _opener;
 };
 
-TEST_P(PacketCipher, SealsAsAnotherImplementationDoesAcrossTheWrapOfAllCounters) {
+TEST_P(PacketCipher, SealsLikeAnotherImplementationWhileAllCountersWrap) {
     unsigned int sequence = FIRST_SEQUENCE;
     for (std::size_t i = 0; i < 3; ++i) {
         Bytes const expected = FromHex(GetParam().packets[i]);
@@ -103,7 +103,7 @@ TEST_P(PacketCipher, SealsAsAnotherImplementationDoesAcrossTheWrapOfAllCounters)
     EXPECT_EQ(sequence, 1u);
 }
 
-TEST_P(PacketCipher, OpensWhatAnotherImplementationHasSealed) {
+TEST_P(PacketCipher, OpensPacketsOfAnotherImplementation) {
     unsigned int sequence = FIRST_SEQUENCE;
     for (std::size_t i = 0; i < 3; ++i) {
         Bytes const sealed = FromHex(GetParam().packets[i]);
@@ -112,7 +112,7 @@ TEST_P(PacketCipher, OpensWhatAnotherImplementationHasSealed) {
     }
 }
 
-TEST_P(PacketCipher, TakesBackPacketsOfEverySize) {
+TEST_P(PacketCipher, OpensPacketsOfEverySize) {
     unsigned int sequence = 0;
     for (std::size_t size = 0; size <= 300; ++size, ++sequence) {
         Bytes const plain = Packet(Aligned(size), size);
@@ -128,7 +128,7 @@ TEST_P(PacketCipher, TakesBackPacketsOfEverySize) {
     }
 }
 
-TEST_P(PacketCipher, LengthIsKnownFromTheFirstBytesAlone) {
+TEST_P(PacketCipher, LengthIsKnownFromTheFirstBytes) {
     for (unsigned int sequence = 0; sequence < 3; ++sequence) {
         Bytes const plain = Packet(Aligned(100), sequence);
         Bytes sealed = Seal(sequence, plain);
@@ -161,7 +161,7 @@ TEST_P(PacketCipher, PacketReplayedIsRefused) {
     EXPECT_EQ(Open(8, sealed), Bytes());
 }
 
-TEST_P(PacketCipher, PacketLeftOutIsNoticed) {
+TEST_P(PacketCipher, MissingPacketIsDetected) {
     Seal(7, Packet(Aligned(20), 1));
     EXPECT_EQ(Open(7, Seal(8, Packet(Aligned(20), 2))), Bytes());
 }
@@ -175,7 +175,7 @@ TEST_P(PacketCipher, PacketOfOtherKeysIsRefused) {
     EXPECT_EQ(Open(7, Seal(7, Packet(Aligned(20), 1))), Bytes());
 }
 
-TEST_P(PacketCipher, BytesAfterTheTagStayAsTheyAre) {
+TEST_P(PacketCipher, BytesAfterTheTagAreUnchanged) {
     Bytes packet = Packet(Aligned(20), 1);
     std::size_t const length = packet.size();
     packet.resize(length + _sealer->TagSize() + 8, 0xee);

@@ -11,7 +11,7 @@ using cindral::standard::Lines;
 using cindral::standard::Printable;
 using testing::PrintToString;
 
-TEST(PrintableText, TextStaysAsItIs) {
+TEST(PrintableText, OtherTextIsUnchanged) {
     for (char const* text : {"", "plain ~ text", "back\\slash",
                              "Gr\xc3\xbc\xc3\x9f"
                              "e",
@@ -61,7 +61,7 @@ TEST(PrintableText, InvalidUtf8BecomesVisible) {
     for (auto const& [text, shown] : cases) EXPECT_EQ(Printable(text), shown);
 }
 
-TEST(PrintableText, CharactersThatTurnTheDirectionOfWritingBecomeVisible) {
+TEST(PrintableText, CharactersThatChangeTheDirectionOfWritingBecomeVisible) {
     EXPECT_EQ(Printable("\xe2\x80\xae"
                         "cod.exe"),
               "\\xe2\\x80\\xaecod.exe");

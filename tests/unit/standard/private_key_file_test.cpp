@@ -85,7 +85,7 @@ TEST_P(IdentityFileForm, SignsForItsPublicHalf) {
         EXPECT_TRUE(Verify(algorithm, PublicBlob(), "data", standard::Sign(algorithm, _file.Key(), "data")));
 }
 
-TEST_P(IdentityFileForm, PublicHalfNeedsNoFileOfItsOwnWhereTheKeyShowsIt) {
+TEST_P(IdentityFileForm, PublicHalfNeedsNoSeparateFileIfTheKeyContainsIt) {
     Bytes const blob = PublicBlob();
     Run("rm id.pub");
     EXPECT_EQ(_file.Open(), 0);
@@ -137,7 +137,7 @@ TEST_F(IdentityFile, AbsentFileGivesErrno) {
     EXPECT_EQ(Load({}), -ENOENT);
 }
 
-TEST_F(IdentityFile, FileThatIsNoKeyIsBroken) {
+TEST_F(IdentityFile, FileWithoutAKeyIsBroken) {
     Write("id", "no key");
     EXPECT_EQ(_file.Open(), PrivateKey::BROKEN_FILE);
 }
@@ -165,7 +165,7 @@ TEST_F(IdentityFile, ShortRsaKeysAreRefused) {
     }
 }
 
-TEST_F(IdentityFile, PublicFileOfAnotherKeyIsNoticedOnLoading) {
+TEST_F(IdentityFile, PublicFileOfAnotherKeyIsDetectedOnLoading) {
     Keygen("id", "-t ecdsa -m PEM", PASSPHRASE);
     Keygen("other", "-t ecdsa");
     Run("mv other.pub id.pub");
@@ -175,7 +175,7 @@ TEST_F(IdentityFile, PublicFileOfAnotherKeyIsNoticedOnLoading) {
     EXPECT_FALSE(_file.IsLoaded());
 }
 
-TEST_F(IdentityFile, PublicFileDoesNotMatterWhereTheKeyIsNotEncrypted) {
+TEST_F(IdentityFile, PublicFileIsIgnoredIfTheKeyIsNotEncrypted) {
     Keygen("id", "-t ecdsa -m PEM");
     Bytes const blob = PublicBlob();
     Write("id.pub", "ssh-ed25519 AAAA nonsense\n");
@@ -183,7 +183,7 @@ TEST_F(IdentityFile, PublicFileDoesNotMatterWhereTheKeyIsNotEncrypted) {
     EXPECT_EQ(_file.KeyBlob(), blob);
 }
 
-TEST_F(IdentityFile, PublicFileThatIsNoneLeavesThePublicHalfUnknown) {
+TEST_F(IdentityFile, InvalidPublicFileLeavesThePublicHalfUnknown) {
     Keygen("id", "-t ecdsa -m PEM", PASSPHRASE);
     std::string const line = Read("id.pub");
     std::size_t const blob = line.find(' ') + 1;
@@ -213,7 +213,7 @@ TEST_F(IdentityFile, PublicFileMayLackCommentAndLineEnd) {
     }
 }
 
-TEST_F(IdentityFile, FailuresHaveWords) {
+TEST_F(IdentityFile, FailuresHaveAMessage) {
     EXPECT_EQ(PrivateKeyFile::Describe(PrivateKey::WRONG_PASSPHRASE), "wrong passphrase");
     EXPECT_EQ(PrivateKeyFile::Describe(PrivateKey::NO_PASSPHRASE),
               "encrypted, and no passphrase can be asked for");

@@ -79,7 +79,7 @@ protected:
     Bytes _signature;
 };
 
-TEST_P(SignatureScheme, SignatureIsTheKeysForTheData) {
+TEST_P(SignatureScheme, SignatureVerifiesWithTheKeyAndTheData) {
     EXPECT_TRUE(Verifies(_signature));
     Reader reader(_signature, "signature");
     EXPECT_EQ(reader.String(), View(GetParam().algorithm));
@@ -91,7 +91,7 @@ TEST_P(SignatureScheme, EmptyDataCanBeSigned) {
     EXPECT_FALSE(Verifies(signature));
 }
 
-TEST_P(SignatureScheme, OtherDataAreRefused) {
+TEST_P(SignatureScheme, SignatureOfOtherDataIsRefused) {
     EXPECT_FALSE(Verify(GetParam().algorithm, _blob, "what is signeD", _signature));
     EXPECT_FALSE(Verify(GetParam().algorithm, _blob, "", _signature));
 }
@@ -119,7 +119,7 @@ TEST_P(SignatureScheme, SignatureCutAnywhereIsRefused) {
         EXPECT_FALSE(Verifies(WithValue(View(value.data(), size)))) << size;
 }
 
-TEST_P(SignatureScheme, SignatureWithABytesMoreIsRefused) {
+TEST_P(SignatureScheme, SignatureWithAnExtraByteIsRefused) {
     Bytes longer = _signature;
     longer.push_back(0);
     EXPECT_FALSE(Verifies(longer));
@@ -147,7 +147,7 @@ TEST_P(SignatureScheme, AlgorithmOfAnotherTypeOfKeyIsRefused) {
     }
 }
 
-TEST_P(SignatureScheme, KeyBlobIsParsedAndMadeAgain) {
+TEST_P(SignatureScheme, KeyBlobSurvivesARoundTrip) {
     PkeyPtr const parsed = ParseKeyBlob(_blob);
     EXPECT_EQ(EVP_PKEY_eq(parsed.get(), _key), 1);
     EXPECT_EQ(MakeKeyBlob(parsed.get()), _blob);
@@ -159,7 +159,7 @@ TEST_P(SignatureScheme, KeyBlobCutAnywhereIsRefused) {
         EXPECT_THROW(ParseKeyBlob(View(_blob.data(), size)), SshProtocolError) << size;
 }
 
-TEST_P(SignatureScheme, KeyBlobWithABytesMoreIsRefused) {
+TEST_P(SignatureScheme, KeyBlobWithAnExtraByteIsRefused) {
     _blob.push_back(0);
     ExpectError<SshProtocolError>("key message has bytes after its last field", "",
                                   [&] { ParseKeyBlob(_blob); });
@@ -171,7 +171,7 @@ class SignatureSchemeOfOpenSSH : public KeyFiles, public testing::WithParamInter
 protected:
 };
 
-TEST_P(SignatureSchemeOfOpenSSH, TakesTheSignature) {
+TEST_P(SignatureSchemeOfOpenSSH, AcceptsTheSignature) {
     EVP_PKEY* const key = KeyOf(GetParam().keyType);
     Bytes const sshsig = Writer()
                              .Fixed("SSHSIG")
@@ -256,7 +256,7 @@ TEST(Ed25519, SignsAsInRfc8032) {
               "5fb8821590a33bacc61e39701cf9b46bd25bf5f0595bbe24655141438e7a100b");
 }
 
-TEST(RsaSignature, IsTakenWithoutItsLeadingZerosAndNotWithMore) {
+TEST(RsaSignature, IsAcceptedWithoutLeadingZerosButNotWithMore) {
     EVP_PKEY* const key = KeyOf("ssh-rsa");
     Bytes const blob = MakeKeyBlob(key);
     bool found = false;
@@ -308,7 +308,7 @@ TEST_F(EcdsaSignature, NumbersOutOfRangeAreRefused) {
     }
 }
 
-TEST_F(EcdsaSignature, NumberThatWantsItsSignByteIsRefused) {
+TEST_F(EcdsaSignature, NumberWithoutItsSignByteIsRefused) {
     bool found = false;
     for (int tries = 0; tries < 200 && !found; ++tries) {
         Bytes const signature = standard::Sign(ALGORITHM, KeyOf(ALGORITHM), DATA);
@@ -392,7 +392,7 @@ TEST_P(EcdsaBlob, PointOffTheCurveIsRefused) {
     ExpectRefused(_curve, zero);
 }
 
-TEST_P(EcdsaBlob, OnlyUncompressedPointsAreTaken) {
+TEST_P(EcdsaBlob, OnlyUncompressedPointsAreAccepted) {
     Bytes hybrid = _point;
     hybrid[0] = static_cast<unsigned char>(6 + (_point.back() & 1));
     ExpectRefused(_curve, hybrid);
@@ -403,7 +403,7 @@ TEST_P(EcdsaBlob, OnlyUncompressedPointsAreTaken) {
     ExpectRefused(_curve, View());
 }
 
-TEST_P(EcdsaBlob, CurveThatIsNotTheTypesIsRefused) {
+TEST_P(EcdsaBlob, CurveOfAnotherTypeIsRefused) {
     for (char const* curve : {"", "nistp", "nistp224", "nistp256", "nistp384", "nistp521"})
         if (curve != _curve) ExpectRefused(curve, _point);
 }
@@ -431,7 +431,7 @@ TEST_F(RsaBlob, ShortModulusIsRefusedWithItsSize) {
                                       [&] { ParseKeyBlob(Blob(E, Modulus(bits)).Get()); });
 }
 
-TEST_F(RsaBlob, ModulusOfTheSmallestAndLargestSizeIsTaken) {
+TEST_F(RsaBlob, ModulusOfTheSmallestAndLargestSizeIsAccepted) {
     for (unsigned int bits : {2048u, 4096u, 16384u})
         EXPECT_EQ(EVP_PKEY_get_bits(ParseKeyBlob(Blob(E, Modulus(bits)).Get()).get()),
                   static_cast<int>(bits));
@@ -447,7 +447,7 @@ TEST_F(RsaBlob, EvenModulusIsRefused) {
     ExpectMalformed(Blob(E, modulus), "ssh-rsa");
 }
 
-TEST_F(RsaBlob, ExponentThatIsNoneIsRefused) {
+TEST_F(RsaBlob, InvalidExponentIsRefused) {
     for (Bytes const& e : {Bytes(), Bytes{1}, Bytes{2}, Modulus(2048), Modulus(2056)})
         ExpectMalformed(Blob(e, Modulus(2048)), "ssh-rsa");
 }

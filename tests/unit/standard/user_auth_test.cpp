@@ -142,7 +142,7 @@ protected:
 
 // --- service and "none"
 
-TEST_F(UserAuthentication, ServerThatNeedsNothing) {
+TEST_F(UserAuthentication, ServerThatNeedsNoCredentials) {
     Key key;
     keys = {&key};
     login.password = "secret";
@@ -169,7 +169,7 @@ TEST_F(UserAuthentication, AnotherAnswerToTheServiceRequestIsAnError) {
     EXPECT_EQ(port->Sent(), std::vector<peer::Bytes>{ServiceRequest()});
 }
 
-TEST_F(UserAuthentication, NoMethodAtAll) {
+TEST_F(UserAuthentication, NoAcceptedMethodIsAFailure) {
     for (char const* methods : {"", "hostbased", "gssapi-with-mic,hostbased", "publickeys,xpassword", ","}) {
         login.password = "secret";
         EXPECT_EQ(Run({Failure(methods)}), -1) << methods;
@@ -181,7 +181,7 @@ TEST_F(UserAuthentication, NoMethodAtAll) {
     EXPECT_EQ(Error(), "login failed: the server accepts host\\x1b");
 }
 
-TEST_F(UserAuthentication, MessageOutOfPlaceIsAnError) {
+TEST_F(UserAuthentication, UnexpectedMessageIsAnError) {
     std::string const text = "message out of place in user authentication";
     ExpectError<SshProtocolError>(text, "60", [this] { Run({PkOk("x", {})}); });
     ExpectError<SshProtocolError>(text, "6", [this] { Run({Accept()}); });
@@ -220,7 +220,7 @@ TEST_F(UserAuthentication, KeyIsOfferedBeforeItSigns) {
     EXPECT_EQ(Error(), "");
 }
 
-TEST_F(UserAuthentication, NobodyIsAskedForAKeyThatTheServerRefuses) {
+TEST_F(UserAuthentication, NoPassphraseIsAskedForAKeyThatTheServerRefuses) {
     Key first, second;
     first.name = "FIRST";
     second.name = "SECOND";
@@ -231,7 +231,7 @@ TEST_F(UserAuthentication, NobodyIsAskedForAKeyThatTheServerRefuses) {
     EXPECT_THAT(first.signatures, IsEmpty());
 }
 
-TEST_F(UserAuthentication, KeyAtHandSignsAtOnce) {
+TEST_F(UserAuthentication, UnlockedKeySignsWithoutBeingOfferedFirst) {
     Key key;
     key.unlocked = true;
     keys = {&key};
@@ -239,7 +239,7 @@ TEST_F(UserAuthentication, KeyAtHandSignsAtOnce) {
     EXPECT_THAT(Sent(), ElementsAre(key.Signed()));
 }
 
-TEST_F(UserAuthentication, KeyOfWhichNothingIsKnownIsUnlockedFirst) {
+TEST_F(UserAuthentication, KeyWithAnUnknownPublicHalfIsUnlockedFirst) {
     Key key, broken;
     key.blobKnown = broken.blobKnown = broken.unlocks = false;
     broken.name = "BROKEN";
@@ -250,7 +250,7 @@ TEST_F(UserAuthentication, KeyOfWhichNothingIsKnownIsUnlockedFirst) {
     EXPECT_EQ(broken.unlocks_asked, 1);
 }
 
-TEST_F(UserAuthentication, RsaKeySignsBySha2AndNeverBySha1) {
+TEST_F(UserAuthentication, RsaKeySignsWithSha2AndNeverWithSha1) {
     Key key;
     key.type = "ssh-rsa";
     keys = {&key};
@@ -288,7 +288,7 @@ TEST_F(UserAuthentication, RsaAlgorithmsFollowTheServersList) {
               "login failed: the server accepts publickey; KEY: no signature of a ssh-rsa key is allowed");
 }
 
-TEST_F(UserAuthentication, ServersListCountsAsItIsAfterTheAnswerToNone) {
+TEST_F(UserAuthentication, ServersListIsReadAfterTheReplyToNone) {
     // EXT_INFO may come with the first answers (RFC 8308, section 2.4).
     class LatePort : public FakePort {
     public:
@@ -346,7 +346,7 @@ TEST_F(UserAuthentication, AlgorithmsAllowedSetTheOrderAndTheLimit) {
                                     rsa.Signed("rsa-sha2-512")));
 }
 
-TEST_F(UserAuthentication, KeyThatCannotSignGivesWayToTheNext) {
+TEST_F(UserAuthentication, KeyThatCannotSignIsFollowedByTheNext) {
     Key refused, locked, good;
     refused.name = "REFUSED";
     refused.signs = false;
@@ -380,7 +380,7 @@ TEST_F(UserAuthentication, PkOkForAnotherKeyIsAnError) {
     });
 }
 
-TEST_F(UserAuthentication, PkOkWithAnotherNameOfTheAlgorithmIsTaken) {
+TEST_F(UserAuthentication, PkOkWithAnotherAlgorithmNameIsAccepted) {
     Key key;
     key.type = "ssh-rsa";
     keys = {&key};
@@ -396,7 +396,7 @@ TEST_F(UserAuthentication, PkOkAfterASignatureIsAnError) {
                                   [&] { Run({Failure("publickey"), key.Ok()}); });
 }
 
-TEST_F(UserAuthentication, KeysAreLookedForOnceAndOnlyIfTheServerTakesThem) {
+TEST_F(UserAuthentication, KeysAreSearchedForOnceAndOnlyIfTheServerAcceptsThem) {
     Key key;
     keys = {&key};
     login.password = "secret";
@@ -408,7 +408,7 @@ TEST_F(UserAuthentication, KeysAreLookedForOnceAndOnlyIfTheServerTakesThem) {
     EXPECT_EQ(searches, 1);
 }
 
-TEST_F(UserAuthentication, WhatIsMissingIsReported) {
+TEST_F(UserAuthentication, ReasonsForMissingKeysAreReported) {
     missing = {"/home/me/key: No such file or directory"};
     EXPECT_EQ(Run({Failure("publickey,hostbased")}), -1);
     EXPECT_EQ(
@@ -418,7 +418,7 @@ TEST_F(UserAuthentication, WhatIsMissingIsReported) {
 
 // --- the server's limit of failures
 
-TEST_F(UserAuthentication, FiveRefusedKeysMakeWayForOtherMethods) {
+TEST_F(UserAuthentication, OtherMethodsFollowAfterFiveRefusedKeys) {
     Key many[8];
     for (Key& key : many) {
         key.name = "KEY" + std::to_string(&key - many);
@@ -448,7 +448,7 @@ TEST_F(UserAuthentication, BothAlgorithmsOfAnRsaKeyCountAgainstTheLimit) {
     EXPECT_EQ(Sent().at(5), PasswordRequest("secret"));
 }
 
-TEST_F(UserAuthentication, KeysThatAreLeftFollowWhenTheOtherMethodsAreUsedUp) {
+TEST_F(UserAuthentication, RemainingKeysFollowWhenTheOtherMethodsAreUsedUp) {
     Key many[6];
     for (Key& key : many) {
         key.name = "KEY" + std::to_string(&key - many);
@@ -463,7 +463,7 @@ TEST_F(UserAuthentication, KeysThatAreLeftFollowWhenTheOtherMethodsAreUsedUp) {
                 ElementsAre(PasswordRequest("secret"), many[5].Query(), many[5].Signed()));
 }
 
-TEST_F(UserAuthentication, AllKeysAreTriedWhereNoOtherMethodIsLeft) {
+TEST_F(UserAuthentication, AllKeysAreTriedIfNoOtherMethodIsLeft) {
     Key many[8];
     for (Key& key : many) keys.push_back(&key);
     EXPECT_EQ(Run(std::vector<peer::Bytes>(9, Failure("publickey,password"))), -1); // there is no password
@@ -635,7 +635,7 @@ TEST_F(UserAuthentication, MethodsAreTriedInTheClientsOrder) {
                            "; KEY: ssh-ed25519 refused; password: refused; keyboard-interactive: refused");
 }
 
-TEST_F(UserAuthentication, MethodThatTheServerNoLongerTakesIsLeftOut) {
+TEST_F(UserAuthentication, MethodThatTheServerNoLongerAcceptsIsSkipped) {
     Key first, second;
     keys = {&first, &second};
     login.password = "secret";
@@ -694,7 +694,7 @@ TEST_F(UserAuthentication, QuestionsMayFollowQuestionsThatWereAccepted) {
     EXPECT_EQ(questions.requests.size(), 2u);
 }
 
-TEST_F(UserAuthentication, PartialSuccessWithoutEndIsAnError) {
+TEST_F(UserAuthentication, EndlessPartialSuccessIsAnError) {
     std::vector<peer::Bytes> messages(100, Partial("keyboard-interactive"));
     ExpectError<SshProtocolError>("the server goes on asking for authentication after each success", "",
                                   [&] { Run(messages); });
@@ -703,7 +703,7 @@ TEST_F(UserAuthentication, PartialSuccessWithoutEndIsAnError) {
 
 // --- banner
 
-TEST_F(UserAuthentication, BannerIsPrintedFilteredWhereverItComes) {
+TEST_F(UserAuthentication, BannerIsPrintedFilteredWheneverItArrives) {
     Key key;
     keys = {&key};
     login.password = "secret";

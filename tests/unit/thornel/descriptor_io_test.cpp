@@ -154,7 +154,7 @@ TEST(DescriptorIO, EmptyWriteMakesNoCall) {
     EXPECT_EQ(counter.Transfers(), 0);
 }
 
-TEST_P(EitherDescriptor, InterruptedAndShortWritesOfTwoRangesGoOnToTheEnd) {
+TEST_P(EitherDescriptor, InterruptedAndShortWritesOfTwoRangesContinueToTheEnd) {
     for (unsigned int limit : {0u, 5u}) {
         for (std::size_t most : {1u, 7u, 9u, 50u}) {
             DescriptorPair pair = ForWriting();
@@ -173,7 +173,7 @@ TEST_P(EitherDescriptor, InterruptedAndShortWritesOfTwoRangesGoOnToTheEnd) {
     }
 }
 
-TEST_P(EitherDescriptor, WriteOfTwoRangesThatFailsSaysHowFarItCame) {
+TEST_P(EitherDescriptor, FailedWriteOfTwoRangesReturnsTheBytesWritten) {
     DescriptorPair pair = ForWriting();
     std::string const head(100, 'h');
     std::string const tail(4 << 20, 't');

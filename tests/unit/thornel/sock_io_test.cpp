@@ -31,7 +31,7 @@ TEST(SockIO, PollFdHasTheLayoutOfThePollRecord) {
     EXPECT_EQ(SockIO::PollFd().fd, -1);
 }
 
-TEST(SockIO, PollFdsCompareByDescriptorAlone) {
+TEST(SockIO, PollFdsCompareOnlyByDescriptor) {
     SockIO::PollFd low(3, POLLIN);
     SockIO::PollFd high(4, 0);
     EXPECT_LT(SockIO::PollFd::Compare::Cmp(low, high), 0);

@@ -156,7 +156,7 @@ TEST_F(KnownHostsStore, WrittenEntryIsReadBackUnderTheSameName) {
     EXPECT_EQ(Content(), written);
 }
 
-TEST_F(KnownHostsStore, FileIsCreatedForItsOwnerAlone) {
+TEST_F(KnownHostsStore, FileIsCreatedPrivateToItsOwner) {
     mode_t const before = umask(0);
     WithStore([&] { EXPECT_TRUE(Trusts("host", 22, _key)); });
     umask(before);
@@ -165,7 +165,7 @@ TEST_F(KnownHostsStore, FileIsCreatedForItsOwnerAlone) {
     EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
-TEST_F(KnownHostsStore, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
+TEST_F(KnownHostsStore, FileIsOpenedWithCloseOnExec) {
     SetContent("host ssh-rsa " + _key64 + "\n");
     WithStore([&] {
         WatchedFile const file(File());
@@ -177,7 +177,7 @@ TEST_F(KnownHostsStore, FileIsOpenToNoProgramThatIsStartedMeanwhile) {
     });
 }
 
-TEST_F(KnownHostsStore, FileThatIsThereKeepsItsMode) {
+TEST_F(KnownHostsStore, ExistingFileKeepsItsMode) {
     SetContent("");
     ASSERT_EQ(chmod(File().c_str(), 0640), 0);
     WithStore([&] { EXPECT_TRUE(Trusts("host", 22, _key)); });
@@ -285,7 +285,7 @@ TEST_F(KnownHostsStore, CommentLineDoesNoHarm) {
               [&] { EXPECT_TRUE(Refuses("host", 22, _other)); });
 }
 
-TEST_F(KnownHostsStore, HostIsNewWhereItsLineIsNotUnderstood) {
+TEST_F(KnownHostsStore, HostIsNewIfItsLineIsNotUnderstood) {
     std::string const key = "ssh-rsa " + _key64 + "\n";
     for (std::string const& line :
          {"|1|c2FsdA==|aGFzaA== " + key, "*.example " + key, "a.?xample " + key, "@revoked a.example " + key,
@@ -395,7 +395,7 @@ TEST_F(KnownHostsStore, NewHostIsAcceptedWhenTheFileCannotBeWritten) {
     EXPECT_FALSE(std::filesystem::exists(_directory / ".ssh"));
 }
 
-TEST_F(KnownHostsStore, NewHostIsAppendedToTheDefaultFileWhateverWasRead) {
+TEST_F(KnownHostsStore, NewHostIsAppendedToTheDefaultFileNotTheFileRead) {
     std::string const elsewhere = _directory / "elsewhere";
     std::string const line = "host ssh-rsa " + _key64 + "\n";
     std::ofstream(elsewhere) << line;
@@ -429,14 +429,14 @@ TEST_F(KnownHostsStore, FileLongerThanABlockIsReadWhole) {
     });
 }
 
-TEST_F(KnownHostsStore, StoreBuiltOnAStreamReadsItToItsEnd) {
+TEST_F(KnownHostsStore, StoreConstructedFromAStreamReadsItToItsEnd) {
     std::istringstream in("host ssh-rsa " + _key64 + "\nhost2 ssh-rsa " + _key64 + "\n");
     KnownHosts const hosts(in);
     EXPECT_TRUE(in.eof());
     EXPECT_FALSE(in.bad());
 }
 
-TEST_F(KnownHostsStore, StoreOfItsOwnIsNotThatOfTheProcess) {
+TEST_F(KnownHostsStore, SeparateStoreIsNotThatOfTheProcess) {
     std::string const elsewhere = _directory / "elsewhere";
     std::ofstream(elsewhere) << "host ssh-rsa " << _key64 << "\n";
     WithStore([&] {
