@@ -130,8 +130,8 @@ int SshSession::AcceptLocalFwdConnection(LocalForwarding* forwarding) {
     return WaitForOpenConfirmation(request._channelType, connection);
 }
 
-/// Handles packets until the reply is among them, or until all that have arrived are handled: the owner then
-/// closes the connection, and a later reply is ignored.
+/// Handles packets until the reply is among them, or until all that have arrived are handled. In the latter
+/// case the caller closes the connection, and the reply is ignored when it arrives.
 int SshSession::WaitForOpenConfirmation(String_t const& channelType, FileDescriptor& connection) {
     do {
         PacketDecoder decoder(_in.ReadPacket());

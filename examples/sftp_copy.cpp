@@ -1,12 +1,12 @@
 // Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories. On a terminal
 // a line shows how far each copy is.
 //
-// MGet of SftpClientSession does the same for a pattern in one call, but under any name in the local
-// directory that the server answers, as that of a link there. Here a name that the server chooses is checked
-// before anything is written under it, and no link is followed. In the reduced dialect Get gives a file the
-// mode that the server names as well, and copies may be incomplete (docs/dialect.md, Hazards): there the
-// blocks are copied one by one, a new file gets the permission bits alone, within the umask, and the sizes
-// are compared.
+// MGet of SftpClientSession does the same for a pattern in one call, but writes to any name in the local
+// directory that the server returns, even that of a symbolic link there. Here a name that the server chooses
+// is checked before anything is written under it, and no link is followed. In the reduced dialect Get also
+// gives a file the mode that the server sends, and copies may be incomplete (docs/dialect.md, Hazards): there
+// the blocks are copied one by one, a new file gets only the permission bits, subject to the umask, and the
+// sizes are compared.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -71,8 +71,8 @@ int ForEach(TOList<String_t> const& names, Step const& step) {
     return outcome;
 }
 
-/// In the reduced dialect a copy can succeed and yet be incomplete: a server may send less than the file has,
-/// and a block that it refuses before the last one is left out. The sizes show it.
+/// In the reduced dialect a copy can succeed and yet be incomplete: a server may send less than the whole
+/// file, and any block but the last that it refuses is omitted. The sizes show this.
 int CompareSizes(CopySession& session, String_t const& remote, String_t const& local) {
     if (!session.isReduced) return DONE;
     SftpStatus status;
@@ -94,7 +94,7 @@ Pathname PlaceIn(String_t const& dir, Pathname const& file) { return Under(dir, 
 
 // --- from the server
 
-/// Whether a name that the server chose is that of a file in a directory, and fit to be shown.
+/// Whether a name that the server chose is that of a file in a directory, and safe to print.
 bool IsPlainName(String_t const& name) {
     std::string_view const text = str_text(name.Text());
     return text != "" && text != "." && text != ".." && text.find('/') == text.npos &&
@@ -115,7 +115,7 @@ int Write(int fd, char const* bytes, int count) {
     return 0;
 }
 
-/// As GetFile, in the reduced dialect.
+/// Like GetFile, in the reduced dialect.
 int GetBlocks(CopySession& session, String_t const& remote, Pathname const& local, int flags) {
     SftpStatus status;
     SftpClient& client = session.Client();
@@ -156,12 +156,12 @@ int GetFile(CopySession& session, String_t const& remote, Pathname const& local,
     return Failed(status._code == SftpStatus::FX_OK ? local : remote, result, status);
 }
 
-/// Copies to a name that the user gave, which may be that of a link.
+/// Copies to a name that the user gave, which may be a symbolic link.
 int GetNamed(CopySession& session, String_t const& remote, String_t const& dir) {
     return GetFile(session, remote, PlaceIn(dir, remote), 0);
 }
 
-/// Copies to a name that the server chose. No link there can lead the copy elsewhere.
+/// Copies to a name that the server chose. A symbolic link of that name is not followed.
 int GetChosen(CopySession& session, String_t const& remote, Pathname const& local) {
     return GetFile(session, remote, local, O_NOFOLLOW);
 }
@@ -185,7 +185,7 @@ int GetMatching(CopySession& session, String_t const& given, String_t const& dir
     });
 }
 
-/// Makes a directory unless there is one. A link to one is refused, as it leads elsewhere.
+/// Creates a directory unless it exists. A symbolic link to one is refused, as it leads elsewhere.
 bool MakeDirectory(Pathname const& dir) {
     struct stat64 file;
     if (mkdir(dir.Text(), 0777) == 0) return true;
@@ -194,7 +194,7 @@ bool MakeDirectory(Pathname const& dir) {
     return S_ISDIR(file.st_mode);
 }
 
-/// Copies the contents of a remote directory into a local one, which is made.
+/// Copies the contents of a remote directory into a local one, which is created.
 int GetDirectory(CopySession& session, Pathname const& remote, Pathname const& local) {
     if (!MakeDirectory(local)) return FailedHere(local);
     SftpStatus status;
@@ -218,8 +218,8 @@ int GetDirectory(CopySession& session, Pathname const& remote, Pathname const& l
     return outcome;
 }
 
-/// Where a remote directory goes: under its last component, as the user gave it. What "." and ".." are called
-/// is up to the server, so their contents go into the local directory itself.
+/// The local directory for a remote one: its last component, as the user gave it. What "." and ".." are
+/// called is up to the server, so their contents go into the local directory itself.
 Pathname PlaceOfTree(String_t const& dir, Pathname const& remote) {
     String_t const leaf = remote.Leaf(nullptr);
     return leaf == "" || leaf == "." || leaf == ".." ? Pathname(dir) : Under(dir, leaf);
@@ -242,8 +242,8 @@ int Get(CopySession& session, bool recursive, String_t const& remote, String_t c
 
 // --- to the server
 
-/// Copies a list of files into a remote directory, up to the first that can't be copied. `what` stands for
-/// all of them in a report.
+/// Copies a list of files into a remote directory, up to the first that can't be copied. `what` names them
+/// all in a report.
 int PutFiles(CopySession& session, String_t const& what, TOList<String_t> const& names, String_t const& dir) {
     SftpStatus status;
     int const count = session.Put(status, names, dir);
@@ -265,7 +265,7 @@ int PutMatching(CopySession& session, String_t const& pattern, String_t const& d
                    [&](String_t const& name) { return CompareSizes(session, PlaceIn(dir, name), name); });
 }
 
-/// Makes a remote directory unless there is one.
+/// Creates a remote directory unless it exists.
 int MakeRemoteDirectory(CopySession& session, Pathname const& dir) {
     SftpStatus refusal;
     int const made = session.Mkdir(refusal, dir, 0777);
@@ -276,7 +276,7 @@ int MakeRemoteDirectory(CopySession& session, Pathname const& dir) {
     return isThere ? DONE : Failed(dir, made, refusal);
 }
 
-/// Copies the contents of a local directory into a remote one, which is made.
+/// Copies the contents of a local directory into a remote one, which is created.
 int PutDirectory(CopySession& session, Pathname const& local, Pathname const& remote) {
     if (int const status = MakeRemoteDirectory(session, remote); status != DONE) return status;
     TOList<String_t> files;

@@ -99,7 +99,7 @@ int SshSession::Kex(DhExchange& exchange, PacketKexInit& own, PacketKexInit& pee
     _out.WritePacket(init);
     PacketDecoder decoder(_in.ReadPacket());
     PacketKexDhReply const reply(decoder);
-    return KexConclude(exchange, reply, own, peer, [&](auto const&... inputs) {
+    return KexHandleReply(exchange, reply, own, peer, [&](auto const&... inputs) {
         return exchange.Hash(_clientVersion, _serverVersion, inputs...);
     });
 }
@@ -117,17 +117,17 @@ int SshSession::KexGex(PacketKexInit& own, PacketKexInit& peer) {
     _out.WritePacket(init);
     PacketDecoder decoder(_in.ReadPacket());
     PacketDhGexReply const reply(decoder);
-    return KexConclude(exchange, reply, own, peer,
-                       [&](ByteString const& ownInit, ByteString const& peerInit, ByteString const& hostKey,
-                           BigNum const& f, BigNum const& secret) {
-                           return exchange.Hash(_clientVersion, _serverVersion, ownInit, peerInit, hostKey,
-                                                request._parameters, f, secret);
-                       });
+    return KexHandleReply(exchange, reply, own, peer,
+                          [&](ByteString const& clientKexInit, ByteString const& serverKexInit,
+                              ByteString const& hostKey, BigNum const& f, BigNum const& secret) {
+                              return exchange.Hash(_clientVersion, _serverVersion, clientKexInit,
+                                                   serverKexInit, hostKey, request._parameters, f, secret);
+                          });
 }
 
 template <class Reply, class Hash>
-int SshSession::KexConclude(DhExchange& exchange, Reply const& reply, PacketKexInit& own, PacketKexInit& peer,
-                            Hash const& hash) {
+int SshSession::KexHandleReply(DhExchange& exchange, Reply const& reply, PacketKexInit& own,
+                               PacketKexInit& peer, Hash const& hash) {
     // Deliberate: a new host key is written to known_hosts before its signature is verified. Pinned by
     // HostKey.IsLearntBeforeItsSignatureIsChecked.
     if (!CheckServerHostKey(reply._hostKey)) return -1;
@@ -149,10 +149,10 @@ int SshSession::CheckServerHostKey(PublicKey const& key) const {
 
 void SshSession::KexFinish(ByteString const& hash, BigNum const& secret) {
     _sessionId = hash;
-    PacketNewKeys own;
-    _out.WritePacket(own);
+    PacketNewKeys sent;
+    _out.WritePacket(sent);
     PacketDecoder decoder(_in.ReadPacket());
-    PacketNewKeys const peer(decoder);
+    PacketNewKeys const received(decoder);
     DeriveKeys(DIGEST_SHA1, hash, secret);
 }
 
@@ -166,7 +166,7 @@ ByteString SshSession::DeriveKey(DigestType type, unsigned char letter, ByteStri
     first._rep->Finish();
     ByteString key = first._rep->_value;
     while (key.Length() < _keyNeed) {
-        // Unlike RFC 4253, section 7.2, the hash and the key so far are hashed with their length fields.
+        // Unlike in RFC 4253, section 7.2, the hash and the key so far are hashed with their length fields.
         Digest extension(type);
         extension.Update(secret._bn);
         extension.Update(hash);

@@ -37,7 +37,7 @@ bool SshSession::HasKeys() const {
 
 /// Returns the result of a request from the message number of the reply: 0 for success, which is recorded, -1
 /// for failure, 1 for a reply that is neither.
-int SshSession::TakeVerdict(int number) {
+int SshSession::HandleAuthReply(int number) {
     if (number == Packet::SSH_MSG_USERAUTH_FAILURE) return -1;
     if (number != Packet::SSH_MSG_USERAUTH_SUCCESS) return 1;
     _authenticated = 1;
@@ -53,7 +53,7 @@ int SshSession::Authenticate(String_t const& identity, String_t const& user, Str
     _out.WritePacket(request);
     ByteString const reply = AuthReadPacket();
     int const number = MessageNumber(reply);
-    int const verdict = TakeVerdict(number);
+    int const verdict = HandleAuthReply(number);
     if (verdict == 0) return 0;
     if (verdict > 0)
         throw SshProtocolError("expected either USERAUTH_FAILURE or USERAUTH_SUCCESS packet", number);
@@ -115,7 +115,7 @@ int SshSession::AuthKey(String_t const& identity, String_t const& user, String_t
         return result;
     PacketUserAuthPubkeyRequest request(user, SERVICE, algorithm, key, &signature);
     _out.WritePacket(request);
-    int const verdict = TakeVerdict(MessageNumber(AuthReadPacket()));
+    int const verdict = HandleAuthReply(MessageNumber(AuthReadPacket()));
     if (verdict > 0) throw SshProtocolError("expected either USERAUTH_SUCCESS or USERAUTH_FAILURE packet");
     return verdict;
 }
@@ -147,7 +147,7 @@ int SshSession::AuthPasswd(String_t const& user, String_t password, EnterPasswor
         _out.WritePacket(request);
         int const number = MessageNumber(AuthReadPacket());
         if (number == Packet::SSH_MSG_USERAUTH_PASSWD_CHANGEREQ) return -1;
-        int const verdict = TakeVerdict(number);
+        int const verdict = HandleAuthReply(number);
         if (verdict == 0) return 0;
         if (verdict > 0)
             throw SshProtocolError(
@@ -168,7 +168,7 @@ int SshSession::AuthInteractive(String_t const& user, String_t const& submethods
     for (;;) {
         ByteString const reply = AuthReadPacket();
         int const number = MessageNumber(reply);
-        int const verdict = TakeVerdict(number);
+        int const verdict = HandleAuthReply(number);
         if (verdict <= 0) return verdict;
         if (number != Packet::SSH_MSG_USERAUTH_INFO_REQUEST)
             throw SshProtocolError("unexpected ssh response",

@@ -1,4 +1,4 @@
-// The loop's side of a session: dispatchers, and the handlers of messages (RFC 4254).
+// The part of a session that runs in the loop: dispatchers and message handlers (RFC 4254).
 
 #include <unistd.h>
 
@@ -19,8 +19,8 @@ namespace cindral {
 
 namespace {
 
-/// Whether a CHANNEL_OPEN is one for a session, in the format of RFC 4254, section 6.1: type, number, window
-/// and packet size, without the address that PacketOpenTcpChannel reads.
+/// Whether a CHANNEL_OPEN is for a session, in the format of RFC 4254, section 6.1: channel type, sender
+/// channel, window and maximum packet size, without the address that PacketOpenTcpChannel reads.
 bool IsSessionOpen(ByteString const& packet) {
     PacketDecoder decoder(packet);
     unsigned int const padding = decoder.ReadByte();
@@ -132,8 +132,8 @@ int SshSession::Dispatch(int fd) {
     return HandlePackets([this] { return _in.HasBufferedInput(); });
 }
 
-/// Handles packets that were read together with the reply: no poll(2) will report those. It will report the
-/// rest of a partly received one.
+/// Handles packets that were read together with the reply: poll(2) will not report those. It will report the
+/// rest of a partly received packet.
 void SshSession::DispatchBufferedPackets() {
     auto const isWhole = [this] { return _in.HasBufferedPacket(); };
     if (_task.IsStopped() || !isWhole())
@@ -163,8 +163,8 @@ int SshSession::HandlePackets(HasMore const& hasMore) {
 
 void SshSession::ReportIgnored(int number) {
     std::cerr << "ignore packet ";
-    // Deliberate: a number without a name, such as 7, leaves std::cerr failed for the rest of the process.
-    // Pinned by Dispatch.NumberWithoutANameFailsTheErrorStream.
+    // Deliberate: a number without a name, such as 7, leaves std::cerr in a failed state until the process
+    // ends. Pinned by Dispatch.NumberWithoutANameFailsTheErrorStream.
     if (char const* name = Packet::MsgName(static_cast<unsigned int>(number)))
         std::cerr << name;
     else

@@ -8,9 +8,9 @@ namespace {
 
 Pathname Resolve(Pathname path, Pathname const& dir) { return path.Insert(dir.Text()).Collapse(); }
 
-void Replace(SftpFileAttr& attrs, unsigned int SftpFileAttr::* id, unsigned int value) {
+void Replace(SftpFileAttr& attrs, unsigned int SftpFileAttr::* field, unsigned int value) {
     attrs._flags |= SftpFileAttr::UIDGID;
-    attrs.*id = value;
+    attrs.*field = value;
 }
 
 } // namespace
@@ -128,18 +128,19 @@ int SftpClientSession::Chgrp(SftpStatus& status, String_t const& path, unsigned 
     return ChangeOwner(status, path, &SftpFileAttr::_gid, gid);
 }
 
-int SftpClientSession::ChangeOwner(SftpStatus& status, String_t const& path, Id id, unsigned int value) {
+int SftpClientSession::ChangeOwner(SftpStatus& status, String_t const& path, OwnerField field,
+                                   unsigned int value) {
     if (!IsWildcardPath(path)) {
         Pathname const name = RemotePathname(path);
         SftpFileAttr attrs;
         if (int const result = _client.Stat(status, name, attrs); result < 0) return result;
-        Replace(attrs, id, value);
+        Replace(attrs, field, value);
         return _client.SetStat(status, name, attrs);
     }
     return ForEachMatch(status, path, [&](String_t const& name, int& result) {
         SftpFileAttr attrs;
         int const found = _client.Stat(status, name, attrs);
-        Replace(attrs, id, value);
+        Replace(attrs, field, value);
         int const set = _client.SetStat(status, name, attrs);
         // The result for this name replaces an earlier failure, even if it is a success.
         if (result < 0) result = found;
@@ -160,11 +161,11 @@ int SftpClientSession::Fchgrp(SftpStatus& status, SftpFileHandle const& handle, 
     return ChangeOwner(status, handle, &SftpFileAttr::_gid, gid);
 }
 
-int SftpClientSession::ChangeOwner(SftpStatus& status, SftpFileHandle const& handle, Id id,
+int SftpClientSession::ChangeOwner(SftpStatus& status, SftpFileHandle const& handle, OwnerField field,
                                    unsigned int value) {
     SftpFileAttr attrs;
     if (int const result = _client.Fstat(status, handle, attrs); result < 0) return result;
-    Replace(attrs, id, value);
+    Replace(attrs, field, value);
     return _client.SetFstat(status, handle, attrs);
 }
 

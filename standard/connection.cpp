@@ -26,10 +26,10 @@ View Fields(View message) { return View(message.begin() + 1, message.size() - 1)
 Connection::Connection(Offer const& offer, HostKeyCheck& hostKeys, RekeyLimit const& limit)
     : _limit(limit), _exchange(_transport, offer, hostKeys) {}
 
-int Connection::Identify(int fd, Deadline const& deadline, std::string const& own, std::string& server,
+int Connection::Identify(int fd, Deadline const& deadline, std::string const& client, std::string& server,
                          std::string& reason) {
     _transport.Attach(fd);
-    if (int const failure = _transport.SendLine(own + "\r\n", deadline)) return failure;
+    if (int const failure = _transport.SendLine(client + "\r\n", deadline)) return failure;
     for (unsigned int lines = 0; lines < MAX_LINES;) {
         if (!_transport.NextLine(server, MAX_LINE)) {
             if (!_transport.WaitForInput(deadline)) {
@@ -43,7 +43,7 @@ int Connection::Identify(int fd, Deadline const& deadline, std::string const& ow
         if (!StartsWith(server, "SSH-")) continue;
         if (!server.empty() && server.back() == '\r') server.pop_back();
         if (StartsWith(server, "SSH-2.0-") || StartsWith(server, "SSH-1.99-")) {
-            _exchange.SetIdentification(own, server);
+            _exchange.SetIdentification(client, server);
             return 0;
         }
         reason = "the server speaks another protocol version: " + Printable(View(server));

@@ -28,9 +28,9 @@ public:
     Connection(Offer const& offer, HostKeyCheck& hostKeys, RekeyLimit const& limit);
 
     /// Takes the connected socket, which stays the caller's, and exchanges identification lines before the
-    /// deadline (RFC 4253, section 4.2): lines before the server's are skipped. `own` is the client's line
+    /// deadline (RFC 4253, section 4.2): lines before the server's are skipped. `client` is the client's line
     /// without its line end. Returns 0 or a negated errno value, with the reason in `reason`.
-    int Identify(int fd, Deadline const& deadline, std::string const& own, std::string& server,
+    int Identify(int fd, Deadline const& deadline, std::string const& client, std::string& server,
                  std::string& reason);
     /// Runs the first key exchange. May also throw Declined.
     void ExchangeKeys();

@@ -93,10 +93,10 @@ PkeyPtr GenerateInGroup(char const* type, char const* group) {
 
 /// The raw shared secret. `peer` has the encoding and the size of this side's public value. Throws
 /// SshProtocolError that names `message` if it is not a valid public value.
-SecretBytes Derive(EVP_PKEY* own, View peer, char const* message) {
+SecretBytes Derive(EVP_PKEY* privateKey, View peer, char const* message) {
     PkeyPtr const key(EVP_PKEY_new());
-    PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_pkey(nullptr, own, nullptr));
-    if (!key || !context || EVP_PKEY_copy_parameters(key.get(), own) != 1 ||
+    PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_pkey(nullptr, privateKey, nullptr));
+    if (!key || !context || EVP_PKEY_copy_parameters(key.get(), privateKey) != 1 ||
         EVP_PKEY_derive_init(context.get()) != 1)
         throw OpenSSLError("EVP_PKEY_derive_init");
     // This checks that a point is on its curve. The full check of the peer's key would find nothing else, as

@@ -73,11 +73,11 @@ bool MatchesHash(HostName const& host, std::string_view hashed) {
     if (salt.size() != SHA_DIGEST_LENGTH || hash.size() != SHA_DIGEST_LENGTH) return false;
     for (View const name : {View(host.name), View(host.alias)}) {
         if (name.empty()) continue;
-        unsigned char own[EVP_MAX_MD_SIZE];
+        unsigned char computed[EVP_MAX_MD_SIZE];
         unsigned int size = 0;
-        if (!HMAC(EVP_sha1(), salt.data(), SHA_DIGEST_LENGTH, name.data(), name.size(), own, &size))
+        if (!HMAC(EVP_sha1(), salt.data(), SHA_DIGEST_LENGTH, name.data(), name.size(), computed, &size))
             throw OpenSSLError("HMAC");
-        if (View(own, size) == View(hash)) return true;
+        if (View(computed, size) == View(hash)) return true;
     }
     return false;
 }

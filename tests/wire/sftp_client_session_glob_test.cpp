@@ -48,7 +48,7 @@ private:
     std::string WithNames(Dialogue const& dialogue, Call const& call) {
         std::string outcome = Run(dialogue, call);
         for (std::string const& name : Texts(names)) outcome += " " + name;
-        EXPECT_EQ(Told(status), "77 before xx");
+        EXPECT_EQ(StatusText(status), "77 before xx");
         return outcome;
     }
 };
@@ -232,7 +232,7 @@ TEST_F(SftpGlob, OtherReplyIsAViolation) {
             return session.Glob(status, names, "/a/*/x*");
         },
         [&](std::size_t i) { return ClosingAfter(dialogue, i); });
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpGlob, TruncatedListingIsAViolation) {

@@ -56,7 +56,7 @@ TEST_F(SftpListDir, SequenceForADirectoryIsExact) {
                        {Close("handle"), Done()}},
                       "d"),
               "3 a b c");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpListDir, SequenceForAPlainFileIsExact) {
@@ -76,7 +76,7 @@ TEST_F(SftpListDir, SequenceForAPlainFileIsExact) {
     EXPECT_EQ(entry._status.st_gid, 6u);
     EXPECT_EQ(entry._status.st_mode, 0100640u);
     EXPECT_EQ(entry._status.st_mtime, 1002);
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpListDir, EntriesHaveTheServersNamesAndAttributes) {
@@ -103,7 +103,7 @@ TEST_F(SftpListDir, EmptyDirectoryHasNoEntries) {
     EXPECT_EQ(ListDir(Listing("/d", {".", ".."}), "/d", 1), "0");
     EXPECT_EQ(ListDir({{OpenDir("/d"), Opened("h")}, {ReadDir("h"), Names({})}, {Close("h"), Done()}}, "/d"),
               "0");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpListDir, RepeatedNameIsCountedTwice) {
@@ -138,7 +138,7 @@ TEST_F(SftpListDir, FailureDuringTheListingEndsItSilently) {
     EXPECT_EQ(
         ListFresh({{OpenDir("/d"), Opened("h")}, {ReadDir("h"), Status(3)}, {Close("h"), Done()}}, "/d"),
         "0");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpListDir, NamesOfTheServerAreNotChecked) {
@@ -178,7 +178,7 @@ TEST_F(SftpListDir, PatternListsFullNamesIncludingHidden) {
         ListDir(Matching("*.c", {"b.c", ".c", "a.h", "a.c"}) + Dialogue{Look("b.c"), Look(".c"), Look("a.c")},
                 "*.c"),
         "3 /home/u/.c /home/u/a.c /home/u/b.c");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpListDir, VanishedMatchIsOmittedButCounted) {
@@ -186,7 +186,7 @@ TEST_F(SftpListDir, VanishedMatchIsOmittedButCounted) {
         ListDir(Matching("?", {"a", "b", "c"}) + Dialogue{Look("a"), Look("b", Status(2, "gone")), Look("c")},
                 "?"),
         "3 /home/u/a /home/u/c");
-    EXPECT_EQ(Told(status), "2 gone en");
+    EXPECT_EQ(StatusText(status), "2 gone en");
 }
 
 TEST_F(SftpListDir, MatchWithoutAttributesIsListedOnSuccess) {
@@ -209,7 +209,7 @@ TEST_F(SftpListDir, MissingNameHasNoEntries) {
     EXPECT_EQ(
         ListDir(NoDirectory("/no/x") + NoDirectory("/no/x") + NoDirectory("/no") + NoDirectory("/"), "/no/x"),
         "0");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpListDir, DirectoryThatOpensOnTheSecondTryIsListedItself) {

@@ -198,9 +198,9 @@ TEST_P(SftpStatusResult, CodeIsReturnedNegatedAndStored) {
     for (std::size_t n = 1; n <= dialogue.size(); ++n) {
         Dialogue const begun(dialogue.begin(), dialogue.begin() + static_cast<std::ptrdiff_t>(n));
         EXPECT_EQ(RunTo(begun, Status(2, "no such file", "en")), "-2");
-        EXPECT_EQ(Told(status), "2 no such file en");
+        EXPECT_EQ(StatusText(status), "2 no such file en");
         EXPECT_EQ(RunTo(begun, Status(1, "", "")), "-1");
-        EXPECT_EQ(Told(status), "1  ");
+        EXPECT_EQ(StatusText(status), "1  ");
         EXPECT_EQ(RunTo(begun, Status(0x7fffffff)), "-2147483647");
         EXPECT_EQ(RunTo(begun, Status(0x80000000)), "-2147483648");
     }
@@ -213,7 +213,7 @@ TEST_P(SftpStatusResult, NegativeCodeIsAPositiveResult) {
 
 TEST_P(SftpStatusResult, SuccessStatusIsStored) {
     EXPECT_EQ(RunTo(WholeDialogue(), Status(0, "fine", "de")), "0");
-    EXPECT_EQ(Told(status), "0 fine de");
+    EXPECT_EQ(StatusText(status), "0 fine de");
 }
 
 TEST_P(SftpStatusResult, OtherReplyIsAViolation) {
@@ -253,7 +253,7 @@ TEST_F(SftpAttributes, AreReturnedToTheCaller) {
                   }),
               "0");
     EXPECT_EQ(attrs._flags, 0u);
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpAttributes, RefusedStatKeepsThem) {
@@ -337,13 +337,13 @@ TEST_F(SftpAttributes, EmptyHandleIsStillSent) {
 TEST_F(SftpReadlink, TargetIsTheServersName) {
     EXPECT_EQ(ReadlinkWith(Names({"../x"})), "0 ../x");
     EXPECT_EQ(ReadlinkWith(Names({"/etc/x\n\x1b[2J"})), "0 /etc/x\n\x1b[2J");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpReadlink, AnythingButOneNameIsABadMessage) {
     EXPECT_EQ(ReadlinkWith(Names({})), "-5 before");
     EXPECT_EQ(ReadlinkWith(Names({"a", "b"})), "-5 before");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpReadlink, RefusalKeepsTheTarget) { EXPECT_EQ(ReadlinkWith(Status(2)), "-2 before"); }

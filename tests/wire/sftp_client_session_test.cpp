@@ -285,7 +285,7 @@ TEST_F(SftpSessionDirectories, CdOfARelativeNameAdoptsTheServersAnswer) {
                       EXPECT_EQ(Text(session.RemoteDir()), "/real/sub");
                       EXPECT_EQ(session.Cd(status, "../deeper"), 0);
                       EXPECT_EQ(Text(session._remoteHome), "/home/u");
-                      EXPECT_EQ(Told(status), "77 before xx");
+                      EXPECT_EQ(StatusText(status), "77 before xx");
                       return session.Rmdir(status, "x");
                   }),
               "0");
@@ -310,7 +310,7 @@ TEST_F(SftpSessionDirectories, CdOfAnEmptyNameReturnsHome) {
                       EXPECT_EQ(session.Cd(status, ""), 0);
                       EXPECT_EQ(Text(session.RemoteDir()), "/home/u");
                       EXPECT_EQ(session.Cd(status, String_t()), 0);
-                      EXPECT_EQ(Told(status), "77 before xx");
+                      EXPECT_EQ(StatusText(status), "77 before xx");
                       return 0;
                   }),
               "0");
@@ -324,13 +324,13 @@ TEST_F(SftpSessionDirectories, FailedCdChangesNothing) {
                   [&](SftpProgram& session) {
                       EXPECT_EQ(session.Cd(status, "a"), -5);
                       EXPECT_EQ(session.Cd(status, "a"), -5);
-                      EXPECT_EQ(Told(status), "77 before xx");
+                      EXPECT_EQ(StatusText(status), "77 before xx");
                       int const result = session.Cd(status, "a");
                       EXPECT_EQ(Text(session.RemoteDir()), "/home/u");
                       return result;
                   }),
               "-2");
-    EXPECT_EQ(Told(status), "2 no such file en");
+    EXPECT_EQ(StatusText(status), "2 no such file en");
 }
 
 TEST_F(SftpSessionDirectories, CdAdoptsAnyNameOfTheServer) {

@@ -61,7 +61,7 @@ protected:
 
 TEST_F(SftpTransferFailures, EmptyHandleIsAFailure) {
     EXPECT_EQ(Get({{Open("/f", READING), Opened("")}, {Close(""), Done()}}), "-1");
-    EXPECT_EQ(Told(status), "0  ");
+    EXPECT_EQ(StatusText(status), "0  ");
 }
 
 TEST_F(SftpTransferFailures, SuccessStatusForOpenIsAFailure) {
@@ -72,7 +72,7 @@ TEST_F(SftpTransferFailures, RefusedFstatEndsAReceive) {
     EXPECT_EQ(
         Get({{Open("/f", READING), Opened("h")}, {Fstat("h"), Status(4, "broken")}, {Close("h"), Done()}}),
         "-4");
-    EXPECT_EQ(Told(status), "4 broken en");
+    EXPECT_EQ(StatusText(status), "4 broken en");
     EXPECT_EQ(local.Stored("copy"), "");
 }
 
@@ -100,7 +100,7 @@ TEST_F(SftpTransferFailures, RefusedReadEndsAReceive) {
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), FileData("text")},
                            {Read("h", 4, READ_SIZE), Status(4, "broken")}})),
               "-1");
-    EXPECT_EQ(Told(status), "4 broken en");
+    EXPECT_EQ(StatusText(status), "4 broken en");
     EXPECT_EQ(local.Stored("copy"), "text");
 }
 
@@ -118,7 +118,7 @@ TEST_F(SftpTransferFailures, EmptyDataIsTheEnd) {
 TEST_F(SftpTransferFailures, EmptyDataKeepsTheCallersOldCode) {
     status = Marked();
     EXPECT_EQ(Get(Fetched({{Read("h", 0, READ_SIZE), FileData("")}})), "-1");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpTransferFailures, MoreDataThanRequestedEndsAReceive) {
@@ -153,7 +153,7 @@ TEST_F(SftpTransferFailures, ReplyToTheCloseOfAReceiveIsIgnored) {
                    End(0),
                    {Close("h"), Status(4, "broken")}}),
               "0");
-    EXPECT_EQ(Told(status), "0 end en");
+    EXPECT_EQ(StatusText(status), "0 end en");
 }
 
 // --- what a server answers to a send
@@ -164,7 +164,7 @@ TEST_F(SftpTransferFailures, RefusedSetFstatEndsASend) {
                    {SetFstat("h", Mode(0100644)), Status(3, "denied")},
                    {Close("h"), Done()}}),
               "-3");
-    EXPECT_EQ(Told(status), "3 denied en");
+    EXPECT_EQ(StatusText(status), "3 denied en");
 }
 
 TEST_F(SftpTransferFailures, NegativeCodeOfSetFstatIsNotAFailure) {
@@ -191,7 +191,7 @@ TEST_F(SftpTransferFailures, RefusedBlockIsSkippedAndTheNextIsWrittenAtItsOffset
                           {Write("h", 0, text.substr(WRITE_SIZE, WRITE_SIZE)), Done()},
                           {Write("h", WRITE_SIZE, text.substr(2 * WRITE_SIZE)), Done()}})),
               "0");
-    EXPECT_EQ(Told(status), "0 done en");
+    EXPECT_EQ(StatusText(status), "0 done en");
 }
 
 TEST_F(SftpTransferFailures, RefusalOfTheLastBlockIsReturned) {
@@ -200,7 +200,7 @@ TEST_F(SftpTransferFailures, RefusalOfTheLastBlockIsReturned) {
     EXPECT_EQ(Put(Stored({{Write("h", 0, text.substr(0, WRITE_SIZE)), Done()},
                           {Write("h", WRITE_SIZE, text.substr(WRITE_SIZE)), Status(4, "full")}})),
               "-1");
-    EXPECT_EQ(Told(status), "4 full en");
+    EXPECT_EQ(StatusText(status), "4 full en");
 }
 
 TEST_F(SftpTransferFailures, RefusalOfEveryBlockKeepsTheOffsetAtZero) {
@@ -209,7 +209,7 @@ TEST_F(SftpTransferFailures, RefusalOfEveryBlockKeepsTheOffsetAtZero) {
     EXPECT_EQ(Put(Stored({{Write("h", 0, text.substr(0, WRITE_SIZE)), Status(3, "denied")},
                           {Write("h", 0, text.substr(WRITE_SIZE)), Status(4, "full")}})),
               "-1");
-    EXPECT_EQ(Told(status), "4 full en");
+    EXPECT_EQ(StatusText(status), "4 full en");
 }
 
 TEST_F(SftpTransferFailures, NegativeCodeOfWriteCountsAsBytes) {
@@ -242,7 +242,7 @@ TEST_F(SftpTransferFailures, ReplyToTheCloseOfASendIsIgnored) {
                    {SetFstat("h", Mode(0100644)), Done()},
                    {Close("h"), Status(4, "full")}}),
               "0");
-    EXPECT_EQ(Told(status), "0 done en");
+    EXPECT_EQ(StatusText(status), "0 done en");
 }
 
 // --- what fails here
@@ -276,7 +276,7 @@ TEST_F(SftpTransferFailures, LocalDirectoryAsFileSendsNothing) {
 
 TEST_F(SftpTransferFailures, FailedFchmodEndsAReceiveBeforeAnyData) {
     EXPECT_EQ(Receive(-1, Fetched({})), Minus(EBADF));
-    EXPECT_EQ(Told(status), "0  ");
+    EXPECT_EQ(StatusText(status), "0  ");
 
     FileDescriptor const ofTheSystem(open("/proc/self/comm", O_RDWR));
     EXPECT_EQ(Receive(ofTheSystem, Fetched({})), Minus(EPERM));
@@ -284,7 +284,7 @@ TEST_F(SftpTransferFailures, FailedFchmodEndsAReceiveBeforeAnyData) {
 
 TEST_F(SftpTransferFailures, FailedFstatEndsASendBeforeTheModeIsSet) {
     EXPECT_EQ(Send(-1, Dialogue{{Open("/f", WRITING), Opened("h")}} + Closing()), Minus(EBADF));
-    EXPECT_EQ(Told(status), "0  ");
+    EXPECT_EQ(StatusText(status), "0  ");
 }
 
 TEST_F(SftpTransferFailures, ReadOnlyDescriptorEndsAReceive) {
@@ -298,7 +298,7 @@ TEST_F(SftpTransferFailures, FullDescriptorEndsAReceive) {
     FileDescriptor const fd(memfd_create("sealed", MFD_ALLOW_SEALING));
     ASSERT_EQ(fcntl(fd, F_ADD_SEALS, F_SEAL_GROW), 0);
     EXPECT_EQ(Receive(fd, Fetched({{Read("h", 0, READ_SIZE), FileData("text")}})), Minus(EPERM));
-    EXPECT_EQ(Told(status), "0  ");
+    EXPECT_EQ(StatusText(status), "0  ");
 }
 
 TEST_F(SftpTransferFailures, PipeWithoutAReaderEndsAReceive) {

@@ -117,7 +117,7 @@ TEST_F(SftpTransferOperations, MoveToLocalReturnsTheResultOfTheRemove) {
     EXPECT_EQ(Transfer(Fetching("/f", "text") + Dialogue{{Remove("/f"), Status(3, "denied")}},
                        [this](SftpProgram& session) { return session.MoveToLocal(status, "/f", "copy"); }),
               "-3");
-    EXPECT_EQ(Told(status), "3 denied en");
+    EXPECT_EQ(StatusText(status), "3 denied en");
     EXPECT_EQ(local.Stored("copy"), "text");
 }
 

@@ -20,7 +20,7 @@ TEST_F(SftpTransferWire, GetIsOpenFstatReadsClose) {
     EXPECT_EQ(Transfer(Fetching("/home/u/f", "hello", 0640), get), "0");
     EXPECT_EQ(local.Stored("copy"), "hello");
     EXPECT_EQ(local.ModeOf("copy"), 0640u);
-    EXPECT_EQ(Told(status), "0 end en");
+    EXPECT_EQ(StatusText(status), "0 end en");
 }
 
 TEST_F(SftpTransferWire, GetByteForByte) {
@@ -44,7 +44,7 @@ TEST_F(SftpTransferWire, PutIsOpenSetFstatWritesClose) {
     local.Store("f", "hello", 0640);
     auto const put = [this](SftpProgram& session) { return session.Put(status, "f", "copy"); };
     EXPECT_EQ(Transfer(Storing("/home/u/copy", "hello", 0640), put), "0");
-    EXPECT_EQ(Told(status), "0 done en");
+    EXPECT_EQ(StatusText(status), "0 done en");
 }
 
 TEST_F(SftpTransferWire, PutByteForByte) {
@@ -72,7 +72,7 @@ TEST_F(SftpTransferWire, EmptyRemoteFileIsCreatedWithItsPermissions) {
               "0");
     EXPECT_EQ(local.Stored("copy"), "");
     EXPECT_EQ(local.ModeOf("copy"), 0604u);
-    EXPECT_EQ(Told(status), "0 end en");
+    EXPECT_EQ(StatusText(status), "0 end en");
 }
 
 TEST_F(SftpTransferWire, ModeOfTheServerIsTakenDespiteTheUmask) {
@@ -119,7 +119,7 @@ TEST_F(SftpTransferWire, RefusedOpenOfAReceiveClosesAnEmptyHandle) {
         Transfer({{Open("/f", READING), Status(2, "no such file")}, {Close(""), Status(4, "no handle")}},
                  [&](SftpProgram& session) { return session.Receive(status, "/f", fd); }),
         "-1");
-    EXPECT_EQ(Told(status), "2 no such file en");
+    EXPECT_EQ(StatusText(status), "2 no such file en");
     EXPECT_EQ(local.Stored("copy"), "");
     EXPECT_EQ(local.ModeOf("copy"), 0600u);
 }
@@ -129,7 +129,7 @@ TEST_F(SftpTransferWire, RefusedOpenOfASendClosesAnEmptyHandle) {
     EXPECT_EQ(Transfer({{Open("/f", WRITING), Status(3, "denied")}, {Close(""), Status(4, "no handle")}},
                        [this](SftpProgram& session) { return session.Put(status, "f", "/f"); }),
               "-1");
-    EXPECT_EQ(Told(status), "3 denied en");
+    EXPECT_EQ(StatusText(status), "3 denied en");
 }
 
 TEST_F(SftpTransferWire, RefusedGetLeavesAnEmptyFile) {
@@ -146,7 +146,7 @@ TEST_F(SftpTransferWire, GetToAMissingDirectorySendsNothing) {
     EXPECT_EQ(
         Transfer({}, [this](SftpProgram& session) { return session.Get(status, "/f", "missing/copy"); }),
         std::to_string(-ENOENT));
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
     EXPECT_TRUE(local.Tree().empty());
 }
 
@@ -154,7 +154,7 @@ TEST_F(SftpTransferWire, PutOfAMissingFileSendsNothing) {
     status = Marked();
     EXPECT_EQ(Transfer({}, [this](SftpProgram& session) { return session.Put(status, "missing", "/f"); }),
               std::to_string(-ENOENT));
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpTransferWire, FileOfOneBlockTakesTwoReads) {
@@ -252,14 +252,14 @@ TEST_F(SftpTransferWire, MGetOfAPatternWithoutMatchReturns0) {
     EXPECT_EQ(Transfer(NoDirectory("/home/u/*.c") + Listing("/home/u", {"a.h"}),
                        [this](SftpProgram& session) { return session.MGet(status, "*.c", "to"); }),
               "0");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
     EXPECT_TRUE(local.Tree().empty());
 }
 
 TEST_F(SftpTransferWire, MPutOfAPatternWithoutMatchSendsNothing) {
     status = Marked();
     EXPECT_EQ(Transfer({}, [this](SftpProgram& session) { return session.MPut(status, "*.c", "/to"); }), "0");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpTransferWire, ListGetEndsAtAFailingThirdName) {
@@ -269,7 +269,7 @@ TEST_F(SftpTransferWire, ListGetEndsAtAFailingThirdName) {
             Fetching("/home/u/a", "first") + Fetching("/home/u/b", "second") + Refusing("/home/u/c", READING),
             [this](SftpProgram& session) { return session.Get(status, List({"a", "b", "c", "d"}), "to"); }),
         "-1");
-    EXPECT_EQ(Told(status), "3 denied en");
+    EXPECT_EQ(StatusText(status), "3 denied en");
     EXPECT_EQ(local.Stored("to/a"), "first");
     EXPECT_EQ(local.Stored("to/b"), "second");
     EXPECT_FALSE(local.Has("to/d"));

@@ -108,7 +108,7 @@ TEST_P(SftpEachMatch, SequenceIsExact) {
     EXPECT_EQ(
         RunOn("*.c", Matching("*.c", {"b.c", "a.h", ".c", "a.c"}) + Dialogue{On("b.c"), On(".c"), On("a.c")}),
         "0");
-    EXPECT_EQ(Told(status), "0 done en");
+    EXPECT_EQ(StatusText(status), "0 done en");
     EXPECT_EQ(RunOn("/a/*/x*", NoDirectory("/a/*/x*") + NoDirectory("/a/*") + Listing("/a", {"b", "c"}) +
                                    Listing("/a/b", {"x1", "y"}) + Listing("/a/c", {"x2"}) +
                                    Dialogue{{GetParam().request("/a/b/x1"), Done()},
@@ -123,7 +123,7 @@ TEST_P(SftpEachMatch, NoMatchIsAFailureThatKeepsTheStatus) {
     EXPECT_EQ(RunOn("d*/x", NoDirectory("/home/u/d*/x") + Matching("d*", {"d1", "d2"}) +
                                 Listing("/home/u/d1", {"y"}) + NoDirectory("/home/u/d2")),
               "-1");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_P(SftpEachMatch, NameWithABracketIsAPattern) {
@@ -147,9 +147,9 @@ TEST_P(SftpEachMatch, BracketInTheCurrentDirectoryIsNotAPattern) {
 TEST_P(SftpEachMatch, LastFailureIsTheResult) {
     EXPECT_EQ(AnsweredWith({Status(4)}), "-4");
     EXPECT_EQ(AnsweredWith({Status(4), Done(), Status(3), Done()}), "-3");
-    EXPECT_EQ(Told(status), "0 done en");
+    EXPECT_EQ(StatusText(status), "0 done en");
     EXPECT_EQ(AnsweredWith({Done(), Status(3), Status(4, "no")}), "-4");
-    EXPECT_EQ(Told(status), "4 no en");
+    EXPECT_EQ(StatusText(status), "4 no en");
 }
 
 TEST_P(SftpEachMatch, PositiveResultIsIgnored) {
@@ -200,7 +200,7 @@ TEST_F(SftpChown, ReadsAndRewritesTheAttributesOfEachFile) {
 
 TEST_F(SftpChown, NoMatchIsAFailureThatKeepsTheStatus) {
     EXPECT_EQ(ResultOf({}), "-1");
-    EXPECT_EQ(Told(status), "77 before xx");
+    EXPECT_EQ(StatusText(status), "77 before xx");
 }
 
 TEST_F(SftpChown, UnreadAttributesAreWrittenAnyway) {
@@ -237,9 +237,9 @@ TEST_F(SftpChown, PositiveResultOfStatIsKeptAfterAFailure) {
 
 TEST_F(SftpChown, StatusIsThatOfTheLastReply) {
     EXPECT_EQ(ChownAll({{FOUND, 3}, {2, SET}}), "-2");
-    EXPECT_EQ(Told(status), "0 message en");
+    EXPECT_EQ(StatusText(status), "0 message en");
     EXPECT_EQ(ChgrpAll({{2, 4}}), "-4");
-    EXPECT_EQ(Told(status), "4 message en");
+    EXPECT_EQ(StatusText(status), "4 message en");
 }
 
 TEST_F(SftpChown, OtherReplyIsAViolation) {

@@ -348,10 +348,10 @@ protected:
         return texts;
     }
     /// As in "2 no such file en".
-    static std::string Told(cindral::SftpStatus const& status) {
+    static std::string StatusText(cindral::SftpStatus const& status) {
         return std::to_string(status._code) + " " + Text(status._message) + " " + Text(status._language);
     }
-    /// One that shows whether it was written to: Told gives "77 before xx" if not.
+    /// One that shows whether it was written to: StatusText gives "77 before xx" if not.
     static cindral::SftpStatus Marked() {
         cindral::SftpStatus status;
         status._code = 77;

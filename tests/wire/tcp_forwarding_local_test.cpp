@@ -14,7 +14,7 @@ using testing::IsEmpty;
 
 namespace {
 
-Bytes Opening(std::uint32_t local, std::uint16_t callersPort) {
+Bytes Opening(std::uint32_t local, std::uint16_t originatorPort) {
     return Writer()
         .U8(CHANNEL_OPEN)
         .String("direct-tcpip")
@@ -24,19 +24,19 @@ Bytes Opening(std::uint32_t local, std::uint16_t callersPort) {
         .String("target")
         .U32(8000)
         .String("127.0.0.1")
-        .U32(callersPort);
+        .U32(originatorPort);
 }
 
 class LocalForwarding : public ForwardingTest {
 protected:
     /// Expects that the connection is attached to the server's channel 77, and ends the run.
-    static void IsAttached(Connection& c, tcp::End& local) {
+    static void ExpectAttached(Connection& c, tcp::End& local) {
         local.Send("request");
         EXPECT_EQ(c.ReadPacket(), Data("request", 77));
         EndTheRun(c, local);
     }
 
-    /// A run in which only `prepare` is of interest.
+    /// A run that does nothing but `prepare`.
     std::string Prepare(Client const& prepare) { return Receive({ExitStatus(0)}, prepare); }
 };
 
@@ -164,7 +164,7 @@ TEST_F(LocalForwarding, ListenerStaysInTheLoopWhileNoDescriptorIsLeft) {
     EXPECT_EQ(Run(
                   [&](Connection& c) {
                       tcp::End local = ConnectThrough(c);
-                      IsAttached(c, local);
+                      ExpectAttached(c, local);
                   },
                   [&](LoopSession& session) {
                       Listen(session);
@@ -390,7 +390,7 @@ TEST_F(LocalForwarding, MessagesBeforeTheReplyAreHandled) {
                   [](Connection& c, tcp::End&) {
                       c.SendTogether({Ignore(), Data("output"), WindowAdjust(0, 1), Confirmation(1, 77)});
                   },
-                  IsAttached),
+                  ExpectAttached),
               "0, Run -1");
     EXPECT_EQ(output.Text(), "output");
 }
@@ -400,7 +400,7 @@ TEST_F(LocalForwarding, UnknownMessagesBeforeTheReplyAreDroppedSilently) {
                   [](Connection& c, tcp::End&) {
                       c.SendTogether({Debug(), OpenFailure(1), Writer().U8(255), Confirmation(1, 77)});
                   },
-                  IsAttached),
+                  ExpectAttached),
               "0, Run -1");
     EXPECT_EQ(messages, "");
 }
@@ -449,7 +449,7 @@ TEST_F(LocalForwarding, RestOfAPartialReplyIsWaitedFor) {
                       c.SendRaw(Slice(answer, 5, answer.size() - 5));
                       c.Wire().faults.delay = std::chrono::milliseconds(0);
                   },
-                  IsAttached),
+                  ExpectAttached),
               "0, Run -1");
 }
 

@@ -16,23 +16,23 @@ class SshChannelRef;
 /// direction, grants the peer more window as soon as two thirds of the local window have been used, in either
 /// direction, and never waits for window from the peer.
 ///
-/// The packet streams belong to the session and must outlive the channel; descriptors are not
-/// closed. A channel belongs to the thread that runs its session.
+/// The packet streams belong to the session and must outlive the channel, which does not close its
+/// descriptors. A channel belongs to the thread that runs its session.
 class BRANTLE_API SshChannel {
 public:
-    /// A channel without numbers, descriptors or streams.
+    /// Constructs a channel with no channel numbers, descriptors or streams.
     SshChannel();
 
-    /// `localId` and `remoteId` are the local and the peer's number of the channel, `windowSize` is in bytes.
-    /// Data from `fdIn` goes to the peer; data from the peer goes to `fdOut`.
+    /// `localId` and `remoteId` are the channel's number at this side and at the peer; `windowSize` is in
+    /// bytes. Data from `fdIn` goes to the peer; data from the peer goes to `fdOut`.
     SshChannel(unsigned int localId, unsigned int remoteId, String_t const& name, unsigned int windowSize,
                int fdIn, int fdOut, int fdErr, ISshPacketStream* in, OSshPacketStream* out);
     SshChannel(SshChannel const&) = delete;
     SshChannel& operator=(SshChannel const&) = delete;
     virtual ~SshChannel();
 
-    /// Sends `n` bytes to the peer as one CHANNEL_DATA, whatever its window; blocks until written.
-    /// Does nothing on a channel without an output stream.
+    /// Sends `n` bytes to the peer as one CHANNEL_DATA, regardless of its window; blocks until written. Does
+    /// nothing on a channel without an output stream.
     virtual void ForwardToSshd(char const* data, unsigned int n);
 
     /// Buffers `n` bytes received from the peer for `_fdOut` until Flush.
@@ -45,12 +45,12 @@ public:
     virtual void Flush();
 
     /// Sends a WINDOW_ADJUST if the bytes read (written) on the connection have used up two thirds
-    /// of the window, and starts counting again. A count beyond the whole window sends nothing.
+    /// of the window, and restarts the count. If the count exceeds the whole window, nothing is sent.
     void CheckForInWindowAdjust();
     void CheckForOutWindowAdjust();
 
     unsigned int _localId;
-    unsigned int _remoteId; ///< recipient number of every message for this channel
+    unsigned int _remoteId; ///< recipient channel of every message sent for it
     String_t _name;
     unsigned int _windowSize;
     int _fdIn;
@@ -65,7 +65,7 @@ public:
 private:
     friend class SshChannelRef;
 
-    SshChannelRef* _references = nullptr; ///< head of the list
+    SshChannelRef* _references = nullptr; ///< head of the list of references to this channel
 };
 
 } // namespace cindral

@@ -15,12 +15,12 @@
 #include <generic/tslist>
 #include <generic/tsortedvector>
 
-/// The poll-based event core: a table from descriptor to dispatcher, the records for poll(2), the callbacks
-/// that are called when a descriptor has been unregistered, and a queue of timers.
+/// The event core, based on poll(2): a table of dispatchers by descriptor, the pollfd records, the callbacks
+/// to be called when a descriptor has been unregistered, and a queue of timers.
 ///
-/// It has no thread and no loop; `IOMultiplexerTask` drives it. It owns the clones of the registered
-/// dispatchers. Callbacks and timers remain owned by the caller, unless `DestroyCallbacks` or `DestroyTimers`
-/// is called, and must exist as long as they are registered.
+/// It has no thread and no loop of its own: `IOMultiplexerTask` drives it. It owns the clones of the
+/// registered dispatchers. Callbacks and timers remain owned by the caller, unless `DestroyCallbacks` or
+/// `DestroyTimers` is called, and must exist as long as they are registered.
 ///
 /// Threads: table, poll records and callbacks are guarded by the read-write lock that the class derives from,
 /// so `Register`, `Unregister`, `Clear` and the callback list may be used from any thread. poll(2), the
@@ -38,7 +38,7 @@ public:
         Timeval& operator+=(Timeval const& t);
         Timeval& operator-=(Timeval const& t);
 
-        /// The wall clock, since the Unix epoch.
+        /// The current wall-clock time since the Unix epoch.
         static Timeval Now();
 
         std::uint32_t _sec;
@@ -67,7 +67,7 @@ public:
         Timeval _start;
         Timeval _next; ///< the due time; do not change it from outside while the timer is queued
 
-        /// Returns the key for the timer queue.
+        /// Gives the timer queue access to a timer's key.
         struct Adapter {
             static Timeval const& Key(Timer const* timer) { return timer->_next; }
         };
@@ -84,8 +84,8 @@ public:
     IOMultiplexer& operator=(IOMultiplexer const&) = delete;
 
     /// Registers a clone of `d` for `fd`, in place of the dispatcher that was registered for it.
-    /// Returns 0, or EINVAL for a negative `fd`. A type other than the two of
-    /// `IOMultiplexerDispatcherType` ends the process.
+    /// Returns 0, or EINVAL for a negative `fd`. A type that is not in `IOMultiplexerDispatcherType` is a
+    /// fatal assertion.
     int Register(int fd, IOMultiplexerDispatcher const& d);
     /// Deletes the dispatcher of `fd` and then calls the callbacks, even if `fd` was not registered. Returns
     /// 0, or EINVAL for a negative `fd`.
@@ -118,10 +118,10 @@ public:
     /// Fills `fds` with the descriptors whose dispatchers have input buffered, and returns their
     /// number. The caller holds the lock.
     int InAvail(PollFds& fds);
-    /// Waits until a descriptor is ready or `timeout` is over. `fds` becomes the set that was polled, with
-    /// its `revents`. Returns the number of ready descriptors, 0 on timeout, or -1 with `errno` set. poll(2)
-    /// is not called when input is buffered. A timeout that is negative in 32-bit milliseconds means no
-    /// limit.
+    /// Waits until a descriptor is ready or `timeout` has expired. `fds` receives the set that was polled,
+    /// with its `revents`. Returns the number of ready descriptors, 0 on timeout, or -1 with `errno` set.
+    /// poll(2) is not called when input is buffered. A timeout that is negative in 32-bit milliseconds means
+    /// no limit.
     int Poll(PollFds& fds, Timeval const& timeout);
     /// The next ready descriptor of `fds` after position `cursor`, which advances to it, round robin; -1 when
     /// none is ready. The caller keeps `cursor`, which starts at -1.
@@ -130,7 +130,7 @@ public:
     /// descriptor.
     int Dispatch(int fd);
 
-    /// A new request for `fd`, which the caller owns, or null for an unknown descriptor.
+    /// Creates a request for `fd`, which the caller then owns; null for an unknown descriptor.
     IOMultiplexerRequest* MakeRequest(int fd);
     /// Processes `request`, without holding any lock, if `fd` is registered. `request` may be null; the
     /// caller still owns it.

@@ -384,12 +384,12 @@ protected:
 private:
     /// The end of both kinds of exchange: checks the server's reply, then computes the hash and the keys.
     template <class Reply, class Hash>
-    int KexConclude(DhExchange& exchange, Reply const& reply, PacketKexInit& own, PacketKexInit& peer,
-                    Hash const& hash);
+    int KexHandleReply(DhExchange& exchange, Reply const& reply, PacketKexInit& own, PacketKexInit& peer,
+                       Hash const& hash);
 
     /// Whether both directions are encrypted and authenticated.
     bool HasKeys() const;
-    int TakeVerdict(int number);
+    int HandleAuthReply(int number);
 
     template <class HasMore>
     int HandlePackets(HasMore const& hasMore);

@@ -16,8 +16,9 @@
 
 namespace cindral {
 
-/// Works on the files of a server over SFTP, version 3 (draft-ietf-secsh-filexfer-02), without the loop.
-/// Connect, exchange keys and authenticate, then call Start; after that any operation may be used.
+/// Works on the files of a server over SFTP, version 3 (draft-ietf-secsh-filexfer-02), without running the
+/// event loop. Connect, exchange keys and authenticate, then call Start; after that any operation may be
+/// used.
 ///
 /// The session has a local and a remote current directory. Relative names are resolved against them, and the
 /// names sent to the server are absolute. Patterns have the wildcards "*", "?" and "[...]", each of which
@@ -32,7 +33,7 @@ namespace cindral {
 /// One thread at a time may use it.
 class BRANTLE_API SftpClientSession : public SshSession {
 public:
-    /// Takes the target as SshSession does.
+    /// The target is given as for SshSession.
     SftpClientSession(unsigned short port, String_t const& host);
     explicit SftpClientSession(String_t const& host);
     ~SftpClientSession() override;
@@ -40,8 +41,8 @@ public:
     /// Opens the channel, starts the subsystem "sftp" on it and requests the remote home directory, which
     /// becomes the remote current directory; the process's working directory becomes the local one. Returns
     /// 0; -1 if the session is not authenticated; a negated code if the server does not report its directory;
-    /// and, unlike all other operations, a positive number if it refuses the channel. A refused subsystem
-    /// shows as a protocol violation.
+    /// and, unlike all other operations, a positive number if it refuses the channel. A refused subsystem is
+    /// reported as a protocol violation.
     int Start();
 
     /// Makes a name absolute by prefixing the current directory, and then removes "." and "..". An absolute
@@ -51,7 +52,7 @@ public:
     Pathname LocalPathname(Pathname path);
 
     /// Changes the remote current directory; an empty path means the home directory. The server resolves the
-    /// path, and need not check that it is a directory.
+    /// path, and may not check that it is a directory.
     int Cd(SftpStatus& status, String_t const& path);
     /// Changes the local current directory, without checking that it exists; an empty path means the home
     /// directory. Returns 0. The working directory of the process does not change.
@@ -64,7 +65,7 @@ public:
     /// is the link: OpenSSH's takes the first one as the target.
     int Symlink(SftpStatus& status, String_t const& first, String_t const& second);
     int Readlink(SftpStatus& status, String_t const& path, String_t& result);
-    /// Attributes of a file: of the target of a symbolic link, or of the link itself.
+    /// Reads the attributes of a file. For a symbolic link, Stat reads those of its target, Lstat its own.
     int Stat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     int Lstat(SftpStatus& status, String_t const& path, SftpFileAttr& attrs);
     int Fstat(SftpStatus& status, SftpFileHandle const& handle, SftpFileAttr& attrs);
@@ -73,20 +74,20 @@ public:
     // is 0 or that of the last failure. If nothing matches it is -1, and the status is unchanged.
     int Remove(SftpStatus& status, String_t const& path);
     int Chmod(SftpStatus& status, String_t const& path, unsigned int mode);
-    /// Reads the attributes and writes all of them back with the one id replaced. With a pattern they are
-    /// written even if they could not be read, and a success may hide an earlier failure.
+    /// Reads the attributes and writes all of them back with one ID replaced. With a pattern they are written
+    /// even if they could not be read, and a success may hide an earlier failure.
     int Chown(SftpStatus& status, String_t const& path, unsigned int uid);
     int Chgrp(SftpStatus& status, String_t const& path, unsigned int gid);
 
     int Fchmod(SftpStatus& status, SftpFileHandle const& handle, unsigned int mode);
-    /// As Chown and Chgrp for a single file.
+    /// Like Chown and Chgrp for a single file.
     int Fchown(SftpStatus& status, SftpFileHandle const& handle, unsigned int uid);
     int Fchgrp(SftpStatus& status, SftpFileHandle const& handle, unsigned int gid);
 
     /// Adds the entries of a directory to a set or, if `path` is a pattern, the files that match it, with
     /// their full names. Returns their number. "." and ".." are never included; other names in a directory
-    /// that begin with a dot are included if `all` is not 0. The status does not show that a directory can't
-    /// be read. Names and long names are stored as the server sent them, control characters included.
+    /// that begin with a dot are included if `all` is not 0. A directory that can't be read is not reported
+    /// in the status. Names and long names are stored as the server sent them, control characters included.
     int ListDir(SftpStatus& status, TSet<DirEntry, DirEntry::Compare>& entries, String_t const& path,
                 int all);
 
@@ -94,8 +95,8 @@ public:
     static bool IsWildcardPath(String_t const& path);
     /// Finds the files that match a pattern, in the server's order, and replaces the contents of `names` with
     /// them; but if the pattern is itself the name of a directory, that is appended to `names`. A relative
-    /// pattern is resolved by the server. Returns the resulting number of `names`. The status is never
-    /// written.
+    /// pattern is resolved by the server. Returns the number of elements that `names` then has. The status is
+    /// never written.
     int Glob(SftpStatus& status, TOList<String_t>& names, Pathname path);
     /// Finds the files that match the pattern `rest` below the pattern `path`, or `path` itself if `rest` is
     /// empty. A component counts as having wildcards if it can't be opened as a directory. Returns the number
@@ -113,8 +114,8 @@ public:
     /// Copies a remote file to a descriptor, starting at its current offset. Before anything is written, its
     /// permissions are set to those that the server reports, regardless of the umask and including the
     /// set-user-ID bit. A program that doesn't trust the server has to change the mode afterwards. Each block
-    /// is passed to one write(2); what that does not write is omitted, which only the size shows. The name is
-    /// sent unchanged.
+    /// is passed to one write(2); what that does not write is lost, which only the size of the result shows.
+    /// The name is sent unchanged.
     int Receive(SftpStatus& status, String_t const& remote, int fd);
     /// Copies to a local file, which is created or truncated first. Both names are used unchanged.
     int Receive(SftpStatus& status, String_t const& remote, String_t const& local);
@@ -124,9 +125,9 @@ public:
     int Send(SftpStatus& status, String_t const& remote, int fd);
     /// Copies from a local file. Note the order of arguments: the source comes first here.
     int Send(SftpStatus& status, String_t const& local, String_t const& remote);
-    /// Copies a remote file to standard output, descriptor 1, whose permissions change, too: a terminal may
-    /// become unreadable for its user, or writable for others. The contents of the file are written to it
-    /// unchanged.
+    /// Copies a remote file to standard output, descriptor 1, whose permissions are changed as well: a
+    /// terminal may become unreadable for its user, or writable for others. The contents of the file are
+    /// written to it unchanged.
     int Cat(SftpStatus& status, String_t const& path);
 
     /// Receive and Send with names resolved against the current directories.
@@ -138,9 +139,9 @@ public:
     int MoveToRemote(SftpStatus& status, String_t const& local, String_t const& remote);
 
     // Copies of many files into one directory, each under its last component. They stop at the first failure
-    // and return it, or else the number of files. A remote name therefore can't reach outside the local
-    // directory, but it may be the name of any file there, such as ".bashrc" in a home directory, which is
-    // overwritten. A name without a last component is refused with -EISDIR.
+    // and return its result; otherwise they return the number of files. A remote name therefore can't reach
+    // outside the local directory, but it may be the name of any file there, such as ".bashrc" in a home
+    // directory, which is overwritten. A name without a last component is refused with -EISDIR.
     int Get(SftpStatus& status, TOList<String_t> const& names, String_t const& dir);
     int Put(SftpStatus& status, TOList<String_t> const& names, String_t const& dir);
     int MoveToLocal(SftpStatus& status, TOList<String_t> const& names, String_t const& dir);
@@ -155,7 +156,8 @@ public:
     int MMoveToLocal(SftpStatus& status, String_t const& pattern, String_t const& dir);
     int MMoveToRemote(SftpStatus& status, String_t const& pattern, String_t const& dir);
 
-    /// For individual requests, with absolute names, on open files and directories.
+    /// The protocol client, for individual requests. These take absolute names, or open files and
+    /// directories.
     SftpClient& Client() { return _client; }
     Pathname const& RemoteDir() const { return _remoteDir; }
     Pathname const& LocalDir() const { return _localDir; }
@@ -170,12 +172,12 @@ protected:
     Pathname _localHome;
 
 private:
-    using Id = unsigned int SftpFileAttr::*;
+    using OwnerField = unsigned int SftpFileAttr::*;
 
     template <class Operation>
     int ForEachMatch(SftpStatus& status, String_t const& path, Operation const& operation);
-    int ChangeOwner(SftpStatus& status, String_t const& path, Id id, unsigned int value);
-    int ChangeOwner(SftpStatus& status, SftpFileHandle const& handle, Id id, unsigned int value);
+    int ChangeOwner(SftpStatus& status, String_t const& path, OwnerField field, unsigned int value);
+    int ChangeOwner(SftpStatus& status, SftpFileHandle const& handle, OwnerField field, unsigned int value);
     int ReceiveBlocks(SftpStatus& status, SftpFileHandle const& handle, int fd);
     int SendBlocks(SftpStatus& status, SftpFileHandle const& handle, int fd);
     int ReceiveInto(SftpStatus& status, String_t const& remote, Pathname const& dir);

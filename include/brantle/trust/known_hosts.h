@@ -12,7 +12,7 @@
 
 namespace cindral {
 
-/// The client's store of server host keys, which decides by trust on first use: a host that is not in the
+/// The client's store of server host keys, on the principle of trust on first use: a host that is not in the
 /// store is accepted and added; a host that is in it must present the same key.
 ///
 /// The store is read from `.ssh/known_hosts` in the home directory, and new hosts are appended to that file;
@@ -35,7 +35,7 @@ public:
     static String_t KeyAlgorithms();
     /// The result of the last read: 0, or a negative errno value.
     static int Errnum();
-    /// Adds the entries of a file, or of a stream in the file's format, to the store. If a host has several
+    /// Adds the entries of a file, or of a stream in the same format, to the store. If a host has several
     /// entries, the first one counts. Returns 0, or the negative errno value of a file that cannot be opened.
     static int Read(char const* path);
     static int Read(std::basic_istream<char, std::char_traits<char>>& in);
@@ -46,8 +46,8 @@ public:
     /// result.
     static int IsIn(String_t const& host, unsigned short port, String_t const& address, PublicKey const& key);
 
-    /// Creates a separate store, read from the default file, from the given file, or from the stream. Nothing
-    /// can be asked of it: the operations above work on the store of the process alone.
+    /// Creates a separate store, read from the default file, from the given file, or from the stream. It
+    /// can't be queried: the operations above use only the store of the process.
     KnownHosts();
     explicit KnownHosts(char const* path);
     explicit KnownHosts(std::basic_istream<char, std::char_traits<char>>& in);
