@@ -68,7 +68,7 @@ private:
     std::FILE* _stream;
 };
 
-/// Known hosts of this run alone.
+/// A home directory with the known hosts of only this run.
 class PrivateHome {
 public:
     PrivateHome() {
@@ -96,7 +96,7 @@ struct Target {
     char const* _key;
 };
 
-/// The session channel, with a count of what came and when the last of it did.
+/// The session channel, with a count of the bytes received and the time of the last ones.
 class CountingChannel : public SshChannelMgr::TtyChannel {
 public:
     struct Total {
@@ -311,7 +311,7 @@ std::map<std::string, Job> const jobs = {
     {"exec-sink", {1, ExecSink}},
     {"scp-get", {2, ScpGet}},
     {"scp-put", {2, ScpPut}},
-    {"sftp-get", {2, SftpGet}}, // one request at a time is all there is
+    {"sftp-get", {2, SftpGet}}, // there is only one request at a time
     {"sftp-get-sync", {2, SftpGet}},
     {"sftp-put", {2, SftpPut}},
     {"sftp-put-sync", {2, SftpPut}},

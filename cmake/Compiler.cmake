@@ -1,11 +1,11 @@
-# Language level, warnings and sanitizers of everything built in this tree. Warnings are errors in the presets
-# alone, for a user's compiler may know others.
+# Language level, warnings and sanitizers of everything built in this tree. Warnings are errors only in the presets,
+# as a user's compiler may have others.
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-# The build type of a project that takes this one in is its own affair, an empty one too.
+# The build type of a project that includes this one is not changed, not even an empty one.
 if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Kind of build" FORCE)
 endif()

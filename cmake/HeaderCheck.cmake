@@ -1,5 +1,5 @@
-# The target header_check compiles every public header alone, and twice over, so that each includes
-# what it uses and guards itself.
+# The target header_check compiles every public header separately, included twice, so that each includes what it uses
+# and has an include guard.
 file(GLOB_RECURSE headers RELATIVE ${PROJECT_SOURCE_DIR}/include CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/include/generic/* ${PROJECT_SOURCE_DIR}/include/brantle/*)
 list(APPEND headers brantle/version.h)

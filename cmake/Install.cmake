@@ -1,5 +1,5 @@
-# What `cmake --install` installs: the libraries, include/ as it stands and the generated version.h, a CMake
-# package and a pkg-config file for each library.
+# What `cmake --install` installs: the libraries, include/ unchanged and the generated version.h, a CMake package and
+# a pkg-config file for each library.
 option(BRANTLE_INSTALL "Install the libraries" ${PROJECT_IS_TOP_LEVEL})
 if(NOT BRANTLE_INSTALL)
   return()
@@ -29,7 +29,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/brantleConfig.cmake
         DESTINATION ${package_dir})
 
 # brantle_pkg_config(NAME DESCRIPTION text [REQUIRES packages] [REQUIRES_PRIVATE packages] [LIBS_PRIVATE flags])
-# The file finds its prefix from where it lies, as the CMake package does, so that an installed tree may move.
+# The file finds its prefix from its own location, as the CMake package does, so that an installed tree may be moved.
 function(brantle_pkg_config name)
   cmake_parse_arguments(PC "" "DESCRIPTION;REQUIRES;REQUIRES_PRIVATE;LIBS_PRIVATE" "" ${ARGN})
   get_target_property(PC_NAME ${name} OUTPUT_NAME)

@@ -29,13 +29,13 @@ function(brantle_shared_library name)
     $<BUILD_INTERFACE:${BRANTLE_GENERATED_INCLUDE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} PUBLIC cxx_std_17)
-  # Built for size, as small targets are among those served: the time goes into libcrypto and the
-  # kernel. Calls inside a library are bound when it is linked.
+  # Built for size, as small targets are supported: the time goes into libcrypto and the kernel. Calls inside a
+  # library are bound when it is linked.
   target_compile_options(${name} PRIVATE -fno-plt -fno-semantic-interposition $<$<CONFIG:Release>:-Os>
     $<$<AND:$<CONFIG:Release>,$<CXX_COMPILER_ID:GNU>>:-flto=auto>)
   target_link_options(${name} PRIVATE -Wl,--version-script=${script} -Wl,-Bsymbolic-functions
     -Wl,-z,noseparate-code ${BRANTLE_RELR})
-  # With clang++ the functions of a sanitizer are in the program alone.
+  # With clang++ the functions of a sanitizer are only in the program.
   if(NOT BRANTLE_IS_SANITIZED)
     target_link_options(${name} PRIVATE -Wl,--no-undefined)
   endif()

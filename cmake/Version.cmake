@@ -1,4 +1,4 @@
-# The version stands in project() alone: this makes <brantle/version.h> of it, the one public header that is
-# generated.
+# The version is defined only in project(): this generates <brantle/version.h> from it, the only generated public
+# header.
 set(BRANTLE_GENERATED_INCLUDE_DIR ${PROJECT_BINARY_DIR}/include)
 configure_file(cmake/version.h.in ${BRANTLE_GENERATED_INCLUDE_DIR}/brantle/version.h @ONLY)

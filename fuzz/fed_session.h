@@ -11,7 +11,7 @@ namespace fuzz {
 /// The packets of a server that opens the channel and sends these bytes on it, before encryption.
 std::string ChannelPackets(std::string const& bytes);
 
-/// A session that is logged in at a server that says what it is going to say whatever it hears.
+/// A session that is logged in to a server whose messages do not depend on the client's.
 template <class Session>
 class FedSession : public Session {
 public:

@@ -36,7 +36,7 @@ std::string Text(ByteString const& bytes) {
                               : std::string();
 }
 
-/// Calls what may throw as a decoder may, and tells whether it did not.
+/// Calls what may throw like a decoder, and returns whether it did not throw.
 template <class Call>
 bool Succeeds(Call const& call) {
     try {

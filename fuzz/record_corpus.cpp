@@ -1,7 +1,7 @@
-// Records the corpus: sessions with the servers of other makers, what of them the targets take.
+// Records the corpus: the parts of sessions with servers by other vendors that the targets read.
 //
 // Nothing of it depends on the library being right about what it receives: the bytes are taken after the
-// ciphers. Packets that carry secrets of a login are left out, as no decoder takes them.
+// ciphers. Packets that carry secrets of a login are left out, as no decoder reads them.
 
 #include <netinet/in.h>
 #include <poll.h>
@@ -38,7 +38,7 @@ namespace {
 constexpr std::size_t LARGEST_INPUT = 4000;
 constexpr int PATIENCE = 500; ///< milliseconds that a server may take to say something
 constexpr unsigned short NO_SERVER = 1;
-constexpr char const* OWN = "sent"; ///< stands for this library among the names of servers
+constexpr char const* OWN = "sent"; ///< the name of this library among those of servers
 
 /// The numbers of messages that are only sent by this library.
 constexpr std::array<int, 5> UNDECODED{Packet::SSH_MSG_KEXDH_INIT, Packet::SSH_MSG_KEX_DH_GEX_INIT,
@@ -162,7 +162,7 @@ public:
 
 private:
     /// A session from its start to its end, the packets of which go into the corpus. What the use of it
-    /// throws is no matter: not every server takes everything.
+    /// throws is ignored: not every server accepts everything.
     template <class Session, class Use, class... Arguments>
     Transcript Run(Login const& login, Use const& use, Arguments const&... arguments) {
         Transcript transcript;

@@ -1,7 +1,7 @@
 // Feeds the files of directories to a target, each once: the corpus as a test.
 //
-// The name of each file stands on standard output before the file is taken, so that the last one is the one
-// that failed. A directory that is missing or has no files is a failure too.
+// The name of each file is printed before the file is processed, so that the last one is the one that failed.
+// A directory that is missing or has no files is a failure too.
 
 #include <algorithm>
 #include <filesystem>

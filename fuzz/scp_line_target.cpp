@@ -1,6 +1,6 @@
 // The head line of a file, as scp sends it after a "C": mode, size and name.
 //
-// A line that can be taken apart has to give the same values when it is put together again from them.
+// A line that can be parsed must give the same values when it is formatted from them and parsed again.
 
 #include <cstdio>
 #include <string>

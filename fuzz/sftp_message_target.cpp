@@ -41,7 +41,7 @@ public:
     void ParseStat(int type) const {
         ParseWith<SftpPacketStat>(type, "busu", false, [&] { return SftpPacketStat(type, _payload); });
     }
-    /// Texts may be empty here alone.
+    /// Only here texts may be empty.
     void ParseStatus() const {
         ParseWith<SftpPacketStatus>(SftpPacket::FXP_STATUS, "buuss", true,
                                     [&] { return SftpPacketStatus(_payload); });

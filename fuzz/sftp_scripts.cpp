@@ -11,7 +11,7 @@ namespace {
 
 Pathname In(String_t const& directory, char const* name) { return Pathname(directory).Append(name); }
 
-/// Each request by itself.
+/// Each request separately.
 void Requests(SftpClientSession& session, SftpPlaces const& places) {
     SftpClient& client = session.Client();
     SftpStatus status;

@@ -1,8 +1,8 @@
 // A server's messages to the user authentication of the standard dialect. The first byte chooses what the
 // user has to offer; each message has its length in two bytes before it.
 //
-// The password is sent in a request of its method alone, answers only to questions, and nothing but
-// SshProtocolError ends it early.
+// The password is sent only in a request of its method, answers only to questions, and only SshProtocolError
+// ends it early.
 
 #include <iostream>
 #include <memory>

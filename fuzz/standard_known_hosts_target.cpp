@@ -1,7 +1,6 @@
 // A known_hosts file, read by the standard dialect.
 //
-// A key that no line can hold must never match, and what is said of a file that can be read is one of four
-// things.
+// A key that no line can hold must never match, and the verdict on a readable file is one of four.
 
 #include <string>
 #include <vector>

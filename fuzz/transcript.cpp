@@ -12,7 +12,7 @@ constexpr std::size_t LENGTH_FIELD = 4;
 constexpr std::size_t DATA_HEAD = 2 + 4 + LENGTH_FIELD; ///< in a packet of channel data, from its front
 constexpr char CHANNEL_DATA = 94;
 
-/// A cipher that stands in front of another one.
+/// A cipher that wraps another one.
 class Tap : public BlockCipher::Rep {
 public:
     Tap(BlockCipher::Rep* cipher, BlockCipher::Mode mode, std::string& plain)

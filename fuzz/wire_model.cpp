@@ -136,7 +136,7 @@ void SftpModel::ReadField(char field) {
     }
 }
 
-/// After a text out of bounds the lengths of texts are read alone.
+/// After a text out of bounds only the lengths of texts are read.
 void SftpModel::ReadText() {
     _text.clear();
     std::uint32_t const length = TakeNumber();

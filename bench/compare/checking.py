@@ -1,4 +1,4 @@
-"""Whether each client does each job, and right."""
+"""Whether each client does each job, and correctly."""
 import runner
 import table
 

@@ -53,7 +53,7 @@ def instructions_by_object(path):
     """Instructions of each object file itself, from a file of callgrind's.
 
     Lines that begin with a number are costs: of the object that the last "ob=" line names, except right after a
-    "calls=" line, where they are those of the called function. A name stands in full once, "(3) /lib/libc.so.6", and
+    "calls=" line, where they are those of the called function. A name is written in full once, "(3) /lib/libc.so.6", and
     as "(3)" after that; "cob=" lines, which name called objects, give names too.
     """
     cost, names, current, is_of_call = collections.Counter(), {}, None, False

@@ -15,7 +15,7 @@ def free_port():
 
 
 def is_listening(port):
-    """Whether somebody listens on the TCP port."""
+    """Whether a process listens on the TCP port."""
     for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]:
         _, local, _, state = line.split()[:4]
         if local.endswith(f":{port:04X}") and state == "0A":

@@ -19,7 +19,7 @@ JOBS = OPERATIONS + TRANSFERS + FORWARDINGS
 
 UNSUPPORTED = 77  # the exit status of a client that does not do a job
 
-# An odd size, so that no block of anybody's divides it.
+# An odd size, so that it is a multiple of no client's block size.
 CHECKED_SIZE = 3 * MIB + 12345
 
 
@@ -28,12 +28,12 @@ class Unsupported(Exception):
 
 
 class Failed(Exception):
-    """The client's words, or what is wrong with its result."""
+    """The client's message, or what is wrong with its result."""
 
 
 @dataclasses.dataclass
 class Figures:
-    """Seconds, unless the name says otherwise. The job's are those of the job alone, without connecting."""
+    """Seconds, unless the name says otherwise. The job's are those of only the job, without connecting."""
     wall: float
     user: float
     system: float
@@ -77,7 +77,7 @@ class Runner:
         return [str(word) for word in words]
 
     def start(self, command, **options):
-        """A process with the environment that tells clients the algorithms."""
+        """A process with the environment that passes the algorithms to clients."""
         return subprocess.Popen(command, env=self._environment, **options)
 
     def run(self, client, job, *, size=0, count=1, target=None, wrapper=()):

@@ -30,7 +30,7 @@ LogLevel ERROR
 MaxStartups 200
 MaxSessions 50
 Compression no
-# bash takes itself for a login by rsh otherwise and reads .bashrc for each command.
+# Otherwise bash assumes a login by rsh and reads .bashrc for each command.
 SetEnv SHLVL=9
 Subsystem sftp /usr/lib/openssh/sftp-server
 """

@@ -9,8 +9,8 @@
 
 namespace cindral {
 
-/// An OpenSSL algorithm that the process looks up once, at its first use from whatever thread, and
-/// keeps. Static storage only.
+/// An OpenSSL algorithm that the process looks up once, at its first use from any thread, and keeps. Static
+/// storage only.
 template <typename Algorithm, Algorithm* (*Fetch)(OSSL_LIB_CTX*, char const*, char const*),
           void (*Free)(Algorithm*)>
 class Fetched {

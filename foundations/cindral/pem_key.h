@@ -10,7 +10,7 @@ namespace cindral {
 /// different body in the same armour.
 class PemKey {
 public:
-    /// `anyType` admits all types of keys, else rsa and dsa alone.
+    /// `anyType` admits all types of keys, otherwise only rsa and dsa.
     explicit PemKey(bool anyType) : _anyType(anyType) {}
     ~PemKey();
     PemKey(PemKey const&) = delete;

@@ -61,8 +61,7 @@ int ReadEncrypted(PemKey const& file, EnterPassword& enter, evp_pkey_st*& key) {
     return result;
 }
 
-/// `publicBlob` is null when rsa and dsa keys alone are wanted, `enter` when no passphrase is to be asked
-/// for.
+/// `publicBlob` is null when only rsa and dsa keys are wanted, `enter` when no passphrase is to be asked for.
 int ReadKey(char const* path, EnterPassword* enter, ByteString* publicBlob, evp_pkey_st*& key) {
     SecretBytes contents;
     if (int const failure = ReadFile(path, contents)) return failure;

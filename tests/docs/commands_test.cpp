@@ -1,4 +1,4 @@
-// No command in the documents is left to rot: each is run by another test, or names what is there.
+// No command in the documents goes out of date: each is run by another test, or names what exists.
 
 #include <unistd.h>
 
@@ -49,7 +49,8 @@ bool FindsTests(std::string const& option, std::string const& expression) {
     return list.find("Total Tests: 0\n") == std::string::npos;
 }
 
-/// Whether a program stands where the build puts it: a fuzz program, which clang++ alone makes, has a source.
+/// Whether a program is where the build puts it. For a fuzz program, which only clang++ builds, whether it
+/// has a source.
 bool IsBuilt(std::string const& path) {
     std::smatch match;
     if (std::regex_match(path, match, std::regex("build/fuzz/fuzz/fuzz_(.*)")))
@@ -58,7 +59,7 @@ bool IsBuilt(std::string const& path) {
            exists(BINARIES / match[1].str());
 }
 
-/// Whether the options of a Python program are among those of which its help tells.
+/// Whether the options of a Python program are documented in its help.
 bool HasOptions(std::string const& program, std::vector<std::string> const& words) {
     std::string const help = RunOrThrow({program, "--help"});
     for (std::string const& word : words)
@@ -137,7 +138,7 @@ TEST(DocumentedCommands, CommandThatNamesNothingIsDetected) {
         EXPECT_FALSE(NamesWhatIsThere(command)) << command;
 }
 
-// What has no fence is not seen here, or by whoever copies commands.
+// What has no fence is not checked here, and not copied as a command by readers.
 TEST(DocumentedCommands, BlocksAreFenced) {
     for (char const* file : DOCUMENTS)
         EXPECT_FALSE(std::regex_search(servers::ReadFile(SOURCES / file), std::regex("\n\n    "))) << file;

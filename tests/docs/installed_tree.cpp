@@ -21,7 +21,7 @@ void CopyTree(std::filesystem::path const& to) {
     }
 }
 
-/// The variables that have compilers go through ccache, whatever the directory is called this time.
+/// The variables that make compilers use ccache, regardless of the directory's name.
 std::vector<std::string> Cached() {
     return {"CMAKE_CXX_COMPILER_LAUNCHER=ccache",
             "CCACHE_BASEDIR=" + std::filesystem::temp_directory_path().string()};

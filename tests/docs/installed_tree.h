@@ -8,8 +8,8 @@
 
 namespace docs {
 
-/// A copy of this source tree, built and installed by the very commands that README.md shows, without a trace
-/// on the system: the copy lies in a directory of its own, DESTDIR leads what is installed into another,
+/// A copy of this source tree, built and installed by the exact commands that README.md shows, without a
+/// trace on the system: the copy is in a temporary directory, DESTDIR directs what is installed into another,
 /// apt-get simulates, and ldconfig works on that other directory.
 class InstalledTree {
 public:

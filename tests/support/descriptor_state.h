@@ -13,7 +13,7 @@
 #include <system_error>
 #include <vector>
 
-/// What this process knows of its descriptors.
+/// The state of this process's descriptors.
 namespace support {
 
 inline bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }

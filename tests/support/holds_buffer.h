@@ -5,7 +5,7 @@
 
 namespace support {
 
-/// Whether the buffer of a stream lies within an object.
+/// Whether the buffer of a stream is inside an object.
 template <class Object, class Stream>
 bool HoldsBuffer(Object const& object, Stream const& stream) {
     auto const* const begin = reinterpret_cast<char const*>(&object);

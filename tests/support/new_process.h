@@ -8,8 +8,8 @@
 
 namespace support {
 
-/// Runs a function in a process of its own, a copy of this one, for what is there once in a process. Returns
-/// its result, from 0 to 255, or -1 if it did not return.
+/// Runs a function in a separate process, a copy of this one, for what exists once in a process. Returns its
+/// result, from 0 to 255, or -1 if it did not return.
 template <class Function>
 int InNewProcess(Function const& function) {
     std::fflush(nullptr);

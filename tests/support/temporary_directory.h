@@ -9,7 +9,7 @@
 
 namespace support {
 
-/// A directory of this process alone, gone with everything in it when the object goes.
+/// A directory that only this process uses, removed with everything in it when the object is destroyed.
 class TemporaryDirectory {
 public:
     TemporaryDirectory() {

@@ -71,12 +71,13 @@ public:
         _master = -1;
     }
 
-    /// What has been read from the screen so far, without a wait.
+    /// What has been read from the screen so far, without blocking.
     std::string const& Screen() {
         while (Read(0)) continue;
         return _screen;
     }
-    /// All that has been written to the terminal before this call. REQUIRES: nobody writes to it meanwhile.
+    /// All that has been written to the terminal before this call. REQUIRES: nothing is written to it
+    /// meanwhile.
     std::string WholeScreen() {
         std::string const mark = "<end>";
         Write(_slave, mark);

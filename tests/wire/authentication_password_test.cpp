@@ -11,7 +11,7 @@ namespace {
 
 class AuthPassword : public AuthTest {
 protected:
-    /// Takes that many requests and refuses each.
+    /// Receives that many requests and refuses each.
     static Script RefuseRequests(int count) {
         return [count](Connection& c) {
             for (int i = 0; i < count; ++i) {
@@ -24,7 +24,7 @@ protected:
         c.ReadAuthRequest();
         c.SendAuthSuccess();
     }
-    /// The method alone, without the service.
+    /// Only the method, without the service.
     std::string Passwd(Script const& script) {
         return Run(script,
                    [this](AuthSession& session) { return session.AuthPasswd("tester", password, enter); });

@@ -19,7 +19,7 @@ class AuthKey : public AuthTest, protected SshDirectory {
 protected:
     AuthKey() { identity = Path("own"); }
 
-    /// Answers the query as it should be, then leaves the signed request to `answer`.
+    /// Answers the query correctly, then leaves the signed request to `answer`.
     Script AcceptQuery(Script const& answer) {
         return [this, answer](Connection& c) {
             AuthRequest const query = c.ReadAuthRequest();
@@ -41,7 +41,7 @@ protected:
     static Bytes PkOk(std::string const& algorithm, Bytes const& key) {
         return Writer().U8(USERAUTH_PK_OK).String(algorithm).String(key);
     }
-    /// The method alone, without the service.
+    /// Only the method, without the service.
     std::string Key(Script const& script) {
         return Run(script, [this](AuthSession& session) {
             return session.AuthKey(identity.c_str(), "tester", password, enter);

@@ -1,4 +1,4 @@
-// The frame of user authentication, RFC 4252: the service, "none", the walk over the methods, banners.
+// The frame of user authentication, RFC 4252: the service, "none", the order of the methods, banners.
 
 #include <gmock/gmock.h>
 
@@ -17,8 +17,8 @@ class AuthBanner : public AuthTest {};
 /// Logins that are tried although the connection has no keys.
 class AuthWithoutKeys : public AuthTest {
 protected:
-    /// What Authenticate came to after the client's call. The server follows the script, and nothing but what
-    /// that has taken may come from the client.
+    /// The result of Authenticate after the client's call. The server follows the script, and the client must
+    /// send only what the script has read.
     std::string Authenticate(Script const& script, std::function<void(AuthSession&)> const& client) {
         peer::ScriptedPeer peer(
             [&](Connection& c) {
@@ -204,7 +204,7 @@ TEST_F(AuthWithoutKeys, EachDirectionNeedsItsCipherAndItsMac) {
     }
 }
 
-// --- the walk over the methods
+// --- the order of the methods
 
 TEST_F(AuthWalk, EmptyListSendsNothingElse) {
     EXPECT_EQ(Login("", Nothing), "-1");

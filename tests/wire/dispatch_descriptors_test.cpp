@@ -93,7 +93,7 @@ private:
     std::string& _kept;
 };
 
-/// Makes such a channel, whatever its number in the table.
+/// Makes such a channel, regardless of its number in the table.
 class KeepingMaker : public cindral::SshChannelMakerBase {
 public:
     KeepingMaker(std::string& kept, unsigned int localId, int fd) : _kept(kept), _localId(localId), _fd(fd) {}
@@ -122,7 +122,7 @@ using WindowOnTheWire = LoopTest;
 /// Channels of the program's own on a TCP connection, into which "text" is written before each dispatch.
 class OwnChannel : public LoopTest {
 protected:
-    /// A session in which only `use` is of interest.
+    /// A session that only executes `use`.
     void Use(Client const& use) { EXPECT_EQ(Receive({ExitStatus(0)}, use), "-1"); }
 
     /// What the loop would do with the connection's descriptor now.

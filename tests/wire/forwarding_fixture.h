@@ -76,7 +76,7 @@ protected:
         EXPECT_EQ(OpenDescriptors(), _descriptors);
     }
 
-    /// As in LoopTest. What the server is to send to the running session alone comes after AwaitRun.
+    /// As in LoopTest. What the server sends only to the running session comes after AwaitRun.
     std::string Run(Script const& script, Client const& prepare = {}, Client const& inspect = {}) {
         _listening = {};
         _listener = _listening.get_future();

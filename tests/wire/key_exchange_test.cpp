@@ -273,7 +273,7 @@ TEST(GexInit, PublicValueIsInTheGroup) {
 }
 
 TEST(GexReply, InvalidPublicValuesOfTheServerAreRefused) {
-    // Each of these comes with the secret, the hash and the signature that belong to it.
+    // Each of these is sent with the matching secret, hash and signature.
     for (unsigned exponent : {0u, 1u, 2u, 7u, 8u, 160u, 1000u, 1023u})
         EXPECT_EQ(TryReply([&](Connection& c, GroupReply& reply) { ReplyWithExponent(c, reply, exponent); }),
                   "-1")

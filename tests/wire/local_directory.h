@@ -20,7 +20,7 @@
 
 #include "support/temporary_directory.h"
 
-/// A directory of the test's own and the files in it.
+/// A temporary directory and the files in it.
 class LocalDirectory : public support::TemporaryDirectory {
 public:
     String_t Name() const { return Path().c_str(); }
@@ -83,7 +83,7 @@ private:
     std::filesystem::path _before;
 };
 
-/// Has the thread obey the permissions of files as long as it lives, even if it is root's.
+/// While it lives, file permissions apply to the thread, even if it runs as root.
 class ObedientThread {
 public:
     ObedientThread() : _before(setfsuid(geteuid() == 0 ? 65534 : geteuid())) {}

@@ -19,7 +19,7 @@
 #include "wire/process_descriptors.h"
 #include "wire/test_session.h"
 
-/// A session with its loop's inside open to tests.
+/// A session that gives tests access to the internals of its loop.
 class LoopSession : public TestSession {
 public:
     using TestSession::TestSession;

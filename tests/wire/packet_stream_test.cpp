@@ -1,4 +1,4 @@
-// The binary packet format of RFC 4253, section 6, at its limits and with peers that break it.
+// The binary packet format of RFC 4253, section 6, at its limits and with peers that violate it.
 
 #include <sys/socket.h>
 
@@ -217,7 +217,7 @@ TEST(PacketMac, EachChangedByteIsDetected) {
 }
 
 TEST(PacketMac, EachChangedByteOfThePacketIsDetected) {
-    // A change in the length field, or in its block in CBC, ends in whatever the length then reads as.
+    // The effect of a change in the length field, or in its block in CBC, depends on the resulting length.
     for (auto const& [cipher, first] :
          {std::pair<char const*, std::size_t>{"aes128-ctr", 4}, {"3des-cbc", 8}}) {
         for (std::size_t i = first; i < 32; ++i) {

@@ -1,5 +1,5 @@
 // The scripted peer is checked against the OpenSSH client, so that its key exchange, packets and
-// signatures are known to be right before the library is measured by it.
+// signatures are known to be correct before the library is tested against it.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -24,7 +24,7 @@
 
 using support::Pattern;
 
-/// A session that lets tests see and call what programs can't.
+/// A session that gives tests access to protected members.
 class ScpClient : public cindral::ScpSession {
 public:
     explicit ScpClient(std::uint16_t port) : ScpSession(port, "127.0.0.1") {}
@@ -57,8 +57,8 @@ public:
         _connection.SendData(replaced ? _replacement : bytes);
     }
     void Acknowledge() { Send(std::string(1, '\0')); }
-    /// In place of any further message: a packet the MAC of which never comes. REQUIRES: the client has
-    /// nothing more to send before it reads, or it would learn of the end by that.
+    /// In place of any further message: a packet whose MAC never arrives. REQUIRES: the client has nothing
+    /// more to send before it reads, as it would otherwise notice the end then.
     void Break() {
         peer::Bytes const packet = _connection.Encode(Data("\1"));
         _connection.SendRaw(peer::Slice(packet, 0, packet.size() - 20));
@@ -84,7 +84,7 @@ public:
         if (Read(1)[0] != 0) throw peer::PeerError("no acknowledgement");
     }
 
-    /// Takes a file, if all goes well.
+    /// Receives a file; all goes well.
     void TakeFile(std::size_t size) {
         ReadLine();
         Acknowledge();
@@ -92,7 +92,7 @@ public:
         ExpectAcknowledgement();
         Acknowledge();
     }
-    /// Gives a file, if all goes well.
+    /// Sends a file; all goes well.
     void GiveFile(std::string const& head, std::string const& body) {
         ExpectAcknowledgement();
         Send(head);
@@ -110,7 +110,7 @@ private:
     std::size_t _sent = 0; ///< messages
 };
 
-/// Transfers from and to a directory of the test's own. The server's number of the channel is 42.
+/// Transfers from and to a temporary directory. The server's number of the channel is 42.
 class ScpTest : public AppTest {
 protected:
     /// The outcome of the client's call, after a login; the server's script begins at the opening of the

@@ -18,7 +18,7 @@ bool fstatFails = false;
 
 } // namespace
 
-/// In place of the C library's, for the library under test alone calls it.
+/// Replaces the function of the C library, which only the library under test calls.
 extern "C" int fstat64(int fd, struct stat64* status) noexcept {
     if (!fstatFails) return fstatat64(fd, "", status, AT_EMPTY_PATH);
     errno = EIO;

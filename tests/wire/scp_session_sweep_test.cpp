@@ -1,5 +1,5 @@
 // Transfers with the connection cut after each byte of either side in turn, and with each message of the
-// server's and each answer of the remote program replaced by others: the result or exception says so, and
+// server's and each answer of the remote program replaced by others: the result or exception reports it, and
 // nothing stays open.
 
 #include "wire/scp_fixture.h"
@@ -8,7 +8,7 @@ using namespace peer;
 
 namespace {
 
-/// What the remote program says to the client, among its messages.
+/// What the remote program sends to the client, among the server's messages.
 struct Answer {
     std::size_t position;
     std::string bytes;
@@ -55,8 +55,8 @@ class ScpSweep : public ScpTest, public testing::WithParamInterface<Direction> {
 protected:
     ScpSweep() { directory.Store("sent", "hello"); }
 
-    /// The outcome of the transfer with a server that is changed first. It ends the stream when it has come
-    /// to the end of its patience.
+    /// The outcome of the transfer with a server that is changed first. It ends the stream after its time
+    /// limit.
     std::string Transfer(
         std::function<void(Connection&)> const& change,
         std::function<void(RemoteScp&)> const& changeRemote = [](RemoteScp&) {}) {
@@ -102,7 +102,7 @@ TEST_P(ScpSweep, CutAfterEachByteOfTheServer) {
         ended = false;
         std::string const outcome =
             Transfer([n](Connection& c) { c.Wire().faults.cutAfterSent = c.Wire().SentCount() + n; });
-        // What is missing of a packet reads as zeros, and so does the last acknowledgement.
+        // The missing part of a packet reads as zeros, and so does the last acknowledgement.
         bool const mayPass = n > lastBegins;
         EXPECT_TRUE(IsFailure(outcome) || (mayPass && outcome == "0")) << n << ": " << outcome;
         EXPECT_FALSE(ended);

@@ -58,7 +58,7 @@ Dialogue Peek(std::string const& path, std::vector<std::string> const& entries) 
     return {{OpenDir(path), Opened("h")}, {ReadDir("h"), Names(entries)}, {Close("h"), Done()}};
 }
 
-/// Makes a call on a thread of its own, with a stack of so many bytes.
+/// Makes a call on a separate thread, with a stack of so many bytes.
 void CallWithStack(std::size_t size, std::function<void()> call) {
     pthread_attr_t attributes;
     pthread_t thread;
@@ -135,7 +135,7 @@ TEST_F(SftpGlob, DirectoryIsItsOwnMatch) {
     names.Clear();
     EXPECT_EQ(Glob(Listing("/", {}), "/"), "1 /");
     names.Clear();
-    // Even one whose name is a pattern, or is not tidy.
+    // Even one whose name is a pattern, or is not normalised.
     EXPECT_EQ(Glob(Listing("/a/*", {}), "/a/*"), "1 /a/*");
     names.Clear();
     EXPECT_EQ(Glob(Listing("/a/../b/", {}), "/a/../b/"), "1 /a/../b/");
@@ -304,7 +304,7 @@ TEST_F(SftpGlob, ReadDirOfAFinishedReaderReturnsNone) {
     EXPECT_EQ(ReadInto(Listing("/a", {}), "", "/a", [](auto& reader) { reader.Close(); }), "0");
 }
 
-// The directory that a relative pattern is taken against is known to the server alone.
+// Only the server knows the directory that a relative pattern is resolved against.
 TEST_F(SftpGlob, DeepPathsNeedNoDeepStack) {
     std::string path;
     Dialogue dialogue;

@@ -1,4 +1,4 @@
-// SftpClientSession: transfers that the server refuses and such as fail on this side.
+// SftpClientSession: transfers that the server refuses and transfers that fail locally.
 
 #include <sys/mman.h>
 
@@ -245,7 +245,7 @@ TEST_F(SftpTransferFailures, ReplyToTheCloseOfASendIsIgnored) {
     EXPECT_EQ(StatusText(status), "0 done en");
 }
 
-// --- what fails here
+// --- local failures
 
 TEST_F(SftpTransferFailures, UnwritableFileSendsNothing) {
     local.Store("copy", "before", 0444);

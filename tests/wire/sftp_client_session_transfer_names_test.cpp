@@ -50,7 +50,7 @@ private:
     bool _read = false;
 };
 
-/// The name of an entry, what comes of it and the file that is made for it.
+/// The name of an entry, the outcome and the file that is created for it.
 struct HostileName {
     std::string name;
     std::string outcome;
@@ -73,7 +73,7 @@ protected:
     std::string Copied(AnyName files, Copy const& copy) {
         return TransferWith([&](RemoteSftp& remote) { files.Serve(remote); }, copy);
     }
-    /// What is new is that file in "to", and all else is as it was.
+    /// The only new file is that one in "to", and everything else is unchanged.
     void ExpectOnly(std::optional<std::string> const& file) {
         std::map<std::string, std::string> expected = before;
         if (file) expected["to/" + *file] = "666 text";

@@ -1,5 +1,5 @@
 // SftpClientSession: a get and a put with the connection cut after each byte of either side in turn, and with
-// each reply of the server replaced by others: the result or exception says so, and nothing stays open.
+// each reply of the server replaced by others: the result or exception reports it, and nothing stays open.
 
 #include "support/descriptor_state.h"
 #include "wire/sftp_transfer_fixture.h"
@@ -10,7 +10,7 @@ using peer::PacketRecord;
 
 namespace {
 
-/// Those of all messages, and such as none has.
+/// The types of all messages, and some that no message has.
 unsigned const replyTypes[] = {0,   1,   2,   3,   4,   5,   6,   7,   8,   9,   10, 11,
                                12,  13,  14,  15,  16,  17,  18,  19,  20,  21,  99, 100,
                                101, 102, 103, 104, 105, 106, 127, 128, 200, 201, 255};
@@ -78,7 +78,7 @@ protected:
     static std::size_t EndOf(PacketRecord const& packet) {
         return packet.streamOffset + packet.raw.size() + packet.mac.size();
     }
-    /// Nothing but the file that is made by a get is new, and it is no more than the whole.
+    /// The only new file is the one that a get creates, and it is no longer than the original.
     void ExpectFiles() {
         EXPECT_EQ(local.Stored("f"), "world");
         std::string const copy = local.Stored("copy");
@@ -87,7 +87,7 @@ protected:
         std::filesystem::remove(local / "copy");
     }
 
-    /// What other outcome a transfer may have if the stream ends within the n-th reply. What is missing of a
+    /// What other outcome a transfer may have if the stream ends within the n-th reply. The missing part of a
     /// packet reads as zeros: as an empty handle, no data or a code that is a success.
     static std::string LenientOutcome(std::size_t n) {
         if (n == 0) return "-1";
@@ -154,7 +154,7 @@ TEST_P(SftpTransferSweep, EachReplyAsEveryOtherType) {
             types.push_back(type);
             dialogue.insert(dialogue.end(), whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(n));
             dialogue.push_back({whole[n].request, Message(type, peer::Writer().String("h").U32(0))});
-            // Nothing is open until a handle has come, and a close is not tried twice.
+            // Nothing is open until a handle has arrived, and a close is not tried twice.
             if (n > 0 && !isClose) dialogue = dialogue + Closing();
         }
         std::vector<std::string> outcomes;

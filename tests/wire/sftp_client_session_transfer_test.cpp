@@ -1,4 +1,4 @@
-// SftpClientSession: which names the operations of a transfer take, and what they do besides.
+// SftpClientSession: which names the operations of a transfer use, and their side effects.
 
 #include <cerrno>
 

@@ -16,7 +16,7 @@ Dialogue Matching(std::string const& pattern, std::vector<std::string> const& en
     return NoDirectory("/home/u/" + pattern) + Listing("/home/u", entries);
 }
 
-/// An operation on each match, with one request a name.
+/// An operation on each match, with one request for each name.
 struct Operation {
     char const* name;
     std::function<Message(std::string const&)> request;

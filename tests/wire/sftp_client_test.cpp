@@ -1,4 +1,4 @@
-// A conversation of SFTP over an encrypted connection, and what becomes of it when the connection is cut.
+// An SFTP dialogue over an encrypted connection, and its outcome when the connection is cut.
 
 #include <brantle/sftp/sftp_client.h>
 
@@ -57,7 +57,7 @@ std::string Converse(std::uint16_t port, std::function<int(SftpClient&, SftpStat
     });
 }
 
-/// Fetches a file: the version, what it holds and how it was closed, or else what broke.
+/// Fetches a file: the version, its contents and how it was closed, or else the failure.
 std::string Fetch(std::uint16_t port) {
     std::string fetched;
     std::string const outcome = Converse(port, [&](SftpClient& client, SftpStatus& status) {
@@ -245,7 +245,7 @@ TEST(SftpWire, CutAfterEachByteOfTheRepliesIsAnError) {
         Faults faults;
         faults.cutAfterSent = n;
         std::string const outcome = server.Run(faults);
-        // In the last packet what is missing reads as zeros, and so do zeros and padding of no matter.
+        // In the last packet the missing part reads as zeros, and so do zeros and padding that is ignored.
         if (n < last.streamOffset + last.blockSize || outcome != done) {
             EXPECT_THAT(outcome, HasSubstr("Error: "));
         }

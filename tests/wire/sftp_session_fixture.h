@@ -17,7 +17,7 @@
 #include "support/descriptor_state.h"
 #include "wire/apps_fixture.h"
 
-/// A session that lets tests see and call what programs can't.
+/// A session that gives tests access to protected members.
 class SftpProgram : public cindral::SftpClientSession {
 public:
     explicit SftpProgram(std::uint16_t port) : SftpClientSession(port, "127.0.0.1") {}
@@ -29,14 +29,14 @@ public:
     using SftpClientSession::_remoteHome;
 };
 
-/// The messages of draft-ietf-secsh-filexfer-02, byte for byte, but for their ids.
+/// The messages of draft-ietf-secsh-filexfer-02, byte for byte, except their ids.
 namespace sftp {
 
 /// A message that awaits its id.
 class Message {
 public:
     Message(unsigned type, peer::Bytes fields) : _type(type), _fields(std::move(fields)) {}
-    /// One that is these bytes, whatever id is due.
+    /// One that is these bytes, regardless of the id expected.
     explicit Message(peer::Bytes payload) : _isWhole(true), _fields(std::move(payload)) {}
 
     unsigned Type() const { return Payload(0).at(0); }
@@ -50,7 +50,7 @@ private:
     peer::Bytes _fields;
 };
 
-/// A request that is expected and what is answered.
+/// An expected request and the reply to it.
 struct Exchange {
     Message request;
     Message reply;
@@ -129,7 +129,7 @@ inline Message Names(std::vector<std::string> const& names, peer::Bytes const& a
 }
 inline Message Attrs(peer::Bytes const& attrs) { return {105, attrs}; }
 
-/// One of each type, and such as no reply has.
+/// One of each type, and some that are no reply.
 inline std::map<unsigned, Message> Replies() {
     return {
         {2, Message(2, {})},     {101, Status(4)},        {102, Opened("h")},
@@ -174,7 +174,8 @@ inline Dialogue Beginning(std::string_view home = "/home/u") {
     };
 }
 
-/// What a directory is read with whose names come in one reply. The handle is "d", then its path.
+/// The dialogue in which a directory is read whose names arrive in one reply. The handle is "d", then its
+/// path.
 inline Dialogue Listing(std::string const& path, std::vector<std::string> const& names,
                         peer::Bytes const& attrs = NoAttrs()) {
     Dialogue listing{{OpenDir(path), Opened("d" + path)}};
@@ -183,7 +184,7 @@ inline Dialogue Listing(std::string const& path, std::vector<std::string> const&
     listing.push_back({Close("d" + path), Done()});
     return listing;
 }
-/// What comes of a path that is no directory.
+/// The dialogue for a path that is not a directory.
 inline Dialogue NoDirectory(std::string_view path) { return {{OpenDir(path), Status(2, "no directory")}}; }
 
 } // namespace sftp
@@ -228,7 +229,7 @@ public:
             Reply(exchange.reply);
         }
     }
-    /// The client has nothing more to say, and will get no answer if it has.
+    /// The client must send nothing more; it would get no reply.
     void End() {
         _connection.Wire().ShutdownWrite();
         try {
@@ -269,8 +270,8 @@ protected:
     using Call = std::function<int(SftpProgram&)>;
     using RemoteScript = std::function<void(RemoteSftp&)>;
 
-    /// The outcome of the call in a session that has started. The client must say what is in the dialogue and
-    /// nothing else.
+    /// The outcome of the call in a session that has started. The client must send exactly the requests of
+    /// the dialogue.
     std::string Run(sftp::Dialogue const& dialogue, Call const& call) {
         return RunWith([dialogue](RemoteSftp& remote) { remote.Follow(dialogue); }, call);
     }
@@ -311,9 +312,9 @@ protected:
         return outcome;
     }
 
-    /// Replaces each reply of a dialogue by each that its request does not have: that breaks the
-    /// conversation. `tail` is what the client says all the same after that exchange. What closes a file in
-    /// passing is passed over.
+    /// Replaces each reply of a dialogue by each type that its request does not have, which ends the session.
+    /// `tail` is what the client still sends after that exchange. Requests that only close a file are
+    /// skipped.
     void ExpectViolations(sftp::Dialogue const& dialogue, Call const& call,
                           std::function<sftp::Dialogue(std::size_t)> const& tail = {}) {
         std::string const expected = Run(dialogue, call);

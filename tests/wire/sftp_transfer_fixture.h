@@ -28,7 +28,7 @@ inline std::uint32_t Code(std::int32_t code) { return static_cast<std::uint32_t>
 
 inline Dialogue Closing() { return {{Close("h"), Done()}}; }
 
-/// What a remote file is read with that goes well. The handle is "h".
+/// The dialogue in which a remote file is read successfully. The handle is "h".
 inline Dialogue Fetching(std::string_view path, std::string_view text, std::uint32_t mode = 0644) {
     Dialogue fetching{{Open(path, READING), Opened("h")},
                       {Fstat("h"), Attrs(AllAttrs(text.size(), 0, 0, REGULAR | mode))}};
@@ -37,14 +37,14 @@ inline Dialogue Fetching(std::string_view path, std::string_view text, std::uint
     fetching.push_back({Read("h", text.size(), READ_SIZE), Status(1, "end")});
     return fetching + Closing();
 }
-/// What a remote file is written with that goes well.
+/// The dialogue in which a remote file is written successfully.
 inline Dialogue Storing(std::string_view path, std::string_view text, std::uint32_t mode = 0644) {
     Dialogue storing{{Open(path, WRITING), Opened("h")}, {SetFstat("h", Mode(REGULAR | mode)), Done()}};
     for (std::size_t at = 0; at < text.size(); at += WRITE_SIZE)
         storing.push_back({Write("h", at, text.substr(at, WRITE_SIZE)), Done()});
     return storing + Closing();
 }
-/// What comes of a file that the server does not open.
+/// The dialogue for a file that the server does not open.
 inline Dialogue Refusing(std::string_view path, std::uint32_t flags) {
     return {{Open(path, flags), Status(3, "denied")}, {Close(""), Status(4, "no handle")}};
 }
@@ -52,8 +52,8 @@ inline Dialogue Removing(std::string_view path) { return {{Remove(path), Done()}
 
 } // namespace sftp
 
-/// Transfers between a scripted server and a directory of the test's own, the session's local current one.
-/// The working directory of the process is another.
+/// Transfers between a scripted server and a temporary directory, the session's local current one. The
+/// working directory of the process is a different one.
 class SftpTransferTest : public SftpSessionTest {
 protected:
     std::string Transfer(sftp::Dialogue const& dialogue, Call const& call) {

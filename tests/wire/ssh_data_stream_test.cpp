@@ -10,7 +10,7 @@ using testing::ElementsAre;
 
 namespace {
 
-/// A session with streams that are there before its channel is, as programs have them.
+/// A session with streams that exist before its channel, as in programs.
 class StreamSession : public TestSession {
 public:
     using TestSession::TestSession;
@@ -158,6 +158,6 @@ TEST_F(DataStreams, NoRequestWaitsForATcpAcknowledgement) {
                       return static_cast<int>(session.input.Status());
                   }),
               "0");
-    // The kernel gives up holding back after 200 ms, in which this process may not have run.
+    // The kernel stops holding back data after 200 ms, in which this process may not have run.
     EXPECT_LE(waited, 1);
 }

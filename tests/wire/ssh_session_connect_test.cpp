@@ -1,4 +1,4 @@
-// The TCP side of a session's set-up and what is left of it on the way out.
+// The TCP side of setting up a session, and its clean-up.
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -88,7 +88,7 @@ TEST(SessionConnect, ServerThatSendsNoLineBlocks) {
         TestSession session(server.Port());
         auto connected = std::async(std::launch::async, [&] { return session.Connect(1); });
         EXPECT_EQ(connected.wait_for(std::chrono::milliseconds(1500)), std::future_status::timeout)
-            << "the time limit is for the TCP connection alone";
+            << "the time limit is only for the TCP connection";
         sendLine.set_value();
         EXPECT_EQ(connected.get(), 0);
     }

@@ -147,7 +147,7 @@ TEST(Identification, SingleByteSegmentsMakeNoDifference) {
 }
 
 TEST(Identification, RefusedConnectionIsANegatedErrno) {
-    // A port that is taken, so that nobody else gets it, but not listened on.
+    // A port that is bound, so that no other process gets it, but not listened on.
     int const taken = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;

@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <string>
 
-/// Joins descriptor 0 of the process to a prepared input and descriptor 1 to a file, as long as it lives.
+/// Attaches descriptor 0 of the process to a prepared input and descriptor 1 to a file, as long as it lives.
 class StandardStreams {
 public:
     /// The input ends after the text; without a text it stays open and silent.

@@ -25,7 +25,7 @@ inline sockaddr_in Loopback(std::uint16_t port) {
     return address;
 }
 
-/// The own port of a socket.
+/// The local port of a socket.
 inline std::uint16_t PortOf(int fd) {
     sockaddr_in address{};
     socklen_t size = sizeof address;
@@ -89,7 +89,7 @@ public:
         return bytes;
     }
     std::string ReceiveAll() const { return Receive(std::string::npos); }
-    /// Waits for the other end's next sign of life; whether that is its end, with or without a reset.
+    /// Waits for the next event of the other end. Returns whether that is its end, with or without a reset.
     bool IsClosedByPeer() const {
         char byte;
         ssize_t const n = recv(_fd, &byte, 1, 0);
@@ -142,7 +142,7 @@ private:
     int _fd;
 };
 
-/// A port that nobody listens on.
+/// A port that no process listens on.
 inline std::uint16_t FreePort() { return Service().Port(); }
 
 } // namespace tcp

@@ -14,7 +14,7 @@ using testing::HasSubstr;
 
 namespace {
 
-/// Sends bytes through a connection on another thread, as far as they are taken.
+/// Sends bytes through a connection on another thread, as long as they are accepted.
 class Sender {
 public:
     Sender(tcp::End const& end, std::string bytes)
@@ -121,7 +121,7 @@ TEST_P(ForwardedExchange, CutAfterEachByteOfTheServer) {
         Faults faults;
         faults.cutAfterSent = n;
         std::string const outcome = RunWith(faults);
-        // What is missing of the last packet reads as zeros, and so does a status of zero.
+        // The missing part of the last packet reads as zeros, and so does a status of zero.
         EXPECT_TRUE(IsException(outcome) || (n >= lastBlock && outcome == "-1")) << n << ": " << outcome;
     }
 }
@@ -172,7 +172,7 @@ TEST_F(ForwardingFaults, TruncatedConfirmationIsSurvived) {
     }
 }
 
-// --- one end of a channel goes in the middle
+// --- one end of a channel is closed in the middle
 
 TEST_F(ForwardingFaults, LocalEndClosesWhileDataIsInFlight) {
     EXPECT_EQ(Run(

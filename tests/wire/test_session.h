@@ -12,7 +12,7 @@
 #include "support/peer/scripted_peer.h"
 #include "support/text.h"
 
-/// A session to a scripted peer that lets tests see and call what programs can't.
+/// A session to a scripted peer that gives tests access to protected members.
 class TestSession : public cindral::SshSession {
 public:
     explicit TestSession(std::uint16_t port) : SshSession(CLIENT, port, String_t("127.0.0.1")) {}
@@ -63,7 +63,7 @@ inline std::string Outcome(std::function<int()> const& call) {
     }
 }
 
-/// Connects, exchanges keys and closes: what KeyExchange came to.
+/// Connects, exchanges keys and closes: the result of KeyExchange.
 inline std::string ExchangeKeys(std::uint16_t port) {
     TestSession session(port);
     EXPECT_EQ(session.Connect(10), 0);

@@ -1,6 +1,6 @@
-// Whole sessions with a server that speaks the protocol in all but one byte: each byte of its packets is
-// changed in turn, and each packet sent under every other message number, ahead of MAC and encryption, so
-// that it is for decoders and handlers to see. The session must end, in a result or exception of the library.
+// Whole sessions with a server that follows the protocol in all but one byte: each byte of its packets is
+// changed in turn, and each packet sent under every other message number, before MAC and encryption, so that
+// it reaches decoders and handlers. The session must end, in a result or exception of the library.
 
 #include <algorithm>
 #include <filesystem>
@@ -21,7 +21,7 @@ std::size_t const paddingLengthAt = 4;
 std::size_t const payloadAt = 5;
 unsigned const lastMessageNumber = 101;
 
-/// One byte of the plain text of one packet, and what becomes of it.
+/// A change of one byte of the plain text of one packet.
 struct Change {
     std::uint32_t sequence;
     std::size_t at;
@@ -161,7 +161,7 @@ protected:
     }
     void TearDown() override { EXPECT_EQ(OpenDescriptors(), _descriptors); }
 
-    /// The methods differ in the packets of the login alone; with "password" all others are swept, too.
+    /// The methods differ only in the packets of the login; with "password" all others are swept, too.
     bool IsSwept(PacketRecord const& packet) const {
         bool const ofLogin = packet.Type() >= USERAUTH_REQUEST && packet.Type() < GLOBAL_REQUEST;
         return ofLogin || _method == "password";
@@ -224,7 +224,7 @@ TEST_P(MaliciousSweep, EachPacketUnderEveryOtherNumber) {
     }
     Run(changes, [this](Change const& change, std::string const& outcome) {
         EXPECT_TRUE(IsAnEnd(outcome)) << outcome << " after " << change;
-        // The open channel bears messages that are missing; what comes before it, or ends it, is waited for.
+        // The open channel tolerates missing messages; what comes before it, or ends it, is waited for.
         if (change.sequence <= _openedBy || change.sequence == _packets.back().sequence) {
             EXPECT_NE(outcome, done) << "after " << change;
         }

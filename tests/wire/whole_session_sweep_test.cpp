@@ -1,5 +1,6 @@
 // A whole session with the connection cut after each byte in turn, and with each byte of the server's
-// changed in turn: it must end in a result or exception that says so, and never as if nothing had been.
+// changed in turn: it must end in a result or exception that reports it, and never as if nothing had
+// happened.
 
 #include <mutex>
 
@@ -63,7 +64,7 @@ public:
         return RunSession(_server.Port());
     }
 
-    /// Ends the server. The first connection, which had no faults, shows what is where.
+    /// Ends the server. The first connection, which had no faults, gives the positions.
     Connection const& Finish(std::size_t sessions) {
         _server.Join(sessions + 1);
         return _server.At(0);
@@ -145,7 +146,7 @@ TEST_P(Sweep, CutAfterEachByteOfTheServer) {
         if (inLast && n >= packet->streamOffset + packet->raw.size()) {
             EXPECT_EQ(outcome, done);
         } else if (inLast && n >= packet->streamOffset + packet->blockSize) {
-            // What is missing reads as zeros, and so do a status of zero and padding that is not checked.
+            // The missing part reads as zeros, and so do a status of zero and padding that is not checked.
             EXPECT_TRUE(IsRefusal(outcome) || outcome == done) << outcome;
         } else if (!packet || n < packet->streamOffset + 4 ||
                    n >= packet->streamOffset + packet->raw.size()) {

@@ -1,6 +1,5 @@
-// Every byte of whole sessions as the server sees them: what the client sends is built here a second
-// time from the messages that are due and compared with the stream; random cookies and padding alone are
-// taken from it.
+// Every byte of whole sessions as the server sees them: what the client sends is built here a second time
+// from the expected messages and compared with the stream; only random cookies and padding are taken from it.
 
 #include <sys/stat.h>
 

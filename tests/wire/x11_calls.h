@@ -1,7 +1,7 @@
 #ifndef TESTS_WIRE_X11_CALLS_H
 #define TESTS_WIRE_X11_CALLS_H
 
-/// What is to go wrong in the system calls of this process with a connection to an X server.
+/// The failures of this process's system calls on a connection to an X server.
 struct X11Calls {
     /// The wait for a socket to take data, 60 ms: how often it was made, and its result in place of the
     /// true one.

@@ -16,7 +16,7 @@
 
 using support::OpenDescriptors;
 
-/// A session with X11 forwarding open to tests.
+/// A session that gives tests access to X11 forwarding.
 class X11Session : public LoopSession {
 public:
     using LoopSession::LoopSession;
@@ -61,7 +61,7 @@ public:
         answer.U32();
         return answer.U32();
     }
-    /// What a client sends first that shows the cookie it was given.
+    /// The first message of a client that presents the cookie it was given.
     x11::SetupMessage Setup(char order = 'l') const {
         x11::SetupMessage message;
         message.order = order;
@@ -98,7 +98,7 @@ private:
     peer::Connection& _connection;
 };
 
-/// Sessions that forward X11 to a display of the test's. The session channel has the number 42 at the server.
+/// Sessions that forward X11 to a display of the test. The session channel has the number 42 at the server.
 class X11Test : public testing::Test {
 protected:
     using Script = std::function<void(peer::Connection&, X11Peer&)>;

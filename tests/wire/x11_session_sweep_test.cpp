@@ -1,5 +1,5 @@
 // An X client's connection with the SSH connection, or that to the X server, cut after each byte in turn: the
-// session ends in a result or exception that says so, and nothing stays open.
+// session ends in a result or exception that reports it, and nothing stays open.
 
 #include "wire/x11_fixture.h"
 

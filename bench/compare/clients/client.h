@@ -169,7 +169,7 @@ static inline void write_all(int fd, char const* bytes, size_t size) {
     }
 }
 
-// Announces that the session stands, and waits for the end of standard input.
+// Announces that the session is established, and waits for the end of standard input.
 static inline void hold_until_end_of_input(void) {
     char byte;
     printf("READY\n");

@@ -21,7 +21,7 @@ public:
 };
 
 /// The table of a session's channels. It owns them, assigns their local numbers from 0 upwards without ever
-/// reusing one, and silently drops whatever is addressed to an unknown number. Used on the thread that runs
+/// reusing one, and silently drops everything addressed to an unknown number. Used on the thread that runs
 /// the session.
 class BRANTLE_API SshChannelMgr {
 public:

@@ -49,7 +49,7 @@ public:
     unsigned int const& _windowSize;
 };
 
-/// Reads the data of the peer's CHANNEL_DATA messages, whatever their channel number.
+/// Reads the data of the peer's CHANNEL_DATA messages, regardless of their channel number.
 ///
 /// There is no end of file: the protocol on the channel has to define where its data ends. WINDOW_ADJUST and
 /// channel requests, "exit-status" among them, are skipped; on any other message, CHANNEL_EOF and

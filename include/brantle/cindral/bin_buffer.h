@@ -20,7 +20,7 @@ public:
     static unsigned int WriteShort(std::ostream& out, unsigned short value);
     static unsigned int WriteInt(std::ostream& out, unsigned int value);
     static unsigned int WriteLong(std::ostream& out, unsigned long long value);
-    /// The bytes alone, without a length.
+    /// Only the bytes, without a length.
     static unsigned int WriteString(std::ostream& out, unsigned char const* data, unsigned int size);
     /// A 32-bit length, then the bytes.
     static unsigned int WriteByteString(std::ostream& out, ByteString const& value);

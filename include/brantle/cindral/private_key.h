@@ -56,7 +56,7 @@ public:
     /// Passphrase and decrypted bytes are wiped.
     int Read(char const* path, EnterPassword& enter);
 
-    /// Reads a key file with a key of whatever type, ed25519 and ecdsa included, into an OpenSSL key that the
+    /// Reads a key file with a key of any type, ed25519 and ecdsa included, into an OpenSSL key that the
     /// caller frees with `EVP_PKEY_free`; everything else is as in `Read`. `publicBlob` gets the key blob of
     /// the public half, which a "BEGIN OPENSSH PRIVATE KEY" file holds unencrypted, also when the result is a
     /// failure; it is empty for the PEM forms. `enter` may be null, and an encrypted key then gives

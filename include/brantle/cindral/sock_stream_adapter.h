@@ -11,7 +11,7 @@ namespace cindral {
 ///
 /// A Fill() asks the layer for a whole buffer, so a layer without an end, such as a bare socket, needs
 /// another one in between that defines where the data ends. An end is not final: if the layer has more data
-/// later, reading continues, whatever the status. The layer must outlive the adapter.
+/// later, reading continues, regardless of the status. The layer must outlive the adapter.
 class CINDRAL_API ISockStreamAdapter : public ISockStream {
 public:
     explicit ISockStreamAdapter(CascadableStreamBuf& layer);

@@ -7,8 +7,8 @@
 
 namespace cindral {
 
-/// What may stand in the place of a session's framing: both packet streams go through the filter that is set
-/// in them, and then frame, encrypt and count nothing themselves.
+/// Replaces a session's framing: both packet streams go through the filter that is set in them, and then
+/// frame, encrypt and count nothing themselves.
 class BRANTLE_API PacketFilter {
 public:
     PacketFilter() = default;

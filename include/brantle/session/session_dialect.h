@@ -13,7 +13,7 @@ class PacketFilter;
 /// dialect a session speaks as its own contracts say.
 ///
 /// A dialect is attached before Connect and outlives the last call on the session. Every operation is called
-/// by the session alone, on its thread.
+/// only by the session, on its thread.
 class BRANTLE_API SessionDialect {
 public:
     SessionDialect(SessionDialect const&) = delete;

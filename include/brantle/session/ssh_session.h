@@ -103,8 +103,8 @@ public:
     static void SetNodelay(int fd);
 
     /// Connects within `timeout` seconds and exchanges identification lines (RFC 4253, section 4.2): reads
-    /// the server's first line without checking it, then sends the client's, terminated by a line feed alone.
-    /// Returns 0 or a negated errno value. The wait for the server's line has no limit.
+    /// the server's first line without checking it, then sends the client's, terminated by a single line
+    /// feed. Returns 0 or a negated errno value. The wait for the server's line has no limit.
     int Connect(unsigned int timeout);
 
     /// Negotiates algorithms, runs the group exchange (RFC 4253, section 7; RFC 4419), checks the
@@ -350,7 +350,7 @@ protected:
     ClientSocketIn _socket;
     int _fd = -1; ///< the connected socket
 private:
-    /// On destruction, closes `_fd`, whatever its value then.
+    /// On destruction, closes `_fd` with the value that it has then.
     struct SocketCloser {
         int const& _fd;
         ~SocketCloser();
@@ -379,7 +379,7 @@ protected:
     AutoPtr<X11Forwarding> _x11; ///< null while X11 is not forwarded
     IOMultiplexer _mux;
     IOMultiplexerTask _task;
-    SessionDialect* _dialect = nullptr; ///< another way to speak with the server; not owned
+    SessionDialect* _dialect = nullptr; ///< replaces the communication with the server if not null; not owned
 
 private:
     /// The end of both kinds of exchange: checks the server's reply, then computes the hash and the keys.

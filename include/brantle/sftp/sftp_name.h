@@ -9,7 +9,7 @@
 
 namespace cindral {
 
-/// A directory entry as the server sends it. The texts are stored unchanged, whatever they contain.
+/// A directory entry as the server sends it. The texts are stored unchanged and unchecked.
 class BRANTLE_API SftpName {
 public:
     String_t _filename;

@@ -68,7 +68,7 @@ unsigned int RawAgent::Connections() const {
 
 void RawAgent::Run() {
     for (;;) {
-        // accept4 takes the lowest free number before it waits; no test shall find one gone so early.
+        // accept4 takes the lowest free number before it waits; no test should find that number in use.
         pollfd waiting = {_listener, POLLIN, 0};
         poll(&waiting, 1, -1);
         int const fd = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);

@@ -11,7 +11,7 @@
 
 namespace support {
 
-/// A key agent on a Unix socket that answers with whatever bytes the test gives it, framing included. It
+/// A key agent on a Unix socket that answers with the bytes that the test gives it, framing included. It
 /// serves one connection at a time.
 class RawAgent {
 public:

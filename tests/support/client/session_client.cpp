@@ -44,7 +44,7 @@ std::ostream& operator<<(std::ostream& out, Report const& report) {
 void WaitUntil(servers::ChildProcess& process, std::function<bool()> const& condition) {
     auto const limit = std::chrono::steady_clock::now() + WAIT_LIMIT;
     for (;;) {
-        // Asked first: what a process does last still counts.
+        // Checked before the condition, so that the last action of a process still counts.
         bool const isRunning = process.IsRunning();
         if (condition()) return;
         if (!isRunning) throw std::runtime_error("the program ended too early");
@@ -69,7 +69,7 @@ SessionClient& SessionClient::WithKey(std::string const& name, std::string const
 }
 
 SessionClient& SessionClient::WithKeyInAgent(std::string const& name, servers::SshAgent const& agent) {
-    // Away from the private key, which would do as well.
+    // Away from the private key, which would be used otherwise.
     std::filesystem::copy_file(_server.File(name + ".pub"), File(name + ".pub"));
     _environment.push_back("SSH_AUTH_SOCK=" + agent.Socket());
     return Set("identity", File(name));

@@ -32,9 +32,9 @@ std::ostream& operator<<(std::ostream& out, Report const& report);
 /// after a minute.
 void WaitUntil(servers::ChildProcess& process, std::function<bool()> const& condition);
 
-/// A program on this library that logs in at a server, in a process and with a home directory of its own.
-/// It has no credential but what it is given, so that a login tells which method took it. Runs of one
-/// object share the home, and with it the hosts known.
+/// A program that uses this library to log in to a server, in a separate process with its own home directory.
+/// It has only the credentials given, so that a login shows which method succeeded. Runs of one object share
+/// the home, and with it the hosts known.
 class SessionClient {
 public:
     explicit SessionClient(servers::RealServer const& server);
@@ -73,7 +73,7 @@ public:
     /// Starts a command whose input and output are these descriptors; -1 is /dev/null.
     std::unique_ptr<servers::ChildProcess> StartCommand(std::string const& command, int input,
                                                         int output) const;
-    /// Starts a shell (or, for "login", a login alone) with that terminal for its three descriptors.
+    /// Starts a shell (or, for "login", only a login) with that terminal for its three descriptors.
     std::unique_ptr<servers::ChildProcess> StartOnTerminal(std::string const& action,
                                                            support::Terminal const& terminal) const;
     /// Starts a session that only forwards, until SIGTERM.

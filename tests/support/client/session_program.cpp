@@ -1,6 +1,6 @@
-// One session of the library's with a real server. The arguments, each NAME=VALUE, say what to do; what
-// each step came to is written line by line to the file `report`, as "STEP RESULT". What the session prints,
-// and what the remote program prints, is this program's own output.
+// One session of the library with a real server. The arguments, each NAME=VALUE, say what to do; the result
+// of each step is written line by line to the file `report`, as "STEP RESULT". What the session prints, and
+// what the remote program prints, is this program's own output.
 //
 //     report=FILE port=N user=NAME
 //     identity=FILE password=TEXT
@@ -91,7 +91,7 @@ std::unique_ptr<cindral::EnterPassword> NewEnterPassword(Options& options) {
     return std::make_unique<NobodyThere>(tries, String_t());
 }
 
-/// A session for nothing but forwardings: its channel has no command, and its Run ends with SIGTERM.
+/// A session only for forwardings: its channel has no command, and its Run ends with SIGTERM.
 class Forwarder : public cindral::SshSession {
 public:
     Forwarder(unsigned short port, String_t const& host, Options& options, Report& report)

@@ -110,7 +110,7 @@ struct ServerSettings {
     KeyPair const* hostKey = &KeyPair::HostRsa();
     /// The group to be sent; without one the smallest that suits the request.
     std::optional<DhGroup> group;
-    /// How keys of more than 20 bytes go on. The library under test agrees with LengthPrefixed alone.
+    /// How keys of more than 20 bytes go on. The library under test agrees only with LengthPrefixed.
     KeyExtension keyExtension = KeyExtension::LengthPrefixed;
 
     std::string user = "tester";
@@ -125,7 +125,7 @@ struct ServerSettings {
     std::uint32_t maxPacket = 0x8000;
 };
 
-/// All that the key exchange brought about.
+/// Everything that the key exchange produced.
 struct KexState {
     std::string clientVersion; ///< without line end
     std::string serverVersion;
@@ -218,7 +218,7 @@ public:
     std::string ReadLine();
     /// Waits for the end of the stream; any byte that comes before it is an error.
     void ExpectClosed();
-    /// Takes and drops whatever comes until the client closes.
+    /// Reads and drops everything until the client closes.
     void ReadUntilClosed();
 
     // --- packets
@@ -236,7 +236,7 @@ public:
     void Identify();
     void SendKexInit();
     void ReceiveKexInit();
-    /// Agrees on ciphers and MACs as RFC 4253 section 7.1 has it, the client's lists leading.
+    /// Agrees on ciphers and MACs as RFC 4253 section 7.1 has it, with the client's preference.
     void Negotiate();
     void ReceiveGroupRequest();
     void SendGroup();

@@ -15,7 +15,7 @@ namespace peer {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// What goes wrong at the peer: the client broke the protocol, closed, or a wait took too long.
+/// A failure at the peer: the client violated the protocol, closed, or a wait took too long.
 class PeerError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

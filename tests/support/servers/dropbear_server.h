@@ -6,7 +6,7 @@
 namespace servers {
 
 /// Dropbear, which has no group exchange and sends its KEXINIT at once with its identification line.
-/// Nobody has ever logged in here: there are no accounts.
+/// There are no accounts: nobody can log in.
 class DropbearServer : public RealServer {
 public:
     DropbearServer();

@@ -24,9 +24,9 @@ struct Command {
     std::string errors{};                   ///< file for standard error, made again; /dev/null when empty
 };
 
-/// A program running beside the test in a process group of its own. It gets SIGTERM when this object
-/// goes, SIGKILL when that does not end it within two seconds, and SIGTERM too should the thread that
-/// started it die first.
+/// A program running beside the test in a separate process group. It gets SIGTERM when this object is
+/// destroyed, SIGKILL if that does not end it within two seconds, and SIGTERM too if the thread that started
+/// it ends first.
 class ChildProcess {
 public:
     /// Throws std::system_error when no process can be made; a program that cannot be run exits with 127.

@@ -9,7 +9,7 @@
 namespace servers {
 
 /// What the two servers written in Python share: tests/real/servers/NAME.py run by Debian's Python.
-/// Commands run as the user of this process, whatever name logs in.
+/// Commands run as the user of this process, regardless of the login name.
 class PythonServer : public RealServer {
 public:
     /// The name that the method none lets in.

@@ -56,7 +56,7 @@ bool IsFree(std::uint16_t port) {
     return bind(probe.Descriptor(), reinterpret_cast<sockaddr const*>(&address), sizeof(address)) == 0;
 }
 
-/// A port that nothing listens on, below those that the kernel hands out by itself.
+/// A port that nothing listens on, below those that the kernel assigns.
 std::uint16_t PickPort() {
     static std::mt19937 generator{std::random_device{}()};
     std::uniform_int_distribution<unsigned int> ports(20000, 32000);
@@ -99,7 +99,7 @@ std::string ListeningSocket(std::uint16_t port) {
     return {};
 }
 
-/// Whether it is this very process that listens on the port, and not another that was quicker.
+/// Whether it is this process that listens on the port, and not another that was quicker.
 bool ListensOn(pid_t pid, std::uint16_t port) {
     std::string const link = "socket:[" + ListeningSocket(port) + "]";
     std::error_code ignored;

@@ -7,13 +7,13 @@
 
 namespace servers {
 
-/// OpenSSH's ssh-agent on a socket of its own, running for as long as the object lives.
+/// OpenSSH's ssh-agent on a separate socket, running for as long as the object lives.
 class SshAgent {
 public:
     /// Returns when the agent answers; throws std::runtime_error when it does not.
     SshAgent();
 
-    /// What SSH_AUTH_SOCK is set to for a program that shall use this agent.
+    /// The value of SSH_AUTH_SOCK for a program that is to use this agent.
     std::string Socket() const { return _directory / "agent"; }
     /// Adds the private key in a file, which has no passphrase.
     void Add(std::string const& keyFile) const;

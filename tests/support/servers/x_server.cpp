@@ -31,7 +31,7 @@ Command XvfbCommand(TemporaryDirectory const& directory) {
 
 } // namespace
 
-// The X server takes every cookie of its file, whatever its display number.
+// The X server accepts every cookie of its file, regardless of the display number in it.
 XServer::XServer()
     : _cookie(RandomCookie()),
       _process((AddEntry(_directory / "server_authority", ":0"), XvfbCommand(_directory))) {

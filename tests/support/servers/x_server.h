@@ -17,7 +17,7 @@ public:
     /// The display over the Unix-domain socket, and over TCP.
     std::string Display() const { return ":" + _number; }
     std::string DisplayOverTcp() const { return "localhost:" + _number; }
-    /// What XAUTHORITY is set to for a program that shall know the cookie.
+    /// The value of XAUTHORITY for a program that is to know the cookie.
     std::string Authority() const { return _directory / "authority"; }
     /// The cookie as hexadecimal text.
     std::string const& Cookie() const { return _cookie; }

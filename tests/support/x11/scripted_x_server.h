@@ -30,8 +30,8 @@ private:
     int _fd;
 };
 
-/// An X server under a display number of its own, which is free of other X servers and of other tests'.
-/// It accepts when the test asks for it. Over TCP it listens on 127.0.0.1.
+/// An X server under a display number that no other X server or test uses. It accepts when the test asks for
+/// it. Over TCP it listens on 127.0.0.1.
 class ScriptedXServer {
 public:
     explicit ScriptedXServer(Transport transport);
@@ -42,7 +42,7 @@ public:
     unsigned int Number() const { return _number; }
     /// The display as text, as in ":400" or "localhost:400".
     std::string Display() const;
-    /// The path of its Unix-domain socket, be there one or not.
+    /// The path of its Unix-domain socket, whether or not that exists.
     std::string SocketPath() const;
 
     /// Waits for the next connection; throws peer::PeerError after half a minute.

@@ -9,8 +9,8 @@ namespace x11 {
 
 constexpr char const* MAGIC_COOKIE = "MIT-MAGIC-COOKIE-1";
 
-/// The first message of an X client (X Window System Protocol, section 8). What the protocol leaves unused
-/// is filled, so that it shows what becomes of it.
+/// The first message of an X client (X Window System Protocol, section 8). Unused bytes are filled, so that
+/// changes to them show.
 struct SetupMessage {
     char order = 'l'; ///< 'l' is least significant byte first, 'B' most
     unsigned int major = 11;

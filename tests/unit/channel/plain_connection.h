@@ -29,7 +29,7 @@ public:
     PlainConnection(PlainConnection const&) = delete;
     PlainConnection& operator=(PlainConnection const&) = delete;
 
-    /// Lets a packet with that payload come in.
+    /// Delivers a packet with that payload.
     void Receive(Bytes const& payload) {
         unsigned char const padding = 4;
         auto const length = static_cast<unsigned int>(1 + payload.size() + padding);

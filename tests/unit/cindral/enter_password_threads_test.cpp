@@ -33,7 +33,7 @@ Function* Next(Function*, char const* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// Looked up before a signal comes: dlsym is nothing for a handler.
+// Looked up before a signal comes: dlsym is not async-signal-safe.
 auto* const nextWrite = Next(&write, "write");
 auto* const nextClose = Next(&close, "close");
 

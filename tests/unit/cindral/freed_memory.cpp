@@ -15,7 +15,7 @@ constexpr std::size_t MAX_SECRET = 64;
 
 char forward[MAX_SECRET];
 char backward[MAX_SECRET];
-std::size_t length = 0; ///< 0 while nobody looks
+std::size_t length = 0; ///< 0 while no object searches
 FreedMemory::Count ofNew;
 FreedMemory::Count ofOpenSSL;
 

@@ -3,8 +3,8 @@
 
 #include <string>
 
-/// Looks through every block that operator delete and OpenSSL give back while it lives, the libraries'
-/// own included, for bytes that should have been wiped. One at a time, and one thread.
+/// While it lives, searches every block that operator delete and OpenSSL free, also in the libraries, for
+/// bytes that should have been wiped. Only one object at a time, and one thread.
 class FreedMemory {
 public:
     /// `secret` is looked for as it is and with its bytes reversed, as big numbers are stored.

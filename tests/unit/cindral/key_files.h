@@ -22,7 +22,7 @@
 using support::Bytes;
 using support::Text;
 
-/// A directory of its own for key files, and the tools that make them.
+/// A temporary directory for key files, and the tools that make them.
 class KeyFiles : public testing::Test {
 protected:
     std::string Path(std::string const& name) const { return _directory / name; }
@@ -33,8 +33,8 @@ protected:
             "cd '" + _directory.Path().string() + "' && (" + command + ") </dev/null >log 2>&1";
         ASSERT_EQ(std::system(line.c_str()), 0) << command << "\n" << Read("log");
     }
-    /// A key pair `name` and `name`.pub. Empty `passphrase` means not encrypted. One round of bcrypt, where
-    /// the options don't ask for more, as each costs time. So does a new key: the same arguments give the
+    /// A key pair `name` and `name`.pub. Empty `passphrase` means not encrypted. Uses one round of bcrypt
+    /// unless the options ask for more, as each takes time. So does a new key: the same arguments give the
     /// same key in all tests of a process.
     void Keygen(std::string const& name, std::string const& options,
                 std::string const& passphrase = "") const {

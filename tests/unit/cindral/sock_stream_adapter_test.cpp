@@ -17,7 +17,7 @@ namespace {
 
 std::string Content(OStringBuffer const& buffer) { return std::string(buffer.Str(), buffer.Len()); }
 
-/// A layer over another that shows no more than it has been allowed, as one that frames packets.
+/// A layer over another that returns no more than it has been allowed, like one that frames packets.
 class Fence : public CascadableIStreamBuffer {
 public:
     explicit Fence(CascadableIStreamBuf* next) : CascadableIStreamBuffer(next, 4) {}
@@ -33,7 +33,7 @@ public:
     int _allowed = 0;
 };
 
-/// A sink that refuses, or takes less than it is given.
+/// A sink that refuses, or accepts less than it is given.
 class Grudging : public CascadableOStreamBuf {
 public:
     int put(char const* begin, char const* end) override {

@@ -15,7 +15,7 @@ namespace {
 
 using Modes = std::map<unsigned int, unsigned int>;
 
-/// Takes the encoding apart: opcode and value each, then the end byte and nothing after it.
+/// Parses the encoding: opcode and value each, then the end byte and nothing after it.
 Modes Decode(ByteString const& encoded) {
     Modes modes;
     unsigned int pos = 0;

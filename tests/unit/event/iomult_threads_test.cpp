@@ -1,4 +1,4 @@
-// What other threads may do while a loop runs. Worth most under ThreadSanitizer.
+// What other threads may do while a loop runs. Most useful under ThreadSanitizer.
 
 #include <atomic>
 #include <memory>
@@ -26,7 +26,7 @@ private:
     std::atomic<int> _count{0};
 };
 
-/// A loop on a thread of its own, with a pipe that wakes it.
+/// A loop on a separate thread, with a pipe that wakes it.
 class Threads : public testing::Test {
 protected:
     void SetUp() override {

@@ -1,6 +1,6 @@
-// Locks over a mutex that is beyond repair: locking it fails, and so does waiting on it.
+// Locks on a mutex in an unrecoverable state: locking it fails, and so does waiting on it.
 //
-// Apart from the other tests of locks, since ThreadSanitizer reports such a mutex by itself.
+// Separate from the other tests of locks, since ThreadSanitizer itself reports such a mutex.
 
 #include <cerrno>
 #include <thread>

@@ -17,7 +17,7 @@ int OnAnotherThread(std::function<int()> work) {
     return result;
 }
 
-/// An `RWLock` whose counters can be seen and whose validity can be spoiled.
+/// An `RWLock` whose counters can be seen and that can be made invalid.
 class OpenLock : public RWLock {
 public:
     int ActiveReaders() { return Read(_activeReaders); }

@@ -1,5 +1,5 @@
-// Due times compared with the clock, on both sides of each comparison: the clock of this program says what a
-// test has it say.
+// Due times compared with the clock, on both sides of each comparison: the clock of this program returns what
+// a test sets.
 
 #include <sys/time.h>
 

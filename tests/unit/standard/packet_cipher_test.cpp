@@ -134,7 +134,7 @@ TEST_P(PacketCipher, LengthIsKnownFromTheFirstBytes) {
         Bytes sealed = Seal(sequence, plain);
         Bytes head(sealed.begin(), sealed.begin() + static_cast<std::ptrdiff_t>(_opener->LengthBytes()));
         EXPECT_EQ(_opener->PeekLength(sequence, head.data()), plain.size() - LENGTH_FIELD);
-        // The rest of the packet arrives, in memory that lies elsewhere.
+        // The rest of the packet arrives, in other memory.
         std::copy(head.begin(), head.end(), sealed.begin());
         EXPECT_EQ(_opener->PeekLength(sequence, sealed.data()), plain.size() - LENGTH_FIELD);
         ASSERT_TRUE(_opener->Open(sequence, sealed.data(), plain.size()));

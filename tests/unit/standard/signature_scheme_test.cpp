@@ -210,7 +210,7 @@ TEST_P(SignatureSchemeOfOpenSSH, MakesSignaturesThatVerify) {
     for (int skipped = 0; skipped < 3; ++skipped) reader.String();
     View const signature = reader.String();
     reader.End();
-    // ssh-keygen signs with the stronger of the two RSA algorithms alone.
+    // ssh-keygen signs only with the stronger of the two RSA algorithms.
     std::string const algorithm = Reader(signature, "signature").String().Str();
     EXPECT_NE(algorithm, "rsa-sha2-256");
     EXPECT_TRUE(HasName(SignatureAlgorithmsOf(GetParam().keyType), algorithm));

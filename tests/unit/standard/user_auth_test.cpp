@@ -35,7 +35,7 @@ peer::Bytes KeyBlob(std::string const& type, std::string const& name) {
     return peer::Writer().String(type).String("key " + name);
 }
 
-/// What a test says of a key, and what the authenticator has done with it.
+/// What a test specifies of a key, and what the authenticator has done with it.
 struct Key {
     std::string type = "ssh-ed25519";
     std::string name = "KEY";

@@ -41,7 +41,7 @@ int Compare(bnode_t const* node, void const* key) {
 class Tree {
 public:
     Tree() = default;
-    /// A copy whose balance factors are all 0, whatever the shape.
+    /// A copy whose balance factors are all 0, regardless of its shape.
     Tree(Tree const& other) : _root(static_cast<AVLnode*>(bnode_t::DupTree(other._root))) {}
     Tree& operator=(Tree const&) = delete;
     ~Tree() { bnode_t::DeleteTree(_root); }

@@ -49,7 +49,7 @@ private:
     unsigned short _port;
 };
 
-/// A path for a socket in a directory of its own.
+/// A path for a socket in a temporary directory.
 class SocketPath {
 public:
     std::string Path() const { return _directory / "s"; }
@@ -122,7 +122,7 @@ TEST(ClientSocketIn, HostInBracketsIsAccepted) {
 
 TEST(ClientSocketIn, EveryAddressOfANameIsTried) {
     Listener listener(AF_INET);
-    ClientSocketIn client(listener.Target("localhost").c_str()); // perhaps ::1 first, where nobody listens
+    ClientSocketIn client(listener.Target("localhost").c_str()); // perhaps ::1 first, without a listener
     ASSERT_EQ(!client, 0);
     int error = -1;
     FileDescriptor fd(client.Connect(5, error));

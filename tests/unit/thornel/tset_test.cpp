@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// An entry known by its name alone.
+/// An entry identified only by its name.
 struct Entry {
     std::string _name;
     int _size;

@@ -10,7 +10,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A record known by its descriptor alone.
+/// A record identified only by its descriptor.
 struct Record {
     int _fd;
     int _events;

@@ -29,8 +29,7 @@ namespace {
 
 std::string Base64(PublicKey const& key) { return key._rep->EncodeSSH64().Text(); }
 
-/// A home directory for one test. What uses the store runs in a process of its own, in which the store is
-/// new.
+/// A home directory for one test. What uses the store runs in a separate process, in which the store is new.
 class KnownHostsStore : public testing::Test {
 protected:
     KnownHostsStore() {

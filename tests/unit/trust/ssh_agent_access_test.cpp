@@ -206,7 +206,7 @@ TEST_F(Agent, ConnectionIsClosedOnExec) {
 }
 
 TEST_F(Agent, DescriptorZeroIsClosedAndNotUsed) {
-    // Nobody accepts here, as that would take the free number too.
+    // No accept here, as that would use the free number too.
     support::TemporaryDirectory const directory;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

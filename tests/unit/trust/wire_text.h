@@ -11,7 +11,7 @@
 using support::Bytes;
 using support::Text;
 
-/// Bytes as a string, built by hand so that no encoder of the library vouches for itself.
+/// Bytes as a string, built by hand so that no encoder of the library is tested against itself.
 
 /// A uint32 (RFC 4251, section 5).
 inline std::string Number(unsigned int value) {
