@@ -1,4 +1,4 @@
-// Whole conversations of SFTP.
+// Whole SFTP sessions.
 //
 // The first byte of the input chooses a script; what follows are the server's replies, each with its length
 // in front. With the high bit of the first byte set, each reply gets the request id that is waited for, so

@@ -7,7 +7,7 @@
 
 namespace cindral {
 
-// Some numbers mean two or three messages, each in its own stage of the protocol; one name stands for all.
+// Some numbers mean two or three messages, each in its own stage of the protocol; one name is used for all.
 // clang-format off
 char const* const Packet::_messages[101] = {
     nullptr, // 0

@@ -57,7 +57,7 @@ std::vector<std::string> InstalledTree::Environment() const {
 
 servers::Outcome RunInShell(std::string const& commands, std::string const& directory,
                             std::vector<std::string> const& environment, std::string const& input) {
-    // In a session of its own, so that no prompt reaches the terminal of who runs the tests.
+    // In a new session, so that no prompt reaches the terminal of the user who runs the tests.
     return servers::Run({"setsid", "-w", "bash", "-e", "-c", "cd \"$0\"\n" + commands, directory}, input,
                         environment);
 }

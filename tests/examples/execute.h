@@ -39,7 +39,7 @@ inline Ran Execute(std::string const& command) {
     std::string const home = std::getenv("HOME");
     std::string const output = home + "/output";
     std::string const errors = home + "/errors";
-    // In a session of its own, so that no prompt reaches the terminal of who runs the tests.
+    // In a new session, so that no prompt reaches the terminal of the user who runs the tests.
     int const status = std::system(("setsid -w " + command + " >" + output + " 2>" + errors).c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TakeFile(output), TakeFile(errors)};
 }

@@ -1,4 +1,4 @@
-// How the examples show texts of the server's.
+// How the examples show texts from the server.
 
 #include <sstream>
 #include <string>

@@ -1,4 +1,4 @@
-// Files to and from the scp programs of other makers, compared on the server's own disk.
+// Files to and from scp programs by other vendors, compared on the server's disk.
 
 #include <sys/stat.h>
 

@@ -70,7 +70,7 @@ TEST_F(RealKnownHosts, PatternsMatchAsForOpenSSH) {
         if (hosts[0] == '!' || hosts[0] == ',') hosts.insert(0, "*,");
         content += hosts + " " + Fields(i) + "\n";
     }
-    // So that nothing is taken by its plain name alone.
+    // So that no line matches by its plain name only.
     content += "[a]:2,[ab]:2,[b.a]:2 " + Fields(COUNT + 1) + "\n";
     servers::WriteFile(Path(), content);
     std::size_t matches = 0;

@@ -11,7 +11,7 @@
 #include <brantle/thornel/sock_stream.h>
 #include <brantle/thornel/string_t.h>
 
-/// A program's own streams, which override Flush() or Fill(), and everything that can be done with them.
+/// Streams derived by a program, which override Flush() or Fill(), and everything that can be done with them.
 namespace support {
 
 /// Every byte `by` higher.

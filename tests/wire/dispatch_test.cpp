@@ -35,7 +35,7 @@ std::string ExtraBytes(std::string const& name) {
     return "SshProtocolError: additional characters in packet after padding: " + name;
 }
 
-/// A channel of the program's own that keeps notes.
+/// A channel class of a program that records its calls.
 class NotingChannel : public cindral::SshChannel {
 public:
     NotingChannel(std::string& log, unsigned int localId, unsigned int remoteId, String_t const& name,
@@ -63,7 +63,7 @@ private:
     int _fdIn;
 };
 
-/// Adds channel 1, which keeps notes; its number at the server is 77.
+/// Adds channel 1, which records its calls; its number at the server is 77.
 Client NotedChannel(std::string& log) {
     return [&log](LoopSession& session) {
         session._channels.NewChannel(77, "noted", 0x200000, &session._in, &session._out, NotingMaker(log));

@@ -407,7 +407,7 @@ TEST(NewKeys, BothDirectionsChangeTogether) {
             UpToGroupInit(c);
             c.SendGroupReply(c.MakeGroupReply());
             c.ReceiveNewKeys();
-            // Nothing comes under the new keys until the peer's own NEWKEYS has gone out.
+            // Nothing arrives under the new keys until the peer has sent its NEWKEYS.
             if (c.Wire().WaitReadable(std::chrono::milliseconds(100))) throw PeerError("sent too early");
             c.SendNewKeys();
             c.ServiceAccept();

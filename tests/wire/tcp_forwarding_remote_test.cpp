@@ -203,7 +203,7 @@ TEST_F(RemoteForwarding, CancelledPortMayBeRestarted) {
               "-1");
 }
 
-// --- channels of the server's
+// --- channels opened by the server
 
 TEST_F(RemoteForwarding, OpeningWithoutOriginatorIsConnectedToTheTarget) {
     EXPECT_EQ(Open(

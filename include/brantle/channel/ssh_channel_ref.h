@@ -8,8 +8,8 @@ namespace cindral {
 class SshChannel;
 
 /// A pointer to a channel that does not own it and never dangles. It becomes null when the channel is
-/// destroyed, whoever owns it; when SshChannelMgr::ReplaceChannel puts another channel in its place, it
-/// points to that one. Use it on the channel's thread.
+/// destroyed, no matter which object owns it; when SshChannelMgr::ReplaceChannel puts another channel in its
+/// place, it points to that one. Use it on the channel's thread.
 class BRANTLE_API SshChannelRef {
 public:
     /// `channel` may be null.

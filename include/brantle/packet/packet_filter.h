@@ -21,7 +21,7 @@ public:
     virtual ByteString Read() = 0;
     /// In place of OSshPacketStream::WritePacket. With `more`, another message follows at once.
     virtual void Write(Packet& packet, bool more) = 0;
-    /// In place of ISshPacketStream::HasBufferedInput: whether Read would find a message without a wait.
+    /// In place of ISshPacketStream::HasBufferedInput: whether Read would return a message without blocking.
     virtual bool HasInput() = 0;
 };
 

@@ -25,7 +25,7 @@ public:
     virtual int Receive(SftpClient& client, SftpStatus& status, String_t const& remote,
                         String_t const& local) = 0;
     virtual int Send(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) = 0;
-    /// Looks at a name in a directory of the server's that a pattern matches. Throws SshProtocolError for one
+    /// Checks a name in a directory of the server that a pattern matches. Throws SshProtocolError for one
     /// that must not become the name of a local file.
     virtual void CheckName(String_t const& name) = 0;
 
@@ -33,8 +33,8 @@ public:
     virtual bool CanAnnounce(String_t const& name) = 0;
     /// The mode to create a local file with, of which the server says `mode`.
     virtual unsigned int CreationMode(unsigned int mode) = 0;
-    /// Sends exactly `size` bytes of a file, and scp's own word on whether they are the file's. Returns 0 or
-    /// minus errno.
+    /// Sends exactly `size` bytes of a file, and scp's status octet, which says whether they are the file's.
+    /// Returns 0 or minus errno.
     virtual int SendBody(OSshDataStream& out, String_t const& name, int fd, long long size) = 0;
     /// Receives exactly `size` bytes into a file. Returns 0, or -1 if the channel has ended before.
     virtual int ReceiveBody(ISshDataStream& in, String_t const& name, int fd, long long size) = 0;

@@ -34,7 +34,7 @@ def host_key_file(options):
 
 
 def is_authorized(options, user, key_text):
-    """Whether the key, as base64 text, stands in authorized_keys."""
+    """Whether the key, as base64 text, is in authorized_keys."""
     with open(os.path.join(options.directory, "authorized_keys"), encoding="utf-8") as lines:
         keys = [line.split()[1] for line in lines if line.strip() and not line.startswith("#")]
     return user == options.user and key_text in keys
@@ -86,7 +86,7 @@ def start_on_terminal(arguments, environment, size):
 
 
 def hang_up(process):
-    """Tells a command that is still running that its client has gone."""
+    """Signals to a command that is still running that its client has gone."""
     if process.poll() is None:
         try:
             os.killpg(process.pid, signal.SIGHUP)

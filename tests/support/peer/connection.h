@@ -60,7 +60,7 @@ struct PacketRecord {
     Bytes payload;
     Bytes padding;
     Bytes plain; ///< packet_length to padding, as the MAC covers it
-    Bytes raw;   ///< the same as it stood on the wire
+    Bytes raw;   ///< the same as on the wire
     Bytes mac;
     bool macValid = true;
     std::size_t streamOffset = 0; ///< of the first byte of raw in its direction

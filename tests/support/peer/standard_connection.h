@@ -130,7 +130,7 @@ public:
     void FinishExchange();
     /// The first exchange, from KEXINIT on, with EXT_INFO at its end.
     void Exchange();
-    /// Another one, whoever starts it.
+    /// Another one, started by either side.
     void Rekey();
 
     // --- authentication and the session channel

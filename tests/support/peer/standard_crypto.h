@@ -8,7 +8,7 @@
 
 #include "support/peer/wire.h"
 
-// The algorithms of today's servers, on libcrypto alone.
+// The algorithms of current servers, using only libcrypto.
 namespace peer {
 
 /// Encryption and integrity of one direction (RFC 4253, section 6; RFC 5647 as OpenSSH has it;

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-/// The server's side of the wire for tests, written against libcrypto and POSIX alone: it shares no code
-/// with the library, so that no mistake is on both sides.
+/// The server's side of the wire for tests, written against only libcrypto and POSIX: it shares no code with
+/// the library, so that no mistake is on both sides.
 namespace peer {
 
 using Bytes = std::vector<std::uint8_t>;

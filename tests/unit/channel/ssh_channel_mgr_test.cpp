@@ -16,7 +16,7 @@ namespace {
 
 constexpr unsigned int WINDOW = 0x200000;
 
-/// A program's own channel, which notes what reaches it.
+/// A channel class of a program, which records what reaches it.
 class NotingChannel : public SshChannel {
 public:
     NotingChannel(std::string& notes, unsigned int localId, unsigned int remoteId, String_t const& name,

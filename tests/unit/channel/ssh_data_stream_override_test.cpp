@@ -1,4 +1,4 @@
-// Data streams of a program's own, which override Flush() or Fill().
+// Data streams derived by a program, which override Flush() or Fill().
 
 #include <string>
 #include <vector>

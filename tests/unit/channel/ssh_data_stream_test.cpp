@@ -520,7 +520,7 @@ TEST_F(DataInput, AdjustmentIsHeldUntilTheNextRequestOrABlockingRead) {
     EXPECT_TRUE(_connection._out._socketBuffer.IsCorked());
 
     _connection.Receive(Data("x"));
-    EXPECT_EQ(1, _stream.Fill()); // without a wait
+    EXPECT_EQ(1, _stream.Fill()); // without blocking
     EXPECT_TRUE(_connection._out._socketBuffer.IsCorked());
 
     auto const before = DescriptorIO::SystemCalls();

@@ -144,7 +144,7 @@ TEST(X11Xauth, MalformedLinesGiveTheFieldsThatTheyHave) {
         {"host METHOD a\n", "METHOD", ""},
         {"host METHOD abcdxy\n", "METHOD", ""}, // no cookie at all
         {"host METHOD no-cookie\n", "METHOD", ""},
-        {"host\tMETHOD\t0123\n", "MIT-MAGIC-COOKIE-1", ""}, // blanks alone separate
+        {"host\tMETHOD\t0123\n", "MIT-MAGIC-COOKIE-1", ""}, // only blanks separate
     };
     for (auto const& [line, method, bytes] : lines) {
         FakeXauth const xauth(line);

@@ -1,4 +1,4 @@
-// Socket buffers and adapters of a program's own, which override Flush() or Fill().
+// Socket buffers and adapters derived by a program, which override Flush() or Fill().
 
 #include <string>
 

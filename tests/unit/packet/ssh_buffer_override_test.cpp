@@ -1,4 +1,4 @@
-// Framing buffers of a program's own, which override Flush() or Fill().
+// Framing buffers derived by a program, which override Flush() or Fill().
 
 #include <string>
 

@@ -91,7 +91,7 @@ Bytes Reply(int number, Bytes const& value) {
 class ModelServer {
 public:
     virtual ~ModelServer() = default;
-    /// Answers each message of the client's up to the end.
+    /// Answers each message of the client up to the end.
     void Exchange(KeyAgreement& client) {
         for (Bytes message = client.Begin().Copy(); !message.empty();)
             message = client.Take(Answer(message)).Copy();

@@ -1,4 +1,4 @@
-// Socket streams of a program's own, which override Flush() or Fill().
+// Socket streams derived by a program, which override Flush() or Fill().
 
 #include <string>
 
