@@ -49,7 +49,7 @@ inline int Fail(Status status, String_t const& what) {
 
 /// A command line that begins with [--reduced] [-i IDENTITY] [USER@]HOST[:PORT].
 struct CommandLine {
-    bool _reduced = false; ///< speaks the reduced dialect of old (docs/dialect.md)
+    bool _reduced = false; ///< speaks the reduced dialect (docs/dialect.md)
     String_t _identity;    ///< empty: the agent's keys, and the usual files in ~/.ssh
     String_t _user;
     String_t _target;
@@ -152,9 +152,9 @@ inline int Login(cindral::SshSession& session, cindral::StandardDialect const* d
     return DONE;
 }
 
-/// Makes a session of that class from the target and `more`, logs in and calls `work` with it and its
-/// dialect, which is null for the reduced one. Returns the exit status: that of `work`, or that of a failure
-/// before.
+/// Creates a session of that class from the target and `more`, logs in and calls `work` with it and its
+/// dialect, which is null for the reduced one. Returns the exit status of `work`, or that of an earlier
+/// failure.
 template <class Session, class Dialect = cindral::StandardDialect, class Work, class... More>
 int LoginAndWork(CommandLine const& arguments, Work const& work, More const&... more) {
     PrintableStream output(std::cout), errors(std::cerr);
@@ -186,7 +186,7 @@ inline int SignalNumber(String_t const& name) {
     return 0;
 }
 
-/// What the remote command or shell has ended with, as a shell reports it.
+/// The exit status of the remote command or shell, as a shell reports it.
 inline int RemoteStatus(cindral::StandardDialect const& dialect) {
     if (dialect.ExitStatus() >= 0) return std::min<int>(dialect.ExitStatus(), NOT_RUN);
     int const number = SignalNumber(dialect.ExitSignal());
@@ -194,9 +194,9 @@ inline int RemoteStatus(cindral::StandardDialect const& dialect) {
     return number > 0 ? SIGNALLED + number : NOT_RUN;
 }
 
-/// Makes a session of that class from the target and `more`, logs in, prepares the session and runs it to its
-/// end. Returns the remote exit status, and NOT_RUN for any failure from the host's name on. In the reduced
-/// dialect there is no such status: DONE, or that of the failure.
+/// Creates a session of that class from the target and `more`, logs in, prepares the session and runs it to
+/// its end. Returns the remote exit status, or NOT_RUN for any failure after the arguments are read. In the
+/// reduced dialect there is no such status: DONE, or that of the failure.
 template <class Session, class Prepare, class... More>
 int RunSession(CommandLine const& arguments, Prepare const& prepare, More const&... more) {
     int remote = DONE;

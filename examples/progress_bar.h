@@ -1,4 +1,4 @@
-// How far the copy of a file is, in one line of a terminal that is written again and again.
+// The progress of a copy, in one line of a terminal that is overwritten.
 
 #ifndef EXAMPLES_PROGRESS_BAR_H
 #define EXAMPLES_PROGRESS_BAR_H
@@ -36,8 +36,7 @@ inline std::string Amount(double bytes) {
     return text;
 }
 
-/// A duration as in "05:09" or "1:05:09", in at most eight characters; what is 100 hours or more is not a
-/// time to wait for.
+/// A duration as in "05:09" or "1:05:09", in at most eight characters; 100 hours or more are not shown.
 inline std::string Duration(double seconds) {
     if (!(seconds < 360000)) return "--:--";
     auto const whole = static_cast<unsigned int>(seconds);
@@ -49,7 +48,8 @@ inline std::string Duration(double seconds) {
     return text;
 }
 
-/// No less than the columns that a character takes on a terminal. Those of three bytes and more may be wide.
+/// At least as many columns as a character takes on a terminal. Characters of three bytes and more may be
+/// wide.
 inline std::size_t Columns(std::size_t characterLength) { return characterLength < 3 ? 1 : 2; }
 
 /// A printable text in exactly so many columns: with blanks after it, or cut short.
@@ -69,7 +69,7 @@ inline std::string RightAligned(std::string const& text, std::size_t columns) {
     return std::string(columns - std::min(columns, text.size()), ' ') + text;
 }
 
-/// The time left, or, of a copy that is complete, the time taken.
+/// The time left, or the time taken if the copy is complete.
 inline std::string TimeColumn(CopyProgress const& copy) {
     if (copy.total > 0 && copy.done >= copy.total) return Duration(copy.seconds) + "    ";
     if (copy.total == 0 || copy.done == 0) return "--:-- ETA";
@@ -78,10 +78,10 @@ inline std::string TimeColumn(CopyProgress const& copy) {
 }
 
 /// The line for a terminal of that width: the file's name, how much is done, the rate, the time left. It
-/// leaves the last column free, where some terminals go on to the next line. In a narrow one first the rate
-/// is left out, then the time.
+/// leaves the last column free, where some terminals go on to the next line. On a narrow one first the rate
+/// is omitted, then the time.
 inline std::string ProgressLine(CopyProgress const& copy, std::size_t width) {
-    constexpr std::size_t NAME = 10; // columns that the others leave it if they can
+    constexpr std::size_t NAME = 10; // columns that the other parts leave for it if possible
     auto const done = static_cast<double>(copy.done);
     std::string const percent = std::to_string(copy.done >= copy.total ? 100 : copy.done * 100 / copy.total);
     std::string const amount =
@@ -104,7 +104,7 @@ public:
     ProgressBar(ProgressBar const&) = delete;
     ProgressBar& operator=(ProgressBar const&) = delete;
 
-    /// Another path begins another line. Of a path the last component is shown.
+    /// A new path begins a new line. Only the last component of a path is shown.
     void Show(std::string_view path, unsigned long long done, unsigned long long total) {
         if (_fd < 0) return;
         std::string_view const name = path.substr(path.rfind('/') + 1);
@@ -138,7 +138,7 @@ private:
         Write("\r" + ProgressLine(_copy, width));
         _isShown = true;
     }
-    /// A terminal that is gone is no reason to end the copy.
+    /// The copy continues even if the terminal is gone.
     void Write(std::string const& text) {
         char const* from = text.data();
         if (DescriptorIO(_fd).Write(from, from + text.size(), 0) < 0) _fd = -1;

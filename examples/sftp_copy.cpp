@@ -1,5 +1,5 @@
 // Copies files to or from a remote host, over SFTP: by name, by pattern, and whole directories. On a terminal
-// a line shows how far each copy is.
+// a line shows the progress of each copy.
 //
 // MGet of SftpClientSession does the same for a pattern in one call, but writes to any name in the local
 // directory that the server returns, even that of a symbolic link there. Here a name that the server chooses
@@ -41,7 +41,7 @@ struct CopySession : SftpClientSession {
     examples::ProgressBar bar;
 };
 
-/// New files get the permission bits of the old ones.
+/// New files get the permission bits of the source files.
 class CopyDialect : public cindral::StandardDialect {
 public:
     explicit CopyDialect(CopySession& session) : StandardDialect(session), _bar(session.bar) {

@@ -1,5 +1,5 @@
 // The SFTP examples as a user runs them: by default with OpenSSH's sshd as it is packaged, in the reduced
-// dialect with a server that speaks it, and there with one that means ill, too.
+// dialect with a server that speaks it, and there with a hostile one, too.
 
 #include <sys/stat.h>
 
@@ -167,7 +167,7 @@ TEST_P(SftpExamples, CopyContinuesAfterFailures) {
                 Fails(10, There("gone") + ": No such file"));
 }
 
-// A file that may not grow takes the first part of a block.
+// A file that may not grow accepts the first part of a block.
 TEST_P(SftpExamples, CopyDetectsThatAFileCannotGrow) {
     WriteFile(There("file"), std::string(20000, 'x'));
     std::string const limit = "bash -c 'trap \"\" XFSZ; ulimit -f 2; exec \"$@\"' limited ";

@@ -64,9 +64,9 @@ public:
     /// InvalidArgument for 0 and above 1,024.
     void SetRequestsInFlight(unsigned int count);
     /// Whether a file that is received over SFTP or scp, and created, gets the server's permission bits,
-    /// within 0777 and the umask; the default is not, and it gets 0666 within the umask. Other bits of the
-    /// server's, such as set-user-ID, are never used, and an existing file, terminal or device keeps its
-    /// mode.
+    /// within 0777 and the umask; by default it does not, but gets 0666 within the umask. Other mode bits
+    /// from the server, such as set-user-ID, are never used, and an existing file, terminal or device keeps
+    /// its mode.
     void SetKeepModes(bool keep);
     /// Called as the copy of a whole file proceeds, over SFTP and scp, with the file's name, the bytes done
     /// and the total, which is 0 if not known. The default does nothing; an override may throw, which ends
