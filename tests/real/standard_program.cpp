@@ -2,18 +2,22 @@
 //
 //   standard_program [NAME=VALUE...] JOB TARGET KEY ARGUMENT...
 //
+//     login                    nothing after the login
 //     run COMMAND              with descriptors 0, 1 and 2; exits with the command's status
-//     get REMOTE LOCAL         over SFTP, as put LOCAL REMOTE, cat REMOTE, mget PATTERN DIRECTORY
+//     get REMOTE LOCAL         over SFTP, as put LOCAL REMOTE, cat REMOTE, mget PATTERN DIRECTORY, ls DIRECTORY
 //     scp-get DIR TO NAME      through the remote scp, as scp-put DIR TO NAME
 //
-// Names: kex, hostkeys, ciphers, macs set what is offered; rekey the bytes between key exchanges; local and
-// remote a forwarding; display the X server. What was agreed goes to the file that "report" names. Exit
-// status 100: a refusal, with the reason on the error output; 101: an exception.
+// An empty KEY leaves the choice to the session. Names: kex, hostkeys, ciphers, macs set what is offered;
+// password is what questions are answered with, too; rekey the bytes between key exchanges; local and remote a
+// forwarding; display the X server. What was agreed goes to the file that "report" names, before Run and at
+// the end. Exit status 100: a refusal, with the reason on the error output; 101: an exception.
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -54,20 +58,33 @@ int LogIn(SshSession& session, StandardDialect& dialect, Options const& options,
           std::string const& key) {
     Configure(dialect, options);
     EnterPassword enter(0, "");
-    KbdInteractiveCallback questions;
+    String_t const password = Get(options, "password");
+    KbdCopyCallback questions(password);
     if (session.Connect(20) < 0 || session.KeyExchange() < 0 ||
-        session.Authenticate(key.c_str(), user.c_str(), "", enter, questions) < 0)
+        session.Authenticate(key.c_str(), user.c_str(), password, enter, questions) < 0)
         return Refuse(dialect);
     return 0;
 }
 
+/// Written whole or not at all, for whoever waits for it.
 void Report(SshSession const& session, StandardDialect const& dialect, Options const& options) {
     char const* const file = Get(options, "report");
     if (!file) return;
-    std::ofstream(file) << "kex=" << dialect.KexName() << "\nhostkey=" << dialect.HostKeyName()
+    std::string const part = std::string(file) + ".part";
+    std::ofstream(part) << "kex=" << dialect.KexName() << "\nhostkey=" << dialect.HostKeyName()
                         << "\ncipher=" << session.CipherName(0) << "\nmac=" << session.MacName(0)
                         << "\nstrict=" << dialect.IsStrict() << "\nexchanges=" << dialect.KeyExchanges()
                         << "\nsignal=" << dialect.ExitSignal() << "\nport=" << dialect.RemotePort() << '\n';
+    if (std::rename(part.c_str(), file) != 0) throw std::runtime_error("cannot write the report");
+}
+
+int OnlyLogIn(Options const& options, std::string const& host, std::string const& user,
+              Arguments const& args) {
+    SshSession session(SshSession::CLIENT, host.c_str());
+    StandardDialect dialect(session);
+    if (int const result = LogIn(session, dialect, options, user, args.at(0))) return result;
+    Report(session, dialect, options);
+    return 0;
 }
 
 int RunCommand(Options const& options, std::string const& host, std::string const& user,
@@ -80,9 +97,18 @@ int RunCommand(Options const& options, std::string const& host, std::string cons
     if (char const* spec = Get(options, "remote"))
         if (session.StartRemoteForwarding(spec) < 0) return Refuse(dialect);
     if (char const* display = Get(options, "display")) session.StartX11Forwarding(0, display);
+    Report(session, dialect, options);
     session.Run();
     Report(session, dialect, options);
     return dialect.ExitStatus() < 0 ? Refuse(dialect) : dialect.ExitStatus();
+}
+
+int List(SftpClientSession& session, SftpStatus& status, char const* directory) {
+    TSet<DirEntry, DirEntry::Compare> entries;
+    int const result = session.ListDir(status, entries, directory, 0);
+    TSet<DirEntry, DirEntry::Compare>::ConstIterator next(entries, 0);
+    for (; next.Curr(); ++next) std::cout << next->_name << '\n';
+    return result;
 }
 
 int CopyOverSftp(std::string const& job, Options const& options, std::string const& host,
@@ -97,6 +123,7 @@ int CopyOverSftp(std::string const& job, Options const& options, std::string con
     if (job == "put") result = session.Put(status, args.at(1).c_str(), args.at(2).c_str());
     if (job == "cat") result = session.Cat(status, args.at(1).c_str());
     if (job == "mget") result = session.MGet(status, args.at(1).c_str(), args.at(2).c_str());
+    if (job == "ls") result = List(session, status, args.at(1).c_str());
     Report(session, dialect, options);
     return result < 0 ? Refuse(dialect) : 0;
 }
@@ -123,6 +150,7 @@ int Main(Arguments arguments) {
     std::size_t const at = target.find('@');
     std::string const user = target.substr(0, at), host = target.substr(at + 1);
     Arguments const rest(arguments.begin() + 2, arguments.end());
+    if (job == "login") return OnlyLogIn(options, host, user, rest);
     if (job == "run") return RunCommand(options, host, user, rest);
     if (job.rfind("scp-", 0) == 0) return CopyThroughScp(job, options, host, user, rest);
     return CopyOverSftp(job, options, host, user, rest);

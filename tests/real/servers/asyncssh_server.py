@@ -245,7 +245,8 @@ class Server(asyncssh.SSHServer):
         return len(responses) == 1 and self._is_password(username, responses[0])
 
     def session_requested(self):
-        channel = self.connection.create_server_channel(encoding=None, window=WINDOW, max_pktsize=PACKET_SIZE)
+        sizes = {} if self.options.as_it_comes else {"window": WINDOW, "max_pktsize": PACKET_SIZE}
+        channel = self.connection.create_server_channel(encoding=None, **sizes)
         return channel, Session(self.options)
 
     def connection_requested(self, dest_host, dest_port, orig_host, orig_port):
@@ -261,22 +262,34 @@ def parse_options():
     return parser.parse_args()
 
 
+def reduced(options):
+    """What suits a client of the reduced dialect."""
+    return {"server_host_keys": [common.host_key_file(options)], "kex_algs": options.key_exchanges,
+            "encryption_algs": options.ciphers, "mac_algs": options.macs, "signature_algs": ["ssh-rsa", "ssh-dss"],
+            "compression_algs": ["none"], "agent_forwarding": False, "keepalive_interval": 0, "login_timeout": 60,
+            "rekey_bytes": 1 << 50, "rekey_seconds": 1 << 30, "window": WINDOW}
+
+
+def as_it_comes(options):
+    result = {"server_host_keys": common.all_host_key_files(options)}
+    if options.rekey_bytes:
+        result["rekey_bytes"] = options.rekey_bytes
+    return result
+
+
 async def serve(options):
-    listener = await asyncssh.create_server(
-        lambda: Server(options), "127.0.0.1", options.port,
-        server_host_keys=[common.host_key_file(options)], kex_algs=options.key_exchanges,
-        encryption_algs=options.ciphers, mac_algs=options.macs, signature_algs=["ssh-rsa", "ssh-dss"],
-        compression_algs=["none"], agent_forwarding=False, x11_forwarding=True,
-        x11_auth_path=x11_cookies(options), keepalive_interval=0, login_timeout=60,
-        rekey_bytes=1 << 50, rekey_seconds=1 << 30, window=WINDOW)
+    settings = as_it_comes(options) if options.as_it_comes else reduced(options)
+    listener = await asyncssh.create_server(lambda: Server(options), "127.0.0.1", options.port, x11_forwarding=True,
+                                            x11_auth_path=x11_cookies(options), **settings)
     common.announce(listener.sockets[0].getsockname()[1])
     await asyncio.get_event_loop().create_future()
 
 
 def main():
     options = parse_options()
-    leave_out_ignore_messages()
-    widen_forwarded_channels()
+    if not options.as_it_comes:
+        leave_out_ignore_messages()
+        widen_forwarded_channels()
     if options.quick_acknowledgements:
         acknowledge_at_once()
     asyncio.run(serve(options))

@@ -125,6 +125,7 @@ class Server(paramiko.ServerInterface):
         self.terminals = {}
         self.environments = {}
         self.commands = {}
+        self.targets = {}
         self.user_asked = None
 
     def get_banner(self):
@@ -191,15 +192,18 @@ class Server(paramiko.ServerInterface):
             peer = socket.create_connection(destination, 5)
         except OSError:
             return paramiko.OPEN_FAILED_CONNECT_FAILED
-        in_background(self._join, chanid, peer)
+        peer.settimeout(None)
+        if not self.targets:
+            in_background(self._join_targets)
+        self.targets[chanid] = peer
         return paramiko.OPEN_SUCCEEDED
 
-    def _join(self, chanid, peer):
-        """Joins a socket to the channel that was just granted, which comes out of accept in its turn."""
-        while (channel := self.transport.accept(10)) is not None:
-            if channel.get_id() == chanid:
-                join(channel, peer)
-                return
+    def _join_targets(self):
+        """Joins each socket to its channel, which comes out of accept once it has been granted."""
+        while self.transport.is_active():
+            channel = self.transport.accept(1)
+            if channel and channel.get_id() in self.targets:
+                join(channel, self.targets[channel.get_id()])
 
     def check_port_forward_request(self, address, port):
         try:
@@ -224,15 +228,24 @@ def join(channel, peer):
     in_background(copy, peer.recv, channel.sendall, channel.close)
 
 
-def serve_connection(options, host_key, connection):
-    transport = paramiko.Transport(connection)
+def reduce(transport, options):
+    """What suits a client of the reduced dialect."""
     security = transport.get_security_options()
     security.kex = options.key_exchanges
     security.ciphers = options.ciphers
     security.digests = options.macs
     transport.packetizer.REKEY_BYTES = NO_REKEYING
     transport.packetizer.REKEY_PACKETS = NO_REKEYING
-    transport.add_server_key(host_key)
+
+
+def serve_connection(options, host_keys, connection):
+    transport = paramiko.Transport(connection)
+    if not options.as_it_comes:
+        reduce(transport, options)
+    elif options.rekey_bytes:
+        transport.packetizer.REKEY_BYTES = options.rekey_bytes
+    for host_key in host_keys:
+        transport.add_server_key(host_key)
     try:
         transport.start_server(server=Server(options, transport))
     except (paramiko.SSHException, EOFError, OSError) as problem:
@@ -245,13 +258,17 @@ def main():
     options = parser.parse_args()
     if not paramiko.Transport.load_server_moduli(options.moduli):
         sys.exit("no groups in " + options.moduli)
-    key_class = paramiko.DSSKey if options.host_key == "dsa" else paramiko.RSAKey
-    host_key = key_class(filename=common.host_key_file(options))
+    if options.as_it_comes:
+        classes = (paramiko.Ed25519Key, paramiko.ECDSAKey, paramiko.RSAKey)
+        host_keys = [key(filename=name) for key, name in zip(classes, common.all_host_key_files(options))]
+    else:
+        key_class = paramiko.DSSKey if options.host_key == "dsa" else paramiko.RSAKey
+        host_keys = [key_class(filename=common.host_key_file(options))]
     listener = socket.create_server(("127.0.0.1", options.port), backlog=50)
     common.announce(listener.getsockname()[1])
     while True:
         connection, _ = listener.accept()
-        in_background(serve_connection, options, host_key, connection)
+        in_background(serve_connection, options, host_keys, connection)
 
 
 main()

@@ -18,6 +18,9 @@ def parser(description):
     result = argparse.ArgumentParser(description=description)
     result.add_argument("directory", help="where the host keys and authorized_keys are")
     result.add_argument("--port", type=int, default=0, help="0 takes any free one")
+    result.add_argument("--as-it-comes", action="store_true",
+                        help="everything that follows is left to the package; host keys: ed25519, ecdsa and rsa")
+    result.add_argument("--rekey-bytes", type=int, help="with --as-it-comes: when keys are renewed")
     result.add_argument("--host-key", default="rsa", choices=("rsa", "dsa"))
     result.add_argument("--key-exchanges", default=KEY_EXCHANGE, type=lambda text: text.split(","))
     result.add_argument("--ciphers", default="aes128-ctr,aes128-cbc", type=lambda text: text.split(","))
@@ -31,6 +34,10 @@ def parser(description):
 
 def host_key_file(options):
     return os.path.join(options.directory, "host_" + options.host_key)
+
+
+def all_host_key_files(options):
+    return [os.path.join(options.directory, "host_" + key) for key in ("ed25519", "ecdsa", "rsa")]
 
 
 def is_authorized(options, user, key_text):

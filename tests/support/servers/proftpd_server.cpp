@@ -50,18 +50,6 @@ SFTPRekey none
 </IfModule>
 )";
 
-std::string CurrentUser() {
-    passwd const* const entry = getpwuid(geteuid());
-    if (!entry) throw std::runtime_error("this process's user has no name");
-    return entry->pw_name;
-}
-
-std::string CurrentGroup() {
-    group const* const entry = getgrgid(getegid());
-    if (!entry) throw std::runtime_error("this process's group has no name");
-    return entry->gr_name;
-}
-
 std::string WithoutLineEnd(std::string text) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
     return text;
@@ -70,21 +58,33 @@ std::string WithoutLineEnd(std::string text) {
 } // namespace
 
 ProftpdServer::ProftpdServer(Kexinit kexinit) : RealServer(CurrentUser(), "an open secret") {
-    WriteAccounts();
+    WriteAccounts(*this);
     StartOnFreePort([this, kexinit](std::uint16_t port) {
         WriteFile(File("proftpd.conf"), Configuration(port, kexinit));
         return std::vector<std::string>{"/usr/sbin/proftpd", "-n", "-c", File("proftpd.conf")};
     });
 }
 
-void ProftpdServer::WriteAccounts() const {
-    std::filesystem::create_directory(File("home"));
-    std::string const hash = WithoutLineEnd(RunOrThrow({"openssl", "passwd", "-6", Password()}));
+void ProftpdServer::WriteAccounts(RealServer const& server) {
+    std::filesystem::create_directories(server.File("home"));
+    std::string const hash = WithoutLineEnd(RunOrThrow({"openssl", "passwd", "-6", server.Password()}));
     std::string const uid = std::to_string(geteuid());
     std::string const gid = std::to_string(getegid());
-    WriteFile(File("passwd"),
-              User() + ":" + hash + ":" + uid + ":" + gid + "::" + File("home") + ":/bin/bash\n");
-    WriteFile(File("group"), CurrentGroup() + ":x:" + gid + ":\n");
+    WriteFile(server.File("passwd"), server.User() + ":" + hash + ":" + uid + ":" + gid +
+                                         "::" + server.File("home") + ":/bin/bash\n");
+    WriteFile(server.File("group"), CurrentGroup() + ":x:" + gid + ":\n");
+}
+
+std::string ProftpdServer::CurrentUser() {
+    passwd const* const entry = getpwuid(geteuid());
+    if (!entry) throw std::runtime_error("this process's user has no name");
+    return entry->pw_name;
+}
+
+std::string ProftpdServer::CurrentGroup() {
+    group const* const entry = getgrgid(getegid());
+    if (!entry) throw std::runtime_error("this process's group has no name");
+    return entry->gr_name;
 }
 
 std::string ProftpdServer::Configuration(std::uint16_t port, Kexinit kexinit) const {

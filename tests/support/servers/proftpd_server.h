@@ -17,8 +17,12 @@ public:
 
     explicit ProftpdServer(Kexinit kexinit = Kexinit::AFTER_CLIENT);
 
+    /// Writes the files "passwd" and "group" of a server's directory: its user, as this process's own.
+    static void WriteAccounts(RealServer const& server);
+    static std::string CurrentUser();
+    static std::string CurrentGroup();
+
 private:
-    void WriteAccounts() const;
     std::string Configuration(std::uint16_t port, Kexinit kexinit) const;
 };
 

@@ -112,9 +112,9 @@ bool ListensOn(pid_t pid, std::uint16_t port) {
 
 } // namespace
 
-RealServer::RealServer(std::string user, std::string password)
+RealServer::RealServer(std::string user, std::string password, Keys keys)
     : _user(std::move(user)), _password(std::move(password)) {
-    MakeTestKeys(_directory.Path().string());
+    if (keys == Keys::MADE) MakeTestKeys(_directory.Path().string());
 }
 
 RealServer::~RealServer() = default;

@@ -14,8 +14,8 @@
 namespace servers {
 
 /// An SSH server by another vendor, running on 127.0.0.1 for as long as the object lives, with a directory of
-/// throw-away keys (see test_keys.h). A constructor returns when the server answers and throws
-/// std::runtime_error, with the server's log, when it does not.
+/// throw-away keys (see test_keys.h), or of whatever a derived class puts there. A constructor returns when the
+/// server answers and throws std::runtime_error, with the server's log, when it does not.
 ///
 /// Meant to be started once for a test suite, in SetUpTestSuite, and destroyed in TearDownTestSuite.
 class RealServer {
@@ -36,7 +36,9 @@ public:
     pid_t Pid() const { return _process->Pid(); }
 
 protected:
-    RealServer(std::string user, std::string password);
+    enum class Keys { MADE, NONE };
+
+    RealServer(std::string user, std::string password, Keys keys = Keys::MADE);
 
     /// Starts a server that picks its port itself and prints "ready on port N".
     void StartAndReadPort(std::vector<std::string> const& arguments);

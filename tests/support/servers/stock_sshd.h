@@ -4,26 +4,23 @@
 #include <cstdint>
 #include <string>
 
-#include "support/servers/openssh_server.h"
+#include "support/servers/standard_server.h"
 
 namespace servers {
 
 /// OpenSSH's sshd with the configuration of Debian's package, of which only port, host keys and paths are
 /// changed, and what a test adds. Needs root.
-class StockSshd : public RealServer {
+class StockSshd : public AccountServer {
 public:
     /// `lines` come first in the configuration, where the first value of a keyword counts.
     explicit StockSshd(std::string const& lines = {});
     ~StockSshd() override;
-
-    /// The path of a private key that the user logs in with: "ed25519", "ecdsa" or "rsa".
-    std::string UserKey(std::string const& type) const { return File("stock_user_" + type); }
-    /// The user's home directory, which is theirs.
-    std::string Home() const { return File("home"); }
-
-private:
-    ThrowAwayUser _account;
 };
+
+/// The configuration of an sshd as the two classes run it: that of a package, preceded by `lines` and by what
+/// is changed. It serves `port`, with keys and files in `directory`.
+std::string StockConfiguration(std::string const& package, std::string const& lines, std::uint16_t port,
+                               std::string const& directory);
 
 } // namespace servers
 
