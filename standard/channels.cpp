@@ -33,6 +33,7 @@ Channel& Channels::Add(std::unique_ptr<Channel> channel, unsigned int windowSize
     channel->windowSize = channel->localWindow = windowSize;
     channel->localMax = maxPacket;
     unsigned int const number = channel->local;
+    _numbers = std::max(_numbers, number + 1);
     return *(_channels[number] = std::move(channel));
 }
 
@@ -70,6 +71,8 @@ bool Channels::Take(View& message) {
     case Packet::SSH_MSG_REQUEST_SUCCESS:
     case Packet::SSH_MSG_REQUEST_FAILURE:
         return TakeGlobalAnswer(message);
+    case Packet::SSH_MSG_UNIMPLEMENTED:
+        return TakeUnimplemented(message);
     case Packet::SSH_MSG_CHANNEL_OPEN:
         TakeOpening(message);
         return false;
@@ -153,9 +156,12 @@ void Channels::TakeData(View message, bool isError) {
 
 void Channels::TakeAdjustment(View message) {
     Reader fields(message, "CHANNEL_WINDOW_ADJUST");
-    Channel& channel = Open(fields.Int(), "CHANNEL_WINDOW_ADJUST");
+    unsigned int const number = fields.Int();
     unsigned int const more = fields.Int();
     fields.End();
+    // Some servers go on granting after their CLOSE.
+    if (number < _numbers && !Find(number)) return;
+    Channel& channel = Open(number, "CHANNEL_WINDOW_ADJUST");
     if (channel.remoteWindow + more < more) Violation("the window of a channel overflows");
     channel.remoteWindow += more;
     if (more > 0) _events.OnWindow(channel);
@@ -213,9 +219,9 @@ bool Channels::TakeAnswer(View message) {
     if (channel.requests.empty()) Violation("an answer to no channel request");
     Channel::Request const request = channel.requests.front();
     channel.requests.pop_front();
-    if (request.isReported) return true;
-    if (message[0] == Packet::SSH_MSG_CHANNEL_FAILURE) _events.OnRequestRefused(channel, request.name);
-    return false;
+    if (message[0] == Packet::SSH_MSG_CHANNEL_FAILURE)
+        _events.OnRequestRefused(channel, request.name, request.isReported);
+    return request.isReported;
 }
 
 void Channels::TakeGlobalRequest(View message) {
@@ -230,12 +236,23 @@ bool Channels::TakeGlobalAnswer(View& message) {
     Global const request = _globals.front();
     _globals.pop_front();
     if (request == Global::KEEPALIVE) _keepalives = 0;
+    if (request == Global::FORWARDING && message[0] == Packet::SSH_MSG_REQUEST_FAILURE)
+        _events.OnForwardingRefused();
     if (request == Global::FORWARDING && message[0] == Packet::SSH_MSG_REQUEST_SUCCESS) {
         Reader fields(Fields(message), "REQUEST_SUCCESS");
         if (_isAnyPort) _remotePort = fields.Int();
         message = View(message.data(), 1);
     }
     return request != Global::KEEPALIVE;
+}
+
+/// A server without any global request answers them in this way; everything else that is sent here is known to
+/// all.
+bool Channels::TakeUnimplemented(View& message) {
+    static constexpr unsigned char FAILURE = Packet::SSH_MSG_REQUEST_FAILURE;
+    if (_globals.empty()) return false;
+    message = View(&FAILURE, 1);
+    return TakeGlobalAnswer(message);
 }
 
 void Channels::TakeOpening(View message) {

@@ -73,8 +73,10 @@ public:
     /// The server has granted more window.
     virtual void OnWindow(Channel& channel) = 0;
     virtual void OnOpenRequest(OpenRequest const& request) = 0;
-    /// A request of the client that was refused and was not sent as a reported one.
-    virtual void OnRequestRefused(Channel& channel, std::string const& name) = 0;
+    /// A request of the client that the server refused. `isReported`: its sender gets the answer, too.
+    virtual void OnRequestRefused(Channel& channel, std::string const& name, bool isReported) = 0;
+    /// The server does not listen for a remote forwarding.
+    virtual void OnForwardingRefused() = 0;
 };
 
 /// The connection protocol (RFC 4254): channels, their windows, and the requests of both sides.
@@ -147,6 +149,7 @@ private:
     bool TakeAnswer(View message);
     void TakeGlobalRequest(View fields);
     bool TakeGlobalAnswer(View& message);
+    bool TakeUnimplemented(View& message);
     void TakeOpening(View message);
     void TakeExit(Channel& channel, std::string const& name, Reader& fields);
     void SubmitRequest(View message);
@@ -158,6 +161,7 @@ private:
     Connection& _connection;
     ChannelEvents& _events;
     std::map<unsigned int, std::unique_ptr<Channel>> _channels; ///< by local number
+    unsigned int _numbers = 0; ///< that channels have had: those below
     std::deque<Global> _globals; ///< requests that wait for their replies, which arrive in order
     unsigned int _keepalives = 0;
     bool _isAnyPort = false; ///< the last remote forwarding asked for port 0

@@ -57,7 +57,7 @@ void Connection::ExchangeKeys() {
     _exchange.Start();
     View message;
     while (!_exchange.HasKeys()) {
-        while (!_exchange.HasKeys() && Next(message))
+        while (!_exchange.HasKeys() && NextOfStep(message))
             throw SshProtocolError("message before the first keys", message[0]);
         if (!_exchange.HasKeys()) WaitAndFill();
     }
@@ -67,7 +67,7 @@ void Connection::ExchangeKeys() {
 void Connection::Send(View message) {
     View other;
     while (!_exchange.MaySend()) {
-        if (Next(other)) throw SshProtocolError("message within a key exchange", other[0]);
+        if (NextOfStep(other)) throw SshProtocolError("message within a key exchange", other[0]);
         if (!_exchange.MaySend()) WaitAndFill();
     }
     _transport.Send(message);
@@ -77,20 +77,22 @@ void Connection::Send(View message) {
 
 View Connection::Receive() {
     View message;
-    while (!Next(message)) WaitAndFill();
+    while (!NextOfStep(message)) WaitAndFill();
     return message;
 }
 
 void Connection::WaitAndFill() {
+    std::size_t const waiting = _transport.PendingOutput();
     Flush();
+    // Room for output may be what the caller needs: a server with a large window need not send anything.
+    if (_transport.PendingOutput() < waiting) return;
     Deadline const deadline(Transport::TIME_LIMIT);
-    // While this side has output left, the server may be waiting for it as well.
-    while (_transport.PendingOutput() > 0) {
+    if (_transport.PendingOutput() > 0) {
         if (!_transport.WaitForEither(deadline)) throw SshProtocolError("the server does not take data");
         _transport.Flush();
-        if (_transport.Fill() > 0) return;
+    } else if (!_transport.WaitForInput(deadline)) {
+        throw SshProtocolError("the server does not answer");
     }
-    if (!_transport.WaitForInput(deadline)) throw SshProtocolError("the server does not answer");
     _transport.Fill();
 }
 
@@ -123,6 +125,13 @@ bool Connection::Next(View& message) {
     return false;
 }
 
+/// As Next, for steps whose messages every server knows.
+bool Connection::NextOfStep(View& message) {
+    while (Next(message))
+        if (message[0] != Packet::SSH_MSG_UNIMPLEMENTED) return true;
+    return false;
+}
+
 /// Returns whether the message has been handled here.
 bool Connection::TakeTransportMessage(View message) {
     int const number = message[0];
@@ -143,7 +152,6 @@ bool Connection::TakeTransportMessage(View message) {
     _exchange.CheckStrict(number);
     switch (number) {
     case Packet::SSH_MSG_IGNORE:
-    case Packet::SSH_MSG_UNIMPLEMENTED:
     case Packet::SSH_MSG_DEBUG:
         return true;
     case EXT_INFO:

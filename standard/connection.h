@@ -58,8 +58,8 @@ public:
     bool Next(View& message);
     /// Whether there are packets for Next().
     bool HasPacket() { return _transport.HasPacket(); }
-    /// Writes everything, then waits for more from the server. Throws SshProtocolError if the server stays
-    /// silent for longer than the limit.
+    /// Waits until the server has taken some of the pending output, if there is any, or has sent more. Throws
+    /// SshProtocolError if it does neither for longer than the limit.
     void WaitAndFill();
 
     /// Answers the message that Next() or Receive() returned last with UNIMPLEMENTED (RFC 4253, section
@@ -77,6 +77,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    bool NextOfStep(View& message);
     bool TakeTransportMessage(View message);
     void TakeExtensions(View message);
     void PostHeld();

@@ -121,7 +121,8 @@ public:
     void OnClosed(Channel& channel) override;
     void OnWindow(Channel& channel) override;
     void OnOpenRequest(OpenRequest const& request) override;
-    void OnRequestRefused(Channel& channel, std::string const& name) override;
+    void OnRequestRefused(Channel& channel, std::string const& name, bool isReported) override;
+    void OnForwardingRefused() override { SetLastError("the server refused the remote forwarding"); }
 
     // DataPort
     void Write(View data) override;
@@ -537,9 +538,9 @@ void StandardDialect::Impl::OnOpenRequest(OpenRequest const& request) {
     _channels.PostRefusal(request, Packet::SSH_OPEN_RESOURCE_SHORTAGE, "too many channels");
 }
 
-void StandardDialect::Impl::OnRequestRefused(Channel&, std::string const& name) {
+void StandardDialect::Impl::OnRequestRefused(Channel&, std::string const& name, bool isReported) {
     SetLastError("the server refused the request \"" + name + "\"");
-    throw SshProtocolError("the server refused a request", Text(name));
+    if (!isReported) throw SshProtocolError("the server refused a request", Text(name));
 }
 
 SshChannel& StandardDialect::Impl::NewTcpChannel(unsigned int remote, char const* type,

@@ -4,6 +4,7 @@
 //
 //     login                    nothing after the login
 //     run COMMAND              with descriptors 0, 1 and 2; exits with the command's status
+//     forward                  serves forwardings alone until descriptor 0 has something to read, or its end
 //     get REMOTE LOCAL         over SFTP, as put LOCAL REMOTE, cat REMOTE, mget PATTERN DIRECTORY, ls DIRECTORY
 //     scp-get DIR TO NAME      through the remote scp, as scp-put DIR TO NAME
 //
@@ -11,6 +12,8 @@
 // password is what questions are answered with, too; rekey the bytes between key exchanges; local and remote a
 // forwarding; display the X server. What was agreed goes to the file that "report" names, before Run and at
 // the end. Exit status 100: a refusal, with the reason on the error output; 101: an exception.
+
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -74,7 +77,8 @@ void Report(SshSession const& session, StandardDialect const& dialect, Options c
     std::ofstream(part) << "kex=" << dialect.KexName() << "\nhostkey=" << dialect.HostKeyName()
                         << "\ncipher=" << session.CipherName(0) << "\nmac=" << session.MacName(0)
                         << "\nstrict=" << dialect.IsStrict() << "\nexchanges=" << dialect.KeyExchanges()
-                        << "\nsignal=" << dialect.ExitSignal() << "\nport=" << dialect.RemotePort() << '\n';
+                        << "\nsignal=" << dialect.ExitSignal() << "\nport=" << dialect.RemotePort()
+                        << "\nerror=" << dialect.LastError() << '\n';
     if (std::rename(part.c_str(), file) != 0) throw std::runtime_error("cannot write the report");
 }
 
@@ -87,20 +91,66 @@ int OnlyLogIn(Options const& options, std::string const& host, std::string const
     return 0;
 }
 
+/// 0 or REFUSED.
+int StartForwardings(SshSession& session, StandardDialect const& dialect, Options const& options) {
+    if (char const* spec = Get(options, "local"))
+        if (session.StartLocalForwarding(spec) < 0) return Refuse(dialect);
+    if (char const* spec = Get(options, "remote"))
+        if (session.StartRemoteForwarding(spec) < 0) return Refuse(dialect);
+    return 0;
+}
+
 int RunCommand(Options const& options, std::string const& host, std::string const& user,
                Arguments const& args) {
     SshCmdSession session(host.c_str(), args.at(1).c_str());
     StandardDialect dialect(session);
     if (int const result = LogIn(session, dialect, options, user, args.at(0))) return result;
-    if (char const* spec = Get(options, "local"))
-        if (session.StartLocalForwarding(spec) < 0) return Refuse(dialect);
-    if (char const* spec = Get(options, "remote"))
-        if (session.StartRemoteForwarding(spec) < 0) return Refuse(dialect);
+    if (int const result = StartForwardings(session, dialect, options)) return result;
     if (char const* display = Get(options, "display")) session.StartX11Forwarding(0, display);
     Report(session, dialect, options);
     session.Run();
     Report(session, dialect, options);
     return dialect.ExitStatus() < 0 ? Refuse(dialect) : dialect.ExitStatus();
+}
+
+/// Ends a session when its descriptor can be read.
+class Stop : public IOMultiplexerDispatcher {
+public:
+    explicit Stop(SshSession& session) : IOMultiplexerDispatcher(IOMultiplexerRead), _session(session) {}
+    Stop* Clone() const override { return new Stop(*this); }
+    int Dispatch(int) override {
+        _session.Disconnect(Packet::SSH_DISCONNECT_BY_APPLICATION, "done");
+        _session.Terminate();
+        return 0;
+    }
+
+private:
+    SshSession& _session;
+};
+
+/// A session whose channel runs nothing.
+class Forwarder : public SshSession {
+public:
+    explicit Forwarder(char const* host) : SshSession(CLIENT, host) {}
+    int Run() override {
+        if (Open() < 0) return -1;
+        InitDispatcher();
+        Multiplexer().Unregister(STDIN_FILENO);
+        Multiplexer().Register(STDIN_FILENO, Stop(*this));
+        SshSession::Run();
+        return 0;
+    }
+};
+
+int Forward(Options const& options, std::string const& host, std::string const& user, Arguments const& args) {
+    Forwarder session(host.c_str());
+    StandardDialect dialect(session);
+    if (int const result = LogIn(session, dialect, options, user, args.at(0))) return result;
+    if (int const result = StartForwardings(session, dialect, options)) return result;
+    Report(session, dialect, options);
+    int const result = session.Run();
+    Report(session, dialect, options);
+    return result < 0 ? Refuse(dialect) : 0;
 }
 
 int List(SftpClientSession& session, SftpStatus& status, char const* directory) {
@@ -151,6 +201,7 @@ int Main(Arguments arguments) {
     std::string const user = target.substr(0, at), host = target.substr(at + 1);
     Arguments const rest(arguments.begin() + 2, arguments.end());
     if (job == "login") return OnlyLogIn(options, host, user, rest);
+    if (job == "forward") return Forward(options, host, user, rest);
     if (job == "run") return RunCommand(options, host, user, rest);
     if (job.rfind("scp-", 0) == 0) return CopyThroughScp(job, options, host, user, rest);
     return CopyOverSftp(job, options, host, user, rest);

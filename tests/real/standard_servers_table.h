@@ -32,7 +32,7 @@ inline constexpr char TABLE[] = R"(
 inline constexpr char REASONS[] = R"(
 1. It starts no key exchange within the bytes of the test; a row below has it do so, where it can be set.
 2. The server runs internal-sftp in place of every command.
-3. It has no X11 forwarding: the request is refused, which ends the session with an error.
+3. It has no X11 forwarding: the command runs without a display, and `LastError` says so.
 4. It starts one by itself only after far more bytes than the test sends; with `BRANTLE_LONG=1` it is seen.
 5. It runs no commands: the request is refused, which ends the session with an error.
 6. It forwards no ports: a connection to a local port is closed, a remote forwarding refused.

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
+#include <iostream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -65,6 +67,7 @@ struct Kind {
     bool runsCommands = true;
     bool asksPassword = false;
     std::string firstErrors{}; ///< what a command's error output begins with
+    bool isSlow = false;       ///< with so much to do that it gets an eighth of the bulk
 };
 
 template <class Server, class... Arguments>
@@ -89,7 +92,7 @@ std::vector<Kind> const& Kinds() {
     static std::vector<Kind> const kinds{
         {"sshd 9.2", Starts<StockSshd>()},
         {"sshd 9.2, AEAD and EtM alone", Starts<StockSshd>(HARDENED)},
-        {"sshd 9.2, RekeyLimit 64K", Starts<StockSshd>("RekeyLimit 64K\n")},
+        {"sshd 9.2, RekeyLimit 64K", Starts<StockSshd>("RekeyLimit 64K\n"), true, false, "", true},
         {"sshd 9.2, RekeyLimit 1M 5s", Starts<StockSshd>("RekeyLimit 1M 5s\n")},
         {"sshd 9.2, ClientAliveInterval 1", Starts<StockSshd>("ClientAliveInterval 1\n")},
         {"sshd 9.2, ForceCommand", Starts<StockSshd>(FORCED), true, false, "forced\n"},
@@ -213,19 +216,16 @@ private:
 /// Whether all that is sent to a port comes back, and then the end.
 bool ComesBack(std::uint16_t port, unsigned int seed) {
     std::string const sent = Noise(MEBIBYTE, seed);
-    tcp::End const end = tcp::End::To(port);
-    std::thread sender([&] {
-        end.Send(sent);
-        end.EndSending();
-    });
-    std::string received;
     try {
-        received = end.ReceiveAll();
+        tcp::End const end = tcp::End::To(port);
+        std::future<void> const sender = std::async(std::launch::async, [&] {
+            end.Send(sent);
+            end.EndSending();
+        });
+        return end.ReceiveAll() == sent;
     } catch (std::runtime_error const&) {
-        received = "no end";
+        return false;
     }
-    sender.join();
-    return received == sent;
 }
 
 std::size_t CountComingBack(std::uint16_t port) {
@@ -253,6 +253,12 @@ protected:
         TearDownTestSuite();
         server = TheKind().start();
         serverName = GetParam().server;
+    }
+
+    void TearDown() override {
+        if (!HasFailure()) return;
+        std::string const log = server->Log();
+        std::cerr << log.substr(log.size() - std::min<std::size_t>(log.size(), 2000)) << '\n';
     }
 
     static Kind const& TheKind() { return FindKind(GetParam().server); }
@@ -299,7 +305,8 @@ protected:
 
     void Cannot();
     void NoRekeying(bool afterMany);
-    void NoCommand(Words const& options, std::string const& authority, char const* error);
+    void NoCommand();
+    void NoX11();
     void NoLocalForwarding();
 
     void CarriesBothWays(Words const& options, std::size_t size);
@@ -379,17 +386,17 @@ void StandardServers::CarriesBothWays(Words const& options, std::size_t size) {
     std::filesystem::remove(Remote("noise"));
 }
 
-void StandardServers::Bulk() { CarriesBothWays({}, BULK); }
+void StandardServers::Bulk() { CarriesBothWays({}, TheKind().isSlow && !IsLong() ? BULK / 8 : BULK); }
 
 void StandardServers::Sftp() {
     std::string const noise = Noise(3 * MEBIBYTE + 12345);
     WriteFile(File("a file"), noise);
-    EXPECT_EQ(Do({}, "put", {File("a file"), Remote("a file")}).errors, TheKind().firstErrors);
+    EXPECT_EQ(Do({}, "put", {File("a file"), Remote("a file")}).errors, "");
     EXPECT_TRUE(ReadFile(Remote("a file")) == noise);
     WriteFile(File("empty"), "");
-    EXPECT_EQ(Do({}, "put", {File("empty"), Remote("an empty file")}).errors, TheKind().firstErrors);
+    EXPECT_EQ(Do({}, "put", {File("empty"), Remote("an empty file")}).errors, "");
     std::filesystem::create_directory(File("to"));
-    EXPECT_EQ(Do({}, "mget", {Remote("a*file"), File("to")}).errors, TheKind().firstErrors);
+    EXPECT_EQ(Do({}, "mget", {Remote("a*file"), File("to")}).errors, "");
     EXPECT_TRUE(ReadFile(File("to/a file")) == noise);
     EXPECT_EQ(ReadFile(File("to/an empty file")), "");
     EXPECT_EQ(Do({}, "ls", {server->Home()}).output, "a file\nan empty file\n");
@@ -415,24 +422,24 @@ void StandardServers::Scp() {
 void StandardServers::LocalForwarding() {
     EchoService const target;
     std::string const port = std::to_string(tcp::FreePort());
-    RunningSession session(Line({"local=" + port + ":127.0.0.1:" + target.Port()}, "run", {"cat"}),
+    RunningSession session(Line({"local=" + port + ":127.0.0.1:" + target.Port()}, "forward", {}),
                            _home.Path().string());
     ASSERT_TRUE(session.Await(File("report"))) << session.End().errors;
     EXPECT_EQ(CountComingBack(static_cast<std::uint16_t>(std::stoul(port))), CONNECTIONS);
     Outcome const outcome = session.End();
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
-    EXPECT_EQ(outcome.errors, TheKind().firstErrors);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
 }
 
 void StandardServers::RemoteForwarding() {
     EchoService const target;
-    RunningSession session(Line({"remote=0:127.0.0.1:" + target.Port()}, "run", {"cat"}),
+    RunningSession session(Line({"remote=0:127.0.0.1:" + target.Port()}, "forward", {}),
                            _home.Path().string());
     ASSERT_TRUE(session.Await(File("report"))) << session.End().errors;
     EXPECT_EQ(CountComingBack(static_cast<std::uint16_t>(std::stoul(Reported("port")))), CONNECTIONS);
     Outcome const outcome = session.End();
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
-    EXPECT_EQ(outcome.errors, TheKind().firstErrors);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
 }
 
 void StandardServers::X11() {
@@ -448,7 +455,8 @@ void StandardServers::X11() {
 
 void StandardServers::Rekeying() {
     CarriesBothWays({"rekey=200000"}, REKEYED);
-    EXPECT_GT(std::stoul(Reported("exchanges")), REKEYED / 400000);
+    // Over SFTP the requests that are on the way are answered first.
+    EXPECT_GT(std::stoul(Reported("exchanges")), TheKind().runsCommands ? REKEYED / 400000 : 1);
 }
 
 void StandardServers::RekeyingByTheServer() {
@@ -472,26 +480,36 @@ void StandardServers::NoRekeying(bool afterMany) {
     EXPECT_GT(std::stoul(Reported("exchanges")), 1u);
 }
 
-/// A command that is not run, with an error if the server says so.
-void StandardServers::NoCommand(Words const& options, std::string const& authority, char const* error) {
-    Words line = Line(options, "run", {"echo mine"});
-    line.insert(line.begin() + 1, "XAUTHORITY=" + authority);
+void StandardServers::NoCommand() {
+    Outcome const outcome = Command("echo mine");
+    bool const isSshd = GetParam().mark == "2";
+    EXPECT_EQ(outcome.status, isSshd ? 1 : THROWN);
+    EXPECT_EQ(outcome.output, isSshd ? "This service allows sftp connections only.\n" : "");
+    EXPECT_EQ(outcome.errors, isSshd ? "" : "the server refused a request: exec\n");
+}
+
+/// The command runs without a display.
+void StandardServers::NoX11() {
+    servers::XServer const display;
+    Words line = Line({"display=" + display.Display()}, "run", {"echo \"<$DISPLAY>\""});
+    line.insert(line.begin() + 1, "XAUTHORITY=" + display.Authority());
     Outcome const outcome = servers::Run(line);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.status, error ? THROWN : 0);
-    EXPECT_EQ(outcome.errors, error ? error : "");
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(outcome.output, "<>\n");
+    EXPECT_EQ(Reported("error"), "the server refused the request \"x11-req\"");
 }
 
 void StandardServers::NoLocalForwarding() {
     std::string const port = std::to_string(tcp::FreePort());
-    RunningSession session(Line({"local=" + port + ":127.0.0.1:" + std::to_string(server->Port())}, "run",
-                                {TheKind().runsCommands ? "cat" : "none"}),
-                           _home.Path().string());
+    RunningSession session(
+        Line({"local=" + port + ":127.0.0.1:" + std::to_string(server->Port())}, "forward", {}),
+        _home.Path().string());
     ASSERT_TRUE(session.Await(File("report"))) << session.End().errors;
-    if (TheKind().runsCommands) {
-        EXPECT_TRUE(tcp::End::To(static_cast<std::uint16_t>(std::stoul(port))).IsClosedByPeer());
-    }
-    EXPECT_EQ(session.End().status, TheKind().runsCommands ? 0 : THROWN);
+    EXPECT_TRUE(tcp::End::To(static_cast<std::uint16_t>(std::stoul(port))).IsClosedByPeer());
+    Outcome const outcome = session.End();
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_THAT(Reported("error"), HasSubstr("the server refused the channel"));
 }
 
 void StandardServers::Cannot() {
@@ -506,18 +524,16 @@ void StandardServers::Cannot() {
     } else if (job == "scp") {
         WriteFile(File("file"), "content");
         Outcome const outcome = Do({}, "scp-put", {_home.Path().string(), server->Home(), "file"});
-        EXPECT_EQ(outcome.status, REFUSED);
-        EXPECT_EQ(outcome.errors, "?");
+        EXPECT_EQ(outcome.status, THROWN);
+        EXPECT_EQ(outcome.errors, "scp returned illegal error code\n");
     } else if (reason == "7") {
         Outcome const outcome = servers::Run(Line({}, "login", {}, job));
         EXPECT_EQ(outcome.status, REFUSED);
         EXPECT_THAT(outcome.errors, HasSubstr("refused"));
-    } else if (job == "X11") {
-        servers::XServer const display;
-        NoCommand({"display=" + display.Display()}, display.Authority(),
-                  reason == "2" ? nullptr : "the server refused a request: x11-req\n");
+    } else if (reason == "3") {
+        NoX11();
     } else {
-        NoCommand({}, {}, reason == "2" ? nullptr : "the server refused a request: exec\n");
+        NoCommand();
     }
 }
 

@@ -224,8 +224,15 @@ class Server(paramiko.ServerInterface):
 
 
 def join(channel, peer):
-    in_background(copy, channel.recv, peer.sendall, lambda: peer.shutdown(socket.SHUT_WR))
-    in_background(copy, peer.recv, channel.sendall, channel.close)
+    """Copies both ways; each end is passed on by itself, and both together close the channel and the socket."""
+    def copy_to_peer():
+        copy(channel.recv, peer.sendall, lambda: peer.shutdown(socket.SHUT_WR))
+        from_peer.join()
+        channel.close()
+        peer.close()
+
+    from_peer = in_background(copy, peer.recv, channel.sendall, channel.shutdown_write)
+    in_background(copy_to_peer)
 
 
 def reduce(transport, options):

@@ -39,11 +39,12 @@ std::vector<std::string> const& StandardServer::KeyTypes() {
 
 StandardServer::StandardServer(std::string user, std::string password)
     : RealServer(std::move(user), std::move(password), Keys::NONE) {
-    for (std::string const type : {"ed25519", "ecdsa", "rsa"}) MakeKey(File("host_" + type), type, {});
+    for (std::string const type : {"ed25519", "ecdsa", "rsa"}) 
+        MakeKey(File("host_" + type), type, type == "rsa" ? "2048" : "");
     std::string authorized;
     for (std::string const& type : KeyTypes()) {
         bool const isEcdsa = type.rfind("ecdsa", 0) == 0;
-        MakeKey(UserKey(type), isEcdsa ? "ecdsa" : type, isEcdsa ? type.substr(5) : "");
+        MakeKey(UserKey(type), isEcdsa ? "ecdsa" : type, isEcdsa ? type.substr(5) : type == "rsa" ? "2048" : "");
         authorized += ReadFile(UserKey(type) + ".pub");
     }
     WriteFile(File("authorized_keys"), authorized);

@@ -11,13 +11,28 @@ namespace servers {
 
 namespace {
 
+using Words = std::vector<std::string>;
+
+/// The line that runs a script with arguments; what it mounts is seen by itself alone, and ends with it.
+Words InOwnMounts(char const* script, Words const& arguments) {
+    Words line{"unshare", "--mount", "--propagation", "private", "bash", "-c", script, "bash"};
+    line.insert(line.end(), arguments.begin(), arguments.end());
+    return line;
+}
+
+/// A server's directory without a slash at its end.
+std::string Directory(RealServer const& server) {
+    std::string directory = server.File("");
+    while (directory.back() == '/') directory.pop_back();
+    return directory;
+}
+
 // --- sshd of Debian 13
 
 constexpr char const* ROOT_SCRIPT = BRANTLE_SOURCE_DIR "/script/debian13-sshd";
 constexpr char const* ROOT_USER = "tester";
 constexpr uid_t ROOT_USER_ID = 61000; ///< as the script has it
 
-/// Everything is mounted in a namespace of the server's own, and ends with it.
 constexpr char const* RUN_IN_ROOT = R"(set -e
 root=$1 directory=$2
 mount -t tmpfs tmpfs "$root/tmp"
@@ -39,6 +54,20 @@ void GiveToRootUser(std::string const& path) {
     if (chown(path.c_str(), ROOT_USER_ID, ROOT_USER_ID) != 0)
         throw std::runtime_error("cannot give away " + path);
 }
+
+// --- tinyssh
+
+/// Homes in a directory that everybody may write to are refused: temporary ones are not in such a one here.
+constexpr char const* RUN_SOCAT = R"(set -e
+cd "$1"
+parent=$(dirname "$1")
+mount -t tmpfs -o mode=755 tmpfs "$parent"
+mkdir -m 711 "$1"
+mount --no-canonicalize --bind . "$1"
+cd /
+exec socat "TCP-LISTEN:$2,bind=127.0.0.1,reuseaddr,fork" \
+    "EXEC:/usr/sbin/tinysshd -v -x sftp=/usr/lib/openssh/sftp-server $1/tinyssh,nofork"
+)";
 
 // --- ProFTPD
 
@@ -84,27 +113,25 @@ Debian13Sshd::Debian13Sshd(std::string const& lines) : StandardServer(ROOT_USER,
     std::filesystem::copy(File("authorized_keys"), Home() + "/.ssh/authorized_keys");
     for (std::string const& path : {Home(), Home() + "/.ssh", Home() + "/.ssh/authorized_keys"})
         GiveToRootUser(path);
-    std::string directory = File("");
-    while (directory.back() == '/') directory.pop_back();
+    std::string const directory = Directory(*this);
     StartOnFreePort([&](std::uint16_t port) {
         WriteFile(File("sshd_config"),
                   StockConfiguration(root + "/usr/share/openssh/sshd_config", lines, port, directory));
-        return std::vector<std::string>{"unshare", "--mount", "--propagation", "private", "bash", "-c",
-                                        RUN_IN_ROOT, "run_in_root", root, directory};
+        return InOwnMounts(RUN_IN_ROOT, {root, directory});
     });
 }
 
 Debian13Sshd::~Debian13Sshd() { Stop(); }
 
-StandardDropbear::StandardDropbear(std::vector<std::string> const& options) {
-    std::vector<std::string> line{"/usr/sbin/dropbear", "-F", "-E"};
+StandardDropbear::StandardDropbear(Words const& options) {
+    Words line{"/usr/sbin/dropbear", "-F", "-E"};
     for (std::string const type : {"ed25519", "ecdsa", "rsa"}) {
         RunOrThrow({"dropbearkey", "-t", type, "-f", File("dropbear_" + type)});
         line.insert(line.end(), {"-r", File("dropbear_" + type)});
     }
     line.insert(line.end(), options.begin(), options.end());
     StartOnFreePort([&](std::uint16_t port) {
-        std::vector<std::string> whole = line;
+        Words whole = line;
         whole.insert(whole.end(),
                      {"-P", File("dropbear.pid"), "-p", "127.0.0.1:" + std::to_string(port)});
         return whole;
@@ -116,9 +143,7 @@ StandardDropbear::~StandardDropbear() { Stop(); }
 Tinyssh::Tinyssh() {
     RunOrThrow({"/usr/sbin/tinysshd-makekey", "-q", File("tinyssh")});
     StartOnFreePort([&](std::uint16_t port) {
-        return std::vector<std::string>{
-            "socat", "TCP-LISTEN:" + std::to_string(port) + ",bind=127.0.0.1,reuseaddr,fork",
-            "EXEC:/usr/sbin/tinysshd -v -x sftp=/usr/lib/openssh/sftp-server " + File("tinyssh") + ",nofork"};
+        return InOwnMounts(RUN_SOCAT, {Directory(*this), std::to_string(port)});
     });
 }
 
@@ -138,14 +163,14 @@ StandardProftpd::StandardProftpd(std::string const& lines)
                                                  {"GROUP", ProftpdServer::CurrentGroup()},
                                                  {"DIRECTORY", File(".")},
                                                  {"LINES", lines}}));
-        return std::vector<std::string>{"/usr/sbin/proftpd", "-n", "-c", File("proftpd.conf")};
+        return Words{"/usr/sbin/proftpd", "-n", "-c", File("proftpd.conf")};
     });
 }
 
-StandardPython::StandardPython(std::string const& script, std::vector<std::string> const& options)
+StandardPython::StandardPython(std::string const& script, Words const& options)
     : StandardServer("tester", PASSWORD) {
     // -B: no byte code is left in the source tree.
-    std::vector<std::string> line{
+    Words line{
         "/usr/bin/python3", "-B",   std::string(BRANTLE_SERVER_SCRIPTS) + "/" + script,
         "--as-it-comes",    "--user", User(), "--password", Password(), File("")};
     line.insert(line.end(), options.begin(), options.end());

@@ -1,0 +1,107 @@
+#include "standard/channels.h"
+
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <brantle/cindral/exceptions.h>
+
+#include "support/peer/wire.h"
+
+using namespace cindral::standard;
+using cindral::SshProtocolError;
+
+namespace {
+
+constexpr unsigned int WINDOW = 1000;
+constexpr unsigned int REMOTE = 70;
+
+class NoHostKeys : public HostKeyCheck {
+public:
+    std::string Order(std::string const& algorithms) override { return algorithms; }
+    std::string Refuse(std::string const&, View) override { return "none is trusted"; }
+};
+
+class CountedEvents : public ChannelEvents {
+public:
+    void OnOpened(Channel&) override {}
+    void OnOpenFailed(Channel&, std::string const&) override {}
+    void OnData(Channel&, View) override {}
+    void OnErrorData(Channel&, View) override {}
+    void OnEof(Channel&) override {}
+    void OnClosed(Channel&) override { ++closed; }
+    void OnWindow(Channel&) override { ++windows; }
+    void OnOpenRequest(OpenRequest const&) override {}
+    void OnRequestRefused(Channel&, std::string const&, bool) override {}
+    void OnForwardingRefused() override { ++forwardingsRefused; }
+
+    int closed = 0;
+    int windows = 0;
+    int forwardingsRefused = 0;
+};
+
+/// Channels of a connection without keys: what is posted stays where it is.
+class ChannelsOfAServer : public testing::Test {
+protected:
+    /// An open channel of that number.
+    Channel& Open(unsigned int number) {
+        Channel& channel = channels.Add(std::make_unique<Channel>(number), WINDOW, WINDOW);
+        Take(peer::Writer().U8(91).U32(number).U32(REMOTE + number).U32(WINDOW).U32(WINDOW));
+        return channel;
+    }
+    /// The numbers of the message that is passed on; empty for none.
+    peer::Bytes Take(peer::Bytes const& message) {
+        View view(message.data(), message.size());
+        return channels.Take(view) ? peer::Bytes(view.begin(), view.end()) : peer::Bytes();
+    }
+    void Adjust(unsigned int number) { Take(peer::Writer().U8(93).U32(number).U32(5)); }
+
+    Offer offer;
+    NoHostKeys hostKeys;
+    RekeyLimit limit;
+    Connection connection{offer, hostKeys, limit};
+    CountedEvents events;
+    Channels channels{connection, events};
+};
+
+} // namespace
+
+TEST_F(ChannelsOfAServer, WindowIsGranted) {
+    Channel const& channel = Open(3);
+    Adjust(3);
+    EXPECT_EQ(channel.remoteWindow, WINDOW + 5);
+    EXPECT_EQ(events.windows, 1);
+}
+
+TEST_F(ChannelsOfAServer, WindowGrantedAfterTheCloseIsIgnored) {
+    Open(3);
+    Take(peer::Writer().U8(97).U32(3));
+    EXPECT_EQ(events.closed, 1);
+    Adjust(3);
+    EXPECT_EQ(events.windows, 0);
+}
+
+TEST_F(ChannelsOfAServer, WindowOfANumberThatWasNeverUsedIsAViolation) {
+    Open(3);
+    EXPECT_THROW(Adjust(4), SshProtocolError);
+}
+
+TEST_F(ChannelsOfAServer, GlobalRequestThatIsNotImplementedIsRefused) {
+    peer::Bytes const request =
+        peer::Writer().U8(80).String("tcpip-forward").Bool(true).String("localhost").U32(0);
+    channels.Submit(View(request.data(), request.size()));
+    EXPECT_EQ(Take(peer::Writer().U8(3).U32(17)), peer::Bytes(peer::Writer().U8(82)));
+    EXPECT_EQ(events.forwardingsRefused, 1);
+}
+
+TEST_F(ChannelsOfAServer, KeepaliveThatIsNotImplementedIsAnswered) {
+    channels.PostKeepalive();
+    EXPECT_EQ(channels.UnansweredKeepalives(), 1u);
+    EXPECT_EQ(Take(peer::Writer().U8(3).U32(17)), peer::Bytes());
+    EXPECT_EQ(channels.UnansweredKeepalives(), 0u);
+}
+
+TEST_F(ChannelsOfAServer, UnimplementedWithoutAGlobalRequestIsIgnored) {
+    EXPECT_EQ(Take(peer::Writer().U8(3).U32(17)), peer::Bytes());
+}
