@@ -246,8 +246,8 @@ bool Channels::TakeGlobalAnswer(View& message) {
     return request != Global::KEEPALIVE;
 }
 
-/// A server without any global request answers them in this way; everything else that is sent here is known to
-/// all.
+/// A server without any global request answers them in this way; everything else that is sent here is known
+/// to all.
 bool Channels::TakeUnimplemented(View& message) {
     static constexpr unsigned char FAILURE = Packet::SSH_MSG_REQUEST_FAILURE;
     if (_globals.empty()) return false;

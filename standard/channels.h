@@ -161,7 +161,7 @@ private:
     Connection& _connection;
     ChannelEvents& _events;
     std::map<unsigned int, std::unique_ptr<Channel>> _channels; ///< by local number
-    unsigned int _numbers = 0; ///< that channels have had: those below
+    unsigned int _numbers = 0;                                  ///< that channels have had: those below
     std::deque<Global> _globals; ///< requests that wait for their replies, which arrive in order
     unsigned int _keepalives = 0;
     bool _isAnyPort = false; ///< the last remote forwarding asked for port 0

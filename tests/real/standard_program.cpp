@@ -5,14 +5,15 @@
 //     login                    nothing after the login
 //     run COMMAND              with descriptors 0, 1 and 2; exits with the command's status
 //     forward                  serves forwardings alone until descriptor 0 has something to read, or its end
-//     get REMOTE LOCAL         over SFTP, as put LOCAL REMOTE, cat REMOTE, mget PATTERN DIRECTORY, ls DIRECTORY
-//     scp-get DIR TO NAME      through the remote scp, as scp-put DIR TO NAME
+//     get REMOTE LOCAL         over SFTP, as put LOCAL REMOTE, cat REMOTE, mget PATTERN DIRECTORY, ls
+//     DIRECTORY scp-get DIR TO NAME      through the remote scp, as scp-put DIR TO NAME
 //
 // An empty KEY leaves the choice to the session. Names: kex, hostkeys, ciphers, macs set what is offered;
-// password is what questions are answered with, too; rekey the bytes between key exchanges; local and remote a
-// forwarding; display the X server. What was agreed goes to the file that "report" names, before Run and at
+// password is what questions are answered with, too; rekey the bytes between key exchanges; local and remote
+// a forwarding; display the X server. What was agreed goes to the file that "report" names, before Run and at
 // the end. Exit status 100: a refusal, with the reason on the error output; 101: an exception.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -135,8 +136,8 @@ public:
     int Run() override {
         if (Open() < 0) return -1;
         InitDispatcher();
-        Multiplexer().Unregister(STDIN_FILENO);
-        Multiplexer().Register(STDIN_FILENO, Stop(*this));
+        // A descriptor of its own: the dialect watches the first one as it sees fit.
+        Multiplexer().Register(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0), Stop(*this));
         SshSession::Run();
         return 0;
     }

@@ -200,8 +200,10 @@ class Server(paramiko.ServerInterface):
 
     def _join_targets(self):
         """Joins each socket to its channel, which comes out of accept once it has been granted."""
+        channels = []  # a channel that nobody refers to closes itself
         while self.transport.is_active():
             channel = self.transport.accept(1)
+            channels.append(channel)
             if channel and channel.get_id() in self.targets:
                 join(channel, self.targets[channel.get_id()])
 

@@ -39,12 +39,15 @@ std::vector<std::string> const& StandardServer::KeyTypes() {
 
 StandardServer::StandardServer(std::string user, std::string password)
     : RealServer(std::move(user), std::move(password), Keys::NONE) {
-    for (std::string const type : {"ed25519", "ecdsa", "rsa"}) 
+    for (std::string const type : {"ed25519", "ecdsa", "rsa"})
         MakeKey(File("host_" + type), type, type == "rsa" ? "2048" : "");
     std::string authorized;
     for (std::string const& type : KeyTypes()) {
         bool const isEcdsa = type.rfind("ecdsa", 0) == 0;
-        MakeKey(UserKey(type), isEcdsa ? "ecdsa" : type, isEcdsa ? type.substr(5) : type == "rsa" ? "2048" : "");
+        MakeKey(UserKey(type), isEcdsa ? "ecdsa" : type,
+                isEcdsa         ? type.substr(5)
+                : type == "rsa" ? "2048"
+                                : "");
         authorized += ReadFile(UserKey(type) + ".pub");
     }
     WriteFile(File("authorized_keys"), authorized);
@@ -52,8 +55,7 @@ StandardServer::StandardServer(std::string user, std::string password)
     if (chmod(File("").c_str(), 0711) != 0) throw std::runtime_error("cannot open " + File(""));
 }
 
-AccountServer::AccountServer()
-    : StandardServer(NextUser(), PASSWORD), _account(User(), Home(), Password()) {
+AccountServer::AccountServer() : StandardServer(NextUser(), PASSWORD), _account(User(), Home(), Password()) {
     std::filesystem::create_directory(Home() + "/.ssh");
     std::filesystem::copy(File("authorized_keys"), Home() + "/.ssh/authorized_keys");
     Give(Home() + "/.ssh", User(), 0700);

@@ -132,8 +132,7 @@ StandardDropbear::StandardDropbear(Words const& options) {
     line.insert(line.end(), options.begin(), options.end());
     StartOnFreePort([&](std::uint16_t port) {
         Words whole = line;
-        whole.insert(whole.end(),
-                     {"-P", File("dropbear.pid"), "-p", "127.0.0.1:" + std::to_string(port)});
+        whole.insert(whole.end(), {"-P", File("dropbear.pid"), "-p", "127.0.0.1:" + std::to_string(port)});
         return whole;
     });
 }
@@ -142,9 +141,8 @@ StandardDropbear::~StandardDropbear() { Stop(); }
 
 Tinyssh::Tinyssh() {
     RunOrThrow({"/usr/sbin/tinysshd-makekey", "-q", File("tinyssh")});
-    StartOnFreePort([&](std::uint16_t port) {
-        return InOwnMounts(RUN_SOCAT, {Directory(*this), std::to_string(port)});
-    });
+    StartOnFreePort(
+        [&](std::uint16_t port) { return InOwnMounts(RUN_SOCAT, {Directory(*this), std::to_string(port)}); });
 }
 
 Tinyssh::~Tinyssh() { Stop(); }
@@ -170,9 +168,9 @@ StandardProftpd::StandardProftpd(std::string const& lines)
 StandardPython::StandardPython(std::string const& script, Words const& options)
     : StandardServer("tester", PASSWORD) {
     // -B: no byte code is left in the source tree.
-    Words line{
-        "/usr/bin/python3", "-B",   std::string(BRANTLE_SERVER_SCRIPTS) + "/" + script,
-        "--as-it-comes",    "--user", User(), "--password", Password(), File("")};
+    Words line{"/usr/bin/python3", "-B",       std::string(BRANTLE_SERVER_SCRIPTS) + "/" + script,
+               "--as-it-comes",    "--user",   User(),
+               "--password",       Password(), File("")};
     line.insert(line.end(), options.begin(), options.end());
     StartAndReadPort(line);
 }

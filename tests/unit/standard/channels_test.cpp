@@ -1,5 +1,3 @@
-#include "standard/channels.h"
-
 #include <memory>
 #include <string>
 
@@ -7,6 +5,7 @@
 
 #include <brantle/cindral/exceptions.h>
 
+#include "standard/channels.h"
 #include "support/peer/wire.h"
 
 using namespace cindral::standard;

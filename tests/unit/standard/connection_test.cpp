@@ -1,5 +1,3 @@
-#include "standard/connection.h"
-
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +8,8 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "standard/connection.h"
 
 using namespace cindral::standard;
 
@@ -33,9 +33,8 @@ TEST(Connection, WaitEndsWhenASilentServerHasTakenTheOutput) {
     RekeyLimit const limit;
     Connection connection(offer, hostKeys, limit);
     std::string server, reason;
-    ASSERT_EQ(connection.Identify(ends[0], Deadline(std::chrono::seconds(10)), "SSH-2.0-test",
-                                  server, reason),
-              0);
+    ASSERT_EQ(
+        connection.Identify(ends[0], Deadline(std::chrono::seconds(10)), "SSH-2.0-test", server, reason), 0);
 
     constexpr std::size_t SIZE = 30000;
     for (int i = 0; i < 40; ++i) {
