@@ -14,8 +14,8 @@
 namespace servers {
 
 /// An SSH server by another vendor, running on 127.0.0.1 for as long as the object lives, with a directory of
-/// throw-away keys (see test_keys.h), or of whatever a derived class puts there. A constructor returns when the
-/// server answers and throws std::runtime_error, with the server's log, when it does not.
+/// throw-away keys (see test_keys.h), or of whatever a derived class puts there. A constructor returns when
+/// the server answers and throws std::runtime_error, with the server's log, when it does not.
 ///
 /// Meant to be started once for a test suite, in SetUpTestSuite, and destroyed in TearDownTestSuite.
 class RealServer {
