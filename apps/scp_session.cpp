@@ -127,12 +127,13 @@ int ScpSession::ReceiveFile(String_t const& dir, String_t const& name) {
         if (_input.Readln(line, EOL).Status() != 0) return -1;
         char const kind = *line.Text();
         if (kind == ERROR_WITH_TEXT || kind == FATAL_ERROR)
-            throw SshProtocolError("scp terminated with error");
+            throw SshProtocolError("scp terminated with error",
+                                   _dialect ? Shown(line.SubStr(1, UINT_MAX)) : String_t());
     } while (*line.Text() != 'C');
     unsigned int mode = 0;
     long long size = 0;
     Pathname announced;
-    ParseCLine(line.SubStr(1, UINT_MAX), mode, size, announced);
+    ParseCLine(Shown(line.SubStr(1, UINT_MAX)), mode, size, announced);
     _output.Put(ACKNOWLEDGED);
     Pathname const path = Join(dir, name);
     // Deliberate without a dialect: the server's mode, set-user-ID and all, as far as the umask lets it
@@ -205,7 +206,12 @@ int ScpSession::ReadResponse() {
     if (code != ERROR_WITH_TEXT) throw SshProtocolError("scp returned illegal error code");
     String_t text;
     _input.Readln(text, EOL);
-    throw SshProtocolError("scp terminated with error", text.Trim());
+    throw SshProtocolError("scp terminated with error", Shown(text.Trim()));
+}
+
+/// With a dialect, a text of the server's may be shown on a terminal.
+String_t ScpSession::Shown(String_t const& text) const {
+    return _dialect ? _dialect->Transfer().Shown(text) : text;
 }
 
 ISockStream& ScpSession::Readln(String_t& line) {

@@ -118,6 +118,8 @@ void FileCopies::CheckName(String_t const& name) {
 
 // --- scp
 
+String_t FileCopies::Shown(String_t const& text) { return Printable(Name(text)).c_str(); }
+
 bool FileCopies::CanAnnounce(String_t const& name) {
     bool const can = !HasControlCharacters(Name(name));
     if (!can)

@@ -172,6 +172,7 @@ private:
 
     int Identify(Deadline const& deadline, std::string& reason);
     void Deliver(View data, std::size_t bytes);
+    void DeliverStatus(View message);
     Channel& OpenSession();
     void ServeBlocking();
     void FlushBlocking();
@@ -430,6 +431,7 @@ void StandardDialect::Impl::Serve() {
 /// A name without a long name gets one that consists of a NUL byte: the session requires one, and reads this
 /// one as empty.
 void StandardDialect::Impl::TakeReply(View message) {
+    if (message[0] == SftpPacket::FXP_STATUS) return DeliverStatus(message);
     if (message[0] != SftpPacket::FXP_NAME) {
         Writer whole;
         return Deliver(whole.String(message).Get(), message.size() + 4);
@@ -448,6 +450,17 @@ void StandardDialect::Impl::TakeReply(View message) {
     names.Fixed(fields.Rest());
     Writer whole;
     Deliver(whole.String(names.Get()).Get(), message.size() + 4);
+}
+
+/// The texts may be shown on a terminal afterwards. Servers leave them out, and the session expects them.
+void StandardDialect::Impl::DeliverStatus(View message) {
+    Reader fields(message, "SFTP status");
+    Writer status;
+    status.Byte(fields.Byte()).Int(fields.Int()).Int(fields.Int());
+    for (int texts = 0; texts < 2; ++texts)
+        status.String(fields.Left() > 0 ? Printable(fields.String()) : std::string());
+    Writer whole;
+    Deliver(whole.String(status.Get()).Get(), message.size() + 4);
 }
 
 void StandardDialect::Impl::Deliver(View data, std::size_t bytes) {
@@ -605,6 +618,8 @@ int StandardDialect::ConfirmHostKey(String_t const&, String_t const&, String_t c
 }
 
 void StandardDialect::SetKeepalive(unsigned int seconds, unsigned int unanswered) {
+    if (seconds > 0 && unanswered == 0)
+        throw InvalidArgument("StandardDialect::SetKeepalive", "no keepalive may be unanswered");
     _impl->_keepaliveSeconds = seconds;
     _impl->_keepaliveUnanswered = unanswered;
 }

@@ -176,6 +176,18 @@ TEST_F(StandardExamples, ScpNamesWhatItCanNotCopy) {
                 Ends(10, "", Here("missing") + ": No such file or directory\n"));
 }
 
+TEST_F(StandardExamples, ScpShowsTheTextsOfTheServerWithoutControlCharacters) {
+    EXPECT_THAT(Run(SCP_COPY, {Target(), "get", "missing", Home()}),
+                Ends(10, "", "scp terminated with error: scp: missing: No such file or directory\n"));
+    servers::StockSshd const hostile("ForceCommand printf '\\1\\33[2Jno\\n'; sleep 1\n");
+    std::string const target = hostile.User() + "@127.0.0.1:" + std::to_string(hostile.Port());
+    Words const login{"-i", hostile.UserKey("ed25519"), target};
+    EXPECT_THAT(Run(SCP_COPY, login + Words{"get", "x", Home()}),
+                Ends(10, "", "scp terminated with error: \\x1b[2Jno\n"));
+    EXPECT_THAT(Run(SCP_COPY, login + Words{"put", "/dev/null", "x"}),
+                Ends(10, "", "scp terminated with error: \\x1b[2Jno\n"));
+}
+
 TEST_F(StandardExamples, LocalForwardingCarriesConnectionsDuringACommand) {
     std::string const port = std::to_string(tcp::FreePort());
     EXPECT_THAT(Run(FORWARD, {Target(), "-L", port + ":127.0.0.1:" + Port(),

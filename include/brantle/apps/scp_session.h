@@ -80,6 +80,7 @@ private:
     /// Reads a line and trims it, unless the stream's status says that it has failed. Not called yet.
     ISockStream& Readln(String_t& line);
     int Start(String_t const& command);
+    String_t Shown(String_t const& text) const;
     void ReceiveBody(int fd, long long size);
 };
 

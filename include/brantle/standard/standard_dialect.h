@@ -33,12 +33,13 @@ public:
     StandardDialect(StandardDialect const&) = delete;
     StandardDialect& operator=(StandardDialect const&) = delete;
 
-    // What is offered: comma-separated names, most preferred first; docs/standard.md lists them and the
-    // defaults. Throw InvalidArgument, which names the unknown, empty or repeated name; the old list is then
-    // kept. To be called before KeyExchange.
+    // What is offered (RFC 4253, section 7.1): comma-separated names, most preferred first; docs/standard.md
+    // lists them and the defaults. Throw InvalidArgument, which names the unknown, empty or repeated name;
+    // the old list is then kept. To be called before KeyExchange.
     void SetKexAlgorithms(String_t const& names);
     void SetHostKeyAlgorithms(String_t const& names);
-    /// Signature algorithms for user authentication; to be called before Authenticate.
+    /// Signature algorithms for user authentication (RFC 4252, section 7; RFC 8332); to be called before
+    /// Authenticate.
     void SetPublicKeyAlgorithms(String_t const& names);
     void SetCiphers(String_t const& names);
     void SetMacs(String_t const& names);
@@ -46,19 +47,21 @@ public:
     /// What happens with an unknown host: it is accepted, and appended to the user's known_hosts file, or
     /// refused.
     enum HostKeyPolicy { ACCEPT_NEW, KNOWN_ONLY };
-    /// The default is ACCEPT_NEW.
+    /// The default is ACCEPT_NEW. To be called before KeyExchange.
     void SetHostKeyPolicy(HostKeyPolicy policy);
     /// Called for an unknown host, whatever the policy, with the key's type and fingerprint ("SHA256:..."),
     /// after the server has proved that it holds the private key. Returns 1 to accept the key and append it
     /// to the known hosts, 0 to refuse it. The default follows the policy; a program may override it to ask
-    /// its user. Never called for a key that has changed or is revoked, which is always refused.
+    /// its user, on the thread and within the call of KeyExchange, and may throw, which ends that. Never
+    /// called for a key that has changed or is revoked, which is always refused.
     virtual int ConfirmHostKey(String_t const& host, String_t const& type, String_t const& fingerprint);
 
     /// While Run runs, sends a keepalive request every `seconds` seconds; when `unanswered` of them have no
-    /// reply, Run throws SshProtocolError. 0 seconds, the default, turns this off. To be called before Run.
+    /// reply, Run throws SshProtocolError. 0 seconds, the default, turns this off. Throws InvalidArgument if
+    /// `unanswered` is 0 and `seconds` is not. To be called before Run.
     void SetKeepalive(unsigned int seconds, unsigned int unanswered);
-    /// Rekeys after so many bytes in either direction, or seconds (0: no limit). The default is 1 GiB and
-    /// 3600. Throws InvalidArgument for less than 1,024 bytes.
+    /// Rekeys (RFC 4253, section 9) after so many bytes in either direction, or seconds (0: no limit). The
+    /// default is 1 GiB and 3600. Throws InvalidArgument for less than 1,024 bytes.
     void SetRekeyLimit(unsigned long long bytes, unsigned int seconds);
     /// How many requests an SFTP copy of a whole file has in flight; the default is 64. Throws
     /// InvalidArgument for 0 and above 1,024.
@@ -74,7 +77,7 @@ public:
     virtual void Progress(String_t const& name, unsigned long long done, unsigned long long total);
 
     /// The remote command's exit status, -1 while there is none: the command has not ended, was ended by a
-    /// signal, or the connection ended before the channel was closed.
+    /// signal, or the connection ended before the channel was closed. RFC 4254, section 6.10.
     int ExitStatus() const;
     /// The signal that ended the command, without "SIG", as in "KILL"; empty: none.
     String_t const& ExitSignal() const;
@@ -86,7 +89,8 @@ public:
     bool IsStrict() const;
     /// Number of key exchanges completed on this connection.
     unsigned int KeyExchanges() const;
-    /// The port that the server chose for the last StartRemoteForwarding of port 0; 0 while there is none.
+    /// The port that the server chose for the last StartRemoteForwarding of port 0 (RFC 4254, section 7.1); 0
+    /// while there is none.
     unsigned int RemotePort() const;
     /// The reason for the last refusal or failure, to be shown to a user: both sides' lists if no algorithm
     /// is in common, file and line of a different host key, the methods that the server still accepts, the

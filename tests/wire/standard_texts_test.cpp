@@ -1,0 +1,76 @@
+// Texts of the server's that reach the program through the standard dialect.
+
+#include <functional>
+#include <string>
+
+#include <brantle/sftp/sftp_client_session.h>
+
+#include "wire/standard_fixture.h"
+
+using namespace peer;
+
+namespace {
+
+/// The next message of an SFTP client, without its length.
+Reader ReadSftp(StandardConnection& c) {
+    Reader packet(c.ReadPacket());
+    EXPECT_EQ(packet.U8(), CHANNEL_DATA);
+    packet.U32();
+    Reader frame(packet.Blob());
+    return Reader(frame.Blob());
+}
+
+void SendSftp(StandardConnection& c, Bytes const& message) {
+    c.SendPacket(Writer().U8(CHANNEL_DATA).U32(0).String(Bytes(Writer().String(message))));
+}
+
+/// The client's status of an operation that the server answers by code 4 and these texts.
+cindral::SftpStatus StatusOf(std::function<void(Writer&)> const& addTexts) {
+    StandardPeer server([&](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        EXPECT_EQ(ReadSftp(c).U8(), 1); // INIT
+        SendSftp(c, Writer().U8(2).U32(3));
+        Reader realpath = ReadSftp(c);
+        EXPECT_EQ(realpath.U8(), 16);
+        SendSftp(c, Writer().U8(104).U32(realpath.U32()).U32(1).String("/home").String("").U32(0));
+        Reader mkdir = ReadSftp(c);
+        EXPECT_EQ(mkdir.U8(), 14);
+        Writer status;
+        status.U8(101).U32(mkdir.U32()).U32(4);
+        addTexts(status);
+        SendSftp(c, status);
+        c.ReadToTheEnd();
+    });
+    cindral::SftpStatus status;
+    {
+        cindral::SftpClientSession session(server.Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        cindral::EnterPassword enter(0, "");
+        cindral::KbdInteractiveCallback questions;
+        EXPECT_EQ(
+            StandardClient::Follow(
+                {{"Connect ", [&] { return session.Connect(10); }},
+                 {"KeyExchange ", [&] { return session.KeyExchange(); }},
+                 {"Authenticate ", [&] { return session.Authenticate("", "tester", "", enter, questions); }},
+                 {"Start ", [&] { return session.Start(); }},
+                 {"Mkdir ", [&] { return session.Mkdir(status, "x", 0755); }}}),
+            "Mkdir -4");
+    }
+    server.Finish();
+    return status;
+}
+
+} // namespace
+
+TEST(StandardTexts, StatusOfSftpHasItsControlCharactersMadeVisible) {
+    cindral::SftpStatus const status =
+        StatusOf([](Writer& texts) { texts.String("\033[31mno\n").String("e\007n"); });
+    EXPECT_EQ(Text(status._message), "\\x1b[31mno\\x0a");
+    EXPECT_EQ(Text(status._language), "e\\x07n");
+}
+
+TEST(StandardTexts, StatusOfSftpMayLackItsTexts) {
+    EXPECT_EQ(StatusOf([](Writer&) {})._code, 4);
+    EXPECT_EQ(StatusOf([](Writer& texts) { texts.String("no"); })._code, 4);
+}
