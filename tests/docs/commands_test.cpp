@@ -105,6 +105,7 @@ constexpr Shown RUN_ELSEWHERE[] = {
     {"README.md", "run_command me@host"},
     {"docs/dialect.md", "g++ -std=c++17 hello.cpp"},
     {"docs/dialect.md", "run_command --reduced"},
+    {"docs/standard.md", "g++ -std=c++17 hello.cpp"},
 };
 
 bool IsRunElsewhere(std::string const& file, std::string const& command) {
