@@ -15,6 +15,22 @@ constexpr unsigned int MAX_STATUS_TEXT = 256;
 
 View Fields(View message) { return View(message.begin() + 1, message.size() - 1); }
 
+/// RFC 4254, section 5.1.
+std::string ReasonText(unsigned int reason) {
+    switch (reason) {
+    case Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED:
+        return "administratively prohibited";
+    case Packet::SSH_OPEN_CONNECT_FAILED:
+        return "connect failed";
+    case Packet::SSH_OPEN_UNKNOWN_CHANNEL_TYPE:
+        return "unknown channel type";
+    case Packet::SSH_OPEN_RESOURCE_SHORTAGE:
+        return "resource shortage";
+    default:
+        return "reason " + std::to_string(reason);
+    }
+}
+
 [[noreturn]] void Violation(char const* what) { throw SshProtocolError(what); }
 
 } // namespace
@@ -129,8 +145,8 @@ bool Channels::TakeOpenFailure(View message) {
     unsigned int const reason = fields.Int();
     std::string const text = Printable(fields.String());
     bool const isSession = channel.isSession;
-    _events.OnOpenFailed(channel, "the server refused the channel: " + text + " (reason " +
-                                      std::to_string(reason) + ")");
+    _events.OnOpenFailed(channel,
+                         "the server refused the channel: " + text + " (" + ReasonText(reason) + ")");
     Remove(channel.local);
     return isSession;
 }

@@ -51,6 +51,10 @@ int OpenAgain(int fd) {
     return open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
 }
 
+[[noreturn]] void Failed(int error) {
+    throw SystemError("write failed", error, String_t(std::strerror(error)));
+}
+
 } // namespace
 
 DescriptorSink::DescriptorSink(int fd) {
@@ -63,7 +67,7 @@ DescriptorSink::DescriptorSink(int fd) {
         _waits = _own._fd < 0 && !(fcntl(fd, F_GETFL) & O_NONBLOCK);
     }
     if (_own._fd < 0) _own._fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (_own._fd < 0) throw SystemError("write failed", errno, "data");
+    if (_own._fd < 0) Failed(errno);
 }
 
 std::size_t DescriptorSink::Write(View data) {
@@ -92,7 +96,7 @@ std::size_t DescriptorSink::WriteSome(View data) {
         } else if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             break;
         } else if (written == 0 || errno != EINTR) {
-            throw SystemError("write failed", written == 0 ? EIO : errno, "data");
+            Failed(written == 0 ? EIO : errno);
         }
     }
     return done;

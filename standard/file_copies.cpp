@@ -113,7 +113,8 @@ int FileCopies::Send(SftpClient& client, SftpStatus& status, String_t const& rem
 
 void FileCopies::CheckName(String_t const& name) {
     if (!IsSafeName(Name(name)))
-        throw SshProtocolError("file name by the server refused", String_t(Printable(Name(name)).c_str()));
+        throw SshProtocolError("the server listed a name that no local file may have",
+                               String_t(Printable(Name(name)).c_str()));
 }
 
 // --- scp
@@ -162,7 +163,7 @@ int FileCopies::ReceiveBody(ISshDataStream& in, String_t const& name, int fd, lo
         if (in.Read(block.data(), wanted).Gcount() < wanted)
             return Fail(-1, name, "the channel has ended early");
         char const* from = block.data();
-        if (file.Write(from, from + wanted, 0) < 0) throw SystemError("write failed", errno, "data");
+        if (file.Write(from, from + wanted, 0) < 0) return Fail(-errno, name, std::strerror(errno));
         done += wanted;
         _progress(name, static_cast<unsigned long long>(done), static_cast<unsigned long long>(size));
     }

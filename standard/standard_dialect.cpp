@@ -314,7 +314,13 @@ int StandardDialect::Impl::Authenticate(String_t const& identity, String_t const
             return FindIdentities(Chars(identity), agent, login.password, enter, notes);
         },
         enter, callback);
-    int const result = authenticator.Run();
+    int result = -1;
+    try {
+        result = authenticator.Run();
+    } catch (SshProtocolError const& failure) {
+        SetLastError(failure.what() + ("; " + authenticator.LastError()));
+        throw;
+    }
     SetBanner(Text(authenticator.Banner()));
     if (result < 0) return Refused(authenticator.LastError());
     SetAuthenticated();
@@ -552,8 +558,10 @@ void StandardDialect::Impl::OnOpenRequest(OpenRequest const& request) {
 }
 
 void StandardDialect::Impl::OnRequestRefused(Channel&, std::string const& name, bool isReported) {
-    SetLastError("the server refused the request \"" + name + "\"");
-    if (!isReported) throw SshProtocolError("the server refused a request", Text(name));
+    if (isReported) return SetLastError("the server refused the request \"" + name + "\"");
+    std::string const hint = _isSftp && name == "subsystem" ? " (it does not offer SFTP)" : "";
+    SetLastError("the server refused a request: " + name + hint);
+    throw SshProtocolError("the server refused a request", Text(name + hint));
 }
 
 SshChannel& StandardDialect::Impl::NewTcpChannel(unsigned int remote, char const* type,

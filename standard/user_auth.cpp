@@ -133,7 +133,8 @@ std::vector<UserAuthenticator::Offer> UserAuthenticator::OffersOf(Identity& iden
         if (type == algorithm.keyType && ServerTakes(algorithm, _login.serverAlgorithms))
             offers.push_back({&identity, name});
     }
-    if (offers.empty()) Note(identity.Name(), "no signature of a " + Printable(type) + " key is allowed");
+    if (offers.empty())
+        Note(identity.Name(), "there is no signature of a " + Printable(type) + " key that both sides allow");
     return offers;
 }
 

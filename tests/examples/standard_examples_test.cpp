@@ -188,6 +188,27 @@ TEST_F(StandardExamples, ScpShowsTheTextsOfTheServerWithoutControlCharacters) {
                 Ends(10, "", "scp terminated with error: \\x1b[2Jno\n"));
 }
 
+TEST_F(StandardExamples, FullDeviceIsReported) {
+    WriteFile(There("full"), "x", 0644);
+    EXPECT_THAT(Run(SCP_COPY, {Target(), "get", "full", "/dev"}),
+                Ends(10, "", "full: No space left on device\n"));
+    Words const words = Line(RUN_COMMAND, {Target(), "echo x"});
+    EXPECT_THAT(servers::Run(Words{"sh", "-c", "exec \"$@\" >/dev/full", "to-full"} + words),
+                Ends(255, "", "connection failed: write failed: No space left on device\n"));
+}
+
+TEST_F(StandardExamples, WhatTheServerRefusesIsNamed) {
+    servers::StockSshd const closed("MaxSessions 0\nSubsystem other /bin/false\n");
+    std::string const target = closed.User() + "@127.0.0.1:" + std::to_string(closed.Port());
+    EXPECT_THAT(Run(RUN_COMMAND, {"-i", closed.UserKey("ed25519"), target, "true"}),
+                Ends(255, "", "the server refused the channel: open failed (connect failed)\n"));
+    servers::StockSshd const other("Subsystem other /bin/false\n");
+    EXPECT_THAT(
+        Run(SFTP_LS,
+            {"-i", other.UserKey("ed25519"), other.User() + "@127.0.0.1:" + std::to_string(other.Port())}),
+        Ends(8, "", "connection failed: the server refused a request: subsystem (it does not offer SFTP)\n"));
+}
+
 TEST_F(StandardExamples, LocalForwardingCarriesConnectionsDuringACommand) {
     std::string const port = std::to_string(tcp::FreePort());
     EXPECT_THAT(Run(FORWARD, {Target(), "-L", port + ":127.0.0.1:" + Port(),

@@ -44,8 +44,8 @@ public:
     /// they are the file's. `name` is for the progress. Returns 0, or a negated errno value if the file could
     /// not be read or has become shorter (-EIO); zeros have then been sent for what it lacks.
     virtual int SendBody(OSshDataStream& out, String_t const& name, int fd, long long size) = 0;
-    /// Receives exactly `size` bytes into the descriptor `fd`. Returns 0, or -1 if the channel has ended
-    /// before. Throws SystemError "write failed".
+    /// Receives exactly `size` bytes into the descriptor `fd`. Returns 0, -1 if the channel has ended before,
+    /// or a negated errno value if writing failed.
     virtual int ReceiveBody(ISshDataStream& in, String_t const& name, int fd, long long size) = 0;
 };
 

@@ -284,8 +284,8 @@ TEST_F(UserAuthentication, RsaAlgorithmsFollowTheServersList) {
         for (std::string const& algorithm : one.offered) expected.push_back(key.Query(algorithm));
         EXPECT_EQ(Sent(), expected) << one.server;
     }
-    EXPECT_EQ(Error(),
-              "login failed: the server accepts publickey; KEY: no signature of a ssh-rsa key is allowed");
+    EXPECT_EQ(Error(), "login failed: the server accepts publickey; KEY: there is no signature of a ssh-rsa "
+                       "key that both sides allow");
 }
 
 TEST_F(UserAuthentication, ServersListIsReadAfterTheReplyToNone) {
