@@ -74,3 +74,27 @@ TEST(StandardTexts, StatusOfSftpMayLackItsTexts) {
     EXPECT_EQ(StatusOf([](Writer&) {})._code, 4);
     EXPECT_EQ(StatusOf([](Writer& texts) { texts.String("no"); })._code, 4);
 }
+
+TEST(StandardTexts, WhatWasTriedStaysKnownWhenTheServerEndsTheLogin) {
+    StandardPeer server([](StandardConnection& c) {
+        c.WellBehaved(Stage::Service);
+        for (int requests = 0; requests < 2; ++requests) { // none, and the password
+            c.ReadAuthRequest();
+            c.SendAuthFailure("password");
+        }
+        c.ReadAuthRequest();
+        c.SendPacket(Writer().U8(DISCONNECT).U32(2).String("too many\033").String(""));
+        c.ReadToTheEnd();
+    });
+    std::string reason, lastError;
+    {
+        StandardClient client(server.Port());
+        client.passwords = RecordingPassword{1, {"other"}};
+        reason = client.LogIn();
+        lastError = Text(client.dialect.LastError());
+    }
+    server.Finish();
+    EXPECT_EQ(reason, "Authenticate SshProtocolError: disconnected by the server: too many\\x1b");
+    EXPECT_EQ(lastError, "disconnected by the server: too many\\x1b; login failed: the server accepts "
+                         "password; password: refused");
+}
