@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "docs/code_blocks.h"
+#include "real/standard_servers_table.h"
 #include "standard/algorithms.h"
 #include "support/servers/process.h"
 
@@ -40,4 +41,9 @@ TEST(StandardTables, AlgorithmsAreThoseOffered) {
     EXPECT_EQ(NamesOf("Ciphers, where the processor has AES instructions"), DefaultCiphers(true));
     EXPECT_EQ(NamesOf("Ciphers elsewhere"), DefaultCiphers(false));
     EXPECT_EQ(NamesOf("MACs"), DefaultAlgorithms(AlgorithmKind::MAC));
+}
+
+TEST(StandardTables, ServersAreThoseTested) {
+    EXPECT_NE(Document().find(standard_servers::TABLE), std::string::npos);
+    EXPECT_NE(Document().find(standard_servers::REASONS), std::string::npos);
 }
