@@ -36,7 +36,7 @@ protected:
     static std::string Port() { return std::to_string(_server->Port()); }
     /// The host's key of that type, as a line of known_hosts has it.
     void KnowHost() const {
-        std::string const key = ReadFile(_server->File("stock_host_ed25519.pub"));
+        std::string const key = ReadFile(_server->File("host_ed25519.pub"));
         WriteFile(Here(".ssh/known_hosts"), "[127.0.0.1]:" + Port() + " " + key);
     }
 
@@ -86,7 +86,7 @@ TEST_F(StandardDocument, PortsAreForwardedInBothDirections) {
 
 TEST_F(StandardDocument, UserIsAskedAboutAHostThatIsNotKnown) {
     Compile("int ConfirmHostKey");
-    std::string const file = _server->File("stock_host_ed25519.pub");
+    std::string const file = _server->File("host_ed25519.pub");
     std::string const fingerprint =
         Replaced(servers::RunOrThrow({"ssh-keygen", "-l", "-f", file}), "256 ", "");
     std::string const question = "127.0.0.1 shows the ssh-ed25519 key " +

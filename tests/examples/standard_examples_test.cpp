@@ -5,6 +5,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -40,11 +41,11 @@ class StandardExamples : public servers::ServerSuite<servers::StockSshd> {
 protected:
     StandardExamples() {
         std::filesystem::create_directory(Here(".ssh"));
-        UseKey("ed25519");
+        UseKey("ed25519", "id_ed25519");
     }
 
-    void UseKey(std::string const& type) {
-        std::filesystem::copy(TheServer().UserKey(type), Here(".ssh/id_" + type));
+    void UseKey(std::string const& type, std::string const& name) {
+        std::filesystem::copy(TheServer().UserKey(type), Here(".ssh/" + name));
     }
     static std::string Target() { return TheServer().User() + "@127.0.0.1:" + Port(); }
     static std::string Port() { return std::to_string(TheServer().Port()); }
@@ -90,10 +91,10 @@ TEST_F(StandardExamples, CommandGetsAllOfALargeOutput) {
 }
 
 TEST_F(StandardExamples, EveryDefaultIdentityLogsIn) {
-    for (char const* type : {"ecdsa", "rsa"}) {
+    for (auto const& [type, name] : {std::pair("ecdsa256", "id_ecdsa"), std::pair("rsa", "id_rsa")}) {
         std::filesystem::remove_all(Here(".ssh"));
         std::filesystem::create_directory(Here(".ssh"));
-        UseKey(type);
+        UseKey(type, name);
         EXPECT_THAT(RunCommand("exit 7"), Ends(7)) << type;
     }
 }
