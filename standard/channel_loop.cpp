@@ -120,12 +120,7 @@ class ChannelLoop::KeepaliveTimer : public IOMultiplexer::PeriodicTimer,
 public:
     KeepaliveTimer(ChannelLoop& loop, unsigned int seconds)
         : PeriodicTimer(IOMultiplexer::Timeval(seconds, 0)), _loop(loop) {}
-    void Fire(IOMultiplexer::Timeval const&) override {
-        if (_loop._channels.UnansweredKeepalives() >= _loop._keepaliveUnanswered)
-            throw SshProtocolError("the server does not answer keepalives");
-        _loop._channels.PostKeepalive();
-        _loop.Settle();
-    }
+    void Fire(IOMultiplexer::Timeval const&) override { _loop.KeepAlive(); }
     int operator()(IOMultiplexer::Timer* timer) const override { return timer != this; }
 
 private:
@@ -144,6 +139,16 @@ ChannelLoop::~ChannelLoop() {
     for (auto& entry : _pending) _host.Mux().Unregister(entry.second.connector->Take()._fd);
     if (_socketIsWatched) _host.Mux().Unregister(_socket._fd);
     if (_keepalive) _host.Mux().Unregister(*_keepalive);
+}
+
+void ChannelLoop::KeepAlive() {
+    static char const lost[] = "the server does not answer keepalives";
+    if (_channels.UnansweredKeepalives() >= _keepaliveUnanswered) {
+        _host.SetLastError(lost);
+        throw SshProtocolError(lost);
+    }
+    _channels.PostKeepalive();
+    Settle();
 }
 
 void ChannelLoop::SetKeepalive(unsigned int seconds, unsigned int unanswered) {

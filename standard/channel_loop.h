@@ -105,6 +105,7 @@ private:
     void ServeInput(unsigned int local, int fd);
     void ServeOutput(unsigned int local, bool isError);
     void ServeConnect(unsigned int key);
+    void KeepAlive();
     void ReadInput(Channel& channel, Pump& pump);
     void EndInput(Channel& channel, Pump& pump);
     bool MayRead(Channel const* channel, Pump const& pump) const;

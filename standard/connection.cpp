@@ -12,6 +12,7 @@ namespace {
 constexpr std::size_t MAX_LINE = 8192;                 ///< of the lines before the identification
 constexpr unsigned int MAX_LINES = 1024;               ///< likewise
 constexpr std::size_t MAX_HELD = 0x10000;              ///< messages
+constexpr std::size_t MAX_UNREAD = 0x400000;           ///< bytes of answers that the server does not read
 constexpr unsigned long long MAX_PACKETS = 1ull << 31; ///< RFC 4344, section 3.1
 constexpr int FIRST_EXCHANGE_MESSAGE = 20;
 constexpr int LAST_EXCHANGE_MESSAGE = 49;
@@ -20,6 +21,12 @@ constexpr int EXT_INFO = 7; // RFC 8308
 bool StartsWith(std::string const& text, char const* start) { return text.rfind(start, 0) == 0; }
 
 View Fields(View message) { return View(message.begin() + 1, message.size() - 1); }
+
+/// Whether the layers above handle a message of that number: those of RFC 4252 and 4254, and UNIMPLEMENTED.
+bool IsKnownAbove(int number) {
+    auto const isFrom = [number](int first, int last) { return number >= first && number <= last; };
+    return isFrom(3, 3) || isFrom(5, 6) || isFrom(50, 53) || isFrom(60, 61) || isFrom(80, 82) || isFrom(90, 100);
+}
 
 } // namespace
 
@@ -54,12 +61,13 @@ int Connection::Identify(int fd, Deadline const& deadline, std::string const& cl
 }
 
 void Connection::ExchangeKeys() {
+    Deadline const deadline(Transport::TIME_LIMIT);
     _exchange.Start();
     View message;
     while (!_exchange.HasKeys()) {
         while (!_exchange.HasKeys() && NextOfStep(message))
             throw SshProtocolError("message before the first keys", message[0]);
-        if (!_exchange.HasKeys()) WaitAndFill();
+        if (!_exchange.HasKeys()) WaitAndFill(deadline);
     }
     _transport.FlushAll();
 }
@@ -68,35 +76,35 @@ void Connection::Send(View message) {
     View other;
     while (!_exchange.MaySend()) {
         if (NextOfStep(other)) throw SshProtocolError("message within a key exchange", other[0]);
-        if (!_exchange.MaySend()) WaitAndFill();
+        if (!_exchange.MaySend()) WaitAndFill(_answerBy);
     }
     _transport.Send(message);
     Flush();
     _transport.FlushAll();
+    _answerBy = Deadline(Transport::TIME_LIMIT);
 }
 
 View Connection::Receive() {
     View message;
-    while (!NextOfStep(message)) WaitAndFill();
+    while (!NextOfStep(message)) WaitAndFill(_answerBy);
     return message;
 }
 
-void Connection::WaitAndFill() {
-    std::size_t const waiting = _transport.PendingOutput();
-    Flush();
-    // Room for output may be what the caller needs: a server with a large window need not send anything.
-    if (_transport.PendingOutput() < waiting) return;
-    Deadline const deadline(Transport::TIME_LIMIT);
+/// Room for output may be what the caller needs: a server with a large window need not send anything.
+void Connection::WaitAndFill(Deadline const& deadline) {
+    if (deadline.Remaining().count() == 0) throw SshProtocolError("the server does not answer");
+    if (IsRekeyDue()) _exchange.Start();
     if (_transport.PendingOutput() > 0) {
         if (!_transport.WaitForEither(deadline)) throw SshProtocolError("the server does not take data");
-        _transport.Flush();
     } else if (!_transport.WaitForInput(deadline)) {
         throw SshProtocolError("the server does not answer");
     }
+    _transport.Flush();
     _transport.Fill();
 }
 
 void Connection::Post(View message) {
+    if (_transport.PendingOutput() > MAX_UNREAD) throw SshProtocolError("the server does not take data");
     if (_exchange.MaySend() && _held.empty()) return _transport.Send(message);
     if (_held.size() >= MAX_HELD) throw SshProtocolError("too many requests within a key exchange");
     _held.push_back(message.Copy());
@@ -136,12 +144,7 @@ bool Connection::NextOfStep(View& message) {
 bool Connection::TakeTransportMessage(View message) {
     int const number = message[0];
     if (number >= FIRST_EXCHANGE_MESSAGE && number <= LAST_EXCHANGE_MESSAGE) {
-        _exchange.Take(message);
-        if (_exchange.Completed() != _exchangesSeen) {
-            _exchangesSeen = _exchange.Completed();
-            _keysSince = Clock::now();
-        }
-        PostHeld();
+        TakeExchangeMessage(message);
         return true;
     }
     if (number == Packet::SSH_MSG_DISCONNECT) {
@@ -155,11 +158,30 @@ bool Connection::TakeTransportMessage(View message) {
     case Packet::SSH_MSG_DEBUG:
         return true;
     case EXT_INFO:
+        if (!_exchange.HasKeys()) return false;
         TakeExtensions(message);
         return true;
     default:
-        return false;
+        if (IsKnownAbove(number) || !_exchange.HasKeys()) return false;
+        PostUnimplemented();
+        return true;
     }
+}
+
+/// What is declined once there are keys ends the connection: no caller is there to be refused.
+void Connection::TakeExchangeMessage(View message) {
+    try {
+        _exchange.Take(message);
+    } catch (Declined const& declined) {
+        if (!_exchange.HasKeys()) throw;
+        Disconnect(Packet::SSH_DISCONNECT_KEY_EXCHANGE_FAILED, "key exchange failed");
+        throw SshProtocolError(declined.Text().c_str());
+    }
+    if (_exchange.Completed() != _exchangesSeen) {
+        _exchangesSeen = _exchange.Completed();
+        _keysSince = Clock::now();
+    }
+    PostHeld();
 }
 
 void Connection::TakeExtensions(View message) {

@@ -32,10 +32,11 @@ public:
     /// without its line end. Returns 0 or a negated errno value, with the reason in `reason`.
     int Identify(int fd, Deadline const& deadline, std::string const& client, std::string& server,
                  std::string& reason);
-    /// Runs the first key exchange. May also throw Declined.
+    /// Runs the first key exchange, within Transport::TIME_LIMIT. May also throw Declined.
     void ExchangeKeys();
 
     void Send(View message) override;
+    /// The server has Transport::TIME_LIMIT from the last Send() on, whatever else it sends meanwhile.
     View Receive() override;
 
     /// Sends a message as soon as a key exchange in progress permits, without blocking.
@@ -59,8 +60,8 @@ public:
     /// Whether there are packets for Next().
     bool HasPacket() { return _transport.HasPacket(); }
     /// Waits until the server has taken some of the pending output, if there is any, or has sent more. Throws
-    /// SshProtocolError if it does neither for longer than the limit.
-    void WaitAndFill();
+    /// SshProtocolError if it does neither for longer than Transport::TIME_LIMIT.
+    void WaitAndFill() { WaitAndFill(Deadline(Transport::TIME_LIMIT)); }
 
     /// Answers the message that Next() or Receive() returned last with UNIMPLEMENTED (RFC 4253, section
     /// 11.4).
@@ -77,8 +78,10 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    void WaitAndFill(Deadline const& deadline);
     bool NextOfStep(View& message);
     bool TakeTransportMessage(View message);
+    void TakeExchangeMessage(View message);
     void TakeExtensions(View message);
     void PostHeld();
     bool IsRekeyDue() const;
@@ -91,6 +94,7 @@ private:
     Clock::time_point _keysSince;
     unsigned int _exchangesSeen = 0;
     std::vector<Bytes> _held; ///< messages that wait for the end of a key exchange
+    Deadline _answerBy{Transport::TIME_LIMIT};
     std::string _serverSigAlgs;
 };
 

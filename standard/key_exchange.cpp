@@ -18,6 +18,7 @@ namespace cindral::standard {
 namespace {
 
 constexpr std::size_t COOKIE = 16;
+constexpr int FIRST_METHOD_MESSAGE = 30; // RFC 4250, section 4.1.2
 constexpr char STRICT_CLIENT[] = "kex-strict-c-v00@openssh.com";
 constexpr char STRICT_SERVER[] = "kex-strict-s-v00@openssh.com";
 constexpr char EXT_INFO_CLIENT[] = "ext-info-c"; // RFC 8308
@@ -110,7 +111,7 @@ void KeyExchange::Take(View message) {
         return SwitchInput();
     }
     if (_state != State::AGREEING) throw SshProtocolError("message out of place in key exchange", number);
-    if (_skipGuess) {
+    if (_skipGuess && number >= FIRST_METHOD_MESSAGE) {
         _skipGuess = false;
         return;
     }

@@ -176,7 +176,11 @@ private:
     Channel& OpenSession();
     void ServeBlocking();
     void FlushBlocking();
+    void TakeMessages();
     int Refused(std::string const& reason);
+    /// Does a step in which the connection may fail. The last error then says why.
+    template <class Step>
+    auto Explained(Step const& step) -> decltype(step());
 
     KnownHostsFile _knownHosts;
     BlockCipher _plain; ///< messages are encoded without a cipher, and padded here
@@ -205,6 +209,16 @@ StandardDialect::Impl::Impl(StandardDialect& face, SshSession& session)
 }
 
 StandardDialect::Impl::~Impl() { Detach(); }
+
+template <class Step>
+auto StandardDialect::Impl::Explained(Step const& step) -> decltype(step()) {
+    try {
+        return step();
+    } catch (CryptoException const& failure) {
+        SetLastError(failure.what());
+        throw;
+    }
+}
 
 int StandardDialect::Impl::Refused(std::string const& reason) {
     SetLastError(reason);
@@ -245,7 +259,7 @@ int StandardDialect::Impl::Identify(Deadline const& deadline, std::string& reaso
 int StandardDialect::Impl::KeyExchange() {
     if (_connection.Fd() < 0) return Refused("the session is not connected");
     try {
-        _connection.ExchangeKeys();
+        Explained([&] { _connection.ExchangeKeys(); });
     } catch (Declined const& declined) {
         _connection.Disconnect(Packet::SSH_DISCONNECT_KEY_EXCHANGE_FAILED, "key exchange failed");
         return Refused(declined.Text());
@@ -347,23 +361,30 @@ ByteString StandardDialect::Impl::Read() {
     }
 }
 
-/// Handles what has arrived; waits if nothing has.
+/// Handles what has arrived; waits if nothing has. The caller checks what it waits for after each call: also
+/// the end of a key exchange, or written output, may be it.
 void StandardDialect::Impl::ServeBlocking() {
-    View message;
-    bool served = false;
-    for (; _connection.Next(message); served = true)
-        if (_channels.Take(message)) _inbox.push_back({Packed(message), 0});
-    if (!served) _connection.WaitAndFill();
+    Explained([&] {
+        if (!_connection.HasPacket()) _connection.WaitAndFill();
+        TakeMessages();
+    });
 }
 
 void StandardDialect::Impl::FlushBlocking() {
-    _connection.Flush();
-    while (_connection.HasPendingOutput()) {
-        _connection.WaitAndFill();
-        View message;
-        while (_connection.Next(message))
-            if (_channels.Take(message)) _inbox.push_back({Packed(message), 0});
-    }
+    Explained([&] {
+        _connection.Flush();
+        while (_connection.HasPendingOutput()) {
+            _connection.WaitAndFill();
+            TakeMessages();
+        }
+    });
+}
+
+/// Handles what has been read.
+void StandardDialect::Impl::TakeMessages() {
+    View message;
+    while (_connection.Next(message))
+        if (_channels.Take(message)) _inbox.push_back({Packed(message), 0});
 }
 
 void StandardDialect::Impl::Write(Packet& packet, bool more) {
@@ -478,7 +499,7 @@ void StandardDialect::Impl::Deliver(View data, std::size_t bytes) {
 // --- in the loop
 
 int StandardDialect::Impl::Dispatch() {
-    _loop.Dispatch();
+    Explained([&] { _loop.Dispatch(); });
     return 1;
 }
 
@@ -560,7 +581,6 @@ void StandardDialect::Impl::OnOpenRequest(OpenRequest const& request) {
 void StandardDialect::Impl::OnRequestRefused(Channel&, std::string const& name, bool isReported) {
     if (isReported) return SetLastError("the server refused the request \"" + name + "\"");
     std::string const hint = _isSftp && name == "subsystem" ? " (it does not offer SFTP)" : "";
-    SetLastError("the server refused a request: " + name + hint);
     throw SshProtocolError("the server refused a request", Text(name + hint));
 }
 

@@ -26,6 +26,8 @@ char const CONNECTION[] = "ssh-connection";
 
 constexpr unsigned int MAX_KEY_FAILURES = 5; ///< while another method is left
 constexpr unsigned int MAX_PARTIAL_SUCCESSES = 16;
+constexpr unsigned int MAX_BANNERS = 100;
+constexpr unsigned int MAX_QUESTION_ROUNDS = 100; ///< of one attempt
 constexpr unsigned int MAX_TYPED_PASSWORD = 1024;
 
 /// A request of that method, up to its method-specific fields.
@@ -262,13 +264,14 @@ void UserAuthenticator::TryQuestions() {
     _questionsEnded = true;
     Writer request = Request<Bytes>(_login.user, "keyboard-interactive");
     _port.Send(request.String("").String("").Get()); // language, submethods
-    for (;;) {
+    for (unsigned int round = 0; round < MAX_QUESTION_ROUNDS; ++round) {
         View message;
         Answer const answer = Receive(message);
         if (answer == FAILURE) Note("keyboard-interactive", "refused");
         if (answer != METHOD_REPLY) return;
         if (!AnswerQuestions(message)) return;
     }
+    throw SshProtocolError("the server asks questions without end");
 }
 
 /// Answers one request, which may have no questions. False if the callback declines.
@@ -351,6 +354,7 @@ bool UserAuthenticator::TakeFailure(View message) {
 }
 
 void UserAuthenticator::ShowBanner(View message) {
+    if (++_banners > MAX_BANNERS) throw SshProtocolError("the server sends banners without end");
     Reader reader(message, "USERAUTH_BANNER");
     reader.Byte();
     _banner = Printable(reader.String(), Lines::KEPT);

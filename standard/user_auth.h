@@ -115,6 +115,7 @@ private:
     bool _questionsEnded = false;
 
     std::string _banner;
+    unsigned int _banners = 0;
     std::vector<std::string> _notes;
 };
 

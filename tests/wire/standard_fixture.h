@@ -2,6 +2,7 @@
 #define TESTS_WIRE_STANDARD_FIXTURE_H
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>

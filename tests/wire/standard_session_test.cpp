@@ -1,6 +1,9 @@
 // A session with the standard dialect at a well-behaved server, under each algorithm that the scripted peer
 // has.
 
+#include <brantle/apps/scp_session.h>
+
+#include "support/temporary_directory.h"
 #include "wire/standard_fixture.h"
 
 using namespace peer;
@@ -50,5 +53,42 @@ INSTANTIATE_TEST_SUITE_P(
         Algorithms{"etm512", "curve25519-sha256", "ssh-ed25519", "aes128-ctr",
                    "hmac-sha2-512-etm@openssh.com"}),
     [](auto const& param) { return std::string(param.param.name); });
+
+/// The data of the client's next message.
+std::string NextData(StandardConnection& c) {
+    Reader message = c.ExpectPacket(CHANNEL_DATA);
+    message.U32();
+    return message.String();
+}
+
+class StandardUpload : public StandardTest {};
+
+TEST_F(StandardUpload, LargeFileNeedsNoAnswerWithinAHugeWindow) {
+    std::size_t const size = 8 << 20; // more than sockets hold
+    settings.window = 0xffffffff;
+    std::size_t stored = 0;
+    Serve([&](StandardConnection& c) {
+        c.Wire().recording = false;
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        std::string const ok(1, '\0');
+        c.SendPacket(Data(ok));
+        EXPECT_EQ(NextData(c), "C0644 8388608 file\n");
+        c.SendPacket(Data(ok));
+        while (stored < size + 1) stored += NextData(c).size();
+        c.SendPacket(Data(ok));
+        c.ReadToTheEnd();
+    });
+    support::TemporaryDirectory const directory;
+    std::ofstream(directory.Path() / "file") << std::string(size, 'x');
+    {
+        cindral::ScpSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        EXPECT_EQ(session.SendFile(directory.Path().c_str(), "target", "file"), 0);
+    }
+    server->Finish();
+    EXPECT_EQ(stored, size + 1);
+}
 
 } // namespace

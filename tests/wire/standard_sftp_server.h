@@ -32,6 +32,7 @@ private:
             packet.U32();
             peer::Bytes const data = packet.Blob();
             _buffer.insert(_buffer.end(), data.begin(), data.end());
+            Grant(data.size());
         }
         std::size_t const size = peer::Reader(_buffer).U32();
         peer::Bytes const message = peer::Slice(_buffer, 4, size);
@@ -39,9 +40,20 @@ private:
         return message;
     }
 
+    /// Lets the client send as much again, once that is worth a message.
+    void Grant(std::size_t bytes) {
+        _taken += static_cast<std::uint32_t>(bytes);
+        if (_taken < _connection.settings.window / 2) return;
+        _connection.SendPacket(peer::Writer().U8(peer::CHANNEL_WINDOW_ADJUST).U32(0).U32(_taken));
+        _taken = 0;
+    }
+
     void Send(peer::Bytes const& message) {
-        _connection.SendPacket(
-            peer::Writer().U8(peer::CHANNEL_DATA).U32(0).String(peer::Bytes(peer::Writer().String(message))));
+        constexpr std::size_t most = 0x8000; // what the client takes in one packet
+        peer::Bytes const data = peer::Writer().String(message);
+        for (std::size_t at = 0; at < data.size(); at += most)
+            _connection.SendPacket(
+                peer::Writer().U8(peer::CHANNEL_DATA).U32(0).String(peer::Slice(data, at, most)));
     }
 
     void SendStatus(std::uint32_t id, std::uint32_t code, char const* text) {
@@ -87,6 +99,7 @@ private:
 
     peer::StandardConnection& _connection;
     peer::Bytes _buffer;
+    std::uint32_t _taken = 0; ///< bytes that have not been granted again
     bool _closed = false;
 };
 

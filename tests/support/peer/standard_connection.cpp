@@ -24,6 +24,15 @@ std::string FirstCommon(std::string const& client, std::string const& server) {
     throw PeerError("nothing in common: " + client + " and " + server);
 }
 
+/// What comes after the number of a message, which must be that one.
+Reader Fields(Bytes payload, std::uint8_t type) {
+    Reader reader(std::move(payload));
+    std::uint8_t const number = reader.U8();
+    if (number != type)
+        throw PeerError("message " + std::to_string(number) + " in place of " + std::to_string(type));
+    return reader;
+}
+
 Bytes MpintBody(Bytes const& magnitude) {
     Bytes const field = Writer().Mpint(magnitude);
     return Slice(field, 4, field.size());
@@ -148,19 +157,20 @@ Bytes StandardConnection::TakePacket() {
 }
 
 Bytes StandardConnection::ReadPacket() {
-    if (_kept.empty()) return TakePacket();
+    while (_kept.empty()) {
+        Bytes payload = TakePacket();
+        if (!answersKexInit || sessionId.empty() || payload.at(0) != KEXINIT) return payload;
+        kex = StandardKex();
+        kex.clientInit = std::move(payload);
+        SendKexInit();
+        FinishExchange();
+    }
     Bytes payload = _kept.front();
     _kept.pop_front();
     return payload;
 }
 
-Reader StandardConnection::ExpectPacket(std::uint8_t type) {
-    Reader reader(ReadPacket());
-    std::uint8_t const number = reader.U8();
-    if (number != type)
-        throw PeerError("message " + std::to_string(number) + " in place of " + std::to_string(type));
-    return reader;
-}
+Reader StandardConnection::ExpectPacket(std::uint8_t type) { return Fields(ReadPacket(), type); }
 
 Reader StandardConnection::SkipTo(std::uint8_t type) {
     for (;;) {
@@ -226,16 +236,16 @@ void StandardConnection::Negotiate() {
 void StandardConnection::ReceiveKexMessage() {
     Negotiate();
     if (kex.name == gexName) {
-        Reader request = ExpectPacket(GEX_REQUEST);
+        Reader request = Fields(TakePacket(), GEX_REQUEST);
         kex.groupRequest = request.Rest();
         Reader sizes(kex.groupRequest);
         std::uint32_t const min = sizes.U32(), preferred = sizes.U32(), max = sizes.U32();
         kex.group = settings.group ? *settings.group : DhGroup::ForRequest(min, preferred, max);
         SendPacket(Writer().U8(GEX_GROUP).Mpint(kex.group.p).Mpint(kex.group.g));
-        kex.clientValue = ExpectPacket(GEX_INIT).Mpint();
+        kex.clientValue = Fields(TakePacket(), GEX_INIT).Mpint();
         return;
     }
-    Reader reader = ExpectPacket(KEXDH_INIT);
+    Reader reader = Fields(TakePacket(), KEXDH_INIT);
     if (!IsCurve(kex.name)) kex.group = DhGroup::Modp(2048);
     kex.clientValue = IsCurve(kex.name) ? reader.Blob() : reader.Mpint();
     reader.End();
@@ -320,10 +330,7 @@ void StandardConnection::Rekey() {
     kex = StandardKex();
     SendKexInit();
     ReceiveKexInit();
-    std::deque<Bytes> kept;
-    std::swap(kept, _kept); // the messages of the exchange are not among them
     FinishExchange();
-    std::swap(kept, _kept);
 }
 
 // --- authentication and the session channel

@@ -85,6 +85,7 @@ public:
     Bytes sessionId;
     bool strict = false; ///< both sides have said so
     bool resets = true;  ///< whether sequence numbers are reset under strict rules, as they ought to be
+    bool answersKexInit = true; ///< ReadPacket answers when the client renews the keys
     std::vector<PacketRecord> received;
     std::vector<PacketRecord> sent;
     std::size_t const index;

@@ -1,0 +1,334 @@
+// Channels of the standard dialect at servers that break the rules of RFC 4254.
+
+#include <thread>
+
+#include "wire/standard_fixture.h"
+
+using namespace peer;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+constexpr std::uint32_t WINDOW = 0x200000;   ///< what the client grants
+constexpr std::uint32_t MAX_PACKET = 0x8000; ///< likewise
+constexpr std::uint32_t ALL = 0xffffffff;
+
+/// Messages for the channel of that number, whose fields are right.
+std::vector<Bytes> MessagesFor(std::uint32_t channel) {
+    return {
+        Writer().U8(CHANNEL_OPEN_CONFIRMATION).U32(channel).U32(1).U32(0).U32(MAX_PACKET),
+        Writer().U8(CHANNEL_OPEN_FAILURE).U32(channel).U32(1).String("text").String(""),
+        WindowAdjust(channel, 1),
+        Data("text", channel),
+        ExtendedData("text", 1, channel),
+        Eof(channel),
+        Close(channel),
+        ExitStatus(0, false, channel),
+        Writer().U8(CHANNEL_SUCCESS).U32(channel),
+        Writer().U8(CHANNEL_FAILURE).U32(channel),
+    };
+}
+
+class StandardChannel : public StandardTest {
+protected:
+    /// The outcome of a command whose server sends these messages at once in place of anything else.
+    StandardResult Receive(std::vector<Bytes> const& messages) {
+        return Run([messages](StandardConnection& c) { c.SendTogether(messages); });
+    }
+    /// The same, which must break the command off.
+    void ExpectViolation(std::vector<Bytes> const& messages, char const* text = "") {
+        StandardResult const result = Receive(messages);
+        EXPECT_THAT(result.outcome, AllOf(StartsWith("Run SshProtocolError: "), HasSubstr(text)));
+    }
+    /// Bytes of the client's data and errors on the session channel, message by message.
+    std::vector<std::string> DataOfTheClient() const {
+        std::vector<std::string> data;
+        for (Bytes const& payload : Seen().ReceivedAfter(CHANNEL_REQUEST)) {
+            Reader reader(payload);
+            if (reader.U8() != CHANNEL_DATA) continue;
+            EXPECT_EQ(reader.U32(), settings.channel);
+            data.push_back(reader.String());
+        }
+        return data;
+    }
+};
+
+// --- numbers
+
+TEST_F(StandardChannel, MessageForAChannelThatDoesNotExistEndsTheSession) {
+    for (Bytes const& message : MessagesFor(7)) {
+        SCOPED_TRACE("message " + std::to_string(message[0]));
+        ExpectViolation({message}, "channel that does not exist");
+    }
+}
+
+TEST_F(StandardChannel, MessageForAChannelBeforeItIsConfirmedEndsTheSession) {
+    for (Bytes const& message : MessagesFor(0)) {
+        if (message[0] == CHANNEL_OPEN_CONFIRMATION || message[0] == CHANNEL_OPEN_FAILURE) continue;
+        SCOPED_TRACE("message " + std::to_string(message[0]));
+        StandardResult const result = RunFrom([message](StandardConnection& c) {
+            c.WellBehaved(Stage::Authenticated);
+            c.ExpectPacket(CHANNEL_OPEN);
+            c.SendPacket(message);
+            c.ReadToTheEnd();
+        });
+        EXPECT_THAT(result.outcome, StartsWith("Open SshProtocolError: "));
+    }
+}
+
+TEST_F(StandardChannel, SecondConfirmationEndsTheSession) {
+    ExpectViolation({MessagesFor(0)[0]}, "confirmed twice");
+}
+
+TEST_F(StandardChannel, RefusalOfAnOpenChannelEndsTheSession) { ExpectViolation({MessagesFor(0)[1]}); }
+
+TEST_F(StandardChannel, AnswerThatNobodyAskedForEndsTheSession) {
+    for (std::uint8_t const number : {CHANNEL_SUCCESS, CHANNEL_FAILURE})
+        ExpectViolation({Writer().U8(number).U32(0)}, "answer to no channel request");
+    for (std::uint8_t const number : {REQUEST_SUCCESS, REQUEST_FAILURE})
+        ExpectViolation({{number}}, "answer to no global request");
+}
+
+TEST_F(StandardChannel, ConfirmationOfAnotherChannelEndsTheSession) {
+    StandardResult const result = RunFrom([](StandardConnection& c) {
+        c.WellBehaved(Stage::Authenticated);
+        c.ExpectPacket(CHANNEL_OPEN);
+        c.SendPacket(MessagesFor(1)[0]);
+        c.ReadToTheEnd();
+    });
+    EXPECT_THAT(result.outcome, StartsWith("Open SshProtocolError: "));
+}
+
+TEST_F(StandardChannel, RefusedChannelGivesTheServersWords) {
+    StandardResult const result = RunFrom([](StandardConnection& c) {
+        c.WellBehaved(Stage::Authenticated);
+        c.ExpectPacket(CHANNEL_OPEN);
+        c.SendPacket(Writer().U8(CHANNEL_OPEN_FAILURE).U32(0).U32(4).String("no \x1b[31mroom").String(""));
+        c.ReadToTheEnd();
+    });
+    EXPECT_THAT(result.outcome, StartsWith("Open -"));
+    EXPECT_THAT(result.lastError, HasSubstr("no "));
+    EXPECT_THAT(result.lastError, testing::Not(HasSubstr("\x1b")));
+}
+
+TEST_F(StandardChannel, RefusedCommandEndsTheSession) {
+    StandardResult const result = RunFrom([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest(false);
+        c.ReadToTheEnd();
+    });
+    EXPECT_THAT(result.outcome, StartsWith("Run SshProtocolError: "));
+    EXPECT_THAT(result.lastError, HasSubstr("exec"));
+    EXPECT_EQ(result.exitStatus, -1);
+}
+
+TEST_F(StandardChannel, OpeningsByTheServerAreRefused) {
+    StandardResult const result = Run([](StandardConnection& c) {
+        for (char const* type : {"session", "forwarded-tcpip", "x11", "auth-agent@openssh.com", "unknown"}) {
+            Writer rest;
+            if (type == std::string("forwarded-tcpip")) rest.String("localhost").U32(1);
+            rest.String("127.0.0.1").U32(2);
+            c.SendPacket(
+                Writer().U8(CHANNEL_OPEN).String(type).U32(77).U32(WINDOW).U32(MAX_PACKET).Raw(rest.Data()));
+            Reader refusal = c.SkipTo(CHANNEL_OPEN_FAILURE);
+            EXPECT_EQ(refusal.U32(), 77u);
+        }
+        c.SendTogether(Ending());
+    });
+    EXPECT_EQ(result.exitStatus, 0);
+}
+
+TEST_F(StandardChannel, OpeningUnderANumberInUseEndsTheSession) {
+    ExpectViolation({Writer().U8(CHANNEL_OPEN).String("session").U32(42).U32(WINDOW).U32(MAX_PACKET)},
+                    "channel number twice");
+}
+
+// --- windows
+
+TEST_F(StandardChannel, DataBeyondTheWindowGrantedEndTheSession) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0); // which nobody reads, so that hardly anything is granted again
+    std::string const piece(MAX_PACKET, 'x');
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            c.Wire().recording = false;
+            for (std::uint32_t sent = 0; sent < WINDOW; sent += MAX_PACKET) c.SendPacket(Data(piece));
+            c.SendPacket(Data("x"));
+        },
+        [&](StandardClient&) { dup2(ends[1], 1); });
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_THAT(result.outcome, AllOf(StartsWith("Run SshProtocolError: "), HasSubstr("beyond the window")));
+}
+
+TEST_F(StandardChannel, DataOfTheWholeWindowAreNotLost) {
+    std::string const piece(MAX_PACKET, 'x');
+    StandardResult const result = Run([&](StandardConnection& c) {
+        for (std::uint32_t sent = 0; sent < WINDOW; sent += MAX_PACKET) c.SendPacket(Data(piece));
+        c.SendTogether(Ending());
+    });
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output.size(), WINDOW);
+}
+
+TEST_F(StandardChannel, DataBeyondTheMaximumPacketEndTheSession) {
+    std::string const piece(MAX_PACKET + 1, 'x');
+    ExpectViolation({Data(piece)}, "beyond the packet size");
+    ExpectViolation({ExtendedData(piece, 1)}, "beyond the packet size");
+}
+
+TEST_F(StandardChannel, AdjustmentThatOverflowsEndsTheSession) {
+    ExpectViolation({WindowAdjust(0, ALL - WINDOW + 1)}, "window of a channel overflows");
+    ExpectViolation({WindowAdjust(0, 1), WindowAdjust(0, ALL)}, "window of a channel overflows");
+}
+
+TEST_F(StandardChannel, AdjustmentToTheLargestWindowIsAccepted) {
+    EXPECT_EQ(Receive({WindowAdjust(0, ALL - WINDOW), Eof(), ExitStatus(0), Close()}).exitStatus, 0);
+}
+
+TEST_F(StandardChannel, AdjustmentOfNothingIsAccepted) {
+    EXPECT_EQ(Receive({WindowAdjust(0, 0), Eof(), ExitStatus(0), Close()}).exitStatus, 0);
+}
+
+TEST_F(StandardChannel, InputStaysWithinTheWindowAndTheMaximumPacket) {
+    settings.window = 7;
+    settings.maxPacket = 5;
+    input.Write("0123456789abcdef");
+    input.End();
+    StandardResult const result = Run([](StandardConnection& c) {
+        c.SkipTo(CHANNEL_DATA);
+        c.SkipTo(CHANNEL_DATA);
+        c.SendPacket(WindowAdjust(0, 3));
+        c.SkipTo(CHANNEL_DATA);
+        c.SendPacket(WindowAdjust(0, 1000));
+        c.SkipTo(CHANNEL_EOF);
+        c.SendTogether(Ending());
+    });
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_THAT(DataOfTheClient(), testing::ElementsAre("01234", "56", "789", "abcde", "f"));
+}
+
+TEST_F(StandardChannel, HugeMaximumPacketIsNotUsed) {
+    settings.window = settings.maxPacket = ALL;
+    MemoryFile const large(std::string(200000, 'x'));
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            c.SkipTo(CHANNEL_EOF);
+            c.SendTogether(Ending());
+        },
+        [&](StandardClient&) { dup2(large.Fd(), 0); });
+    EXPECT_EQ(result.exitStatus, 0);
+    std::size_t sum = 0;
+    for (std::string const& data : DataOfTheClient()) {
+        EXPECT_LE(data.size(), MAX_PACKET);
+        sum += data.size();
+    }
+    EXPECT_EQ(sum, 200000u);
+}
+
+TEST_F(StandardChannel, MaximumPacketOfZeroIsRefused) {
+    settings.maxPacket = 0;
+    StandardResult const result = RunFrom([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadToTheEnd();
+    });
+    EXPECT_THAT(result.outcome, StartsWith("Open SshProtocolError: "));
+}
+
+TEST_F(StandardChannel, LoopGoesOnWhileTheWindowIsZero) {
+    settings.window = 0;
+    input.Write("input");
+    std::vector<std::unique_ptr<AtOnce>> timers;
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            c.SendPacket(Data("output"));
+            c.ReadToTheEnd();
+        },
+        [&](StandardClient& client) {
+            timers.push_back(std::make_unique<AtOnce>([&client] { client.session.Terminate(); }));
+            client.beforeRun = [&] { client.session.Multiplexer().Insert(timers[0].get()); };
+        });
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.exitStatus, -1);
+    EXPECT_TRUE(DataOfTheClient().empty());
+}
+
+TEST_F(StandardChannel, OutputComesWhileTheWindowIsZero) {
+    settings.window = 0;
+    input.Write("input");
+    StandardResult const result = Receive({Data("output"), Eof(), ExitStatus(4), Close()});
+    EXPECT_EQ(result.output, "output");
+    EXPECT_EQ(result.exitStatus, 4);
+    EXPECT_TRUE(DataOfTheClient().empty());
+}
+
+// --- ends
+
+TEST_F(StandardChannel, DataAfterEofEndTheSession) {
+    ExpectViolation({Eof(), Data("x")}, "data after CHANNEL_EOF");
+    ExpectViolation({Eof(), ExtendedData("x", 1)}, "data after CHANNEL_EOF");
+}
+
+TEST_F(StandardChannel, SecondEofIsIgnored) {
+    EXPECT_EQ(Receive({Eof(), Eof(), ExitStatus(6), Close()}).exitStatus, 6);
+}
+
+TEST_F(StandardChannel, CloseWithoutAStatusGivesNone) {
+    StandardResult const result = Receive({Data("output"), Close()});
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.output, "output");
+    EXPECT_EQ(result.exitStatus, -1);
+    EXPECT_EQ(result.exitSignal, "");
+}
+
+TEST_F(StandardChannel, SignalGivesNoStatus) {
+    StandardResult const result = Receive({ExitSignal("KI\nLL"), Close()});
+    EXPECT_EQ(result.exitStatus, -1);
+    EXPECT_THAT(result.exitSignal, StartsWith("KI"));
+    EXPECT_THAT(result.exitSignal, testing::Not(HasSubstr("\n")));
+}
+
+TEST_F(StandardChannel, StatusBeyondAnIntIsNoneOfThoseBelowZero) {
+    EXPECT_GE(Receive({ExitStatus(ALL), Close()}).exitStatus, 0);
+}
+
+TEST_F(StandardChannel, StatusWithoutACloseGivesNone) {
+    StandardResult const result = RunFrom([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        c.SendTogether({Data("output"), ExitStatus(0), Eof()});
+    });
+    EXPECT_THAT(result.outcome, StartsWith("Run SshProtocolError: connection closed by the server"));
+    EXPECT_EQ(result.exitStatus, -1);
+}
+
+TEST_F(StandardChannel, MessagesAfterCloseAreRefused) {
+    for (Bytes const& message : {Data("x"), Eof(), Close(), ExitStatus(0)}) {
+        SCOPED_TRACE("message " + std::to_string(message[0]));
+        ExpectViolation({Close(), message});
+    }
+}
+
+TEST_F(StandardChannel, AdjustmentAfterCloseIsIgnored) {
+    EXPECT_EQ(Receive({ExitStatus(5), Close(), WindowAdjust(0, 1)}).exitStatus, 5);
+}
+
+TEST_F(StandardChannel, CloseIsAnsweredOnce) {
+    Receive(Ending());
+    EXPECT_EQ(Seen().CountReceived(CHANNEL_CLOSE), 1u);
+}
+
+TEST_F(StandardChannel, CloseBeforeTheAnswerToTheCommandEndsTheSession) {
+    StandardResult const result = RunFrom([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ExpectPacket(CHANNEL_REQUEST);
+        c.SendTogether({Data("output"), ExitStatus(0), Close()});
+        c.ReadToTheEnd();
+    });
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.output, "output");
+}
+
+} // namespace
