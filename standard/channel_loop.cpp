@@ -143,6 +143,7 @@ ChannelLoop::~ChannelLoop() {
 
 void ChannelLoop::KeepAlive() {
     static char const lost[] = "the server does not answer keepalives";
+    if (_isDraining) return;
     if (_channels.UnansweredKeepalives() >= _keepaliveUnanswered) {
         _host.SetLastError(lost);
         throw SshProtocolError(lost);
@@ -383,6 +384,10 @@ void ChannelLoop::OnClosed(Channel& channel) {
     pump.isClosing = true;
     pump.isSession = channel.isSession;
     AfterOutput(channel.local, pump);
+    if (!channel.isSession || !Find(channel.local)) return;
+    // The output that is left needs no server, which may end the connection now.
+    _isDraining = true;
+    _host.Mux().Unregister(_connection.Fd());
 }
 
 void ChannelLoop::Drop(unsigned int local) {

@@ -331,4 +331,66 @@ TEST_F(StandardChannel, CloseBeforeTheAnswerToTheCommandEndsTheSession) {
     EXPECT_EQ(result.output, "output");
 }
 
+// --- the loop and the local side
+
+TEST_F(StandardChannel, TimersActDuringAFloodAndWithinAPacket) {
+    std::vector<Script> const servers = {
+        [](StandardConnection& c) {
+            c.Wire().recording = false;
+            std::vector<Bytes> const many(100, Ignore(std::string(1000, 'x')));
+            for (;;) c.SendTogether(many);
+        },
+        [](StandardConnection& c) {
+            c.SendRaw(Slice(c.Encode(Data("text")), 0, 10));
+            c.ReadToTheEnd();
+        },
+    };
+    for (Script const& script : servers) {
+        std::unique_ptr<AtOnce> timer;
+        StandardResult const result = RunFrom(
+            [&](StandardConnection& c) {
+                c.WellBehaved(Stage::Opened);
+                c.ReadChannelRequest();
+                script(c);
+            },
+            [&](StandardClient& client) {
+                timer = std::make_unique<AtOnce>([&client] { client.session.Terminate(); });
+                client.beforeRun = [&] { client.session.Multiplexer().Insert(timer.get()); };
+            });
+        EXPECT_EQ(result.outcome, RUN_ENDED);
+        EXPECT_EQ(result.exitStatus, -1);
+    }
+}
+
+TEST_F(StandardChannel, OutputIsWholeThoughItsReaderIsSlowAndTheServerHasGone) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    std::string const piece(MAX_PACKET, 'x');
+    std::string text;
+    std::thread reader;
+    StandardResult const result = RunFrom(
+        [&](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            for (int i = 0; i < 20; ++i) c.SendPacket(Data(piece));
+            c.SendTogether(Ending(3));
+            c.SkipTo(CHANNEL_CLOSE);
+        },
+        [&](StandardClient&) {
+            dup2(ends[1], 1);
+            close(ends[1]);
+            reader = std::thread([&] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the server is gone by then
+                char buffer[0x10000];
+                for (ssize_t n; (n = read(ends[0], buffer, sizeof buffer)) > 0;)
+                    text.append(buffer, static_cast<std::size_t>(n));
+            });
+        });
+    reader.join();
+    close(ends[0]);
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(text.size(), 20 * piece.size());
+}
+
 } // namespace

@@ -17,11 +17,24 @@ public:
     /// Called before each answer, with the type of the request.
     std::function<void(unsigned type)> beforeAnswer;
 
+    /// Called with a request's type, id and further fields; true if it has answered in the server's place.
+    std::function<bool(unsigned type, std::uint32_t id, peer::Reader& fields)> instead;
+
     /// Takes the request of the subsystem and answers until the client has closed the file; then, and if the
     /// connection ends, it returns.
     void Serve() {
         _connection.ReadChannelRequest();
         while (!_closed) Answer(ReadMessage());
+    }
+
+    /// A message, to which its length is put.
+    void Send(peer::Bytes const& message) { SendBytes(peer::Writer().String(message)); }
+    /// Any bytes of the channel.
+    void SendBytes(peer::Bytes const& data) {
+        constexpr std::size_t most = 0x8000; // what the client takes in one packet
+        for (std::size_t at = 0; at < data.size(); at += most)
+            _connection.SendPacket(
+                peer::Writer().U8(peer::CHANNEL_DATA).U32(0).String(peer::Slice(data, at, most)));
     }
 
 private:
@@ -48,14 +61,6 @@ private:
         _taken = 0;
     }
 
-    void Send(peer::Bytes const& message) {
-        constexpr std::size_t most = 0x8000; // what the client takes in one packet
-        peer::Bytes const data = peer::Writer().String(message);
-        for (std::size_t at = 0; at < data.size(); at += most)
-            _connection.SendPacket(
-                peer::Writer().U8(peer::CHANNEL_DATA).U32(0).String(peer::Slice(data, at, most)));
-    }
-
     void SendStatus(std::uint32_t id, std::uint32_t code, char const* text) {
         Send(peer::Writer().U8(101).U32(id).U32(code).String(text).String(""));
     }
@@ -65,6 +70,7 @@ private:
         unsigned const type = request.U8();
         if (beforeAnswer) beforeAnswer(type);
         std::uint32_t const id = request.U32();
+        if (peer::Reader fields = request; instead && instead(type, id, fields)) return;
         switch (type) {
         case 1: // INIT, whose version is in the place of the id
             return Send(peer::Writer().U8(2).U32(3));

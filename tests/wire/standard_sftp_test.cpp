@@ -1,0 +1,278 @@
+// Whole files over SFTP with the standard dialect, at servers that answer late, little, wrong or not at all.
+
+#include <map>
+
+#include <brantle/sftp/sftp_client_session.h>
+
+#include "support/temporary_directory.h"
+#include "wire/standard_fixture.h"
+#include "wire/standard_sftp_server.h"
+
+using namespace peer;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr unsigned OPEN = 3, CLOSE_FILE = 4, READ = 5, WRITE = 6, REALPATH = 16;
+constexpr std::uint32_t ALL = 0xffffffff;
+
+/// Bytes in which every loss shows.
+std::string Numbers(std::size_t size) {
+    std::string text;
+    for (int i = 0; text.size() < size; ++i) text += std::to_string(i) + ' ';
+    text.resize(size);
+    return text;
+}
+
+Bytes DataReply(std::uint32_t id, std::string_view data) { return Writer().U8(103).U32(id).String(data); }
+Bytes StatusReply(std::uint32_t id, std::uint32_t code, std::string_view text) {
+    return Writer().U8(101).U32(id).U32(code).String(text).String("");
+}
+
+class StandardSftp : public StandardTest {
+protected:
+    using Prepare = std::function<void(SftpServer&, StandardConnection&)>;
+
+    struct Copied {
+        std::string outcome;
+        std::string lastError;
+        std::string local;  ///< the local file
+        std::string remote; ///< what the server has
+    };
+
+    /// Copies a file at a server that the test has prepared.
+    Copied Copy(bool toServer, std::string const& content, Prepare const& prepare) {
+        std::string stored;
+        Serve([&](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            SftpServer sftp(c);
+            if (!toServer) sftp.content = content;
+            if (prepare) prepare(sftp, c);
+            try {
+                sftp.Serve();
+            } catch (Closed const&) {
+            }
+            stored = sftp.content;
+            c.ReadToTheEnd();
+        });
+        support::TemporaryDirectory const directory;
+        std::string const local = directory.Path() / "file";
+        if (toServer) std::ofstream(local) << content;
+        Copied copied;
+        {
+            cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+            cindral::StandardDialect dialect(session);
+            Login(session);
+            cindral::SftpStatus status;
+            copied.outcome =
+                StandardClient::Follow({{"Start ", [&] { return session.Start(); }},
+                                        {"Copy ", [&] {
+                                             return toServer ? session.Put(status, local.c_str(), "remote")
+                                                             : session.Get(status, "remote", local.c_str());
+                                         }}});
+            copied.lastError = Text(dialect.LastError());
+        }
+        server->Finish();
+        copied.local = FileText(local);
+        copied.remote = stored;
+        return copied;
+    }
+    Copied Get(std::string const& content, Prepare const& prepare) { return Copy(false, content, prepare); }
+    Copied Put(std::string const& content, Prepare const& prepare) { return Copy(true, content, prepare); }
+
+    /// The outcome of a copy whose server answers requests of one type, but for the first `good` of them,
+    /// with these bytes in place of a message and its length.
+    std::string WithReply(bool toServer, unsigned type, std::function<Bytes(std::uint32_t id)> const& reply,
+                          int good = 0) {
+        return Copy(toServer, Numbers(200000),
+                    [=](SftpServer& sftp, StandardConnection&) {
+                        auto const left = std::make_shared<int>(good);
+                        sftp.instead = [=, &sftp](unsigned of, std::uint32_t id, Reader&) {
+                            if (of != type || (*left)-- > 0) return false;
+                            sftp.SendBytes(reply(id));
+                            return true;
+                        };
+                    })
+            .outcome;
+    }
+    static std::function<Bytes(std::uint32_t)> Message(std::function<Bytes(std::uint32_t)> const& message) {
+        return [message](std::uint32_t id) { return Bytes(Writer().String(message(id))); };
+    }
+};
+
+// --- what is permitted
+
+TEST_F(StandardSftp, ShortReadsGiveTheWholeFile) {
+    std::string const content = Numbers(150000);
+    Copied const copied = Get(content, [&](SftpServer& sftp, StandardConnection&) {
+        sftp.instead = [&](unsigned type, std::uint32_t id, Reader& request) {
+            if (type != READ) return false;
+            request.Blob();
+            auto const offset = static_cast<std::size_t>(request.U64());
+            if (offset >= content.size()) return false;
+            sftp.Send(DataReply(id, content.substr(offset, std::min<std::size_t>(request.U32(), 7000))));
+            return true;
+        };
+    });
+    EXPECT_EQ(copied.outcome, "");
+    EXPECT_TRUE(copied.local == content);
+}
+
+TEST_F(StandardSftp, AnswersInAnyOrderGiveTheWholeFile) {
+    std::string const content = Numbers(4 * 32768);
+    Copied const copied = Get(content, [&](SftpServer& sftp, StandardConnection&) {
+        auto const held = std::make_shared<std::map<std::size_t, std::uint32_t>>();
+        sftp.instead = [&, held](unsigned type, std::uint32_t id, Reader& request) {
+            if (type != READ) return false;
+            request.Blob();
+            auto const offset = static_cast<std::size_t>(request.U64());
+            if (offset >= content.size()) return false;
+            (*held)[offset] = id;
+            if (held->size() < 4) return true;
+            for (auto last = held->rbegin(); last != held->rend(); ++last)
+                sftp.Send(DataReply(last->second, content.substr(last->first, 32768)));
+            return true;
+        };
+    });
+    EXPECT_EQ(copied.outcome, "");
+    EXPECT_TRUE(copied.local == content);
+}
+
+// --- refusals
+
+TEST_F(StandardSftp, FileThatIsShorterThanAnnouncedFailsTheCopy) {
+    std::string const content = Numbers(100000);
+    Copied const copied = Get(content, [](SftpServer& sftp, StandardConnection&) {
+        sftp.beforeAnswer = [&sftp](unsigned type) {
+            if (type == READ) sftp.content.resize(50000);
+        };
+    });
+    EXPECT_EQ(copied.outcome, "Copy -1");
+    EXPECT_THAT(copied.lastError, HasSubstr("shorter than announced"));
+}
+
+TEST_F(StandardSftp, BlockThatCantBeReadFailsTheCopyInTheServersWordsFiltered) {
+    Copied const copied = Get(Numbers(200000), [](SftpServer& sftp, StandardConnection&) {
+        sftp.instead = [&sftp, reads = 0](unsigned type, std::uint32_t id, Reader&) mutable {
+            if (type != READ || ++reads != 3) return false;
+            sftp.Send(StatusReply(id, 4, "bad\x1b[2J disk"));
+            return true;
+        };
+    });
+    EXPECT_EQ(copied.outcome, "Copy -1");
+    EXPECT_THAT(copied.lastError, AllOf(HasSubstr("bad"), HasSubstr("disk"), Not(HasSubstr("\x1b"))));
+}
+
+TEST_F(StandardSftp, BlockThatIsNotWrittenFailsTheCopy) {
+    Copied const copied = Put(Numbers(200000), [](SftpServer& sftp, StandardConnection&) {
+        sftp.instead = [&sftp, writes = 0](unsigned type, std::uint32_t id, Reader&) mutable {
+            if (type != WRITE || ++writes != 2) return false;
+            sftp.Send(StatusReply(id, 4, "no space"));
+            return true;
+        };
+    });
+    EXPECT_EQ(copied.outcome, "Copy -1");
+    EXPECT_THAT(copied.lastError, HasSubstr("no space"));
+}
+
+TEST_F(StandardSftp, FileThatCantBeClosedFailsTheUpload) {
+    EXPECT_EQ(WithReply(true, CLOSE_FILE, Message([](auto id) { return StatusReply(id, 4, "quota"); })),
+              "Copy -1");
+}
+
+TEST_F(StandardSftp, RefusedFileIsNotMade) {
+    Copied const copied = Get("x", [](SftpServer& sftp, StandardConnection&) {
+        sftp.instead = [&sftp](unsigned type, std::uint32_t id, Reader&) {
+            if (type != OPEN) return false;
+            sftp.Send(StatusReply(id, 3, "Permission denied"));
+            return true;
+        };
+    });
+    EXPECT_EQ(copied.outcome, "Copy -1");
+    EXPECT_THAT(copied.lastError, HasSubstr("Permission denied"));
+}
+
+// --- violations
+
+TEST_F(StandardSftp, AnswerToNoRequestEndsTheSession) {
+    for (unsigned type : {READ, WRITE}) {
+        auto const reply = [&](std::uint32_t id) {
+            return type == READ ? DataReply(id, "x") : StatusReply(id, 0, "");
+        };
+        for (std::uint32_t off : {1u, 64u, 0x80000000u})
+            EXPECT_THAT(
+                WithReply(type == WRITE, type, Message([&](auto id) { return reply(id + off * 1024 + 1); })),
+                StartsWith("Copy SshProtocolError: "));
+    }
+}
+
+TEST_F(StandardSftp, SecondAnswerEndsTheSession) {
+    EXPECT_THAT(WithReply(true, WRITE,
+                          [](auto id) {
+                              Bytes const once = Writer().String(StatusReply(id, 0, ""));
+                              return Concat({once, once});
+                          }),
+                StartsWith("Copy SshProtocolError: "));
+}
+
+TEST_F(StandardSftp, MoreDataThanAskedForEndTheSession) {
+    EXPECT_THAT(
+        WithReply(false, READ, Message([](auto id) { return DataReply(id, std::string(32769, 'x')); })),
+        StartsWith("Copy SshProtocolError: SFTP data beyond what was asked for"));
+}
+
+TEST_F(StandardSftp, SuccessInPlaceOfDataEndsTheSession) {
+    EXPECT_THAT(WithReply(false, READ, Message([](auto id) { return StatusReply(id, 0, ""); })),
+                StartsWith("Copy SshProtocolError: "));
+}
+
+TEST_F(StandardSftp, AnswerOfAnotherTypeEndsTheSession) {
+    for (unsigned type : {1u, 2u, 102u, 104u, 105u, 201u, 255u}) {
+        auto const reply = Message([&](auto id) { return Bytes(Writer().U8(type).U32(id).String("x")); });
+        EXPECT_THAT(WithReply(false, READ, reply), StartsWith("Copy SshProtocolError: "));
+        EXPECT_THAT(WithReply(true, WRITE, reply), StartsWith("Copy SshProtocolError: "));
+    }
+}
+
+TEST_F(StandardSftp, LengthOutOfBoundsEndsTheSessionAtOnce) {
+    for (std::uint32_t length : {0u, 0x1000001u, 0x80000000u, ALL})
+        EXPECT_THAT(WithReply(false, READ, [&](auto) { return Bytes(Writer().U32(length).U8(103)); }),
+                    StartsWith("Copy SshProtocolError: SFTP message length out of bounds"));
+}
+
+TEST_F(StandardSftp, MessageThatEndsEarlyEndsTheSession) {
+    Bytes const data = DataReply(0, "text");
+    for (std::size_t size = 1; size < data.size(); ++size)
+        EXPECT_THAT(
+            WithReply(false, READ, Message([&](auto id) { return Slice(DataReply(id, "text"), 0, size); })),
+            StartsWith("Copy SshProtocolError: "));
+}
+
+TEST_F(StandardSftp, NamesBeyondTheMessageEndTheSession) {
+    EXPECT_THAT(WithReply(false, REALPATH, Message([](auto id) {
+                              return Bytes(
+                                  Writer().U8(104).U32(id).U32(ALL).String("/home").String("").U32(0));
+                          })),
+                StartsWith("Start SshProtocolError: "));
+}
+
+TEST_F(StandardSftp, ChannelThatEndsWithinACopyFailsIt) {
+    for (bool toServer : {false, true})
+        for (Bytes const& end : {Eof(), Close()}) {
+            Copied const copied =
+                Copy(toServer, Numbers(200000), [end](SftpServer& sftp, StandardConnection& c) {
+                    sftp.instead = [&c, end](unsigned type, std::uint32_t, Reader&) {
+                        if (type != READ && type != WRITE) return false;
+                        c.SendPacket(end);
+                        c.ReadToTheEnd();
+                        return true;
+                    };
+                });
+            EXPECT_THAT(copied.outcome, StartsWith("Copy SshProtocolError: "));
+        }
+}
+
+} // namespace
