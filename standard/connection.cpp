@@ -25,7 +25,8 @@ View Fields(View message) { return View(message.begin() + 1, message.size() - 1)
 /// Whether the layers above handle a message of that number: those of RFC 4252 and 4254, and UNIMPLEMENTED.
 bool IsKnownAbove(int number) {
     auto const isFrom = [number](int first, int last) { return number >= first && number <= last; };
-    return isFrom(3, 3) || isFrom(5, 6) || isFrom(50, 53) || isFrom(60, 61) || isFrom(80, 82) || isFrom(90, 100);
+    return isFrom(3, 3) || isFrom(5, 6) || isFrom(50, 53) || isFrom(60, 61) || isFrom(80, 82) ||
+           isFrom(90, 100);
 }
 
 } // namespace
@@ -73,10 +74,11 @@ void Connection::ExchangeKeys() {
 }
 
 void Connection::Send(View message) {
+    Deadline const deadline(Transport::TIME_LIMIT);
     View other;
     while (!_exchange.MaySend()) {
         if (NextOfStep(other)) throw SshProtocolError("message within a key exchange", other[0]);
-        if (!_exchange.MaySend()) WaitAndFill(_answerBy);
+        if (!_exchange.MaySend()) WaitAndFill(deadline);
     }
     _transport.Send(message);
     Flush();

@@ -23,7 +23,7 @@ constexpr int FAILED = 2;
 
 int CountingBytes(unsigned char* bytes, int size) {
     static unsigned char next = 0;
-    for (int i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(next += 37);
+    for (int i = 0; i < size; ++i) bytes[i] = next = static_cast<unsigned char>(next + 37);
     return 1;
 }
 

@@ -33,10 +33,6 @@ protected:
             .String(c.sessionId)
             .Raw(Slice(request.payload, 0, request.payload.size() - signature));
     }
-    /// What the client has sent after its first message, NEWKEYS included.
-    static std::size_t BytesAfterTheLine(StandardConnection const& c) {
-        return c.Wire().ReceivedCount() + c.Wire().DroppedCount() - c.clientVersion.size() - 2;
-    }
 };
 
 // --- before there are keys

@@ -19,7 +19,8 @@ namespace cindral {
 ///
 /// The calls on the session and their results stay the same. A refusal is a negative result, as there, and
 /// LastError gives the reason; a violation of the protocol throws SshProtocolError, as does a connection that
-/// ends early.
+/// ends early. A server has 180 seconds for the whole of KeyExchange, and within Authenticate for each answer
+/// that a login waits for, whatever else it sends meanwhile.
 ///
 /// REQUIRES: the dialect is constructed before Connect and outlives the last call on the session; it is
 /// destroyed before the session, as an object declared after it is. Everything is called on the session's

@@ -150,8 +150,6 @@ public:
 
     std::uint32_t SendSequence() const { return _sendSequence; }
     std::uint32_t ReceiveSequence() const { return _receiveSequence; }
-    void SetSendSequence(std::uint32_t sequence) { _sendSequence = sequence; }
-    Protection const& Sending() const { return _sending; }
 
 private:
     Bytes TakePacket();
