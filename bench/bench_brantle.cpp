@@ -1,100 +1,23 @@
-// The benchmark program: one job a run, with a RESULT line for the harness that compares clients.
-//
-//   bench_brantle JOB HOST PORT USER KEY ...        exit status 77: does not do that job
+// The benchmark program of the reduced dialect: one job a run, with a RESULT line for the harness.
 
 #include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <map>
-#include <stdexcept>
 #include <string>
 
 #include <brantle/brantle.h>
 
+#include "bench/bench_program.h"
+
 namespace {
 
+using namespace bench;
 using namespace cindral;
 
-constexpr int UNSUPPORTED = 77;
-constexpr unsigned int CONNECT_SECONDS = 20;
 /// What OpenSSH's server sends between a login by key and the first channel.
 constexpr int UNSOLICITED_PACKETS = 3;
-
-[[noreturn]] void Die(std::string const& what) { throw std::runtime_error(what); }
-
-double Now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-struct Usage {
-    double _wall;
-    double _user;
-    double _system;
-
-    static Usage Current() {
-        rusage used;
-        getrusage(RUSAGE_SELF, &used);
-        auto const seconds = [](timeval const& t) {
-            return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
-        };
-        return {Now(), seconds(used.ru_utime), seconds(used.ru_stime)};
-    }
-};
-
-/// Standard output as it was at the start: a job gives descriptor 1 to the session channel.
-class Report {
-public:
-    explicit Report(char const* job) : _job(job), _stream(fdopen(dup(STDOUT_FILENO), "w")) {}
-
-    void Print(Usage const& start, Usage const& end, long long bytes, long count) {
-        double const wall = end._wall - start._wall;
-        std::fprintf(_stream, "RESULT job=%s bytes=%lld n=%ld wall=%.6f user=%.6f sys=%.6f", _job, bytes,
-                     count, wall, end._user - start._user, end._system - start._system);
-        if (bytes) std::fprintf(_stream, " MBps=%.1f", static_cast<double>(bytes) / 1e6 / wall);
-        if (count) std::fprintf(_stream, " mean_ms=%.3f", wall * 1e3 / static_cast<double>(count));
-        std::fprintf(_stream, "\n");
-        std::fflush(_stream);
-    }
-
-private:
-    char const* _job;
-    std::FILE* _stream;
-};
-
-/// A home directory with the known hosts of only this run.
-class PrivateHome {
-public:
-    PrivateHome() {
-        std::string name = (std::filesystem::temp_directory_path() / "bench-home-XXXXXX").string();
-        if (!mkdtemp(name.data())) Die("mkdtemp failed");
-        _path = name;
-        std::filesystem::create_directory(_path / ".ssh");
-        setenv("HOME", name.c_str(), 1);
-    }
-    ~PrivateHome() {
-        std::error_code ignored;
-        std::filesystem::remove_all(_path, ignored);
-    }
-    PrivateHome(PrivateHome const&) = delete;
-    PrivateHome& operator=(PrivateHome const&) = delete;
-
-private:
-    std::filesystem::path _path;
-};
-
-struct Target {
-    char const* _host;
-    unsigned short _port;
-    char const* _user;
-    char const* _key;
-};
 
 /// The session channel, with a count of the bytes received and the time of the last ones.
 class CountingChannel : public SshChannelMgr::TtyChannel {
@@ -165,12 +88,6 @@ public:
     }
 };
 
-void Redirect(int to, char const* path, int flags) {
-    int const fd = open(path, flags, 0644);
-    if (fd < 0 || dup2(fd, to) < 0) Die(std::string("can't open ") + path);
-    close(fd);
-}
-
 int Handshake(Target const& target, Report& report, char** arguments) {
     long const count = std::atol(arguments[0]);
     Usage const start = Usage::Current();
@@ -193,12 +110,6 @@ int ExecSource(Target const& target, Report& report, char** arguments) {
     end._wall = total._last;
     report.Print(start, end, total._bytes, 0);
     return total._bytes == std::atoll(arguments[0]) ? 0 : 1;
-}
-
-long long SizeOf(char const* path) {
-    struct stat file;
-    if (stat(path, &file) < 0) Die(std::string("no file ") + path);
-    return file.st_size;
 }
 
 int ExecSink(Target const& target, Report& report, char** arguments) {
@@ -274,11 +185,7 @@ int SftpPut(Target const& target, Report& report, char** arguments) {
 
 int Hold(Target const& target, Report&, char**) {
     BenchSession session(target);
-    std::printf("READY\n");
-    std::fflush(stdout);
-    char byte;
-    while (read(STDIN_FILENO, &byte, 1) > 0) {
-    }
+    HoldUntilEndOfInput();
     return 0;
 }
 
@@ -300,11 +207,6 @@ int Forward(Target const& target, Report&, char** arguments) {
     return 0;
 }
 
-struct Job {
-    int _arguments;
-    int (*_run)(Target const&, Report&, char**);
-};
-
 std::map<std::string, Job> const jobs = {
     {"handshake", {1, Handshake}},
     {"exec-source", {2, ExecSource}},
@@ -321,16 +223,4 @@ std::map<std::string, Job> const jobs = {
 
 } // namespace
 
-int main(int argc, char** argv) try {
-    if (argc < 6) Die("usage: bench_brantle JOB HOST PORT USER KEY ...");
-    auto const job = jobs.find(argv[1]);
-    if (job == jobs.end()) return UNSUPPORTED;
-    if (argc - 6 != job->second._arguments) Die(std::string("wrong number of arguments for ") + argv[1]);
-    PrivateHome home;
-    Report report(argv[1]);
-    Target const target = {argv[2], static_cast<unsigned short>(std::atoi(argv[3])), argv[4], argv[5]};
-    return job->second._run(target, report, argv + 6);
-} catch (std::exception const& failure) {
-    std::fprintf(stderr, "bench_brantle: %s\n", failure.what());
-    return 1;
-}
+int main(int argc, char** argv) { return Main(argc, argv, jobs); }
