@@ -10,6 +10,7 @@
 
 #include <brantle/cindral/private_key.h>
 
+#include "key_derivation.h"
 #include "openssl_ptr.h"
 #include "pem_key.h"
 
@@ -140,6 +141,9 @@ int PemKey::ReadEncryptedPkcs8(ByteView const& passphrase, evp_pkey_st*& key) co
     unsigned char const* pos = _body;
     X509SigPtr const sealed(d2i_X509_SIG(nullptr, &pos, _length));
     if (!sealed) return PrivateKey::BROKEN_FILE;
+    X509_ALGOR const* scheme = nullptr;
+    X509_SIG_get0(sealed.get(), &scheme, nullptr);
+    if (!IsDerivationBounded(*scheme)) return PrivateKey::BROKEN_FILE;
     ERR_clear_error();
     auto const* text = reinterpret_cast<char const*>(passphrase._data);
     Pkcs8Ptr const info(PKCS8_decrypt(sealed.get(), text, static_cast<int>(passphrase._length)));

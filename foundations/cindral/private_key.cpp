@@ -55,7 +55,8 @@ int ReadEncrypted(PemKey const& file, EnterPassword& enter, evp_pkey_st*& key) {
     for (unsigned int asked = 0; asked < enter._tries; ++asked) {
         int const length = enter(reinterpret_cast<char*>(passphrase.data()), MAX_PASSPHRASE);
         if (length < 0) return length;
-        result = file.Read(ByteView{passphrase.data(), static_cast<unsigned int>(length)}, key);
+        unsigned int const size = std::min(static_cast<unsigned int>(length), MAX_PASSPHRASE);
+        result = file.Read(ByteView{passphrase.data(), size}, key);
         if (result != PrivateKey::WRONG_PASSPHRASE) return result;
     }
     return result;

@@ -1,6 +1,5 @@
 // A signal that another thread takes while a secret is being read.
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <brantle/cindral/enter_password.h>
 
 #include "support/controlled_terminal.h"
+#include "support/next_symbol.h"
 
 using support::ControlledTerminal;
 using support::WithoutTerminal;
@@ -28,14 +28,9 @@ std::atomic<int> heldFd{-1};              ///< the descriptor of the one that do
 std::atomic<bool> closedWhileHeld{false}; ///< whether that descriptor has been closed meanwhile
 std::atomic<int> signalsTaken{0};
 
-template <typename Function>
-Function* Next(Function*, char const* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 // Looked up before a signal comes: dlsym is not async-signal-safe.
-auto* const nextWrite = Next(&write, "write");
-auto* const nextClose = Next(&close, "close");
+auto* const nextWrite = support::NextSymbol(&write, "write");
+auto* const nextClose = support::NextSymbol(&close, "close");
 
 void TakeSignal(int) { ++signalsTaken; }
 

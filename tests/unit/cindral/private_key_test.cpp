@@ -165,6 +165,12 @@ TEST_F(PrivateKeyFile, AllTriesFollowAWrongPreset) {
     EXPECT_EQ(answers._asked, 2u);
 }
 
+TEST_F(PrivateKeyFile, AnswerLongerThanItsBufferIsCut) {
+    Keygen("id", "-t rsa -b 1024 -m PEM", PASSPHRASE);
+    ScriptedAnswers answers(1, {std::string(100000, 'x')});
+    EXPECT_EQ(ReadWith(answers), PrivateKey::WRONG_PASSPHRASE);
+}
+
 TEST_F(PrivateKeyFile, PresetIsTriedFirstWhenTheCallOperatorIsOverridden) {
     Keygen("id", "-t rsa -b 1024 -m PEM", PASSPHRASE);
     ScriptedAnswers answers(1, {"wrong"});
