@@ -35,11 +35,24 @@ inline std::size_t CharacterLength(std::string_view text) {
     return length;
 }
 
-/// Whether a text begins with a control character: U+0000 to U+001F, or U+007F to U+009F.
+/// Whether a text begins with a character that ends a line or turns the direction of writing: U+061C, U+200E,
+/// U+200F, U+2028 to U+202E, U+2066 to U+2069.
+inline bool BeginsWithLayout(std::string_view text) {
+    auto const byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    if (text.substr(0, 2) == "\xd8\x9c") return true;
+    if (text.size() < 3) return false;
+    if (text.substr(0, 2) == "\xe2\x80")
+        return byte(2) == 0x8e || byte(2) == 0x8f || (byte(2) >= 0xa8 && byte(2) <= 0xae);
+    return text.substr(0, 2) == "\xe2\x81" && byte(2) >= 0xa6 && byte(2) <= 0xa9;
+}
+
+/// Whether a text begins with a character that steers a terminal that takes UTF-8: U+0000 to U+001F, U+007F
+/// to U+009F, or one of BeginsWithLayout().
 inline bool BeginsWithControl(std::string_view text) {
     auto const first = static_cast<unsigned char>(text[0]);
     if (first < 0x80) return first < 0x20 || first == 0x7f;
-    return first == 0xc2 && text.size() > 1 && static_cast<unsigned char>(text[1]) < 0xa0;
+    return (first == 0xc2 && text.size() > 1 && static_cast<unsigned char>(text[1]) < 0xa0) ||
+           BeginsWithLayout(text);
 }
 
 inline bool HasControl(std::string_view text) {

@@ -101,6 +101,8 @@ bool IsPlainName(String_t const& name) {
            !examples::HasControl(text);
 }
 
+bool IsHidden(String_t const& leaf) { return str_text(leaf.Text())[0] == '.'; }
+
 int RefuseName(String_t const& name) {
     return Fail(examples::NOT_COPIED, examples::Printable(name) += ": not a plain file name");
 }
@@ -171,16 +173,19 @@ std::ptrdiff_t Depth(String_t const& path) {
     return std::count(text.begin(), text.end(), '/');
 }
 
-/// A wildcard of Glob matches "/" as well: the server may answer "photos*" with "photos/../.profile".
+/// A wildcard of Glob matches "/" as well: the server may answer "photos*" with "photos/../.profile". It also
+/// matches a leading "."; here, as in a shell, only a pattern that begins with one does.
 int GetMatching(CopySession& session, String_t const& given, String_t const& dir) {
     Pathname const pattern = session.RemotePathname(given).Collapse();
     SftpStatus status;
     TOList<String_t> names;
     if (session.Glob(status, names, pattern) < 1)
         return Fail(examples::NOT_COPIED, String_t(given) += ": nothing matches");
-    return ForEach(names, [&](String_t const& name) {
+    bool const wantsHidden = IsHidden(pattern.Leaf(nullptr));
+    return ForEach(names, [&](String_t const& name) -> int {
         String_t const leaf = Pathname(name).Leaf(nullptr);
         if (Depth(name) != Depth(pattern) || !IsPlainName(leaf)) return RefuseName(name);
+        if (IsHidden(leaf) && !wantsHidden) return DONE;
         return GetChosen(session, name, Under(dir, leaf));
     });
 }

@@ -8,8 +8,10 @@ namespace {
 
 bool IsControl(unsigned int character) { return character < 0x20 || (character >= 0x7f && character < 0xa0); }
 
-bool IsDirection(unsigned int character) {
-    return (character >= 0x202a && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
+/// Whether it ends a line or turns the direction of writing.
+bool IsLayout(unsigned int character) {
+    return character == 0x061c || character == 0x200e || character == 0x200f ||
+           (character >= 0x2028 && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
 }
 
 bool IsContinuation(unsigned char byte) { return (byte & 0xc0) == 0x80; }
@@ -57,7 +59,7 @@ std::string Printable(View text, Lines lines) {
         bool const endsLine = character == '\r' && !text.empty() && text[0] == '\n';
         if (lines == Lines::KEPT && valid && endsLine) continue;
         bool const kept = lines == Lines::KEPT && (character == '\n' || character == '\t');
-        if (valid && (kept || !(IsControl(character) || IsDirection(character))))
+        if (valid && (kept || !(IsControl(character) || IsLayout(character))))
             shown += bytes.Text();
         else
             AppendEscaped(shown, bytes);

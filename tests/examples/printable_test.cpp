@@ -29,6 +29,17 @@ TEST(ExamplesPrintable, ControlCharactersAreReplaced) {
     EXPECT_EQ(OneLine("\302\200\302\233x\302\237"), "??x?") << "U+0080 to U+009F";
 }
 
+TEST(ExamplesPrintable, CharactersThatEndALineOrTurnTheDirectionAreReplaced) {
+    for (char const* text : {"\330\234", "\342\200\216", "\342\200\217", "\342\200\250", "\342\200\251",
+                             "\342\200\252", "\342\200\256", "\342\201\246", "\342\201\251"}) {
+        EXPECT_EQ(OneLine(text), "?") << text;
+        EXPECT_TRUE(HasControl(text)) << text;
+    }
+    for (char const* text : {"\330\235", "\342\200\215", "\342\200\220", "\342\200\247", "\342\200\257",
+                             "\342\201\245", "\342\201\252"})
+        EXPECT_EQ(OneLine(text), text);
+}
+
 TEST(ExamplesPrintable, BytesThatAreNotUtf8AreReplaced) {
     EXPECT_EQ(OneLine("\233[2J"), "?[2J");
     EXPECT_EQ(OneLine("\303"), "?") << "cut short";

@@ -422,6 +422,18 @@ TEST(SftpExamplesAgainstMalice, PatternGetStaysInItsDirectory) {
     EXPECT_THAT(FilesBelow(outer.Path()), testing::ElementsAre("in", "in/c", "in/good"));
 }
 
+TEST(SftpExamplesAgainstMalice, PatternGetTakesHiddenFilesOnlyWhereThePatternBeginsWithADot) {
+    servers::TemporaryDirectory const outer;
+    std::filesystem::create_directory(outer / "in");
+    WriteFile(outer / "in/.bashrc", "untouched");
+    Claims const claims{{"/tree", {".bashrc", ".profile", "good"}}};
+    EXPECT_EQ(RunAgainst(claims, SFTP_COPY, "get '/tree/*' " + (outer / "in")).status, 0);
+    EXPECT_THAT(FilesBelow(outer / "in"), testing::ElementsAre(".bashrc", "good"));
+    EXPECT_EQ(ReadFile(outer / "in/.bashrc"), "untouched");
+    EXPECT_EQ(RunAgainst(claims, SFTP_COPY, "get '/tree/.p*' " + (outer / "in")).status, 0);
+    EXPECT_THAT(FilesBelow(outer / "in"), testing::ElementsAre(".bashrc", ".profile", "good"));
+}
+
 // The server says where it is to begin with.
 TEST(SftpExamplesAgainstMalice, DirectoryWithoutANameGetsNoneOfTheServers) {
     servers::TemporaryDirectory const outer;

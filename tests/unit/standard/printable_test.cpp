@@ -66,7 +66,14 @@ TEST(PrintableText, CharactersThatChangeTheDirectionOfWritingBecomeVisible) {
                         "cod.exe"),
               "\\xe2\\x80\\xaecod.exe");
     EXPECT_EQ(Printable("\xe2\x81\xa6"), "\\xe2\\x81\\xa6");
+    EXPECT_EQ(Printable("\xe2\x80\x8f"), "\\xe2\\x80\\x8f");
+    EXPECT_EQ(Printable("\xd8\x9c"), "\\xd8\\x9c");
     EXPECT_EQ(Printable("\xe2\x81\xaa"), "\xe2\x81\xaa");
+}
+
+TEST(PrintableText, SeparatorsOfLinesBecomeVisible) {
+    EXPECT_EQ(Printable("a\xe2\x80\xa8Password:"), "a\\xe2\\x80\\xa8Password:");
+    EXPECT_EQ(Printable("\xe2\x80\xa9"), "\\xe2\\x80\\xa9");
 }
 
 TEST(PrintableText, LineFeedsAndTabsStayOnRequest) {
