@@ -68,6 +68,7 @@ void ISshPacketStream::StartPacket() {
 }
 
 bool ISshPacketStream::HasBufferedPacket() {
+    if (_filter) return _filter->HasInput();
     unsigned int const block = _sshBuffer._cipher._rep->BlockSize();
     if (!_isStarted && Buffered() < block) return false;
     StartPacket();

@@ -142,7 +142,8 @@ int SshSession::AuthPasswd(String_t const& user, String_t password, EnterPasswor
     unsigned int tries = enter._tries;
     if (tries == 0) return -1;
     for (;;) {
-        // The message shares the text of the password and wipes it on destruction.
+        // The message shares the text of the password and wipes it on destruction. Deliberate: copies remain
+        // in the packet's payload and on the stack below.
         PacketUserAuthPasswdRequest request(user, SERVICE, password);
         _out.WritePacket(request);
         int const number = MessageNumber(AuthReadPacket());

@@ -347,7 +347,6 @@ bool StandardDialect::Impl::HasInput() { return !_inbox.empty() || _connection.H
 
 ByteString StandardDialect::Impl::Read() {
     if (!_connection.Exchange().HasKeys()) throw SshProtocolError("no keys are in force");
-    View message;
     for (;;) {
         if (!_inbox.empty()) {
             Incoming const incoming = _inbox.front();

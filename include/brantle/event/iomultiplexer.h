@@ -25,7 +25,9 @@
 /// Threads: table, poll records and callbacks are guarded by the read-write lock that the class derives from,
 /// so `Register`, `Unregister`, `Clear` and the callback list may be used from any thread. poll(2), the
 /// look-up of a dispatcher and the dispatcher itself run outside the lock: a change of the table by another
-/// thread during a dispatch is not safe. The timer queue is not locked and belongs to the loop's thread. A
+/// thread during a dispatch is not safe. `Unregister`, `Poll` and `Dispatch` release the lock
+/// once more than they acquire it, which may end a lock that another thread holds: change the table on the
+/// loop's thread while the loop runs. The timer queue is not locked and belongs to the loop's thread. A
 /// poll(2) in progress is not interrupted: a change made by another thread takes effect when it returns.
 class BRANTLE_API IOMultiplexer : public RWLock {
 public:

@@ -83,6 +83,9 @@ public:
     ///
     /// If only part of a packet has arrived, this blocks for the rest, for up to 180 seconds at a time: a
     /// server that never completes the packet keeps timers from firing and Terminate from taking effect.
+    ///
+    /// Packets that arrived together with the reply to a forwarded connection are handled there, without a
+    /// call of this operation.
     virtual int Dispatch(int fd);
 
     /// Runs the loop on the caller's thread until the session ends. Returns -1 once stopped, an errno value

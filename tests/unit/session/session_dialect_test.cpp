@@ -77,6 +77,20 @@ TEST_F(Dialect, PacketsGoThroughItsFilter) {
     EXPECT_EQ(_dialect._asked, "Write Read HasInput ");
 }
 
+TEST(DialectInput, WholePacketsAreThoseOfTheFilter) {
+    class Open : public SshSession {
+    public:
+        Open() : SshSession(CLIENT, 22, "127.0.0.1") {}
+        using SshSession::_in;
+    } session;
+    RecordingDialect dialect(session);
+    dialect.Attach(dialect);
+    EXPECT_TRUE(session._in.HasBufferedPacket());
+    EXPECT_EQ(dialect._asked, "HasInput ");
+    dialect.Detach();
+    EXPECT_FALSE(session._in.HasBufferedPacket());
+}
+
 TEST_F(Dialect, SecondDialectIsRefused) {
     _dialect.Attach(_dialect);
     RecordingDialect second(_session);

@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -6,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "support/next_symbol.h"
 #include "watched_file.h"
 
 namespace {
@@ -32,11 +32,6 @@ std::size_t SizeOf(iovec const* pieces, int count) {
     std::size_t size = 0;
     for (int i = 0; i < count; ++i) size += pieces[i].iov_len;
     return size;
-}
-
-template <typename Function>
-Function* Next(Function*, char const* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
@@ -75,19 +70,19 @@ extern "C" {
 // In place of the C library's, for the library under test too.
 
 ssize_t read(int fd, void* bytes, size_t size) {
-    static auto* const next = Next(&read, "read");
+    static auto* const next = support::NextSymbol(&read, "read");
     Note(fd, false, size);
     return next(fd, bytes, size);
 }
 
 ssize_t write(int fd, void const* bytes, size_t size) {
-    static auto* const next = Next(&write, "write");
+    static auto* const next = support::NextSymbol(&write, "write");
     Note(fd, true, size);
     return next(fd, bytes, size);
 }
 
 ssize_t writev(int fd, iovec const* pieces, int count) {
-    static auto* const next = Next(&writev, "writev");
+    static auto* const next = support::NextSymbol(&writev, "writev");
     Note(fd, true, SizeOf(pieces, count));
     return next(fd, pieces, count);
 }
