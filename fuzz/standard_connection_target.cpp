@@ -57,9 +57,10 @@ public:
         if (local > 100) return channels->PostRefusal(request, 4, "too many");
         channels->PostConfirmation(channels->Add(std::make_unique<Channel>(local), WINDOW, WINDOW), request);
     }
-    void OnRequestRefused(Channel& channel, std::string const&) override {
+    void OnRequestRefused(Channel& channel, std::string const&, bool) override {
         Require(channel.isConfirmed, "OnRequestRefused", "comes for no channel");
     }
+    void OnForwardingRefused() override { Require(false, "OnForwardingRefused", "comes for no request"); }
 
     Channels* channels = nullptr;
 

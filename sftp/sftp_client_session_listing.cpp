@@ -114,6 +114,7 @@ int SftpClientSession::ReadDir(SftpClient::DirReader& reader, String_t const& pa
     for (; HasEntry(reader); ++reader) {
         String_t const& name = reader._filename;
         if (IsSelfOrParent(name) || !Matches(name, pattern)) continue;
+        if (_dialect && IsHidden(name) && !IsHidden(pattern)) continue; // as in a shell
         if (_dialect) _dialect->Transfer().CheckName(name);
         names.Append(Pathname(dir).Append(name.Text()));
         ++count;

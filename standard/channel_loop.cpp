@@ -316,21 +316,19 @@ void ChannelLoop::OnData(Channel& channel, View data, bool isError) {
 /// a forwarded connection ends; for the session channel that is a failure of the session.
 void ChannelLoop::Deliver(Channel* channel, unsigned int local, Pump& pump, View data, bool isError) {
     std::unique_ptr<DescriptorSink>& sink = isError ? pump.errors : pump.output;
-    if (!sink) {
-        SshChannel const* const object = Object(local);
-        if (!object) return;
-        sink = std::make_unique<DescriptorSink>(isError ? object->_fdErr : object->_fdOut);
-    }
-    bool const wasEmpty = sink->IsEmpty();
+    SshChannel const* const object = Object(local);
+    if (!sink && !object) return;
+    bool const wasEmpty = !sink || sink->IsEmpty();
     try {
+        if (!sink) sink = std::make_unique<DescriptorSink>(isError ? object->_fdErr : object->_fdOut);
         std::size_t const left = sink->Write(data);
         if (channel) _channels.Consume(*channel, left);
     } catch (SystemError const&) {
-        if (!channel || channel->isSession) throw;
-        sink->Clear();
-        _channels.PostClose(*channel);
+        if (channel ? channel->isSession : pump.isSession) throw;
+        if (sink) sink->Clear();
+        if (channel) _channels.PostClose(*channel);
     }
-    WatchOutput(local, *sink, isError, wasEmpty);
+    if (sink) WatchOutput(local, *sink, isError, wasEmpty);
 }
 
 void ChannelLoop::DeliverX11(Channel& channel, Pump& pump, SshChannel& object, View data) {

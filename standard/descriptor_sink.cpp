@@ -78,6 +78,10 @@ std::size_t DescriptorSink::Write(View data) {
         if (IsEmpty()) Clear();
     }
     std::size_t const direct = IsEmpty() ? WriteSome(data) : 0;
+    if (_pos > _kept.size() / 2) { // what has been written is dropped, though a rest always remains
+        _kept.erase(_kept.begin(), _kept.begin() + static_cast<std::ptrdiff_t>(_pos));
+        _pos = 0;
+    }
     _kept.insert(_kept.end(), data.begin() + direct, data.end());
     return left + direct;
 }

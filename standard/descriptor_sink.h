@@ -23,6 +23,8 @@ public:
     bool IsEmpty() const { return _pos == _kept.size(); }
     /// The descriptor to poll for output while the sink is not empty.
     int Fd() const { return _own._fd; }
+    /// Bytes of memory that what is kept occupies.
+    std::size_t Capacity() const { return _kept.capacity(); }
     /// Drops what is kept.
     void Clear();
 

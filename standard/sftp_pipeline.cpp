@@ -17,7 +17,8 @@ constexpr unsigned int SLOT_BITS = 10;
 constexpr unsigned int READ_SIZE =
     32768; ///< what every server serves (draft-ietf-secsh-filexfer-02, section 3)
 constexpr unsigned int MESSAGE_SIZE = 32768;
-constexpr unsigned int BLOCK = 512; ///< writes are multiples of this
+constexpr unsigned int BLOCK = 512;     ///< writes are multiples of this
+constexpr std::size_t MAX_HANDLE = 256; ///< draft-ietf-secsh-filexfer-02, section 6.2
 
 static_assert(SftpPipeline::MAX_REQUESTS == 1u << SLOT_BITS);
 
@@ -30,7 +31,9 @@ String_t Text(std::string const& text) {
 SftpPipeline::SftpPipeline(DataPort& port, SftpStatus& status, View handle, unsigned int inFlight,
                            Progress progress)
     : _port(port), _handle(handle.Copy()), _status(status), _progress(std::move(progress)),
-      _requests(inFlight) {}
+      _requests(inFlight) {
+    if (handle.size() > MAX_HANDLE) throw SshProtocolError("SFTP handle too long");
+}
 
 int SftpPipeline::Run() {
     Receiving const receiving(_port, *this);

@@ -24,7 +24,8 @@ constexpr int MSG_INFO_RESPONSE = 61;
 char const USERAUTH[] = "ssh-userauth";
 char const CONNECTION[] = "ssh-connection";
 
-constexpr unsigned int MAX_KEY_FAILURES = 5; ///< while another method is left
+constexpr unsigned int MAX_KEY_FAILURES =
+    4; ///< while another method is left: sshd ends after 6 of all methods
 constexpr unsigned int MAX_PARTIAL_SUCCESSES = 16;
 constexpr unsigned int MAX_BANNERS = 100;
 constexpr unsigned int MAX_QUESTION_ROUNDS = 100; ///< of one attempt

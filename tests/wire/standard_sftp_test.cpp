@@ -32,6 +32,13 @@ Bytes StatusReply(std::uint32_t id, std::uint32_t code, std::string_view text) {
     return Writer().U8(101).U32(id).U32(code).String(text).String("");
 }
 
+Bytes Names(std::vector<std::string> const& names, std::uint32_t id) {
+    Writer reply;
+    reply.U8(104).U32(id).U32(static_cast<std::uint32_t>(names.size()));
+    for (std::string const& name : names) reply.String(name).String("").U32(0);
+    return reply;
+}
+
 class StandardSftp : public StandardTest {
 protected:
     using Prepare = std::function<void(SftpServer&, StandardConnection&)>;
@@ -257,6 +264,62 @@ TEST_F(StandardSftp, NamesBeyondTheMessageEndTheSession) {
                                   Writer().U8(104).U32(id).U32(ALL).String("/home").String("").U32(0));
                           })),
                 StartsWith("Start SshProtocolError: "));
+}
+
+TEST_F(StandardSftp, HandleLongerThan256BytesEndsTheSession) {
+    for (std::size_t size : {257u, 32300u, 40000u}) {
+        Copied const copied = Put("content", [&](SftpServer& sftp, StandardConnection&) {
+            sftp.instead = [&sftp, size](unsigned type, std::uint32_t id, Reader&) {
+                if (type != OPEN) return false;
+                sftp.Send(Writer().U8(102).U32(id).String(std::string(size, 'h')));
+                return true;
+            };
+        });
+        EXPECT_THAT(copied.outcome, HasSubstr("SFTP handle too long")) << size;
+    }
+}
+
+/// A server asked for "*" in a home directory must not replace .bashrc.
+TEST_F(StandardSftp, PatternMatchesHiddenNamesOnlyIfItBeginsWithADot) {
+    constexpr unsigned OPEN_DIRECTORY = 11, READ_DIRECTORY = 12;
+    for (char const* pattern : {"*", ".b*"}) {
+        Serve([&](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            SftpServer sftp(c);
+            bool isListed = false;
+            sftp.instead = [&](unsigned type, std::uint32_t id, Reader& request) {
+                if (type != OPEN_DIRECTORY && type != READ_DIRECTORY) return false;
+                Bytes const name = request.Blob();
+                bool const isPattern = std::find(name.begin(), name.end(), '*') != name.end();
+                if (isPattern || isListed)
+                    sftp.Send(StatusReply(id, isPattern ? 2 : 1, "none"));
+                else if (type == OPEN_DIRECTORY)
+                    sftp.Send(Writer().U8(102).U32(id).String("directory"));
+                else
+                    sftp.Send(Names({".bashrc", "good"}, id));
+                isListed |= type == READ_DIRECTORY;
+                return true;
+            };
+            try {
+                sftp.Serve();
+            } catch (Closed const&) {
+            }
+            c.ReadToTheEnd();
+        });
+        {
+            cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+            cindral::StandardDialect dialect(session);
+            Login(session);
+            ASSERT_EQ(session.Start(), 0);
+            cindral::SftpStatus status;
+            TOList<String_t> names;
+            EXPECT_EQ(session.Glob(status, names, (std::string("/home/") + pattern).c_str()), 1);
+            ASSERT_EQ(names.Len(), 1u);
+            TOListIterator<String_t> next(names);
+            EXPECT_THAT(Text(*next()), testing::EndsWith(pattern[0] == '*' ? "/good" : "/.bashrc"));
+        }
+        server->Finish();
+    }
 }
 
 TEST_F(StandardSftp, ChannelThatEndsWithinACopyFailsIt) {

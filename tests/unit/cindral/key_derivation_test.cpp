@@ -33,25 +33,25 @@ SchemePtr Scrypt(std::uint64_t n, std::uint64_t r, std::uint64_t p) {
     return SchemePtr(PKCS5_pbe2_set_scrypt(EVP_aes_128_cbc(), salt.data(), salt.size(), iv.data(), n, r, p));
 }
 
-TEST(KeyDerivation, IterationsOfPbkdf2AreBounded) {
+TEST(PassphraseDerivation, IterationsOfPbkdf2AreBounded) {
     EXPECT_TRUE(IsDerivationBounded(*Pbkdf2(1)));
     EXPECT_TRUE(IsDerivationBounded(*Pbkdf2(MOST_ITERATIONS)));
     EXPECT_FALSE(IsDerivationBounded(*Pbkdf2(MOST_ITERATIONS + 1)));
     EXPECT_FALSE(IsDerivationBounded(*Pbkdf2(0x7fffffff)));
 }
 
-TEST(KeyDerivation, IterationsOfTheOlderSchemesAreBounded) {
+TEST(PassphraseDerivation, IterationsOfTheOlderSchemesAreBounded) {
     EXPECT_TRUE(IsDerivationBounded(*Pbes1(MOST_ITERATIONS)));
     EXPECT_FALSE(IsDerivationBounded(*Pbes1(MOST_ITERATIONS + 1)));
 }
 
-TEST(KeyDerivation, CostOfScryptIsBounded) {
+TEST(PassphraseDerivation, CostOfScryptIsBounded) {
     EXPECT_TRUE(IsDerivationBounded(*Scrypt(1 << 14, 8, 1)));  // what openssl pkcs8 -scrypt takes
     EXPECT_TRUE(IsDerivationBounded(*Scrypt(1 << 14, 8, 32))); // 2^22
     EXPECT_FALSE(IsDerivationBounded(*Scrypt(1 << 14, 8, 33)));
 }
 
-TEST(KeyDerivation, IterationsBeyond64BitsAreRefused) {
+TEST(PassphraseDerivation, IterationsBeyond64BitsAreRefused) {
     SchemePtr const scheme = Pbkdf2(1);
     OpenSSLPtr<PBE2PARAM, PBE2PARAM_free> const pbes2(
         static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), scheme->parameter)));
@@ -65,7 +65,7 @@ TEST(KeyDerivation, IterationsBeyond64BitsAreRefused) {
     EXPECT_FALSE(IsDerivationBounded(*scheme));
 }
 
-TEST(KeyDerivation, ParametersThatAreNotParsedAreLeftToTheDecryption) {
+TEST(PassphraseDerivation, ParametersThatAreNotParsedAreLeftToTheDecryption) {
     SchemePtr const scheme = Pbkdf2(1);
     ASN1_TYPE_set(scheme->parameter, V_ASN1_NULL, nullptr);
     EXPECT_TRUE(IsDerivationBounded(*scheme));
