@@ -299,7 +299,7 @@ std::string StandardDialect::Impl::Refuse(std::string const& algorithm, View key
     if (finding.verdict != KnownHostsFile::UNKNOWN) return finding.Text(host);
     std::string const type(FindSignature(algorithm).keyType);
     std::string const fingerprint = Fingerprint(key);
-    if (!_face.ConfirmHostKey(Text(host), Text(type), Text(fingerprint)))
+    if (_face.ConfirmHostKey(Text(host), Text(type), Text(fingerprint)) != 1)
         return "the host " + host + " is not known, and its " + type + " key (" + fingerprint +
                ") was not accepted";
     if (int const failure = _knownHosts.Append(host, address.Port(), key))
@@ -331,7 +331,7 @@ int StandardDialect::Impl::Authenticate(String_t const& identity, String_t const
     int result = -1;
     try {
         result = authenticator.Run();
-    } catch (SshProtocolError const& failure) {
+    } catch (CryptoException const& failure) {
         SetLastError(failure.what() + ("; " + authenticator.LastError()));
         throw;
     }

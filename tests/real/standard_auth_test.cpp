@@ -181,8 +181,7 @@ TEST_F(StandardAuth, PasswordGivenAndTyped) {
 TEST_F(StandardAuth, WrongPasswordIsARefusalWithItsReason) {
     EXPECT_EQ(Login("", "", "wrong"), -1);
     EXPECT_EQ(error, "login failed: the server accepts publickey,password; publickey: there is no key, in a "
-                     "file or an agent; "
-                     "password: refused");
+                     "file or an agent; password: refused");
 }
 
 TEST_F(StandardAuth, ManyKeysOfTheAgentLeaveRoomForThePassword) {
