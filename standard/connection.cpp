@@ -74,16 +74,15 @@ void Connection::ExchangeKeys() {
 }
 
 void Connection::Send(View message) {
-    Deadline const deadline(Transport::TIME_LIMIT);
+    _answerBy = Deadline(Transport::TIME_LIMIT);
     View other;
     while (!_exchange.MaySend()) {
         if (NextOfStep(other)) throw SshProtocolError("message within a key exchange", other[0]);
-        if (!_exchange.MaySend()) WaitAndFill(deadline);
+        if (!_exchange.MaySend()) WaitAndFill(_answerBy);
     }
     _transport.Send(message);
     Flush();
     _transport.FlushAll();
-    _answerBy = Deadline(Transport::TIME_LIMIT);
 }
 
 View Connection::Receive() {
