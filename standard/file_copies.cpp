@@ -132,10 +132,12 @@ unsigned int FileCopies::CreationMode(unsigned int mode) {
     return _options.keepsModes ? mode & PERMISSIONS : PLAIN_FILE;
 }
 
-/// If the file has shrunk, the rest is sent as zeros and then reported to the server as an error.
+/// If the file has shrunk, the rest is sent as zeros and then reported to the server as an error. Blocks go
+/// past the stream's buffer, as messages of their size.
 int FileCopies::SendBody(OSshDataStream& out, String_t const& name, int fd, long long size) {
     std::vector<char> block(SCP_BLOCK);
     int failure = 0;
+    out.Flush();
     for (long long done = 0; done < size;) {
         auto const wanted = static_cast<std::size_t>(std::min<long long>(size - done, SCP_BLOCK));
         ssize_t n = failure ? 0 : read(fd, block.data(), wanted);
@@ -145,7 +147,7 @@ int FileCopies::SendBody(OSshDataStream& out, String_t const& name, int fd, long
             std::fill(block.begin(), block.end(), '\0');
             n = static_cast<ssize_t>(wanted);
         }
-        out.Write(block.data(), static_cast<int>(n));
+        _port.Write(View(std::string_view(block.data(), static_cast<std::size_t>(n))));
         done += n;
         _progress(name, static_cast<unsigned long long>(done), static_cast<unsigned long long>(size));
     }
