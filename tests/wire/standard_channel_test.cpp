@@ -241,15 +241,12 @@ TEST_F(StandardChannel, LoopGoesOnWhileTheWindowIsZero) {
     settings.window = 0;
     input.Write("input");
     std::vector<std::unique_ptr<AtOnce>> timers;
-    StandardResult const result = Run(
-        [](StandardConnection& c) {
-            c.SendPacket(Data("output"));
-            c.ReadToTheEnd();
-        },
-        [&](StandardClient& client) {
-            timers.push_back(std::make_unique<AtOnce>([&client] { client.session.Terminate(); }));
-            client.beforeRun = [&] { client.session.Multiplexer().Insert(timers[0].get()); };
-        });
+    StandardResult const result =
+        Run([](StandardConnection& c) { c.ReadToTheEnd(); },
+            [&](StandardClient& client) {
+                timers.push_back(std::make_unique<AtOnce>([&client] { client.session.Terminate(); }));
+                client.beforeRun = [&] { client.session.Multiplexer().Insert(timers[0].get()); };
+            });
     EXPECT_EQ(result.outcome, RUN_ENDED);
     EXPECT_EQ(result.exitStatus, -1);
     EXPECT_TRUE(DataOfTheClient().empty());
