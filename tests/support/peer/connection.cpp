@@ -9,21 +9,8 @@ namespace {
 char const gexName[] = "diffie-hellman-group-exchange-sha1";
 std::size_t const largestPacket = std::size_t{64} << 20;
 
-std::string FirstCommon(std::string const& client, std::string const& server) {
-    auto const names = SplitNames(server);
-    for (std::string const& name : SplitNames(client))
-        if (std::find(names.begin(), names.end(), name) != names.end()) return name;
-    throw PeerError("nothing common in \"" + client + "\" and \"" + server + "\"");
-}
-
 std::size_t MaterialNeed(std::string const& cipher, std::string const& mac) {
     return std::max({CipherKeyLength(cipher), CipherBlockSize(cipher), MacKeyLength(mac)});
-}
-
-/// RFC 4253, section 6: at least four bytes, up to a multiple of the block size.
-std::size_t PaddingFor(std::size_t payload, std::size_t block) {
-    std::size_t const padding = block - (payload + 5) % block;
-    return padding < 4 ? padding + block : padding;
 }
 
 } // namespace
@@ -79,72 +66,15 @@ Bytes GroupReply::Payload() const {
 }
 
 Connection::Connection(int fd, int abortFd, ServerSettings const& initial, std::size_t number)
-    : settings(initial), index(number), _link(fd, abortFd) {}
+    : PeerConnection(fd, abortFd, number), settings(initial) {}
 
-std::vector<Bytes> Connection::ReceivedAfter(std::uint8_t type) const {
-    std::vector<Bytes> payloads;
-    bool found = false;
-    for (PacketRecord const& record : received) {
-        if (found) payloads.push_back(record.payload);
-        found = found || (!record.payload.empty() && record.payload[0] == type);
-    }
-    return payloads;
-}
-
-std::string Connection::ReadLine() {
-    std::string line;
-    while (line.empty() || line.back() != '\n') line += ToText(_link.Receive(1));
-    return line;
-}
-
-void Connection::ExpectClosed() {
-    Bytes const more = _link.ReceiveUpTo(1);
-    if (!more.empty()) throw PeerError("the client sends more, beginning with " + Hex(more));
-}
-
-void Connection::ReadUntilClosed() {
-    while (!_link.ReceiveUpTo(1).empty()) {
-    }
-}
-
-Bytes Connection::Encode(Bytes const& payload, SendOptions const& options) {
-    PacketRecord record;
-    record.blockSize = _sendCipher.BlockSize();
-    record.payload = payload;
-    record.padding = options.padding ? *options.padding : Bytes(PaddingFor(payload.size(), record.blockSize));
-    record.paddingLength = options.paddingLength.value_or(static_cast<std::uint8_t>(record.padding.size()));
-    record.packetLength =
-        options.packetLength.value_or(static_cast<std::uint32_t>(1 + payload.size() + record.padding.size()));
-    record.plain =
-        Writer().U32(record.packetLength).U8(record.paddingLength).Raw(payload).Raw(record.padding).Data();
-    record.sequence = _sendSequence++;
+void Connection::Seal(PacketRecord& record, SendOptions const& options) {
     if (tamper) tamper(record.sequence, record.plain);
     record.encrypted = !_sendCipher.IsNone();
     record.mac = _sendMac.Compute(record.sequence, record.plain);
     record.raw = _sendCipher.Process(record.plain);
     if (options.flipMacByte) record.mac.at(*options.flipMacByte) ^= 0x01;
     if (options.macBytes) record.mac.resize(*options.macBytes);
-    record.streamOffset = _link.SentCount();
-    Bytes bytes = Concat({record.raw, record.mac});
-    if (_link.recording) sent.push_back(std::move(record));
-    return bytes;
-}
-
-void Connection::SendPacket(Bytes const& payload, SendOptions const& options) {
-    _link.Send(Encode(payload, options));
-    if (!options.macBytes) return;
-    _link.ShutdownWrite();
-    throw Cut("connection closed within the MAC");
-}
-
-void Connection::SendTogether(std::vector<Bytes> const& payloads) {
-    Bytes all;
-    for (Bytes const& payload : payloads) {
-        Bytes const packet = Encode(payload);
-        if (_link.recording) sent.back().streamOffset += all.size();
-        all.insert(all.end(), packet.begin(), packet.end());
-    }
-    _link.Send(all);
 }
 
 Bytes Connection::ReadPacket() {
@@ -175,18 +105,9 @@ Bytes Connection::ReadPacket() {
     record.macValid = record.mac == _receiveMac.Compute(record.sequence, record.plain);
     ++_receiveSequence;
     bool const valid = record.macValid;
-    Bytes payload = record.payload;
-    if (_link.recording) received.push_back(std::move(record));
+    Bytes payload = Record(std::move(record));
     if (!valid) throw PeerError("MAC of packet " + std::to_string(_receiveSequence - 1) + " does not fit");
     return payload;
-}
-
-Reader Connection::ExpectPacket(std::uint8_t type) {
-    Reader reader(ReadPacket());
-    std::uint8_t const got = reader.U8();
-    if (got != type)
-        throw PeerError("message " + std::to_string(type) + " expected, " + std::to_string(got) + " came");
-    return reader;
 }
 
 void Connection::Identify() {
@@ -299,36 +220,6 @@ void Connection::NewKeys() {
     ReceiveNewKeys();
 }
 
-void Connection::ServiceAccept() {
-    Reader reader = ExpectPacket(SERVICE_REQUEST);
-    std::string const service = reader.String();
-    reader.End();
-    SendPacket(Writer().U8(SERVICE_ACCEPT).String(service));
-}
-
-AuthRequest Connection::ReadAuthRequest() {
-    Reader reader = ExpectPacket(USERAUTH_REQUEST);
-    AuthRequest request;
-    request.payload = Concat({Bytes{USERAUTH_REQUEST}, Reader(reader).Rest()});
-    request.user = reader.String();
-    request.service = reader.String();
-    request.method = reader.String();
-    if (request.method == "publickey") {
-        request.flag = reader.Bool();
-        request.algorithm = reader.String();
-        request.key = reader.Blob();
-        if (request.flag) request.signature = reader.Blob();
-    } else if (request.method == "password") {
-        request.flag = reader.Bool();
-        request.password = reader.String();
-    } else if (request.method == "keyboard-interactive") {
-        request.language = reader.String();
-        request.submethods = reader.String();
-    }
-    reader.End();
-    return request;
-}
-
 bool Connection::SignatureIsValid(AuthRequest const& request) const {
     Bytes const data = Writer()
                            .String(kex.hash)
@@ -340,37 +231,6 @@ bool Connection::SignatureIsValid(AuthRequest const& request) const {
                            .String(request.algorithm)
                            .String(request.key);
     return VerifySignature(request.key, request.signature, data);
-}
-
-void Connection::SendAuthFailure(std::string_view methods, bool partial) {
-    SendPacket(Writer().U8(USERAUTH_FAILURE).String(methods).Bool(partial));
-}
-
-void Connection::SendAuthSuccess() { SendPacket(Writer().U8(USERAUTH_SUCCESS)); }
-
-void Connection::SendBanner(std::string_view text, std::string_view language) {
-    SendPacket(Writer().U8(USERAUTH_BANNER).String(text).String(language));
-}
-
-void Connection::SendPkOk(std::string_view algorithm, Bytes const& key) {
-    SendPacket(Writer().U8(USERAUTH_PK_OK).String(algorithm).String(key));
-}
-
-void Connection::SendInfoRequest(std::string_view name, std::string_view instruction,
-                                 std::vector<Prompt> const& prompts) {
-    Writer writer;
-    writer.U8(USERAUTH_INFO_REQUEST).String(name).String(instruction).String("");
-    writer.U32(static_cast<std::uint32_t>(prompts.size()));
-    for (Prompt const& prompt : prompts) writer.String(prompt.text).Bool(prompt.echo);
-    SendPacket(writer);
-}
-
-std::vector<std::string> Connection::ReadInfoResponse() {
-    Reader reader = ExpectPacket(USERAUTH_INFO_RESPONSE);
-    std::vector<std::string> answers;
-    for (std::uint32_t count = reader.U32(); count > 0; --count) answers.push_back(reader.String());
-    reader.End();
-    return answers;
 }
 
 void Connection::AnswerAuth(AuthRequest const& request, bool& done) {
@@ -404,84 +264,6 @@ void Connection::Authenticate() {
         settings.banner.clear();
         AnswerAuth(request, done);
     }
-}
-
-ChannelOpen Connection::ReadChannelOpen() {
-    Reader reader = ExpectPacket(CHANNEL_OPEN);
-    ChannelOpen open;
-    open.type = reader.String();
-    open.sender = reader.U32();
-    open.window = reader.U32();
-    open.maxPacket = reader.U32();
-    open.rest = reader.Rest();
-    return open;
-}
-
-void Connection::SendOpenConfirmation(std::uint32_t recipient) {
-    SendPacket(Writer()
-                   .U8(CHANNEL_OPEN_CONFIRMATION)
-                   .U32(recipient)
-                   .U32(settings.channel)
-                   .U32(settings.window)
-                   .U32(settings.maxPacket));
-}
-
-void Connection::SendOpenFailure(std::uint32_t reason, std::string_view text, std::uint32_t recipient) {
-    SendPacket(Writer().U8(CHANNEL_OPEN_FAILURE).U32(recipient).U32(reason).String(text).String(""));
-}
-
-void Connection::ConfirmOpen() { SendOpenConfirmation(ReadChannelOpen().sender); }
-
-ChannelRequest Connection::ReadChannelRequest() {
-    Reader reader = ExpectPacket(CHANNEL_REQUEST);
-    ChannelRequest request;
-    request.recipient = reader.U32();
-    request.type = reader.String();
-    request.wantReply = reader.Bool();
-    request.rest = reader.Rest();
-    return request;
-}
-
-void Connection::SendChannelMessage(std::uint8_t type, std::uint32_t recipient) {
-    SendPacket(Writer().U8(type).U32(recipient));
-}
-
-void Connection::SendData(std::string_view data, std::uint32_t recipient) {
-    SendPacket(Writer().U8(CHANNEL_DATA).U32(recipient).String(data));
-}
-
-void Connection::SendExtendedData(std::string_view data, std::uint32_t type, std::uint32_t recipient) {
-    SendPacket(Writer().U8(CHANNEL_EXTENDED_DATA).U32(recipient).U32(type).String(data));
-}
-
-void Connection::SendWindowAdjust(std::uint32_t bytes, std::uint32_t recipient) {
-    SendPacket(Writer().U8(CHANNEL_WINDOW_ADJUST).U32(recipient).U32(bytes));
-}
-
-void Connection::SendExitStatus(std::uint32_t status, bool wantReply, std::uint32_t recipient) {
-    SendPacket(Writer().U8(CHANNEL_REQUEST).U32(recipient).String("exit-status").Bool(wantReply).U32(status));
-}
-
-void Connection::SendExitSignal(std::string_view name, bool core, std::uint32_t recipient) {
-    SendPacket(Writer()
-                   .U8(CHANNEL_REQUEST)
-                   .U32(recipient)
-                   .String("exit-signal")
-                   .Bool(false)
-                   .String(name)
-                   .Bool(core)
-                   .String("")
-                   .String(""));
-}
-
-void Connection::SendDisconnect(std::uint32_t reason, std::string_view text) {
-    SendPacket(Writer().U8(DISCONNECT).U32(reason).String(text).String(""));
-}
-
-void Connection::SendIgnore(std::string_view data) { SendPacket(Writer().U8(IGNORE).String(data)); }
-
-void Connection::SendDebug(std::string_view text, bool show) {
-    SendPacket(Writer().U8(DEBUG).Bool(show).String(text).String(""));
 }
 
 void Connection::WellBehaved(Stage stage) {

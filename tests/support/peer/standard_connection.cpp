@@ -13,26 +13,6 @@ char const nistName[] = "ecdh-sha2-nistp256";
 
 bool IsCurve(std::string const& kex) { return kex[0] == 'c' || kex == nistName; }
 
-bool HasName(std::string const& list, std::string const& name) {
-    auto const names = SplitNames(list);
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-std::string FirstCommon(std::string const& client, std::string const& server) {
-    for (std::string const& name : SplitNames(client))
-        if (HasName(server, name)) return name;
-    throw PeerError("nothing in common: " + client + " and " + server);
-}
-
-/// What comes after the number of a message, which must be that one.
-Reader Fields(Bytes payload, std::uint8_t type) {
-    Reader reader(std::move(payload));
-    std::uint8_t const number = reader.U8();
-    if (number != type)
-        throw PeerError("message " + std::to_string(number) + " in place of " + std::to_string(type));
-    return reader;
-}
-
 Bytes MpintBody(Bytes const& magnitude) {
     Bytes const field = Writer().Mpint(magnitude);
     return Slice(field, 4, field.size());
@@ -58,79 +38,16 @@ StandardSettings& StandardSettings::Kex(std::string const& kex, std::string cons
 
 StandardConnection::StandardConnection(int fd, int abortFd, StandardSettings const& initial,
                                        std::size_t number)
-    : settings(initial), index(number), _link(fd, abortFd) {}
+    : PeerConnection(fd, abortFd, number), settings(initial) {}
 
-std::vector<Bytes> StandardConnection::ReceivedAfter(std::uint8_t type) const {
-    std::vector<Bytes> payloads;
-    bool found = false;
-    for (PacketRecord const& record : received) {
-        if (found) payloads.push_back(record.payload);
-        found = found || record.Type() == type;
-    }
-    return payloads;
-}
-
-std::size_t StandardConnection::CountReceived(std::uint8_t type) const {
-    return static_cast<std::size_t>(std::count_if(received.begin(), received.end(),
-                                                  [&](auto const& record) { return record.Type() == type; }));
-}
-
-// --- bytes and packets
-
-std::string StandardConnection::ReadLine() {
-    std::string line;
-    while (line.empty() || line.back() != '\n') line += ToText(_link.Receive(1));
-    return line;
-}
-
-void StandardConnection::ExpectClosed() {
-    Bytes const more = _link.ReceiveUpTo(1);
-    if (!more.empty()) throw PeerError("the client sends more, beginning with " + Hex(more));
-}
-
-void StandardConnection::ReadUntilClosed() {
-    while (!_link.ReceiveUpTo(1).empty()) {
-    }
-}
-
-Bytes StandardConnection::Encode(Bytes const& payload, SendOptions const& options) {
-    PacketRecord record;
-    record.blockSize = _sending.Alignment();
+void StandardConnection::Seal(PacketRecord& record, SendOptions const& options) {
     record.encrypted = !_sending.IsNone();
-    record.payload = payload;
-    std::size_t const counted = (_sending.LengthIsOutside() ? 1 : 5) + payload.size() + minimumPadding;
-    std::size_t const align = (record.blockSize - counted % record.blockSize) % record.blockSize;
-    record.padding = options.padding ? *options.padding : Bytes(minimumPadding + align);
-    record.paddingLength = options.paddingLength.value_or(static_cast<std::uint8_t>(record.padding.size()));
-    record.packetLength =
-        options.packetLength.value_or(static_cast<std::uint32_t>(1 + payload.size() + record.padding.size()));
-    record.plain =
-        Writer().U32(record.packetLength).U8(record.paddingLength).Raw(payload).Raw(record.padding);
-    record.sequence = _sendSequence++;
     record.raw = _sending.Seal(record.sequence, record.plain);
     if (options.flipMacByte)
         record.raw.at(record.raw.size() - _sending.TagLength() + *options.flipMacByte) ^= 0x01;
-    record.streamOffset = _link.SentCount();
-    Bytes bytes = record.raw;
-    if (_link.recording) sent.push_back(std::move(record));
-    return bytes;
-}
-
-void StandardConnection::SendPacket(Bytes const& payload, SendOptions const& options) {
-    _link.Send(Encode(payload, options));
 }
 
 void StandardConnection::SendSealed(Bytes const& plain) { _link.Send(_sending.Seal(_sendSequence++, plain)); }
-
-void StandardConnection::SendTogether(std::vector<Bytes> const& payloads) {
-    Bytes all;
-    for (Bytes const& payload : payloads) {
-        Bytes const packet = Encode(payload);
-        if (_link.recording) sent.back().streamOffset += all.size();
-        all.insert(all.end(), packet.begin(), packet.end());
-    }
-    _link.Send(all);
-}
 
 Bytes StandardConnection::TakePacket() {
     PacketRecord record;
@@ -151,9 +68,7 @@ Bytes StandardConnection::TakePacket() {
     if (record.paddingLength < minimumPadding || std::size_t{record.paddingLength} + 5 >= size)
         throw PeerError("padding length " + std::to_string(record.paddingLength));
     record.payload = Slice(record.plain, 5, size - 5 - record.paddingLength);
-    Bytes payload = record.payload;
-    if (_link.recording) received.push_back(std::move(record));
-    return payload;
+    return Record(std::move(record));
 }
 
 Bytes StandardConnection::ReadPacket() {
@@ -169,8 +84,6 @@ Bytes StandardConnection::ReadPacket() {
     _kept.pop_front();
     return payload;
 }
-
-Reader StandardConnection::ExpectPacket(std::uint8_t type) { return Fields(ReadPacket(), type); }
 
 Reader StandardConnection::SkipTo(std::uint8_t type) {
     for (;;) {
@@ -335,43 +248,6 @@ void StandardConnection::Rekey() {
 
 // --- authentication and the session channel
 
-void StandardConnection::ServiceAccept() {
-    Reader reader = ExpectPacket(SERVICE_REQUEST);
-    std::string const service = reader.String();
-    reader.End();
-    if (service != "ssh-userauth") throw PeerError("service " + service);
-    SendPacket(Writer().U8(SERVICE_ACCEPT).String(service));
-}
-
-AuthRequest StandardConnection::ReadAuthRequest() {
-    Bytes const payload = ReadPacket();
-    Reader reader(payload);
-    if (reader.U8() != USERAUTH_REQUEST) throw PeerError("no USERAUTH_REQUEST: " + Hex(payload));
-    AuthRequest request;
-    request.payload = payload;
-    request.user = reader.String();
-    request.service = reader.String();
-    request.method = reader.String();
-    if (request.method == "password") {
-        request.flag = reader.Bool();
-        request.password = reader.String();
-    } else if (request.method == "publickey") {
-        request.flag = reader.Bool();
-        request.algorithm = reader.String();
-        request.key = reader.Blob();
-        if (request.flag) request.signature = reader.Blob();
-    } else if (request.method == "keyboard-interactive") {
-        request.language = reader.String();
-        request.submethods = reader.String();
-    }
-    reader.End();
-    return request;
-}
-
-void StandardConnection::SendAuthFailure(std::string_view methods, bool partial) {
-    SendPacket(Writer().U8(USERAUTH_FAILURE).String(methods).Bool(partial));
-}
-
 void StandardConnection::Authenticate() {
     for (;;) {
         AuthRequest const request = ReadAuthRequest();
@@ -381,29 +257,12 @@ void StandardConnection::Authenticate() {
         if (accepted) break;
         SendAuthFailure(settings.methods);
     }
-    SendPacket(Writer().U8(USERAUTH_SUCCESS));
-}
-
-void StandardConnection::ConfirmOpen() {
-    Reader reader = ExpectPacket(CHANNEL_OPEN);
-    reader.String();
-    std::uint32_t const recipient = reader.U32();
-    SendPacket(Writer()
-                   .U8(CHANNEL_OPEN_CONFIRMATION)
-                   .U32(recipient)
-                   .U32(settings.channel)
-                   .U32(settings.window)
-                   .U32(settings.maxPacket));
+    SendAuthSuccess();
 }
 
 ChannelRequest StandardConnection::ReadChannelRequest(bool succeeds) {
-    Reader reader = ExpectPacket(CHANNEL_REQUEST);
-    ChannelRequest request;
-    request.recipient = reader.U32();
-    request.type = reader.String();
-    request.wantReply = reader.Bool();
-    request.rest = reader.Rest();
-    if (request.wantReply) SendPacket(Writer().U8(succeeds ? CHANNEL_SUCCESS : CHANNEL_FAILURE).U32(0));
+    ChannelRequest const request = PeerConnection::ReadChannelRequest();
+    if (request.wantReply) SendChannelMessage(succeeds ? CHANNEL_SUCCESS : CHANNEL_FAILURE);
     return request;
 }
 

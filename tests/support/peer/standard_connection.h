@@ -12,8 +12,7 @@ namespace peer {
 inline constexpr std::uint8_t EXT_INFO = 7;
 
 /// What a server of today is like; a script may change it up to the step that uses it.
-struct StandardSettings {
-    bool ipv6 = false;
+struct StandardSettings : PeerSettings {
     std::string versionLine = "SSH-2.0-StandardPeer\r\n";
     KexInitLists kexInit; ///< one algorithm of each kind, which Pin() and Kex() change
     bool strict = true;   ///< offers kex-strict-s-v00@openssh.com in the first KEXINIT
@@ -22,14 +21,8 @@ struct StandardSettings {
     /// Sent in EXT_INFO after the first keys, if the client has asked for it; empty: no EXT_INFO.
     std::string signatureAlgorithms = "ssh-ed25519,rsa-sha2-512,rsa-sha2-256";
 
-    std::string user = "tester";
-    std::string password = "secret";
     bool noneAccepted = true;
     std::string methods = "publickey,password"; ///< of each USERAUTH_FAILURE
-
-    std::uint32_t channel = 42; ///< the server's number of the session channel
-    std::uint32_t window = 0x200000;
-    std::uint32_t maxPacket = 0x8000;
 
     StandardSettings();
     /// The cipher of both directions, with the MAC if it needs one.
@@ -73,7 +66,7 @@ struct KexReply {
 /// sends
 ///   meanwhile, up to its KEXINIT, is kept for ReadPacket.
 /// - Under strict rules sequence numbers begin at 0 with each NEWKEYS, in each direction.
-class StandardConnection {
+class StandardConnection : public PeerConnection {
 public:
     using Settings = StandardSettings;
 
@@ -86,30 +79,10 @@ public:
     bool strict = false; ///< both sides have said so
     bool resets = true;  ///< whether sequence numbers are reset under strict rules, as they ought to be
     bool answersKexInit = true; ///< ReadPacket answers when the client renews the keys
-    std::vector<PacketRecord> received;
-    std::vector<PacketRecord> sent;
-    std::size_t const index;
 
-    /// Payloads of the packets received after the first one of that message number; none if it never came.
-    std::vector<Bytes> ReceivedAfter(std::uint8_t type) const;
-    /// How many packets of that number have come.
-    std::size_t CountReceived(std::uint8_t type) const;
-
-    // --- bytes and packets, as in Connection
-    Link& Wire() { return _link; }
-    Link const& Wire() const { return _link; }
-    void SendRaw(Bytes const& bytes) { _link.Send(bytes); }
-    void SendLine(std::string_view line) { _link.Send(ToBytes(line)); }
-    std::string ReadLine();
-    void ExpectClosed();
-    void ReadUntilClosed();
-    void SendPacket(Bytes const& payload, SendOptions const& options = {});
-    Bytes Encode(Bytes const& payload, SendOptions const& options = {});
     /// Seals any bytes as a packet, its length field included, and sends them.
     void SendSealed(Bytes const& plain);
-    void SendTogether(std::vector<Bytes> const& payloads);
-    Bytes ReadPacket();
-    Reader ExpectPacket(std::uint8_t type);
+    Bytes ReadPacket() override;
     /// Reads until a packet of that type comes; the others are dropped.
     Reader SkipTo(std::uint8_t type);
     /// Reads and records packets until the client has closed.
@@ -135,34 +108,26 @@ public:
     void Rekey();
 
     // --- authentication and the session channel
-    void ServiceAccept();
-    AuthRequest ReadAuthRequest();
-    void SendAuthFailure(std::string_view methods, bool partial = false);
     /// Answers requests by the settings until one succeeds: none, or the password.
     void Authenticate();
-    /// CHANNEL_OPEN answered by a confirmation from the settings.
-    void ConfirmOpen();
     /// A channel request, answered if it asks for that.
     ChannelRequest ReadChannelRequest(bool succeeds = true);
 
     /// All steps from where a connection begins up to and with that stage.
     void WellBehaved(Stage stage);
 
-    std::uint32_t SendSequence() const { return _sendSequence; }
-    std::uint32_t ReceiveSequence() const { return _receiveSequence; }
-
 private:
+    PeerSettings const& CommonSettings() const override { return settings; }
+    Alignment SendingAlignment() const override { return {_sending.Alignment(), _sending.LengthIsOutside()}; }
+    void Seal(PacketRecord& record, SendOptions const& options) override;
     Bytes TakePacket();
     void Negotiate();
     Share AgreeInGroup(Bytes const& clientValue) const;
     Protection MakeProtection(int direction) const;
     Bytes Derive(char letter) const;
 
-    Link _link;
     Protection _sending;
     Protection _receiving;
-    std::uint32_t _sendSequence = 0;
-    std::uint32_t _receiveSequence = 0;
     bool _wantsExtInfo = false;
     std::deque<Bytes> _kept; ///< what came before a KEXINIT
 };

@@ -152,4 +152,15 @@ std::string JoinNames(std::vector<std::string> const& names) {
     return list;
 }
 
+bool HasName(std::string_view list, std::string_view name) {
+    auto const names = SplitNames(list);
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+std::string FirstCommon(std::string_view client, std::string_view server) {
+    for (std::string const& name : SplitNames(client))
+        if (HasName(server, name)) return name;
+    throw PeerError("nothing common in \"" + std::string(client) + "\" and \"" + std::string(server) + "\"");
+}
+
 } // namespace peer

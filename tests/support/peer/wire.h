@@ -81,6 +81,9 @@ private:
 
 std::vector<std::string> SplitNames(std::string_view list);
 std::string JoinNames(std::vector<std::string> const& names);
+bool HasName(std::string_view list, std::string_view name);
+/// The first name of the client's list that is in the server's, too (RFC 4253, section 7.1).
+std::string FirstCommon(std::string_view client, std::string_view server);
 
 } // namespace peer
 
