@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compares SSH clients against one private server, run by run in turn, and prints tables in Markdown.
 
-The clients openssh, libssh2 and libssh are built here. NAME=COMMAND adds one, or takes the place of the one of that
+The clients openssh, libssh2, libssh and asyncssh are here. NAME=COMMAND adds one, or takes the place of the one of that
 name; two builds of the same program make two clients, before=... and after=...
 
 A client is a program with the command line
@@ -45,7 +45,10 @@ import timing
 
 HERE = pathlib.Path(__file__).resolve().parent
 BUILD = HERE.parent.parent / "build" / "compare"
-BUILT_CLIENTS = ["openssh", "libssh2", "libssh"]
+OWN_CLIENTS = {
+    **{name: [BUILD / f"bench_{name}"] for name in ("openssh", "libssh2", "libssh")},
+    "asyncssh": [HERE / "clients" / "bench_asyncssh.py"],
+}
 
 
 def parse_command_line():
@@ -55,6 +58,8 @@ def parse_command_line():
     parser.add_argument("--jobs", default=",".join(runner.JOBS), help="default: %(default)s")
     parser.add_argument("--algorithms", default="reduced", choices=sorted(algorithms.SETS),
                         help="the set of algorithms.py to be used (%(default)s)")
+    parser.add_argument("--delay", type=float, default=0, metavar="MS",
+                        help="carry the connections through a proxy with this round trip time")
     parser.add_argument("--rsa-bits", type=int, default=3072, help="of RSA keys (%(default)s)")
 
     modes = parser.add_argument_group("what to measure instead of time").add_mutually_exclusive_group()
@@ -77,12 +82,14 @@ def parse_command_line():
     parser.add_argument("--lib", action="append", default=[], metavar="FILE", help="a further file for --rss")
     parser.add_argument("--json", metavar="FILE", help="write the figures of every timed run")
     options = parser.parse_args()
+    if options.delay:
+        options.max_foreign = float("inf")  # the proxy works meanwhile
 
     options.jobs = options.jobs.split(",")
     for job in options.jobs:
         if job not in runner.JOBS:
             parser.error(f"no such job: {job}")
-    clients = {name: [BUILD / f"bench_{name}"] for name in BUILT_CLIENTS}
+    clients = dict(OWN_CLIENTS)
     for client in options.clients:
         name, is_command, command = client.partition("=")
         if not is_command or not command:
@@ -135,7 +142,7 @@ def main():
     options = parse_command_line()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     build()
-    server = sshd.Server(algorithms.SETS[options.algorithms], options.rsa_bits)
+    server = sshd.Server(algorithms.SETS[options.algorithms], options.rsa_bits, options.delay)
     try:
         measure(options, server)
     finally:

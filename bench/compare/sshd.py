@@ -41,7 +41,7 @@ class Server:
     this user can't make one: pages of new files in memory may cost more than the transfer, and what a client does to
     the mode of its target must not reach the real device."""
 
-    def __init__(self, algorithms, rsa_bits):
+    def __init__(self, algorithms, rsa_bits, delay=0):
         self.user = getpass.getuser()
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="bench-", dir="/dev/shm"))
         self._device_directory = pathlib.Path(tempfile.mkdtemp(prefix="bench-"))
@@ -53,6 +53,8 @@ class Server:
         self._has_made_run = not os.path.isdir("/run/sshd")
         os.makedirs("/run/sshd", mode=0o755, exist_ok=True)
         self._start(algorithms)
+        if delay:
+            self._start_proxy(delay)
 
     def _make_null(self):
         null = self._device_directory / "null"
@@ -75,6 +77,7 @@ class Server:
         (self.directory / "moduli").write_text(group)
 
     def _start(self, algorithms):
+        self._proxy = None
         self.port = machine.free_port()
         configuration = self.directory / "sshd_config"
         configuration.write_text(CONFIGURATION.format(port=self.port, directory=self.directory) +
@@ -88,6 +91,15 @@ class Server:
             self.stop()
             raise SystemExit("sshd does not start:\n" + text)
 
+    def _start_proxy(self, delay):
+        """Takes the server's place for the clients."""
+        target, self.port = self.port, machine.free_port()
+        proxy = pathlib.Path(__file__).parent / "delay.py"
+        self._proxy = subprocess.Popen([proxy, str(self.port), str(target), str(delay)])
+        if not machine.wait_until_listening(self.port, self._proxy, 5):
+            self.stop()
+            raise SystemExit("the delaying proxy does not start")
+
     def cpu(self):
         """CPU seconds of all connections that have ended."""
         return machine.cpu_of_waited_children(self._process.pid)
@@ -100,6 +112,9 @@ class Server:
             time.sleep(0.005)
 
     def stop(self):
+        if self._proxy:
+            self._proxy.terminate()
+            self._proxy.wait()
         for child in machine.children(self._process.pid):
             try:
                 os.kill(child, signal.SIGTERM)
