@@ -3,6 +3,8 @@
 #if defined(__aarch64__) || defined(__arm__)
 #include <asm/hwcap.h>
 #include <sys/auxv.h>
+#elif defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
 #endif
 
 #include <algorithm>
@@ -116,7 +118,8 @@ std::string DefaultAlgorithms(AlgorithmKind kind) {
 
 bool HasAesInstructions() {
 #if defined(__x86_64__) || defined(__i386__)
-    return __builtin_cpu_supports("aes") && __builtin_cpu_supports("pclmul");
+    unsigned int a, b, c, d;
+    return __get_cpuid(1, &a, &b, &c, &d) && (c & bit_AES) && (c & bit_PCLMUL);
 #elif defined(__aarch64__)
     return (getauxval(AT_HWCAP) & HWCAP_AES) != 0;
 #elif defined(__arm__)
