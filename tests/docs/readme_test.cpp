@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "docs/shown_suite.h"
+#include "support/servers/python_servers.h"
 #include "support/servers/x_server.h"
 #include "wire/tcp_end.h"
 
@@ -83,6 +84,18 @@ TEST_F(Readme, ProgramExitsWithTheRemoteStatus) {
     EXPECT_EQ(Run(Addressed("./hello me@host 'exit 255'")).errors, "");
 }
 
+TEST_F(Readme, ProgramRunsACommandOnAnOldServerWhenReduced) {
+    servers::AsyncsshServer const old; // has group exchange with SHA-1
+    ASSERT_EQ(CompileAndRun(Program()).status, 0);
+    std::string const target = old.OpenUser() + "@127.0.0.1:" + std::to_string(old.Port());
+    Outcome const outcome = Run("./hello --reduced " + target + " 'uname -a'");
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(outcome.output, SystemName());
+    Outcome const unreachable = Run("./hello --reduced 127.0.0.1:" + std::to_string(tcp::FreePort()) + " true");
+    EXPECT_EQ(unreachable.status, 255);
+    EXPECT_EQ(unreachable.errors, "refused, or not the known host\n");
+}
+
 TEST_F(Readme, ProgramSaysWhatIsWrongWithTheHostTheLoginAndTheConnection) {
     std::string const other = ReadFile(_server->UserKey("rsa") + ".pub"); // any key but the host's
     std::string const port = std::to_string(_server->Port());
@@ -127,7 +140,8 @@ TEST_F(Readme, FunctionCopiesFiles) {
     program =
         Replaced(program, "int main(", CodeBlockWith("README.md", "cpp", "int CopyNotes(") + "int main(");
     program = Replaced(program, "SshCmdSession session(host, argv[2]);", "SftpClientSession session(host);");
-    program = Replaced(program, "session.Run();", "return CopyNotes(session, dialect);");
+    program = Replaced(program, "int const result = session.Run();",
+                       "int const result = CopyNotes(session, *dialect); return result;");
     WriteFile(There("notes.txt"), "to be remembered");
     for (std::string const& name : {Here("received"), Here("photos"), There("photos")})
         std::filesystem::create_directory(name);
