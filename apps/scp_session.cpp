@@ -62,7 +62,7 @@ int ScpSession::SendFile(String_t const& dir, String_t const& name) {
     if (_dialect && !_dialect->Transfer().CanAnnounce(name)) return -EINVAL;
     Pathname const path = Join(dir, name);
     FileDescriptor const fd(open64(str_text(path.Text()), O_RDONLY | O_CLOEXEC));
-    if (fd < 0) return -errno;
+    if (fd < 0) return _dialect ? _dialect->Transfer().OpenFailed(path, -errno) : -errno;
     struct stat64 status;
     if (int const result = fstat64(fd, &status); result < 0) return result;
     char block[BLOCK_SIZE];
@@ -140,7 +140,7 @@ int ScpSession::ReceiveFile(String_t const& dir, String_t const& name) {
     // (pinned by ScpReceive.ModeOfTheServerIsTakenWithItsSpecialBits).
     FileDescriptor const fd(open64(str_text(path.Text()), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
                                    _dialect ? _dialect->Transfer().CreationMode(mode) : mode));
-    if (fd < 0) return -errno;
+    if (fd < 0) return _dialect ? _dialect->Transfer().OpenFailed(path, -errno) : -errno;
     if (_dialect) {
         if (int const result = _dialect->Transfer().ReceiveBody(_input, name, fd, size); result < 0)
             return result;

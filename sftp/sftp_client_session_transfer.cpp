@@ -99,7 +99,8 @@ int SftpClientSession::SendBlocks(SftpStatus& status, SftpFileHandle const& hand
 
 int SftpClientSession::Send(SftpStatus& status, String_t const& local, String_t const& remote) {
     FileDescriptor const fd(open64(str_text(local.Text()), O_RDONLY | O_CLOEXEC));
-    return fd < 0 ? -errno : Send(status, remote, fd);
+    if (fd >= 0) return Send(status, remote, fd);
+    return _dialect ? _dialect->Transfer().OpenFailed(local, -errno) : -errno;
 }
 
 int SftpClientSession::Cat(SftpStatus& status, String_t const& path) {

@@ -58,7 +58,7 @@ int FileCopies::ReceiveTo(SftpClient& client, SftpStatus& status, String_t const
     SftpStatus ignored; // a server that does not report the size can still send the file
     client.Fstat(ignored, handle, attrs);
     int const fd = openLocal(attrs);
-    if (fd < 0) return Fail(fd, remote, std::strerror(-fd));
+    if (fd < 0) return fd;
     bool const hasSize = attrs._flags & SftpFileAttr::SIZE;
     unsigned long long const size = hasSize ? attrs._size : ~0ull;
     SftpDownload download(
@@ -74,7 +74,9 @@ int FileCopies::ReceiveTo(SftpClient& client, SftpStatus& status, String_t const
 }
 
 int FileCopies::Receive(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) {
-    return ReceiveTo(client, status, remote, [fd](SftpFileAttr const&) { return fd; });
+    return ReceiveTo(client, status, remote, [&](SftpFileAttr const&) {
+        return fd < 0 ? Fail(-EBADF, remote, std::strerror(EBADF)) : fd;
+    });
 }
 
 int FileCopies::Receive(SftpClient& client, SftpStatus& status, String_t const& remote,
@@ -84,7 +86,7 @@ int FileCopies::Receive(SftpClient& client, SftpStatus& status, String_t const& 
         unsigned int const mode =
             attrs._flags & SftpFileAttr::PERMISSIONS ? CreationMode(attrs._permissions) : PLAIN_FILE;
         file._fd = open64(local.Text(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-        return file._fd < 0 ? -errno : file._fd;
+        return file._fd < 0 ? OpenFailed(local, -errno) : file._fd;
     });
 }
 
@@ -118,6 +120,10 @@ void FileCopies::CheckName(String_t const& name) {
 }
 
 // --- scp
+
+int FileCopies::OpenFailed(String_t const& path, int result) {
+    return Fail(result, path, std::strerror(-result));
+}
 
 String_t FileCopies::Shown(String_t const& text) { return Printable(Name(text)).c_str(); }
 

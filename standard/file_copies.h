@@ -32,6 +32,7 @@ public:
     int Send(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) override;
     void CheckName(String_t const& name) override;
 
+    int OpenFailed(String_t const& path, int result) override;
     String_t Shown(String_t const& text) override;
     bool CanAnnounce(String_t const& name) override;
     unsigned int CreationMode(unsigned int mode) override;

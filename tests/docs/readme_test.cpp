@@ -91,7 +91,8 @@ TEST_F(Readme, ProgramRunsACommandOnAnOldServerWhenReduced) {
     Outcome const outcome = Run("./hello --reduced " + target + " 'uname -a'");
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.output, SystemName());
-    Outcome const unreachable = Run("./hello --reduced 127.0.0.1:" + std::to_string(tcp::FreePort()) + " true");
+    Outcome const unreachable =
+        Run("./hello --reduced 127.0.0.1:" + std::to_string(tcp::FreePort()) + " true");
     EXPECT_EQ(unreachable.status, 255);
     EXPECT_EQ(unreachable.errors, "refused, or not the known host\n");
 }

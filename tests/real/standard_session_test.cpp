@@ -237,6 +237,19 @@ TEST_F(StandardSession, FullDeviceFailsTheCopy) {
     EXPECT_THAT(outcome.errors, HasSubstr("No space left"));
 }
 
+TEST_F(StandardSession, LocalFileThatCantBeOpenedIsNamedInTheLastError) {
+    WriteFile(Remote("there"), "there", 0644);
+    std::string const missing = File("missing");
+    EXPECT_EQ(Do({}, "put", {missing, Remote("x")}).errors, missing + ": No such file or directory\n");
+    EXPECT_EQ(Do({}, "get", {Remote("there"), missing + "/x"}).errors,
+              missing + "/x: No such file or directory\n");
+    EXPECT_EQ(Do({}, "scp-put", {_home.Path().string(), server->Home(), "missing"}).errors,
+              missing + ": No such file or directory\n");
+    Outcome const scp = Do({}, "scp-get", {server->Home(), missing, "there"});
+    EXPECT_EQ(scp.status, REFUSED);
+    EXPECT_EQ(scp.errors, missing + "/there: No such file or directory\n");
+}
+
 TEST_F(StandardSession, ScpCopiesALargeFileBothWays) {
     std::string const noise = Noise(16 << 20);
     WriteFile(File("scp-file"), noise);

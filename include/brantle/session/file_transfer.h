@@ -33,6 +33,9 @@ public:
     /// contains "/" or control characters.
     virtual void CheckName(String_t const& name) = 0;
 
+    /// A local file could not be opened: keeps the reason, a negated errno value, for the program. Returns
+    /// it.
+    virtual int OpenFailed(String_t const& path, int result) = 0;
     /// A text by the server as it may be shown on a terminal.
     virtual String_t Shown(String_t const& text) = 0;
     /// Whether scp can announce a file of that name: the protocol has one line for it.
