@@ -22,6 +22,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "real/standard_client.h"
 #include "real/standard_servers_table.h"
 #include "support/servers/standard_servers.h"
 #include "support/servers/stock_sshd.h"
@@ -267,14 +268,9 @@ protected:
 
     Words Line(Words const& options, std::string const& job, Words const& arguments,
                std::string const& key = "ed25519") const {
-        Words line{"env", "HOME=" + _home.Path().string(), STANDARD_PROGRAM, "report=" + File("report")};
-        if (TheKind().asksPassword) line.push_back("password=" + server->Password());
-        line.insert(line.end(), options.begin(), options.end());
-        line.push_back(job);
-        line.push_back(server->User() + "@" + server->Host() + ":" + std::to_string(server->Port()));
-        line.push_back(server->UserKey(key));
-        line.insert(line.end(), arguments.begin(), arguments.end());
-        return line;
+        Words all = options;
+        if (TheKind().asksPassword) all.push_back("password=" + server->Password());
+        return StandardProgramLine(*server, _home.Path().string(), all, job, server->UserKey(key), arguments);
     }
     Outcome Do(Words const& options, std::string const& job, Words const& arguments,
                std::string const& input = {}) const {
