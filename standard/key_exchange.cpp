@@ -84,7 +84,8 @@ void KeyExchange::Start() {
 
 void KeyExchange::SendInit() {
     _sent = _offer;
-    _sent.hostKeys = _hostKeys.Order(_offer.hostKeys);
+    // Later the server has to show the same key again, whatever the known hosts hold by then.
+    _sent.hostKeys = HasKeys() ? _agreed.hostKey : _hostKeys.Order(_offer.hostKeys);
     unsigned char cookie[COOKIE];
     if (RAND_bytes(cookie, sizeof cookie) != 1) throw OpenSSLError("RAND_bytes");
     std::string kex = _sent.kex;

@@ -30,7 +30,8 @@ struct Agreement {
 class HostKeyCheck {
 public:
     virtual ~HostKeyCheck() = default;
-    /// The algorithms to offer, out of those allowed: the types already known for the host come first.
+    /// The algorithms to offer in the first exchange, out of those allowed: the types already known for the
+    /// host come first.
     virtual std::string Order(std::string const& algorithms) = 0;
     /// Empty if the key is accepted, otherwise the reason.
     virtual std::string Refuse(std::string const& algorithm, View key) = 0;
@@ -48,7 +49,8 @@ private:
 };
 
 /// Key exchange (RFC 4253, sections 7 to 9), the first one and rekeying, driven by the messages that arrive.
-/// Both sides may start one at any time.
+/// Both sides may start one at any time. Rekeying asks for the host key algorithm of the first exchange
+/// alone, and accepts no other key than its.
 ///
 /// A violation of the protocol throws SshProtocolError; a refusal by this side throws Declined. The
 /// connection can't be used after either.

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -9,6 +10,7 @@
 
 #include <brantle/channel/tcp_forwarding.h>
 #include <brantle/cindral/exceptions.h>
+#include <brantle/event/timers.h>
 #include <brantle/packet/channel_messages.h>
 #include <brantle/packet/packet_filter.h>
 #include <brantle/session/session_dialect.h>
@@ -161,6 +163,21 @@ public:
     String_t _lastError;
 
 private:
+    /// Fires several times within the time after which keys are renewed, and once a minute at least.
+    class IdleTimer : public IOMultiplexer::PeriodicTimer, public TPVarrCmp<IOMultiplexer::Timer> {
+    public:
+        explicit IdleTimer(Impl& impl) : PeriodicTimer(Interval(impl._rekeyLimit.seconds)), _impl(impl) {}
+        void Fire(IOMultiplexer::Timeval const&) override { _impl.ServeIdle(); }
+        int operator()(IOMultiplexer::Timer* timer) const override { return timer != this; }
+
+    private:
+        static IOMultiplexer::Timeval Interval(unsigned int limit) {
+            return {limit == 0 ? 60 : std::clamp(limit / 8, 1u, 60u), 0};
+        }
+
+        Impl& _impl;
+    };
+
     /// A message for the session, and the number of bytes of channel data that it represents.
     struct Incoming {
         ByteString packet;
@@ -177,6 +194,7 @@ private:
     void ServeBlocking();
     void FlushBlocking();
     void TakeMessages();
+    void ServeIdle();
     int Refused(std::string const& reason);
     /// Does a step in which the connection may fail. The last error then says why.
     template <class Step>
@@ -190,6 +208,7 @@ private:
     bool _isSftp = false;
     std::deque<Bytes> _deferred; ///< CHANNEL_OPEN messages that wait for the loop
     bool _hasEnded = false;      ///< the session channel delivers no more data
+    std::unique_ptr<IdleTimer> _idle;
 };
 
 StandardDialect::Impl::Impl(StandardDialect& face, SshSession& session)
@@ -208,7 +227,10 @@ StandardDialect::Impl::Impl(StandardDialect& face, SshSession& session)
     Attach(*this);
 }
 
-StandardDialect::Impl::~Impl() { Detach(); }
+StandardDialect::Impl::~Impl() {
+    if (_idle) Mux().Unregister(*_idle);
+    Detach();
+}
 
 template <class Step>
 auto StandardDialect::Impl::Explained(Step const& step) -> decltype(step()) {
@@ -507,6 +529,8 @@ void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
     if (isFirst) _loop.SetKeepalive(_keepaliveSeconds, _keepaliveUnanswered);
     _loop.RegisterInput(fd, channel);
     if (!isFirst) return;
+    _idle = std::make_unique<IdleTimer>(*this);
+    Mux().Insert(_idle.get());
     // What arrived before the loop was running.
     for (Incoming const& incoming : std::exchange(_inbox, {})) {
         View const message(incoming.packet.Data() + 1, incoming.packet.Length() - 1);
@@ -518,6 +542,11 @@ void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
         _channels.Take(message);
     }
     _loop.Settle();
+}
+
+/// Renews the keys by time also when nothing is sent or received.
+void StandardDialect::Impl::ServeIdle() {
+    if (_channels.Find(SESSION_CHANNEL)) Explained([&] { _loop.Settle(); });
 }
 
 void StandardDialect::Impl::Accept(SshSession::LocalForwarding& forwarding) {

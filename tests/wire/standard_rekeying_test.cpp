@@ -152,6 +152,43 @@ TEST_F(StandardRekeying, AlgorithmsMayChange) {
     EXPECT_EQ(result.exitStatus, 0);
 }
 
+TEST_F(StandardRekeying, ClientStartsOneAfterASecondInWhichNothingComes) {
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            c.answersKexInit = false;
+            for (int exchange = 0; exchange < 2; ++exchange) {
+                c.kex = StandardKex();
+                c.kex.clientInit = c.ReadPacket();
+                ASSERT_EQ(c.kex.clientInit.at(0), KEXINIT);
+                c.SendKexInit();
+                c.FinishExchange();
+            }
+            c.SendTogether(Ending(3));
+        },
+        [](StandardClient& client) { client.dialect.SetRekeyLimit(1 << 30, 1); });
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(result.exchanges, 3u);
+}
+
+TEST_F(StandardRekeying, OnlyTheHostKeyOfTheFirstExchangeIsAskedFor) {
+    std::string hostKeys;
+    StandardResult const result = Run([&](StandardConnection& c) {
+        // As another program leaves it that has met the host's second key.
+        std::string const name = "[127.0.0.1]:" + std::to_string(server->Port());
+        std::ofstream(KnownHostsPath()) << name << " " << StandardKey::HostRsa().PublicLine() << "\n"
+                                        << name << " " << StandardKey::Host().PublicLine() << "\n";
+        c.Rekey();
+        Reader init(c.kex.clientInit);
+        init.Raw(1 + 16);
+        init.String();
+        hostKeys = init.String();
+        c.SendTogether(Ending(3));
+    });
+    EXPECT_EQ(hostKeys, "ssh-ed25519");
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(result.exchanges, 2u);
+}
+
 // --- copies of files
 
 class StandardCopyRekeying : public StandardRekeying {

@@ -62,7 +62,9 @@ public:
     /// `unanswered` is 0 and `seconds` is not. To be called before Run.
     void SetKeepalive(unsigned int seconds, unsigned int unanswered);
     /// Rekeys (RFC 4253, section 9) after so many bytes in either direction, or seconds (0: no limit). The
-    /// default is 1 GiB and 3600. Throws InvalidArgument for less than 1,024 bytes.
+    /// default is 1 GiB and 3600. While Run runs, seconds count also when nothing is transferred, and the
+    /// keys are renewed at most an eighth of them, or a second, late; outside of it keys are renewed within
+    /// calls that send or receive. Throws InvalidArgument for less than 1,024 bytes. To be called before Run.
     void SetRekeyLimit(unsigned long long bytes, unsigned int seconds);
     /// How many requests an SFTP copy of a whole file has in flight; the default is 64. Throws
     /// InvalidArgument for 0 and above 1,024.
