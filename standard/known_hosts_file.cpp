@@ -107,6 +107,7 @@ struct Entry {
 
     Scope scope;
     bool revoked;
+    bool damaged; ///< the blob has no meaning
     View blob;
     std::string const& file;
     unsigned long line;
@@ -138,8 +139,10 @@ KnownHostsFile::Finding ForEachEntry(std::string const& file, Target const& targ
         Entry::Scope scope = Entry::KNOWN;
         Bytes blob;
         if (!line.Parse(text) || line.GetMarker() == KnownHostsLine::AUTHORITY) continue;
-        if (!FindScope(line, target, scope) || !line.DecodeKey(blob)) continue;
-        visit(Entry{scope, line.GetMarker() == KnownHostsLine::REVOKED, blob, file, number});
+        if (!FindScope(line, target, scope)) continue;
+        bool const damaged = !line.DecodeKey(blob);
+        if (damaged && !line.IsDamaged()) continue;
+        visit(Entry{scope, line.GetMarker() == KnownHostsLine::REVOKED, damaged, blob, file, number});
     }
     if (result == 0) return {};
     return {KnownHostsFile::UNREADABLE, file, result == -EFBIG ? number : 0, "", -result};
@@ -152,11 +155,15 @@ public:
 
     void Hear(Entry const& entry) {
         using File = KnownHostsFile;
-        bool const same = entry.blob == _blob;
+        bool const same = !entry.damaged && entry.blob == _blob;
         if (entry.revoked) {
-            if (same) Rule(File::REVOKED, entry);
+            // A damaged one may have been for this key.
+            if (same || entry.damaged) Rule(same ? File::REVOKED : File::DAMAGED, same ? 5 : 4, entry);
         } else if (entry.scope == Entry::KNOWN) {
-            Rule(same ? File::MATCH : File::CHANGED, entry);
+            if (same)
+                Rule(File::MATCH, 3, entry);
+            else
+                Rule(entry.damaged ? File::DAMAGED : File::CHANGED, entry.damaged ? 1 : 2, entry);
         } else if (entry.scope == Entry::WITHOUT_PORT && same) {
             _withoutPort = Found(File::MATCH, entry);
         }
@@ -171,29 +178,19 @@ private:
         return {verdict, entry.file, entry.line, KeyTypeOf(entry.blob), 0};
     }
 
-    static int Weight(KnownHostsFile::Verdict verdict) {
-        switch (verdict) {
-        case KnownHostsFile::REVOKED:
-            return 3;
-        case KnownHostsFile::MATCH:
-            return 2;
-        case KnownHostsFile::CHANGED:
-            return 1;
-        default:
-            return 0;
-        }
-    }
-
     /// The strongest verdict is kept, with the first of its lines; among other keys, one of the same type
     /// takes precedence.
-    void Rule(KnownHostsFile::Verdict verdict, Entry const& entry) {
+    void Rule(KnownHostsFile::Verdict verdict, int weight, Entry const& entry) {
         std::string const type = KeyTypeOf(_blob);
         bool const moreToThePoint = verdict == KnownHostsFile::CHANGED && verdict == _finding.verdict &&
                                     _finding.type != type && KeyTypeOf(entry.blob) == type;
-        if (Weight(verdict) > Weight(_finding.verdict) || moreToThePoint) _finding = Found(verdict, entry);
+        if (weight <= _weight && !moreToThePoint) return;
+        _weight = weight;
+        _finding = Found(verdict, entry);
     }
 
     View _blob;
+    int _weight = 0; ///< of the finding's verdict
     KnownHostsFile::Finding _finding;
     KnownHostsFile::Finding _withoutPort;
 };
@@ -260,7 +257,7 @@ std::vector<std::string> KnownHostsFile::KnownAlgorithms(std::string const& host
     std::vector<std::string> known, withoutPort;
     for (std::string const& file : _files) {
         Finding const failure = ForEachEntry(file, target, [&](Entry const& entry) {
-            if (entry.revoked) return;
+            if (entry.revoked || entry.damaged) return;
             AddMissing(entry.scope == Entry::KNOWN ? known : withoutPort,
                        AlgorithmsOf(KeyTypeOf(entry.blob)));
         });
@@ -300,6 +297,9 @@ std::string KnownHostsFile::Finding::Text(std::string const& host) const {
                " key; remove that line if you know why";
     case REVOKED:
         return "the host key of " + host + " is revoked (" + place + ")";
+    case DAMAGED:
+        return "the host key of " + host + " can't be compared: the key in " + place +
+               " is damaged; correct or remove that line";
     case UNREADABLE:
         break;
     }

@@ -10,7 +10,9 @@ namespace cindral::standard {
 
 /// The keys of hosts in OpenSSH's known_hosts files: hashed names, patterns and negation, "[host]:port",
 /// several names in a line and several keys for a host, "@revoked". Lines with "@cert-authority", with an
-/// unknown marker or with a broken field have no effect. Names are compared without regard to case.
+/// unknown marker, or with a key of an unknown type that can't be read have no effect. A line that lacks its
+/// key, or whose key of a supported type is cut off or garbled, as an interrupted writer leaves it, is not
+/// skipped: the host would be taken for a new one. Names are compared without regard to case.
 ///
 /// The files are read at every call, so that changes made in between take effect.
 class KnownHostsFile {
@@ -20,6 +22,7 @@ public:
         UNKNOWN,   ///< no key of the host is known
         CHANGED,   ///< the host is known only with other keys, of any type
         REVOKED,   ///< the key must not be used for the host
+        DAMAGED,   ///< a line for the host holds a key that is cut off or garbled, so that nothing is certain
         UNREADABLE ///< a file exists but can't be read, so that nothing is certain
     };
 
@@ -46,8 +49,9 @@ public:
     ///
     /// A host is looked up as "host" and "[host]:22" at port 22, as "[host]:port" at any other. A host for
     /// which only keys of other types are known counts as changed, as the types of known keys were offered
-    /// first. If nothing is known for "[host]:port", the same key for "host" is a match too. `address` may be
-    /// empty; a line that names only the address has an effect only if it revokes the key.
+    /// first. A damaged line leaves a host in doubt that no other line knows, and a damaged revocation any
+    /// host that it names. If nothing is known for "[host]:port", the same key for "host" is a match too.
+    /// `address` may be empty; a line that names only the address has an effect only if it revokes the key.
     Finding Lookup(std::string const& host, unsigned short port, std::string const& address, View blob) const;
 
     /// The host key algorithms of the keys known for the host, in the order of the lines and without

@@ -5,7 +5,6 @@
 #include <openssl/sha.h>
 
 #include "standard/known_hosts_line.h"
-#include "standard/signature_scheme.h"
 
 namespace cindral::standard {
 
@@ -82,6 +81,20 @@ bool MatchesHash(HostName const& host, std::string_view hashed) {
     return false;
 }
 
+/// Whether no field of the blob is cut off. Nothing is known of the fields of other types.
+bool HasAllFields(View blob, std::string_view type) {
+    if (SignatureAlgorithmsOf(type).empty()) return true;
+    Reader fields(blob, "key");
+    try {
+        fields.String();
+        for (int left = type == "ssh-ed25519" ? 1 : 2; left > 0; --left) fields.String();
+        fields.End();
+        return true;
+    } catch (SshProtocolError const&) {
+        return false;
+    }
+}
+
 } // namespace
 
 bool KnownHostsLine::Parse(std::string_view line) {
@@ -96,7 +109,7 @@ bool KnownHostsLine::Parse(std::string_view line) {
     }
     _type = TakeField(line);
     _key64 = TakeField(line);
-    return !_key64.empty();
+    return !_hosts.empty();
 }
 
 bool KnownHostsLine::IsFor(HostName const& host) const {
@@ -104,10 +117,14 @@ bool KnownHostsLine::IsFor(HostName const& host) const {
     return _hosts[0] == '|' ? MatchesHash(host, _hosts) : MatchesList(host, _hosts);
 }
 
+/// A signature algorithm in place of the type is accepted as the key type that it implies.
+std::string_view KnownHostsLine::KeyType() const {
+    return _type == "rsa-sha2-256" || _type == "rsa-sha2-512" ? "ssh-rsa" : _type;
+}
+
 bool KnownHostsLine::DecodeKey(Bytes& blob) const {
-    // A signature algorithm in place of the type is accepted as the key type that it implies.
-    bool const isRsa = _type == "rsa-sha2-256" || _type == "rsa-sha2-512";
-    return DecodeBase64(_key64, blob) && KeyTypeOf(blob) == (isRsa ? "ssh-rsa" : _type);
+    return !_key64.empty() && DecodeBase64(_key64, blob) && KeyTypeOf(blob) == KeyType() &&
+           HasAllFields(blob, KeyType());
 }
 
 std::string LowerCase(std::string_view text) {

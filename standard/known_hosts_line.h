@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "standard/bytes.h"
+#include "standard/signature_scheme.h"
 
 namespace cindral::standard {
 
@@ -20,8 +21,8 @@ class KnownHostsLine {
 public:
     enum Marker { NONE, REVOKED, AUTHORITY };
 
-    /// Splits the line. False for a line that is empty, a comment or too short, or that has an unknown
-    /// marker.
+    /// Splits the line. False for a line that is empty or a comment, or that has an unknown marker or no
+    /// hosts. Type and key may be missing.
     bool Parse(std::string_view line);
 
     Marker GetMarker() const { return _marker; }
@@ -30,10 +31,15 @@ public:
     /// which a negated one that matches excludes the host.
     bool IsFor(HostName const& host) const;
 
-    /// Decodes the key's blob. False if it is not base64, or not of the type that the line names.
+    /// Decodes the key's blob. False if it is not base64, not of the type that the line names, or not whole.
     bool DecodeKey(Bytes& blob) const;
+    /// Whether a key that can't be decoded is a damaged one: it is missing, or its type is supported.
+    /// Otherwise the line may be of a format that is not known here.
+    bool IsDamaged() const { return _key64.empty() || !SignatureAlgorithmsOf(KeyType()).empty(); }
 
 private:
+    std::string_view KeyType() const;
+
     Marker _marker = NONE;
     std::string_view _hosts;
     std::string_view _type;

@@ -120,6 +120,27 @@ TEST_F(StandardHostProof, ChangedHostKeyIsRefusedByFileAndLine) {
     EXPECT_EQ(Seen().CountReceived(NEWKEYS), 0u);
 }
 
+TEST_F(StandardHostProof, HostWhoseLineIsDamagedIsRefusedByFileAndLine) {
+    settings.hostKey = &StandardKey::OtherHost();
+    std::string const whole = StandardKey::OtherHost().PublicLine();
+    Serve([](StandardConnection& c) {
+        c.WellBehaved(Stage::KexInitExchanged);
+        c.ReceiveKexMessage();
+        c.SendReply(c.MakeReply());
+        c.ReadToTheEnd();
+    });
+    std::string const line = Entry(server->Port()) + whole.substr(0, whole.size() - 4);
+    std::filesystem::create_directories(std::filesystem::path(KnownHostsPath()).parent_path());
+    std::ofstream(KnownHostsPath(), std::ios::app) << line << '\n';
+    std::string const before = FileText(KnownHostsPath());
+    StandardResult const result = Perform();
+    EXPECT_EQ(server->Error(), "");
+    EXPECT_EQ(result.outcome, "KeyExchange -1");
+    EXPECT_THAT(result.lastError, HasSubstr("known_hosts:"));
+    EXPECT_THAT(result.lastError, HasSubstr("damaged"));
+    EXPECT_EQ(FileText(KnownHostsPath()), before);
+}
+
 TEST_F(StandardHostProof, ReplyThatEndsEarlyOrLateIsRefused) {
     for (int bytes : {-1, 1}) {
         StandardResult const result = RunFrom([bytes](StandardConnection& c) {
