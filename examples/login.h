@@ -144,7 +144,7 @@ inline int Login(cindral::SshSession& session, cindral::StandardDialect const* d
     if (int const status = ExchangeKeys(session, dialect); status != DONE) return status;
     if (std::getenv("VERBOSE")) ShowWhatIsAgreed(session, dialect);
     cindral::EnterPassword password(PASSWORD_TRIES, "Password: ");
-    ServersQuestions questions(arguments._target);
+    ServersQuestions questions(arguments._target, dialect != nullptr);
     if (session.Authenticate(arguments._identity, arguments._user, String_t(), password, questions) < 0)
         return Fail(NOT_LOGGED_IN,
                     Reason(dialect, "login failed: no method that the server accepts succeeded"));

@@ -114,16 +114,18 @@ private:
 };
 
 /// Asks the server's questions on the terminal, each with the host that asks in front of it: a question may
-/// read like one of this program's own.
+/// read like one of this program's own. A StandardDialect has marked the prompts already.
 class ServersQuestions : public cindral::KbdInteractiveCallback {
 public:
-    explicit ServersQuestions(String_t const& host) : _host(host) {}
+    ServersQuestions(String_t const& host, bool promptsAreMarked)
+        : _host(host), _promptsAreMarked(promptsAreMarked) {}
 
     TOList<String_t> operator()(String_t const& name, String_t const& instruction,
                                 TOList<cindral::Prompt> const& prompts) override {
         TOList<cindral::Prompt> marked(prompts);
         TOListIterator<cindral::Prompt> next(marked);
-        while (cindral::Prompt* const prompt = next()) prompt->_text = Marked(prompt->_text);
+        while (cindral::Prompt* const prompt = next())
+            if (!_promptsAreMarked) prompt->_text = Marked(prompt->_text);
         return KbdInteractiveCallback::operator()(Marked(name), Marked(instruction), marked);
     }
 
@@ -134,6 +136,7 @@ private:
     }
 
     String_t _host;
+    bool _promptsAreMarked;
 };
 
 } // namespace examples

@@ -284,9 +284,12 @@ bool UserAuthenticator::AnswerQuestions(View message) {
     reader.String(); // language
     unsigned int const count = reader.Int();
     TOList<Prompt> prompts;
+    // As OpenSSH does, so that a question can't pass for one of this side.
+    String_t const asker = ("(" + _login.user + "@" + _login.host + ") ").c_str();
     for (unsigned int i = 0; i < count; ++i) {
         Prompt* const prompt = prompts.Append(Prompt());
-        prompt->_text = Shown(reader.String());
+        prompt->_text = asker;
+        prompt->_text += Shown(reader.String());
         prompt->_echo = reader.Bool() ? 1 : 0;
     }
     reader.End();

@@ -38,7 +38,7 @@ struct Login {
 /// - The password given is sent once, then the user is asked as often as `enter` allows tries. An expired
 ///   password ends the method, as does an accepted one.
 /// - keyboard-interactive is tried once, and again after each partial success. The password given is never
-///   sent in answer to the server's prompts.
+///   sent in answer to the server's prompts, which are shown with "(user@host) " before them.
 class UserAuthenticator {
 public:
     /// Called when the server first accepts keys; appends to the notes why a key is missing.

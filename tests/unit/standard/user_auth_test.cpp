@@ -562,8 +562,9 @@ TEST_F(UserAuthentication, QuestionsAreAnsweredInAnyNumberOfRounds) {
     ASSERT_EQ(questions.requests.size(), 3u);
     EXPECT_EQ(questions.requests[0].name, "Name");
     EXPECT_EQ(questions.requests[0].instruction, "Instruction");
-    EXPECT_THAT(questions.requests[0].prompts, ElementsAre(std::pair<std::string, bool>("A: ", false),
-                                                           std::pair<std::string, bool>("B: ", true)));
+    EXPECT_THAT(questions.requests[0].prompts,
+                ElementsAre(std::pair<std::string, bool>("(me@host:22) A: ", false),
+                            std::pair<std::string, bool>("(me@host:22) B: ", true)));
     EXPECT_EQ(questions.requests[1].instruction, "nothing to ask");
 }
 
@@ -574,7 +575,21 @@ TEST_F(UserAuthentication, QuestionsAreShownFiltered) {
               0);
     EXPECT_EQ(questions.requests.at(0).name, "n\\x1b[2J");
     EXPECT_EQ(questions.requests.at(0).instruction, "i\nj\\x07");
-    EXPECT_EQ(questions.requests.at(0).prompts.at(0).first, "\\x9bp\t");
+    EXPECT_EQ(questions.requests.at(0).prompts.at(0).first, "(me@host:22) \\x9bp\t");
+}
+
+// A server could otherwise ask for the passphrase of a local key in the words of this library.
+TEST_F(UserAuthentication, QuestionsCannotPassForLocalOnes) {
+    questions.answers = {{"x"}};
+    EXPECT_EQ(
+        Run({Failure("keyboard-interactive"),
+             Questions("", "", {{"Enter passphrase for /home/me/.ssh/id_ed25519: ", false}, {"", true}}),
+             Failure("")}),
+        -1);
+    EXPECT_THAT(questions.requests.at(0).prompts,
+                ElementsAre(std::pair<std::string, bool>(
+                                "(me@host:22) Enter passphrase for /home/me/.ssh/id_ed25519: ", false),
+                            std::pair<std::string, bool>("(me@host:22) ", true)));
 }
 
 TEST_F(UserAuthentication, GivenPasswordIsNotSentToQuestions) {
