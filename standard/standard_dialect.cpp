@@ -8,6 +8,8 @@
 #include <deque>
 #include <string>
 
+#include <openssl/crypto.h>
+
 #include <brantle/channel/tcp_forwarding.h>
 #include <brantle/cindral/exceptions.h>
 #include <brantle/event/timers.h>
@@ -350,6 +352,14 @@ int StandardDialect::Impl::Authenticate(String_t const& identity, String_t const
             return FindIdentities(Chars(identity), agent, login.password, enter, notes);
         },
         enter, callback);
+    // As without a dialect, so that the caller's own text is empty, too.
+    struct Wiping {
+        ~Wiping() {
+            if (_text && _authenticator.HasSentPassword()) OPENSSL_cleanse(_text, str_len(_text));
+        }
+        UserAuthenticator const& _authenticator;
+        char* _text;
+    } const wiping{authenticator, password._rep->_text};
     int result = -1;
     try {
         result = authenticator.Run();

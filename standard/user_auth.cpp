@@ -1,8 +1,6 @@
 #include <algorithm>
 #include <iostream>
 
-#include <openssl/crypto.h>
-
 #include "standard/algorithms.h"
 #include "standard/printable.h"
 #include "standard/signature_scheme.h"
@@ -58,12 +56,9 @@ bool ServerTakes(SignatureAlgorithm const& algorithm, std::string const* list) {
 
 String_t Shown(View text) { return String_t(Printable(text, Lines::KEPT).c_str()); }
 
-/// Clears the texts that are not shared.
 void Wipe(TOList<String_t>& answers) {
     TOListIterator<String_t> next(answers);
-    while (String_t* const answer = next())
-        if (answer->_rep->_count == 1 && answer->Text())
-            OPENSSL_cleanse(answer->Buffer(), str_len(answer->Text()));
+    while (String_t* const answer = next()) WipeUnshared(*answer);
 }
 
 } // namespace

@@ -51,6 +51,8 @@ public:
     /// for messages that violate the protocol, and what the port throws.
     int Run();
 
+    /// Whether the password given has been sent.
+    bool HasSentPassword() const { return _passwordSent; }
     /// The server's last banner (RFC 4252, section 5.4) as it has been printed on standard output, filtered.
     std::string const& Banner() const { return _banner; }
     /// Which methods the server still accepts, and what has been tried and why it failed; empty after

@@ -16,6 +16,8 @@
 
 #include <brantle/thornel/text.h>
 
+#include "secret_bytes.h"
+
 namespace cindral {
 
 namespace {
@@ -173,7 +175,17 @@ int Ask(char const* prompt, char* buffer, unsigned int size) {
 EnterPassword::EnterPassword(unsigned int tries, String_t const& prompt)
     : _tries(tries), _prompt(prompt), _presetUsed(false) {}
 
-EnterPassword::~EnterPassword() = default;
+EnterPassword::~EnterPassword() { WipeUnshared(_preset); }
+
+EnterPassword& EnterPassword::operator=(EnterPassword const& other) {
+    if (this == &other) return *this;
+    _tries = other._tries;
+    _prompt = other._prompt;
+    WipeUnshared(_preset);
+    _preset = other._preset;
+    _presetUsed = other._presetUsed;
+    return *this;
+}
 
 void EnterPassword::SetPrompt(String_t const& lead, String_t const& subject) {
     String_t prompt(lead.Text());
@@ -200,6 +212,7 @@ int EnterPassword::operator()(char* buffer, unsigned int size) {
 }
 
 void EnterPassword::Preset(String_t const& secret) {
+    if (secret._rep != _preset._rep) WipeUnshared(_preset);
     _preset = secret;
     _presetUsed = false;
 }

@@ -6,6 +6,8 @@
 
 #include <openssl/crypto.h>
 
+#include <brantle/thornel/string_t.h>
+
 namespace cindral {
 
 /// Wipes memory before freeing it, including the old arrays of a growing vector.
@@ -33,6 +35,11 @@ struct WipingAllocator {
 };
 
 using SecretBytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
+
+/// Wipes a text that no other value shares.
+inline void WipeUnshared(String_t const& text) {
+    if (text._rep->_count == 1 && text.Text()) OPENSSL_cleanse(text._rep->_text, str_len(text.Text()));
+}
 
 } // namespace cindral
 

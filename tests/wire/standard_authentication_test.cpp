@@ -134,6 +134,48 @@ TEST_F(StandardAuthentication, SuccessInPlaceOfTheServiceIsRefused) {
 
 // --- methods
 
+TEST_F(StandardAuthentication, CallersPasswordIsWipedOnceItHasBeenSent) {
+    for (bool const isAccepted : {true, false}) {
+        Serve([isAccepted](StandardConnection& c) {
+            c.WellBehaved(Stage::Service);
+            c.ReadAuthRequest();
+            c.SendAuthFailure("password");
+            EXPECT_EQ(c.ReadAuthRequest().password, "secret");
+            if (isAccepted)
+                c.SendPacket({USERAUTH_SUCCESS});
+            else
+                c.SendAuthFailure("publickey");
+            c.ReadToTheEnd();
+        });
+        {
+            StandardClient client(server->Port());
+            String_t const password("secret");
+            ASSERT_EQ(StandardClient::Follow({client.Connecting(), client.ExchangingKeys()}), "");
+            EXPECT_EQ(client.session.Authenticate("", "tester", password, client.passwords, client.questions),
+                      isAccepted ? 0 : -1);
+            EXPECT_EQ(std::string(password.Text(), 6), std::string(6, '\0'));
+        }
+        server->Finish();
+    }
+}
+
+TEST_F(StandardAuthentication, CallersPasswordThatWasNotSentIsKept) {
+    Serve([](StandardConnection& c) {
+        c.WellBehaved(Stage::Service);
+        c.ReadAuthRequest();
+        c.SendPacket({USERAUTH_SUCCESS});
+        c.ReadToTheEnd();
+    });
+    {
+        StandardClient client(server->Port());
+        String_t const password("secret");
+        ASSERT_EQ(StandardClient::Follow({client.Connecting(), client.ExchangingKeys()}), "");
+        EXPECT_EQ(client.session.Authenticate("", "tester", password, client.passwords, client.questions), 0);
+        EXPECT_EQ(Text(password), "secret");
+    }
+    server->Finish();
+}
+
 TEST_F(StandardAuthentication, KeyThenPasswordIsAPartialAndAWholeSuccess) {
     SshDirectory const keys;
     std::string const identity = keys.Write("user_key", StandardKey::User().Pem());

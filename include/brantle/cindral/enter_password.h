@@ -17,7 +17,7 @@ public:
     EnterPassword(unsigned int tries, String_t const& prompt);
     virtual ~EnterPassword();
     EnterPassword(EnterPassword const&) = default;
-    EnterPassword& operator=(EnterPassword const&) = default;
+    EnterPassword& operator=(EnterPassword const& other);
 
     /// The prompt becomes `lead`, a blank, `subject` and ": ". A preset secret can be used again for the new
     /// prompt.
@@ -31,7 +31,8 @@ public:
     virtual int operator()(char* buffer, unsigned int size);
     /// Sets the answer to the next question in advance; an empty text withdraws it. For a key file it is
     /// the first passphrase tried, whatever is overridden. The text is shared: when its owner wipes it,
-    /// the preset is gone.
+    /// the preset is gone. If nothing shares it any longer, it is wiped when it is replaced or withdrawn, and
+    /// with this object.
     virtual void Preset(String_t const& secret);
 
     /// Non-zero when the next call answers with the preset secret.
