@@ -252,6 +252,10 @@ int StandardDialect::Impl::Refused(std::string const& reason) {
 // --- connecting
 
 int StandardDialect::Impl::Connect(unsigned int timeout) {
+    if (_connection.Fd() >= 0) {
+        SetLastError("the session has been connected already: each connection needs a session of its own");
+        return -EISCONN;
+    }
     Deadline const deadline{std::chrono::seconds(timeout)};
     std::string reason;
     int result = OpenSocket(timeout);

@@ -48,6 +48,31 @@ TEST_F(StandardIdentification, LinesBeforeItAreSkipped) {
         EXPECT_EQ(After(lines).exitStatus, 3);
 }
 
+TEST_F(StandardIdentification, SecondConnectionOfASessionIsRefusedInWords) {
+    Serve([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        c.SendTogether(Ending(3));
+        c.ReadToTheEnd();
+    });
+    {
+        StandardClient client(server->Port());
+        ASSERT_EQ(client.session.Connect(10), 0);
+        EXPECT_EQ(client.session.Connect(10), -EISCONN);
+        EXPECT_THAT(Text(client.dialect.LastError()), HasSubstr("connected already"));
+        // The first connection goes on.
+        EXPECT_EQ(StandardClient::Follow({client.ExchangingKeys(), client.Authenticating()}), "");
+        EXPECT_EQ(client.session.Connect(10), -EISCONN);
+        EXPECT_EQ(client.session.Open(), 0);
+        client.session.StartCommand("command");
+        client.session.InitDispatcher();
+        client.session.Run();
+        EXPECT_EQ(client.session.Connect(10), -EISCONN);
+        EXPECT_EQ(client.dialect.ExitStatus(), 3);
+    }
+    server->Finish();
+}
+
 TEST_F(StandardIdentification, LinesWithoutEndAreGivenUp) {
     std::string lines;
     for (int i = 0; i < 100000; ++i) lines += "line\r\n";
