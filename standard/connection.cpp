@@ -101,7 +101,12 @@ void Connection::WaitAndFill(Deadline const& deadline) {
         throw SshProtocolError("the server does not answer");
     }
     _transport.Flush();
-    _transport.Fill();
+    Fill();
+}
+
+/// The buffer may be full of packets: to read nothing into it would look like the connection's end.
+void Connection::Fill() {
+    if (!_transport.HasPacket()) _transport.Fill();
 }
 
 void Connection::Post(View message) {

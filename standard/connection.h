@@ -53,8 +53,8 @@ public:
     void FlushAll() { _transport.FlushAll(); }
     bool HasPendingOutput() const { return _transport.PendingOutput() > 0; }
 
-    /// Reads what has arrived.
-    std::size_t Fill() { return _transport.Fill(); }
+    /// Reads what has arrived, unless there are packets for Next().
+    void Fill();
     /// The next message for the layers above, from what has been read; false if there is none.
     bool Next(View& message);
     /// Whether there are packets for Next().
@@ -62,6 +62,8 @@ public:
     /// Waits until the server has taken some of the pending output, if there is any, or has sent more. Throws
     /// SshProtocolError if it does neither for longer than Transport::TIME_LIMIT.
     void WaitAndFill() { WaitAndFill(Deadline(Transport::TIME_LIMIT)); }
+    /// The same with a deadline, which may have passed.
+    void WaitAndFill(Deadline const& deadline);
 
     /// Answers the message that Next() or Receive() returned last with UNIMPLEMENTED (RFC 4253, section
     /// 11.4).
@@ -78,7 +80,6 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    void WaitAndFill(Deadline const& deadline);
     bool NextOfStep(View& message);
     bool TakeTransportMessage(View message);
     void TakeExchangeMessage(View message);
