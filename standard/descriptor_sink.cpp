@@ -57,7 +57,7 @@ int OpenAgain(int fd) {
 
 } // namespace
 
-DescriptorSink::DescriptorSink(int fd) {
+DescriptorSink::DescriptorSink(int fd, bool borrows) {
     struct stat status{};
     bool const isPipe = fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
     if (S_ISSOCK(status.st_mode)) _kind = Kind::SOCKET;
@@ -67,7 +67,10 @@ DescriptorSink::DescriptorSink(int fd) {
         _waits = _own._fd < 0 && !(fcntl(fd, F_GETFL) & O_NONBLOCK);
     }
     if (_own._fd < 0) _own._fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (_own._fd < 0) Failed(errno);
+    _fd = _own._fd;
+    if (_fd >= 0) return;
+    if (!borrows || (errno != EMFILE && errno != ENFILE)) Failed(errno);
+    _fd = fd;
 }
 
 std::size_t DescriptorSink::Write(View data) {
@@ -107,19 +110,19 @@ std::size_t DescriptorSink::WriteSome(View data) {
 }
 
 long DescriptorSink::WriteOnce(View data) const {
-    if (_kind == Kind::SOCKET) return send(_own._fd, data.data(), data.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (_kind == Kind::SOCKET) return send(_fd, data.data(), data.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     std::size_t size = data.size();
     if (_waits) {
-        pollfd room{_own._fd, POLLOUT, 0};
+        pollfd room{_fd, POLLOUT, 0};
         if (poll(&room, 1, 0) == 0) {
             errno = EAGAIN;
             return -1;
         }
         size = std::min<std::size_t>(size, PIPE_BUF);
     }
-    if (_kind != Kind::PIPE) return write(_own._fd, data.data(), size);
+    if (_kind != Kind::PIPE) return write(_fd, data.data(), size);
     NoSigpipe const shield;
-    return write(_own._fd, data.data(), size);
+    return write(_fd, data.data(), size);
 }
 
 } // namespace cindral::standard

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <string>
@@ -62,4 +63,21 @@ TEST_F(Sink, ReaderThatIsGoneIsAFailure) {
     close(ends[0]);
     ends[0] = -1;
     EXPECT_THROW(sink.Write("data"), cindral::SystemError);
+}
+
+TEST_F(Sink, WithoutADescriptorOfItsOwnItBorrowsTheCallersOnlyIfItMay) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    int const next = dup(ends[0]);
+    close(next);
+    rlimit const none{static_cast<rlim_t>(next), before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_THROW(DescriptorSink sink(ends[1]), cindral::SystemError);
+    EXPECT_THROW(DescriptorSink sink(-1, true), cindral::SystemError);
+    DescriptorSink sink(ends[1], true);
+    EXPECT_EQ(sink.Fd(), ends[1]);
+    std::size_t const written = sink.Write(Block('a') + Block('a')); // without blocking
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(sink.IsEmpty());
+    EXPECT_EQ(Read(written), std::string(written, 'a'));
 }
