@@ -159,6 +159,7 @@ int SshSession::StartRemoteForwarding(String_t const& spec) {
 int SshSession::StartRemoteForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
                                       String_t const& bindAddress) {
     if (_remoteForwardings.Find(listenPort)) return -1;
+    if (_dialect && _dialect->ResolveTarget(listenPort, host, port) < 0) return -1;
     PacketGlobalRequest request("tcpip-forward", 1, bindAddress, listenPort);
     _out.WritePacket(request);
     // Deliberate: the very next message is taken as the reply. Pinned by

@@ -47,8 +47,9 @@ public:
     }
     void OnErrorData(Channel& channel, View data) override { OnData(channel, data); }
     void OnEof(Channel& channel) override { Require(channel.eofReceived, "OnEof", "is too early"); }
-    void OnClosed(Channel& channel) override {
+    bool OnClosed(Channel& channel) override {
         Require(channel.closeSent && channel.closeReceived, "OnClosed", "is too early");
+        return true;
     }
     void OnWindow(Channel& channel) override { Require(channel.remoteWindow > 0, "OnWindow", "has none"); }
     void OnOpenRequest(OpenRequest const& request) override {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <typeinfo>
+#include <utility>
 
 #include <brantle/packet/packet.h>
 #include <brantle/session/ssh_session.h>
@@ -20,31 +21,15 @@ namespace {
 constexpr std::size_t PROGRAM_READ = 8192; ///< passed at a time to a channel of the program's class
 constexpr int READS = 4;                   ///< of one descriptor before the others' turn
 constexpr int ACCEPTS = 16;                ///< likewise
-constexpr std::size_t X11_HEADER = 12;
-constexpr std::size_t X11_MAX_SETUP = 1024;
 
 using TtyChannel = SshChannelMgr::TtyChannel;
 using FdChannel = SshChannelMgr::FdChannel;
-using X11Channel = SshChannelMgr::X11Channel;
 
 bool IsA(SshChannel const& object, std::type_info const& type) { return typeid(object) == type; }
 
 /// Whether a channel is of a class that the program derives, whose overridden operations are called.
 bool IsPrograms(SshChannel const& object) {
-    return !IsA(object, typeid(TtyChannel)) && !IsA(object, typeid(FdChannel)) &&
-           !IsA(object, typeid(X11Channel));
-}
-
-/// The length of an X client's set-up message (X Window System Protocol, section 8), of which `bytes` is the
-/// beginning; 0 while it is not known yet.
-std::size_t X11SetupLength(Bytes const& bytes) {
-    if (bytes.size() < X11_HEADER) return 0;
-    auto const number = [&](std::size_t at) {
-        return static_cast<std::size_t>(bytes[0] == 'B' ? bytes[at] << 8 | bytes[at + 1]
-                                                        : bytes[at + 1] << 8 | bytes[at]);
-    };
-    auto const padded = [](std::size_t length) { return (length + 3) / 4 * 4; };
-    return X11_HEADER + padded(number(6)) + padded(number(8));
+    return !IsA(object, typeid(TtyChannel)) && !IsA(object, typeid(FdChannel));
 }
 
 int OpenSpare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
@@ -171,6 +156,8 @@ ChannelLoop::Pump* ChannelLoop::Find(unsigned int local) {
 void ChannelLoop::RegisterInput(int fd, SshChannel const& object) {
     if (!_isRunning) {
         _isRunning = true;
+        // Now, so that a lack of descriptors later on does not affect the session.
+        _socket._fd = fcntl(_connection.Fd(), F_DUPFD_CLOEXEC, 0);
         _spare._fd = OpenSpare();
         if (_keepaliveSeconds > 0) {
             _keepalive = std::make_unique<KeepaliveTimer>(*this, _keepaliveSeconds);
@@ -245,6 +232,20 @@ void ChannelLoop::Send(Channel& channel, View data) {
     OnWindow(channel);
 }
 
+void ChannelLoop::SendEnd(Channel& channel, bool closes) {
+    Pump& pump = _pumps[channel.local];
+    (closes ? pump.closeWaits : pump.eofWaits) = true;
+    PostEnd(channel, pump);
+}
+
+void ChannelLoop::PostEnd(Channel& channel, Pump& pump) {
+    if (!pump.unsent.empty() || (!pump.eofWaits && !pump.closeWaits)) return;
+    if (pump.eofWaits) _channels.PostEof(channel);
+    if (pump.closeWaits) _channels.PostClose(channel);
+    pump.eofWaits = pump.closeWaits = false;
+    AfterOutput(channel.local, pump);
+}
+
 void ChannelLoop::OnWindow(Channel& channel) {
     Pump* const pump = Find(channel.local);
     if (!pump || pump->unsent.empty()) return;
@@ -255,6 +256,19 @@ void ChannelLoop::OnWindow(Channel& channel) {
         done += n;
     }
     pump->unsent.erase(pump->unsent.begin(), pump->unsent.begin() + static_cast<std::ptrdiff_t>(done));
+    PostEnd(channel, *pump);
+}
+
+/// Posts what the windows and the connection have room for now. Whether that was anything.
+bool ChannelLoop::PostUnsent() {
+    bool hasPosted = false;
+    for (auto& entry : _pumps) {
+        std::size_t const before = entry.second.unsent.size();
+        Channel* const channel = before > 0 ? _channels.Find(entry.first) : nullptr;
+        if (channel) OnWindow(*channel);
+        hasPosted = hasPosted || entry.second.unsent.size() < before;
+    }
+    return hasPosted;
 }
 
 // --- the server's side
@@ -272,19 +286,26 @@ void ChannelLoop::Dispatch() {
 
 /// Called after every event: writes, and updates which descriptors are watched.
 void ChannelLoop::Settle() {
-    _connection.Flush();
+    for (auto& entry : _pumps)
+        if (entry.second.input >= 0 && !Object(entry.first)) Abandon(entry.first, entry.second);
+    do _connection.Flush();
+    while (PostUnsent());
     WatchSocket();
-    for (auto& entry : _pumps) {
-        Channel* const channel = _channels.Find(entry.first);
-        if (channel && !entry.second.unsent.empty()) OnWindow(*channel);
-        WatchInput(entry.first, entry.second, MayRead(channel, entry.second));
-    }
+    for (auto& entry : _pumps)
+        WatchInput(entry.first, entry.second, MayRead(_channels.Find(entry.first), entry.second));
+}
+
+/// Ends a channel that the program has taken out of the table: its descriptor may be closed.
+void ChannelLoop::Abandon(unsigned int local, Pump& pump) {
+    WatchInput(local, pump, false);
+    pump.input = -1;
+    if (Channel* const channel = _channels.Find(local)) _channels.PostClose(*channel);
 }
 
 void ChannelLoop::WatchSocket() {
     bool const wanted = _connection.HasPendingOutput();
     if (wanted == _socketIsWatched) return;
-    if (_socket._fd < 0) _socket._fd = fcntl(_connection.Fd(), F_DUPFD_CLOEXEC, 0);
+    if (_socket._fd < 0) _socket._fd = fcntl(_connection.Fd(), F_DUPFD_CLOEXEC, 0); // once more
     if (_socket._fd < 0) throw SystemError("dup", errno, String_t());
     _socketIsWatched = wanted;
     if (wanted)
@@ -300,15 +321,17 @@ void ChannelLoop::OnData(Channel& channel, View data, bool isError) {
     if (IsPrograms(*object)) {
         auto const bytes = reinterpret_cast<char const*>(data.data());
         auto const size = static_cast<unsigned int>(data.size());
+        unsigned int const local = channel.local;
+        _hasFlushes = true;
         if (isError)
             object->ForwardExtended(bytes, size);
         else
             object->Forward(bytes, size);
-        _hasFlushes = true;
-        return _channels.Consume(channel, data.size());
+        // The program may have ended the channel.
+        if (Channel* const still = _channels.Find(local)) _channels.Consume(*still, size);
+        return;
     }
-    if (object->_fdOut < 0 && IsA(*object, typeid(X11Channel)))
-        return DeliverX11(channel, pump, *object, data);
+    if (object->_fdOut < 0 && !channel.isSession) return DeliverX11(channel, pump, data);
     Deliver(&channel, channel.local, pump, data, isError && channel.isSession);
 }
 
@@ -320,7 +343,9 @@ void ChannelLoop::Deliver(Channel* channel, unsigned int local, Pump& pump, View
     if (!sink && !object) return;
     bool const wasEmpty = !sink || sink->IsEmpty();
     try {
-        if (!sink) sink = std::make_unique<DescriptorSink>(isError ? object->_fdErr : object->_fdOut);
+        if (!sink)
+            sink = std::make_unique<DescriptorSink>(isError ? object->_fdErr : object->_fdOut,
+                                                    channel && channel->isSession);
         std::size_t const left = sink->Write(data);
         if (channel) _channels.Consume(*channel, left);
     } catch (SystemError const&) {
@@ -331,18 +356,24 @@ void ChannelLoop::Deliver(Channel* channel, unsigned int local, Pump& pump, View
     if (sink) WatchOutput(local, *sink, isError, wasEmpty);
 }
 
-void ChannelLoop::DeliverX11(Channel& channel, Pump& pump, SshChannel& object, View data) {
+/// Keeps what an X client sends until there is a connection to the X server, which its first message has to
+/// prove that it may have.
+void ChannelLoop::DeliverX11(Channel& channel, Pump& pump, View data) {
     pump.x11Setup.insert(pump.x11Setup.end(), data.begin(), data.end());
+    if (pump.isConnecting) return;
     std::size_t const length = X11SetupLength(pump.x11Setup);
     if (length > X11_MAX_SETUP) return _channels.PostClose(channel);
     if (length == 0 || pump.x11Setup.size() < length) return;
-    Bytes const setup = std::move(pump.x11Setup);
-    pump.x11Setup.clear();
-    _channels.Consume(channel, length);
-    object.Forward(reinterpret_cast<char const*>(setup.data()), static_cast<unsigned int>(length));
-    if (object._fdOut < 0) return _channels.PostClose(channel);
-    if (setup.size() > length)
-        Deliver(&channel, channel.local, pump, View(setup.data() + length, setup.size() - length), false);
+    SocketAddresses const* const server = _host.X11Server();
+    Bytes setup = _host.X11Setup(View(pump.x11Setup.data(), length));
+    if (!server || setup.empty()) return _channels.PostClose(channel);
+    setup.insert(setup.end(), pump.x11Setup.begin() + static_cast<std::ptrdiff_t>(length),
+                 pump.x11Setup.end());
+    pump.x11Setup = std::move(setup);
+    pump.isConnecting = true;
+    Pending pending;
+    pending.x11Channel = channel.local;
+    StartConnecting(std::move(pending), *server);
 }
 
 void ChannelLoop::WatchOutput(unsigned int local, DescriptorSink& sink, bool isError, bool wasEmpty) {
@@ -458,16 +489,17 @@ void ChannelLoop::OnOpenRequest(OpenRequest const& request) {
     if (_channels.Count() + _pending.size() >= MAX_CHANNELS)
         return _channels.PostRefusal(request, Packet::SSH_OPEN_RESOURCE_SHORTAGE, "too many channels");
     if (request.type == "forwarded-tcpip") return OpenForwarded(request);
-    if (request.type == "x11") {
-        auto const local = _host.Table().NextId();
-        Channel& channel =
-            _channels.Add(std::make_unique<Channel>(local), Channels::MAX_WINDOW, Channels::MAX_PACKET);
-        channel.remoteWindow = request.window;
-        channel.remoteMax = Channels::PacketSize(request.maxPacket);
-        if (_host.OpenX11Channel(request.message)) return;
-        _channels.Remove(local);
-    }
+    if (request.type == "x11" && _host.X11Server()) return OpenX11(request);
     _channels.PostRefusal(request, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED, "open failed");
+}
+
+/// Confirms at once: the X client does not send anything before.
+void ChannelLoop::OpenX11(OpenRequest const& request) {
+    FileDescriptor none;
+    SshChannel const& object = _host.NewTcpChannel(request.sender, "x11", none);
+    _channels.PostConfirmation(
+        _channels.Add(std::make_unique<Channel>(object._localId), Channels::MAX_WINDOW, Channels::MAX_PACKET),
+        request);
 }
 
 /// RFC 4254, section 7.2.
@@ -478,19 +510,21 @@ void ChannelLoop::OpenForwarded(OpenRequest const& request) {
     fields.String();
     fields.Int();
     fields.End();
-    std::string host;
-    unsigned int targetPort = 0;
-    if (!_host.FindTarget(port, host, targetPort))
+    SocketAddresses const* const target = _host.FindTarget(port);
+    if (!target)
         return _channels.PostRefusal(request, Packet::SSH_OPEN_ADMINISTRATIVELY_PROHIBITED,
                                      "port not forwarded");
-    unsigned int const key = _nextPending++;
-    Pending& pending = _pending[key];
-    pending.connector.reset(new TcpConnector(host, targetPort));
-    pending.type = request.type;
+    Pending pending;
     pending.sender = request.sender;
     pending.window = request.window;
     pending.maxPacket = request.maxPacket;
-    Connect(key, pending);
+    StartConnecting(std::move(pending), *target);
+}
+
+void ChannelLoop::StartConnecting(Pending pending, SocketAddresses const& addresses) {
+    pending.connector = std::make_unique<SocketConnector>(addresses);
+    unsigned int const key = _nextPending++;
+    Connect(key, _pending[key] = std::move(pending));
 }
 
 void ChannelLoop::Connect(unsigned int key, Pending& pending) {
@@ -499,10 +533,19 @@ void ChannelLoop::Connect(unsigned int key, Pending& pending) {
         _host.Mux().Register(fd, ConnectDispatcher(*this, key));
         return;
     }
-    OpenRequest const request{View(),         pending.type,      pending.sender,
-                              pending.window, pending.maxPacket, View()};
-    _channels.PostRefusal(request, Packet::SSH_OPEN_CONNECT_FAILED, "connect failed");
+    if (pending.x11Channel == 0)
+        _channels.PostRefusal(Request(pending), Packet::SSH_OPEN_CONNECT_FAILED, "connect failed");
+    else if (Channel* const channel = _channels.Find(pending.x11Channel))
+        _channels.PostClose(*channel);
     _pending.erase(key);
+}
+
+OpenRequest ChannelLoop::Request(Pending const& pending) {
+    OpenRequest request{};
+    request.sender = pending.sender;
+    request.window = pending.window;
+    request.maxPacket = pending.maxPacket;
+    return request;
 }
 
 void ChannelLoop::ServeConnect(unsigned int key) {
@@ -515,15 +558,34 @@ void ChannelLoop::ServeConnect(unsigned int key) {
         Connect(key, pending);
         return Settle();
     }
-    SshSession::SetNodelay(fd._fd);
+    if (pending.x11Channel == 0)
+        AttachTarget(pending, fd);
+    else
+        AttachX11(pending.x11Channel, fd);
+    _pending.erase(key);
+    Settle();
+}
+
+void ChannelLoop::AttachTarget(Pending const& pending, FileDescriptor& fd) {
     SshChannel& object = _host.NewTcpChannel(pending.sender, "forwarded-tcpip", fd);
     Channel& channel =
         _channels.Add(std::make_unique<Channel>(object._localId), Channels::MAX_WINDOW, Channels::MAX_PACKET);
-    _channels.PostConfirmation(channel, OpenRequest{View(), pending.type, pending.sender, pending.window,
-                                                    pending.maxPacket, View()});
-    _pending.erase(found);
+    _channels.PostConfirmation(channel, Request(pending));
     RegisterInput(object._fdIn, object);
-    Settle();
+}
+
+/// The X client may be gone by now.
+void ChannelLoop::AttachX11(unsigned int local, FileDescriptor& fd) {
+    Channel* const channel = _channels.Find(local);
+    SshChannel* const object = Object(local);
+    Pump* const pump = Find(local);
+    if (!channel || !object || !pump || IsPrograms(*object)) return;
+    object->_fdIn = object->_fdOut = object->_fdErr = fd._fd;
+    static_cast<FdChannel*>(object)->_fd = fd.Release();
+    Bytes const waiting = std::exchange(pump->x11Setup, {});
+    Deliver(channel, local, *pump, waiting, false);
+    RegisterInput(object->_fdIn, *object);
+    AfterOutput(local, *pump);
 }
 
 } // namespace cindral::standard

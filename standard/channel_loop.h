@@ -13,7 +13,8 @@
 #include "standard/channels.h"
 #include "standard/connection.h"
 #include "standard/descriptor_sink.h"
-#include "standard/tcp_connector.h"
+#include "standard/socket_connector.h"
+#include "standard/x11_setup.h"
 
 namespace cindral::standard {
 
@@ -25,10 +26,13 @@ public:
     virtual IOMultiplexer& Mux() = 0;
     /// Creates a channel in the table for a connection, which it takes over, and returns the channel.
     virtual SshChannel& NewTcpChannel(unsigned int remote, char const* type, FileDescriptor& connection) = 0;
-    /// Lets the session create and confirm the channel of a remote X client. False if X11 is not forwarded.
-    virtual bool OpenX11Channel(View message) = 0;
-    /// Where the server's connections to `port` lead; false if that port is not forwarded.
-    virtual bool FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) = 0;
+    /// Where remote X clients are connected to; null if X11 is not forwarded.
+    virtual SocketAddresses const* X11Server() = 0;
+    /// The set-up message of a remote X client as the X server wants it; empty if the client must not
+    /// connect.
+    virtual Bytes X11Setup(View message) = 0;
+    /// Where the server's connections to `port` lead; null if that port is not forwarded.
+    virtual SocketAddresses const* FindTarget(unsigned int port) = 0;
     /// The session channel has ended, and all its data has been written.
     virtual void OnSessionEnd() = 0;
     virtual void SetLastError(std::string const& text) = 0;
@@ -59,6 +63,8 @@ public:
     void Accept(int listener, std::string const& host, unsigned int port);
     /// Sends data on a channel that the program feeds itself.
     void Send(Channel& channel, View data);
+    /// Sends CHANNEL_EOF, or with `closes` CHANNEL_CLOSE, after what Send() has been given.
+    void SendEnd(Channel& channel, bool closes);
     void SetKeepalive(unsigned int seconds, unsigned int unanswered);
     /// Writes what has been posted, and updates which descriptors are watched.
     void Settle();
@@ -86,16 +92,20 @@ private:
         std::unique_ptr<DescriptorSink> output;
         std::unique_ptr<DescriptorSink> errors;
         bool isSession = false;
-        bool isClosing = false; ///< closed by the server
-        Bytes unsent;           ///< data that the window had no room for
-        Bytes x11Setup;         ///< the part of an X client's first message that has arrived
+        bool isClosing = false;    ///< closed by the server
+        Bytes unsent;              ///< data that the window had no room for
+        bool eofWaits = false;     ///< to be sent after that
+        bool closeWaits = false;   ///< likewise
+        bool isConnecting = false; ///< to the X server
+        Bytes x11Setup;            ///< what an X client has sent before its connection to the X server exists
     };
 
-    /// A connection to a target that is being established for the server.
+    /// A connection that is being established for the server: to the target of a forwarding, or for an open
+    /// channel to the X server.
     struct Pending {
-        std::unique_ptr<TcpConnector> connector;
-        std::string type;
-        unsigned int sender = 0;
+        std::unique_ptr<SocketConnector> connector;
+        unsigned int x11Channel = 0; ///< 0: none
+        unsigned int sender = 0;     ///< this and what follows: from the CHANNEL_OPEN to be answered
         unsigned int window = 0;
         unsigned int maxPacket = 0;
     };
@@ -113,11 +123,19 @@ private:
     void WatchOutput(unsigned int local, DescriptorSink& sink, bool isError, bool wasEmpty);
     void WatchSocket();
     void Deliver(Channel* channel, unsigned int local, Pump& pump, View data, bool isError);
-    void DeliverX11(Channel& channel, Pump& pump, SshChannel& object, View data);
+    void DeliverX11(Channel& channel, Pump& pump, View data);
     void AfterOutput(unsigned int local, Pump& pump);
     void Drop(unsigned int local);
     void OpenForwarded(OpenRequest const& request);
+    void OpenX11(OpenRequest const& request);
+    void StartConnecting(Pending pending, SocketAddresses const& addresses);
     void Connect(unsigned int key, Pending& pending);
+    void AttachTarget(Pending const& pending, FileDescriptor& fd);
+    void AttachX11(unsigned int local, FileDescriptor& fd);
+    static OpenRequest Request(Pending const& pending);
+    void PostEnd(Channel& channel, Pump& pump);
+    bool PostUnsent();
+    void Abandon(unsigned int local, Pump& pump);
     void AcceptOne(int connection, std::string const& host, unsigned int port);
 
     LoopHost& _host;

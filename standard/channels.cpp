@@ -60,8 +60,13 @@ Channel* Channels::Find(unsigned int local) const {
 
 Channel* Channels::FindRemote(unsigned int remote) const {
     for (auto const& entry : _channels)
-        if (entry.second->isConfirmed && entry.second->remote == remote) return entry.second.get();
+        if (entry.second->isConfirmed && !entry.second->IsOver() && entry.second->remote == remote)
+            return entry.second.get();
     return nullptr;
+}
+
+bool Channels::IsInUse(unsigned int remote) const {
+    return FindRemote(remote) || std::find(_openings.begin(), _openings.end(), remote) != _openings.end();
 }
 
 Channel& Channels::Known(unsigned int local, char const* what) const {
@@ -128,7 +133,7 @@ bool Channels::TakeConfirmation(View message) {
     Channel& channel = Known(fields.Int(), "CHANNEL_OPEN_CONFIRMATION");
     if (channel.isConfirmed) Violation("a channel was confirmed twice");
     unsigned int const remote = fields.Int();
-    if (FindRemote(remote)) Violation("the server uses a channel number twice");
+    if (IsInUse(remote)) Violation("the server uses a channel number twice");
     channel.remote = remote;
     channel.remoteWindow = fields.Int();
     channel.remoteMax = PacketSize(fields.Int());
@@ -176,7 +181,8 @@ void Channels::TakeAdjustment(View message) {
     unsigned int const more = fields.Int();
     fields.End();
     // Some servers go on granting after their CLOSE.
-    if (number < _numbers && !Find(number)) return;
+    Channel const* const known = Find(number);
+    if (number < _numbers && (!known || known->IsOver())) return;
     Channel& channel = Open(number, "CHANNEL_WINDOW_ADJUST");
     if (channel.remoteWindow + more < more) Violation("the window of a channel overflows");
     channel.remoteWindow += more;
@@ -202,9 +208,7 @@ void Channels::TakeClose(View message) {
 }
 
 void Channels::RemoveIfClosed(Channel& channel) {
-    if (!channel.closeSent || !channel.closeReceived) return;
-    _events.OnClosed(channel);
-    Remove(channel.local);
+    if (channel.IsOver() && _events.OnClosed(channel)) Remove(channel.local);
 }
 
 void Channels::TakeRequest(View message) {
@@ -280,8 +284,13 @@ void Channels::TakeOpening(View message) {
     request.window = fields.Int();
     request.maxPacket = fields.Int();
     request.rest = fields.Rest();
-    if (FindRemote(request.sender)) Violation("the server uses a channel number twice");
+    if (IsInUse(request.sender)) Violation("the server uses a channel number twice");
+    _openings.push_back(request.sender);
     _events.OnOpenRequest(request);
+}
+
+void Channels::EndOpening(unsigned int sender) {
+    _openings.erase(std::remove(_openings.begin(), _openings.end(), sender), _openings.end());
 }
 
 // --- messages of the client
@@ -290,8 +299,6 @@ void Channels::Submit(View message) {
     switch (message[0]) {
     case Packet::SSH_MSG_CHANNEL_OPEN:
         return SubmitOpening(message);
-    case Packet::SSH_MSG_CHANNEL_OPEN_CONFIRMATION:
-        return SubmitConfirmation(message);
     case Packet::SSH_MSG_CHANNEL_REQUEST:
         return SubmitRequest(message);
     case Packet::SSH_MSG_GLOBAL_REQUEST:
@@ -306,18 +313,11 @@ void Channels::SubmitOpening(View message) {
     bool const isSession = fields.String() == View("session");
     unsigned int const local = fields.Int();
     unsigned int const window = fields.Int();
+    Channel const* const known = Find(local);
+    if (known && !known->IsOver())
+        throw InvalidArgument("SshSession::Open", "the session channel has not ended");
     Channel& channel = Add(std::make_unique<Channel>(local), window, fields.Int());
     channel.isSession = isSession;
-    _connection.Post(message);
-}
-
-/// The session itself confirms the channels of remote X clients, under a number that is already known here.
-void Channels::SubmitConfirmation(View message) {
-    Reader fields(Fields(message), "CHANNEL_OPEN_CONFIRMATION");
-    unsigned int const remote = fields.Int();
-    Channel& channel = Known(fields.Int(), "CHANNEL_OPEN_CONFIRMATION");
-    channel.remote = remote;
-    channel.isConfirmed = true;
     _connection.Post(message);
 }
 
@@ -336,17 +336,24 @@ void Channels::SubmitRequest(View message) {
     _connection.Post(request);
 }
 
+/// The session knows a forwarding of port 0 by that number alone; the server wants the port that it chose
+/// (RFC 4254, section 7.1).
 void Channels::SubmitGlobalRequest(View message) {
     Reader fields(Fields(message), "GLOBAL_REQUEST");
-    bool const isForwarding = fields.String() == View("tcpip-forward");
-    if (fields.Bool()) {
-        _globals.push_back(isForwarding ? Global::FORWARDING : Global::REPORTED);
-        if (isForwarding) {
-            fields.String();
-            _isAnyPort = fields.Int() == 0;
-        }
+    View const name = fields.String();
+    bool const isForwarding = name == View("tcpip-forward");
+    bool const isReported = fields.Bool();
+    if (isReported) _globals.push_back(isForwarding ? Global::FORWARDING : Global::REPORTED);
+    if (!isForwarding && name != View("cancel-tcpip-forward")) return _connection.Post(message);
+    fields.String();
+    bool const isAnyPort = fields.Int() == 0;
+    if (isForwarding) {
+        _isAnyPort = isAnyPort;
+        return _connection.Post(message);
     }
-    _connection.Post(message);
+    Bytes cancel = message.Copy();
+    if (isAnyPort) StoreInt(cancel.data() + cancel.size() - 4, _remotePort);
+    _connection.Post(cancel);
 }
 
 void Channels::PostKeepalive() {
@@ -398,12 +405,14 @@ void Channels::PostConfirmation(Channel& channel, OpenRequest const& request) {
     channel.remoteWindow = request.window;
     channel.remoteMax = PacketSize(request.maxPacket);
     channel.isConfirmed = true;
+    EndOpening(request.sender);
     Writer confirmation(Packet::SSH_MSG_CHANNEL_OPEN_CONFIRMATION);
     confirmation.Int(channel.remote).Int(channel.local).Int(channel.localWindow).Int(channel.localMax);
     _connection.Post(confirmation.Get());
 }
 
 void Channels::PostRefusal(OpenRequest const& request, int reason, char const* text) {
+    EndOpening(request.sender);
     Writer refusal(Packet::SSH_MSG_CHANNEL_OPEN_FAILURE);
     refusal.Int(request.sender).Int(static_cast<unsigned int>(reason)).String(text).String("");
     _connection.Post(refusal.Get());

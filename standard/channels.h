@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "standard/bytes.h"
 #include "standard/connection.h"
@@ -24,6 +25,8 @@ struct Channel {
     virtual ~Channel() = default;
 
     bool IsOpen() const { return isConfirmed && !closeSent; }
+    /// Whether both sides have closed.
+    bool IsOver() const { return closeSent && closeReceived; }
     /// How much may be sent in one message now.
     std::size_t Sendable() const { return IsOpen() && !eofSent ? std::min(remoteWindow, remoteMax) : 0; }
 
@@ -68,8 +71,9 @@ public:
     virtual void OnData(Channel& channel, View data) = 0;
     virtual void OnErrorData(Channel& channel, View data) = 0;
     virtual void OnEof(Channel& channel) = 0;
-    /// Both sides have closed; the channel is gone after the call.
-    virtual void OnClosed(Channel& channel) = 0;
+    /// Both sides have closed. The channel is gone after the call, unless the result is false: Remove() has
+    /// to be called later then.
+    virtual bool OnClosed(Channel& channel) = 0;
     /// The server has granted more window.
     virtual void OnWindow(Channel& channel) = 0;
     virtual void OnOpenRequest(OpenRequest const& request) = 0;
@@ -100,6 +104,7 @@ public:
     Channel& Add(std::unique_ptr<Channel> channel, unsigned int windowSize, unsigned int maxPacket);
     /// Null for a number that is not in use.
     Channel* Find(unsigned int local) const;
+    /// A channel that is not over.
     Channel* FindRemote(unsigned int remote) const;
     void Remove(unsigned int local) { _channels.erase(local); }
     std::size_t Count() const { return _channels.size(); }
@@ -110,8 +115,9 @@ public:
     /// what has to be passed on.
     bool Take(View& message);
 
-    /// Records the effect of a message of the client, and posts it. A CHANNEL_OPEN, confirmation or request
-    /// that the session itself has created is sent through here.
+    /// Records the effect of a message of the client, and posts it. A CHANNEL_OPEN or request that the
+    /// session itself has created is sent through here. Throws InvalidArgument for a CHANNEL_OPEN under the
+    /// number of a channel that is not over.
     void Submit(View message);
 
     // Each posts a message and does not block.
@@ -155,13 +161,16 @@ private:
     void SubmitRequest(View message);
     void SubmitGlobalRequest(View message);
     void SubmitOpening(View message);
-    void SubmitConfirmation(View message);
     void RemoveIfClosed(Channel& channel);
+    bool IsInUse(unsigned int remote) const;
+    void EndOpening(unsigned int sender);
 
     Connection& _connection;
     ChannelEvents& _events;
     std::map<unsigned int, std::unique_ptr<Channel>> _channels; ///< by local number
     unsigned int _numbers = 0;                                  ///< that channels have had: those below
+    std::vector<unsigned int> _openings;                        ///< the server's numbers for channels that
+                                                                ///< it has asked for and has no answer to
     std::deque<Global> _globals; ///< requests that wait for their replies, which arrive in order
     unsigned int _keepalives = 0;
     bool _isAnyPort = false; ///< the last remote forwarding asked for port 0

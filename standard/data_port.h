@@ -31,6 +31,8 @@ public:
     virtual void EndWrite(std::size_t size) = 0;
     /// Writes pending output, and passes what arrives to the receiver; waits if nothing has arrived.
     virtual void Serve() = 0;
+    /// Closes the channel, which can't be used any more then.
+    virtual void Close() = 0;
 };
 
 /// Directs the channel's data to a receiver during its lifetime.

@@ -65,6 +65,7 @@ int FileCopies::ReceiveTo(SftpClient& client, SftpStatus& status, String_t const
         _port, status, Handle(handle), _options.requestsInFlight,
         [&](unsigned long long done) { _progress(remote, done, hasSize ? size : 0); }, fd, size);
     int const result = download.Run();
+    download.Rethrow();
     if (result < -1) return Fail(result, remote, std::strerror(-result));
     if (result < 0) return Fail(result, remote, Printable(Name(status._message)));
     if (!hasSize || download.Done() >= size) return 0;
@@ -106,6 +107,7 @@ int FileCopies::Send(SftpClient& client, SftpStatus& status, String_t const& rem
     int const result = upload.Run();
     SftpStatus closed;
     client.Close(closed, handle);
+    upload.Rethrow();
     if (result < -1) return Fail(result, remote, std::strerror(-result));
     if (result < 0) return Fail(result, remote, Printable(Name(status._message)));
     if (closed._code == SftpStatus::FX_OK) return 0;
@@ -138,6 +140,20 @@ unsigned int FileCopies::CreationMode(unsigned int mode) {
     return _options.keepsModes ? mode & PERMISSIONS : PLAIN_FILE;
 }
 
+/// A body that the program breaks off by an exception leaves the channel in the middle of it.
+void FileCopies::ReportBody(String_t const& name, long long done, long long size) {
+    try {
+        _progress(name, static_cast<unsigned long long>(done), static_cast<unsigned long long>(size));
+    } catch (...) {
+        try {
+            _port.Close();
+        } catch (CryptoException const&) {
+            // the connection has failed: the program's exception comes first
+        }
+        throw;
+    }
+}
+
 /// If the file has shrunk, the rest is sent as zeros and then reported to the server as an error. Blocks go
 /// past the stream's buffer, as messages of their size.
 int FileCopies::SendBody(OSshDataStream& out, String_t const& name, int fd, long long size) {
@@ -155,7 +171,7 @@ int FileCopies::SendBody(OSshDataStream& out, String_t const& name, int fd, long
         }
         _port.Write(View(std::string_view(block.data(), static_cast<std::size_t>(n))));
         done += n;
-        _progress(name, static_cast<unsigned long long>(done), static_cast<unsigned long long>(size));
+        ReportBody(name, done, size);
     }
     out.Put(failure ? SCP_ERROR : SCP_OK);
     if (!failure) return 0;
@@ -173,7 +189,7 @@ int FileCopies::ReceiveBody(ISshDataStream& in, String_t const& name, int fd, lo
         char const* from = block.data();
         if (file.Write(from, from + wanted, 0) < 0) return Fail(-errno, name, std::strerror(errno));
         done += wanted;
-        _progress(name, static_cast<unsigned long long>(done), static_cast<unsigned long long>(size));
+        ReportBody(name, done, size);
     }
     return 0;
 }

@@ -42,6 +42,7 @@ public:
 private:
     template <class OpenLocal>
     int ReceiveTo(SftpClient& client, SftpStatus& status, String_t const& remote, OpenLocal const& openLocal);
+    void ReportBody(String_t const& name, long long done, long long size);
     int Fail(int result, String_t const& name, std::string const& reason);
 
     DataPort& _port;

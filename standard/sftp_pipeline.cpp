@@ -43,10 +43,21 @@ int SftpPipeline::Run() {
         if (_waiting == 0) break;
         unsigned long long const before = _done;
         _port.Serve();
-        if (_done != before) _progress(_done);
+        if (_done != before) Report();
     }
     if (HasPart()) throw SshProtocolError("SFTP answer to no request");
     return _result;
+}
+
+/// What the program throws ends the copy, but only once no reply is outstanding.
+void SftpPipeline::Report() {
+    if (_thrown) return;
+    try {
+        _progress(_done);
+    } catch (...) {
+        _thrown = std::current_exception();
+        FailWith(-ECANCELED);
+    }
 }
 
 SftpPipeline::Request& SftpPipeline::NewRequest(unsigned long long offset, unsigned int size) {

@@ -1,6 +1,7 @@
 #ifndef BRANTLE_STANDARD_SFTP_PIPELINE_H
 #define BRANTLE_STANDARD_SFTP_PIPELINE_H
 
+#include <exception>
 #include <functional>
 #include <string>
 #include <vector>
@@ -24,6 +25,10 @@ public:
     /// Copies the whole file. Returns 0; -1 with the server's message in the status; minus errno of a local
     /// call. Throws SshProtocolError for replies that violate the protocol.
     int Run();
+    /// Throws what `progress` has thrown, which has ended the copy with -ECANCELED.
+    void Rethrow() const {
+        if (_thrown) std::rethrow_exception(_thrown);
+    }
     unsigned long long Done() const { return _done; }
 
 protected:
@@ -68,6 +73,7 @@ protected:
 
 private:
     void TakeReply(View message) override;
+    void Report();
 
     SftpStatus& _status;
     Progress _progress;
@@ -76,6 +82,7 @@ private:
     unsigned int _turn = 0;
     unsigned int _sent = 0; ///< requests so far; the high part of their ids
     int _result = 0;
+    std::exception_ptr _thrown; ///< by the progress
 };
 
 /// Copies from the server. The data is written in order, as the descriptor may be a pipe or a terminal.

@@ -14,6 +14,9 @@ public:
     void TakeData(View data) final;
     /// Whether part of a message has arrived.
     bool HasPart() const { return !_part.empty(); }
+    /// Bytes of it.
+    std::size_t PartSize() const { return _part.size(); }
+    void DropPart() { _part.clear(); }
 
 protected:
     /// A message: its type and fields, without the length. The view is valid during the call only.

@@ -1,20 +1,33 @@
-#ifndef BRANTLE_STANDARD_TCP_CONNECTOR_H
-#define BRANTLE_STANDARD_TCP_CONNECTOR_H
+#ifndef BRANTLE_STANDARD_SOCKET_CONNECTOR_H
+#define BRANTLE_STANDARD_SOCKET_CONNECTOR_H
 
-#include <netdb.h>
+#include <sys/socket.h>
 
-#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <brantle/thornel/file_descriptor.h>
 
 namespace cindral::standard {
 
-/// Connects to a host and port without blocking, trying each of the host's addresses in turn. The look-up of
-/// a name may block in the resolver.
-class TcpConnector {
+/// Where a socket can be connected to.
+struct SocketAddress {
+    sockaddr_storage address;
+    socklen_t size;
+};
+using SocketAddresses = std::vector<SocketAddress>;
+
+/// The addresses of a host's port; none if the host is not known. May block in the resolver.
+SocketAddresses ResolveHost(std::string const& host, unsigned int port);
+/// The address of a Unix-domain socket; none if the path is too long.
+SocketAddresses LocalAddress(std::string const& path);
+
+/// Connects a stream socket without blocking, trying each of several addresses in turn. TCP sends small
+/// pieces at once (TCP_NODELAY).
+class SocketConnector {
 public:
-    TcpConnector(std::string const& host, unsigned int port);
+    explicit SocketConnector(SocketAddresses addresses) : _addresses(std::move(addresses)) {}
 
     /// Tries the next address. Returns a descriptor to be polled for output, which the object owns, or -1
     /// when there is no address left.
@@ -25,12 +38,8 @@ public:
     FileDescriptor& Take() { return _fd; }
 
 private:
-    struct Free {
-        void operator()(addrinfo* list) const { freeaddrinfo(list); }
-    };
-
-    std::unique_ptr<addrinfo, Free> _addresses;
-    addrinfo const* _next = nullptr;
+    SocketAddresses const _addresses;
+    std::size_t _next = 0;
     FileDescriptor _fd;
 };
 

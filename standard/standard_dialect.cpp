@@ -7,10 +7,13 @@
 #include <cstring>
 #include <deque>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <openssl/crypto.h>
 
 #include <brantle/channel/tcp_forwarding.h>
+#include <brantle/channel/x11_forwarding.h>
 #include <brantle/cindral/exceptions.h>
 #include <brantle/event/timers.h>
 #include <brantle/packet/channel_messages.h>
@@ -41,7 +44,13 @@ namespace {
 
 constexpr unsigned int SESSION_CHANNEL = 0;
 constexpr unsigned char NUL = 0;
-constexpr std::size_t MAX_DEFERRED = 64; ///< CHANNEL_OPEN messages received before the loop runs
+constexpr std::size_t MAX_OPENINGS = 64;        ///< CHANNEL_OPEN messages received before the loop runs
+constexpr std::size_t MAX_DEFERRED = 0x2000000; ///< bytes of messages that wait for the loop
+constexpr std::size_t MESSAGE_OVERHEAD = 64;    ///< what each of them occupies besides
+constexpr std::size_t DATA_LENGTH = 1 + 1 + 4; ///< where a message for the session has the length of its data
+constexpr std::size_t DATA_START = DATA_LENGTH + 4;
+constexpr unsigned int X11_PORT = 6000; ///< of display 0
+constexpr unsigned int X11_DISPLAYS = 1000;
 
 String_t Text(std::string const& text) {
     return String_t(text.data(), static_cast<unsigned int>(text.size()));
@@ -50,21 +59,27 @@ String_t Text(std::string const& text) {
 char const* Chars(String_t const& text) { return text.Text() ? text.Text() : ""; }
 
 /// A message in the form that ISshPacketStream returns: with a padding length of 0 before it.
-ByteString Packed(View message) {
-    ByteString packet(static_cast<unsigned int>(1 + message.size()));
-    packet.Data()[0] = 0;
-    std::memcpy(packet.Data() + 1, message.data(), message.size());
-    return packet;
+Bytes Packed(View message) { return Writer(0).Fixed(message).Take(); }
+
+ByteString ToByteString(Bytes const& bytes) {
+    return ByteString(bytes.data(), static_cast<unsigned int>(bytes.size()));
 }
 
-/// Whether a message asks for the subsystem "sftp".
-bool IsSftpRequest(View message) {
-    Reader fields(View(message.begin() + 1, message.size() - 1), "CHANNEL_REQUEST");
-    fields.Int();
-    if (fields.String() != View("subsystem")) return false;
-    fields.Bool();
-    return fields.String() == View("sftp");
-}
+/// What dialect and server need to know of a request of the session.
+struct RequestSummary {
+    explicit RequestSummary(View message) {
+        Reader fields(View(message.begin() + 1, message.size() - 1), "request");
+        if (message[0] == Packet::SSH_MSG_CHANNEL_REQUEST) fields.Int();
+        View const name = fields.String();
+        isReported = fields.Bool();
+        isX11 = name == View("x11-req");
+        isSftp = name == View("subsystem") && fields.String() == View("sftp");
+    }
+
+    bool isReported; ///< the session waits for the answer
+    bool isX11;
+    bool isSftp;
+};
 
 /// Copies the attributes of a file (draft-ietf-secsh-filexfer-02, section 5).
 void CopyAttributes(Reader& from, Writer& to) {
@@ -106,6 +121,7 @@ public:
     bool HasInput() override;
     void RegisterInput(int fd, SshChannel const& channel) override;
     void Accept(SshSession::LocalForwarding& forwarding) override;
+    int ResolveTarget(unsigned int listenPort, String_t const& host, unsigned int port) override;
     FileTransfer& Transfer() override { return _copies; }
 
     // PacketFilter; its HasInput is the one above
@@ -122,7 +138,7 @@ public:
     void OnData(Channel& channel, View data) override;
     void OnErrorData(Channel& channel, View data) override;
     void OnEof(Channel& channel) override;
-    void OnClosed(Channel& channel) override;
+    bool OnClosed(Channel& channel) override;
     void OnWindow(Channel& channel) override;
     void OnOpenRequest(OpenRequest const& request) override;
     void OnRequestRefused(Channel& channel, std::string const& name, bool isReported) override;
@@ -134,13 +150,15 @@ public:
     void EndWrite(std::size_t size) override;
     void SetReceiver(DataReceiver* receiver) override { _receiver = receiver; }
     void Serve() override;
+    void Close() override;
 
     // LoopHost
     SshChannelMgr& Table() override { return SessionDialect::Table(); }
     IOMultiplexer& Mux() override { return SessionDialect::Mux(); }
     SshChannel& NewTcpChannel(unsigned int remote, char const* type, FileDescriptor& connection) override;
-    bool OpenX11Channel(View message) override;
-    bool FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) override;
+    SocketAddresses const* X11Server() override { return X11() ? &_x11Server : nullptr; }
+    Bytes X11Setup(View message) override;
+    SocketAddresses const* FindTarget(unsigned int port) override;
     void OnSessionEnd() override { _session.Terminate(); }
     void SetLastError(std::string const& text) override { _lastError = Text(text); }
 
@@ -180,10 +198,15 @@ private:
         Impl& _impl;
     };
 
-    /// A message for the session, and the number of bytes of channel data that it represents.
+    /// Data for the session, as a message, and the number of bytes of channel data that it represents.
     struct Incoming {
-        ByteString packet;
+        Bytes packet;
         std::size_t bytes;
+    };
+    /// The target of a remote forwarding.
+    struct Target {
+        unsigned int listenPort;
+        SocketAddresses addresses;
     };
 
     // SftpReplies
@@ -192,10 +215,19 @@ private:
     int Identify(Deadline const& deadline, std::string& reason);
     void Deliver(View data, std::size_t bytes);
     void DeliverStatus(View message);
+    void Submit(View message);
+    void ResolveX11Server();
+    ByteString ReadAnswer();
+    ByteString ReadData();
+    void GrantPart();
     Channel& OpenSession();
-    void ServeBlocking();
+    void ServeBlocking(Deadline const& deadline = Deadline(Transport::TIME_LIMIT));
     void FlushBlocking();
     void TakeMessages();
+    bool MustWait(View message) const;
+    void Defer(View message);
+    void TakeDeferred();
+    void EndEarly();
     void ServeIdle();
     int Refused(std::string const& reason);
     /// Does a step in which the connection may fail. The last error then says why.
@@ -205,11 +237,19 @@ private:
     KnownHostsFile _knownHosts;
     BlockCipher _plain; ///< messages are encoded without a cipher, and padded here
     FileCopies _copies;
-    std::deque<Incoming> _inbox;       ///< for the session, outside the loop
+    std::deque<Incoming> _inbox; ///< data for the session, outside the loop
+    std::vector<Bytes> _answers; ///< for the session
+    int _awaited = 0;            ///< number of the message whose answer the session reads next; 0: data
+    Deadline _answerBy{Transport::TIME_LIMIT};
     DataReceiver* _receiver = nullptr; ///< of the session channel's data, if not null
     bool _isSftp = false;
-    std::deque<Bytes> _deferred; ///< CHANNEL_OPEN messages that wait for the loop
-    bool _hasEnded = false;      ///< the session channel delivers no more data
+    std::size_t _granted = 0;       ///< bytes of an incomplete SFTP message for which window has been granted
+    std::deque<Bytes> _deferred;    ///< messages that wait for the loop
+    std::size_t _deferredBytes = 0; ///< that they occupy
+    bool _hasEnded = false;         ///< the session channel delivers no more data
+    bool _endsEarly = false;        ///< it was over before the loop ran
+    std::vector<Target> _targets;
+    SocketAddresses _x11Server;
     std::unique_ptr<IdleTimer> _idle;
 };
 
@@ -379,28 +419,57 @@ int StandardDialect::Impl::Authenticate(String_t const& identity, String_t const
 
 // --- messages outside the loop
 
-bool StandardDialect::Impl::HasInput() { return !_inbox.empty() || _connection.HasPacket(); }
+bool StandardDialect::Impl::HasInput() {
+    if (_connection.HasPacket()) return true;
+    return _loop.IsRunning() ? _endsEarly || !_deferred.empty() : !_inbox.empty() || !_answers.empty();
+}
 
 ByteString StandardDialect::Impl::Read() {
     if (!_connection.Exchange().HasKeys()) throw SshProtocolError("no keys are in force");
-    for (;;) {
-        if (!_inbox.empty()) {
-            Incoming const incoming = _inbox.front();
-            _inbox.pop_front();
-            if (Channel* const channel = _channels.Find(SESSION_CHANNEL))
-                _channels.Consume(*channel, incoming.bytes);
-            return incoming.packet;
-        }
+    return _awaited != 0 ? ReadAnswer() : ReadData();
+}
+
+/// A channel that the server has closed answers no more requests.
+ByteString StandardDialect::Impl::ReadAnswer() {
+    static constexpr unsigned char FAILURE = Packet::SSH_MSG_CHANNEL_FAILURE;
+    while (_answers.empty()) {
+        Channel const* const session = _channels.Find(SESSION_CHANNEL);
+        if (_awaited == Packet::SSH_MSG_CHANNEL_REQUEST && (!session || session->closeReceived))
+            _answers.push_back(Packed(Writer(FAILURE).Int(SESSION_CHANNEL).Get()));
+        else
+            ServeBlocking(_answerBy);
+    }
+    ByteString const answer = ToByteString(_answers.front());
+    _answers.erase(_answers.begin());
+    _awaited = 0;
+    return answer;
+}
+
+ByteString StandardDialect::Impl::ReadData() {
+    while (_inbox.empty()) {
         if (_hasEnded) return ByteString();
+        GrantPart();
         ServeBlocking();
     }
+    Incoming const incoming = std::move(_inbox.front());
+    _inbox.pop_front();
+    if (Channel* const channel = _channels.Find(SESSION_CHANNEL)) _channels.Consume(*channel, incoming.bytes);
+    return ToByteString(incoming.packet);
+}
+
+/// While the session waits for an SFTP message, its size is not limited by the window.
+void StandardDialect::Impl::GrantPart() {
+    Channel* const channel = _channels.Find(SESSION_CHANNEL);
+    if (!channel || PartSize() <= _granted) return;
+    _channels.Consume(*channel, PartSize() - _granted);
+    _granted = PartSize();
 }
 
 /// Handles what has arrived; waits if nothing has. The caller checks what it waits for after each call: also
 /// the end of a key exchange, or written output, may be it.
-void StandardDialect::Impl::ServeBlocking() {
+void StandardDialect::Impl::ServeBlocking(Deadline const& deadline) {
     Explained([&] {
-        if (!_connection.HasPacket()) _connection.WaitAndFill();
+        if (!_connection.HasPacket() || deadline.Remaining().count() == 0) _connection.WaitAndFill(deadline);
         TakeMessages();
     });
 }
@@ -418,8 +487,47 @@ void StandardDialect::Impl::FlushBlocking() {
 /// Handles what has been read.
 void StandardDialect::Impl::TakeMessages() {
     View message;
-    while (_connection.Next(message))
-        if (_channels.Take(message)) _inbox.push_back({Packed(message), 0});
+    while (_connection.Next(message)) {
+        if (MustWait(message))
+            Defer(message);
+        else if (_channels.Take(message))
+            _answers.push_back(Packed(message));
+    }
+}
+
+/// Whether a message is left to the loop. Within it, a call that waits for an answer may come from a
+/// channel's own operation, which must not be called again, nor its channel end, meanwhile.
+bool StandardDialect::Impl::MustWait(View message) const {
+    int const number = message[0];
+    if (!_loop.IsRunning()) return number == Packet::SSH_MSG_CHANNEL_OPEN && _deferred.size() < MAX_OPENINGS;
+    switch (number) {
+    case Packet::SSH_MSG_REQUEST_SUCCESS:
+    case Packet::SSH_MSG_REQUEST_FAILURE:
+    case Packet::SSH_MSG_UNIMPLEMENTED:
+    case Packet::SSH_MSG_CHANNEL_OPEN_CONFIRMATION:
+    case Packet::SSH_MSG_CHANNEL_OPEN_FAILURE:
+    case Packet::SSH_MSG_CHANNEL_SUCCESS:
+    case Packet::SSH_MSG_CHANNEL_FAILURE:
+        return false;
+    default:
+        return true;
+    }
+}
+
+void StandardDialect::Impl::Defer(View message) {
+    _deferredBytes += message.size() + MESSAGE_OVERHEAD;
+    if (_deferredBytes > MAX_DEFERRED) throw SshProtocolError("too many messages before an answer");
+    _deferred.push_back(message.Copy());
+}
+
+void StandardDialect::Impl::TakeDeferred() {
+    while (!_deferred.empty()) {
+        Bytes const deferred = std::move(_deferred.front());
+        _deferred.pop_front();
+        _deferredBytes -= deferred.size() + MESSAGE_OVERHEAD;
+        View message(deferred);
+        _channels.Take(message);
+    }
 }
 
 void StandardDialect::Impl::Write(Packet& packet, bool more) {
@@ -438,18 +546,18 @@ void StandardDialect::Impl::Write(Packet& packet, bool more) {
         Channel* const channel =
             _loop.IsRunning() ? _channels.FindRemote(remote) : _channels.Find(SESSION_CHANNEL);
         if (!channel) return;
-        if (number == Packet::SSH_MSG_CHANNEL_EOF)
-            _channels.PostEof(*channel);
-        else if (number == Packet::SSH_MSG_CHANNEL_CLOSE)
-            _channels.PostClose(*channel);
-        else if (_loop.IsRunning())
+        if (number == Packet::SSH_MSG_CHANNEL_DATA && _loop.IsRunning())
             _loop.Send(*channel, fields.String());
-        else
+        else if (number == Packet::SSH_MSG_CHANNEL_DATA)
             Write(fields.String());
+        else if (_loop.IsRunning())
+            _loop.SendEnd(*channel, number == Packet::SSH_MSG_CHANNEL_CLOSE);
+        else if (number == Packet::SSH_MSG_CHANNEL_EOF)
+            _channels.PostEof(*channel);
+        else
+            _channels.PostClose(*channel);
     } else {
-        if (number == Packet::SSH_MSG_CHANNEL_OPEN) _hasEnded = _isSftp = false;
-        if (number == Packet::SSH_MSG_CHANNEL_REQUEST && IsSftpRequest(message)) _isSftp = true;
-        _channels.Submit(message);
+        Submit(message);
     }
     if (more) return;
     if (_loop.IsRunning())
@@ -458,10 +566,33 @@ void StandardDialect::Impl::Write(Packet& packet, bool more) {
         FlushBlocking();
 }
 
+void StandardDialect::Impl::Submit(View message) {
+    int const number = message[0];
+    bool isAwaited = number == Packet::SSH_MSG_CHANNEL_OPEN;
+    if (number == Packet::SSH_MSG_CHANNEL_REQUEST || number == Packet::SSH_MSG_GLOBAL_REQUEST) {
+        RequestSummary const request(message);
+        isAwaited = request.isReported;
+        if (request.isX11) ResolveX11Server();
+        if (request.isSftp) _isSftp = true;
+    }
+    _channels.Submit(message);
+    if (number == Packet::SSH_MSG_CHANNEL_OPEN) {
+        _hasEnded = _isSftp = _endsEarly = false;
+        _granted = 0;
+        _inbox.clear();
+        DropPart();
+    }
+    if (!isAwaited) return;
+    _awaited = number;
+    _answerBy = Deadline(Transport::TIME_LIMIT);
+}
+
 Channel& StandardDialect::Impl::OpenSession() {
     Channel* const channel = _channels.Find(SESSION_CHANNEL);
-    if (!channel || _hasEnded || !channel->IsOpen())
-        throw SshProtocolError("the server has closed the channel");
+    if (!channel || _hasEnded || !channel->IsOpen()) {
+        bool const isByServer = !channel || channel->eofReceived || channel->closeReceived;
+        throw SshProtocolError(isByServer ? "the server has closed the channel" : "the channel is closed");
+    }
     return *channel;
 }
 
@@ -488,6 +619,12 @@ void StandardDialect::Impl::EndWrite(std::size_t size) { _channels.EndData(OpenS
 void StandardDialect::Impl::Serve() {
     OpenSession();
     ServeBlocking();
+}
+
+void StandardDialect::Impl::Close() {
+    if (Channel* const channel = _channels.Find(SESSION_CHANNEL)) _channels.PostClose(*channel);
+    _hasEnded = true;
+    FlushBlocking();
 }
 
 /// A name without a long name gets one that consists of a NUL byte: the session requires one, and reads this
@@ -525,17 +662,33 @@ void StandardDialect::Impl::DeliverStatus(View message) {
     Deliver(whole.String(status.Get()).Get(), message.size() + 4);
 }
 
+/// Small pieces are put together: each message costs memory of its own.
 void StandardDialect::Impl::Deliver(View data, std::size_t bytes) {
-    Writer message(Packet::SSH_MSG_CHANNEL_DATA);
-    message.Int(SESSION_CHANNEL).String(data);
-    _inbox.push_back({Packed(message.Get()), bytes});
+    std::size_t const granted = std::min(bytes, std::exchange(_granted, 0));
+    if (_inbox.empty() || _inbox.back().packet.size() + data.size() > Channels::MAX_PACKET)
+        _inbox.push_back(
+            {Writer(0).Byte(Packet::SSH_MSG_CHANNEL_DATA).Int(SESSION_CHANNEL).Int(0).Take(), 0});
+    Incoming& last = _inbox.back();
+    last.packet.insert(last.packet.end(), data.begin(), data.end());
+    StoreInt(last.packet.data() + DATA_LENGTH, static_cast<unsigned int>(last.packet.size() - DATA_START));
+    last.bytes += bytes - granted;
 }
 
 // --- in the loop
 
 int StandardDialect::Impl::Dispatch() {
-    Explained([&] { _loop.Dispatch(); });
+    Explained([&] {
+        if (_endsEarly) return EndEarly();
+        TakeDeferred();
+        _loop.Dispatch();
+    });
     return 1;
+}
+
+void StandardDialect::Impl::EndEarly() {
+    _endsEarly = false;
+    if (Channel* const session = _channels.Find(SESSION_CHANNEL)) _loop.OnClosed(*session);
+    _channels.Remove(SESSION_CHANNEL);
 }
 
 void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
@@ -545,22 +698,40 @@ void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
     if (!isFirst) return;
     _idle = std::make_unique<IdleTimer>(*this);
     Mux().Insert(_idle.get());
-    // What arrived before the loop was running.
-    for (Incoming const& incoming : std::exchange(_inbox, {})) {
-        View const message(incoming.packet.Data() + 1, incoming.packet.Length() - 1);
-        if (Channel* const session = _channels.Find(SESSION_CHANNEL); session && incoming.bytes > 0)
-            _loop.OnData(*session, View(message.begin() + Channels::DATA_HEADER, incoming.bytes), false);
-    }
-    for (Bytes const& deferred : std::exchange(_deferred, {})) {
-        View message(deferred);
-        _channels.Take(message);
-    }
+    // What arrived before the loop was running; the rest of it is left to the first Dispatch.
+    Channel* const session = _channels.Find(SESSION_CHANNEL);
+    for (Incoming const& incoming : std::exchange(_inbox, {}))
+        if (session)
+            _loop.OnData(*session,
+                         View(incoming.packet.data() + DATA_START, incoming.packet.size() - DATA_START),
+                         false);
     _loop.Settle();
 }
 
 /// Renews the keys by time also when nothing is sent or received.
 void StandardDialect::Impl::ServeIdle() {
     if (_channels.Find(SESSION_CHANNEL)) Explained([&] { _loop.Settle(); });
+}
+
+int StandardDialect::Impl::ResolveTarget(unsigned int listenPort, String_t const& host, unsigned int port) {
+    SocketAddresses addresses = ResolveHost(Chars(host), port);
+    if (addresses.empty())
+        return Refused(std::string("the target ") + Chars(host) + " of the remote forwarding is not known");
+    auto const isSame = [listenPort](Target const& target) { return target.listenPort == listenPort; };
+    _targets.erase(std::remove_if(_targets.begin(), _targets.end(), isSame), _targets.end());
+    _targets.push_back({listenPort, std::move(addresses)});
+    return 0;
+}
+
+/// Before the loop runs, as the resolver may block.
+void StandardDialect::Impl::ResolveX11Server() {
+    SshSession::X11Forwarding const* const x11 = X11();
+    if (!x11) return;
+    std::string const host = Chars(x11->_host);
+    if (host.empty() || host == "unix")
+        _x11Server = LocalAddress(Chars(x11->_localSocket));
+    else if (x11->_displayNumber < X11_DISPLAYS)
+        _x11Server = ResolveHost(host, X11_PORT + x11->_displayNumber);
 }
 
 void StandardDialect::Impl::Accept(SshSession::LocalForwarding& forwarding) {
@@ -597,7 +768,7 @@ void StandardDialect::Impl::OnEof(Channel& channel) {
     if (channel.isSession) _hasEnded = true;
 }
 
-void StandardDialect::Impl::OnClosed(Channel& channel) {
+bool StandardDialect::Impl::OnClosed(Channel& channel) {
     if (channel.isSession) {
         _exitStatus = channel.exitStatus;
         _exitSignal = Text(channel.exitSignal);
@@ -607,7 +778,12 @@ void StandardDialect::Impl::OnClosed(Channel& channel) {
         else if (channel.exitStatus < 0)
             SetLastError("the server closed the channel without an exit status");
     }
-    if (_loop.IsRunning()) _loop.OnClosed(channel);
+    if (!_loop.IsRunning()) {
+        _endsEarly = channel.isSession;
+        return !channel.isSession;
+    }
+    _loop.OnClosed(channel);
+    return true;
 }
 
 void StandardDialect::Impl::OnWindow(Channel& channel) {
@@ -616,7 +792,6 @@ void StandardDialect::Impl::OnWindow(Channel& channel) {
 
 void StandardDialect::Impl::OnOpenRequest(OpenRequest const& request) {
     if (_loop.IsRunning()) return _loop.OnOpenRequest(request);
-    if (_deferred.size() < MAX_DEFERRED) return _deferred.push_back(request.message.Copy());
     _channels.PostRefusal(request, Packet::SSH_OPEN_RESOURCE_SHORTAGE, "too many channels");
 }
 
@@ -631,20 +806,28 @@ SshChannel& StandardDialect::Impl::NewTcpChannel(unsigned int remote, char const
     return *Table().NewTcpConnection(remote, type, Channels::MAX_WINDOW, connection, &In(), &Out());
 }
 
-bool StandardDialect::Impl::OpenX11Channel(View message) {
-    PacketDecoder decoder(Packed(message));
-    return _session.OpenForwardedX11Channel(PacketOpenTcpChannel(decoder)) == 0;
+/// An X server without access control does not check the cookie: without one, the remote client's is passed
+/// on.
+Bytes StandardDialect::Impl::X11Setup(View message) {
+    SshSession::X11Forwarding const* const x11 = X11();
+    if (!x11) return {};
+    auto const view = [](ByteString const& bytes) { return View(bytes.Data(), bytes.Length()); };
+    View const fake = view(x11->_fakeCookie);
+    View const real = view(x11->_realCookie);
+    return ReplaceX11Authorization(message, {SshSession::X11Forwarding::_defaultAuthMethod, fake},
+                                   {Chars(x11->_authMethod), real.empty() ? fake : real});
 }
 
 /// The session keeps a forwarding of port 0 under 0, but the server announces connections under the port that
 /// it chose.
-bool StandardDialect::Impl::FindTarget(unsigned int port, std::string& host, unsigned int& targetPort) {
-    SshSession::ForwardingInfo const* info = RemoteForwardings().Find(port);
-    if (!info && port == _channels.RemotePort()) info = RemoteForwardings().Find(0);
-    if (!info) return false;
-    host = Chars(info->_host);
-    targetPort = info->_port;
-    return true;
+SocketAddresses const* StandardDialect::Impl::FindTarget(unsigned int port) {
+    if (!RemoteForwardings().Find(port)) {
+        if (port != _channels.RemotePort() || !RemoteForwardings().Find(0)) return nullptr;
+        port = 0;
+    }
+    for (Target const& target : _targets)
+        if (target.listenPort == port) return &target.addresses;
+    return nullptr;
 }
 
 void StandardDialect::Impl::SetAlgorithms(AlgorithmKind kind, char const* place, String_t const& names,

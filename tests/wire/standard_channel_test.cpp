@@ -2,7 +2,11 @@
 
 #include <thread>
 
+#include <brantle/channel/ssh_data_stream.h>
+#include <brantle/packet/channel_messages.h>
+
 #include "wire/standard_fixture.h"
+#include "wire/tcp_end.h"
 
 using namespace peer;
 using testing::AllOf;
@@ -388,6 +392,275 @@ TEST_F(StandardChannel, OutputIsWholeThoughItsReaderIsSlowAndTheServerHasGone) {
     EXPECT_EQ(result.outcome, RUN_ENDED);
     EXPECT_EQ(result.exitStatus, 3);
     EXPECT_EQ(text.size(), 20 * piece.size());
+}
+
+// --- before the loop
+
+TEST_F(StandardChannel, OutputAndEndBeforeTheLoopAreNotLost) {
+    input.Write("input");
+    int forwarded = 4711;
+    int terminations = 0;
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            c.SendTogether({Data("out"), ExtendedData("err", 1), Data("put"), ExitStatus(3), Eof(), Close()});
+            c.SkipTo(GLOBAL_REQUEST);
+            c.SendPacket({REQUEST_SUCCESS});
+        },
+        [&](StandardClient& client) {
+            client.beforeLoop = [&] { forwarded = client.session.StartRemoteForwarding("7:127.0.0.1:1"); };
+            client.beforeRun = [&] { terminations -= client.session.terminations; };
+            client.afterRun = [&] { terminations += client.session.terminations; };
+        });
+    EXPECT_EQ(forwarded, 0);
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.output, "output");
+    EXPECT_EQ(result.errors, "err");
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(terminations, 1) << "in Run";
+}
+
+TEST_F(StandardChannel, ChannelClosedInPlaceOfAnAnswerEndsTheSession) {
+    StandardResult const result = RunFrom(
+        [](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ExpectPacket(CHANNEL_REQUEST);
+            c.SendTogether({ExitStatus(3), Close()});
+            c.ReadToTheEnd();
+        },
+        [](StandardClient& client) {
+            client.beforeOpen = [&] { client.session.StartX11Forwarding(0, ":0"); };
+        });
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.exitStatus, 3);
+}
+
+TEST_F(StandardChannel, SecondOpenIsRefusedWhileTheChannelIsOpen) {
+    std::string second;
+    StandardResult const result =
+        Run([](StandardConnection& c) { c.SendTogether(Ending(3)); },
+            [&](StandardClient& client) {
+                client.beforeLoop = [&] { second = Outcome([&] { return client.session.Open(); }); };
+            });
+    EXPECT_THAT(second, StartsWith("InvalidArgument: SshSession::Open"));
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(Seen().CountReceived(CHANNEL_OPEN), 1u);
+}
+
+TEST_F(StandardChannel, BytesThatComeSinglyAreKeptTogether) {
+    constexpr unsigned BYTES = 1000;
+    settings.window = 0;
+    unsigned first = 0;
+    Run(
+        [](StandardConnection& c) {
+            c.SendTogether(std::vector<Bytes>(BYTES, Data("x")));
+            c.SendPacket(WindowAdjust(0, 5));
+            c.SkipTo(CHANNEL_DATA);
+            c.SendTogether(Ending());
+        },
+        [&](StandardClient& client) {
+            client.beforeLoop = [&] {
+                cindral::OSshDataStream out(client.session._out, 0, client.session._windowSize);
+                out.Write("input", 5);
+                out.Flush(); // waits for the window
+                first = client.session._in.ReadPacket().Length();
+            };
+        });
+    EXPECT_GE(first, BYTES);
+}
+
+TEST_F(StandardChannel, OpeningsUnderOneNumberBeforeTheLoopEndTheSession) {
+    Bytes const opening = Writer()
+                              .U8(CHANNEL_OPEN)
+                              .String("forwarded-tcpip")
+                              .U32(77)
+                              .U32(WINDOW)
+                              .U32(MAX_PACKET)
+                              .Raw(Writer().String("localhost").U32(7).String("127.0.0.1").U32(2).Data());
+    tcp::Service const target;
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            c.SkipTo(GLOBAL_REQUEST);
+            c.SendTogether({{REQUEST_SUCCESS}, opening, opening});
+        },
+        [&](StandardClient& client) {
+            client.beforeLoop = [&] {
+                client.session.StartRemoteForwarding(target.Port(), "127.0.0.1", 7, "localhost");
+            };
+        });
+    EXPECT_THAT(result.outcome, AllOf(StartsWith("Run SshProtocolError: "), HasSubstr("number twice")));
+}
+
+// --- what a program does in the loop
+
+TEST_F(StandardChannel, EofOfAProgramComesAfterItsData) {
+    settings.window = 5;
+    std::unique_ptr<AtOnce> timer;
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            c.SkipTo(CHANNEL_DATA);
+            c.SendPacket(WindowAdjust(0, 5));
+            c.SkipTo(CHANNEL_EOF);
+            c.SendTogether(Ending());
+        },
+        [&](StandardClient& client) {
+            timer = std::make_unique<AtOnce>([&client] {
+                client.session._channels.Find(0)->ForwardToSshd("0123456789", 10);
+                client.session.CloseChannel(0);
+            });
+            client.beforeRun = [&] { client.session.Multiplexer().Insert(timer.get()); };
+        });
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_THAT(DataOfTheClient(), testing::ElementsAre("01234", "56789"));
+}
+
+TEST_F(StandardChannel, DataOfAProgramLeaveWithoutFurtherEvents) {
+    constexpr std::size_t SIZE = 1 << 20;
+    settings.window = 2 * SIZE;
+    std::unique_ptr<AtOnce> timer;
+    std::string const data(SIZE, 'x');
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            std::size_t received = 0;
+            while (received < SIZE) {
+                Reader message = c.SkipTo(CHANNEL_DATA);
+                message.U32();
+                received += message.String().size();
+            }
+            c.SendTogether(Ending());
+        },
+        [&](StandardClient& client) {
+            timer = std::make_unique<AtOnce>(
+                [&] { client.session._channels.Find(0)->ForwardToSshd(data.data(), SIZE); });
+            client.beforeRun = [&] { client.session.Multiplexer().Insert(timer.get()); };
+        });
+    EXPECT_EQ(result.exitStatus, 0);
+}
+
+/// A channel of a program's own class, which passes its data to a function.
+class OwnChannel : public cindral::SshChannel {
+public:
+    using Received = std::function<void(OwnChannel&)>;
+
+    class Maker : public cindral::SshChannelMakerBase {
+    public:
+        explicit Maker(Received received) : _received(std::move(received)) {}
+        cindral::SshChannel* operator()(unsigned int localId, unsigned int remoteId, String_t const& name,
+                                        unsigned int windowSize, cindral::ISshPacketStream* in,
+                                        cindral::OSshPacketStream* out) const override {
+            return new OwnChannel(_received, localId, remoteId, name, windowSize, in, out);
+        }
+
+    private:
+        Received _received;
+    };
+
+    ~OwnChannel() override { *isGone = true; }
+    void Forward(char const*, unsigned int) override { _received(*this); }
+
+    std::shared_ptr<bool> const isGone = std::make_shared<bool>(false);
+
+private:
+    OwnChannel(Received received, unsigned int localId, unsigned int remoteId, String_t const& name,
+               unsigned int windowSize, cindral::ISshPacketStream* in, cindral::OSshPacketStream* out)
+        : SshChannel(localId, remoteId, name, windowSize, -1, -1, -1, in, out),
+          _received(std::move(received)) {}
+
+    Received _received;
+};
+
+/// Sessions with a forwarded connection whose channel, 1 here and 500 at the server, is the program's own.
+class StandardOwnChannel : public StandardChannel {
+protected:
+    StandardResult RunWithOwn(std::function<void(StandardClient&, OwnChannel&)> const& received,
+                              Script const& script) {
+        return Run(
+            [&](StandardConnection& c) {
+                c.SkipTo(GLOBAL_REQUEST);
+                c.SendPacket({REQUEST_SUCCESS});
+                c.SendPacket(Writer()
+                                 .U8(CHANNEL_OPEN)
+                                 .String("forwarded-tcpip")
+                                 .U32(500)
+                                 .U32(WINDOW)
+                                 .U32(MAX_PACKET)
+                                 .String("localhost")
+                                 .U32(7)
+                                 .String("127.0.0.1")
+                                 .U32(2));
+                c.SkipTo(CHANNEL_OPEN_CONFIRMATION);
+                c.SendPacket(Data("now"));
+                script(c);
+            },
+            [&](StandardClient& client) {
+                client.beforeLoop = [&] {
+                    client.session.StartRemoteForwarding(_target.Port(), "127.0.0.1", 7, "localhost");
+                };
+                client.beforeRun = [&] {
+                    client.session.ReplaceChannel(
+                        0, OwnChannel::Maker([&](OwnChannel&) {
+                            client.session.ReplaceChannel(
+                                1, OwnChannel::Maker([&](OwnChannel& own) { received(client, own); }));
+                        }));
+                };
+            });
+    }
+
+private:
+    tcp::Service _target;
+};
+
+TEST_F(StandardOwnChannel, ClosedWithinItsOwnOperationItIsKeptUntilThatHasReturned) {
+    int forwarded = 4711;
+    bool wasGone = true, isGone = false;
+    std::shared_ptr<bool> flag;
+    StandardResult const result = RunWithOwn(
+        [&](StandardClient& client, OwnChannel& own) {
+            flag = own.isGone;
+            forwarded = client.session.StartRemoteForwarding("8:127.0.0.1:1");
+            wasGone = *flag;
+        },
+        [&](StandardConnection& c) {
+            c.SendPacket(Data("text", 1));
+            c.SkipTo(GLOBAL_REQUEST);
+            c.SendTogether({Close(1), {REQUEST_SUCCESS}});
+            EXPECT_EQ(c.SkipTo(CHANNEL_CLOSE).U32(), 500u);
+            c.SendTogether(Ending(3));
+            c.SkipTo(CHANNEL_CLOSE);
+            isGone = *flag;
+        });
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(forwarded, 0);
+    EXPECT_FALSE(wasGone);
+    EXPECT_TRUE(isGone);
+}
+
+TEST_F(StandardOwnChannel, EndedByItsOwnOperationItIsClosedOnce) {
+    std::shared_ptr<bool> flag;
+    StandardResult const result = RunWithOwn(
+        [&](StandardClient& client, OwnChannel& own) {
+            cindral::PacketChannelClose close(own._remoteId);
+            client.session.CloseChannel(own._localId);
+            client.session._out.WritePacket(close);
+        },
+        [&](StandardConnection& c) {
+            c.SendPacket(Data("text", 1));
+            EXPECT_EQ(c.SkipTo(CHANNEL_EOF).U32(), 500u);
+            EXPECT_EQ(c.SkipTo(CHANNEL_CLOSE).U32(), 500u);
+            c.SendTogether({Data("more", 1), Close(1), Data("end"), ExitStatus(3), Close()});
+        });
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(Seen().CountReceived(CHANNEL_CLOSE), 2u); // with that of the session
+}
+
+TEST_F(StandardOwnChannel, TakenOutOfTheTableByItsOwnOperationItIsClosed) {
+    StandardResult const result =
+        RunWithOwn([&](StandardClient& client, OwnChannel&) { client.session._channels.RemoveChannel(1); },
+                   [&](StandardConnection& c) {
+                       c.SendPacket(Data("text", 1));
+                       EXPECT_EQ(c.SkipTo(CHANNEL_CLOSE).U32(), 500u);
+                       c.SendTogether({Data("more", 1), Close(1), ExitStatus(3), Close()});
+                   });
+    EXPECT_EQ(result.exitStatus, 3);
 }
 
 } // namespace

@@ -99,6 +99,28 @@ TEST_F(StandardDeadline, ServerThatTakesItsTimeForEachAnswerIsWaitedFor) {
     EXPECT_EQ(result.exitStatus, 3);
 }
 
+TEST_F(StandardDeadline, ForwardingThatIsNotAnsweredWithinTheLoopIsGivenUp) {
+    std::unique_ptr<AtOnce> timer;
+    StandardResult const result = RunFrom(
+        [](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            c.SkipTo(GLOBAL_REQUEST);
+            for (int i = 0; i < 50; ++i) {
+                c.SendPacket(Data("x"));
+                Wait(10);
+            }
+            c.SendPacket({REQUEST_SUCCESS});
+            c.SendTogether(Ending());
+            c.ReadToTheEnd();
+        },
+        [&](StandardClient& client) {
+            timer = std::make_unique<AtOnce>([&] { client.session.StartRemoteForwarding("7:127.0.0.1:1"); });
+            client.beforeRun = [&] { client.session.Multiplexer().Insert(timer.get()); };
+        });
+    EXPECT_EQ(result.outcome, std::string("Run ") + noAnswer);
+}
+
 } // namespace
 
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {

@@ -45,7 +45,10 @@ public:
     RecordingCallback questions;
     std::string identity;
     std::string password = "secret";
-    std::function<void()> beforeRun; ///< called when the channel is open and the command requested
+    std::function<void()> beforeOpen; ///< called after the login
+    std::function<void()> beforeLoop; ///< called when the channel is open and the command requested
+    std::function<void()> beforeRun;  ///< called when the loop has taken over, too
+    std::function<void()> afterRun;
 
     /// Connects and logs in. Empty, or the step that failed and how.
     std::string LogIn() { return Follow({Connecting(), ExchangingKeys(), Authenticating()}); }
@@ -54,15 +57,21 @@ public:
         std::string const failure = Follow({Connecting(),
                                             ExchangingKeys(),
                                             Authenticating(),
-                                            {"Open ", [&] { return session.Open(); }},
+                                            {"Open ",
+                                             [&] {
+                                                 if (beforeOpen) beforeOpen();
+                                                 return session.Open();
+                                             }},
                                             {"Start ",
                                              [&] {
                                                  session.StartCommand("command");
+                                                 if (beforeLoop) beforeLoop();
                                                  session.InitDispatcher();
                                                  if (beforeRun) beforeRun();
                                                  return 0;
                                              }},
                                             {"Run ", [&] { return session.Run(); }}});
+        if (afterRun) afterRun();
         return failure.empty() ? "nothing" : failure;
     }
 

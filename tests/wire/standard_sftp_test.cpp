@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include <brantle/apps/scp_session.h>
 #include <brantle/sftp/sftp_client_session.h>
 
 #include "support/temporary_directory.h"
@@ -336,6 +337,150 @@ TEST_F(StandardSftp, ChannelThatEndsWithinACopyFailsIt) {
                 });
             EXPECT_THAT(copied.outcome, StartsWith("Copy SshProtocolError: "));
         }
+}
+
+TEST_F(StandardSftp, MessageLargerThanTheWindowIsRead) {
+    constexpr unsigned OPEN_DIRECTORY = 11, READ_DIRECTORY = 12;
+    constexpr std::size_t NAMES = 12, LENGTH = 1 << 18; // 3 MiB
+    Serve([&](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        SftpServer sftp(c);
+        bool isListed = false;
+        sftp.instead = [&](unsigned type, std::uint32_t id, Reader& request) {
+            if (type != OPEN_DIRECTORY && type != READ_DIRECTORY) return false;
+            Bytes const name = request.Blob();
+            if (std::find(name.begin(), name.end(), '*') != name.end()) {
+                sftp.Send(StatusReply(id, 2, "none"));
+            } else if (type == OPEN_DIRECTORY) {
+                sftp.Send(Writer().U8(102).U32(id).String("directory"));
+            } else if (isListed) {
+                sftp.Send(StatusReply(id, 1, "end"));
+            } else {
+                std::vector<std::string> names;
+                for (std::size_t i = 0; i < NAMES; ++i)
+                    names.push_back(std::string(LENGTH, static_cast<char>('a' + i)));
+                Bytes const reply = Writer().String(Names(names, id));
+                std::size_t window = 0x200000 - 1000; // what is left of it, or less
+                for (std::size_t at = 0; at < reply.size(); at += 0x8000) {
+                    while (window < 0x8000) {
+                        Reader grant = c.SkipTo(CHANNEL_WINDOW_ADJUST);
+                        grant.U32();
+                        window += grant.U32();
+                    }
+                    c.SendPacket(Writer().U8(CHANNEL_DATA).U32(0).String(Slice(reply, at, 0x8000)));
+                    window -= 0x8000;
+                }
+                isListed = true;
+            }
+            return true;
+        };
+        try {
+            sftp.Serve();
+        } catch (Closed const&) {
+        }
+        c.ReadToTheEnd();
+    });
+    {
+        cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        ASSERT_EQ(session.Start(), 0);
+        cindral::SftpStatus status;
+        TOList<String_t> names;
+        session.Glob(status, names, "/home/*");
+        ASSERT_EQ(names.Len(), NAMES);
+    }
+    server->Finish();
+}
+
+/// What a program may throw.
+struct Stop {};
+
+class StoppingDialect : public cindral::StandardDialect {
+public:
+    using StandardDialect::StandardDialect;
+    void Progress(String_t const&, unsigned long long, unsigned long long) override {
+        if (stops) throw Stop();
+    }
+    bool stops = true;
+};
+
+TEST_F(StandardSftp, CopyThatTheProgressBreaksOffLeavesTheSessionUsable) {
+    std::string const content = Numbers(500000);
+    support::TemporaryDirectory const directory;
+    std::string const local = directory.Path() / "file";
+    for (bool toServer : {false, true}) {
+        std::ofstream(local) << content;
+        int opened = 0, closed = 0;
+        Serve([&](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            SftpServer sftp(c);
+            sftp.content = content;
+            sftp.instead = [&](unsigned type, std::uint32_t id, Reader&) {
+                opened += type == OPEN;
+                closed += type == CLOSE_FILE;
+                if (type == CLOSE_FILE) sftp.Send(StatusReply(id, 0, ""));
+                return type == CLOSE_FILE;
+            };
+            try {
+                sftp.Serve();
+            } catch (Closed const&) {
+            }
+        });
+        {
+            cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+            StoppingDialect dialect(session);
+            Login(session);
+            ASSERT_EQ(session.Start(), 0);
+            cindral::SftpStatus status;
+            auto const copy = [&] {
+                return toServer ? session.Put(status, local.c_str(), "remote")
+                                : session.Get(status, "remote", local.c_str());
+            };
+            EXPECT_THROW(copy(), Stop);
+            dialect.stops = false;
+            EXPECT_EQ(Outcome(copy), "0");
+        }
+        server->Finish();
+        EXPECT_EQ(opened, 2);
+        EXPECT_EQ(closed, 2);
+        EXPECT_TRUE(FileText(local) == content);
+    }
+}
+
+TEST_F(StandardSftp, ScpCopyThatTheProgressBreaksOffClosesItsChannel) {
+    support::TemporaryDirectory const directory;
+    std::string const local = directory.Path() / "file";
+    for (bool toServer : {false, true}) {
+        std::ofstream(local) << Numbers(500000);
+        Serve([&](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            if (toServer)
+                c.SendTogether({Data(std::string(1, '\0')), Data(std::string(1, '\0'))});
+            else
+                c.SendTogether({Data("C0644 500000 file\n"), Data(Numbers(30000)), Data(Numbers(30000))});
+            c.ReadToTheEnd();
+        });
+        {
+            cindral::ScpSession session(server->Port(), "127.0.0.1");
+            StoppingDialect dialect(session);
+            Login(session);
+            auto const copy = [&] {
+                return toServer ? session.SendFile(directory.Path().c_str(), "file")
+                                : session.ReceiveFile(directory.Path().c_str(), "file");
+            };
+            TOList<String_t> names;
+            names.Append("file");
+            ASSERT_EQ(toServer ? session.StartSend("target") : session.StartReceive("source", names), 0);
+            EXPECT_THROW(copy(), Stop);
+            if (toServer) {
+                EXPECT_THAT(Outcome(copy), StartsWith("SshProtocolError: the channel is closed"));
+            }
+        }
+        server->Finish();
+        EXPECT_EQ(Seen().CountReceived(CHANNEL_CLOSE), 1u);
+    }
 }
 
 } // namespace

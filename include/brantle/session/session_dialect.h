@@ -44,6 +44,9 @@ public:
     /// Accepts the connections that wait at a local forwarding's listener, which is readable, and asks the
     /// server for a channel for each (RFC 4254, section 7.2).
     virtual void Accept(SshSession::LocalForwarding& forwarding) = 0;
+    /// Looks up the target of a remote forwarding, before the server is asked to listen on `listenPort`.
+    /// Returns 0, or -1 if the host is not known: the forwarding is not started then.
+    virtual int ResolveTarget(unsigned int listenPort, String_t const& host, unsigned int port) = 0;
     /// Copies whole files in place of the sessions for SFTP and scp. The dialect owns the result, which is
     /// the same object each time.
     virtual FileTransfer& Transfer() = 0;
@@ -77,6 +80,8 @@ protected:
     TMap<unsigned int, SshSession::ForwardingInfo, GCmp<unsigned int>> const& RemoteForwardings() const {
         return _session._remoteForwardings;
     }
+    /// Null while X11 is not forwarded.
+    SshSession::X11Forwarding const* X11() const { return _session._x11.Get(); }
 
     SshSession& _session;
 };

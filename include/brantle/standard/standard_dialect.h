@@ -76,7 +76,8 @@ public:
     void SetKeepModes(bool keep);
     /// Called as the copy of a whole file proceeds, over SFTP and scp, with the file's name, the bytes done
     /// and the total, which is 0 if not known. The default does nothing; an override may throw, which ends
-    /// the copy.
+    /// the copy and reaches its caller: over SFTP the session can be used further, over scp its channel is
+    /// closed, and it can only be destroyed.
     virtual void Progress(String_t const& name, unsigned long long done, unsigned long long total);
 
     /// The remote command's exit status, -1 while there is none: the command has not ended, was ended by a

@@ -34,8 +34,9 @@ public:
     SshChannel& NewTcpChannel(unsigned int remote, char const* type, FileDescriptor& connection) override {
         return *table.NewTcpConnection(remote, type, WINDOW, connection, &_in, &_out);
     }
-    bool OpenX11Channel(View) override { return false; }
-    bool FindTarget(unsigned int, std::string&, unsigned int&) override { return false; }
+    SocketAddresses const* X11Server() override { return nullptr; }
+    Bytes X11Setup(View) override { return {}; }
+    SocketAddresses const* FindTarget(unsigned int) override { return nullptr; }
     void OnSessionEnd() override { sessionHasEnded = true; }
     void SetLastError(std::string const& text) override { lastError = text; }
 
@@ -58,7 +59,10 @@ public:
     void OnData(Channel& channel, View data) override { loop->OnData(channel, data, false); }
     void OnErrorData(Channel& channel, View data) override { loop->OnData(channel, data, true); }
     void OnEof(Channel& channel) override { loop->OnEof(channel); }
-    void OnClosed(Channel& channel) override { loop->OnClosed(channel); }
+    bool OnClosed(Channel& channel) override {
+        loop->OnClosed(channel);
+        return true;
+    }
     void OnWindow(Channel& channel) override { loop->OnWindow(channel); }
     void OnOpenRequest(OpenRequest const&) override {}
     void OnRequestRefused(Channel&, std::string const&, bool) override {}

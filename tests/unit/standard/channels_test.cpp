@@ -29,7 +29,10 @@ public:
     void OnData(Channel&, View) override {}
     void OnErrorData(Channel&, View) override {}
     void OnEof(Channel&) override {}
-    void OnClosed(Channel&) override { ++closed; }
+    bool OnClosed(Channel&) override {
+        ++closed;
+        return true;
+    }
     void OnWindow(Channel&) override { ++windows; }
     void OnOpenRequest(OpenRequest const&) override {}
     void OnRequestRefused(Channel&, std::string const&, bool) override {}
@@ -103,4 +106,20 @@ TEST_F(ChannelsOfAServer, KeepaliveThatIsNotImplementedIsAnswered) {
 
 TEST_F(ChannelsOfAServer, UnimplementedWithoutAGlobalRequestIsIgnored) {
     EXPECT_EQ(Take(peer::Writer().U8(3).U32(17)), peer::Bytes());
+}
+
+TEST_F(ChannelsOfAServer, NumberThatWaitsForAnAnswerIsNotGivenTwice) {
+    peer::Bytes const opening = peer::Writer().U8(90).String("x11").U32(REMOTE).U32(WINDOW).U32(WINDOW);
+    Take(opening);
+    EXPECT_THROW(Take(opening), SshProtocolError);
+    EXPECT_THROW(Open(0), SshProtocolError);
+}
+
+TEST_F(ChannelsOfAServer, NumberOfARefusedOpeningIsFree) {
+    peer::Bytes const opening = peer::Writer().U8(90).String("x11").U32(REMOTE).U32(WINDOW).U32(WINDOW);
+    Take(opening);
+    OpenRequest request{};
+    request.sender = REMOTE;
+    channels.PostRefusal(request, 1, "no");
+    EXPECT_NO_THROW(Take(opening));
 }
