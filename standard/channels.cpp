@@ -91,7 +91,7 @@ bool Channels::Take(View& message) {
         return false;
     case Packet::SSH_MSG_REQUEST_SUCCESS:
     case Packet::SSH_MSG_REQUEST_FAILURE:
-        return TakeGlobalAnswer(message);
+        return TakeGlobalAnswer(message, _globals.begin());
     case Packet::SSH_MSG_UNIMPLEMENTED:
         return TakeUnimplemented(message);
     case Packet::SSH_MSG_CHANNEL_OPEN:
@@ -251,28 +251,31 @@ void Channels::TakeGlobalRequest(View message) {
 }
 
 /// The session expects no port in the reply to its tcpip-forward request, even if the server sends one.
-bool Channels::TakeGlobalAnswer(View& message) {
-    if (_globals.empty()) Violation("an answer to no global request");
-    Global const request = _globals.front();
-    _globals.pop_front();
-    if (request == Global::KEEPALIVE) _keepalives = 0;
-    if (request == Global::FORWARDING && message[0] == Packet::SSH_MSG_REQUEST_FAILURE)
+bool Channels::TakeGlobalAnswer(View& message, Globals::iterator request) {
+    if (request == _globals.end() || !request->sequence) Violation("an answer to no global request");
+    Global::Kind const kind = request->kind;
+    _globals.erase(request);
+    if (kind == Global::KEEPALIVE) _keepalives = 0;
+    if (kind == Global::FORWARDING && message[0] == Packet::SSH_MSG_REQUEST_FAILURE)
         _events.OnForwardingRefused();
-    if (request == Global::FORWARDING && message[0] == Packet::SSH_MSG_REQUEST_SUCCESS) {
+    if (kind == Global::FORWARDING && message[0] == Packet::SSH_MSG_REQUEST_SUCCESS) {
         Reader fields(Fields(message), "REQUEST_SUCCESS");
         if (_isAnyPort) _remotePort = fields.Int();
         message = View(message.data(), 1);
     }
-    return request != Global::KEEPALIVE;
+    return kind != Global::KEEPALIVE;
 }
 
 /// A server without any global request answers them in this way; everything else that is sent here is known
 /// to all.
 bool Channels::TakeUnimplemented(View& message) {
     static constexpr unsigned char FAILURE = Packet::SSH_MSG_REQUEST_FAILURE;
-    if (_globals.empty()) return false;
+    unsigned int const sequence = Reader(Fields(message), "UNIMPLEMENTED").Int();
+    auto request = _globals.begin();
+    while (request != _globals.end() && request->sequence != sequence) ++request;
+    if (request == _globals.end()) return false;
     message = View(&FAILURE, 1);
-    return TakeGlobalAnswer(message);
+    return TakeGlobalAnswer(message, request);
 }
 
 void Channels::TakeOpening(View message) {
@@ -343,23 +346,29 @@ void Channels::SubmitGlobalRequest(View message) {
     View const name = fields.String();
     bool const isForwarding = name == View("tcpip-forward");
     bool const isReported = fields.Bool();
-    if (isReported) _globals.push_back(isForwarding ? Global::FORWARDING : Global::REPORTED);
-    if (!isForwarding && name != View("cancel-tcpip-forward")) return _connection.Post(message);
-    fields.String();
+    if (isForwarding || name == View("cancel-tcpip-forward"))
+        fields.String();
+    else
+        return isReported ? PostGlobal(Global::REPORTED, message) : _connection.Post(message);
     bool const isAnyPort = fields.Int() == 0;
     if (isForwarding) {
         _isAnyPort = isAnyPort;
-        return _connection.Post(message);
+        return PostGlobal(Global::FORWARDING, message);
     }
     Bytes cancel = message.Copy();
     if (isAnyPort) StoreInt(cancel.data() + cancel.size() - 4, _remotePort);
     _connection.Post(cancel);
 }
 
+void Channels::PostGlobal(Global::Kind kind, View message) {
+    _globals.push_back({kind, {}});
+    _connection.Post(message, &_globals.back().sequence);
+}
+
 void Channels::PostKeepalive() {
-    _globals.push_back(Global::KEEPALIVE);
     ++_keepalives;
-    _connection.Post(Writer(Packet::SSH_MSG_GLOBAL_REQUEST).String("keepalive@openssh.com").Bool(true).Get());
+    PostGlobal(Global::KEEPALIVE,
+               Writer(Packet::SSH_MSG_GLOBAL_REQUEST).String("keepalive@openssh.com").Bool(true).Get());
 }
 
 unsigned char* Channels::BeginData(std::size_t size) {

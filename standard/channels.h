@@ -2,8 +2,10 @@
 #define BRANTLE_STANDARD_CHANNELS_H
 
 #include <deque>
+#include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -141,7 +143,13 @@ public:
     unsigned int RemotePort() const { return _remotePort; }
 
 private:
-    enum class Global { KEEPALIVE, FORWARDING, REPORTED };
+    /// A global request of the client that the server has not answered yet.
+    struct Global {
+        enum Kind { KEEPALIVE, FORWARDING, REPORTED };
+        Kind kind;
+        std::optional<unsigned int> sequence; ///< of its packet, once that is sent
+    };
+    using Globals = std::list<Global>;
 
     Channel& Known(unsigned int local, char const* what) const;
     Channel& Open(unsigned int local, char const* what) const;
@@ -154,12 +162,13 @@ private:
     void TakeRequest(View fields);
     bool TakeAnswer(View message);
     void TakeGlobalRequest(View fields);
-    bool TakeGlobalAnswer(View& message);
+    bool TakeGlobalAnswer(View& message, Globals::iterator request);
     bool TakeUnimplemented(View& message);
     void TakeOpening(View message);
     void TakeExit(Channel& channel, std::string const& name, Reader& fields);
     void SubmitRequest(View message);
     void SubmitGlobalRequest(View message);
+    void PostGlobal(Global::Kind kind, View message);
     void SubmitOpening(View message);
     void RemoveIfClosed(Channel& channel);
     bool IsInUse(unsigned int remote) const;
@@ -171,7 +180,7 @@ private:
     unsigned int _numbers = 0;                                  ///< that channels have had: those below
     std::vector<unsigned int> _openings;                        ///< the server's numbers for channels that
                                                                 ///< it has asked for and has no answer to
-    std::deque<Global> _globals; ///< requests that wait for their replies, which arrive in order
+    Globals _globals;                                           ///< replies arrive in their order
     unsigned int _keepalives = 0;
     bool _isAnyPort = false; ///< the last remote forwarding asked for port 0
     unsigned int _remotePort = 0;

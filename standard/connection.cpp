@@ -109,16 +109,21 @@ void Connection::Fill() {
     if (!_transport.HasPacket()) _transport.Fill();
 }
 
-void Connection::Post(View message) {
+void Connection::Post(View message, std::optional<unsigned int>* sequence) {
     if (_transport.PendingOutput() > MAX_UNREAD) throw SshProtocolError("the server does not take data");
-    if (_exchange.MaySend() && _held.empty()) return _transport.Send(message);
+    if (_exchange.MaySend() && _held.empty()) return SendNow(message, sequence);
     if (_held.size() >= MAX_HELD) throw SshProtocolError("too many requests within a key exchange");
-    _held.push_back(message.Copy());
+    _held.push_back({message.Copy(), sequence});
+}
+
+void Connection::SendNow(View message, std::optional<unsigned int>* sequence) {
+    if (sequence) *sequence = _transport.OutputSequence();
+    _transport.Send(message);
 }
 
 void Connection::PostHeld() {
     if (_held.empty() || !_exchange.MaySend()) return;
-    for (Bytes const& message : _held) _transport.Send(message);
+    for (Held const& held : _held) SendNow(held.message, held.sequence);
     _held.clear();
 }
 

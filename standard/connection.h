@@ -2,6 +2,8 @@
 #define BRANTLE_STANDARD_CONNECTION_H
 
 #include <chrono>
+#include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,8 +41,9 @@ public:
     /// The server has Transport::TIME_LIMIT from the last Send() on, whatever else it sends meanwhile.
     View Receive() override;
 
-    /// Sends a message as soon as a key exchange in progress permits, without blocking.
-    void Post(View message);
+    /// Sends a message as soon as a key exchange in progress permits, without blocking. The sequence number
+    /// of its packet is then stored in `sequence`, which must exist until then, if it is not null.
+    void Post(View message, std::optional<unsigned int>* sequence = nullptr);
     /// Returns room for a message that the caller writes in place; EndPost() completes it.
     /// REQUIRES: MayPost().
     unsigned char* BeginPost(std::size_t size) { return _transport.Begin(size); }
@@ -80,10 +83,17 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    /// A message that waits for the end of a key exchange.
+    struct Held {
+        Bytes message;
+        std::optional<unsigned int>* sequence;
+    };
+
     bool NextOfStep(View& message);
     bool TakeTransportMessage(View message);
     void TakeExchangeMessage(View message);
     void TakeExtensions(View message);
+    void SendNow(View message, std::optional<unsigned int>* sequence);
     void PostHeld();
     bool IsRekeyDue() const;
 
@@ -94,7 +104,9 @@ private:
     KeyExchange _exchange;
     Clock::time_point _keysSince;
     unsigned int _exchangesSeen = 0;
-    std::vector<Bytes> _held; ///< messages that wait for the end of a key exchange
+    std::vector<Held> _held;
+    std::deque<Bytes> _early; ///< messages for Receive() that came while Send() waited
+    Bytes _received;          ///< the last one of them
     Deadline _answerBy{Transport::TIME_LIMIT};
     std::string _serverSigAlgs;
 };

@@ -87,6 +87,8 @@ public:
     unsigned long long PacketsSinceKeys() const;
     /// Sequence number of the packet that Next() returned last.
     unsigned int InputSequence() const { return _inSequence - 1; }
+    /// Sequence number of the next packet that is sent.
+    unsigned int OutputSequence() const { return _outSequence; }
 
 private:
     struct Traffic {

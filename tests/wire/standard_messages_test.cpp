@@ -296,4 +296,59 @@ TEST_F(StandardMessages, AnsweredKeepalivesDoNot) {
     EXPECT_EQ(result.exitStatus, 3);
 }
 
+// --- UNIMPLEMENTED in place of an answer (RFC 4253, section 11.4)
+
+TEST_F(StandardMessages, UnimplementedAnswersTheKeepaliveWithItsSequenceNumberAlone) {
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            c.ExpectPacket(GLOBAL_REQUEST);
+            c.SendPacket(Writer().U8(UNIMPLEMENTED).U32(c.received.back().sequence));
+            c.ExpectPacket(GLOBAL_REQUEST); // the first one has been answered
+            c.SendPacket(Writer().U8(UNIMPLEMENTED).U32(c.received.back().sequence - 1));
+            c.SendPacket({REQUEST_FAILURE});
+            c.SendTogether(Ending(3));
+        },
+        [](StandardClient& client) { client.dialect.SetKeepalive(1, 1); });
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.exitStatus, 3);
+}
+
+TEST_F(StandardMessages, UnimplementedForAnotherPacketDoesNotAnswerAKeepalive) {
+    StandardResult const result = Run(
+        [](StandardConnection& c) {
+            c.ExpectPacket(GLOBAL_REQUEST);
+            c.SendPacket(Writer().U8(UNIMPLEMENTED).U32(c.received.back().sequence + 1));
+            c.ReadToTheEnd();
+        },
+        [](StandardClient& client) { client.dialect.SetKeepalive(1, 1); });
+    EXPECT_EQ(result.outcome, "Run SshProtocolError: the server does not answer keepalives");
+    EXPECT_EQ(Seen().CountReceived(GLOBAL_REQUEST), 1u);
+}
+
+TEST_F(StandardMessages, UnimplementedRefusesTheForwardingWithItsSequenceNumberAlone) {
+    for (bool isRefused : {false, true}) {
+        int started = 0;
+        StandardResult const result = RunFrom(
+            [&](StandardConnection& c) {
+                c.WellBehaved(Stage::Opened);
+                c.ReadChannelRequest();
+                c.ExpectPacket(GLOBAL_REQUEST);
+                std::uint32_t const sequence = c.received.back().sequence;
+                c.SendPacket(Writer().U8(UNIMPLEMENTED).U32(isRefused ? sequence : sequence - 1));
+                if (!isRefused) c.SendPacket({REQUEST_SUCCESS});
+                c.SendTogether(Ending(3));
+                c.ReadToTheEnd();
+            },
+            [&](StandardClient& client) {
+                client.beforeRun = [&] {
+                    started = client.session.StartRemoteForwarding("8000:localhost:80");
+                };
+            });
+        EXPECT_EQ(started, isRefused ? -1 : 0);
+        EXPECT_EQ(result.lastError, isRefused ? "the server refused the remote forwarding" : "");
+        EXPECT_EQ(result.outcome, RUN_ENDED);
+        EXPECT_EQ(result.exitStatus, 3);
+    }
+}
+
 } // namespace
