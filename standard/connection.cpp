@@ -12,6 +12,7 @@ namespace {
 constexpr std::size_t MAX_LINE = 8192;                 ///< of the lines before the identification
 constexpr unsigned int MAX_LINES = 1024;               ///< likewise
 constexpr std::size_t MAX_HELD = 0x10000;              ///< messages
+constexpr std::size_t MAX_EARLY = 64;                  ///< messages
 constexpr std::size_t MAX_UNREAD = 0x400000;           ///< bytes of answers that the server does not read
 constexpr unsigned long long MAX_PACKETS = 1ull << 31; ///< RFC 4344, section 3.1
 constexpr int FIRST_EXCHANGE_MESSAGE = 20;
@@ -77,8 +78,13 @@ void Connection::Send(View message) {
     _answerBy = Deadline(Transport::TIME_LIMIT);
     View other;
     while (!_exchange.MaySend()) {
-        if (NextOfStep(other)) throw SshProtocolError("message within a key exchange", other[0]);
-        if (!_exchange.MaySend()) WaitAndFill(_answerBy);
+        if (!NextOfStep(other)) {
+            if (!_exchange.MaySend()) WaitAndFill(_answerBy);
+        } else if (_early.size() < MAX_EARLY) {
+            _early.push_back(other.Copy());
+        } else {
+            throw SshProtocolError("too many messages within a key exchange");
+        }
     }
     _transport.Send(message);
     Flush();
@@ -86,6 +92,11 @@ void Connection::Send(View message) {
 }
 
 View Connection::Receive() {
+    if (!_early.empty()) {
+        _received = std::move(_early.front());
+        _early.pop_front();
+        return _received;
+    }
     View message;
     while (!NextOfStep(message)) WaitAndFill(_answerBy);
     return message;

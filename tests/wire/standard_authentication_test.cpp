@@ -286,6 +286,56 @@ TEST_F(StandardAuthentication, BannerIsFiltered) {
     EXPECT_THAT(result.output, AllOf(StartsWith("Hello"), Not(HasSubstr("\x1b"))));
 }
 
+TEST_F(StandardAuthentication, BannerWithinAKeyExchangeOfTheClientIsShown) {
+    settings.noneAccepted = false;
+    StandardResult const result = RunFrom(
+        [](StandardConnection& c) {
+            c.WellBehaved(Stage::NewKeys);
+            c.ExpectPacket(SERVICE_REQUEST);
+            c.SendTogether(
+                {Ignore(std::string(2000, 'x')), Writer().U8(SERVICE_ACCEPT).String("ssh-userauth")});
+            c.ReadAuthRequest();
+            c.answersKexInit = false;
+            c.ExpectPacket(KEXINIT);
+            c.kex = StandardKex();
+            c.kex.clientInit = c.received.back().payload;
+            c.SendAuthFailure("password");
+            c.SendPacket(Writer().U8(USERAUTH_BANNER).String("Hello\n").String(""));
+            c.SendKexInit();
+            c.FinishExchange();
+            c.answersKexInit = true;
+            EXPECT_EQ(c.ReadAuthRequest().password, "secret");
+            c.SendPacket({USERAUTH_SUCCESS});
+            c.ConfirmOpen();
+            c.ReadChannelRequest();
+            c.SendTogether(Ending(3));
+            c.ReadToTheEnd();
+        },
+        [](StandardClient& client) { client.dialect.SetRekeyLimit(2000, 0); });
+    EXPECT_EQ(server->Error(), "");
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_THAT(result.output, StartsWith("Hello"));
+    EXPECT_EQ(result.exitStatus, 3);
+}
+
+TEST_F(StandardAuthentication, BannersWithoutEndWithinAKeyExchangeAreGivenUp) {
+    settings.noneAccepted = false;
+    StandardResult const result = RunFrom(
+        [](StandardConnection& c) {
+            c.WellBehaved(Stage::NewKeys);
+            c.ExpectPacket(SERVICE_REQUEST);
+            c.SendTogether(
+                {Ignore(std::string(2000, 'x')), Writer().U8(SERVICE_ACCEPT).String("ssh-userauth")});
+            c.ReadAuthRequest();
+            c.SendAuthFailure("password");
+            Bytes const banner = Writer().U8(USERAUTH_BANNER).String(std::string(30000, 'x')).String("");
+            for (int i = 0; i < 10000; ++i) c.SendPacket(banner);
+        },
+        [](StandardClient& client) { client.dialect.SetRekeyLimit(2000, 0); });
+    EXPECT_EQ(result.outcome, "Authenticate SshProtocolError: too many messages within a key exchange");
+    EXPECT_FALSE(server->RanToItsEnd());
+}
+
 TEST_F(StandardAuthentication, BannersWithoutEndAreGivenUp) {
     StandardResult const result = RunFromService([](StandardConnection& c) {
         c.ReadAuthRequest();
