@@ -331,8 +331,9 @@ void ChannelLoop::OnData(Channel& channel, View data, bool isError) {
         if (Channel* const still = _channels.Find(local)) _channels.Consume(*still, size);
         return;
     }
+    if (isError && !channel.isSession) return _channels.Consume(channel, data.size());
     if (object->_fdOut < 0 && !channel.isSession) return DeliverX11(channel, pump, data);
-    Deliver(&channel, channel.local, pump, data, isError && channel.isSession);
+    Deliver(&channel, channel.local, pump, data, isError);
 }
 
 /// Writes to the channel's descriptor, and grants window for what was written. If the local program is gone,

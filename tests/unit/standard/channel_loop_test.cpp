@@ -159,3 +159,11 @@ TEST_F(ForwardedChannel, DataThatTheProgramDoesNotReadYetIsWrittenAfterTheClose)
     EXPECT_EQ(received, WINDOW);
     EXPECT_EQ(host.table.Find(number), nullptr);
 }
+
+TEST_F(ForwardedChannel, ExtendedDataAreDroppedAndGrantedAgain) {
+    for (int i = 0; i < 3; ++i) Receive(95, Writer().Int(1).String(std::string(WINDOW / 2, 'e')).Get());
+    Receive(94, Writer().String("data").Get());
+    char buffer[16];
+    EXPECT_EQ(recv(local._fd, buffer, sizeof buffer, 0), 4);
+    EXPECT_EQ(std::string(buffer, 4), "data");
+}
