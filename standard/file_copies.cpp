@@ -68,10 +68,16 @@ int FileCopies::ReceiveTo(SftpClient& client, SftpStatus& status, String_t const
     download.Rethrow();
     if (result < -1) return Fail(result, remote, std::strerror(-result));
     if (result < 0) return Fail(result, remote, Printable(Name(status._message)));
-    if (!hasSize || download.Done() >= size) return 0;
+    if (!hasSize || download.Done() >= size) return Finish(remote, fd);
     status._code = SftpStatus::FX_EOF;
     status._message = "file is shorter than announced";
     return Fail(-1, remote, "file is shorter than announced");
+}
+
+/// File systems over a network report some failures when a descriptor is closed, whichever of the file's.
+int FileCopies::Finish(String_t const& name, int fd) {
+    int const copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    return copy >= 0 && close(copy) < 0 ? Fail(-errno, name, std::strerror(errno)) : 0;
 }
 
 int FileCopies::Receive(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) {
@@ -191,7 +197,7 @@ int FileCopies::ReceiveBody(ISshDataStream& in, String_t const& name, int fd, lo
         done += wanted;
         ReportBody(name, done, size);
     }
-    return 0;
+    return Finish(name, fd);
 }
 
 } // namespace cindral::standard

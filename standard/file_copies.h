@@ -43,6 +43,9 @@ private:
     template <class OpenLocal>
     int ReceiveTo(SftpClient& client, SftpStatus& status, String_t const& remote, OpenLocal const& openLocal);
     void ReportBody(String_t const& name, long long done, long long size);
+    int SendTo(SftpClient& client, SftpStatus& status, String_t const& remote, int fd);
+    int SendBlocks(OSshDataStream& out, String_t const& name, int fd, long long size);
+    int Finish(String_t const& name, int fd);
     int Fail(int result, String_t const& name, std::string const& reason);
 
     DataPort& _port;
