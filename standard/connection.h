@@ -54,7 +54,8 @@ public:
     void Flush();
     /// Writes all, waiting as long as the server makes progress.
     void FlushAll() { _transport.FlushAll(); }
-    bool HasPendingOutput() const { return _transport.PendingOutput() > 0; }
+    bool HasPendingOutput() const { return PendingOutput() > 0; }
+    std::size_t PendingOutput() const { return _transport.PendingOutput(); }
 
     /// Reads what has arrived, unless there are packets for Next().
     void Fill();

@@ -148,7 +148,10 @@ public:
     void Write(View data) override;
     unsigned char* BeginWrite(std::size_t size) override;
     void EndWrite(std::size_t size) override;
-    void SetReceiver(DataReceiver* receiver) override { _receiver = receiver; }
+    void SetReceiver(DataReceiver* receiver) override {
+        _receiver = receiver;
+        NoteProgress();
+    }
     void Serve() override;
     void Close() override;
 
@@ -221,7 +224,9 @@ private:
     ByteString ReadData();
     void GrantPart();
     Channel& OpenSession();
-    void ServeBlocking(Deadline const& deadline = Deadline(Transport::TIME_LIMIT));
+    void NoteProgress() { _progressBy = Deadline(Transport::TIME_LIMIT); }
+    void ServeBlocking() { ServeBlocking(_progressBy); }
+    void ServeBlocking(Deadline const& deadline);
     void FlushBlocking();
     void TakeMessages();
     bool MustWait(View message) const;
@@ -241,7 +246,8 @@ private:
     std::vector<Bytes> _answers; ///< for the session
     int _awaited = 0;            ///< number of the message whose answer the session reads next; 0: data
     Deadline _answerBy{Transport::TIME_LIMIT};
-    DataReceiver* _receiver = nullptr; ///< of the session channel's data, if not null
+    Deadline _progressBy{Transport::TIME_LIMIT}; ///< data of the channel has to move, outside the loop
+    DataReceiver* _receiver = nullptr;           ///< of the session channel's data, if not null
     bool _isSftp = false;
     std::size_t _granted = 0;       ///< bytes of an incomplete SFTP message for which window has been granted
     std::deque<Bytes> _deferred;    ///< messages that wait for the loop
@@ -262,8 +268,9 @@ StandardDialect::Impl::Impl(StandardDialect& face, SshSession& session)
       _loop(*this, _connection, _channels),
       _copies(
           *this, _copyOptions,
-          [&face](String_t const& name, unsigned long long done, unsigned long long total) {
+          [this, &face](String_t const& name, unsigned long long done, unsigned long long total) {
               face.Progress(name, done, total);
+              NoteProgress();
           },
           [this](std::string const& text) { SetLastError(text); }) {
     Attach(*this);
@@ -468,20 +475,17 @@ void StandardDialect::Impl::GrantPart() {
 /// Handles what has arrived; waits if nothing has. The caller checks what it waits for after each call: also
 /// the end of a key exchange, or written output, may be it.
 void StandardDialect::Impl::ServeBlocking(Deadline const& deadline) {
-    Explained([&] {
-        if (!_connection.HasPacket() || deadline.Remaining().count() == 0) _connection.WaitAndFill(deadline);
-        TakeMessages();
-    });
+    std::size_t const pending = _connection.PendingOutput();
+    if (!_connection.HasPacket() || deadline.Remaining().count() == 0) _connection.WaitAndFill(deadline);
+    // Less than a message of data may be answers to a server that only asks.
+    if (pending > Channels::MAX_PACKET && _connection.PendingOutput() < pending) NoteProgress();
+    TakeMessages();
 }
 
 void StandardDialect::Impl::FlushBlocking() {
-    Explained([&] {
-        _connection.Flush();
-        while (_connection.HasPendingOutput()) {
-            _connection.WaitAndFill();
-            TakeMessages();
-        }
-    });
+    NoteProgress();
+    _connection.Flush();
+    while (_connection.HasPendingOutput()) ServeBlocking();
 }
 
 /// Handles what has been read.
@@ -597,6 +601,7 @@ Channel& StandardDialect::Impl::OpenSession() {
 }
 
 void StandardDialect::Impl::Write(View data) {
+    NoteProgress();
     for (std::size_t done = 0; done < data.size();) {
         Channel& channel = OpenSession();
         if (channel.Sendable() == 0 || !_connection.MayPost()) {
@@ -605,6 +610,7 @@ void StandardDialect::Impl::Write(View data) {
         }
         std::size_t const n = std::min(channel.Sendable(), data.size() - done);
         _channels.PostData(channel, View(data.data() + done, n));
+        NoteProgress();
         done += n;
     }
 }
@@ -614,7 +620,10 @@ unsigned char* StandardDialect::Impl::BeginWrite(std::size_t size) {
     return OpenSession().Sendable() >= size ? _channels.BeginData(size) : nullptr;
 }
 
-void StandardDialect::Impl::EndWrite(std::size_t size) { _channels.EndData(OpenSession(), size); }
+void StandardDialect::Impl::EndWrite(std::size_t size) {
+    _channels.EndData(OpenSession(), size);
+    NoteProgress();
+}
 
 void StandardDialect::Impl::Serve() {
     OpenSession();
@@ -754,6 +763,7 @@ void StandardDialect::Impl::OnData(Channel& channel, View data) {
     } else {
         Deliver(data, data.size());
     }
+    NoteProgress();
 }
 
 void StandardDialect::Impl::OnErrorData(Channel& channel, View data) {
@@ -761,6 +771,7 @@ void StandardDialect::Impl::OnErrorData(Channel& channel, View data) {
     auto from = reinterpret_cast<char const*>(data.data());
     DescriptorIO(STDERR_FILENO).Write(from, from + data.size(), 0);
     _channels.Consume(channel, data.size());
+    NoteProgress();
 }
 
 void StandardDialect::Impl::OnEof(Channel& channel) {

@@ -5,8 +5,13 @@
 #include <atomic>
 #include <thread>
 
+#include <brantle/apps/scp_session.h>
+#include <brantle/sftp/sftp_client_session.h>
+
 #include "support/next_symbol.h"
+#include "support/temporary_directory.h"
 #include "wire/standard_fixture.h"
+#include "wire/standard_sftp_server.h"
 
 using namespace peer;
 
@@ -73,6 +78,95 @@ TEST_F(StandardDeadline, LoginAmongBannersIsGivenUp) {
                         c.SendPacket({USERAUTH_SUCCESS});
                     }),
               std::string("Authenticate ") + noAnswer);
+}
+
+/// What a server sends that keeps the client waiting.
+std::vector<Bytes> Idle() {
+    return {Ignore(), Writer().U8(CHANNEL_REQUEST).U32(0).String("keepalive@openssh.com").Bool(true)};
+}
+
+void KeepWaiting(StandardConnection& c) {
+    for (int i = 0; i < 50; ++i) {
+        c.SendTogether(Idle());
+        Wait(10);
+    }
+    c.ReadToTheEnd();
+}
+
+TEST_F(StandardDeadline, WindowOfZeroWithinACopyOverScpIsGivenUp) {
+    settings.window = 30;
+    Serve([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        c.SendPacket(Data(std::string(2, '\0')));
+        KeepWaiting(c);
+    });
+    support::TemporaryDirectory const directory;
+    std::ofstream(directory.Path() / "file") << std::string(1000, 'x');
+    cindral::ScpSession session(server->Port(), "127.0.0.1");
+    cindral::StandardDialect dialect(session);
+    Login(session);
+    EXPECT_EQ(Outcome([&] { return session.SendFile(directory.Path().c_str(), "target", "file"); }),
+              noAnswer);
+    EXPECT_EQ(Text(dialect.LastError()), "the server does not answer");
+}
+
+TEST_F(StandardDeadline, CopyOverSftpWhoseServerAnswersNothingIsGivenUp) {
+    constexpr unsigned READ = 5, WRITE = 6;
+    for (bool toServer : {false, true}) {
+        Serve([](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            SftpServer sftp(c);
+            sftp.content = std::string(100000, 'x');
+            sftp.instead = [&](unsigned type, std::uint32_t, Reader&) {
+                if (type == READ || type == WRITE) KeepWaiting(c);
+                return false;
+            };
+            sftp.Serve();
+        });
+        support::TemporaryDirectory const directory;
+        std::string const file = directory.Path() / "file";
+        std::ofstream(file) << std::string(100000, 'x');
+        cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        ASSERT_EQ(session.Start(), 0);
+        cindral::SftpStatus status;
+        EXPECT_EQ(Outcome([&] {
+                      return toServer ? session.Put(status, file.c_str(), "remote")
+                                      : session.Get(status, "remote", file.c_str());
+                  }),
+                  noAnswer);
+    }
+}
+
+TEST_F(StandardDeadline, CopyThatGoesOnSlowlyIsWaitedFor) {
+    settings.window = 200;
+    std::size_t received = 0;
+    Serve([&](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        c.SendPacket(Data(std::string(2, '\0')));
+        while (received < 16 + 1000 + 1) { // head line, file, and its end
+            Reader message = c.SkipTo(CHANNEL_DATA);
+            message.U32();
+            std::size_t const size = message.Blob().size();
+            received += size;
+            Wait(150);
+            c.SendPacket(WindowAdjust(0, static_cast<std::uint32_t>(size)));
+        }
+        c.SendPacket(Data(std::string(1, '\0')));
+        c.ReadToTheEnd();
+    });
+    support::TemporaryDirectory const directory;
+    std::ofstream(directory.Path() / "file") << std::string(1000, 'x');
+    {
+        cindral::ScpSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        EXPECT_EQ(session.SendFile(directory.Path().c_str(), "target", "file"), 0);
+    }
+    server->Finish();
 }
 
 TEST_F(StandardDeadline, ServerThatTakesItsTimeForEachAnswerIsWaitedFor) {
