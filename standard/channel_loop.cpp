@@ -13,6 +13,7 @@
 #include <brantle/session/ssh_session.h>
 
 #include "standard/channel_loop.h"
+#include "standard/explained.h"
 
 namespace cindral::standard {
 
@@ -36,68 +37,20 @@ int OpenSpare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 } // namespace
 
-/// Passes events of a descriptor to the channel that it feeds. Keeps the channel's number, as the channel may
-/// be gone.
-class ChannelLoop::InputDispatcher : public IOMultiplexerDispatcher {
+/// Serves a descriptor that is ready. What it serves is kept as a number, as the channel may be gone.
+class ChannelLoop::Dispatcher : public IOMultiplexerDispatcher {
 public:
-    InputDispatcher(ChannelLoop& loop, unsigned int local)
-        : IOMultiplexerDispatcher(IOMultiplexerRead), _loop(loop), _local(local) {}
-    InputDispatcher* Clone() const override { return new InputDispatcher(*this); }
-    int Dispatch(int fd) override {
-        _loop.ServeInput(_local, fd);
-        return 1;
-    }
-
-private:
-    ChannelLoop& _loop;
-    unsigned int _local;
-};
-
-/// Passes a descriptor that is writable again to the channel that writes to it.
-class ChannelLoop::OutputDispatcher : public IOMultiplexerDispatcher {
-public:
-    OutputDispatcher(ChannelLoop& loop, unsigned int local, bool isError)
-        : IOMultiplexerDispatcher(IOMultiplexerWrite), _loop(loop), _local(local), _isError(isError) {}
-    OutputDispatcher* Clone() const override { return new OutputDispatcher(*this); }
+    Dispatcher(ChannelLoop& loop, IOMultiplexerDispatcherType events, std::function<void()> serve)
+        : IOMultiplexerDispatcher(events), _loop(loop), _serve(std::move(serve)) {}
+    Dispatcher* Clone() const override { return new Dispatcher(*this); }
     int Dispatch(int) override {
-        _loop.ServeOutput(_local, _isError);
+        _loop.Explain(std::function<void()>(_serve)); // a copy: this object may be replaced meanwhile
         return 1;
     }
 
 private:
     ChannelLoop& _loop;
-    unsigned int _local;
-    bool _isError;
-};
-
-/// Continues writing to the server.
-class ChannelLoop::SocketDispatcher : public IOMultiplexerDispatcher {
-public:
-    explicit SocketDispatcher(ChannelLoop& loop) : IOMultiplexerDispatcher(IOMultiplexerWrite), _loop(loop) {}
-    SocketDispatcher* Clone() const override { return new SocketDispatcher(*this); }
-    int Dispatch(int) override {
-        _loop.Settle();
-        return 1;
-    }
-
-private:
-    ChannelLoop& _loop;
-};
-
-/// Passes a socket that has connected, or failed to, to the CHANNEL_OPEN that is waiting for it.
-class ChannelLoop::ConnectDispatcher : public IOMultiplexerDispatcher {
-public:
-    ConnectDispatcher(ChannelLoop& loop, unsigned int key)
-        : IOMultiplexerDispatcher(IOMultiplexerWrite), _loop(loop), _key(key) {}
-    ConnectDispatcher* Clone() const override { return new ConnectDispatcher(*this); }
-    int Dispatch(int) override {
-        _loop.ServeConnect(_key);
-        return 1;
-    }
-
-private:
-    ChannelLoop& _loop;
-    unsigned int _key;
+    std::function<void()> _serve;
 };
 
 class ChannelLoop::KeepaliveTimer : public IOMultiplexer::PeriodicTimer,
@@ -105,7 +58,9 @@ class ChannelLoop::KeepaliveTimer : public IOMultiplexer::PeriodicTimer,
 public:
     KeepaliveTimer(ChannelLoop& loop, unsigned int seconds)
         : PeriodicTimer(IOMultiplexer::Timeval(seconds, 0)), _loop(loop) {}
-    void Fire(IOMultiplexer::Timeval const&) override { _loop.KeepAlive(); }
+    void Fire(IOMultiplexer::Timeval const&) override {
+        _loop.Explain([this] { _loop.KeepAlive(); });
+    }
     int operator()(IOMultiplexer::Timer* timer) const override { return timer != this; }
 
 private:
@@ -126,13 +81,14 @@ ChannelLoop::~ChannelLoop() {
     if (_keepalive) _host.Mux().Unregister(*_keepalive);
 }
 
+void ChannelLoop::Explain(std::function<void()> const& step) {
+    Explained([this](char const* text) { _host.SetLastError(text); }, step);
+}
+
 void ChannelLoop::KeepAlive() {
-    static char const lost[] = "the server does not answer keepalives";
     if (_isDraining) return;
-    if (_channels.UnansweredKeepalives() >= _keepaliveUnanswered) {
-        _host.SetLastError(lost);
-        throw SshProtocolError(lost);
-    }
+    if (_channels.UnansweredKeepalives() >= _keepaliveUnanswered)
+        throw SshProtocolError("the server does not answer keepalives");
     _channels.PostKeepalive();
     Settle();
 }
@@ -179,7 +135,9 @@ void ChannelLoop::WatchInput(unsigned int local, Pump& pump, bool watch) {
     if (pump.inputIsWatched == watch) return;
     pump.inputIsWatched = watch;
     if (watch)
-        _host.Mux().Register(pump.input, InputDispatcher(*this, local));
+        _host.Mux().Register(pump.input, Dispatcher(*this, IOMultiplexerRead, [this, local, fd = pump.input] {
+                                 ServeInput(local, fd);
+                             }));
     else
         _host.Mux().Unregister(pump.input);
 }
@@ -309,7 +267,7 @@ void ChannelLoop::WatchSocket() {
     if (_socket._fd < 0) throw SystemError("dup", errno, String_t());
     _socketIsWatched = wanted;
     if (wanted)
-        _host.Mux().Register(_socket._fd, SocketDispatcher(*this));
+        _host.Mux().Register(_socket._fd, Dispatcher(*this, IOMultiplexerWrite, [this] { Settle(); }));
     else
         _host.Mux().Unregister(_socket._fd);
 }
@@ -379,7 +337,8 @@ void ChannelLoop::DeliverX11(Channel& channel, Pump& pump, View data) {
 
 void ChannelLoop::WatchOutput(unsigned int local, DescriptorSink& sink, bool isError, bool wasEmpty) {
     if (wasEmpty && !sink.IsEmpty())
-        _host.Mux().Register(sink.Fd(), OutputDispatcher(*this, local, isError));
+        _host.Mux().Register(sink.Fd(), Dispatcher(*this, IOMultiplexerWrite,
+                                                   [this, local, isError] { ServeOutput(local, isError); }));
     else if (!wasEmpty && sink.IsEmpty())
         _host.Mux().Unregister(sink.Fd());
 }
@@ -531,7 +490,7 @@ void ChannelLoop::StartConnecting(Pending pending, SocketAddresses const& addres
 void ChannelLoop::Connect(unsigned int key, Pending& pending) {
     int const fd = pending.connector->Next();
     if (fd >= 0) {
-        _host.Mux().Register(fd, ConnectDispatcher(*this, key));
+        _host.Mux().Register(fd, Dispatcher(*this, IOMultiplexerWrite, [this, key] { ServeConnect(key); }));
         return;
     }
     if (pending.x11Channel == 0)

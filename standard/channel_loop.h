@@ -1,6 +1,7 @@
 #ifndef BRANTLE_STANDARD_CHANNEL_LOOP_H
 #define BRANTLE_STANDARD_CHANNEL_LOOP_H
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -79,10 +80,7 @@ public:
     void OnOpenRequest(OpenRequest const& request);
 
 private:
-    class InputDispatcher;
-    class OutputDispatcher;
-    class SocketDispatcher;
-    class ConnectDispatcher;
+    class Dispatcher;
     class KeepaliveTimer;
 
     /// The local side of a channel.
@@ -110,6 +108,8 @@ private:
         unsigned int maxPacket = 0;
     };
 
+    /// Does a step for the event loop.
+    void Explain(std::function<void()> const& step);
     SshChannel* Object(unsigned int local) const;
     Pump* Find(unsigned int local);
     void ServeInput(unsigned int local, int fd);

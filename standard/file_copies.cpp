@@ -13,6 +13,7 @@
 #include <brantle/thornel/descriptor_io.h>
 #include <brantle/thornel/file_descriptor.h>
 
+#include "standard/explained.h"
 #include "standard/file_copies.h"
 #include "standard/printable.h"
 #include "standard/sftp_pipeline.h"
@@ -81,23 +82,29 @@ int FileCopies::Finish(String_t const& name, int fd) {
 }
 
 int FileCopies::Receive(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) {
-    return ReceiveTo(client, status, remote, [&](SftpFileAttr const&) {
+    auto const openLocal = [&](SftpFileAttr const&) {
         return fd < 0 ? Fail(-EBADF, remote, std::strerror(EBADF)) : fd;
-    });
+    };
+    return Explained(_report, [&] { return ReceiveTo(client, status, remote, openLocal); });
 }
 
 int FileCopies::Receive(SftpClient& client, SftpStatus& status, String_t const& remote,
                         String_t const& local) {
     FileDescriptor file;
-    return ReceiveTo(client, status, remote, [&](SftpFileAttr const& attrs) {
+    auto const openLocal = [&](SftpFileAttr const& attrs) {
         unsigned int const mode =
             attrs._flags & SftpFileAttr::PERMISSIONS ? CreationMode(attrs._permissions) : PLAIN_FILE;
         file._fd = open64(local.Text(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
         return file._fd < 0 ? OpenFailed(local, -errno) : file._fd;
-    });
+    };
+    return Explained(_report, [&] { return ReceiveTo(client, status, remote, openLocal); });
 }
 
 int FileCopies::Send(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) {
+    return Explained(_report, [&] { return SendTo(client, status, remote, fd); });
+}
+
+int FileCopies::SendTo(SftpClient& client, SftpStatus& status, String_t const& remote, int fd) {
     constexpr unsigned int flags =
         SftpClient::SSH_FXF_WRITE | SftpClient::SSH_FXF_CREAT | SftpClient::SSH_FXF_TRUNC;
     struct stat64 file;
@@ -122,9 +129,11 @@ int FileCopies::Send(SftpClient& client, SftpStatus& status, String_t const& rem
 }
 
 void FileCopies::CheckName(String_t const& name) {
-    if (!IsSafeName(Name(name)))
+    if (IsSafeName(Name(name))) return;
+    Explained(_report, [&] {
         throw SshProtocolError("the server listed a name that no local file may have",
                                String_t(Printable(Name(name)).c_str()));
+    });
 }
 
 // --- scp
@@ -163,6 +172,10 @@ void FileCopies::ReportBody(String_t const& name, long long done, long long size
 /// If the file has shrunk, the rest is sent as zeros and then reported to the server as an error. Blocks go
 /// past the stream's buffer, as messages of their size.
 int FileCopies::SendBody(OSshDataStream& out, String_t const& name, int fd, long long size) {
+    return Explained(_report, [&] { return SendBlocks(out, name, fd, size); });
+}
+
+int FileCopies::SendBlocks(OSshDataStream& out, String_t const& name, int fd, long long size) {
     std::vector<char> block(SCP_BLOCK);
     int failure = 0;
     out.Flush();

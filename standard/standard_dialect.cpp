@@ -29,6 +29,7 @@
 #include "standard/channels.h"
 #include "standard/connection.h"
 #include "standard/data_port.h"
+#include "standard/explained.h"
 #include "standard/file_copies.h"
 #include "standard/find_identities.h"
 #include "standard/known_hosts_file.h"
@@ -223,6 +224,8 @@ private:
     ByteString ReadAnswer();
     ByteString ReadData();
     void GrantPart();
+    void WriteMessage(Packet& packet, bool more);
+    void AddInput(int fd, SshChannel const& channel);
     Channel& OpenSession();
     void NoteProgress() { _progressBy = Deadline(Transport::TIME_LIMIT); }
     void ServeBlocking() { ServeBlocking(_progressBy); }
@@ -235,7 +238,7 @@ private:
     void EndEarly();
     void ServeIdle();
     int Refused(std::string const& reason);
-    /// Does a step in which the connection may fail. The last error then says why.
+    /// Does a step for the session. If it throws, the last error says why.
     template <class Step>
     auto Explained(Step const& step) -> decltype(step());
 
@@ -283,12 +286,7 @@ StandardDialect::Impl::~Impl() {
 
 template <class Step>
 auto StandardDialect::Impl::Explained(Step const& step) -> decltype(step()) {
-    try {
-        return step();
-    } catch (CryptoException const& failure) {
-        SetLastError(failure.what());
-        throw;
-    }
+    return standard::Explained([this](char const* text) { SetLastError(text); }, step);
 }
 
 int StandardDialect::Impl::Refused(std::string const& reason) {
@@ -432,8 +430,11 @@ bool StandardDialect::Impl::HasInput() {
 }
 
 ByteString StandardDialect::Impl::Read() {
-    if (!_connection.Exchange().HasKeys()) throw SshProtocolError("no keys are in force");
-    return _awaited != 0 ? ReadAnswer() : ReadData();
+    NoteProgress();
+    return Explained([&] {
+        if (!_connection.Exchange().HasKeys()) throw SshProtocolError("no keys are in force");
+        return _awaited != 0 ? ReadAnswer() : ReadData();
+    });
 }
 
 /// A channel that the server has closed answers no more requests.
@@ -535,6 +536,11 @@ void StandardDialect::Impl::TakeDeferred() {
 }
 
 void StandardDialect::Impl::Write(Packet& packet, bool more) {
+    NoteProgress();
+    Explained([&] { WriteMessage(packet, more); });
+}
+
+void StandardDialect::Impl::WriteMessage(Packet& packet, bool more) {
     if (!_connection.Exchange().HasKeys()) throw SshProtocolError("no keys are in force");
     ByteString const payload = packet.Payload(_plain);
     View const message(payload.Data(), payload.Length());
@@ -701,6 +707,10 @@ void StandardDialect::Impl::EndEarly() {
 }
 
 void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
+    Explained([&] { AddInput(fd, channel); });
+}
+
+void StandardDialect::Impl::AddInput(int fd, SshChannel const& channel) {
     bool const isFirst = !_loop.IsRunning();
     if (isFirst) _loop.SetKeepalive(_keepaliveSeconds, _keepaliveUnanswered);
     _loop.RegisterInput(fd, channel);
@@ -744,7 +754,7 @@ void StandardDialect::Impl::ResolveX11Server() {
 }
 
 void StandardDialect::Impl::Accept(SshSession::LocalForwarding& forwarding) {
-    _loop.Accept(forwarding._server->Fd(), Chars(forwarding._host), forwarding._port);
+    Explained([&] { _loop.Accept(forwarding._server->Fd(), Chars(forwarding._host), forwarding._port); });
 }
 
 void StandardDialect::Impl::OnOpened(Channel& channel) { _loop.OnOpened(channel); }

@@ -335,7 +335,8 @@ TEST_F(StandardSftp, ChannelThatEndsWithinACopyFailsIt) {
                         return true;
                     };
                 });
-            EXPECT_THAT(copied.outcome, StartsWith("Copy SshProtocolError: "));
+            EXPECT_EQ(copied.outcome, "Copy SshProtocolError: the server has closed the channel");
+            EXPECT_EQ(copied.lastError, "the server has closed the channel");
         }
 }
 
