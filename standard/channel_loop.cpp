@@ -127,7 +127,7 @@ void ChannelLoop::RegisterInput(int fd, SshChannel const& object) {
 }
 
 bool ChannelLoop::MayRead(Channel const* channel, Pump const& pump) const {
-    return pump.input >= 0 && channel && channel->Sendable() > 0 && pump.unsent.empty() &&
+    return !_isDraining && pump.input >= 0 && channel && channel->Sendable() > 0 && pump.unsent.empty() &&
            _connection.MayPost();
 }
 
@@ -246,8 +246,12 @@ void ChannelLoop::Dispatch() {
 void ChannelLoop::Settle() {
     for (auto& entry : _pumps)
         if (entry.second.input >= 0 && !Object(entry.first)) Abandon(entry.first, entry.second);
-    do _connection.Flush();
-    while (PostUnsent());
+    if (_isDraining) {
+        _connection.FlushRest();
+    } else {
+        do _connection.Flush();
+        while (PostUnsent());
+    }
     WatchSocket();
     for (auto& entry : _pumps)
         WatchInput(entry.first, entry.second, MayRead(_channels.Find(entry.first), entry.second));
@@ -372,11 +376,10 @@ void ChannelLoop::OnClosed(Channel& channel) {
     pump.input = -1;
     pump.isClosing = true;
     pump.isSession = channel.isSession;
-    AfterOutput(channel.local, pump);
-    if (!channel.isSession || !Find(channel.local)) return;
     // The output that is left needs no server, which may end the connection now.
-    _isDraining = true;
-    _host.Mux().Unregister(_connection.Fd());
+    if (channel.isSession) _isDraining = true;
+    AfterOutput(channel.local, pump);
+    if (channel.isSession && Find(channel.local)) _host.Mux().Unregister(_connection.Fd());
 }
 
 void ChannelLoop::Drop(unsigned int local) {
@@ -411,6 +414,7 @@ void ChannelLoop::Accept(int listener, std::string const& host, unsigned int por
 
 void ChannelLoop::AcceptOne(int accepted, std::string const& host, unsigned int port) {
     FileDescriptor connection(accepted);
+    if (_isDraining) return;
     if (_channels.Count() + _pending.size() >= MAX_CHANNELS)
         return _host.SetLastError("too many channels for a further forwarded connection");
     sockaddr_in caller{};

@@ -142,7 +142,7 @@ private:
     Connection& _connection;
     Channels& _channels;
     bool _isRunning = false;
-    bool _isDraining = false;            ///< the session channel is closed, and its output not all written
+    bool _isDraining = false;            ///< the session channel is closed: only output is still written
     bool _hasFlushes = false;            ///< a program's own channel has data to flush
     std::map<unsigned int, Pump> _pumps; ///< by the channel's local number
     std::map<unsigned int, Pending> _pending;

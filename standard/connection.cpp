@@ -143,6 +143,14 @@ void Connection::Flush() {
     _transport.Flush();
 }
 
+void Connection::FlushRest() noexcept {
+    try {
+        _transport.Flush();
+    } catch (...) {
+        return; // as where there is no peer left
+    }
+}
+
 bool Connection::IsRekeyDue() const {
     if (!_exchange.HasKeys() || _exchange.IsUnderWay()) return false;
     return _transport.BytesSinceKeys() >= _limit.bytes || _transport.PacketsSinceKeys() >= MAX_PACKETS ||
@@ -221,16 +229,12 @@ void Connection::PostUnimplemented() {
 }
 
 void Connection::Disconnect(int reason, std::string const& text) noexcept {
-    try {
-        _transport.Send(Writer(Packet::SSH_MSG_DISCONNECT)
-                            .Int(static_cast<unsigned int>(reason))
-                            .String(text)
-                            .String("")
-                            .Get());
-        _transport.Flush();
-    } catch (...) {
-        return; // the connection is gone: there is no peer left to inform
-    }
+    _transport.Send(Writer(Packet::SSH_MSG_DISCONNECT)
+                        .Int(static_cast<unsigned int>(reason))
+                        .String(text)
+                        .String("")
+                        .Get());
+    FlushRest();
 }
 
 } // namespace cindral::standard

@@ -52,6 +52,8 @@ public:
     bool MayPost() const { return _exchange.MaySend() && _transport.PendingOutput() < MAX_PENDING; }
     /// Writes what the socket accepts. Starts a key exchange when one is due.
     void Flush();
+    /// Writes what the socket accepts, when the server is not needed any more. Throws nothing.
+    void FlushRest() noexcept;
     /// Writes all, waiting as long as the server makes progress.
     void FlushAll() { _transport.FlushAll(); }
     bool HasPendingOutput() const { return PendingOutput() > 0; }

@@ -536,7 +536,6 @@ void StandardDialect::Impl::TakeDeferred() {
 }
 
 void StandardDialect::Impl::Write(Packet& packet, bool more) {
-    NoteProgress();
     Explained([&] { WriteMessage(packet, more); });
 }
 

@@ -91,7 +91,9 @@ void Transport::Flush() {
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
             return;
         } else if (errno != EINTR) {
-            Lost(errno);
+            _outPos = _outEnd;
+            if (errno != EPIPE && errno != ECONNRESET) Lost(errno);
+            _outError = errno;
         }
     }
 }
@@ -170,6 +172,7 @@ std::size_t Transport::Receive(std::size_t size) {
             _inEnd += static_cast<std::size_t>(count);
             return static_cast<std::size_t>(count);
         }
+        if (count == 0 && _outError != 0) Lost(_outError);
         if (count == 0) throw SshProtocolError("connection closed by the server");
         if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
         if (errno != EINTR) Lost(errno);

@@ -43,7 +43,8 @@ public:
     /// Begin() and End() in one call.
     void Send(View message);
 
-    /// Writes what the socket accepts without blocking. Throws SystemError if the connection has failed.
+    /// Writes what the socket accepts without blocking. If the connection has failed, drops the rest, and
+    /// throws SystemError, unless the server has reset it: Fill() does that, after what it has sent before.
     void Flush();
     /// The same, but blocks until all is written. Throws SshProtocolError if the server accepts nothing for
     /// TIME_LIMIT.
@@ -107,6 +108,7 @@ private:
     Bytes _out; ///< [_outPos, _outEnd) is sealed and not yet written
     std::size_t _outPos = 0;
     std::size_t _outEnd = 0;
+    int _outError = 0; ///< errno value; the server has reset the connection
     std::unique_ptr<PacketSealer> _sealer;
     unsigned int _outSequence = 0;
     Traffic _sent;
