@@ -26,8 +26,9 @@ public:
     int Open();
     /// Decrypts the private half, unless Open() has already read it, with a passphrase from `enter`: the
     /// preset one first, then as many as it allows tries. Returns 0; minus errno, a PrivateKey::Failure, or
-    /// the negative result of `enter`. If the public half belongs to another key, the result is BROKEN_FILE.
-    /// Throws OpenSSLError.
+    /// the negative result of `enter`. If the public half belongs to another key, the result is BROKEN_FILE;
+    /// of an ed25519 key in OpenSSH's format only the public halves that the file holds are compared. Throws
+    /// OpenSSLError.
     int Load(EnterPassword& enter);
 
     /// What a negative result of Open() or Load() means, such as "wrong passphrase".

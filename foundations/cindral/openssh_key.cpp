@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include <openssl/core_names.h>
+#include <openssl/params.h>
 
 #include <brantle/cindral/big_num.h>
 #include <brantle/cindral/block_cipher.h>
@@ -92,12 +93,21 @@ evp_pkey_st* ReadDsa(WireReader& reader) {
                      {OSSL_PKEY_PARAM_PRIV_KEY, x._bn}});
 }
 
-/// RFC 8709; the private half comes with the public one after it.
+/// RFC 8709; the private half comes with the public one after it. Without that, OpenSSL would compute it,
+/// which costs as much as a signature.
 evp_pkey_st* ReadEd25519(WireReader& reader) {
-    reader.String();
+    ByteView const first = reader.String();
     ByteView const both = reader.String();
-    if (!reader.Ok() || both._length != 2 * ED25519_SEED) return nullptr;
-    return EVP_PKEY_new_raw_private_key(EVP_PKEY_ED25519, nullptr, both._data, ED25519_SEED);
+    if (!reader.Ok() || first._length != ED25519_SEED || both._length != 2 * ED25519_SEED ||
+        std::memcmp(first._data, both._data + ED25519_SEED, ED25519_SEED) != 0)
+        return nullptr;
+    auto const half = [&](char const* name, unsigned int from) {
+        return OSSL_PARAM_construct_octet_string(name, const_cast<unsigned char*>(both._data) + from,
+                                                 ED25519_SEED);
+    };
+    OSSL_PARAM halves[] = {half(OSSL_PKEY_PARAM_PRIV_KEY, 0), half(OSSL_PKEY_PARAM_PUB_KEY, ED25519_SEED),
+                           OSSL_PARAM_construct_end()};
+    return MakePkey("ED25519", EVP_PKEY_KEYPAIR, halves);
 }
 
 /// RFC 5656, section 3.1.

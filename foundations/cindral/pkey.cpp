@@ -43,10 +43,14 @@ evp_pkey_st* MakePkey(char const* type, int selection, std::initializer_list<Key
                                           point->_point._length) != 1))
         return nullptr;
     ParamPtr const parameters(OSSL_PARAM_BLD_to_param(build.get()));
+    return parameters ? MakePkey(type, selection, parameters.get()) : nullptr;
+}
+
+evp_pkey_st* MakePkey(char const* type, int selection, ossl_param_st* parameters) {
     PkeyCtxPtr const context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
     EVP_PKEY* key = nullptr;
-    if (!parameters || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
-        EVP_PKEY_fromdata(context.get(), &key, selection, parameters.get()) != 1)
+    if (!context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+        EVP_PKEY_fromdata(context.get(), &key, selection, parameters) != 1)
         return nullptr;
     return key;
 }

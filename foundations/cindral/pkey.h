@@ -9,6 +9,7 @@
 
 struct bignum_st;
 struct evp_pkey_st;
+struct ossl_param_st;
 
 namespace cindral {
 
@@ -31,6 +32,8 @@ struct KeyPoint {
 /// `selection` EVP_PKEY_PUBLIC_KEY or EVP_PKEY_KEYPAIR; `point` is null but for ecdsa keys.
 evp_pkey_st* MakePkey(char const* type, int selection, std::initializer_list<KeyNumber> numbers,
                       KeyPoint const* point = nullptr);
+/// The same from OpenSSL's parameters.
+evp_pkey_st* MakePkey(char const* type, int selection, ossl_param_st* parameters);
 
 } // namespace cindral
 

@@ -454,6 +454,15 @@ TEST_F(AnyKey, Ed25519PrivateHalfHas64Bytes) {
     EXPECT_EQ(ReadAny(), 0);
 }
 
+TEST_F(AnyKey, Ed25519KeyWithTwoPublicHalvesIsBroken) {
+    std::string const seed(32, 's');
+    for (std::string const& first : {std::string(32, 'q'), std::string(31, 'p'), std::string(33, 'p')}) {
+        Armour(Body(String("ssh-ed25519"),
+                    String("ssh-ed25519") + String(first) + String(seed + std::string(32, 'p'))));
+        EXPECT_EQ(ReadAny(), PrivateKey::BROKEN_FILE) << first;
+    }
+}
+
 TEST_F(AnyKey, EcdsaKeyOfNoKnownCurveIsBroken) {
     std::string const number = String(std::string(32, '\1'));
     for (char const* curve : {"", "nistp", "nistp999", "nistp2560", "secp2561"}) {
