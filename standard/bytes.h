@@ -48,6 +48,9 @@ private:
 inline bool operator==(View const& a, View const& b) { return a.Text() == b.Text(); }
 inline bool operator!=(View const& a, View const& b) { return !(a == b); }
 
+/// The fields of a message, which follow its number. REQUIRES: the message is not empty.
+inline View Fields(View message) { return View(message.begin() + 1, message.size() - 1); }
+
 /// Reads the fields of a message in wire order. A field that runs past the end, and bytes after the last
 /// field in End(), are an SshProtocolError that names the message.
 class Reader {

@@ -13,8 +13,6 @@ namespace {
 
 constexpr unsigned int MAX_STATUS_TEXT = 256;
 
-View Fields(View message) { return View(message.begin() + 1, message.size() - 1); }
-
 /// RFC 4254, section 5.1.
 std::string ReasonText(unsigned int reason) {
     switch (reason) {

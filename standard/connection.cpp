@@ -21,8 +21,6 @@ constexpr int EXT_INFO = 7; // RFC 8308
 
 bool StartsWith(std::string const& text, char const* start) { return text.rfind(start, 0) == 0; }
 
-View Fields(View message) { return View(message.begin() + 1, message.size() - 1); }
-
 /// Whether the layers above handle a message of that number: those of RFC 4252 and 4254, and UNIMPLEMENTED.
 bool IsKnownAbove(int number) {
     auto const isFrom = [number](int first, int last) { return number >= first && number <= last; };

@@ -108,7 +108,7 @@ void KeyExchange::Take(View message) {
     if (number == Packet::SSH_MSG_KEXINIT && (_state == State::IDLE || _state == State::INIT_SENT))
         return TakeInit(message);
     if (_state == State::NEWKEYS_SENT && number == Packet::SSH_MSG_NEWKEYS) {
-        Reader(message.size() > 1 ? View(message.begin() + 1, message.size() - 1) : View(), "NEWKEYS").End();
+        Reader(Fields(message), "NEWKEYS").End();
         return SwitchInput();
     }
     if (_state != State::AGREEING) throw SshProtocolError("message out of place in key exchange", number);

@@ -69,7 +69,7 @@ ByteString ToByteString(Bytes const& bytes) {
 /// What dialect and server need to know of a request of the session.
 struct RequestSummary {
     explicit RequestSummary(View message) {
-        Reader fields(View(message.begin() + 1, message.size() - 1), "request");
+        Reader fields(Fields(message), "request");
         if (message[0] == Packet::SSH_MSG_CHANNEL_REQUEST) fields.Int();
         View const name = fields.String();
         isReported = fields.Bool();
@@ -549,7 +549,7 @@ void StandardDialect::Impl::WriteMessage(Packet& packet, bool more) {
     if (number == Packet::SSH_MSG_CHANNEL_WINDOW_ADJUST) return;
     if (number == Packet::SSH_MSG_CHANNEL_DATA || number == Packet::SSH_MSG_CHANNEL_EOF ||
         number == Packet::SSH_MSG_CHANNEL_CLOSE) {
-        Reader fields(View(message.begin() + 1, message.size() - 1), "channel message");
+        Reader fields(Fields(message), "channel message");
         unsigned int const remote = fields.Int();
         // Data streams always use 0 for the session channel, whatever number the server has assigned.
         Channel* const channel =
