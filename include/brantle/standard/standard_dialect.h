@@ -22,6 +22,9 @@ namespace cindral {
 /// ends early. A server has 180 seconds for the whole of KeyExchange, and within Authenticate for each answer
 /// that a login waits for, whatever else it sends meanwhile.
 ///
+/// A session makes one connection: once it has reached a server, Connect returns -EISCONN. The prompts of
+/// keyboard-interactive begin with "(user@host:port) ", so that they can't pass for prompts of this side.
+///
 /// REQUIRES: the dialect is constructed before Connect and outlives the last call on the session; it is
 /// destroyed before the session, as an object declared after it is. Everything is called on the session's
 /// thread.
