@@ -3,48 +3,23 @@
 #include <filesystem>
 #include <string>
 
-#include <gmock/gmock.h>
+#include "docs/checked_copy.h"
 
-#include "support/servers/process.h"
-
+using namespace docs;
 using servers::Outcome;
-using servers::ReadFile;
 using servers::WriteFile;
-using testing::AllOf;
-using testing::Field;
 using testing::HasSubstr;
 
 namespace {
 
-std::filesystem::path const SOURCES = BRANTLE_SOURCE_DIR;
-
-Outcome CheckLayers(std::filesystem::path const& tree) {
-    return servers::Run({SOURCES / "script/check-layers", tree});
-}
-
-auto Complains(std::string const& line) {
-    return AllOf(Field(&Outcome::status, 1), Field(&Outcome::errors, HasSubstr(line + "\n")));
-}
+Outcome CheckLayers(std::filesystem::path const& tree) { return Check("check-layers", tree); }
 
 /// A copy of what the check reads.
-class LayersOfACopy : public testing::Test {
+class LayersOfACopy : public CheckedCopy {
 protected:
     LayersOfACopy() {
         for (auto const& folder : std::filesystem::directory_iterator(SOURCES))
-            if (IsPartOfIt(folder.path().filename()))
-                std::filesystem::copy(folder, Path() / folder.path().filename(),
-                                      std::filesystem::copy_options::recursive);
-    }
-
-    std::filesystem::path const& Path() const { return _tree.Path(); }
-    void Append(std::string const& file, std::string const& text) {
-        WriteFile(_tree / file, ReadFile(_tree / file) + text);
-    }
-    void Replace(std::string const& file, std::string const& from, std::string const& to) {
-        std::string text = ReadFile(_tree / file);
-        std::size_t const at = text.find(from);
-        ASSERT_NE(at, std::string::npos) << from;
-        WriteFile(_tree / file, text.replace(at, from.size(), to));
+            if (IsPartOfIt(folder.path().filename())) Copy(folder.path().filename());
     }
 
 private:
@@ -55,8 +30,6 @@ private:
         return name == "docs" || name == "include" || name == "foundations" ||
                std::filesystem::exists(SOURCES / name / "CMakeLists.txt");
     }
-
-    servers::TemporaryDirectory _tree;
 };
 
 } // namespace

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,13 +20,11 @@ using testing::HasSubstr;
 
 namespace {
 
-class Readme : public ShownSuite {
+class Readme : public SuiteWithSshd {
 protected:
-    static void SetUpTestSuite() { _server = std::make_unique<servers::StockSshd>(); }
-    static void TearDownTestSuite() { _server.reset(); }
     void SetUp() override {
-        ASSERT_TRUE(_server) << "the server did not start";
-        Use(*_server);
+        SuiteWithSshd::SetUp();
+        if (HasFatalFailure()) return;
         for (auto const& left : std::filesystem::directory_iterator(There("")))
             if (left.path().filename() != ".ssh") std::filesystem::remove_all(left);
     }
@@ -60,8 +57,6 @@ protected:
         for (std::string line; std::getline(block, line);) lines.push_back(line);
         return lines;
     }
-
-    static inline std::unique_ptr<servers::StockSshd> _server;
 };
 
 std::string SystemName() { return servers::RunOrThrow({"uname", "-a"}); }

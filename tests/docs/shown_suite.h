@@ -2,6 +2,7 @@
 #define BRANTLE_TESTS_DOCS_SHOWN_SUITE_H
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,19 @@ protected:
 private:
     servers::TemporaryDirectory _here;
     std::string _target;
+};
+
+/// The same with OpenSSH's sshd as it is packaged, which the tests of a suite share.
+class SuiteWithSshd : public ShownSuite {
+protected:
+    static void SetUpTestSuite() { _server = std::make_unique<servers::StockSshd>(); }
+    static void TearDownTestSuite() { _server.reset(); }
+    void SetUp() override {
+        ASSERT_TRUE(_server) << "the server did not start";
+        Use(*_server);
+    }
+
+    static inline std::unique_ptr<servers::StockSshd> _server;
 };
 
 } // namespace docs

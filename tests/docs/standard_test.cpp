@@ -1,7 +1,6 @@
 // What docs/standard.md shows, with OpenSSH's sshd as it is packaged.
 
 #include <filesystem>
-#include <memory>
 #include <string>
 
 #include "docs/shown_suite.h"
@@ -17,15 +16,8 @@ namespace {
 
 constexpr char const* FILE_SHOWN = "docs/standard.md";
 
-class StandardDocument : public ShownSuite {
+class StandardDocument : public SuiteWithSshd {
 protected:
-    static void SetUpTestSuite() { _server = std::make_unique<servers::StockSshd>(); }
-    static void TearDownTestSuite() { _server.reset(); }
-    void SetUp() override {
-        ASSERT_TRUE(_server) << "the server did not start";
-        Use(*_server);
-    }
-
     /// Compiles the program that has this text in it.
     void Compile(std::string const& text, std::string const& from = {}, std::string const& to = {}) {
         std::string const program = CodeBlockWith(FILE_SHOWN, "cpp", text);
@@ -39,8 +31,6 @@ protected:
         std::string const key = ReadFile(_server->File("host_ed25519.pub"));
         WriteFile(Here(".ssh/known_hosts"), "[127.0.0.1]:" + Port() + " " + key);
     }
-
-    static inline std::unique_ptr<servers::StockSshd> _server;
 };
 
 } // namespace

@@ -3,48 +3,26 @@
 #include <filesystem>
 #include <string>
 
-#include <gmock/gmock.h>
+#include "docs/checked_copy.h"
 
-#include "support/servers/process.h"
-
+using namespace docs;
 using servers::Outcome;
-using servers::ReadFile;
 using servers::WriteFile;
-using testing::AllOf;
-using testing::Field;
 using testing::HasSubstr;
 using testing::Not;
 
 namespace {
 
-std::filesystem::path const SOURCES = BRANTLE_SOURCE_DIR;
-
-Outcome CheckTests(std::filesystem::path const& tree) {
-    return servers::Run({SOURCES / "script/check-tests", tree});
-}
-
-auto Complains(std::string const& line) {
-    return AllOf(Field(&Outcome::status, 1), Field(&Outcome::errors, HasSubstr(line + "\n")));
-}
+Outcome CheckTests(std::filesystem::path const& tree) { return Check("check-tests", tree); }
 
 /// A copy of what the check reads.
-class TestsOfACopy : public testing::Test {
+class TestsOfACopy : public CheckedCopy {
 protected:
     TestsOfACopy() {
-        for (char const* folder : {"apps", "channel", "docs", "event", "examples", "foundations", "include",
-                                   "kex", "packet", "session", "sftp", "tests", "trust"})
-            std::filesystem::copy(SOURCES / folder, Path() / folder,
-                                  std::filesystem::copy_options::recursive);
-        std::filesystem::copy(SOURCES / "README.md", Path());
+        for (char const* part : {"apps", "channel", "docs", "event", "examples", "foundations", "include",
+                                 "kex", "packet", "session", "sftp", "tests", "trust", "README.md"})
+            Copy(part);
     }
-
-    std::filesystem::path const& Path() const { return _tree.Path(); }
-    void Append(std::string const& file, std::string const& text) {
-        WriteFile(_tree / file, ReadFile(_tree / file) + text);
-    }
-
-private:
-    servers::TemporaryDirectory _tree;
 };
 
 } // namespace

@@ -26,6 +26,23 @@ protected:
             },
             configure);
     }
+    /// A key exchange that the server breaks after the client's value: no login may follow.
+    void ExpectNothingAfterBroken(Script const& breakIt) {
+        Serve([breakIt](StandardConnection& c) {
+            c.WellBehaved(Stage::KexInitExchanged);
+            c.ReceiveKexMessage();
+            breakIt(c);
+            c.ExpectClosed();
+        });
+        {
+            StandardClient client(server->Port());
+            ASSERT_EQ(client.session.Connect(10), 0);
+            EXPECT_THAT(Outcome([&] { return client.session.KeyExchange(); }),
+                        StartsWith("SshProtocolError: "));
+            EXPECT_EQ(client.Authenticating().second(), -1);
+        }
+        server->Finish();
+    }
     /// The data that a signature of a request is over (RFC 4252, section 7).
     static Bytes SignedData(StandardConnection const& c, AuthRequest const& request) {
         std::size_t const signature = 4 + request.signature.size();
@@ -75,37 +92,15 @@ TEST_F(StandardAuthentication, NothingIsSentAfterAKeyExchangeThatWasRefused) {
 }
 
 TEST_F(StandardAuthentication, NothingIsSentAfterAKeyExchangeThatBroke) {
-    Serve([](StandardConnection& c) {
-        c.WellBehaved(Stage::KexInitExchanged);
-        c.ReceiveKexMessage();
-        c.SendPacket({NEWKEYS});
-        c.ExpectClosed();
-    });
-    {
-        StandardClient client(server->Port());
-        ASSERT_EQ(client.session.Connect(10), 0);
-        EXPECT_THAT(Outcome([&] { return client.session.KeyExchange(); }), StartsWith("SshProtocolError: "));
-        EXPECT_EQ(client.Authenticating().second(), -1);
-    }
-    server->Finish();
+    ExpectNothingAfterBroken([](StandardConnection& c) { c.SendPacket({NEWKEYS}); });
 }
 
 TEST_F(StandardAuthentication, NothingIsSentBetweenBothNewKeys) {
-    Serve([](StandardConnection& c) {
-        c.WellBehaved(Stage::KexInitExchanged);
-        c.ReceiveKexMessage();
+    ExpectNothingAfterBroken([](StandardConnection& c) {
         c.SendReply(c.MakeReply());
         c.ReceiveNewKeys();
         c.Wire().ShutdownWrite(); // in place of NEWKEYS
-        c.ExpectClosed();
     });
-    {
-        StandardClient client(server->Port());
-        ASSERT_EQ(client.session.Connect(10), 0);
-        EXPECT_THAT(Outcome([&] { return client.session.KeyExchange(); }), StartsWith("SshProtocolError: "));
-        EXPECT_EQ(client.Authenticating().second(), -1);
-    }
-    server->Finish();
 }
 
 // --- the service

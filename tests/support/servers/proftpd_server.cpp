@@ -11,6 +11,7 @@ namespace servers {
 
 namespace {
 
+/// Up to what tells the servers apart.
 constexpr char const* CONFIGURATION = R"(
 LoadModule mod_sftp.c
 ServerName peer
@@ -37,17 +38,19 @@ AllowOverwrite on
 <IfModule mod_sftp.c>
 SFTPEngine on
 SFTPLog @DIRECTORY@/mod_sftp.log
-SFTPHostKey @DIRECTORY@/host_rsa
+SFTPAuthorizedUserKeys file:@DIRECTORY@/authorized_rfc4716
+)";
+
+/// That of the reduced dialect.
+constexpr char const* REDUCED = R"(SFTPHostKey @DIRECTORY@/host_rsa
 SFTPHostKey @DIRECTORY@/host_dsa
 SFTPDHParamFile /etc/proftpd/dhparams.pem
 SFTPKeyExchanges diffie-hellman-group-exchange-sha1
 SFTPCiphers aes128-ctr aes128-cbc
 SFTPDigests hmac-sha1
-SFTPAuthorizedUserKeys file:@DIRECTORY@/authorized_rfc4716
 SFTPAuthMethods publickey password
 SFTPOptions NoHostkeyRotation @KEXINIT@
 SFTPRekey none
-</IfModule>
 )";
 
 std::string WithoutLineEnd(std::string text) {
@@ -59,10 +62,10 @@ std::string WithoutLineEnd(std::string text) {
 
 ProftpdServer::ProftpdServer(Kexinit kexinit) : RealServer(CurrentUser(), "an open secret") {
     WriteAccounts(*this);
-    StartOnFreePort([this, kexinit](std::uint16_t port) {
-        WriteFile(File("proftpd.conf"), Configuration(port, kexinit));
-        return std::vector<std::string>{"/usr/sbin/proftpd", "-n", "-c", File("proftpd.conf")};
-    });
+    std::string const lines =
+        FillIn(REDUCED, {{"DIRECTORY", File(".")},
+                         {"KEXINIT", kexinit == Kexinit::AFTER_CLIENT ? "PessimisticKexinit" : ""}});
+    StartOnFreePort([&](std::uint16_t port) { return CommandLine(*this, port, lines); });
 }
 
 void ProftpdServer::WriteAccounts(RealServer const& server) {
@@ -87,12 +90,14 @@ std::string ProftpdServer::CurrentGroup() {
     return entry->gr_name;
 }
 
-std::string ProftpdServer::Configuration(std::uint16_t port, Kexinit kexinit) const {
-    return FillIn(CONFIGURATION, {{"PORT", std::to_string(port)},
-                                  {"USER", User()},
-                                  {"GROUP", CurrentGroup()},
-                                  {"DIRECTORY", File(".")},
-                                  {"KEXINIT", kexinit == Kexinit::AFTER_CLIENT ? "PessimisticKexinit" : ""}});
+std::vector<std::string> ProftpdServer::CommandLine(RealServer const& server, std::uint16_t port,
+                                                    std::string const& lines) {
+    WriteFile(server.File("proftpd.conf"), FillIn(CONFIGURATION, {{"PORT", std::to_string(port)},
+                                                                  {"USER", server.User()},
+                                                                  {"GROUP", CurrentGroup()},
+                                                                  {"DIRECTORY", server.File(".")}}) +
+                                               lines + "\n</IfModule>\n");
+    return {"/usr/sbin/proftpd", "-n", "-c", server.File("proftpd.conf")};
 }
 
 } // namespace servers

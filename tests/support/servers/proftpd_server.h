@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "support/servers/real_server.h"
 
@@ -20,10 +21,13 @@ public:
     /// Writes the files "passwd" and "group" of a server's directory: its user, as this process's own.
     static void WriteAccounts(RealServer const& server);
     static std::string CurrentUser();
-    static std::string CurrentGroup();
+    /// Writes the configuration of a server's directory, with `lines` for its mod_sftp, and returns the
+    /// command line that runs it. The keys of its users are in the file "authorized_rfc4716".
+    static std::vector<std::string> CommandLine(RealServer const& server, std::uint16_t port,
+                                                std::string const& lines);
 
 private:
-    std::string Configuration(std::uint16_t port, Kexinit kexinit) const;
+    static std::string CurrentGroup();
 };
 
 } // namespace servers

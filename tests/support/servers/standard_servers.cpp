@@ -71,38 +71,10 @@ exec socat "TCP-LISTEN:$2,bind=127.0.0.1,reuseaddr,fork" \
 
 // --- ProFTPD
 
-constexpr char const* PROFTPD_CONFIGURATION = R"(
-LoadModule mod_sftp.c
-ServerName peer
-ServerType standalone
-DefaultAddress 127.0.0.1
-SocketBindTight on
-Port @PORT@
-UseIPv6 off
-User @USER@
-Group @GROUP@
-RootLogin on
-PidFile @DIRECTORY@/proftpd.pid
-ScoreboardFile @DIRECTORY@/scoreboard
-DelayEngine off
-WtmpLog off
-TransferLog none
-SystemLog @DIRECTORY@/log
-RequireValidShell off
-UseFtpUsers off
-AuthOrder mod_auth_file.c
-AuthUserFile @DIRECTORY@/passwd
-AuthGroupFile @DIRECTORY@/group
-AllowOverwrite on
-<IfModule mod_sftp.c>
-SFTPEngine on
-SFTPLog @DIRECTORY@/mod_sftp.log
+constexpr char const* PROFTPD_HOST_KEYS = R"(
 SFTPHostKey @DIRECTORY@/host_ed25519
 SFTPHostKey @DIRECTORY@/host_ecdsa
 SFTPHostKey @DIRECTORY@/host_rsa
-SFTPAuthorizedUserKeys file:@DIRECTORY@/authorized_rfc4716
-@LINES@
-</IfModule>
 )";
 
 } // namespace
@@ -154,15 +126,9 @@ StandardProftpd::StandardProftpd(std::string const& lines)
         authorized += RunOrThrow({"ssh-keygen", "-e", "-f", UserKey(type) + ".pub"});
     WriteFile(File("authorized_rfc4716"), authorized);
     ProftpdServer::WriteAccounts(*this);
-    StartOnFreePort([&](std::uint16_t port) {
-        WriteFile(File("proftpd.conf"),
-                  FillIn(PROFTPD_CONFIGURATION, {{"PORT", std::to_string(port)},
-                                                 {"USER", User()},
-                                                 {"GROUP", ProftpdServer::CurrentGroup()},
-                                                 {"DIRECTORY", File(".")},
-                                                 {"LINES", lines}}));
-        return Words{"/usr/sbin/proftpd", "-n", "-c", File("proftpd.conf")};
-    });
+    std::string const keys = FillIn(PROFTPD_HOST_KEYS, {{"DIRECTORY", File(".")}});
+    StartOnFreePort(
+        [&](std::uint16_t port) { return ProftpdServer::CommandLine(*this, port, keys + lines); });
 }
 
 StandardPython::StandardPython(std::string const& script, Words const& options)
