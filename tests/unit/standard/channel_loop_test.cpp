@@ -11,6 +11,7 @@
 #include <brantle/thornel/file_descriptor.h>
 
 #include "standard/channel_loop.h"
+#include "unit/standard/connection_fakes.h"
 
 using namespace cindral;
 using namespace cindral::standard;
@@ -19,12 +20,6 @@ namespace {
 
 constexpr unsigned int REMOTE = 7;
 constexpr unsigned int WINDOW = 1 << 20;
-
-class NoHostKeys : public HostKeyCheck {
-public:
-    std::string Order(std::string const& algorithms) override { return algorithms; }
-    std::string Refuse(std::string const&, View) override { return "none is trusted"; }
-};
 
 /// The session around the loop: a table, a multiplexer, and a record of what the loop reports.
 class Host : public LoopHost {
@@ -52,10 +47,8 @@ private:
     OSshPacketStream _out{_cipher, _mac};
 };
 
-class LoopEvents : public ChannelEvents {
+class LoopEvents : public IgnoredEvents {
 public:
-    void OnOpened(Channel&) override {}
-    void OnOpenFailed(Channel&, std::string const&) override {}
     void OnData(Channel& channel, View data) override { loop->OnData(channel, data, false); }
     void OnErrorData(Channel& channel, View data) override { loop->OnData(channel, data, true); }
     void OnEof(Channel& channel) override { loop->OnEof(channel); }
@@ -64,9 +57,6 @@ public:
         return true;
     }
     void OnWindow(Channel& channel) override { loop->OnWindow(channel); }
-    void OnOpenRequest(OpenRequest const&) override {}
-    void OnRequestRefused(Channel&, std::string const&, bool) override {}
-    void OnForwardingRefused() override {}
 
     ChannelLoop* loop = nullptr;
 };

@@ -7,6 +7,7 @@
 
 #include "standard/channels.h"
 #include "support/peer/wire.h"
+#include "unit/standard/connection_fakes.h"
 
 using namespace cindral::standard;
 using cindral::SshProtocolError;
@@ -16,26 +17,13 @@ namespace {
 constexpr unsigned int WINDOW = 1000;
 constexpr unsigned int REMOTE = 70;
 
-class NoHostKeys : public HostKeyCheck {
+class CountedEvents : public IgnoredEvents {
 public:
-    std::string Order(std::string const& algorithms) override { return algorithms; }
-    std::string Refuse(std::string const&, View) override { return "none is trusted"; }
-};
-
-class CountedEvents : public ChannelEvents {
-public:
-    void OnOpened(Channel&) override {}
-    void OnOpenFailed(Channel&, std::string const&) override {}
-    void OnData(Channel&, View) override {}
-    void OnErrorData(Channel&, View) override {}
-    void OnEof(Channel&) override {}
     bool OnClosed(Channel&) override {
         ++closed;
         return true;
     }
     void OnWindow(Channel&) override { ++windows; }
-    void OnOpenRequest(OpenRequest const&) override {}
-    void OnRequestRefused(Channel&, std::string const&, bool) override {}
     void OnForwardingRefused() override { ++forwardingsRefused; }
 
     int closed = 0;

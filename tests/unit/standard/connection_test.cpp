@@ -10,18 +10,9 @@
 #include <gtest/gtest.h>
 
 #include "standard/connection.h"
+#include "unit/standard/connection_fakes.h"
 
 using namespace cindral::standard;
-
-namespace {
-
-class NoHostKeys : public HostKeyCheck {
-public:
-    std::string Order(std::string const& algorithms) override { return algorithms; }
-    std::string Refuse(std::string const&, View) override { return "none is trusted"; }
-};
-
-} // namespace
 
 TEST(Connection, WaitEndsWhenASilentServerHasTakenTheOutput) {
     int ends[2];
