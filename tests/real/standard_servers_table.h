@@ -30,7 +30,7 @@ inline constexpr char TABLE[] = R"(
 
 /// The reasons, each as a list item of Markdown.
 inline constexpr char REASONS[] = R"(
-1. It starts no key exchange within the bytes of the test; a row below has it do so, where it can be set.
+1. It starts no key exchange within the bytes of the test, configured as it is.
 2. The server runs internal-sftp in place of every command.
 3. It has no X11 forwarding: the command runs without a display, and `LastError` says so.
 4. It starts one by itself only after far more bytes than the test sends; with `BRANTLE_LONG=1` it is seen.
