@@ -1,5 +1,8 @@
 #include <brantle/packet/packet_decoder.h>
 
+#include <algorithm>
+#include <climits>
+
 #include <brantle/cindral/bin_buffer.h>
 #include <brantle/cindral/exceptions.h>
 #include <brantle/packet/packet.h>
@@ -90,7 +93,7 @@ TOList<String_t> PacketDecoder::ReadStringList() {
 }
 
 void PacketDecoder::Skip(unsigned int count) {
-    _stream.ignore(count);
+    _stream.ignore(std::min<unsigned int>(count, INT_MAX)); // std::streamsize may have 32 bits
     if (_stream.get() == std::istream::traits_type::eof()) return;
     unsigned int const type = _data.Length() > 1 ? _data.Data()[1] : 0u;
     throw SshProtocolError("additional characters in packet after padding", String_t(Packet::MsgName(type)));

@@ -87,7 +87,7 @@ ByteString ISshPacketStream::ReadPacket() {
     if (length < MIN_PACKET_LENGTH) throw SshProtocolError("packet length less than 2");
     if (length > MAX_PACKET_LENGTH)
         throw SshProtocolError("packet length exceeds maximum value", static_cast<int>(length));
-    _sshBuffer.ContinuePacket(length + LENGTH_FIELD - block);
+    _sshBuffer.ContinuePacket(std::max(length + LENGTH_FIELD, block) - block);
     ByteString packet(length);
     _adapter.Read(reinterpret_cast<char*>(packet.Data()), static_cast<int>(length));
     auto const arrived = static_cast<unsigned int>(_adapter.Gcount());

@@ -91,7 +91,8 @@ int ConnectIn(sockaddr_storage const& address, socklen_t length, Deadline const&
 }
 
 int SetSendLimit(int fd, milliseconds limit) {
-    timeval value{limit.count() / 1000, limit.count() % 1000 * 1000};
+    timeval value{static_cast<time_t>(limit.count() / 1000),
+                  static_cast<suseconds_t>(limit.count() % 1000 * 1000)};
     return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof(value));
 }
 
