@@ -236,6 +236,8 @@ private:
     void Defer(View message);
     void TakeDeferred();
     void EndEarly();
+    void ShowErrors();
+    ByteString NoData();
     void ServeIdle();
     int Refused(std::string const& reason);
     /// Does a step for the session. If it throws, the last error says why.
@@ -246,6 +248,7 @@ private:
     BlockCipher _plain; ///< messages are encoded without a cipher, and padded here
     FileCopies _copies;
     std::deque<Incoming> _inbox; ///< data for the session, outside the loop
+    Bytes _errors;               ///< extended data, likewise
     std::vector<Bytes> _answers; ///< for the session
     int _awaited = 0;            ///< number of the message whose answer the session reads next; 0: data
     Deadline _answerBy{Transport::TIME_LIMIT};
@@ -455,7 +458,8 @@ ByteString StandardDialect::Impl::ReadAnswer() {
 
 ByteString StandardDialect::Impl::ReadData() {
     while (_inbox.empty()) {
-        if (_hasEnded) return ByteString();
+        ShowErrors();
+        if (_hasEnded) return NoData();
         GrantPart();
         ServeBlocking();
     }
@@ -589,6 +593,7 @@ void StandardDialect::Impl::Submit(View message) {
         _hasEnded = _isSftp = _endsEarly = false;
         _granted = 0;
         _inbox.clear();
+        _errors.clear();
         DropPart();
     }
     if (!isAwaited) return;
@@ -723,7 +728,17 @@ void StandardDialect::Impl::AddInput(int fd, SshChannel const& channel) {
             _loop.OnData(*session,
                          View(incoming.packet.data() + DATA_START, incoming.packet.size() - DATA_START),
                          false);
+    if (session && !_errors.empty()) _loop.OnData(*session, std::exchange(_errors, {}), true);
     _loop.Settle();
+}
+
+/// The session reads on although the remote program, scp for example, has ended.
+ByteString StandardDialect::Impl::NoData() {
+    Channel const* const channel = _channels.Find(SESSION_CHANNEL);
+    int const status = channel ? channel->exitStatus : _exitStatus;
+    if (status > 0) SetLastError("the remote program ended with status " + std::to_string(status));
+    if (status < 0) SetLastError("the remote program has ended");
+    return ByteString();
 }
 
 /// Renews the keys by time also when nothing is sent or received.
@@ -777,10 +792,19 @@ void StandardDialect::Impl::OnData(Channel& channel, View data) {
 
 void StandardDialect::Impl::OnErrorData(Channel& channel, View data) {
     if (_loop.IsRunning()) return _loop.OnData(channel, data, true);
-    auto from = reinterpret_cast<char const*>(data.data());
-    DescriptorIO(STDERR_FILENO).Write(from, from + data.size(), 0);
-    _channels.Consume(channel, data.size());
+    _errors.insert(_errors.end(), data.begin(), data.end());
+    if (_receiver || _isSftp) ShowErrors();
     NoteProgress();
+}
+
+/// Outside the loop they are messages of the server's, of its scp for example, and not a command's output.
+void StandardDialect::Impl::ShowErrors() {
+    if (_errors.empty()) return;
+    std::string const text = Printable(_errors, Lines::KEPT);
+    char const* from = text.data();
+    DescriptorIO(STDERR_FILENO).Write(from, from + text.size(), 0);
+    if (Channel* const channel = _channels.Find(SESSION_CHANNEL)) _channels.Consume(*channel, _errors.size());
+    _errors.clear();
 }
 
 void StandardDialect::Impl::OnEof(Channel& channel) {

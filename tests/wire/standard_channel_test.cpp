@@ -402,7 +402,8 @@ TEST_F(StandardChannel, OutputAndEndBeforeTheLoopAreNotLost) {
     int terminations = 0;
     StandardResult const result = Run(
         [](StandardConnection& c) {
-            c.SendTogether({Data("out"), ExtendedData("err", 1), Data("put"), ExitStatus(3), Eof(), Close()});
+            c.SendTogether(
+                {Data("out"), ExtendedData("\033err", 1), Data("put"), ExitStatus(3), Eof(), Close()});
             c.SkipTo(GLOBAL_REQUEST);
             c.SendPacket({REQUEST_SUCCESS});
         },
@@ -414,7 +415,7 @@ TEST_F(StandardChannel, OutputAndEndBeforeTheLoopAreNotLost) {
     EXPECT_EQ(forwarded, 0);
     EXPECT_EQ(result.outcome, RUN_ENDED);
     EXPECT_EQ(result.output, "output");
-    EXPECT_EQ(result.errors, "err");
+    EXPECT_EQ(result.errors, "\033err") << "a command's, as it is";
     EXPECT_EQ(result.exitStatus, 3);
     EXPECT_EQ(terminations, 1) << "in Run";
 }

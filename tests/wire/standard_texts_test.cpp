@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include <brantle/apps/scp_session.h>
 #include <brantle/sftp/sftp_client_session.h>
 
 #include "wire/standard_fixture.h"
@@ -22,6 +23,16 @@ Reader ReadSftp(StandardConnection& c) {
 
 void SendSftp(StandardConnection& c, Bytes const& message) {
     c.SendPacket(Writer().U8(CHANNEL_DATA).U32(0).String(Bytes(Writer().String(message))));
+}
+
+template <class Session>
+std::string LogIn(Session& session) {
+    cindral::EnterPassword enter(0, "");
+    cindral::KbdInteractiveCallback questions;
+    return StandardClient::Follow(
+        {{"Connect ", [&] { return session.Connect(10); }},
+         {"KeyExchange ", [&] { return session.KeyExchange(); }},
+         {"Authenticate ", [&] { return session.Authenticate("", "tester", "", enter, questions); }}});
 }
 
 /// The client's status of an operation that the server answers by code 4 and these texts.
@@ -46,16 +57,10 @@ cindral::SftpStatus StatusOf(std::function<void(Writer&)> const& addTexts) {
     {
         cindral::SftpClientSession session(server.Port(), "127.0.0.1");
         cindral::StandardDialect dialect(session);
-        cindral::EnterPassword enter(0, "");
-        cindral::KbdInteractiveCallback questions;
-        EXPECT_EQ(
-            StandardClient::Follow(
-                {{"Connect ", [&] { return session.Connect(10); }},
-                 {"KeyExchange ", [&] { return session.KeyExchange(); }},
-                 {"Authenticate ", [&] { return session.Authenticate("", "tester", "", enter, questions); }},
-                 {"Start ", [&] { return session.Start(); }},
-                 {"Mkdir ", [&] { return session.Mkdir(status, "x", 0755); }}}),
-            "Mkdir -4");
+        EXPECT_EQ(LogIn(session), "");
+        EXPECT_EQ(StandardClient::Follow({{"Start ", [&] { return session.Start(); }},
+                                          {"Mkdir ", [&] { return session.Mkdir(status, "x", 0755); }}}),
+                  "Mkdir -4");
     }
     server.Finish();
     return status;
@@ -97,4 +102,53 @@ TEST(StandardTexts, WhatWasTriedStaysKnownWhenTheServerEndsTheLogin) {
     EXPECT_EQ(reason, "Authenticate SshProtocolError: disconnected by the server: too many\\x1b");
     EXPECT_EQ(lastError, "disconnected by the server: too many\\x1b; login failed: the server accepts "
                          "password; password: refused");
+}
+
+TEST(StandardTexts, ErrorsOfScpHaveTheirControlCharactersMadeVisibleAndItsStatusIsKnown) {
+    StandardPeer server([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        c.SendExtendedData("\033[31mscp: not found\n");
+        c.SendTogether({Writer().U8(CHANNEL_REQUEST).U32(0).String("exit-status").Bool(false).U32(127),
+                        Writer().U8(CHANNEL_EOF).U32(0), Writer().U8(CHANNEL_CLOSE).U32(0)});
+        c.ReadToTheEnd();
+    });
+    std::string errors, lastError;
+    {
+        cindral::ScpSession session(server.Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        EXPECT_EQ(LogIn(session), "");
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(session.StartSend("there"), -1);
+        errors = testing::internal::GetCapturedStderr();
+        lastError = Text(dialect.LastError());
+    }
+    server.Finish();
+    EXPECT_EQ(errors, "\\x1b[31mscp: not found\n");
+    EXPECT_EQ(lastError, "the remote program ended with status 127");
+}
+
+TEST(StandardTexts, ErrorsOfAnSftpServerHaveTheirControlCharactersMadeVisible) {
+    StandardPeer server([](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        c.ReadChannelRequest();
+        EXPECT_EQ(ReadSftp(c).U8(), 1); // INIT
+        c.SendExtendedData("disk\007 full\n");
+        SendSftp(c, Writer().U8(2).U32(3));
+        Reader realpath = ReadSftp(c);
+        EXPECT_EQ(realpath.U8(), 16);
+        SendSftp(c, Writer().U8(104).U32(realpath.U32()).U32(1).String("/home").String("").U32(0));
+        c.ReadToTheEnd();
+    });
+    std::string errors;
+    {
+        cindral::SftpClientSession session(server.Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        EXPECT_EQ(LogIn(session), "");
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(session.Start(), 0);
+        errors = testing::internal::GetCapturedStderr();
+    }
+    server.Finish();
+    EXPECT_EQ(errors, "disk\\x07 full\n");
 }

@@ -88,8 +88,9 @@ public:
     int ExitStatus() const;
     /// The signal that ended the command, without "SIG", as in "KILL"; empty: none.
     String_t const& ExitSignal() const;
-    /// The algorithms negotiated, empty before KeyExchange. The session returns the ciphers and MACs; a
-    /// cipher that authenticates the packet has an empty MAC.
+    /// The algorithms that KeyExchange negotiated, empty before it; a rekeying may agree on others, but for
+    /// the host key. The session returns the ciphers and MACs; a cipher that authenticates the packet has an
+    /// empty MAC.
     String_t const& KexName() const;
     String_t const& HostKeyName() const;
     /// Whether strict key exchange (kex-strict-c-v00@openssh.com) is in force.
