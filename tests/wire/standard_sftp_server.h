@@ -27,6 +27,9 @@ public:
         while (!_closed) Answer(ReadMessage());
     }
 
+    /// Whether bytes of a further request have been read.
+    bool HasMore() const { return !_buffer.empty(); }
+
     /// A message, to which its length is put.
     void Send(peer::Bytes const& message) { SendBytes(peer::Writer().String(message)); }
     /// Any bytes of the channel.
@@ -35,6 +38,40 @@ public:
         for (std::size_t at = 0; at < data.size(); at += most)
             _connection.SendPacket(
                 peer::Writer().U8(peer::CHANNEL_DATA).U32(0).String(peer::Slice(data, at, most)));
+    }
+
+    /// Does what a request asks for, and answers it.
+    void Perform(unsigned type, std::uint32_t id, peer::Reader request) {
+        switch (type) {
+        case 1: // INIT, whose version is in the place of the id
+            return Send(peer::Writer().U8(2).U32(3));
+        case 3: // OPEN
+            return Send(peer::Writer().U8(102).U32(id).String("handle"));
+        case 4: // CLOSE
+            _closed = true;
+            return SendStatus(id, 0, "");
+        case 5: { // READ
+            request.Blob();
+            auto const offset = static_cast<std::size_t>(request.U64());
+            std::size_t const size = request.U32();
+            if (offset >= content.size()) return SendStatus(id, 1, "end of file");
+            return Send(peer::Writer().U8(103).U32(id).String(content.substr(offset, size)));
+        }
+        case 6: { // WRITE
+            request.Blob();
+            auto const offset = static_cast<std::size_t>(request.U64());
+            std::string const data = request.String();
+            content.resize(std::max(content.size(), offset + data.size()));
+            content.replace(offset, data.size(), data);
+            return SendStatus(id, 0, "");
+        }
+        case 8: // FSTAT
+            return Send(peer::Writer().U8(105).U32(id).U32(1).U64(content.size()));
+        case 16: // REALPATH
+            return Send(peer::Writer().U8(104).U32(id).U32(1).String("/home").String("").U32(0));
+        default:
+            return SendStatus(id, 8, "not supported");
+        }
     }
 
 private:
@@ -71,36 +108,7 @@ private:
         if (beforeAnswer) beforeAnswer(type);
         std::uint32_t const id = request.U32();
         if (peer::Reader fields = request; instead && instead(type, id, fields)) return;
-        switch (type) {
-        case 1: // INIT, whose version is in the place of the id
-            return Send(peer::Writer().U8(2).U32(3));
-        case 3: // OPEN
-            return Send(peer::Writer().U8(102).U32(id).String("handle"));
-        case 4: // CLOSE
-            _closed = true;
-            return SendStatus(id, 0, "");
-        case 5: { // READ
-            request.Blob();
-            auto const offset = static_cast<std::size_t>(request.U64());
-            std::size_t const size = request.U32();
-            if (offset >= content.size()) return SendStatus(id, 1, "end of file");
-            return Send(peer::Writer().U8(103).U32(id).String(content.substr(offset, size)));
-        }
-        case 6: { // WRITE
-            request.Blob();
-            auto const offset = static_cast<std::size_t>(request.U64());
-            std::string const data = request.String();
-            content.resize(std::max(content.size(), offset + data.size()));
-            content.replace(offset, data.size(), data);
-            return SendStatus(id, 0, "");
-        }
-        case 8: // FSTAT
-            return Send(peer::Writer().U8(105).U32(id).U32(1).U64(content.size()));
-        case 16: // REALPATH
-            return Send(peer::Writer().U8(104).U32(id).U32(1).String("/home").String("").U32(0));
-        default:
-            return SendStatus(id, 8, "not supported");
-        }
+        Perform(type, id, request);
     }
 
     peer::StandardConnection& _connection;
