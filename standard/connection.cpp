@@ -9,12 +9,11 @@ namespace cindral::standard {
 
 namespace {
 
-constexpr std::size_t MAX_LINE = 8192;                 ///< of the lines before the identification
-constexpr unsigned int MAX_LINES = 1024;               ///< likewise
-constexpr std::size_t MAX_HELD = 0x10000;              ///< messages
-constexpr std::size_t MAX_EARLY = 64;                  ///< messages
-constexpr std::size_t MAX_UNREAD = 0x400000;           ///< bytes of answers that the server does not read
-constexpr unsigned long long MAX_PACKETS = 1ull << 31; ///< RFC 4344, section 3.1
+constexpr std::size_t MAX_LINE = 8192;       ///< of the lines before the identification
+constexpr unsigned int MAX_LINES = 1024;     ///< likewise
+constexpr std::size_t MAX_HELD = 0x10000;    ///< messages
+constexpr std::size_t MAX_EARLY = 64;        ///< messages
+constexpr std::size_t MAX_UNREAD = 0x400000; ///< bytes of answers that the server does not read
 constexpr int FIRST_EXCHANGE_MESSAGE = 20;
 constexpr int LAST_EXCHANGE_MESSAGE = 49;
 constexpr int EXT_INFO = 7; // RFC 8308
@@ -151,7 +150,7 @@ void Connection::FlushRest() noexcept {
 
 bool Connection::IsRekeyDue() const {
     if (!_exchange.HasKeys() || _exchange.IsUnderWay()) return false;
-    return _transport.BytesSinceKeys() >= _limit.bytes || _transport.PacketsSinceKeys() >= MAX_PACKETS ||
+    return _transport.BytesSinceKeys() >= _limit.bytes || _transport.PacketsSinceKeys() >= _limit.packets ||
            (_limit.seconds > 0 && Clock::now() - _keysSince >= std::chrono::seconds(_limit.seconds));
 }
 

@@ -16,7 +16,8 @@ namespace cindral::standard {
 /// When keys are renewed.
 struct RekeyLimit {
     unsigned long long bytes = 1ull << 30;
-    unsigned int seconds = 3600; ///< 0: no limit
+    unsigned int seconds = 3600;             ///< 0: no limit
+    unsigned long long packets = 1ull << 31; ///< RFC 4344, section 3.1
 };
 
 /// The transport layer of one connection (RFC 4253): identification, key exchanges whenever either side wants

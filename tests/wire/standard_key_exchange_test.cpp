@@ -94,6 +94,24 @@ TEST_F(StandardStrictRules, SequenceNumbersBeginAgainWithEachNewKeys) {
     EXPECT_TRUE(result.isStrict);
 }
 
+TEST_F(StandardStrictRules, ExtInfoAndUnknownNumbersWithinTheFirstExchangeEndIt) {
+    Bytes const extensions = Writer().U8(EXT_INFO).U32(1).String("server-sig-algs").String("ssh-rsa");
+    for (Bytes const& message : {extensions, Bytes{0}, Bytes{8}, Bytes{19}, Bytes{192}, Bytes{255}})
+        for (Place const place : {Place::BeforeKexInit, Place::AfterKexInit, Place::AfterReply}) {
+            SCOPED_TRACE("message " + std::to_string(message[0]));
+            StandardResult const result =
+                RunFrom([&](StandardConnection& c) { ExchangeWith(c, place, message); });
+            // Whether the rules are strict is known only after both KEXINITs.
+            EXPECT_THAT(
+                result.outcome,
+                StartsWith(place == Place::BeforeKexInit
+                               ? "KeyExchange SshProtocolError: message before the first keys"
+                               : "KeyExchange SshProtocolError: message within a strict key exchange"));
+            EXPECT_EQ(Seen().CountReceived(UNIMPLEMENTED), 0u);
+            EXPECT_EQ(Seen().CountReceived(SERVICE_REQUEST), 0u);
+        }
+}
+
 TEST_F(StandardStrictRules, ServerThatCountsOnIsForged) {
     settings.Pin(chacha);
     StandardResult const result = RunFrom([](StandardConnection& c) {

@@ -1,5 +1,7 @@
 // Exchanges of keys after the first one, started by either side.
 
+#include <thread>
+
 #include <brantle/sftp/sftp_client_session.h>
 
 #include "support/temporary_directory.h"
@@ -91,6 +93,63 @@ TEST_F(StandardRekeying, ClientStartsThemByItsLimit) {
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_TRUE(result.output == text);
     EXPECT_EQ(result.exchanges, 11u);
+}
+
+TEST_F(StandardRekeying, ClientStartsOneAfterASecondInWhichDataFlow) {
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point begin;
+    std::string text;
+    StandardResult const result = RunFrom(
+        [&](StandardConnection& c) {
+            begin = Clock::now();
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            input.Write("input");
+            while (c.CountReceived(KEXINIT) < 2 && Clock::now() - begin < std::chrono::seconds(20)) {
+                c.SendPacket(Data("output "));
+                text += "output ";
+                c.SendPacket(Writer().U8(GLOBAL_REQUEST).String("name").Bool(true));
+                c.SkipTo(REQUEST_FAILURE); // an exchange that the client starts is answered there
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+            EXPECT_GE(Clock::now() - begin, std::chrono::seconds(1));
+            c.SendTogether(Ending());
+            c.ReadToTheEnd();
+        },
+        [](StandardClient& client) { client.dialect.SetRekeyLimit(1ull << 30, 1); });
+    EXPECT_EQ(server->Error(), "");
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.output, text);
+    EXPECT_EQ(result.exchanges, 2u);
+}
+
+/// The client's KEXINIT has been sent, and none of it been read, when the server sends its own.
+TEST_F(StandardRekeying, KexInitsThatCrossInTheLoopAreOneExchange) {
+    std::string const text = Numbers(5000);
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            c.answersKexInit = false;
+            for (int round = 0; round < 5; ++round) {
+                c.SendPacket(Data(text));
+                EXPECT_TRUE(c.Wire().WaitReadable(Link::timeLimit));
+                c.kex = StandardKex();
+                c.SendPacket(Writer().U8(GLOBAL_REQUEST).String("name").Bool(true));
+                c.SendKexInit();
+                c.SendPacket(Data("within "));
+                c.ReceiveKexInit();
+                c.FinishExchange();
+                c.ExpectPacket(REQUEST_FAILURE); // held back until then
+            }
+            c.SendTogether(Ending(3));
+        },
+        [](StandardClient& client) { client.dialect.SetRekeyLimit(4000, 0); });
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(result.exchanges, 6u);
+    std::string expected;
+    for (int round = 0; round < 5; ++round) expected += text + "within ";
+    EXPECT_EQ(result.output, expected);
 }
 
 TEST_F(StandardRekeying, DataThatThePeerSendsWithinAnExchangeAreKept) {

@@ -18,12 +18,18 @@ struct Algorithms {
     char const* mac;
 };
 
+StandardKey const& HostKeyFor(std::string const& algorithm) {
+    if (algorithm == "ssh-ed25519") return StandardKey::Host();
+    if (algorithm[0] == 'r') return StandardKey::HostRsa();
+    return StandardKey::HostEcdsa(std::stoi(algorithm.substr(algorithm.size() - 3)));
+}
+
 class StandardAlgorithms : public StandardTest, public testing::WithParamInterface<Algorithms> {};
 
 TEST_P(StandardAlgorithms, SessionIsCompleteAcrossARekeying) {
     Algorithms const& algorithms = GetParam();
     settings.Kex(algorithms.kex, algorithms.hostKey).Pin(algorithms.cipher, algorithms.mac);
-    if (std::string(algorithms.hostKey) != "ssh-ed25519") settings.hostKey = &StandardKey::HostRsa();
+    settings.hostKey = &HostKeyFor(algorithms.hostKey);
     StandardResult const result = Run([](StandardConnection& c) {
         c.SendPacket(Data("before, "));
         c.Rekey();
@@ -51,8 +57,33 @@ INSTANTIATE_TEST_SUITE_P(
         Algorithms{"etm", "curve25519-sha256@libssh.org", "ssh-ed25519", "aes128-ctr",
                    "hmac-sha2-256-etm@openssh.com"},
         Algorithms{"etm512", "curve25519-sha256", "ssh-ed25519", "aes128-ctr",
-                   "hmac-sha2-512-etm@openssh.com"}),
+                   "hmac-sha2-512-etm@openssh.com"},
+        Algorithms{"ecdsa256", "curve25519-sha256", "ecdsa-sha2-nistp256", "aes128-gcm@openssh.com", ""},
+        Algorithms{"ecdsa384", "curve25519-sha256", "ecdsa-sha2-nistp384", "aes128-gcm@openssh.com", ""},
+        Algorithms{"ecdsa521", "curve25519-sha256", "ecdsa-sha2-nistp521", "aes128-gcm@openssh.com", ""}),
     [](auto const& param) { return std::string(param.param.name); });
+
+class StandardAttachment : public StandardTest {};
+
+TEST_F(StandardAttachment, DialectOfASessionThatIsConnectedIsRefusedAndChangesNothing) {
+    Serve([](StandardConnection& c) {
+        c.SendLine(c.settings.versionLine);
+        c.ReadLine(); // without a carriage return, as the session ends it
+        c.SendKexInit();
+        c.ReceiveKexInit();
+    });
+    {
+        TestSession session(server->Port());
+        ASSERT_EQ(session.Connect(10), 0);
+        EXPECT_EQ(Outcome([&] { return cindral::StandardDialect(session).ExitStatus(); }),
+                  "InvalidArgument: SessionDialect::Attach: the session is connected");
+        Outcome([&] { return session.KeyExchange(); });
+    }
+    server->Join();
+    EXPECT_THAT(KexInitLists::Parse(Seen().kex.clientInit).kex,
+                testing::Not(testing::HasSubstr("curve25519")))
+        << "the session's own offer is sent";
+}
 
 /// The data of the client's next message.
 std::string NextData(StandardConnection& c) {

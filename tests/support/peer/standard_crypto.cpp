@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/hmac.h>
 #include <openssl/pem.h>
@@ -103,7 +105,27 @@ EVP_MD const* SignatureDigest(std::string const& algorithm) {
     if (algorithm == "rsa-sha2-512") return EVP_sha512();
     if (algorithm == "rsa-sha2-256") return EVP_sha256();
     if (algorithm == "ssh-rsa") return EVP_sha1();
+    if (algorithm == "ecdsa-sha2-nistp256") return EVP_sha256();
+    if (algorithm == "ecdsa-sha2-nistp384") return EVP_sha384();
+    if (algorithm == "ecdsa-sha2-nistp521") return EVP_sha512();
     return nullptr;
+}
+
+Bytes MagnitudeOf(BIGNUM const* number) {
+    Bytes bytes(static_cast<std::size_t>(BN_num_bytes(number)));
+    BN_bn2bin(number, bytes.data());
+    return bytes;
+}
+
+/// RFC 5656, section 3.1.2, from libcrypto's form.
+Bytes EcdsaValue(Bytes const& der) {
+    unsigned char const* data = der.data();
+    std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)> const signature(
+        d2i_ECDSA_SIG(nullptr, &data, static_cast<long>(der.size())), ECDSA_SIG_free);
+    Require(signature != nullptr, "d2i_ECDSA_SIG");
+    return Writer()
+        .Mpint(MagnitudeOf(ECDSA_SIG_get0_r(signature.get())))
+        .Mpint(MagnitudeOf(ECDSA_SIG_get0_s(signature.get())));
 }
 
 } // namespace
@@ -269,12 +291,18 @@ StandardKey StandardKey::MakeRsa() {
     for (char const* name : {OSSL_PKEY_PARAM_RSA_E, OSSL_PKEY_PARAM_RSA_N}) {
         BIGNUM* number = nullptr;
         Require(EVP_PKEY_get_bn_param(key.get(), name, &number) == 1, "EVP_PKEY_get_bn_param");
-        Bytes bytes(static_cast<std::size_t>(BN_num_bytes(number)));
-        BN_bn2bin(number, bytes.data());
+        blob.Mpint(MagnitudeOf(number));
         BN_free(number);
-        blob.Mpint(bytes);
     }
     return StandardKey("ssh-rsa", key, blob);
+}
+
+StandardKey StandardKey::MakeEcdsa(int bits) {
+    std::string const number = std::to_string(bits);
+    Key const key(EVP_EC_gen(("P-" + number).c_str()), EVP_PKEY_free);
+    Require(key != nullptr, "EVP_EC_gen");
+    std::string const type = "ecdsa-sha2-nistp" + number;
+    return StandardKey(type, key, Writer().String(type).String("nistp" + number).String(PublicOf(key.get())));
 }
 
 StandardKey const& StandardKey::Host() {
@@ -297,6 +325,12 @@ StandardKey const& StandardKey::HostRsa() {
     return key;
 }
 
+StandardKey const& StandardKey::HostEcdsa(int bits) {
+    static std::map<int, StandardKey> const keys{
+        {256, MakeEcdsa(256)}, {384, MakeEcdsa(384)}, {521, MakeEcdsa(521)}};
+    return keys.at(bits);
+}
+
 Bytes StandardKey::Sign(std::string const& algorithm, Bytes const& data) const {
     DigestContext const context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
     std::size_t size = 0;
@@ -308,7 +342,8 @@ Bytes StandardKey::Sign(std::string const& algorithm, Bytes const& data) const {
     Require(EVP_DigestSign(context.get(), signature.data(), &size, data.data(), data.size()) == 1,
             "EVP_DigestSign");
     signature.resize(size);
-    return Writer().String(algorithm).String(signature);
+    bool const isEcdsa = algorithm.rfind("ecdsa-", 0) == 0;
+    return Writer().String(algorithm).String(isEcdsa ? EcdsaValue(signature) : signature);
 }
 
 bool StandardKey::Verify(std::string const& algorithm, Bytes const& signature, Bytes const& data) const {

@@ -1,6 +1,7 @@
 #ifndef TESTS_SUPPORT_PEER_STANDARD_CRYPTO_H
 #define TESTS_SUPPORT_PEER_STANDARD_CRYPTO_H
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -61,15 +62,18 @@ private:
 /// Bytes of key that a cipher needs.
 std::size_t StandardKeyLength(std::string const& cipher);
 
-/// A key pair of the host's or a user's, the same in every process: Ed25519, or RSA of 2048 bits.
+/// A key pair of the host's or a user's: Ed25519 or RSA of 2048 bits, the same in every process, or ECDSA,
+/// new in each.
 class StandardKey {
 public:
     static StandardKey const& Host();
     static StandardKey const& OtherHost();
     static StandardKey const& User();
     static StandardKey const& HostRsa();
+    /// On the curve of 256, 384 or 521 bits.
+    static StandardKey const& HostEcdsa(int bits);
 
-    /// "ssh-ed25519" or "ssh-rsa".
+    /// "ssh-ed25519", "ssh-rsa" or "ecdsa-sha2-nistp256" and so on.
     std::string const& Type() const { return _type; }
     Bytes const& Blob() const { return _blob; }
     /// The signature blob, by an algorithm that suits the type.
@@ -86,6 +90,7 @@ private:
         : _type(type), _key(std::move(key)), _blob(std::move(blob)) {}
     static StandardKey MakeEd25519(std::string const& seed);
     static StandardKey MakeRsa();
+    static StandardKey MakeEcdsa(int bits);
 
     std::string _type;
     std::shared_ptr<EVP_PKEY> _key;
