@@ -1,21 +1,26 @@
 // The messages of a server to a connection with the standard dialect that has a session channel and a
 // forwarded one: transport, EXT_INFO, key exchange, requests, channels and their windows. Each message has
-// its length in two bytes before it.
+// its length in two bytes before it. A connection that has no keys yet takes them, and one that has finished
+// a key exchange with a scripted server.
 //
 // Data must never exceed what has been granted, nor come after the end of a channel, and only the documented
-// exceptions end it.
+// exceptions end it. What the first message says of signature algorithms is known after it, and an unknown
+// number in it is answered.
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <brantle/cindral/exceptions.h>
 
 #include "finding.h"
 #include "standard/channels.h"
+#include "support/keyed_connection.h"
 
 using namespace cindral::standard;
 using cindral::SshProtocolError;
@@ -69,17 +74,26 @@ private:
     unsigned int _next = 10;
 };
 
-/// Unencrypted packets of the input's messages.
-Bytes Frame(View input) {
-    constexpr std::size_t BLOCK = 8;
-    Writer wire;
+/// The input's messages.
+std::vector<View> Split(View input) {
+    std::vector<View> messages;
     while (input.size() > 2) {
         auto const wanted = static_cast<std::size_t>(input[0] << 8 | input[1]);
         std::size_t const size = std::min<std::size_t>(wanted, input.size() - 2);
-        std::size_t const padding = 2 * BLOCK - (5 + size) % BLOCK;
-        wire.Int(static_cast<unsigned int>(1 + size + padding)).Byte(static_cast<unsigned char>(padding));
-        wire.Fixed(View(input.data() + 2, size)).Fixed(Bytes(padding, 0));
+        messages.emplace_back(input.data() + 2, size);
         input = View(input.data() + 2 + size, input.size() - 2 - size);
+    }
+    return messages;
+}
+
+/// Unencrypted packets of these.
+Bytes Frame(std::vector<View> const& messages) {
+    constexpr std::size_t BLOCK = 8;
+    Writer wire;
+    for (View const message : messages) {
+        std::size_t const padding = 2 * BLOCK - (5 + message.size()) % BLOCK;
+        wire.Int(static_cast<unsigned int>(1 + message.size() + padding));
+        wire.Byte(static_cast<unsigned char>(padding)).Fixed(message).Fixed(Bytes(padding, 0));
     }
     return wire.Take();
 }
@@ -97,23 +111,26 @@ void OpenChannels(Channels& channels) {
     channels.PostKeepalive();
 }
 
-void TakeAll(Connection& connection, Channels& channels) {
-    View message;
-    for (;;) {
-        while (connection.Next(message)) {
-            View passedOn = message;
-            if (channels.Take(passedOn)) Require(passedOn.size() > 0, "Take", "passes on nothing");
-        }
-        connection.Fill(); // throws at the end
+void TakeWhatHasCome(Connection& connection, Channels& channels) {
+    for (View message; connection.Next(message);)
+        if (channels.Take(message)) Require(message.size() > 0, "Take", "passes on nothing");
+}
+
+/// Does what may end the connection.
+template <class Step>
+void Guarded(Step const& step) {
+    try {
+        step();
+    } catch (SshProtocolError const&) {
+    } catch (Declined const& declined) {
+        Require(!declined.Text().empty(), "Declined", "says nothing");
     }
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    if (size > LARGEST_INPUT) return 0;
+/// The server's messages before it has any keys.
+void TakeWithoutKeys(std::vector<View> const& messages) {
     Bytes wire = Writer().Fixed("SSH-2.0-peer\n").Take();
-    Bytes const packets = Frame(View(data, size));
+    Bytes const packets = Frame(messages);
     wire.insert(wire.end(), packets.begin(), packets.end());
     int ends[2];
     Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair", "failed");
@@ -132,13 +149,89 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
                 0,
             "Identify", "failed");
     OpenChannels(channels);
-    try {
-        TakeAll(connection, channels);
-    } catch (SshProtocolError const&) {
-    } catch (Declined const& declined) {
-        Require(!declined.Text().empty(), "Declined", "says nothing");
-    }
+    Guarded([&] {
+        for (;;) {
+            TakeWhatHasCome(connection, channels);
+            connection.Fill(); // throws at the end
+        }
+    });
     close(ends[0]);
     close(ends[1]);
+}
+
+// --- with keys
+
+/// Numbers that RFC 4250, section 4.1 assigns to nothing.
+bool IsUnassigned(int number) { return number == 0 || (number >= 8 && number <= 19) || number >= 128; }
+
+/// What an EXT_INFO says of signature algorithms; nothing if it is none, or malformed.
+std::optional<std::string> AlgorithmsIn(View message) {
+    peer::Reader fields(peer::Bytes(message.begin(), message.end()));
+    std::optional<std::string> algorithms;
+    try {
+        if (fields.U8() != peer::EXT_INFO) return std::nullopt;
+        for (std::uint32_t left = fields.U32(); left > 0; --left) {
+            std::string const name = fields.String();
+            std::string const value = fields.String();
+            if (name == "server-sig-algs") algorithms = value;
+        }
+        fields.End();
+    } catch (peer::PeerError const&) {
+        return std::nullopt;
+    }
+    return algorithms;
+}
+
+void TakeFirst(support::KeyedConnection& pair, Channels& channels, View message) {
+    std::uint32_t const sequence = pair.server.SendSequence();
+    pair.server.SendPacket(peer::Bytes(message.begin(), message.end()));
+    pair.client.Fill();
+    TakeWhatHasCome(pair.client, channels);
+    if (auto const algorithms = AlgorithmsIn(message))
+        Require(pair.client.ServerSignatureAlgorithms() == *algorithms, "EXT_INFO", "is not heard");
+    if (!IsUnassigned(message[0])) return;
+    Require(pair.client.HasPendingOutput(), "unknown number", "is not answered");
+    pair.client.Flush();
+    for (int own = 0; own < 2; ++own) pair.server.ReadPacket(); // what OpenChannels sends
+    peer::Reader answer(pair.server.ReadPacket());
+    Require(answer.U8() == peer::UNIMPLEMENTED && answer.U32() == sequence, "unknown number",
+            "is answered by something else");
+}
+
+/// The server's messages after a key exchange, the first one alone and the others in pieces of any size.
+void TakeWithKeys(std::vector<View> const& messages) {
+    constexpr std::size_t PIECE = 5000;
+    support::KeyedConnection pair;
+    pair.Begin();
+    Events events;
+    Channels channels(pair.client, events);
+    events.channels = &channels;
+    OpenChannels(channels);
+    pair.client.Flush();
+    Guarded([&] {
+        if (messages.empty() || messages[0].empty()) return;
+        TakeFirst(pair, channels, messages[0]);
+        peer::Bytes wire;
+        for (std::size_t i = 1; i < messages.size(); ++i) {
+            peer::Bytes const packet =
+                pair.server.Encode(peer::Bytes(messages[i].begin(), messages[i].end()));
+            wire.insert(wire.end(), packet.begin(), packet.end());
+        }
+        for (std::size_t at = 0; at < wire.size(); at += PIECE) {
+            pair.server.SendRaw(peer::Slice(wire, at, PIECE));
+            pair.client.Fill();
+            TakeWhatHasCome(pair.client, channels);
+            pair.client.Flush();
+        }
+    });
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    if (size > LARGEST_INPUT) return 0;
+    std::vector<View> const messages = Split(View(data, size));
+    TakeWithoutKeys(messages);
+    TakeWithKeys(messages);
     return 0;
 }
