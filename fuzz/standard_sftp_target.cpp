@@ -68,6 +68,8 @@ public:
         if (_receiver) _receiver->TakeData(data);
     }
 
+    void Close() override { Require(false, "Close", "is not the pipeline's to call"); }
+
     std::size_t Waiting() const {
         return static_cast<std::size_t>(std::count_if(requests.begin(), requests.end(),
                                                       [](auto const& r) { return r.second.replies == 0; }));
