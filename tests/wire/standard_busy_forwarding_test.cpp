@@ -23,6 +23,23 @@ std::string Noise(std::size_t size, unsigned int seed) {
     return bytes;
 }
 
+/// Sends on a channel what the client grants for it, until it grants no more. Returns the number of bytes.
+std::size_t SendUntilItIsStuck(StandardConnection& c, std::uint32_t channel) {
+    std::string const piece(0x8000, 'x');
+    std::size_t sent = 0, granted = CLIENTS_WINDOW;
+    do {
+        for (; sent + piece.size() <= granted; sent += piece.size()) c.SendPacket(Data(piece, channel));
+        while (c.Wire().WaitReadable(std::chrono::milliseconds(300))) {
+            Reader message(c.ReadPacket());
+            if (message.U8() != CHANNEL_WINDOW_ADJUST) continue;
+            message.U32();
+            granted += message.U32();
+            break;
+        }
+    } while (sent + piece.size() <= granted);
+    return sent;
+}
+
 class StandardBusyForwarding : public StandardForwardingTest {
 protected:
     tcp::Service service;
@@ -38,8 +55,7 @@ TEST_F(StandardBusyForwarding, SlowLocalProgramHoldsUpItsOwnChannelAlone) {
             tcp::End const slowEnd = ConnectThrough(c, 70, 0, slow); // which may not send anything either
             tcp::End const quickEnd = ConnectThrough(c, 71, 1000, quick);
             slowEnd.Send("rests");
-            for (std::uint32_t sent = 0; sent < CLIENTS_WINDOW; sent += MAX_PACKET)
-                c.SendPacket(Data(piece, slow));
+            std::size_t const stuck = SendUntilItIsStuck(c, slow);
             for (int round = 0; round < 6; ++round) {
                 for (std::uint32_t sent = 0; sent < CLIENTS_WINDOW / 2; sent += MAX_PACKET)
                     c.SendPacket(Data(piece, quick));
@@ -50,7 +66,8 @@ TEST_F(StandardBusyForwarding, SlowLocalProgramHoldsUpItsOwnChannelAlone) {
             EXPECT_EQ(data.U32(), 71u);
             EXPECT_EQ(data.String(), "goes on");
             c.SendPacket(Data("output"));
-            slowText = slowEnd.Receive(CLIENTS_WINDOW);
+            slowText = slowEnd.Receive(stuck);
+            EXPECT_EQ(slowText.size(), stuck);
             c.SendPacket(WindowAdjust(slow, 100));
             data = c.SkipTo(CHANNEL_DATA);
             EXPECT_EQ(data.U32(), 70u);
@@ -62,7 +79,8 @@ TEST_F(StandardBusyForwarding, SlowLocalProgramHoldsUpItsOwnChannelAlone) {
     EXPECT_EQ(result.exitStatus, 3);
     EXPECT_EQ(result.output, "output");
     EXPECT_TRUE(quickText == std::string(3 * CLIENTS_WINDOW, 'x'));
-    EXPECT_TRUE(slowText == std::string(CLIENTS_WINDOW, 'x'));
+    EXPECT_GE(slowText.size(), CLIENTS_WINDOW);
+    EXPECT_EQ(slowText.find_first_not_of('x'), std::string::npos);
 }
 
 /// They are all there before the loop accepts the first, and the session's own output goes on meanwhile.
