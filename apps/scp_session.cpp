@@ -127,8 +127,8 @@ int ScpSession::ReceiveFile(String_t const& dir, String_t const& name) {
         if (_input.Readln(line, EOL).Status() != 0) return -1;
         char const kind = *line.Text();
         if (kind == ERROR_WITH_TEXT || kind == FATAL_ERROR)
-            throw SshProtocolError("scp terminated with error",
-                                   _dialect ? Shown(line.SubStr(1, UINT_MAX)) : String_t());
+            Fail(SshProtocolError("scp terminated with error",
+                                  _dialect ? Shown(line.SubStr(1, UINT_MAX)) : String_t()));
     } while (*line.Text() != 'C');
     unsigned int mode = 0;
     long long size = 0;
@@ -193,7 +193,11 @@ int ScpSession::ReceiveFiles(String_t const& sourceDir, String_t const& targetDi
 }
 
 void ScpSession::ParseCLine(String_t const& line, unsigned int& mode, long long& size, Pathname& name) {
-    ParseScpHeadLine(line, mode, size, name);
+    try {
+        ParseScpHeadLine(line, mode, size, name);
+    } catch (SshProtocolError const& failure) {
+        Fail(failure);
+    }
 }
 
 int ScpSession::ReadResponse() {
@@ -202,11 +206,16 @@ int ScpSession::ReadResponse() {
     int const got = _input.Get(code);
     if (got < 1) return got == 0 ? -1 : got;
     if (code == ACKNOWLEDGED) return 0;
-    if (code == FATAL_ERROR) throw SshProtocolError("scp terminated with error");
-    if (code != ERROR_WITH_TEXT) throw SshProtocolError("scp returned illegal error code");
+    if (code == FATAL_ERROR) Fail(SshProtocolError("scp terminated with error"));
+    if (code != ERROR_WITH_TEXT) Fail(SshProtocolError("scp returned illegal error code"));
     String_t text;
     _input.Readln(text, EOL);
-    throw SshProtocolError("scp terminated with error", Shown(text.Trim()));
+    Fail(SshProtocolError("scp terminated with error", Shown(text.Trim())));
+}
+
+void ScpSession::Fail(SshProtocolError const& failure) {
+    if (_dialect) _dialect->Transfer().Failed(failure.what());
+    throw failure;
 }
 
 /// With a dialect, a text of the server's may be shown on a terminal.

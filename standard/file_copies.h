@@ -33,6 +33,7 @@ public:
     void CheckName(String_t const& name) override;
 
     int OpenFailed(String_t const& path, int result) override;
+    void Failed(char const* text) override { _report(text); }
     String_t Shown(String_t const& text) override;
     bool CanAnnounce(String_t const& name) override;
     unsigned int CreationMode(unsigned int mode) override;

@@ -122,4 +122,40 @@ TEST_F(StandardUpload, LargeFileNeedsNoAnswerWithinAHugeWindow) {
     EXPECT_EQ(stored, size + 1);
 }
 
+class StandardScpFailure : public StandardTest {};
+
+TEST_F(StandardScpFailure, IsTheLastError) {
+    struct {
+        bool toServer;
+        char const* answer; ///< of the remote program, to whatever it is sent first
+        char const* text;
+    } const cases[] = {
+        {true, "\1no \33 space\n", "scp terminated with error: no \\x1b space"},
+        {true, "\2", "scp terminated with error"},
+        {true, "\7", "scp returned illegal error code"},
+        {false, "\1x: No such file\n", "scp terminated with error: x: No such file"},
+        {false, "Cx\n", "invalid head line returned from scp: x"},
+    };
+    support::TemporaryDirectory const directory;
+    std::string const path = directory.Path();
+    std::ofstream(path + "/file") << "content";
+    for (auto const& [toServer, answer, text] : cases) {
+        Serve([reply = std::string(answer)](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            c.SendPacket(Data(reply));
+            c.ReadToTheEnd();
+        });
+        cindral::ScpSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        EXPECT_EQ(Outcome([&, toServer = toServer] {
+                      return toServer ? session.SendFile(path.c_str(), "target", "file")
+                                      : session.ReceiveFile("remote", path.c_str(), "file");
+                  }),
+                  std::string("SshProtocolError: ") + text);
+        EXPECT_EQ(Text(dialect.LastError()), text);
+    }
+}
+
 } // namespace

@@ -280,11 +280,12 @@ TEST_F(StandardSftp, HandleLongerThan256BytesEndsTheSession) {
     }
 }
 
-/// A server asked for "*" in a home directory must not replace .bashrc.
-TEST_F(StandardSftp, PatternMatchesHiddenNamesOnlyIfItBeginsWithADot) {
-    constexpr unsigned OPEN_DIRECTORY = 11, READ_DIRECTORY = 12;
-    for (char const* pattern : {"*", ".b*"}) {
-        Serve([&](StandardConnection& c) {
+/// A server's directory that has these names, for any pattern.
+class StandardSftpListing : public StandardSftp {
+protected:
+    void ServeDirectory(std::vector<std::string> const& listed) {
+        constexpr unsigned OPEN_DIRECTORY = 11, READ_DIRECTORY = 12;
+        Serve([listed](StandardConnection& c) {
             c.WellBehaved(Stage::Opened);
             SftpServer sftp(c);
             bool isListed = false;
@@ -297,7 +298,7 @@ TEST_F(StandardSftp, PatternMatchesHiddenNamesOnlyIfItBeginsWithADot) {
                 else if (type == OPEN_DIRECTORY)
                     sftp.Send(Writer().U8(102).U32(id).String("directory"));
                 else
-                    sftp.Send(Names({".bashrc", "good"}, id));
+                    sftp.Send(Names(listed, id));
                 isListed |= type == READ_DIRECTORY;
                 return true;
             };
@@ -307,6 +308,13 @@ TEST_F(StandardSftp, PatternMatchesHiddenNamesOnlyIfItBeginsWithADot) {
             }
             c.ReadToTheEnd();
         });
+    }
+};
+
+/// A server asked for "*" in a home directory must not replace .bashrc.
+TEST_F(StandardSftpListing, PatternMatchesHiddenNamesOnlyIfItBeginsWithADot) {
+    for (char const* pattern : {"*", ".b*"}) {
+        ServeDirectory({".bashrc", "good"});
         {
             cindral::SftpClientSession session(server->Port(), "127.0.0.1");
             cindral::StandardDialect dialect(session);
@@ -321,6 +329,23 @@ TEST_F(StandardSftp, PatternMatchesHiddenNamesOnlyIfItBeginsWithADot) {
         }
         server->Finish();
     }
+}
+
+TEST_F(StandardSftpListing, NameThatNoLocalFileMayHaveIsTheLastError) {
+    ServeDirectory({"good", "ba\33d"});
+    {
+        cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        ASSERT_EQ(session.Start(), 0);
+        cindral::SftpStatus status;
+        TOList<String_t> names;
+        std::string const outcome = Outcome([&] { return session.Glob(status, names, "/home/*"); });
+        EXPECT_EQ(outcome,
+                  "SshProtocolError: the server listed a name that no local file may have: ba\\x1bd");
+        EXPECT_EQ("SshProtocolError: " + Text(dialect.LastError()), outcome);
+    }
+    server->Finish();
 }
 
 TEST_F(StandardSftp, ChannelThatEndsWithinACopyFailsIt) {

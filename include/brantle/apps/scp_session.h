@@ -2,6 +2,7 @@
 #define BRANTLE_APPS_SCP_SESSION_H
 
 #include <brantle/channel/ssh_data_stream.h>
+#include <brantle/cindral/exceptions.h>
 #include <brantle/export.h>
 #include <brantle/session/ssh_session.h>
 #include <brantle/thornel/pathname.h>
@@ -80,6 +81,8 @@ private:
     /// Reads a line and trims it, unless the stream's status says that it has failed. Not called yet.
     ISockStream& Readln(String_t& line);
     int Start(String_t const& command);
+    /// Throws the failure, whose text a dialect keeps.
+    [[noreturn]] void Fail(SshProtocolError const& failure);
     String_t Shown(String_t const& text) const;
     void ReceiveBody(int fd, long long size);
 };

@@ -36,6 +36,8 @@ public:
     /// A local file could not be opened: keeps the reason, a negated errno value, for the program. Returns
     /// it.
     virtual int OpenFailed(String_t const& path, int result) = 0;
+    /// The session is about to throw an exception with that text.
+    virtual void Failed(char const* text) = 0;
     /// A text by the server as it may be shown on a terminal.
     virtual String_t Shown(String_t const& text) = 0;
     /// Whether scp can announce a file of that name: the protocol has one line for it.
