@@ -159,7 +159,7 @@ int SshSession::StartRemoteForwarding(String_t const& spec) {
 int SshSession::StartRemoteForwarding(unsigned int port, String_t const& host, unsigned int listenPort,
                                       String_t const& bindAddress) {
     if (_remoteForwardings.Find(listenPort)) return -1;
-    if (_dialect && _dialect->ResolveTarget(listenPort, host, port) < 0) return -1;
+    if (_dialect && _dialect->ResolveTarget(host, port) < 0) return -1;
     PacketGlobalRequest request("tcpip-forward", 1, bindAddress, listenPort);
     _out.WritePacket(request);
     // Deliberate: the very next message is taken as the reply. Pinned by
@@ -167,11 +167,13 @@ int SshSession::StartRemoteForwarding(unsigned int port, String_t const& host, u
     PacketDecoder decoder(_in.ReadPacket());
     PacketRequestResult const result(decoder);
     if (result._type != Packet::SSH_MSG_REQUEST_SUCCESS) return -1;
+    if (_dialect) listenPort = _dialect->ListeningPort(listenPort);
     _remoteForwardings.Insert(listenPort, ForwardingInfo(bindAddress, port, host));
     return 0;
 }
 
 int SshSession::CancelRemoteForwarding(unsigned int listenPort) {
+    if (_dialect) listenPort = _dialect->ListeningPort(listenPort);
     ForwardingInfo const* const forwarding = _remoteForwardings.Find(listenPort);
     if (!forwarding) return -1;
     String_t const bindAddress = forwarding->_bindAddress;

@@ -337,25 +337,14 @@ void Channels::SubmitRequest(View message) {
     _connection.Post(request);
 }
 
-/// The session knows a forwarding of port 0 by that number alone; the server wants the port that it chose
-/// (RFC 4254, section 7.1).
 void Channels::SubmitGlobalRequest(View message) {
     Reader fields(Fields(message), "GLOBAL_REQUEST");
-    View const name = fields.String();
-    bool const isForwarding = name == View("tcpip-forward");
-    bool const isReported = fields.Bool();
-    if (isForwarding || name == View("cancel-tcpip-forward"))
-        fields.String();
-    else
-        return isReported ? PostGlobal(Global::REPORTED, message) : _connection.Post(message);
-    bool const isAnyPort = fields.Int() == 0;
-    if (isForwarding) {
-        _isAnyPort = isAnyPort;
-        return PostGlobal(Global::FORWARDING, message);
-    }
-    Bytes cancel = message.Copy();
-    if (isAnyPort) StoreInt(cancel.data() + cancel.size() - 4, _remotePort);
-    _connection.Post(cancel);
+    bool const isForwarding = fields.String() == View("tcpip-forward");
+    if (!fields.Bool()) return _connection.Post(message);
+    PostGlobal(isForwarding ? Global::FORWARDING : Global::REPORTED, message);
+    if (!isForwarding) return;
+    fields.String();
+    _isAnyPort = fields.Int() == 0;
 }
 
 void Channels::PostGlobal(Global::Kind kind, View message) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -122,7 +123,10 @@ public:
     bool HasInput() override;
     void RegisterInput(int fd, SshChannel const& channel) override;
     void Accept(SshSession::LocalForwarding& forwarding) override;
-    int ResolveTarget(unsigned int listenPort, String_t const& host, unsigned int port) override;
+    int ResolveTarget(String_t const& host, unsigned int port) override;
+    unsigned int ListeningPort(unsigned int listenPort) override {
+        return listenPort == 0 ? _channels.RemotePort() : listenPort;
+    }
     FileTransfer& Transfer() override { return _copies; }
 
     // PacketFilter; its HasInput is the one above
@@ -207,12 +211,6 @@ private:
         Bytes packet;
         std::size_t bytes;
     };
-    /// The target of a remote forwarding.
-    struct Target {
-        unsigned int listenPort;
-        SocketAddresses addresses;
-    };
-
     // SftpReplies
     void TakeReply(View message) override;
 
@@ -260,7 +258,7 @@ private:
     std::size_t _deferredBytes = 0; ///< that they occupy
     bool _hasEnded = false;         ///< the session channel delivers no more data
     bool _endsEarly = false;        ///< it was over before the loop ran
-    std::vector<Target> _targets;
+    std::map<std::pair<std::string, unsigned int>, SocketAddresses> _targets; ///< of remote forwardings
     SocketAddresses _x11Server;
     std::unique_ptr<IdleTimer> _idle;
 };
@@ -746,13 +744,11 @@ void StandardDialect::Impl::ServeIdle() {
     if (_channels.Find(SESSION_CHANNEL)) Explained([&] { _loop.Settle(); });
 }
 
-int StandardDialect::Impl::ResolveTarget(unsigned int listenPort, String_t const& host, unsigned int port) {
+int StandardDialect::Impl::ResolveTarget(String_t const& host, unsigned int port) {
     SocketAddresses addresses = ResolveHost(Chars(host), port);
     if (addresses.empty())
         return Refused(std::string("the target ") + Chars(host) + " of the remote forwarding is not known");
-    auto const isSame = [listenPort](Target const& target) { return target.listenPort == listenPort; };
-    _targets.erase(std::remove_if(_targets.begin(), _targets.end(), isSame), _targets.end());
-    _targets.push_back({listenPort, std::move(addresses)});
+    _targets[{Chars(host), port}] = std::move(addresses);
     return 0;
 }
 
@@ -862,16 +858,11 @@ Bytes StandardDialect::Impl::X11Setup(View message) {
                                    {Chars(x11->_authMethod), real.empty() ? fake : real});
 }
 
-/// The session keeps a forwarding of port 0 under 0, but the server announces connections under the port that
-/// it chose.
 SocketAddresses const* StandardDialect::Impl::FindTarget(unsigned int port) {
-    if (!RemoteForwardings().Find(port)) {
-        if (port != _channels.RemotePort() || !RemoteForwardings().Find(0)) return nullptr;
-        port = 0;
-    }
-    for (Target const& target : _targets)
-        if (target.listenPort == port) return &target.addresses;
-    return nullptr;
+    SshSession::ForwardingInfo const* const info = RemoteForwardings().Find(port);
+    if (!info) return nullptr;
+    auto const found = _targets.find({Chars(info->_host), info->_port});
+    return found == _targets.end() ? nullptr : &found->second;
 }
 
 void StandardDialect::Impl::SetAlgorithms(AlgorithmKind kind, char const* place, String_t const& names,

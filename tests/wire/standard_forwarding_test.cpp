@@ -171,6 +171,69 @@ TEST_F(StandardForwarding, PortThatTheServerChoseIsCancelled) {
     EXPECT_EQ(port, 4242u);
 }
 
+TEST_F(StandardForwarding, SeveralPortsThatTheServerChoseLeadToTheirTargets) {
+    tcp::Service const targets[2];
+    std::vector<int> results;
+    std::vector<unsigned> ports;
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            for (std::uint32_t port : {4242u, 4243u}) {
+                c.SkipTo(GLOBAL_REQUEST);
+                c.SendPacket(Writer().U8(REQUEST_SUCCESS).U32(port));
+            }
+            for (std::uint32_t i : {1u, 0u}) {
+                c.SendPacket(Opening("forwarded-tcpip", 500 + i, 4242 + i));
+                c.SkipTo(CHANNEL_OPEN_CONFIRMATION);
+                tcp::End const end = targets[i].Accept();
+            }
+            c.SendTogether(Ending());
+        },
+        [&](StandardClient& client) {
+            client.beforeLoop = [&] {
+                for (tcp::Service const& target : targets) {
+                    std::string const spec = "0:127.0.0.1:" + std::to_string(target.Port());
+                    results.push_back(client.session.StartRemoteForwarding(spec.c_str()));
+                    ports.push_back(client.dialect.RemotePort());
+                }
+            };
+        });
+    EXPECT_EQ(server->Error(), "");
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_THAT(results, testing::ElementsAre(0, 0));
+    EXPECT_THAT(ports, testing::ElementsAre(4242u, 4243u));
+}
+
+TEST_F(StandardForwarding, EachPortThatTheServerChoseCanBeCancelled) {
+    std::vector<std::uint32_t> cancelled;
+    std::vector<int> results;
+    Run(
+        [&](StandardConnection& c) {
+            for (std::uint32_t port : {4242u, 4243u, 4244u}) {
+                c.SkipTo(GLOBAL_REQUEST);
+                c.SendPacket(Writer().U8(REQUEST_SUCCESS).U32(port));
+            }
+            for (int i = 0; i < 2; ++i) {
+                Reader request = c.SkipTo(GLOBAL_REQUEST);
+                request.String();
+                request.Bool();
+                request.String();
+                cancelled.push_back(request.U32());
+            }
+            c.SendPacket(Opening("forwarded-tcpip", 500, 4242));
+            c.SkipTo(CHANNEL_OPEN_FAILURE);
+            c.SendTogether(Ending());
+        },
+        [&](StandardClient& client) {
+            client.beforeLoop = [&] {
+                for (int i = 0; i < 3; ++i) client.session.StartRemoteForwarding("0:127.0.0.1:1");
+                for (unsigned port : {4242u, 0u, 4244u})
+                    results.push_back(client.session.CancelRemoteForwarding(port));
+            };
+        });
+    EXPECT_THAT(results, testing::ElementsAre(0, 0, -1));
+    EXPECT_THAT(cancelled, testing::ElementsAre(4242u, 4244u));
+}
+
 TEST_F(StandardForwarding, LackOfDescriptorsRefusesForwardedConnectionsAlone) {
     constexpr std::size_t SIZE = 16 << 20; // more than the sockets hold
     settings.window = 2 * SIZE;

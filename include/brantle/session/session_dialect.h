@@ -44,9 +44,12 @@ public:
     /// Accepts the connections that wait at a local forwarding's listener, which is readable, and asks the
     /// server for a channel for each (RFC 4254, section 7.2).
     virtual void Accept(SshSession::LocalForwarding& forwarding) = 0;
-    /// Looks up the target of a remote forwarding, before the server is asked to listen on `listenPort`.
-    /// Returns 0, or -1 if the host is not known: the forwarding is not started then.
-    virtual int ResolveTarget(unsigned int listenPort, String_t const& host, unsigned int port) = 0;
+    /// Looks up the target of a remote forwarding, before the server is asked to listen. Returns 0, or -1 if
+    /// the host is not known: the forwarding is not started then.
+    virtual int ResolveTarget(String_t const& host, unsigned int port) = 0;
+    /// The port under which a remote forwarding is stored, and cancelled: `listenPort`, or if that is 0, the
+    /// one that the server chose for the last forwarding of port 0.
+    virtual unsigned int ListeningPort(unsigned int listenPort) = 0;
     /// Copies whole files in place of the sessions for SFTP and scp. The dialect owns the result, which is
     /// the same object each time.
     virtual FileTransfer& Transfer() = 0;

@@ -98,7 +98,8 @@ public:
     /// Number of key exchanges completed on this connection.
     unsigned int KeyExchanges() const;
     /// The port that the server chose for the last StartRemoteForwarding of port 0 (RFC 4254, section 7.1); 0
-    /// while there is none.
+    /// while there is none. There may be several such forwardings: CancelRemoteForwarding takes the port of
+    /// each, or 0 for the last.
     unsigned int RemotePort() const;
     /// The reason for the last refusal or failure, to be shown to a user: both sides' lists if no algorithm
     /// is in common, file and line of a different host key, the methods that the server still accepts, the

@@ -32,9 +32,8 @@ public:
     bool HasInput() override { return Asked("HasInput", 1) != 0; }
     void RegisterInput(int, SshChannel const&) override { Asked("RegisterInput", 0); }
     void Accept(SshSession::LocalForwarding&) override { Asked("Accept", 0); }
-    int ResolveTarget(unsigned int, String_t const&, unsigned int) override {
-        return Asked("ResolveTarget", -1);
-    }
+    int ResolveTarget(String_t const&, unsigned int) override { return Asked("ResolveTarget", -1); }
+    unsigned int ListeningPort(unsigned int listenPort) override { return listenPort; }
     FileTransfer& Transfer() override { throw InvalidArgument("RecordingDialect", "no transfer"); }
 
     ByteString Read() override {
