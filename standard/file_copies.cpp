@@ -49,7 +49,6 @@ int FileCopies::Fail(int result, String_t const& name, std::string const& reason
 // --- SFTP
 
 /// Opens the remote file first, so that a refusal leaves the local one as it is.
-template <class OpenLocal>
 int FileCopies::ReceiveTo(SftpClient& client, SftpStatus& status, String_t const& remote,
                           OpenLocal const& openLocal) {
     SftpFileHandle const handle = client.Open(status, remote, SftpClient::SSH_FXF_READ, SftpFileAttr());

@@ -5,6 +5,7 @@
 #include <string>
 
 #include <brantle/session/file_transfer.h>
+#include <brantle/sftp/sftp_file_attr.h>
 
 #include "standard/data_port.h"
 
@@ -41,7 +42,9 @@ public:
     int ReceiveBody(ISshDataStream& in, String_t const& name, int fd, long long size) override;
 
 private:
-    template <class OpenLocal>
+    /// Opens the local file, with what the server says of the remote one. The descriptor, or minus errno.
+    using OpenLocal = std::function<int(SftpFileAttr const& attrs)>;
+
     int ReceiveTo(SftpClient& client, SftpStatus& status, String_t const& remote, OpenLocal const& openLocal);
     void ReportBody(String_t const& name, long long done, long long size);
     int SendTo(SftpClient& client, SftpStatus& status, String_t const& remote, int fd);
