@@ -251,6 +251,7 @@ private:
     int _awaited = 0;            ///< number of the message whose answer the session reads next; 0: data
     Deadline _answerBy{Transport::TIME_LIMIT};
     Deadline _progressBy{Transport::TIME_LIMIT}; ///< data of the channel has to move, outside the loop
+    bool _isLate = false;                        ///< a deadline has passed
     DataReceiver* _receiver = nullptr;           ///< of the session channel's data, if not null
     bool _isSftp = false;
     std::size_t _granted = 0;       ///< bytes of an incomplete SFTP message for which window has been granted
@@ -479,7 +480,13 @@ void StandardDialect::Impl::GrantPart() {
 /// the end of a key exchange, or written output, may be it.
 void StandardDialect::Impl::ServeBlocking(Deadline const& deadline) {
     std::size_t const pending = _connection.PendingOutput();
-    if (!_connection.HasPacket() || deadline.Remaining().count() == 0) _connection.WaitAndFill(deadline);
+    bool const wasLate = std::exchange(_isLate, deadline.Remaining().count() == 0);
+    if (_isLate && !wasLate) { // the process may have been stopped, and there be something
+        _connection.Flush();
+        _connection.Fill();
+    } else if (_isLate || !_connection.HasPacket()) {
+        _connection.WaitAndFill(deadline);
+    }
     // Less than a message of data may be answers to a server that only asks.
     if (pending > Channels::MAX_PACKET && _connection.PendingOutput() < pending) NoteProgress();
     TakeMessages();

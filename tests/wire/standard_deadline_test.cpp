@@ -1,9 +1,14 @@
 // Servers that keep a client of the standard dialect waiting, on a clock that the server's script moves on.
 
+#include <poll.h>
+#include <sys/socket.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
+#include <future>
 #include <thread>
+#include <utility>
 
 #include <brantle/apps/scp_session.h>
 #include <brantle/sftp/sftp_client_session.h>
@@ -23,6 +28,9 @@ void Wait(int seconds) {
     ahead += seconds;
     std::this_thread::sleep_for(std::chrono::milliseconds(2)); // so that the client notices
 }
+
+/// If not null, this thread is stopped after its next recv(2), until there is more to be received.
+thread_local std::promise<void>* stopNext = nullptr;
 
 char const noAnswer[] = "SshProtocolError: the server does not answer";
 
@@ -86,11 +94,10 @@ std::vector<Bytes> Idle() {
 }
 
 void KeepWaiting(StandardConnection& c) {
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 0; i < 2000; ++i) { // until the client has closed
         c.SendTogether(Idle());
         Wait(10);
     }
-    c.ReadToTheEnd();
 }
 
 TEST_F(StandardDeadline, WindowOfZeroWithinACopyOverScpIsGivenUp) {
@@ -147,13 +154,15 @@ TEST_F(StandardDeadline, CopyThatGoesOnSlowlyIsWaitedFor) {
         c.WellBehaved(Stage::Opened);
         c.ReadChannelRequest();
         c.SendPacket(Data(std::string(2, '\0')));
-        while (received < 16 + 1000 + 1) { // head line, file, and its end
-            Reader message = c.SkipTo(CHANNEL_DATA);
-            message.U32();
-            std::size_t const size = message.Blob().size();
-            received += size;
+        constexpr std::size_t all = 16 + 1000 + 1; // head line, file, and its end
+        for (std::size_t granted = settings.window; received < all; granted += settings.window) {
+            while (received < std::min(granted, all)) {
+                Reader message = c.SkipTo(CHANNEL_DATA);
+                message.U32();
+                received += message.Blob().size();
+            }
             Wait(150);
-            c.SendPacket(WindowAdjust(0, static_cast<std::uint32_t>(size)));
+            c.SendPacket(WindowAdjust(0, settings.window));
         }
         c.SendPacket(Data(std::string(1, '\0')));
         c.ReadToTheEnd();
@@ -165,6 +174,35 @@ TEST_F(StandardDeadline, CopyThatGoesOnSlowlyIsWaitedFor) {
         cindral::StandardDialect dialect(session);
         Login(session);
         EXPECT_EQ(session.SendFile(directory.Path().c_str(), "target", "file"), 0);
+    }
+    server->Finish();
+}
+
+TEST_F(StandardDeadline, AnswerThatComesWhileTheProcessIsStoppedIsRead) {
+    constexpr unsigned STAT = 17;
+    std::promise<void> stopped;
+    Serve([&](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        SftpServer sftp(c);
+        sftp.beforeAnswer = [&](unsigned type) {
+            if (type != STAT) return;
+            c.SendPacket(Ignore());
+            stopped.get_future().wait();
+        };
+        try {
+            sftp.Serve();
+        } catch (Closed const&) {
+        }
+    });
+    {
+        cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        ASSERT_EQ(session.Start(), 0);
+        stopNext = &stopped;
+        cindral::SftpStatus status;
+        cindral::SftpFileAttr attrs;
+        EXPECT_EQ(Outcome([&] { return session.Stat(status, "file", attrs); }), "-8"); // as the server says
     }
     server->Finish();
 }
@@ -216,6 +254,18 @@ TEST_F(StandardDeadline, ForwardingThatIsNotAnsweredWithinTheLoopIsGivenUp) {
 }
 
 } // namespace
+
+extern "C" ssize_t recv(int fd, void* to, std::size_t size, int flags) {
+    static auto* const next = support::NextSymbol(&recv, "recv");
+    ssize_t const result = next(fd, to, size, flags);
+    if (std::promise<void>* const stopped = std::exchange(stopNext, nullptr)) {
+        stopped->set_value();
+        pollfd more{fd, POLLIN, 0};
+        poll(&more, 1, 10000);
+        ahead += 200;
+    }
+    return result;
+}
 
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
     static auto* const next = support::NextSymbol(&clock_gettime, "clock_gettime");

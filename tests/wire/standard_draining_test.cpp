@@ -124,7 +124,6 @@ TEST_F(StandardDraining, RekeyingThatIsDueIsNotStartedAfterTheClose) {
             c.ReadChannelRequest();
             SendOutputAndGo(c);
             LetRead(std::chrono::milliseconds(1200));
-            EXPECT_EQ(c.CountReceived(KEXINIT), 1u);
         },
         [&](StandardClient& client) {
             client.dialect.SetRekeyLimit(1 << 30, 1);

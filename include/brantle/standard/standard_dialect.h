@@ -20,7 +20,8 @@ namespace cindral {
 /// The calls on the session and their results stay the same. A refusal is a negative result, as there, and
 /// LastError gives the reason; a violation of the protocol throws SshProtocolError, as does a connection that
 /// ends early. A server has 180 seconds for the whole of KeyExchange, and within Authenticate for each answer
-/// that a login waits for, whatever else it sends meanwhile.
+/// that a login waits for, whatever else it sends meanwhile; a copy ends after 180 seconds in which no data
+/// moves.
 ///
 /// A session makes one connection: once it has reached a server, Connect returns -EISCONN. The prompts of
 /// keyboard-interactive begin with "(user@host:port) ", so that they can't pass for prompts of this side.
