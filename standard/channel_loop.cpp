@@ -306,9 +306,10 @@ void ChannelLoop::Deliver(Channel* channel, unsigned int local, Pump& pump, View
     if (!sink && !object) return;
     bool const wasEmpty = !sink || sink->IsEmpty();
     try {
-        if (!sink)
-            sink = std::make_unique<DescriptorSink>(isError ? object->_fdErr : object->_fdOut,
-                                                    channel && channel->isSession);
+        if (!sink) {
+            int const fd = isError ? object->_fdErr : object->_fdOut;
+            sink = std::make_unique<DescriptorSink>(fd, channel && channel->isSession && fd != pump.input);
+        }
         std::size_t const left = sink->Write(data);
         if (channel) _channels.Consume(*channel, left);
     } catch (SystemError const&) {

@@ -159,12 +159,16 @@ void FileCopies::ReportBody(String_t const& name, long long done, long long size
     try {
         _progress(name, static_cast<unsigned long long>(done), static_cast<unsigned long long>(size));
     } catch (...) {
-        try {
-            _port.Close();
-        } catch (CryptoException const&) {
-            // the connection has failed: the program's exception comes first
-        }
+        Close();
         throw;
+    }
+}
+
+void FileCopies::Close() noexcept {
+    try {
+        _port.Close();
+    } catch (...) {
+        return; // the connection has failed, too: the program's exception comes first
     }
 }
 

@@ -50,6 +50,7 @@ private:
     int SendTo(SftpClient& client, SftpStatus& status, String_t const& remote, int fd);
     int SendBlocks(OSshDataStream& out, String_t const& name, int fd, long long size);
     int Finish(String_t const& name, int fd);
+    void Close() noexcept;
     int Fail(int result, String_t const& name, std::string const& reason);
 
     DataPort& _port;

@@ -282,7 +282,7 @@ StandardDialect::Impl::Impl(StandardDialect& face, SshSession& session)
 }
 
 StandardDialect::Impl::~Impl() {
-    if (_idle) Mux().Unregister(*_idle);
+    if (_idle) SessionDialect::Mux().Unregister(*_idle);
     Detach();
 }
 
@@ -713,6 +713,7 @@ void StandardDialect::Impl::EndEarly() {
     _endsEarly = false;
     if (Channel* const session = _channels.Find(SESSION_CHANNEL)) _loop.OnClosed(*session);
     _channels.Remove(SESSION_CHANNEL);
+    _connection.FlushRest();
 }
 
 void StandardDialect::Impl::RegisterInput(int fd, SshChannel const& channel) {
@@ -734,7 +735,7 @@ void StandardDialect::Impl::AddInput(int fd, SshChannel const& channel) {
                          View(incoming.packet.data() + DATA_START, incoming.packet.size() - DATA_START),
                          false);
     if (session && !_errors.empty()) _loop.OnData(*session, std::exchange(_errors, {}), true);
-    _loop.Settle();
+    if (!_endsEarly) _loop.Settle();
 }
 
 /// The session reads on although the remote program, scp for example, has ended.

@@ -1,5 +1,7 @@
 // Channels of the standard dialect at servers that break the rules of RFC 4254.
 
+#include <poll.h>
+
 #include <thread>
 
 #include <brantle/channel/ssh_data_stream.h>
@@ -418,6 +420,27 @@ TEST_F(StandardChannel, OutputAndEndBeforeTheLoopAreNotLost) {
     EXPECT_EQ(result.errors, "\033err") << "a command's, as it is";
     EXPECT_EQ(result.exitStatus, 3);
     EXPECT_EQ(terminations, 1) << "in Run";
+}
+
+TEST_F(StandardChannel, OutputBeforeTheLoopIsNotLostThoughTheServerHasGone) {
+    StandardResult const result = RunFrom(
+        [](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            c.SendTogether({Data("output"), ExitStatus(3), Close()});
+            c.SkipTo(GLOBAL_REQUEST);
+            c.SendPacket({REQUEST_SUCCESS});
+        },
+        [&](StandardClient& client) {
+            client.beforeLoop = [&] {
+                EXPECT_EQ(client.session.StartRemoteForwarding("7:127.0.0.1:1"), 0);
+                pollfd end{client.session.Fd(), POLLRDHUP, 0};
+                EXPECT_EQ(poll(&end, 1, 30000), 1);
+            };
+        });
+    EXPECT_EQ(result.outcome, RUN_ENDED);
+    EXPECT_EQ(result.output, "output");
+    EXPECT_EQ(result.exitStatus, 3);
 }
 
 TEST_F(StandardChannel, ChannelClosedInPlaceOfAnAnswerEndsTheSession) {

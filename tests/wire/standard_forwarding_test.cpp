@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
-#include <sys/resource.h>
+
+#include <atomic>
+#include <cstdarg>
 
 #include <brantle/channel/x11_forwarding.h>
 
@@ -26,7 +28,8 @@ constexpr std::uint32_t MAX_PACKET = 0x8000; ///< likewise
 constexpr std::uint32_t PORT = 7;            ///< forwarded by the server
 char const COOKIE[] = "f0f1f2f3f4f5f6f7f8f9fafbfcfdfe00";
 
-int lookups = 0; ///< in the resolver
+std::atomic<int> lookups{0};               ///< in the resolver
+std::atomic<bool> noDescriptorLeft{false}; ///< the limit itself would stop the sanitizers
 
 Bytes Opening(char const* type, std::uint32_t sender, std::uint32_t port = PORT) {
     Writer rest;
@@ -239,14 +242,12 @@ TEST_F(StandardForwarding, LackOfDescriptorsRefusesForwardedConnectionsAlone) {
     settings.window = 2 * SIZE;
     MemoryFile const large(std::string(SIZE, 'x'));
     tcp::Service const target;
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
     std::unique_ptr<AtOnce> timer;
     StandardResult const result = Run(
         [&](StandardConnection& c) {
             c.Wire().recording = false;
             Grant(c);
-            c.SkipTo(CHANNEL_DATA); // the limit is in force
+            c.SkipTo(CHANNEL_DATA); // no descriptor is left now
             c.SendPacket(Opening("forwarded-tcpip", 500));
             c.SkipTo(CHANNEL_OPEN_FAILURE);
             std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the client can't write meanwhile
@@ -255,17 +256,13 @@ TEST_F(StandardForwarding, LackOfDescriptorsRefusesForwardedConnectionsAlone) {
         },
         [&](StandardClient& client) {
             timer = std::make_unique<AtOnce>([&] {
-                int const next = dup(0);
-                close(next);
-                rlimit const none{static_cast<rlim_t>(next), before.rlim_max};
-                setrlimit(RLIMIT_NOFILE, &none);
+                noDescriptorLeft = true;
                 dup2(large.Fd(), 0);
             });
             Forwarding(target.Port(), "127.0.0.1")(client);
             client.beforeRun = [&] { client.session.Multiplexer().Insert(timer.get()); };
-            client.afterRun = [&] { setrlimit(RLIMIT_NOFILE, &before); };
         });
-    setrlimit(RLIMIT_NOFILE, &before);
+    noDescriptorLeft = false;
     EXPECT_EQ(result.outcome, RUN_ENDED);
     EXPECT_EQ(result.exitStatus, 3);
     EXPECT_EQ(result.output, "output");
@@ -362,8 +359,31 @@ TEST_F(StandardForwarding, DisplayThatIsNotThereClosesTheChannelOfItsClient) {
 
 } // namespace
 
-extern "C" int getaddrinfo(char const* node, char const* service, addrinfo const* hints, addrinfo** found) {
+extern "C" {
+
+// In place of the C library's, for the library under test too.
+
+int getaddrinfo(char const* node, char const* service, addrinfo const* hints, addrinfo** found) {
     static auto* const next = support::NextSymbol(&getaddrinfo, "getaddrinfo");
     ++lookups;
     return next(node, service, hints, found);
+}
+
+int socket(int family, int type, int protocol) noexcept {
+    static auto* const next = support::NextSymbol(&socket, "socket");
+    if (!noDescriptorLeft) return next(family, type, protocol);
+    errno = EMFILE;
+    return -1;
+}
+
+int fcntl(int fd, int command, ...) {
+    static auto* const next = support::NextSymbol(&fcntl, "fcntl");
+    va_list arguments;
+    va_start(arguments, command);
+    long const argument = va_arg(arguments, long);
+    va_end(arguments);
+    if (!noDescriptorLeft || command != F_DUPFD_CLOEXEC) return next(fd, command, argument);
+    errno = EMFILE;
+    return -1;
+}
 }
