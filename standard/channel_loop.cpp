@@ -281,8 +281,9 @@ void ChannelLoop::OnData(Channel& channel, View data, bool isError) {
     if (!object) return _channels.Consume(channel, data.size());
     Pump& pump = _pumps[channel.local];
     if (IsPrograms(*object)) {
-        auto const bytes = reinterpret_cast<char const*>(data.data());
-        auto const size = static_cast<unsigned int>(data.size());
+        Bytes const copy = data.Copy(); // the program may wait for an answer, which takes the data's place
+        auto const bytes = reinterpret_cast<char const*>(copy.data());
+        auto const size = static_cast<unsigned int>(copy.size());
         unsigned int const local = channel.local;
         _hasFlushes = true;
         if (isError)

@@ -579,8 +579,13 @@ public:
     };
 
     ~OwnChannel() override { *isGone = true; }
-    void Forward(char const*, unsigned int) override { _received(*this); }
+    void Forward(char const* bytes, unsigned int n) override {
+        data = {bytes, n};
+        _received(*this);
+    }
+    void ForwardExtended(char const* bytes, unsigned int n) override { Forward(bytes, n); }
 
+    std::string_view data; ///< what the function is called for
     std::shared_ptr<bool> const isGone = std::make_shared<bool>(false);
 
 private:
@@ -656,6 +661,26 @@ TEST_F(StandardOwnChannel, ClosedWithinItsOwnOperationItIsKeptUntilThatHasReturn
     EXPECT_EQ(forwarded, 0);
     EXPECT_FALSE(wasGone);
     EXPECT_TRUE(isGone);
+}
+
+TEST_F(StandardOwnChannel, DataAreKeptUntilItsOperationHasReturned) {
+    std::string const sent(100, 'x');
+    std::vector<std::string> received;
+    StandardResult const result = RunWithOwn(
+        [&](StandardClient& client, OwnChannel& own) {
+            client.session.StartRemoteForwarding(received.empty() ? "8:127.0.0.1:1" : "9:127.0.0.1:1");
+            received.emplace_back(own.data);
+        },
+        [&](StandardConnection& c) {
+            for (Bytes const& message : {Data(sent, 1), ExtendedData(sent, 1, 1)}) {
+                c.SendPacket(message);
+                c.SkipTo(GLOBAL_REQUEST);
+                c.SendTogether({Ignore(std::string(MAX_PACKET, 'i')), {REQUEST_SUCCESS}});
+            }
+            c.SendTogether(Ending(3));
+        });
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_THAT(received, testing::ElementsAre(sent, sent));
 }
 
 TEST_F(StandardOwnChannel, EndedByItsOwnOperationItIsClosedOnce) {
