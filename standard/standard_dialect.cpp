@@ -510,7 +510,7 @@ void StandardDialect::Impl::TakeMessages() {
 }
 
 /// Whether a message is left to the loop. Within it, a call that waits for an answer may come from a
-/// channel's own operation, which must not be called again, nor its channel end, meanwhile.
+/// channel's own operation, which must not be called again meanwhile, nor any channel end.
 bool StandardDialect::Impl::MustWait(View message) const {
     int const number = message[0];
     if (!_loop.IsRunning()) return number == Packet::SSH_MSG_CHANNEL_OPEN && _deferred.size() < MAX_OPENINGS;
@@ -518,11 +518,12 @@ bool StandardDialect::Impl::MustWait(View message) const {
     case Packet::SSH_MSG_REQUEST_SUCCESS:
     case Packet::SSH_MSG_REQUEST_FAILURE:
     case Packet::SSH_MSG_UNIMPLEMENTED:
-    case Packet::SSH_MSG_CHANNEL_OPEN_CONFIRMATION:
-    case Packet::SSH_MSG_CHANNEL_OPEN_FAILURE:
     case Packet::SSH_MSG_CHANNEL_SUCCESS:
     case Packet::SSH_MSG_CHANNEL_FAILURE:
         return false;
+    case Packet::SSH_MSG_CHANNEL_OPEN_CONFIRMATION:
+    case Packet::SSH_MSG_CHANNEL_OPEN_FAILURE:
+        return _awaited != Packet::SSH_MSG_CHANNEL_OPEN;
     default:
         return true;
     }

@@ -2,9 +2,11 @@
 
 #include <poll.h>
 
+#include <future>
 #include <thread>
 
 #include <brantle/channel/ssh_data_stream.h>
+#include <brantle/channel/tcp_forwarding.h>
 #include <brantle/packet/channel_messages.h>
 
 #include "wire/standard_fixture.h"
@@ -584,8 +586,12 @@ public:
         _received(*this);
     }
     void ForwardExtended(char const* bytes, unsigned int n) override { Forward(bytes, n); }
+    void Flush() override {
+        if (auto const flush = std::exchange(onFlush, {})) flush();
+    }
 
     std::string_view data; ///< what the function is called for
+    std::function<void()> onFlush;
     std::shared_ptr<bool> const isGone = std::make_shared<bool>(false);
 
 private:
@@ -681,6 +687,39 @@ TEST_F(StandardOwnChannel, DataAreKeptUntilItsOperationHasReturned) {
         });
     EXPECT_EQ(result.exitStatus, 3);
     EXPECT_THAT(received, testing::ElementsAre(sent, sent));
+}
+
+TEST_F(StandardOwnChannel, RefusalOfAnotherChannelWaitsUntilItsOperationHasReturned) {
+    std::promise<std::uint16_t> port;
+    int forwarded = 4711;
+    bool isThere = false;
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            std::uint16_t const listener = port.get_future().get();
+            tcp::End const ends[] = {tcp::End::To(listener), tcp::End::To(listener)};
+            for (std::uint32_t number : {1u, 2u}) EXPECT_EQ(c.ReadChannelOpen().sender, number);
+            c.SendPacket(Data("now"));
+            c.SkipTo(GLOBAL_REQUEST);
+            c.SendTogether({MessagesFor(1)[1], {REQUEST_SUCCESS}});
+            EXPECT_TRUE(ends[0].IsClosedByPeer());
+            c.SendTogether(Ending(3));
+        },
+        [&](StandardClient& client) {
+            client.beforeRun = [&] {
+                auto& session = client.session;
+                session.StartLocalForwarding(8000, "target", 0, "127.0.0.1");
+                port.set_value(tcp::PortOf(session._localForwardings.Find(0)->_server->Fd()));
+                session.ReplaceChannel(0, OwnChannel::Maker([&](OwnChannel& own) {
+                                           own.onFlush = [&] {
+                                               forwarded = session.StartRemoteForwarding("8:127.0.0.1:1");
+                                               isThere = session._channels.Find(1) != nullptr;
+                                           };
+                                       }));
+            };
+        });
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(forwarded, 0);
+    EXPECT_TRUE(isThere);
 }
 
 TEST_F(StandardOwnChannel, EndedByItsOwnOperationItIsClosedOnce) {
