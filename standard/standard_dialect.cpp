@@ -226,6 +226,7 @@ private:
     void AddInput(int fd, SshChannel const& channel);
     Channel& OpenSession();
     void NoteProgress() { _progressBy = Deadline(Transport::TIME_LIMIT); }
+    void NoteOutput() { _unwritten = _connection.PendingOutput(); }
     void ServeBlocking() { ServeBlocking(_progressBy); }
     void ServeBlocking(Deadline const& deadline);
     void FlushBlocking();
@@ -252,7 +253,8 @@ private:
     Deadline _answerBy{Transport::TIME_LIMIT};
     Deadline _progressBy{Transport::TIME_LIMIT}; ///< data of the channel has to move, outside the loop
     bool _isLate = false;                        ///< a deadline has passed
-    DataReceiver* _receiver = nullptr;           ///< of the session channel's data, if not null
+    std::size_t _unwritten = 0;        ///< of the pending output; what follows are answers to the server
+    DataReceiver* _receiver = nullptr; ///< of the session channel's data, if not null
     bool _isSftp = false;
     std::size_t _granted = 0;       ///< bytes of an incomplete SFTP message for which window has been granted
     std::deque<Bytes> _deferred;    ///< messages that wait for the loop
@@ -487,15 +489,18 @@ void StandardDialect::Impl::ServeBlocking(Deadline const& deadline) {
     } else if (_isLate || !_connection.HasPacket()) {
         _connection.WaitAndFill(deadline);
     }
-    // Less than a message of data may be answers to a server that only asks.
-    if (pending > Channels::MAX_PACKET && _connection.PendingOutput() < pending) NoteProgress();
+    std::size_t const written = pending - std::min(pending, _connection.PendingOutput());
+    if (_unwritten > 0 && written > 0) NoteProgress();
+    _unwritten -= std::min(_unwritten, written);
     TakeMessages();
 }
 
+/// Writes what is pending now, without what a server that keeps asking is answered meanwhile.
 void StandardDialect::Impl::FlushBlocking() {
     NoteProgress();
     _connection.Flush();
-    while (_connection.HasPendingOutput()) ServeBlocking();
+    NoteOutput();
+    while (_unwritten > 0) ServeBlocking(_awaited != 0 ? _answerBy : _progressBy);
 }
 
 /// Handles what has been read.
@@ -627,6 +632,7 @@ void StandardDialect::Impl::Write(View data) {
         std::size_t const n = std::min(channel.Sendable(), data.size() - done);
         _channels.PostData(channel, View(data.data() + done, n));
         NoteProgress();
+        NoteOutput();
         done += n;
     }
 }
@@ -639,6 +645,7 @@ unsigned char* StandardDialect::Impl::BeginWrite(std::size_t size) {
 void StandardDialect::Impl::EndWrite(std::size_t size) {
     _channels.EndData(OpenSession(), size);
     NoteProgress();
+    NoteOutput();
 }
 
 void StandardDialect::Impl::Serve() {

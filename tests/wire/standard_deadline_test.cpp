@@ -253,6 +253,86 @@ TEST_F(StandardDeadline, ForwardingThatIsNotAnsweredWithinTheLoopIsGivenUp) {
     EXPECT_EQ(result.outcome, std::string("Run ") + noAnswer);
 }
 
+// --- servers that have the client write answers
+
+/// Messages that the client answers with UNIMPLEMENTED.
+std::vector<Bytes> Unknown(std::size_t count) { return std::vector<Bytes>(count, Bytes{200}); }
+
+/// As much as the sockets do not hold, before that message.
+void Flood(StandardConnection& c, Bytes const& last, std::size_t count = 20000) {
+    std::vector<Bytes> messages = Unknown(count);
+    messages.push_back(last);
+    c.SendTogether(messages);
+}
+
+/// Reads some of the client's messages.
+void ReadSome(StandardConnection& c, std::size_t count = 4000) {
+    for (; count > 0; --count) c.ReadPacket();
+}
+
+class StandardFlood : public StandardDeadline {
+protected:
+    static constexpr int ROUNDS = 50;
+    static constexpr int BUFFER = 0x10000;
+
+    /// Has the server take answers and ask for as many, from its first flood on.
+    void GoOn(StandardConnection& c) {
+        for (rounds = 0; rounds < ROUNDS; ++rounds) {
+            c.SendTogether(Unknown(4000));
+            ReadSome(c);
+            Wait(20);
+        }
+    }
+    /// The outcome of a command whose connection holds little, at a server that follows the script.
+    std::string RunWithLittleRoom(Script const& script) {
+        Serve([=](StandardConnection& c) {
+            c.Wire().recording = false;
+            c.Wire().LimitReceiving(BUFFER);
+            script(c);
+            c.ReadToTheEnd();
+        });
+        StandardClient client(server->Port());
+        auto const limit = [&] {
+            return setsockopt(client.session.Fd(), SOL_SOCKET, SO_SNDBUF, &BUFFER, sizeof BUFFER);
+        };
+        return client.Follow({client.Connecting(),
+                              {"Limit ", limit},
+                              client.ExchangingKeys(),
+                              client.Authenticating(),
+                              {"Open ", [&] { return client.session.Open(); }},
+                              {"Start ", [&] {
+                                   client.session.StartCommand("command");
+                                   roundsAtStart = rounds;
+                                   return 0;
+                               }}});
+    }
+
+    std::atomic<int> rounds{0};
+    int roundsAtStart = 0; ///< when the command had been requested
+};
+
+TEST_F(StandardFlood, OpeningAmongMessagesToAnswerIsGivenUp) {
+    std::string const outcome = RunWithLittleRoom([this](StandardConnection& c) {
+        c.WellBehaved(Stage::Service);
+        c.ReadAuthRequest();
+        Flood(c, {USERAUTH_SUCCESS});
+        GoOn(c);
+    });
+    EXPECT_EQ(outcome, std::string("Open ") + noAnswer);
+    EXPECT_LT(rounds, ROUNDS);
+}
+
+TEST_F(StandardFlood, RequestIsNotHeldUpByMessagesToAnswer) {
+    std::string const outcome = RunWithLittleRoom([this](StandardConnection& c) {
+        c.WellBehaved(Stage::Authenticated);
+        c.ExpectPacket(CHANNEL_OPEN);
+        Flood(c, Writer().U8(CHANNEL_OPEN_CONFIRMATION).U32(0).U32(settings.channel).U32(1).U32(1));
+        GoOn(c);
+    });
+    EXPECT_EQ(outcome, "");
+    EXPECT_LT(roundsAtStart, ROUNDS);
+}
+
 } // namespace
 
 extern "C" ssize_t recv(int fd, void* to, std::size_t size, int flags) {

@@ -100,6 +100,8 @@ Bytes Link::ReceiveUpTo(std::size_t count) {
     return bytes;
 }
 
+void Link::LimitReceiving(int bytes) { setsockopt(_fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes); }
+
 bool Link::WaitReadable(std::chrono::milliseconds limit) {
     pollfd fd{_fd, POLLIN, 0};
     return poll(&fd, 1, static_cast<int>(limit.count())) > 0;

@@ -55,6 +55,8 @@ public:
     Bytes Receive(std::size_t count);
     /// Like Receive, but gives what has come when the stream ends.
     Bytes ReceiveUpTo(std::size_t count);
+    /// From now on so many bytes wait to be taken, and little more.
+    void LimitReceiving(int bytes);
     /// Waits until a byte can be taken or the stream has ended.
     bool WaitReadable(std::chrono::milliseconds limit);
 
