@@ -68,7 +68,7 @@ void Connection::ExchangeKeys() {
             throw SshProtocolError("message before the first keys", message[0]);
         if (!_exchange.HasKeys()) WaitAndFill(deadline);
     }
-    _transport.FlushAll();
+    _transport.FlushAll(deadline);
 }
 
 void Connection::Send(View message) {
@@ -85,7 +85,7 @@ void Connection::Send(View message) {
     }
     _transport.Send(message);
     Flush();
-    _transport.FlushAll();
+    _transport.FlushAll(_answerBy);
 }
 
 View Connection::Receive() {

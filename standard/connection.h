@@ -55,8 +55,6 @@ public:
     void Flush();
     /// Writes what the socket accepts, when the server is not needed any more. Throws nothing.
     void FlushRest() noexcept;
-    /// Writes all, waiting as long as the server makes progress.
-    void FlushAll() { _transport.FlushAll(); }
     bool HasPendingOutput() const { return PendingOutput() > 0; }
     std::size_t PendingOutput() const { return _transport.PendingOutput(); }
 

@@ -98,9 +98,9 @@ void Transport::Flush() {
     }
 }
 
-void Transport::FlushAll() {
+void Transport::FlushAll(Deadline const& deadline) {
     for (Flush(); PendingOutput() > 0; Flush())
-        if (!WaitForOutput(Deadline(TIME_LIMIT))) throw SshProtocolError("the server does not take data");
+        if (!WaitForOutput(deadline)) throw SshProtocolError("the server does not take data");
 }
 
 int Transport::SendLine(std::string const& line, Deadline const& deadline) {

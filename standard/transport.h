@@ -46,9 +46,8 @@ public:
     /// Writes what the socket accepts without blocking. If the connection has failed, drops the rest, and
     /// throws SystemError, unless the server has reset it: Fill() does that, after what it has sent before.
     void Flush();
-    /// The same, but blocks until all is written. Throws SshProtocolError if the server accepts nothing for
-    /// TIME_LIMIT.
-    void FlushAll();
+    /// The same, but blocks until all is written. Throws SshProtocolError at the deadline.
+    void FlushAll(Deadline const& deadline);
     /// Waits until the socket is writable. False at the deadline.
     bool WaitForOutput(Deadline const& deadline) const { return WaitFor(POLLOUT, deadline); }
     /// Writes the identification line unchanged. Returns 0 or a negated errno value.

@@ -311,6 +311,23 @@ protected:
     int roundsAtStart = 0; ///< when the command had been requested
 };
 
+TEST_F(StandardFlood, LoginWhoseRequestIsTakenInDripsIsGivenUp) {
+    settings.noneAccepted = false;
+    std::string const outcome = RunWithLittleRoom([](StandardConnection& c) {
+        c.WellBehaved(Stage::Service);
+        c.ReadAuthRequest();
+        Flood(c, Writer().U8(USERAUTH_FAILURE).String("password").Bool(false), 40000);
+        for (int i = 0; i < 10; ++i) {
+            Wait(50);
+            ReadSome(c);
+        }
+        c.SkipTo(USERAUTH_REQUEST);
+        c.SendPacket({USERAUTH_SUCCESS});
+        c.ConfirmOpen();
+    });
+    EXPECT_EQ(outcome, "Authenticate SshProtocolError: the server does not take data");
+}
+
 TEST_F(StandardFlood, OpeningAmongMessagesToAnswerIsGivenUp) {
     std::string const outcome = RunWithLittleRoom([this](StandardConnection& c) {
         c.WellBehaved(Stage::Service);
