@@ -42,9 +42,11 @@ Pathname SftpClientSession::RemotePathname(Pathname path) {
 }
 
 // Deliberate: a local name is resolved only if the remote directory is known (pinned by
-// SftpSessionDirectories.LocalNameIsResolvedIfTheRemoteDirectoryIsKnown).
+// SftpSessionDirectories.LocalNameIsResolvedIfTheRemoteDirectoryIsKnown). With a dialect the server has no
+// say.
 Pathname SftpClientSession::LocalPathname(Pathname path) {
-    return path.IsAbs() || str_empty(_remoteDir.Text()) ? path : Resolve(path, _localDir);
+    bool const isKept = !_dialect && str_empty(_remoteDir.Text());
+    return path.IsAbs() || isKept ? path : Resolve(path, _localDir);
 }
 
 int SftpClientSession::Cd(SftpStatus& status, String_t const& path) {

@@ -24,10 +24,15 @@ constexpr int AGENT_FAILURE_OTHER = 102;
 constexpr unsigned int MAX_REPLY = 256 * 1024;
 constexpr unsigned int MAX_IDENTITIES = 1024;
 constexpr unsigned int CONNECT_SECONDS = 10;
-constexpr unsigned int WAIT_SECONDS = 180; // the agent may be asking its user
+constexpr std::chrono::seconds ANSWER_LIMIT(180); // the agent may be asking its user
 
 bool IsFailure(int number) {
     return number == AGENT_FAILURE || number == AGENT_FAILURE_OLD || number == AGENT_FAILURE_OTHER;
+}
+
+/// For a wait of its own: whole seconds, at least one.
+unsigned int SecondsLeft(Deadline const& deadline) {
+    return static_cast<unsigned int>(std::chrono::ceil<std::chrono::seconds>(deadline.Remaining()).count());
 }
 
 std::string EnvironmentPath() {
@@ -90,28 +95,31 @@ bool AgentClient::Sign(View key, View data, unsigned int flags, Bytes& signature
 /// Sends a request and receives the reply. Returns whether its message number is `expected`.
 bool AgentClient::Exchange(Bytes const& request, int expected, Bytes& reply) {
     if (!IsPresent()) return Fail(_error.empty() ? "there is no agent" : _error);
+    Deadline const deadline(ANSWER_LIMIT);
     unsigned char length[4];
-    if (!Send(request) || !Receive(length, sizeof length)) return false;
+    if (!Send(request, deadline) || !Receive(length, sizeof length, deadline)) return false;
     std::size_t const size = LoadInt(length);
     if (size == 0 || size > MAX_REPLY) return Leave("the agent's reply is empty or exceeds 256 KiB");
     reply.resize(size);
-    if (!Receive(reply.data(), size)) return false;
+    if (!Receive(reply.data(), size, deadline)) return false;
     if (IsFailure(reply[0])) return Fail("the agent refused");
     if (reply[0] != expected) return Leave("the agent answered with message " + std::to_string(reply[0]));
     _error.clear();
     return true;
 }
 
-bool AgentClient::Send(Bytes const& request) {
+bool AgentClient::Send(Bytes const& request, Deadline const& deadline) {
     Bytes const message = Writer().String(request).Take();
     auto const* from = reinterpret_cast<char const*>(message.data());
-    if (_io.Write(from, from + message.size(), WAIT_SECONDS) == 0) return true;
+    if (_io.Write(from, from + message.size(), SecondsLeft(deadline)) == 0) return true;
     return Leave(std::string("can't write to the agent: ") + std::strerror(errno));
 }
 
-bool AgentClient::Receive(unsigned char* to, std::size_t size) {
+bool AgentClient::Receive(unsigned char* to, std::size_t size, Deadline const& deadline) {
     while (size > 0) {
-        int const got = _io.Read(reinterpret_cast<char*>(to), size, WAIT_SECONDS);
+        unsigned int const seconds = SecondsLeft(deadline);
+        if (seconds == 0) return Leave("the agent does not answer");
+        int const got = _io.Read(reinterpret_cast<char*>(to), size, seconds);
         if (got < 0) return Leave(std::string("can't read from the agent: ") + std::strerror(errno));
         if (got == 0) return Leave("the agent closed the connection");
         to += got;

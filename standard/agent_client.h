@@ -7,6 +7,7 @@
 #include <brantle/thornel/descriptor_io.h>
 #include <brantle/thornel/file_descriptor.h>
 
+#include "foundations/thornel/deadline.h"
 #include "standard/bytes.h"
 
 namespace cindral::standard {
@@ -48,8 +49,8 @@ public:
 private:
     void Connect(std::string const& path);
     bool Exchange(Bytes const& request, int expected, Bytes& reply);
-    bool Send(Bytes const& request);
-    bool Receive(unsigned char* to, std::size_t size);
+    bool Send(Bytes const& request, Deadline const& deadline);
+    bool Receive(unsigned char* to, std::size_t size, Deadline const& deadline);
     bool Fail(std::string const& reason);
     bool Leave(std::string const& reason);
 

@@ -69,8 +69,14 @@ std::string Printable(View text, Lines lines) {
 
 bool IsSafeName(View name) {
     if (name.empty() || name == View(".") || name == View("..")) return false;
-    return std::none_of(name.begin(), name.end(),
-                        [](unsigned char byte) { return byte == '/' || byte < 0x20 || byte == 0x7f; });
+    while (!name.empty()) {
+        unsigned int character = 0;
+        std::size_t const size = DecodeCharacter(name, character); // a name need not be UTF-8
+        if (size > 0 && (character == '/' || IsControl(character))) return false;
+        std::size_t const step = std::max<std::size_t>(size, 1);
+        name = View(name.data() + step, name.size() - step);
+    }
+    return true;
 }
 
 } // namespace cindral::standard

@@ -56,6 +56,14 @@ bool ServerTakes(SignatureAlgorithm const& algorithm, std::string const* list) {
 
 String_t Shown(View text) { return String_t(Printable(text, Lines::KEPT).c_str()); }
 
+/// The question with who asks in front of each line.
+std::string AskedBy(std::string const& asker, View question) {
+    std::string text = asker + Printable(question, Lines::KEPT);
+    for (std::size_t end = 0; (end = text.find('\n', end)) != std::string::npos; end += asker.size())
+        text.insert(++end, asker);
+    return text;
+}
+
 void Wipe(TOList<String_t>& answers) {
     TOListIterator<String_t> next(answers);
     while (String_t* const answer = next()) WipeUnshared(*answer);
@@ -279,12 +287,11 @@ bool UserAuthenticator::AnswerQuestions(View message) {
     reader.String(); // language
     unsigned int const count = reader.Int();
     TOList<Prompt> prompts;
-    // As OpenSSH does, so that a question can't pass for one of this side.
-    String_t const asker = ("(" + _login.user + "@" + _login.host + ") ").c_str();
+    // As OpenSSH does, but on every line: the last one shown may be taken for a question of this side.
+    std::string const asker = "(" + _login.user + "@" + _login.host + ") ";
     for (unsigned int i = 0; i < count; ++i) {
         Prompt* const prompt = prompts.Append(Prompt());
-        prompt->_text = asker;
-        prompt->_text += Shown(reader.String());
+        prompt->_text = AskedBy(asker, reader.String()).c_str();
         prompt->_echo = reader.Bool() ? 1 : 0;
     }
     reader.End();

@@ -2,7 +2,9 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -348,6 +350,69 @@ TEST_F(StandardFlood, RequestIsNotHeldUpByMessagesToAnswer) {
     });
     EXPECT_EQ(outcome, "");
     EXPECT_LT(roundsAtStart, ROUNDS);
+}
+
+/// A key agent that begins an answer of 4,096 bytes and goes on with one every 10 seconds.
+class DrippingAgent {
+public:
+    explicit DrippingAgent(std::string const& path)
+        : _listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        if (bind(_listener, reinterpret_cast<sockaddr const*>(&address), sizeof(address)) != 0 ||
+            listen(_listener, 1) != 0)
+            throw std::runtime_error("agent's socket");
+        _thread = std::thread([this] { Answer(); });
+    }
+    ~DrippingAgent() {
+        shutdown(_listener, SHUT_RDWR);
+        _thread.join();
+        close(_listener);
+    }
+    DrippingAgent(DrippingAgent const&) = delete;
+    DrippingAgent& operator=(DrippingAgent const&) = delete;
+
+private:
+    void Answer() const {
+        int const connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
+        char request[5];
+        if (recv(connection, request, sizeof(request), MSG_WAITALL) > 0) {
+            send(connection, "\0\0\x10", 4, MSG_NOSIGNAL);
+            for (int i = 0; i < 50; ++i) {
+                send(connection, "\x0c", 1, MSG_NOSIGNAL);
+                Wait(10);
+            }
+        }
+        close(connection);
+    }
+
+    int _listener;
+    std::thread _thread;
+};
+
+TEST_F(StandardDeadline, AgentThatAnswersInDripsIsGivenUp) {
+    support::TemporaryDirectory const directory;
+    std::string const path = directory.Path() / "agent";
+    DrippingAgent const agent(path);
+    setenv("SSH_AUTH_SOCK", path.c_str(), 1);
+    settings.noneAccepted = false;
+    std::string reason, lastError;
+    Serve([](StandardConnection& c) {
+        c.WellBehaved(Stage::Service);
+        c.ReadAuthRequest();
+        c.SendAuthFailure("publickey");
+        c.ReadToTheEnd();
+    });
+    {
+        StandardClient client(server->Port());
+        reason = client.LogIn();
+        lastError = Text(client.dialect.LastError());
+    }
+    server->Finish();
+    unsetenv("SSH_AUTH_SOCK");
+    EXPECT_EQ(reason, "Authenticate -1");
+    EXPECT_THAT(lastError, testing::HasSubstr("agent: the agent does not answer"));
 }
 
 } // namespace

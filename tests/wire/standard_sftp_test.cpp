@@ -348,6 +348,36 @@ TEST_F(StandardSftpListing, NameThatNoLocalFileMayHaveIsTheLastError) {
     server->Finish();
 }
 
+TEST_F(StandardSftp, LocalDirectoryHoldsThoughTheServerNamesNoRemoteOne) {
+    constexpr unsigned REAL_PATH = 16;
+    Serve([&](StandardConnection& c) {
+        c.WellBehaved(Stage::Opened);
+        SftpServer sftp(c);
+        sftp.content = "content";
+        sftp.instead = [&](unsigned type, std::uint32_t id, Reader&) {
+            if (type == REAL_PATH) sftp.Send(Names({""}, id));
+            return type == REAL_PATH;
+        };
+        try {
+            sftp.Serve();
+        } catch (Closed const&) {
+        }
+        c.ReadToTheEnd();
+    });
+    support::TemporaryDirectory const directory;
+    {
+        cindral::SftpClientSession session(server->Port(), "127.0.0.1");
+        cindral::StandardDialect dialect(session);
+        Login(session);
+        ASSERT_EQ(session.Start(), 0);
+        session.LCd(directory.Path().c_str());
+        cindral::SftpStatus status;
+        EXPECT_EQ(session.Get(status, "remote", "local"), 0);
+    }
+    server->Finish();
+    EXPECT_EQ(FileText(directory.Path() / "local"), "content");
+}
+
 TEST_F(StandardSftp, ChannelThatEndsWithinACopyFailsIt) {
     for (bool toServer : {false, true})
         for (Bytes const& end : {Eof(), Close()}) {

@@ -92,8 +92,10 @@ TEST(SafeNames, PlainNamesAreSafe) {
 }
 
 TEST(SafeNames, NamesThatLeadElsewhereOrHoldControlCharactersAreNot) {
-    for (std::string const& name :
-         std::vector<std::string>{"", ".", "..", "/", "a/b", "../a", "a/", "/a", "a\n", "\x1b[m", "\t",
-                                  "a\x7f", std::string("a\0b", 3)})
+    for (std::string const& name : std::vector<std::string>{"", ".", "..", "/", "a/b", "../a", "a/", "/a",
+                                                            "a\n", "\x1b[m", "\t", "a\x7f",
+                                                            "a\xc2\x9b"
+                                                            "2J",
+                                                            "\xff/", std::string("a\0b", 3)})
         EXPECT_FALSE(IsSafeName(name)) << PrintToString(name);
 }

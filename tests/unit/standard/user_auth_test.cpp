@@ -592,6 +592,19 @@ TEST_F(UserAuthentication, QuestionsCannotPassForLocalOnes) {
                             std::pair<std::string, bool>("(me@host:22) ", true)));
 }
 
+TEST_F(UserAuthentication, EveryLineOfAQuestionSaysWhoAsks) {
+    questions.answers = {{"x"}};
+    EXPECT_EQ(
+        Run({Failure("keyboard-interactive"),
+             Questions("", "", {{"1. Push\n2. Call\n\nPasscode: ", false}, {"Token\n", true}}), Failure("")}),
+        -1);
+    EXPECT_THAT(questions.requests.at(0).prompts,
+                ElementsAre(std::pair<std::string, bool>("(me@host:22) 1. Push\n(me@host:22) 2. Call\n"
+                                                         "(me@host:22) \n(me@host:22) Passcode: ",
+                                                         false),
+                            std::pair<std::string, bool>("(me@host:22) Token\n(me@host:22) ", true)));
+}
+
 TEST_F(UserAuthentication, GivenPasswordIsNotSentToQuestions) {
     login.password = "secret";
     questions.answers = {{"own"}};
