@@ -123,6 +123,7 @@ void ChannelLoop::RegisterInput(int fd, SshChannel const& object) {
     Pump& pump = _pumps[object._localId];
     WatchInput(object._localId, pump, false);
     pump.input = fd;
+    pump.inputIsOwned = IsA(object, typeid(FdChannel));
     WatchInput(object._localId, pump, MayRead(_channels.Find(object._localId), pump));
 }
 
@@ -244,8 +245,9 @@ void ChannelLoop::Dispatch() {
 
 /// Called after every event: writes, and updates which descriptors are watched.
 void ChannelLoop::Settle() {
-    for (auto& entry : _pumps)
-        if (entry.second.input >= 0 && !Object(entry.first)) Abandon(entry.first, entry.second);
+    for (auto& [local, pump] : _pumps)
+        if ((pump.input >= 0 || pump.inputIsOwned) && !Object(local)) Abandon(local, pump);
+    DropReplacedInputs();
     if (_isDraining) {
         _connection.FlushRest();
     } else {
@@ -257,10 +259,22 @@ void ChannelLoop::Settle() {
         WatchInput(entry.first, entry.second, MayRead(_channels.Find(entry.first), entry.second));
 }
 
+/// Stops reading for channels that the program has replaced: their descriptors are closed, and another
+/// connection may get the number.
+void ChannelLoop::DropReplacedInputs() {
+    for (auto& [local, pump] : _pumps) {
+        SshChannel const* const object = pump.inputIsOwned && pump.input >= 0 ? Object(local) : nullptr;
+        if (!object || object->_fdIn == pump.input) continue;
+        WatchInput(local, pump, false);
+        pump.input = -1;
+    }
+}
+
 /// Ends a channel that the program has taken out of the table: its descriptor may be closed.
 void ChannelLoop::Abandon(unsigned int local, Pump& pump) {
     WatchInput(local, pump, false);
     pump.input = -1;
+    pump.inputIsOwned = false;
     if (Channel* const channel = _channels.Find(local)) _channels.PostClose(*channel);
 }
 
@@ -494,6 +508,7 @@ void ChannelLoop::StartConnecting(Pending pending, SocketAddresses const& addres
 }
 
 void ChannelLoop::Connect(unsigned int key, Pending& pending) {
+    DropReplacedInputs();
     int const fd = pending.connector->Next();
     if (fd >= 0) {
         _host.Mux().Register(fd, Dispatcher(*this, IOMultiplexerWrite, [this, key] { ServeConnect(key); }));

@@ -87,6 +87,7 @@ private:
     struct Pump {
         int input = -1; ///< -1: none, or at its end
         bool inputIsWatched = false;
+        bool inputIsOwned = false; ///< by the channel that it came from, which closes it
         std::unique_ptr<DescriptorSink> output;
         std::unique_ptr<DescriptorSink> errors;
         bool isSession = false;
@@ -120,6 +121,7 @@ private:
     void EndInput(Channel& channel, Pump& pump);
     bool MayRead(Channel const* channel, Pump const& pump) const;
     void WatchInput(unsigned int local, Pump& pump, bool watch);
+    void DropReplacedInputs();
     void WatchOutput(unsigned int local, DescriptorSink& sink, bool isError, bool wasEmpty);
     void WatchSocket();
     void Deliver(Channel* channel, unsigned int local, Pump& pump, View data, bool isError);

@@ -624,6 +624,8 @@ protected:
                                  .U32(2));
                 c.SkipTo(CHANNEL_OPEN_CONFIRMATION);
                 c.SendPacket(Data("now"));
+                c.SendPacket(Writer().U8(GLOBAL_REQUEST).String("unknown").Bool(true));
+                c.SkipTo(REQUEST_FAILURE); // the channel has been replaced
                 script(c);
             },
             [&](StandardClient& client) {
@@ -720,6 +722,51 @@ TEST_F(StandardOwnChannel, RefusalOfAnotherChannelWaitsUntilItsOperationHasRetur
     EXPECT_EQ(result.exitStatus, 3);
     EXPECT_EQ(forwarded, 0);
     EXPECT_TRUE(isThere);
+}
+
+TEST_F(StandardOwnChannel, ConnectionUnderTheNumberOfAReplacedOneIsRead) {
+    std::promise<std::uint16_t> port;
+    std::string received;
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            std::uint16_t const listener = port.get_future().get();
+            tcp::End const ends[] = {tcp::End(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
+                                     tcp::End(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))};
+            auto const open = [&](std::uint32_t number) {
+                sockaddr_in const address = tcp::Loopback(listener);
+                connect(ends[number - 1].Fd(), reinterpret_cast<sockaddr const*>(&address), sizeof address);
+                EXPECT_EQ(c.ReadChannelOpen().sender, number);
+                c.SendPacket(Writer()
+                                 .U8(CHANNEL_OPEN_CONFIRMATION)
+                                 .U32(number)
+                                 .U32(500 + number)
+                                 .U32(WINDOW)
+                                 .U32(MAX_PACKET));
+            };
+            open(1);
+            c.SendPacket(Data("now"));
+            EXPECT_TRUE(ends[0].IsClosedByPeer());
+            open(2);
+            c.SendPacket(Close(1));
+            c.SkipTo(CHANNEL_CLOSE);
+            ends[1].Send("text");
+            Reader data = c.SkipTo(CHANNEL_DATA);
+            EXPECT_EQ(data.U32(), 502u);
+            received = data.String();
+            c.SendTogether(Ending(3));
+        },
+        [&](StandardClient& client) {
+            client.beforeRun = [&] {
+                auto& session = client.session;
+                session.StartLocalForwarding(8000, "target", 0, "127.0.0.1");
+                port.set_value(tcp::PortOf(session._localForwardings.Find(0)->_server->Fd()));
+                session.ReplaceChannel(0, OwnChannel::Maker([&](OwnChannel&) {
+                                           session.ReplaceChannel(1, OwnChannel::Maker([](OwnChannel&) {}));
+                                       }));
+            };
+        });
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_EQ(received, "text");
 }
 
 TEST_F(StandardOwnChannel, EndedByItsOwnOperationItIsClosedOnce) {
