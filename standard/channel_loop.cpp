@@ -408,6 +408,7 @@ void ChannelLoop::Drop(unsigned int local) {
 // --- forwarding
 
 void ChannelLoop::Accept(int listener, std::string const& host, unsigned int port) {
+    if (_spare._fd < 0) _spare._fd = OpenSpare(); // another thread was faster the last time
     for (int accepted = 0; accepted < ACCEPTS; ++accepted) {
         int const connection = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (connection >= 0) {

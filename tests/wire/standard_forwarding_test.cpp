@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <future>
 
+#include <brantle/channel/tcp_forwarding.h>
 #include <brantle/channel/x11_forwarding.h>
 
 #include "support/next_symbol.h"
@@ -30,6 +32,8 @@ char const COOKIE[] = "f0f1f2f3f4f5f6f7f8f9fafbfcfdfe00";
 
 std::atomic<int> lookups{0};               ///< in the resolver
 std::atomic<bool> noDescriptorLeft{false}; ///< the limit itself would stop the sanitizers
+std::atomic<bool> noneToAccept{false};     ///< likewise, for a connection that is to stay
+std::atomic<bool> noneToOpen{false};       ///< likewise, for the next file
 
 Bytes Opening(char const* type, std::uint32_t sender, std::uint32_t port = PORT) {
     Writer rest;
@@ -269,6 +273,30 @@ TEST_F(StandardForwarding, LackOfDescriptorsRefusesForwardedConnectionsAlone) {
     EXPECT_EQ(result.errors, "errors");
 }
 
+TEST_F(StandardForwarding, LackOfDescriptorsThatLastsRefusesFurtherConnections) {
+    std::promise<std::uint16_t> port;
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            tcp::End const ends[] = {tcp::End(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
+                                     tcp::End(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))};
+            sockaddr_in const address = tcp::Loopback(port.get_future().get());
+            noneToAccept = noneToOpen = true; // as if another thread had taken the last descriptor
+            for (tcp::End const& end : ends) {
+                connect(end.Fd(), reinterpret_cast<sockaddr const*>(&address), sizeof address);
+                EXPECT_TRUE(end.IsClosedByPeer());
+            }
+            c.SendTogether(Ending(3));
+        },
+        [&](StandardClient& client) {
+            client.beforeRun = [&] {
+                client.session.StartLocalForwarding(8000, "target", 0, "127.0.0.1");
+                port.set_value(tcp::PortOf(client.session._localForwardings.Find(0)->_server->Fd()));
+            };
+        });
+    noneToAccept = noneToOpen = false;
+    EXPECT_EQ(result.exitStatus, 3);
+}
+
 // --- from remote X clients
 
 TEST_F(StandardForwarding, RemoteXClientReachesTheDisplayWithItsCookie) {
@@ -372,6 +400,24 @@ int getaddrinfo(char const* node, char const* service, addrinfo const* hints, ad
 int socket(int family, int type, int protocol) noexcept {
     static auto* const next = support::NextSymbol(&socket, "socket");
     if (!noDescriptorLeft) return next(family, type, protocol);
+    errno = EMFILE;
+    return -1;
+}
+
+int accept4(int fd, sockaddr* address, socklen_t* size, int flags) {
+    static auto* const next = support::NextSymbol(&accept4, "accept4");
+    if (!noneToAccept || !(flags & SOCK_NONBLOCK)) return next(fd, address, size, flags);
+    errno = EMFILE;
+    return -1;
+}
+
+int open(char const* path, int flags, ...) {
+    static auto* const next = support::NextSymbol(&open, "open");
+    va_list arguments;
+    va_start(arguments, flags);
+    int const mode = va_arg(arguments, int);
+    va_end(arguments);
+    if (!noneToOpen.exchange(false)) return next(path, flags, mode);
     errno = EMFILE;
     return -1;
 }
