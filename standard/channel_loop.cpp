@@ -208,13 +208,17 @@ void ChannelLoop::PostEnd(Channel& channel, Pump& pump) {
 void ChannelLoop::OnWindow(Channel& channel) {
     Pump* const pump = Find(channel.local);
     if (!pump || pump->unsent.empty()) return;
-    std::size_t done = 0;
-    while (done < pump->unsent.size() && channel.Sendable() > 0 && _connection.MayPost()) {
-        std::size_t const n = std::min(channel.Sendable(), pump->unsent.size() - done);
-        _channels.PostData(channel, View(pump->unsent.data() + done, n));
-        done += n;
+    Bytes& unsent = pump->unsent;
+    std::size_t& pos = pump->unsentPos;
+    while (pos < unsent.size() && channel.Sendable() > 0 && _connection.MayPost()) {
+        std::size_t const n = std::min(channel.Sendable(), unsent.size() - pos);
+        _channels.PostData(channel, View(unsent.data() + pos, n));
+        pos += n;
     }
-    pump->unsent.erase(pump->unsent.begin(), pump->unsent.begin() + static_cast<std::ptrdiff_t>(done));
+    if (pos > unsent.size() / 2) { // not for each part of the window, which may be small
+        unsent.erase(unsent.begin(), unsent.begin() + static_cast<std::ptrdiff_t>(pos));
+        pos = 0;
+    }
     PostEnd(channel, *pump);
 }
 
@@ -222,10 +226,11 @@ void ChannelLoop::OnWindow(Channel& channel) {
 bool ChannelLoop::PostUnsent() {
     bool hasPosted = false;
     for (auto& entry : _pumps) {
-        std::size_t const before = entry.second.unsent.size();
+        Pump const& pump = entry.second;
+        std::size_t const before = pump.unsent.size() - pump.unsentPos;
         Channel* const channel = before > 0 ? _channels.Find(entry.first) : nullptr;
         if (channel) OnWindow(*channel);
-        hasPosted = hasPosted || entry.second.unsent.size() < before;
+        hasPosted = hasPosted || pump.unsent.size() - pump.unsentPos < before;
     }
     return hasPosted;
 }

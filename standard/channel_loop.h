@@ -92,7 +92,8 @@ private:
         std::unique_ptr<DescriptorSink> errors;
         bool isSession = false;
         bool isClosing = false;    ///< closed by the server
-        Bytes unsent;              ///< data that the window had no room for
+        Bytes unsent;              ///< data that the window had no room for, from unsentPos on
+        std::size_t unsentPos = 0; ///< what is before has been sent
         bool eofWaits = false;     ///< to be sent after that
         bool closeWaits = false;   ///< likewise
         bool isConnecting = false; ///< to the X server

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <ctime>
 #include <future>
 #include <thread>
 
@@ -537,6 +538,31 @@ TEST_F(StandardChannel, EofOfAProgramComesAfterItsData) {
         });
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_THAT(DataOfTheClient(), testing::ElementsAre("01234", "56789"));
+}
+
+TEST_F(StandardChannel, WindowInSmallPartsDoesNotSlowDownDataOfAProgram) {
+    constexpr std::size_t SIZE = 64 << 20;
+    constexpr std::size_t PARTS = 20000;
+    settings.window = 0;
+    std::unique_ptr<AtOnce> timer;
+    std::clock_t used = 0; // by all threads: the server needs little
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            c.Wire().recording = false;
+            std::clock_t const before = std::clock();
+            c.SendTogether(std::vector<Bytes>(PARTS, WindowAdjust(0, 1)));
+            for (std::size_t i = 0; i < PARTS; ++i) c.SkipTo(CHANNEL_DATA);
+            used = std::clock() - before;
+            c.SendTogether(Ending(3));
+        },
+        [&](StandardClient& client) {
+            timer = std::make_unique<AtOnce>([&client] {
+                client.session._channels.Find(0)->ForwardToSshd(std::string(SIZE, 'x').data(), SIZE);
+            });
+            client.beforeRun = [&] { client.session.Multiplexer().Insert(timer.get()); };
+        });
+    EXPECT_EQ(result.exitStatus, 3);
+    EXPECT_LT(used, 20 * CLOCKS_PER_SEC);
 }
 
 TEST_F(StandardChannel, DataOfAProgramLeaveWithoutFurtherEvents) {
