@@ -272,7 +272,7 @@ void ReadSome(StandardConnection& c, std::size_t count = 4000) {
     for (; count > 0; --count) c.ReadPacket();
 }
 
-class StandardFlood : public StandardDeadline {
+class StandardFloodDeadline : public StandardDeadline {
 protected:
     static constexpr int ROUNDS = 50;
     static constexpr int BUFFER = 0x10000;
@@ -313,7 +313,7 @@ protected:
     int roundsAtStart = 0; ///< when the command had been requested
 };
 
-TEST_F(StandardFlood, LoginWhoseRequestIsTakenInDripsIsGivenUp) {
+TEST_F(StandardFloodDeadline, LoginWhoseRequestIsTakenInDripsIsGivenUp) {
     settings.noneAccepted = false;
     std::string const outcome = RunWithLittleRoom([](StandardConnection& c) {
         c.WellBehaved(Stage::Service);
@@ -330,7 +330,7 @@ TEST_F(StandardFlood, LoginWhoseRequestIsTakenInDripsIsGivenUp) {
     EXPECT_EQ(outcome, "Authenticate SshProtocolError: the server does not take data");
 }
 
-TEST_F(StandardFlood, OpeningAmongMessagesToAnswerIsGivenUp) {
+TEST_F(StandardFloodDeadline, OpeningAmongMessagesToAnswerIsGivenUp) {
     std::string const outcome = RunWithLittleRoom([this](StandardConnection& c) {
         c.WellBehaved(Stage::Service);
         c.ReadAuthRequest();
@@ -341,7 +341,7 @@ TEST_F(StandardFlood, OpeningAmongMessagesToAnswerIsGivenUp) {
     EXPECT_LT(rounds, ROUNDS);
 }
 
-TEST_F(StandardFlood, RequestIsNotHeldUpByMessagesToAnswer) {
+TEST_F(StandardFloodDeadline, RequestIsNotHeldUpByMessagesToAnswer) {
     std::string const outcome = RunWithLittleRoom([this](StandardConnection& c) {
         c.WellBehaved(Stage::Authenticated);
         c.ExpectPacket(CHANNEL_OPEN);

@@ -355,7 +355,7 @@ TEST_F(StandardSftp, LocalDirectoryHoldsThoughTheServerNamesNoRemoteOne) {
         SftpServer sftp(c);
         sftp.content = "content";
         sftp.instead = [&](unsigned type, std::uint32_t id, Reader&) {
-            if (type == REAL_PATH) sftp.Send(Names({""}, id));
+            if (type == REAL_PATH) sftp.Send(Names({std::string(1, 0)}, id)); // read as empty
             return type == REAL_PATH;
         };
         try {
