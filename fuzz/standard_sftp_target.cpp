@@ -34,7 +34,7 @@ constexpr unsigned int DOWNLOAD = 0x01, IDS_MATCH = 0x02, IN_PLACE = 0x04, IN_FL
 constexpr unsigned int IN_FLIGHT[] = {1, 2, 5, 64};
 constexpr std::size_t SETTINGS = 3, SIZE_UNIT = 4096;
 constexpr std::size_t LENGTH_FIELD = 4, HEAD = 9; ///< length, type and id
-constexpr unsigned int READ = 5, WRITE = 6, STATUS = 101, DATA = 103;
+constexpr unsigned int READ = 5, WRITE = 6, DATA = 103;
 char const HANDLE[] = "handle";
 
 struct Request {
