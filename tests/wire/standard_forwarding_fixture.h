@@ -1,6 +1,7 @@
 #ifndef TESTS_WIRE_STANDARD_FORWARDING_FIXTURE_H
 #define TESTS_WIRE_STANDARD_FORWARDING_FIXTURE_H
 
+#include <atomic>
 #include <future>
 #include <string>
 
@@ -8,6 +9,10 @@
 
 #include "wire/standard_fixture.h"
 #include "wire/tcp_end.h"
+
+/// While it is set, no descriptor is left for a connection that is to stay. The limit itself would stop the
+/// sanitizers.
+extern std::atomic<bool> noneToAccept;
 
 /// Sessions with forwardings under the standard dialect: a local one to "target" 8000, and a remote one from
 /// port 9000 of the server's address "bound" to a service here. The server's script makes the connections to

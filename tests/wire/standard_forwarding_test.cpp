@@ -23,6 +23,8 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
+std::atomic<bool> noneToAccept{false};
+
 namespace {
 
 constexpr std::uint32_t WINDOW = 0x200000;   ///< what the client grants
@@ -32,7 +34,6 @@ char const COOKIE[] = "f0f1f2f3f4f5f6f7f8f9fafbfcfdfe00";
 
 std::atomic<int> lookups{0};               ///< in the resolver
 std::atomic<bool> noDescriptorLeft{false}; ///< the limit itself would stop the sanitizers
-std::atomic<bool> noneToAccept{false};     ///< likewise, for a connection that is to stay
 std::atomic<bool> noneToOpen{false};       ///< likewise, for the next file
 
 Bytes Opening(char const* type, std::uint32_t sender, std::uint32_t port = PORT) {

@@ -1,6 +1,5 @@
 // Where a session with the standard dialect sets limits to its server, its descriptors and its channels.
 
-#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <future>
@@ -15,29 +14,6 @@ namespace {
 constexpr std::uint32_t WINDOW = 1000;
 constexpr std::uint32_t PROHIBITED = 1, RESOURCE_SHORTAGE = 4; // RFC 4254, section 5.1
 
-/// Leaves the process no free descriptor, as long as it lives.
-class NoDescriptors {
-public:
-    NoDescriptors() {
-        getrlimit(RLIMIT_NOFILE, &_before);
-        rlimit const lowered{FEW, _before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &lowered);
-        for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) _fds.push_back(fd);
-    }
-    ~NoDescriptors() {
-        setrlimit(RLIMIT_NOFILE, &_before);
-        for (int const fd : _fds) close(fd);
-    }
-    NoDescriptors(NoDescriptors const&) = delete;
-    NoDescriptors& operator=(NoDescriptors const&) = delete;
-
-private:
-    static constexpr rlim_t FEW = 256;
-
-    rlimit _before{};
-    std::vector<int> _fds;
-};
-
 class StandardLimits : public StandardForwardingTest {};
 
 TEST_F(StandardLimits, ForwardedConnectionWithoutADescriptorIsClosedAndTheOthersGoOn) {
@@ -49,15 +25,13 @@ TEST_F(StandardLimits, ForwardedConnectionWithoutADescriptorIsClosedAndTheOthers
             c.SendPacket(Data("x", first));
             EXPECT_EQ(before.Receive(1), "x");
             tcp::End without(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-            {
-                NoDescriptors const none;
-                sockaddr_in const address = tcp::Loopback(Listener());
-                EXPECT_EQ(connect(without.Fd(), reinterpret_cast<sockaddr const*>(&address), sizeof address),
-                          0);
-                EXPECT_TRUE(without.IsClosedByPeer());
-                before.Send("y");
-                EXPECT_EQ(c.SkipTo(CHANNEL_DATA).U32(), 70u);
-            }
+            sockaddr_in const address = tcp::Loopback(Listener());
+            noneToAccept = true;
+            EXPECT_EQ(connect(without.Fd(), reinterpret_cast<sockaddr const*>(&address), sizeof address), 0);
+            EXPECT_TRUE(without.IsClosedByPeer());
+            before.Send("y");
+            EXPECT_EQ(c.SkipTo(CHANNEL_DATA).U32(), 70u);
+            noneToAccept = false;
             tcp::End const after = ConnectThrough(c, 71, WINDOW, last);
             c.SendPacket(Data("z", last));
             EXPECT_EQ(after.Receive(1), "z");
