@@ -874,8 +874,9 @@ Bytes StandardDialect::Impl::X11Setup(View message) {
                                    {Chars(x11->_authMethod), real.empty() ? fake : real});
 }
 
+/// Some servers announce connections to the port that they chose under 0, as it was asked for.
 SocketAddresses const* StandardDialect::Impl::FindTarget(unsigned int port) {
-    SshSession::ForwardingInfo const* const info = RemoteForwardings().Find(port);
+    SshSession::ForwardingInfo const* const info = RemoteForwardings().Find(ListeningPort(port));
     if (!info) return nullptr;
     auto const found = _targets.find({Chars(info->_host), info->_port});
     return found == _targets.end() ? nullptr : &found->second;

@@ -211,6 +211,29 @@ TEST_F(StandardForwarding, SeveralPortsThatTheServerChoseLeadToTheirTargets) {
     EXPECT_THAT(ports, testing::ElementsAre(4242u, 4243u));
 }
 
+TEST_F(StandardForwarding, ConnectionAnnouncedUnderPort0LeadsToTheTargetOfTheChosenPort) {
+    tcp::Service const target;
+    int forwarded = 4711;
+    StandardResult const result = Run(
+        [&](StandardConnection& c) {
+            c.SkipTo(GLOBAL_REQUEST);
+            c.SendPacket(Writer().U8(REQUEST_SUCCESS).U32(4242));
+            c.SendPacket(Opening("forwarded-tcpip", 500, 0));
+            c.SkipTo(CHANNEL_OPEN_CONFIRMATION);
+            tcp::End const end = target.Accept();
+            c.SendTogether(Ending());
+        },
+        [&](StandardClient& client) {
+            client.beforeLoop = [&] {
+                std::string const spec = "0:127.0.0.1:" + std::to_string(target.Port());
+                forwarded = client.session.StartRemoteForwarding(spec.c_str());
+            };
+        });
+    EXPECT_EQ(server->Error(), "");
+    EXPECT_EQ(forwarded, 0);
+    EXPECT_EQ(result.exitStatus, 0);
+}
+
 TEST_F(StandardForwarding, EachPortThatTheServerChoseCanBeCancelled) {
     std::vector<std::uint32_t> cancelled;
     std::vector<int> results;
