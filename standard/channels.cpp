@@ -269,8 +269,13 @@ bool Channels::TakeGlobalAnswer(View& message, Globals::iterator request) {
 bool Channels::TakeUnimplemented(View& message) {
     static constexpr unsigned char FAILURE = Packet::SSH_MSG_REQUEST_FAILURE;
     unsigned int const sequence = Reader(Fields(message), "UNIMPLEMENTED").Int();
-    auto request = _globals.begin();
-    while (request != _globals.end() && request->sequence != sequence) ++request;
+    auto const find = [this](unsigned int number) {
+        return std::find_if(_globals.begin(), _globals.end(),
+                            [number](Global const& global) { return global.sequence == number; });
+    };
+    auto request = find(sequence);
+    if (request == _globals.end())
+        request = find(sequence - 1); // tinyssh gives the number after the packet's
     if (request == _globals.end()) return false;
     message = View(&FAILURE, 1);
     return TakeGlobalAnswer(message, request);

@@ -317,12 +317,30 @@ TEST_F(StandardMessages, UnimplementedForAnotherPacketDoesNotAnswerAKeepalive) {
     StandardResult const result = Run(
         [](StandardConnection& c) {
             c.ExpectPacket(GLOBAL_REQUEST);
-            c.SendPacket(Writer().U8(UNIMPLEMENTED).U32(c.received.back().sequence + 1));
+            c.SendPacket(Writer().U8(UNIMPLEMENTED).U32(c.received.back().sequence + 2));
             c.ReadToTheEnd();
         },
         [](StandardClient& client) { client.dialect.SetKeepalive(1, 1); });
     EXPECT_EQ(result.outcome, "Run SshProtocolError: the server does not answer keepalives");
     EXPECT_EQ(Seen().CountReceived(GLOBAL_REQUEST), 1u);
+}
+
+TEST_F(StandardMessages, UnimplementedWithTheNumberAfterThatOfTheForwardingRefusesIt) {
+    int started = 0;
+    StandardResult const result = RunFrom(
+        [](StandardConnection& c) {
+            c.WellBehaved(Stage::Opened);
+            c.ReadChannelRequest();
+            c.ExpectPacket(GLOBAL_REQUEST);
+            c.SendPacket(Writer().U8(UNIMPLEMENTED).U32(c.received.back().sequence + 1));
+            c.SendTogether(Ending(3));
+            c.ReadToTheEnd();
+        },
+        [&](StandardClient& client) {
+            client.beforeRun = [&] { started = client.session.StartRemoteForwarding("8000:localhost:80"); };
+        });
+    EXPECT_EQ(started, -1);
+    EXPECT_EQ(result.exitStatus, 3);
 }
 
 TEST_F(StandardMessages, UnimplementedRefusesTheForwardingWithItsSequenceNumberAlone) {
