@@ -17,7 +17,7 @@ namespace {
 std::string const OK(1, '\0');
 std::string const ERROR(1, '\1');
 
-/// A dialect that keeps what it is told of the progress.
+/// A dialect that records the progress reported to it.
 class Watching : public cindral::StandardDialect {
 public:
     using StandardDialect::StandardDialect;

@@ -11,7 +11,7 @@ namespace servers {
 
 namespace {
 
-/// Up to what tells the servers apart.
+/// Up to what distinguishes the servers.
 constexpr char const* CONFIGURATION = R"(
 LoadModule mod_sftp.c
 ServerName peer
