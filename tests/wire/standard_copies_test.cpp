@@ -5,6 +5,7 @@
 #include "support/temporary_directory.h"
 #include "wire/standard_fixture.h"
 #include "wire/standard_sftp_server.h"
+#include "wire/watching_dialect.h"
 
 using namespace peer;
 using testing::Each;
@@ -14,20 +15,6 @@ namespace {
 constexpr unsigned READ = 5, WRITE = 6;
 constexpr unsigned int DEFAULT = 64;
 constexpr auto QUIET = std::chrono::milliseconds(200);
-
-class Watching : public cindral::StandardDialect {
-public:
-    using StandardDialect::StandardDialect;
-    void Progress(String_t const& name, unsigned long long done, unsigned long long total) override {
-        names.push_back(Text(name));
-        figures.push_back(done);
-        totals.push_back(total);
-    }
-
-    std::vector<std::string> names;
-    std::vector<unsigned long long> figures;
-    std::vector<unsigned long long> totals;
-};
 
 struct Direction {
     char const* name;
@@ -59,7 +46,7 @@ protected:
         if (IsUpload()) std::ofstream(local) << content;
         {
             cindral::SftpClientSession session(server->Port(), "127.0.0.1");
-            Watching dialect(session);
+            WatchingDialect dialect(session);
             if (count != DEFAULT) dialect.SetRequestsInFlight(count);
             Login(session);
             ASSERT_EQ(session.Start(), 0);

@@ -6,6 +6,7 @@
 
 #include "support/temporary_directory.h"
 #include "wire/standard_fixture.h"
+#include "wire/watching_dialect.h"
 
 using namespace peer;
 using testing::Each;
@@ -16,21 +17,6 @@ namespace {
 
 std::string const OK(1, '\0');
 std::string const ERROR(1, '\1');
-
-/// A dialect that records the progress reported to it.
-class Watching : public cindral::StandardDialect {
-public:
-    using StandardDialect::StandardDialect;
-    void Progress(String_t const& name, unsigned long long done, unsigned long long total) override {
-        names.push_back(Text(name));
-        figures.push_back(done);
-        totals.push_back(total);
-    }
-
-    std::vector<std::string> names;
-    std::vector<unsigned long long> figures;
-    std::vector<unsigned long long> totals;
-};
 
 /// The remote scp, in the hands of a script.
 class Remote {
@@ -74,7 +60,7 @@ protected:
         std::string outcome;
         {
             cindral::ScpSession session(server->Port(), "127.0.0.1");
-            Watching dialect(session);
+            WatchingDialect dialect(session);
             dialect.SetKeepModes(keepsModes);
             Login(session);
             outcome = Outcome([&] { return call(session); });
