@@ -14,18 +14,38 @@
 
 using namespace cindral::standard;
 
-TEST(Connection, WaitEndsWhenASilentServerHasTakenTheOutput) {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    std::string const line = "SSH-2.0-silent\r\n";
-    ASSERT_EQ(write(ends[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    Offer const offer;
+namespace {
+
+std::string const LINE = "SSH-2.0-silent\r\n";
+
+/// A connection whose server is the other end of a pair of sockets, and has sent its identification.
+struct IdentifiedConnection {
+    ~IdentifiedConnection() {
+        for (int const end : ends) close(end);
+    }
+
+    void Begin() {
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        ASSERT_EQ(write(ends[1], LINE.data(), LINE.size()), static_cast<ssize_t>(LINE.size()));
+        std::string server, reason;
+        Deadline const deadline(std::chrono::seconds(10));
+        ASSERT_EQ(connection.Identify(ends[0], deadline, "SSH-2.0-test", server, reason), 0);
+    }
+
+    int ends[2] = {-1, -1};
+    Offer const offer{};
     NoHostKeys hostKeys;
-    RekeyLimit const limit;
-    Connection connection(offer, hostKeys, limit);
-    std::string server, reason;
-    ASSERT_EQ(
-        connection.Identify(ends[0], Deadline(std::chrono::seconds(10)), "SSH-2.0-test", server, reason), 0);
+    RekeyLimit const limit{};
+    Connection connection{offer, hostKeys, limit};
+};
+
+} // namespace
+
+TEST(Connection, WaitEndsWhenASilentServerHasTakenTheOutput) {
+    IdentifiedConnection identified;
+    ASSERT_NO_FATAL_FAILURE(identified.Begin());
+    auto const& ends = identified.ends;
+    Connection& connection = identified.connection;
 
     constexpr std::size_t SIZE = 30000;
     for (int i = 0; i < 40; ++i) {
@@ -41,28 +61,19 @@ TEST(Connection, WaitEndsWhenASilentServerHasTakenTheOutput) {
         while (read(ends[1], piece.data(), piece.size()) > 0) {
         }
         spoke = true;
-        EXPECT_EQ(write(ends[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
+        EXPECT_EQ(write(ends[1], LINE.data(), LINE.size()), static_cast<ssize_t>(LINE.size()));
     });
     while (connection.HasPendingOutput()) connection.WaitAndFill();
     EXPECT_FALSE(spoke);
     peer.join();
-    close(ends[0]);
-    close(ends[1]);
 }
 
 TEST(Connection, BufferFullOfPacketsIsNotTheEndOfTheConnection) {
     constexpr unsigned int SIZE = 32764, PACKETS = 40; // a packet with its length field has 4 bytes more
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    std::string const line = "SSH-2.0-silent\r\n";
-    ASSERT_EQ(write(ends[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    Offer const offer;
-    NoHostKeys hostKeys;
-    RekeyLimit const limit;
-    Connection connection(offer, hostKeys, limit);
-    std::string server, reason;
-    ASSERT_EQ(
-        connection.Identify(ends[0], Deadline(std::chrono::seconds(10)), "SSH-2.0-test", server, reason), 0);
+    IdentifiedConnection identified;
+    ASSERT_NO_FATAL_FAILURE(identified.Begin());
+    auto const& ends = identified.ends;
+    Connection& connection = identified.connection;
     std::thread peer([&] {
         Writer packet;
         packet.Int(SIZE).Byte(4).Byte(80); // a global request
@@ -82,7 +93,5 @@ TEST(Connection, BufferFullOfPacketsIsNotTheEndOfTheConnection) {
         while (connection.Next(message)) ++received;
     }
     peer.join();
-    close(ends[0]);
-    close(ends[1]);
     EXPECT_EQ(received, PACKETS);
 }
